@@ -1,0 +1,28 @@
+# What `cmake --install` puts where, for users with CMake (find_package(tarvo), target tarvo::tarvo) and with pkg-config.
+# Components: library (to run programs), development (to build them), tool (the command line tool).
+
+include(CMakePackageConfigHelpers)
+
+set(TARVO_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/tarvo)
+
+install(TARGETS tarvo EXPORT tarvoTargets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT development)
+# systemd reads this folder below /usr and below /usr/local, whatever the architecture.
+install(FILES packaging/tmpfiles.d/tarvo.conf DESTINATION lib/tmpfiles.d COMPONENT library)
+install(FILES packaging/systemd/tarvo-example.service DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libtarvo1/examples
+        COMPONENT library)
+
+install(FILES include/tarvo.h include/tarvo.hpp include/tarvo_server.hpp DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+        COMPONENT development)
+install(EXPORT tarvoTargets NAMESPACE tarvo:: DESTINATION ${TARVO_CMAKE_DIR} COMPONENT development)
+
+configure_package_config_file(cmake/tarvoConfig.cmake.in ${CMAKE_CURRENT_BINARY_DIR}/tarvoConfig.cmake
+                              INSTALL_DESTINATION ${TARVO_CMAKE_DIR})
+write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/tarvoConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tarvoConfig.cmake ${CMAKE_CURRENT_BINARY_DIR}/tarvoConfigVersion.cmake
+        DESTINATION ${TARVO_CMAKE_DIR} COMPONENT development)
+
+# Relative to where the file is found, so that an installation can be moved.
+file(RELATIVE_PATH TARVO_PC_TO_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+configure_file(cmake/tarvo.pc.in ${CMAKE_CURRENT_BINARY_DIR}/tarvo.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tarvo.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)

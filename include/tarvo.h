@@ -1,0 +1,200 @@
+// tarvo: messaging between the processes of one Linux machine.
+//
+// A process names itself (by default after its own process name), may serve under that name, opens pipes to other
+// named processes, sends one-way requests or synchronous calls over them, and has its callbacks run on threads of the
+// library. There is no initialisation call: the library comes into being on first use and goes down at process exit.
+//
+// Common to all functions:
+//  - A pipe is named by its handle, a positive int. A handle is never reused within a process and is not an
+//    operating-system file descriptor.
+//  - Functions that return int return 0, or a handle for the opens, on success and a negated errno value on failure.
+//    Test for "less than zero"; the values listed at a function are those it raises itself, others are passed up from
+//    the system calls below it. -ENOMEM also stands for an allocation that failed.
+//  - All functions may be called from any thread, also from inside a callback, unless stated otherwise. None throws.
+//  - Once process exit has destroyed the library's state, every function fails softly, with -ENOENT where it returns
+//  int.
+//  - The host process must ignore SIGPIPE: sending to a process that is gone is then reported as -EPIPE.
+//  - Diagnostics go to the system log with the levels 0 to 5.
+#ifndef TARVO_H
+#define TARVO_H
+
+#include <cstdint>
+#include <functional>
+
+// How a pipe comes about; an argument of TarvoPipeTypeOpen.
+enum TarvoPipeType : int32_t {
+    TARVO_NORMAL_PIPE = 0, // both sides open the pipe by arrangement (TarvoOpen)
+    TARVO_CLIENT_PIPE = 1, // announces itself to the target's server first (TarvoCreateClient)
+    TARVO_SERVER_PIPE = 2, // opened by the server for a client that announced itself
+};
+
+// Which side creates the two FIFO files of a pipe. The two ends of one pipe use opposite modes.
+enum TarvoMode : int32_t {
+    TARVO_MODE_CLIENT = 0, // waits for the files of the remote, then opens both ends
+    TARVO_MODE_SERVER = 1, // creates the files and removes them on close; the write end follows once the remote reads
+};
+
+// Scheduling of the threads that receive from a pipe and run its callbacks.
+enum TarvoPriority : int32_t {
+    TARVO_PRIORITY_NONE = 0,   // names no scheduling class: an open or server of this priority fails with -EINVAL
+    TARVO_PRIORITY_NORMAL = 1, // time-sharing (SCHED_OTHER)
+    TARVO_PRIORITY_URGENT = 2, // real-time first in, first out at priority 50 (SCHED_FIFO, see sched(7))
+};
+
+// The operating-system domain in which the remote process lives.
+enum TarvoDomain : int32_t {
+    TARVO_DOMAIN_LOCAL = 0, // the domain of the caller
+    TARVO_DOMAIN_DP = 1,    // the "dp" domain
+    TARVO_DOMAIN_ORLA = 2,  // the "orla" domain
+};
+
+// One request. In a callback, `data` belongs to the library and is valid until the callback returns.
+struct TarvoRequest {
+    uint32_t id;   // TarvoSendRequest sends it unchanged; TarvoTimedRPCSync writes a fresh one
+    char *data;    // payload; must not be null when sent
+    uint32_t size; // payload length in bytes, 1 to 4000
+};
+
+// One response; carries the `id` of the request that it answers.
+struct TarvoResponse {
+    uint32_t id;
+    char *data;    // sent: the caller's. Filled by a synchronous call: release with DestroyResponse
+    uint32_t size; // payload length in bytes, 1 to 4000
+};
+
+// How one pipe is to be opened. The strings need to live only until the opening call returns.
+struct TarvoAttr {
+    // Name of the remote process: 1 to 100 characters, none of | ; > < ` & ( ) $ and no two dots in a row.
+    const char *targetName = nullptr;
+    // Receives each request of the pipe, on a thread of the library, with the pipe handle and the request. A null
+    // request tells that the remote has closed; the library closes the pipe when that callback returns. Until then an
+    // open to the same remote finds the dead pipe: to open a new one, call TarvoClosePipe first. May be empty: requests
+    // are then kept (up to 1000) and a remote close closes the pipe silently.
+    std::function<void(int, TarvoRequest *)> callback;
+    // Milliseconds that the open may wait for the remote. In client mode below 1 means without limit, except that a
+    // concurrent open of the same pipe is not waited for at 0.
+    int32_t timeout = 0;
+    TarvoMode mode = TARVO_MODE_CLIENT;
+    // Group that owns the FIFO files (mode 0660): processes that talk share it. 0xFFFFFFFF leaves the group as it is.
+    uint32_t gid = 0xFFFFFFFFU;
+    TarvoPriority priority = TARVO_PRIORITY_NORMAL;
+    // Name under which the remote knows this process, with the rules of `targetName`. Null: the process name.
+    const char *selfName = nullptr;
+    // Process id of the remote, for security labels; -1: unknown.
+    int32_t targetPid = -1;
+    // False: callbacks of the pipe run one after another in order of arrival. True: up to 200 at the same time.
+    bool isConcur = false;
+    TarvoDomain domain = TARVO_DOMAIN_LOCAL;
+    // Security context for labels across domains; null is taken as "".
+    const char *targetCon = nullptr;
+};
+
+// How a process serves under its name (TarvoCreateServer).
+struct TarvoServerAttr {
+    // Called once for each pipe that the server has opened for a client, on the server's thread, with the new handle
+    // and the client's name (`nameLength` bytes, not NUL-terminated). A slow callback delays further clients. May be
+    // null.
+    void (*openCallback)(int fd, const char *peerName, uint32_t nameLength) = nullptr;
+    // Request callback of every pipe that the server opens (TarvoAttr::callback). May be null.
+    void (*callback)(int fd, TarvoRequest *request) = nullptr;
+    // Group that owns the server's FIFO file; 0xFFFFFFFF leaves the group as it is.
+    uint32_t gid = 0xFFFFFFFFU;
+    TarvoPriority priority = TARVO_PRIORITY_NORMAL;
+    // Name to serve under, with the rules of TarvoAttr::targetName. Null: the process name. Must live as long as the
+    // server, which opens every pipe under it.
+    const char *selfName = nullptr;
+};
+
+extern "C" {
+
+// Opens a pipe by arrangement with the remote, which opens its own end in the opposite mode. A pipe between the same
+// two names that exists already is opened again if needed and its handle returned. A pipe whose open failed keeps its
+// handle: the next open to the same remote tries again under it, with the attributes, also the callback, that it had.
+// Blocks up to attr->timeout ms in client mode; hardly at all in server mode, where the write end is opened in the
+// background. A callback may call it, but blocks its worker meanwhile.
+// Returns the handle, or -EINVAL (an attribute was refused), -ENOENT (process exit), -ENOMEM (1024 pipes are open),
+// -ETIMEDOUT (the remote did not come in time), -ECANCELED. On failure `attr` is untouched.
+int TarvoOpen(TarvoAttr *attr);
+
+// Opens a pipe to the server that runs under attr->targetName: announces this process to it under the name
+// selfName + "_" + process id, then opens the pipe as TarvoOpen does. Use TARVO_MODE_CLIENT, since servers create the
+// files. The extended name, too, may have 100 characters at most: with a longer one the server does not open its end.
+// Returns what TarvoOpen returns, and -ENXIO when no server of that name runs.
+int TarvoCreateClient(TarvoAttr *attr);
+
+// The open with an explicit type, which the two functions above and the server use.
+int TarvoPipeTypeOpen(TarvoAttr *attr, TarvoPipeType type);
+
+// Starts this process's server: from now on clients of TarvoCreateClient reach it under its name. A process has at
+// most one. A server started later under the same name by another process replaces it for new clients.
+// Returns 0, -EINVAL (an attribute was refused), -EEXIST (already running), -ENOSPC (the thread could not be started),
+// -ENOENT (process exit, or the FIFO directory is missing), or another negated errno of the set-up. `attr` is copied,
+// but its selfName must outlive the server.
+int TarvoCreateServer(TarvoServerAttr *attr);
+
+// Sends a one-way request: one frame, one write, no waiting. `req` stays the caller's and is not changed.
+// Returns 0, -EINVAL (null or empty request, or more than 4000 bytes), -ENOENT (no such pipe), -EAGAIN (the FIFO is
+// full: the remote does not keep up), -ENXIO (the remote has not opened its end yet), -EPIPE (the remote is gone), -1
+// (the pipe is closing), -EBADF (another thread has closed the pipe during the call).
+int TarvoSendRequest(int fd, TarvoRequest *req);
+
+// Answers a request: resp->id must be the id of that request. Usually called from the callback that received it, but
+// works from any thread, also later. Results as TarvoSendRequest. `resp` stays the caller's.
+int TarvoSendResponse(int fd, TarvoResponse *resp);
+
+// Sends a request and waits for its response, at most `timeout` ms (negative: until the response comes or the pipe
+// closes). Writes a fresh id into `req`. Clears `resp`, unless the call is refused at once (-EINVAL, -ENOENT), and
+// fills it on success; its data then belongs to the caller, who releases it with DestroyResponse. A null `resp` makes
+// it a TarvoSendRequest. `resp` must stay valid until the call returns, and not longer. A callback may call it, but
+// blocks its worker, and waits in vain for an answer that another callback of the same serial pipe would have to send.
+// Returns 0, -ETIMEDOUT, -EPIPE (the pipe closed meanwhile, or is not open), -ENOMEM (1000 calls are outstanding on
+// the pipe), or what TarvoSendRequest returns. A pipe closed by another thread between the sending and the waiting
+// yields 0 with a null resp->data.
+int TarvoTimedRPCSync(int fd, TarvoRequest *req, TarvoResponse *resp, int timeout);
+
+// TarvoTimedRPCSync without a time limit.
+int TarvoRPCSync(int fd, TarvoRequest *req, TarvoResponse *resp);
+
+// Releases the data of a response that a synchronous call has filled and sets `data` to null. Null arguments and
+// responses without data are ignored.
+void DestroyResponse(TarvoResponse *resp);
+
+// Closes a pipe: no callback of it starts afterwards, callers that wait on it return -EPIPE, and the side that created
+// the FIFO files removes them. Callbacks that already run are not waited for.
+// Returns 0, also for a handle that names no pipe, or -ENOENT at process exit.
+int TarvoClosePipe(int fd);
+
+// Removes the two FIFO files of a TARVO_MODE_CLIENT pipe and leaves the pipe open. Refused, with a log line, for a
+// pipe of the other mode. Returns as TarvoClosePipe.
+int TarvoCleanPipe(int fd);
+
+// Orderly end of all communication of this process: stops the server, closes every pipe, ends all threads of the
+// library, and waits for the callbacks that run. There is no way back. Must not be called from a callback.
+void TarvoCfgFinishServer(void);
+
+// Emergency clean-up for the host's handler of a fatal signal: removes the FIFO files of all pipes and of the server.
+// Frees nothing and closes nothing. `signo` is only logged.
+void TarvoExceptionHandler(int signo);
+
+// 1 while the library can be used; 0 after TarvoCfgFinishServer and once process exit has destroyed its state.
+int TarvoServiceIsExist(void);
+
+// The domain of this process; TARVO_DOMAIN_LOCAL only when it cannot be told.
+TarvoDomain GetCurrDomain(void);
+
+// True when the FIFO files of a pipe to `domain` live in the orla directory.
+bool IsOrlaDomainPipe(const TarvoDomain &domain);
+
+// True when `domain` is neither TARVO_DOMAIN_LOCAL nor the domain of this process.
+bool IsCrossDomainPipe(const TarvoDomain &domain);
+
+// Does nothing. Every thread of the library calls it at its start; a platform may put its own in front to pin threads.
+void NuroCoreSetaffinity(void);
+
+} // extern "C"
+
+// TarvoOpen with the defaults of TarvoAttr: priority normal, serial callbacks, no group, own process name. A null
+// `callback` means none.
+int TarvoOpen(const char *targetName, void (*callback)(int, TarvoRequest *), int timeout, TarvoMode mode);
+
+#endif // TARVO_H

@@ -1,0 +1,112 @@
+#!/usr/bin/env bash
+# Installs the distribution packages that the project is built and tested with. This is the only list of them.
+set -euo pipefail
+
+usage() {
+    cat <<'TEXT'
+Usage: scripts/install-deps.sh [--list] [GROUP...]
+
+Installs what is missing of the named groups (default: base). Needs Debian 12, and root or sudo only when something is
+missing; says nothing otherwise.
+
+  base      build and test with gcc
+  clang     the clang preset, and clang's sanitizer and fuzzer runtimes
+  arm64     cross build for 64-bit Arm and its emulator
+  tools     format, tidy and include checks
+  bench     the benchmarks
+  peers     the messaging systems that the benchmarks compare with
+  packages  Debian packages, manual pages and their checks
+  abi       the check of the binary interface
+  coverage  line and branch coverage
+  all       everything above
+
+  --list    print the packages of the groups and install nothing
+TEXT
+}
+
+packages_of() {
+    case $1 in
+    base) echo g++ cmake ninja-build pkg-config libselinux1-dev libgtest-dev libgmock-dev libcli11-dev libfmt-dev \
+        nlohmann-json3-dev python3 ;;
+    clang) echo clang libclang-rt-14-dev ;;
+    # Only the cross compiler comes as a package of this machine's architecture. Headers and libraries come from the
+    # foreign one, with the loader and the C++ runtime that the tests need under emulation.
+    arm64) echo g++-aarch64-linux-gnu qemu-user-static libc6:arm64 libstdc++6:arm64 libselinux1-dev:arm64 \
+        libgtest-dev:arm64 libgmock-dev:arm64 libfmt-dev:arm64 ;;
+    tools) echo clang-format clang-tidy python3 ;;
+    bench) echo libbenchmark-dev nlohmann-json3-dev ;;
+    peers) echo libzmq3-dev libnng-dev libsystemd-dev libcapnp-dev capnproto libgrpc++-dev libprotobuf-dev \
+        protobuf-compiler protobuf-compiler-grpc ;;
+    packages) echo adduser dpkg-dev file groff-base lintian man-db mandoc systemd ;;
+    abi) echo abigail-tools ;;
+    coverage) echo gcovr ;;
+    all) for group in base clang arm64 tools bench peers packages abi coverage; do packages_of "$group"; done ;;
+    *)
+        echo "install-deps.sh: no such group: $1" >&2
+        usage >&2
+        return 2
+        ;;
+    esac
+}
+
+# True when the package is installed, in the given architecture if one is named.
+installed() {
+    [[ $(dpkg-query -W -f '${db:Status-Status}\n' "$1" 2>/dev/null) == installed* ]]
+}
+
+as_root() {
+    if [[ $EUID -eq 0 ]]; then
+        env DEBIAN_FRONTEND=noninteractive "$@"
+    elif command -v sudo >/dev/null; then
+        sudo env DEBIAN_FRONTEND=noninteractive "$@"
+    else
+        echo "install-deps.sh: needs root or sudo to run: $*" >&2
+        return 1
+    fi
+}
+
+install() {
+    local log
+    log=$(mktemp)
+    echo "Installing: $*"
+    if [[ "$*" == *:arm64* ]] && ! dpkg --print-foreign-architectures | grep -qx arm64; then
+        as_root dpkg --add-architecture arm64
+    fi
+    if ! { as_root apt-get update -q && as_root apt-get install -y -q --no-install-recommends "$@"; } >"$log" 2>&1; then
+        cat "$log" >&2
+        rm -f "$log"
+        echo "install-deps.sh: could not install: $*" >&2
+        return 1
+    fi
+    rm -f "$log"
+}
+
+main() {
+    local list_only=false groups=() wanted=() missing=() names package
+    for argument in "$@"; do
+        case $argument in
+        -h | --help) usage && return 0 ;;
+        --list) list_only=true ;;
+        *) groups+=("$argument") ;;
+        esac
+    done
+    for group in "${groups[@]:-base}"; do
+        names=$(packages_of "$group") || return 2
+        # shellcheck disable=SC2206 # package names hold no blanks or patterns
+        wanted+=($names)
+    done
+    if $list_only; then
+        printf '%s\n' "${wanted[@]}"
+        return 0
+    fi
+    if ! command -v apt-get >/dev/null; then
+        echo "install-deps.sh: not a Debian system; install the counterparts of: ${wanted[*]}" >&2
+        return 0
+    fi
+    for package in "${wanted[@]}"; do
+        installed "$package" || missing+=("$package")
+    done
+    [[ ${#missing[@]} -eq 0 ]] || install "${missing[@]}"
+}
+
+main "$@"

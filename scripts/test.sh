@@ -1,0 +1,100 @@
+#!/usr/bin/env bash
+# Builds the project and runs its tests: one command from a fresh clone to CTest's verdict.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+. scripts/lib.sh
+
+usage() {
+    cat <<'TEXT'
+Usage: scripts/test.sh [PRESET...] [-- CTEST_ARGUMENT...]
+
+Installs what is missing, configures, builds and tests each preset (default: release): release, debug, asan, tsan,
+clang, coverage, arm64. Arguments after -- go to ctest, whose output is then shown whole:
+
+  scripts/test.sh tsan -- -R unit_fifo --repeat until-fail:100
+TEXT
+}
+
+groups_of() {
+    case $1 in
+    clang) echo base clang ;;
+    arm64) echo base arm64 ;;
+    coverage) echo base coverage ;;
+    *) echo base ;;
+    esac
+}
+
+# Lets the kernel run arm64 programs through the emulator, as a booted system with systemd does by itself: tests start
+# other programs. CTest needs no such help for the tests themselves, so a machine that refuses it runs most of them.
+prepare_emulation() {
+    local misc=/proc/sys/fs/binfmt_misc as_root=()
+    [[ $(uname -m) != aarch64 && ! -e $misc/qemu-aarch64 ]] || return 0
+    [[ $EUID -eq 0 ]] || as_root=(sudo -n)
+    if [[ -e $misc/register ]] || "${as_root[@]}" mount -t binfmt_misc binfmt_misc $misc 2>/dev/null; then
+        "${as_root[@]}" tee $misc/register </usr/lib/binfmt.d/qemu-aarch64.conf >/dev/null 2>&1 && return 0
+    fi
+    echo "test.sh: the kernel does not start arm64 programs here; tests that start others will fail" >&2
+}
+
+# Runs a command that matters only when it fails: its output goes to a file, and from there to the terminal.
+quietly() {
+    local log=$1
+    shift
+    if ! "$@" >"$log" 2>&1; then
+        cat "$log" >&2
+        return 1
+    fi
+}
+
+configure_and_build() {
+    local preset=$1
+    mkdir -p "build/$preset"
+    quietly "build/$preset/configure.log" cmake --preset "$preset" $(cache_option) || return 1
+    if [[ -t 1 ]]; then
+        cmake --build --preset "$preset"
+    else
+        quietly "build/$preset/build.log" cmake --build --preset "$preset"
+    fi
+}
+
+run_tests() {
+    local preset=$1 prefix
+    shift
+    prefix=$(without_randomisation "$preset")
+    if [[ $# -gt 0 ]]; then
+        $prefix ctest --preset "$preset" "$@"
+    elif [[ -t 1 ]]; then
+        $prefix ctest --preset "$preset" --progress
+    else
+        # Whatever is not the start or the success of one test: failures with their output, and the closing lines.
+        $prefix ctest --preset "$preset" 2>&1 |
+            awk '!/^ *Start +[0-9]+: / && !/^ *[0-9]+\/[0-9]+ Test +#[0-9]+: .* +Passed +[0-9.]+ sec$/ && NF'
+    fi
+}
+
+main() {
+    local presets=() groups
+    while [[ $# -gt 0 ]]; do
+        case $1 in
+        -h | --help) usage && return 0 ;;
+        --)
+            shift
+            break
+            ;;
+        -*) usage >&2 && return 2 ;;
+        *) presets+=("$1") ;;
+        esac
+        shift
+    done
+    scripts/fifo-directory.sh
+    for preset in "${presets[@]:-release}"; do
+        groups=$(groups_of "$preset")
+        # shellcheck disable=SC2086 # a list of words
+        scripts/install-deps.sh $groups
+        [[ $preset != arm64 ]] || prepare_emulation
+        configure_and_build "$preset"
+        run_tests "$preset" "$@"
+    done
+}
+
+main "$@"

@@ -1,0 +1,187 @@
+#include "api/EnvManager.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+constexpr char BUILD_HOST_NAME[] = "dp";
+constexpr char FIFO_PREFIX[] = "/dev/shm/velm/tarvo/";
+constexpr char ORLA_FIFO_DIR_PREFIX[] = "/local";
+constexpr char VELM_LIB_PATH[] = "/usr/lib64/libvelm.so.1";
+constexpr char PROCESS_MANAGER_COMM[] = "process-manager";
+constexpr char PROCESS_MANAGER_NAME[] = "PROCMGR";
+constexpr char ENV_PROC_NAME[] = "PROC_NAME";
+constexpr char ENV_STATUS[] = "VELM_STATUS";
+constexpr char ENV_PRELOAD[] = "LD_PRELOAD";
+constexpr char ENV_LIB_PATH[] = "VELM_LIB_PATH";
+constexpr char ENV_RUN_MODE[] = "KELDOR_RUN_MODE";
+constexpr char WHITESPACE[] = " \t\n\v\f\r";
+constexpr std::size_t MAX_COMM_LENGTH = 16;
+constexpr std::size_t COMM_BUFFER_SIZE = 128;
+
+bool Contains(const std::string &text, const char *part) { return text.find(part) != std::string::npos; }
+
+// Never destroyed: threads may still ask while statics die.
+struct EnvState {
+    Mutex mutex;
+    std::once_flag procNameOnce;
+    std::string runMode;
+    // Set once runMode is final, so that later readers need no lock.
+    std::atomic<bool> runModeKnown{false};
+};
+
+EnvState &State() {
+    static auto *const state = new EnvState;
+    return *state;
+}
+
+} // namespace
+
+char EnvManager::procName[PROC_NAME_SIZE] = "";
+
+Mutex &EnvManager::Instance() { return State().mutex; }
+
+const char *EnvManager::ProcName() {
+    std::call_once(State().procNameOnce, ResolveProcName);
+    return procName;
+}
+
+void EnvManager::ResolveProcName() {
+    MutexLock lock(Instance());
+    if (procName[0] != '\0') {
+        return;
+    }
+    if (const char *name = std::getenv(ENV_PROC_NAME)) {
+        CopyProcName(name);
+    } else {
+        EnableDefaultProcName();
+    }
+}
+
+int EnvManager::SetProcName(const std::string &name) {
+    // A name with an embedded terminator ends there, as for any C string copy.
+    return CopyProcName(name.c_str());
+}
+
+// Neither this nor anything else on the way to the name allocates: log lines carry it, also when memory has run out.
+int EnvManager::CopyProcName(const char *name) {
+    const std::size_t length = strnlen(name, PROC_NAME_SIZE);
+    if (length >= PROC_NAME_SIZE) {
+        procName[0] = '\0';
+        return ERANGE;
+    }
+    std::memcpy(procName, name, length + 1);
+    return 0;
+}
+
+void EnvManager::EnableDefaultProcName() {
+    char text[COMM_BUFFER_SIZE];
+    std::snprintf(text, sizeof(text), "/proc/%d/comm", getpid());
+    const int fd = open(text, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return;
+    }
+    const ssize_t size = read(fd, text, sizeof(text) - 1);
+    close(fd);
+    text[size > 0 ? size : 0] = '\0';
+
+    char *word = text + std::strspn(text, WHITESPACE);
+    word[std::strcspn(word, WHITESPACE)] = '\0';
+    if (std::strlen(word) <= MAX_COMM_LENGTH) {
+        CopyProcName(std::strcmp(word, PROCESS_MANAGER_COMM) == 0 ? PROCESS_MANAGER_NAME : word);
+    }
+}
+
+int EnvManager::HostName() {
+    const std::string name = BUILD_HOST_NAME;
+    if (name == "dp") {
+        return 1;
+    }
+    return name == "orla" ? 2 : 1;
+}
+
+bool EnvManager::IsOrlaDomain() { return HostName() == 2; }
+
+std::string EnvManager::FifoPrefix() { return FIFO_PREFIX; }
+
+std::string EnvManager::OrlaFifoDirPrefix() { return ORLA_FIFO_DIR_PREFIX; }
+
+std::string EnvManager::GetLocalDomainName() { return std::string(BUILD_HOST_NAME) + ":"; }
+
+std::string EnvManager::GetRunMode() {
+    EnvState &state = State();
+    if (state.runModeKnown.load(std::memory_order_acquire)) {
+        return state.runMode;
+    }
+    MutexLock lock(Instance());
+    if (state.runMode.empty()) {
+        if (const char *mode = std::getenv(ENV_RUN_MODE)) {
+            state.runMode = mode;
+        }
+        state.runModeKnown.store(!state.runMode.empty(), std::memory_order_release);
+    }
+    return state.runMode;
+}
+
+int EnvManager::CheckVelmlibPath(const std::string &path) {
+    constexpr std::size_t maxLength = 4096;
+    if (path.size() > maxLength) {
+        return -ENAMETOOLONG;
+    }
+    return Contains(path, VELM_LIB_PATH) ? 0 : -EINVAL;
+}
+
+bool EnvManager::CheckEnvPreparation() {
+    MutexLock lock(Instance());
+    if (std::getenv(ENV_PROC_NAME) == nullptr) {
+        return false;
+    }
+    if (std::getenv(ENV_STATUS) != nullptr) {
+        return true;
+    }
+    const char *preload = std::getenv(ENV_PRELOAD);
+    return preload != nullptr && Contains(preload, VELM_LIB_PATH);
+}
+
+int EnvManager::SetEnv(const std::string &key, const std::string &value) {
+    if (unsetenv(key.c_str()) != 0 || setenv(key.c_str(), value.c_str(), 0) != 0) {
+        return -errno;
+    }
+    if (key == ENV_PROC_NAME) {
+        SetProcName(value);
+    }
+    return 0;
+}
+
+int EnvManager::UpdateLdPreload() {
+    const char *preload = std::getenv(ENV_PRELOAD);
+    const std::string current = preload != nullptr ? preload : "";
+    if (Contains(current, VELM_LIB_PATH)) {
+        return 0;
+    }
+    std::string entry = VELM_LIB_PATH;
+    if (const char *path = std::getenv(ENV_LIB_PATH)) {
+        entry = path;
+        const int ret = CheckVelmlibPath(entry);
+        if (ret != 0) {
+            return ret;
+        }
+    }
+    return SetEnv(ENV_PRELOAD, entry + " " + current);
+}
+
+int EnvManager::EnvInit(const std::string &name) {
+    MutexLock lock(Instance());
+    int ret = SetEnv(ENV_PROC_NAME, name);
+    if (ret == 0) {
+        ret = SetEnv(ENV_STATUS, "READY");
+    }
+    return ret == 0 ? UpdateLdPreload() : ret;
+}

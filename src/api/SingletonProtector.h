@@ -1,0 +1,53 @@
+#ifndef TARVO_API_SINGLETONPROTECTOR_H
+#define TARVO_API_SINGLETONPROTECTOR_H
+
+#include <memory>
+#include <new>
+#include <utility>
+
+#include "api/Mutex.h"
+
+// Keeps a reference in storage that is never destroyed: for process-wide objects in a forked child that exits, to whose
+// threads, files and descriptors it has no right. Once for each T.
+template <typename T>
+void KeepForever(std::shared_ptr<T> object) {
+    using Reference = std::shared_ptr<T>;
+    alignas(Reference) static unsigned char storage[sizeof(Reference)];
+    new (storage) Reference(std::move(object));
+}
+
+// Guards a process-wide object so that callers during process exit get an empty reference instead of a dangling one.
+// Owns: nothing (a weak reference). Threads: any. Locks: `lock` orders `alive` against readers. Ends: as a static that
+// is built after the guarded object's owner, and so destroyed before it.
+template <typename T>
+class SingletonProtector {
+public:
+    explicit SingletonProtector(const std::shared_ptr<T> &object) : instance(object) {}
+
+    ~SingletonProtector() {
+        Disable();
+        instance.reset();
+    }
+
+    SingletonProtector(const SingletonProtector &) = delete;
+    SingletonProtector &operator=(const SingletonProtector &) = delete;
+
+    // A strong reference to the object, or an empty one once it is going away.
+    std::shared_ptr<T> Get() EXCLUDES(lock) {
+        ReadLock guard(lock);
+        return alive ? instance.lock() : nullptr;
+    }
+
+    // From now on Get() yields nothing. Waits for readers that are in the middle of it.
+    void Disable() EXCLUDES(lock) {
+        WriteLock guard(lock);
+        alive = false;
+    }
+
+private:
+    bool alive GUARDED_BY(lock) = true;
+    std::weak_ptr<T> instance;
+    SharedMutex lock;
+};
+
+#endif // TARVO_API_SINGLETONPROTECTOR_H

@@ -1,0 +1,172 @@
+#include "diag/velm_syslog.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdarg>
+#include <ctime>
+#include <functional>
+#include <new>
+#include <string>
+
+#include "api/EnvManager.h"
+#include "api/SingletonProtector.h"
+#include "diag/bounded.h"
+
+namespace {
+
+constexpr int LAST_WRITTEN_LEVEL = LOG_NOTICE;
+constexpr int LAST_UNRESTRAINED_TYPE = LOG_TYPE_HEARTBEAT;
+constexpr int LAST_TYPE = LOG_TYPE_HEARTBEAT_RESTRAINED;
+constexpr int64_t RESTRAINED_SECONDS = 600;
+constexpr std::size_t LINE_SIZE = 256;
+constexpr std::size_t STAMP_SIZE = 32;
+constexpr char UNFORMATTABLE[] = "F";
+
+using LineBuffer = std::array<char, LINE_SIZE>;
+using StampBuffer = std::array<char, STAMP_SIZE>;
+
+constexpr std::array<const char *, 8> LABELS = {"VELM", "TARVO", "FAULTEVENT", "HEARTBEAT",
+                                                "VELM", "TARVO", "FAULTEVENT", "HEARTBEAT"};
+
+// Never destroyed: threads log while statics die.
+Mutex &LogMutex() {
+    static auto *const mutex = new Mutex;
+    return *mutex;
+}
+
+// Appends the decimal digits of `number`, least significant first and without the most significant one. The loss is
+// intended: it decides which lines of a file share a limit (1 to 9 do, and so do 123 and 223).
+bool AppendDigits(LineBuffer &text, uint64_t number) {
+    std::size_t used = strnlen(text.data(), text.size());
+    for (; number > 9; number /= 10) {
+        if (used + 1 >= text.size()) {
+            return false;
+        }
+        text[used++] = static_cast<char>('0' + number % 10);
+        text[used] = '\0';
+    }
+    return true;
+}
+
+// Whether the call site (thread, line digits, file) may write a restrained line now.
+bool MayWriteRestrained(int line, const char *file) {
+    LineBuffer key{};
+    const bool built = AppendDigits(key, static_cast<uint64_t>(pthread_self())) &&
+                       AppendDigits(key, static_cast<uint64_t>(static_cast<int64_t>(line))) && file != nullptr &&
+                       strcat_s(key.data(), key.size(), file) == 0;
+    if (!built) {
+        return false;
+    }
+    try {
+        const std::size_t hash = std::hash<std::string>{}(key.data());
+        const std::shared_ptr<ZoVelm::VelmRestrainedLog> limiter = ZoVelm::VelmRestrainedLog::GetInstance(true);
+        return limiter && limiter->PrintTableInsert(hash) == 0;
+    } catch (const std::bad_alloc &) {
+        // A line that the limiter cannot remember could flood the log.
+        return false;
+    }
+}
+
+StampBuffer TimeStamp() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    const auto seconds = static_cast<time_t>(static_cast<int32_t>(now.tv_sec));
+    tm local{};
+    localtime_r(&seconds, &local);
+    StampBuffer clock{};
+    StampBuffer stamp{};
+    if (std::strftime(clock.data(), clock.size(), "%T", &local) == 0 ||
+        snprintf_s(stamp.data(), stamp.size(), stamp.size() - 1, "%s.%06d", clock.data(),
+                   static_cast<int>(now.tv_nsec / 1000)) < 0) {
+        strcpy_s(stamp.data(), stamp.size(), UNFORMATTABLE);
+    }
+    return stamp;
+}
+
+// Writes the header into the empty `text` and returns its length; 0 when there is none.
+std::size_t BuildHeader(LineBuffer &text, VELMLogType type, int line, const char *file) {
+    if (type > LAST_TYPE || type < 0) {
+        return 0;
+    }
+    const int length = snprintf_s(text.data(), text.size(), text.size() - 1, "[%s][%s][%s][%d][%lu][%s:%d] ",
+                                  LABELS.at(static_cast<std::size_t>(type)), EnvManager::ProcName(), TimeStamp().data(),
+                                  getpid(), pthread_self(), file != nullptr ? file : "UnknowFile", line);
+    return length < 0 ? 0 : static_cast<std::size_t>(length);
+}
+
+} // namespace
+
+void VelmSyslog(VELMLogType type, int level, int line, const char *file, const char *format, ...) {
+    if (level > LAST_WRITTEN_LEVEL) {
+        return;
+    }
+    const int savedErrno = errno;
+    if (type > LAST_UNRESTRAINED_TYPE && !MayWriteRestrained(line, file)) {
+        errno = savedErrno;
+        return;
+    }
+
+    MutexLock lock(LogMutex());
+    LineBuffer message{};
+    std::va_list args;
+    va_start(args, format);
+    const int formatted = vsnprintf_s(message.data(), message.size(), message.size() - 1, format, args);
+    va_end(args);
+    if (formatted < 0) {
+        strcpy_s(message.data(), message.size(), UNFORMATTABLE);
+    }
+
+    LineBuffer text{};
+    const std::size_t header = BuildHeader(text, type, line, file);
+    // One byte less than there is room for: a line never fills the last place before the terminator.
+    const std::size_t room = text.size() - 1 - header;
+    if (room > 0) {
+        message[room - 1] = '\0';
+        strcpy_s(text.data() + header, text.size() - header, message.data());
+    }
+    text.back() = '\0';
+    syslog(level, "%s", text.data());
+    errno = savedErrno;
+}
+
+void VelmLogGetInstance(bool enable) {
+    try {
+        ZoVelm::VelmRestrainedLog::GetInstance(enable);
+    } catch (const std::bad_alloc &) {
+        // Nothing of ours throws into the host process. The limiter is then made by its next use.
+    }
+}
+
+namespace ZoVelm {
+
+VelmRestrainedLog::~VelmRestrainedLog() { destroyed = true; }
+
+std::shared_ptr<VelmRestrainedLog> VelmRestrainedLog::GetInstance(bool enable) {
+    static const std::shared_ptr<VelmRestrainedLog> instance = std::make_shared<VelmRestrainedLog>();
+    static SingletonProtector<VelmRestrainedLog> protector(instance);
+    if (!enable) {
+        protector.Disable();
+        return nullptr;
+    }
+    return protector.Get();
+}
+
+int VelmRestrainedLog::PrintTableInsert(unsigned long key) {
+    if (destroyed) {
+        return -1;
+    }
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    MutexLock lock(tableMutex);
+    const auto found = printTable.find(key);
+    if (found != printTable.end() && found->second >= 0 && now.tv_sec - found->second < RESTRAINED_SECONDS) {
+        return -1;
+    }
+    printTable[key] = now.tv_sec;
+    return 0;
+}
+
+} // namespace ZoVelm

@@ -1,0 +1,15 @@
+// What kind of file a path names, links not followed.
+#ifndef TARVO_FIFO_CHECK_FILE_ATTR_H
+#define TARVO_FIFO_CHECK_FILE_ATTR_H
+
+#include <sys/stat.h>
+
+#include <string>
+
+// Fills `state` with what is at `path` itself (lstat). 0 or a negated errno, with `state` cleared. Any thread.
+int GetFileState(const std::string &path, struct stat &state);
+
+// 0 when `path` is anything but a symbolic link, -EINVAL when it is one, or the negated errno of lstat. Any thread.
+int IsLink(const std::string &path);
+
+#endif // TARVO_FIFO_CHECK_FILE_ATTR_H

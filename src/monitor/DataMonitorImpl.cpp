@@ -1,0 +1,319 @@
+#include "monitor/DataMonitorImpl.h"
+
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <system_error>
+#include <utility>
+
+#include "diag/run_time_record.h"
+#include "diag/velm_syslog.h"
+#include "fifo/velm_fifo.h"
+
+namespace {
+
+constexpr char LOG_TAG[] = "DataMonitorImpl";
+constexpr int MAX_EVENTS = 1024;
+
+// What stops the thread when it is read from the eventfd.
+uint64_t ExitMessage() { return static_cast<uint64_t>(getpid() | 0xA1B2); }
+
+} // namespace
+
+int DataMonitorImpl::Init(const TarvoPriority &priority, int exitId, const DataMonitorType &monitorType) {
+    type = monitorType;
+    epollFd = epoll_create(1);
+    if (epollFd < 0) {
+        const int error = -errno;
+        TARVO_LOG(LOG_ERR, "Create epoll instance failed, err = %d, errno = %d", epollFd, error);
+        Destroy();
+        return error;
+    }
+    int ret = AddEventFd(exitId);
+    if (ret < 0) {
+        TARVO_LOG(LOG_ERR, "Create epoll instance failed, err = %d", ret);
+        Destroy();
+        return ret;
+    }
+    exitIdx = exitId;
+    if (recvThread.Joinable()) {
+        return 0;
+    }
+    ret = StartThread();
+    if (ret != 0) {
+        Destroy();
+        return ret;
+    }
+    ret = recvThread.SetRTType(priority);
+    if (ret != 0) {
+        TARVO_LOG(LOG_ERR, "Set thread priority failed, type = %d, ret = %d", priority, ret);
+        Destroy();
+        return ret;
+    }
+    return 0;
+}
+
+int DataMonitorImpl::AddEventFd(int exitId) {
+    eventFd = eventfd(0, EFD_NONBLOCK);
+    if (eventFd < 0) {
+        const int error = errno;
+        TARVO_LOG(LOG_ERR, "Create eventFd failed, errno = %d", error);
+        return -error;
+    }
+    return AddFdToEpoll(epollFd, eventFd, exitId, EPOLLIN);
+}
+
+int DataMonitorImpl::StartThread() {
+    try {
+        events = std::make_unique<epoll_event[]>(MAX_EVENTS);
+        recvThread.Create(&DataMonitorImpl::RecvRoutine, this);
+    } catch (const std::system_error &error) {
+        TARVO_LOG(LOG_ERR, "start RecThread failed, system error: %s.", error.what());
+        return -ENOSPC;
+    } catch (...) {
+        TARVO_LOG(LOG_ERR, "start RecThread failed.");
+        return -ENOSPC;
+    }
+    return 0;
+}
+
+int DataMonitorImpl::Add(int pipeIdx, int readFd, std::shared_ptr<TarvoPipeImpl> pipe) {
+    MutexLock lock(mutex);
+    if (table.find(pipeIdx) != table.end()) {
+        return 0;
+    }
+    // Before the table knows the pipe: an event that comes at once waits for the mutex before it looks the pipe up.
+    const int ret = AddFd(pipeIdx, readFd);
+    if (ret < 0) {
+        TARVO_LOG(LOG_ERR, "DataMonitorImpl AddFd failed. pipeIdx = %d, readFd = %d.", pipeIdx, readFd);
+        return ret;
+    }
+    AddNewItemToTable(pipeIdx, readFd, pipe);
+    if (!GetPipe(pipeIdx)) {
+        const int removed = RemoveFd(readFd);
+        TARVO_LOG(LOG_ERR, "DataMonitorImpl AddItemToTable failed. pipeIdx = %d, readFd = %d, removeFd ret %d", pipeIdx,
+                  readFd, removed);
+        return -ENOMEM;
+    }
+    const int watched = WatchWriteEnd(pipeIdx);
+    if (watched < 0) {
+        RemoveFd(readFd);
+        table.erase(pipeIdx);
+        return watched;
+    }
+    TARVO_LOG(LOG_INFO, "DataMonitorImpl Add. pipeIdx = %d, readFd = %d.", pipeIdx, readFd);
+    return 0;
+}
+
+int DataMonitorImpl::WatchWriteEnd(int pipeIdx) {
+    PipeIdxMgrImpl &entry = table.at(pipeIdx);
+    const int writeFd = entry.pipe->LoneWriteFd();
+    if (writeFd < 0) {
+        return 0;
+    }
+    const int ret = AddFdToEpoll(epollFd, writeFd, pipeIdx, EPOLLONESHOT);
+    if (ret == 0) {
+        entry.writeFd = writeFd;
+    }
+    return ret;
+}
+
+int DataMonitorImpl::AddFd(int pipeIdx, int readFd) { return AddFdToEpoll(epollFd, readFd, pipeIdx, EPOLLIN); }
+
+int DataMonitorImpl::RemoveFd(int readFd) const { return RemoveFdFromEpoll(epollFd, readFd); }
+
+void DataMonitorImpl::AddNewItemToTable(int pipeIdx, int readFd, const std::shared_ptr<TarvoPipeImpl> &pipe) {
+    try {
+        table.emplace(pipeIdx, PipeIdxMgrImpl{pipeIdx, readFd, pipe, -1});
+    } catch (const std::bad_alloc &) {
+        // Add() finds the entry missing, and takes the descriptor out again.
+        return;
+    }
+}
+
+int DataMonitorImpl::Remove(int pipeIdx) {
+    // Released after the mutex: the last reference closes the pipe.
+    std::shared_ptr<TarvoPipeImpl> removed;
+    MutexLock lock(mutex);
+    const auto found = table.find(pipeIdx);
+    if (found == table.end()) {
+        TARVO_LOG(LOG_INFO, "Find pipe(%d) in minitorTable unfinished", pipeIdx);
+        return -ENOENT;
+    }
+    const int readFd = found->second.readFd;
+    TARVO_LOG(LOG_INFO, "Find pipe(%d) pipeReadFd(%d) in minitorTable.", pipeIdx, readFd);
+    const int ret = RemoveFd(readFd);
+    if (ret < 0) {
+        TARVO_LOG_RESTRAINED(LOG_ERR, "DataMonitorImpl RemoveFd unfinished. pipeIdx = %d, readFd = %d, ret = %d.",
+                             pipeIdx, readFd, ret);
+        return ret;
+    }
+    if (found->second.writeFd >= 0) {
+        RemoveFd(found->second.writeFd);
+    }
+    removed = std::move(found->second.pipe);
+    table.erase(found);
+    return 0;
+}
+
+std::shared_ptr<TarvoPipeImpl> DataMonitorImpl::GetPipe(int pipeIdx) const {
+    const auto found = table.find(pipeIdx);
+    if (found == table.end()) {
+        TARVO_LOG_RESTRAINED(LOG_ERR, "Find pipe(%d) in minitorTable unfinished, table size = %lu.", pipeIdx,
+                             table.size());
+        return nullptr;
+    }
+    if (!found->second.pipe) {
+        TARVO_LOG_RESTRAINED(LOG_ERR, "Find pipe(%d) is nullptr in DataMonitorImpl::GetPipe.", pipeIdx);
+    }
+    return found->second.pipe;
+}
+
+bool DataMonitorImpl::IsDataMonitorRemoteMode() const { return type >= 3 && type <= 5; }
+
+void DataMonitorImpl::Destroy() {
+    NotifyDataMonitorExit();
+    TARVO_LOG(LOG_INFO, "Waiting recevie thread to join");
+    try {
+        if (recvThread.Joinable()) {
+            TARVO_LOG(LOG_DEBUG, "start recv thread join");
+            recvThread.Join();
+        }
+    } catch (const std::system_error &error) {
+        TARVO_LOG(LOG_ERR, "Join recv routine failed, system error: %s.", error.what());
+    } catch (...) {
+        TARVO_LOG(LOG_ERR, "Join recv routine failed.");
+    }
+    for (int *fd : {&epollFd, &eventFd}) {
+        if (*fd != -1) {
+            close(*fd);
+            *fd = -1;
+        }
+    }
+}
+
+void DataMonitorImpl::NotifyDataMonitorExit() {
+    const uint64_t msg = ExitMessage();
+    const ssize_t ret = write(eventFd, &msg, sizeof(msg));
+    if (ret == static_cast<ssize_t>(sizeof(msg))) {
+        TARVO_LOG(LOG_INFO, "NotifyDataMonitorExit (EVENTS_IN) success: ret = %ld.", ret);
+    } else {
+        TARVO_LOG(LOG_ERR, "NotifyDataMonitorExit (EVENTS_IN) failed: ret = %ld, errno = %d.", ret, errno);
+        StopWithoutMessage();
+    }
+}
+
+void DataMonitorImpl::StopWithoutMessage() {
+    if (!recvThread.Joinable()) {
+        return;
+    }
+    stopping = true;
+    // The thread sleeps without a time limit. An eventfd that has not been written is ready to be, which ends that
+    // sleep.
+    epoll_event writable{};
+    writable.events = EPOLLIN | EPOLLOUT;
+    writable.data.fd = exitIdx;
+    epoll_ctl(epollFd, EPOLL_CTL_MOD, eventFd, &writable);
+}
+
+bool DataMonitorImpl::ClearEventFd() const {
+    if (eventFd == -1) {
+        return true;
+    }
+    uint64_t msg = 0;
+    const ssize_t ret = read(eventFd, &msg, sizeof(msg));
+    // errno comes first, whatever the read returned: intended, and only the log line depends on it.
+    if (errno == EAGAIN) {
+        TARVO_LOG(LOG_NOTICE, "EventFd already cleared: ret = %ld.", ret);
+    } else if (ret != static_cast<ssize_t>(sizeof(msg))) {
+        TARVO_LOG(LOG_WARNING, "Read eventFd failed: ret = %ld, msg = %lu, errno = %d.", ret, msg, errno);
+    } else {
+        TARVO_LOG(LOG_INFO, "Read eventFd success: ret = %ld.", ret);
+    }
+    if (msg != ExitMessage()) {
+        TARVO_LOG(LOG_WARNING, "Read unknown eventMsg: ret = %ld, msg = %lu, errno = %d.", ret, msg, errno);
+        return false;
+    }
+    return true;
+}
+
+int DataMonitorImpl::Monitor(const std::unique_ptr<epoll_event[]> &ready, int maxEvents) {
+    // The wait is the only place where the thread can be cancelled.
+    int previous = 0;
+    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &previous);
+    const int nfds = epoll_wait(epollFd, ready.get(), maxEvents, -1);
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous);
+    return nfds;
+}
+
+void DataMonitorImpl::PrepareThread() {
+    if (prctl(PR_SET_NAME, threadName) != 0) {
+        TARVO_LOG(LOG_INFO, "Set monitor thread name unfinished, errno = %d", errno);
+    }
+    NuroCoreSetaffinity();
+    int previous = 0;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous);
+    TARVO_LOG(LOG_INFO, "DataMonitorImpl RecvRoutine fired");
+}
+
+void DataMonitorImpl::RecvRoutine() {
+    PrepareThread();
+    Tarvo::EpollTimeRecord record;
+    record.epollWaitT = static_cast<int64_t>(Tarvo::GetCurrentTime());
+    bool stop = false;
+    while (!stop) {
+        const int nfds = Monitor(events, MAX_EVENTS);
+        const int error = errno;
+        record.epollRecvT = static_cast<int64_t>(Tarvo::GetCurrentTime());
+        record.eventNum = nfds;
+        TARVO_LOG(LOG_INFO, "Monitor enter, nfds = %d.", nfds);
+        if (nfds < 1 || nfds > MAX_EVENTS) {
+            if (nfds >= 1 || error != EINTR) {
+                TARVO_LOG_RESTRAINED(LOG_ERR, "Monitor failed, ret = %d, errno(%d): %s", nfds, error, strerror(error));
+            }
+            continue;
+        }
+        // The whole batch, also past the request to stop: what arrived together with it is still delivered.
+        for (int i = 0; i < nfds; ++i) {
+            stop = HandleEvent(events[static_cast<std::size_t>(i)], i, record) || stop;
+        }
+    }
+    TARVO_LOG(LOG_NOTICE, "DataMonitorImpl RecvRoutine end");
+    events.reset();
+}
+
+bool DataMonitorImpl::HandleEvent(const epoll_event &event, int i, Tarvo::EpollTimeRecord &record) {
+    const int pipeIdx = event.data.fd;
+    const auto position = static_cast<unsigned long>(i);
+    TARVO_LOG(LOG_INFO, "Monitor recived event, i = %lu, pipeIdx = %d.", position, pipeIdx);
+    if (pipeIdx > 0 && pipeIdx == exitIdx) {
+        return ClearEventFd() || stopping;
+    }
+    std::shared_ptr<TarvoPipeImpl> pipe;
+    {
+        MutexLock lock(mutex);
+        pipe = GetPipe(pipeIdx);
+        if (!pipe) {
+            TARVO_LOG_RESTRAINED(LOG_ERR, "DataMonitorImpl RecvRoutine pipe == nullptr, i=%lu, pipeIdx=%d, events=%u.",
+                                 position, pipeIdx, event.events);
+            return false;
+        }
+    }
+    record.eventIdx = i + 1;
+    epoll_event seen = event;
+    if ((seen.events & EPOLLERR) != 0) {
+        // From the write end; the read end of a FIFO has no such event.
+        seen.events = pipe->HasSilentReadEnd() ? static_cast<uint32_t>(EPOLLHUP) : 0U;
+    }
+    pipe->HandleEvent(seen, record);
+    if ((seen.events & EPOLLHUP) != 0) {
+        // The end of all pipes closes them while they are still watched: not in the middle of this removal.
+        ReadLock use(pipe->DescriptorUse());
+        Remove(pipeIdx);
+    }
+    return false;
+}

@@ -1,0 +1,84 @@
+#ifndef TARVO_MONITOR_DATAMONITORIMPL_H
+#define TARVO_MONITOR_DATAMONITORIMPL_H
+
+#include <sys/epoll.h>
+
+#include <atomic>
+#include <map>
+#include <memory>
+
+#include "api/Mutex.h"
+#include "pipe/TarvoPipeImpl.h"
+#include "pipe/TimeRecords.h"
+#include "tarvo.h"
+#include "worker/tarvo_thread.h"
+
+// One receive thread with its epoll set: waits on the read ends of many pipes and hands each event to its pipe.
+// Owns: the thread, the epoll instance, the eventfd that stops the thread, and a reference to every registered pipe.
+// Threads: any may add and remove; the receive thread removes pipes that hung up. Locks: mutex, never held while a pipe
+// handles an event or is destroyed. Ends: Destroy() before destruction.
+class DataMonitorImpl {
+public:
+    explicit DataMonitorImpl(const char *name) : threadName(name) {}
+    ~DataMonitorImpl() = default;
+    DataMonitorImpl(const DataMonitorImpl &) = delete;
+    DataMonitorImpl &operator=(const DataMonitorImpl &) = delete;
+
+    // Starts the thread. `exitId` is the epoll user data of the stop event: positive, and never a pipe's index.
+    // 0 or a negated errno, then with everything closed again.
+    int Init(const TarvoPriority &priority, int exitId, const DataMonitorType &monitorType);
+    // Watches the read end of a pipe under its handle; 0 (also when the index is known already) or a negated errno.
+    int Add(int pipeIdx, int readFd, std::shared_ptr<TarvoPipeImpl> pipe) EXCLUDES(mutex);
+    // 0, -ENOENT, or the failure of the epoll removal, which leaves the pipe registered.
+    int Remove(int pipeIdx) EXCLUDES(mutex);
+    // The pipe of an index, or empty.
+    std::shared_ptr<TarvoPipeImpl> GetPipe(int pipeIdx) const REQUIRES(mutex);
+    // Stops and joins the thread and closes both descriptors. The table stays as it is.
+    void Destroy();
+    // Whether it reads cross-domain pipes.
+    bool IsDataMonitorRemoteMode() const;
+
+    // ---- Steps of the above ----
+    int AddEventFd(int exitId);
+    // Reads the eventfd: true when the thread is to stop.
+    bool ClearEventFd() const;
+    void NotifyDataMonitorExit();
+    int AddFd(int pipeIdx, int readFd);
+    int RemoveFd(int readFd) const;
+    void AddNewItemToTable(int pipeIdx, int readFd, const std::shared_ptr<TarvoPipeImpl> &pipe) REQUIRES(mutex);
+    // A FIFO tells its reader of a hang-up only once it has had a writer. A remote that dies before it has opened its
+    // write end is noticed by the other FIFO, whose reader it was. Once: the read end, if it can, reports the rest.
+    int WatchWriteEnd(int pipeIdx) REQUIRES(mutex);
+    int Monitor(const std::unique_ptr<epoll_event[]> &ready, int maxEvents);
+    // The thread's body.
+    void RecvRoutine();
+
+private:
+    struct PipeIdxMgrImpl {
+        int pipeIdx;
+        int readFd;
+        std::shared_ptr<TarvoPipeImpl> pipe;
+        int writeFd = -1; // watched for the loss of its reader, when not negative
+    };
+
+    int StartThread();
+    // Makes the thread leave its wait and end although the eventfd could not be written.
+    void StopWithoutMessage();
+    void PrepareThread();
+    // Hands over one event; true when it was the request to stop.
+    bool HandleEvent(const epoll_event &event, int i, Tarvo::EpollTimeRecord &record) EXCLUDES(mutex);
+
+    int epollFd = -1;
+    int eventFd = -1;
+    int exitIdx = -1;
+    std::atomic<bool> stopping{false};
+    TarvoThread recvThread;
+    Mutex mutex;
+    std::map<int, PipeIdxMgrImpl> table GUARDED_BY(mutex);
+    const char *threadName;
+    // Made before the thread starts, so that the thread itself cannot run out of memory.
+    std::unique_ptr<epoll_event[]> events;
+    DataMonitorType type = 1;
+};
+
+#endif // TARVO_MONITOR_DATAMONITORIMPL_H

@@ -1,0 +1,193 @@
+#ifndef TARVO_PIPE_TARVOPIPEIMPL_H
+#define TARVO_PIPE_TARVOPIPEIMPL_H
+
+#include <sys/epoll.h>
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "api/Mutex.h"
+#include "pipe/MagicReceiver.h"
+#include "pipe/Message.h"
+#include "pipe/OutRequestList.h"
+#include "pipe/PipeObserver.h"
+#include "pipe/TimeRecords.h"
+#include "tarvo.h"
+
+// Which receive monitor reads a pipe: 0 to 2 for local pipes of the three priorities, 3 to 5 for cross-domain ones.
+using DataMonitorType = int32_t;
+
+// One connection to a remote process: a FIFO that this side writes and one that it reads.
+// Owns: both descriptors and, in server mode, both FIFO files. Threads: any may open, send, call and close; HandleEvent
+// belongs to one receive monitor; callbacks run on workers. Locks, in this order: remoteCloseMutex, openMutex,
+// inRequestMutex, writeFdMutex, descriptorUse; outRequestMutex and writeFdMutex before the mutex of the request list;
+// recordMutex alone. Ends: with the last of its table entry, monitor entry, queued tasks and callers inside it; closes
+// itself then.
+class TarvoPipeImpl : public MagicReceiver, public std::enable_shared_from_this<TarvoPipeImpl> {
+public:
+    using ServiceHandler = std::function<void(int, TarvoRequest *)>;
+
+    // Opens nothing: the table may throw the object away unused.
+    TarvoPipeImpl(const TarvoAttr &attr, PipeObserver &tableObserver);
+    ~TarvoPipeImpl() override;
+
+    // ---- Names and identity ----
+    // Own name followed by remote name, without a separator.
+    std::string GetTableKey() const { return AssembleTableKey(myName + remoteName); }
+    std::string GetMyName() const { return myName; }
+    // The pipe handle; -1 until the table has given one.
+    int GetPipeFd() const { return pipeFd; }
+    void SetFd(int fd) { pipeFd = fd; }
+    DataMonitorType GetPipeDataMonitorType() const { return monitorType; }
+    DataMonitorType InitDataMonitorType(TarvoPriority prio, TarvoDomain targetDomain) const;
+    // The path of the FIFO that `from` writes and `to` reads; "" when it cannot be formed.
+    std::string AssembleFifoName(const std::string &from, const std::string &to, TarvoDomain targetDomain) const;
+
+    // ---- Opening ----
+    // Opens both ends within `timeoutMs` (the write end in the background in server mode) and registers the read end;
+    // 0, also when it is open already, or a negated errno. Nothing is torn down on failure.
+    virtual int TimedOpen(int timeoutMs);
+    int PrepareWriteFifo(int timeoutMs);
+    int OpenReadFd();
+    int CreateAndOpenFifo(const std::string &name, int flags) const;
+    // One attempt to open the write end: its descriptor, a negated errno, or -1 while closing.
+    int OpenWriteFifo() EXCLUDES(writeFdMutex);
+    // Attempts every `interval` us (1: from 40 us, doubling up to 20 ms) within the pipe's open time-out.
+    int RetryOpenWriteFifo(unsigned int interval);
+    // Waits for the file to exist: 0, -ETIMEDOUT, or -ECANCELED when the pipe is closed meanwhile.
+    int AppWaitForPipeReady(const std::string &name, int timeoutMs) const;
+    // Task after an open in server mode: opens the write end once the remote reads.
+    static void HandleServerOpen(const std::shared_ptr<TarvoPipeImpl> &pipe);
+
+    // ---- Sending ----
+    // 0 or a negated errno; never waits. Any number of threads at once.
+    int Send(const TarvoRequest &req, int timeoutMs);
+    int Send(const TarvoResponse &rsp);
+    int Send(OutMessage &msg);
+    int Write(OutMessage &msg);
+    int Write(const std::unique_ptr<char[]> &buf, unsigned long len, unsigned int id);
+
+    // ---- Receiving and dispatch ----
+    int Recv(void *buf, unsigned long len) override;
+    void HandleEvent(const epoll_event &ev, Tarvo::EpollTimeRecord &rec);
+    void HandleMessage(Tarvo::EpollTimeRecord &rec);
+    std::unique_ptr<InMessage> RecvMessage(Tarvo::EpollTimeRecord &rec);
+    virtual void ProcessMessage(InMessage &msg);
+    void ProcessRequest(InMessage &msg);
+    // Hands a request (null: the notice of a remote close) to a worker. 0, or negative when it was dropped.
+    virtual int HandleRequest(std::shared_ptr<InRequest> req, const ServiceHandler &handler);
+    void CacheRequest(const std::shared_ptr<InRequest> &req) EXCLUDES(inRequestMutex);
+    void ProcessCachedRequests(const ServiceHandler &handler) EXCLUDES(inRequestMutex);
+    ServiceHandler GetServiceHandler() const;
+    void OnCallbackFinished();
+    void CheckEpollTime(const MsgHead &head, const Tarvo::EpollTimeRecord &rec) EXCLUDES(recordMutex);
+    void UpdateTimeRecord(unsigned int id) EXCLUDES(recordMutex);
+    // A copy, taken without the lock: for use once no request can arrive any more.
+    std::list<std::shared_ptr<InRequest>> GetInReqList() const NO_THREAD_SAFETY_ANALYSIS { return inRequests; }
+
+    // ---- Outgoing requests ----
+    unsigned int AllocateId() { return nextId.fetch_add(1, std::memory_order_relaxed); }
+    // Registers a call under a fresh id, which is written into `req`; `rsp` is cleared and must stay valid until
+    // WaitForResponse or RemoveRequest has returned.
+    int RecordOutRequest(TarvoRequest &req, TarvoResponse &rsp, int timeoutMs);
+    int WaitForResponse(const TarvoRequest &req, int timeoutMs) EXCLUDES(outRequestMutex);
+    void RemoveRequest(const TarvoRequest &req) EXCLUDES(outRequestMutex);
+    void OnRequestCancelled(const TarvoRequest &req) { RemoveRequest(req); }
+    void ProcessResponse(InMessage &msg) EXCLUDES(outRequestMutex);
+
+    // ---- Closing ----
+    void HandleRemoteClosed() EXCLUDES(remoteCloseMutex);
+    void OnRemoteClosedFinished();
+    // Closes both descriptors once, and removes the files that this side created; 0 or the last removal's result.
+    int CloseFd() EXCLUDES(writeFdMutex);
+    void DeInitPipe() EXCLUDES(writeFdMutex);
+    // Removes both FIFO files of a pipe whose remote created them.
+    void CleanPipe();
+    int UnlinkFd(const std::string &name) const;
+    // Removes both FIFO files without checks, locks or logging: for a process that is failing.
+    void ExceptionHandler();
+    bool IsCallbackHandleRemoteClose() const { return callbackHandleRemoteClose != 0; }
+    // The write end of a pipe that has it before it is registered (client mode), else -1: its remote may be gone before
+    // the read end has ever had a writer, and so without a hang-up there.
+    int LoneWriteFd() const { return mode == TARVO_MODE_CLIENT ? writeFd.load() : -1; }
+    // Whether the read end reports neither bytes nor a hang-up just now.
+    bool HasSilentReadEnd();
+    // For the monitor, held shared around a system call on the read descriptor.
+    SharedMutex &DescriptorUse() RETURN_CAPABILITY(descriptorUse) { return descriptorUse; }
+
+protected:
+    std::string AssembleTableKey(const std::string &key) const { return key; }
+    void AssembleFifoNames();
+    int GetReadFd() const { return readFd; }
+
+    std::string myName;
+    std::string remoteName;
+    // 0 constructed, 1 open or opening, -1 closing or closed.
+    std::atomic<int32_t> closeAction{0};
+    PipeObserver &observer;
+
+private:
+    void BeginOpening() EXCLUDES(writeFdMutex);
+    int OpenBothEnds(int timeoutMs);
+    int RegisterReadEnd();
+    void CloseReadEnd() EXCLUDES(writeFdMutex);
+    void StartServerOpen();
+    int CreateOwnFifo(const std::string &name, const char *slowText) const;
+    bool IsClosing() const { return closeAction == -1; }
+    int CloseOnce() REQUIRES(writeFdMutex);
+
+    // HandleRequest for a request of the remote, whose delivery time nobody asks for when it is dropped.
+    void HandOver(const std::shared_ptr<InRequest> &req, const ServiceHandler &handler);
+    int SubmitCallback(const std::shared_ptr<InRequest> &req, const ServiceHandler &handler);
+    void RunCallback(const ServiceHandler &handler, InRequest *req);
+    void EraseTimeRecord(unsigned int id) EXCLUDES(recordMutex);
+    std::string WorkerName() const { return std::to_string(pipeFd); }
+
+    // The descriptors, or negative. Written under writeFdMutex, read by senders and the monitor without it.
+    std::atomic<int32_t> writeFd{-1};
+    std::atomic<int32_t> readFd{-1};
+    // Held shared during a system call on one of the descriptors and exclusively between taking a descriptor out of
+    // its field and closing it: a frame must never go into a file that another thread has just opened under the same
+    // number.
+    SharedMutex descriptorUse;
+    Mutex writeFdMutex ACQUIRED_BEFORE(descriptorUse);
+    std::timed_mutex openMutex;
+
+    const std::string targetCon;
+    // Written before the pipe is published in the table.
+    std::atomic<int32_t> pipeFd{-1};
+    const ServiceHandler serviceHandler;
+    const int32_t timeout; // open time-out, ms
+    const TarvoMode mode;
+    const uint32_t gid;
+    const TarvoPriority priority;
+    const int32_t targetPid;
+    const bool isConcur;
+    const TarvoDomain domain;
+    const DataMonitorType monitorType;
+    std::string writeFifoName;
+    std::string readFifoName;
+    const bool isHeartbeat;
+
+    Mutex inRequestMutex;
+    std::list<std::shared_ptr<InRequest>> inRequests GUARDED_BY(inRequestMutex);
+    std::atomic<uint32_t> concurrentCallbacks{0};
+    std::atomic<int32_t> callbackHandleRemoteClose{0};
+    Mutex recordMutex;
+    std::map<unsigned int, std::shared_ptr<Tarvo::TimedRPCRecord>> timedRecords GUARDED_BY(recordMutex);
+
+    std::atomic<uint32_t> nextId{0};
+    // Held while a response is given to its request, so that nobody gives one to a request taken out under it.
+    Mutex outRequestMutex;
+    OutRequestList outRequests;
+
+    Mutex remoteCloseMutex;
+};
+
+#endif // TARVO_PIPE_TARVOPIPEIMPL_H

@@ -1,0 +1,112 @@
+// Closing: the remote's end noticed, descriptors closed once, waiters woken, files removed by the side that made them.
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "diag/velm_syslog.h"
+#include "pipe/TarvoPipeImpl.h"
+
+namespace {
+
+constexpr char LOG_TAG[] = "TarvoPipeImplClose";
+
+} // namespace
+
+void TarvoPipeImpl::HandleRemoteClosed() {
+    MutexLock lock(remoteCloseMutex);
+    TARVO_LOG(LOG_DEBUG, "readFd: %d, writeFd: %d, myName: %s reomteName: %s", readFd.load(), writeFd.load(),
+              myName.c_str(), remoteName.c_str());
+    // A callback that cannot be told (its queue is full, say) must not keep the pipe open for ever with its callers
+    // waiting: the pipe then closes as one without a callback. The handler is not copied, for which there might be no
+    // memory.
+    if (serviceHandler && (HandleRequest(nullptr, serviceHandler) == 0 || IsClosing())) {
+        return;
+    }
+    observer.OnPipeRemoteClosed(pipeFd);
+    DeInitPipe();
+}
+
+bool TarvoPipeImpl::HasSilentReadEnd() {
+    ReadLock use(descriptorUse);
+    pollfd end{readFd, POLLIN, 0};
+    if (end.fd < 0) {
+        return false;
+    }
+    int ready = 0;
+    do { // a signal that comes just now interrupts even a poll that does not wait
+        ready = poll(&end, 1, 0);
+    } while (ready < 0 && errno == EINTR);
+    return ready == 0;
+}
+
+void TarvoPipeImpl::OnRemoteClosedFinished() { observer.OnFreeSelfWorker(WorkerName()); }
+
+int TarvoPipeImpl::CloseFd() {
+    MutexLock lock(writeFdMutex);
+    return CloseOnce();
+}
+
+void TarvoPipeImpl::DeInitPipe() {
+    // In one, so that an open that follows at once does not find its calls refused.
+    MutexLock lock(writeFdMutex);
+    CloseOnce();
+    outRequests.Disable();
+}
+
+int TarvoPipeImpl::CloseOnce() {
+    TARVO_LOG(LOG_INFO, "Tarvo CloseFd, fd=%d, readfd=%d, writefd=%d, closeFdAction=%d, %s=>%s", GetPipeFd(),
+              readFd.load(), writeFd.load(), closeAction.load(), myName.c_str(), remoteName.c_str());
+    if (closeAction != 1) {
+        return 0;
+    }
+    closeAction = -1;
+    const int oldReadFd = readFd.exchange(-1);
+    const int oldWriteFd = writeFd.exchange(-1);
+    {
+        // Whoever is inside a system call on one of them finishes first; nobody can begin one any more.
+        WriteLock unused(descriptorUse);
+    }
+    int ret = 0;
+    if (oldReadFd >= 0) {
+        if (close(oldReadFd) != 0) {
+            TARVO_LOG(LOG_ERR, "close non block readFd %d failed, errno = %d", oldReadFd, errno);
+        }
+        if (mode == TARVO_MODE_SERVER) {
+            ret = UnlinkFd(readFifoName);
+        }
+    }
+    if (oldWriteFd >= 0 && close(oldWriteFd) != 0) {
+        TARVO_LOG(LOG_ERR, "close writeFd %d failed, errno = %d", oldWriteFd, errno);
+    }
+    if (mode == TARVO_MODE_SERVER) {
+        ret = UnlinkFd(writeFifoName);
+    }
+    return ret;
+}
+
+int TarvoPipeImpl::UnlinkFd(const std::string &name) const {
+    int ret = access(name.c_str(), F_OK);
+    if (ret != 0) {
+        return ret;
+    }
+    ret = unlink(name.c_str());
+    if (ret != 0) {
+        TARVO_LOG(LOG_WARNING, "clean pipe=%s failed, errno = %d", name.c_str(), errno);
+    }
+    return ret;
+}
+
+void TarvoPipeImpl::CleanPipe() {
+    if (mode == TARVO_MODE_SERVER) {
+        TARVO_LOG(LOG_ERR, "CleanPipe should only be called by client, input fd(%d)", GetPipeFd());
+        return;
+    }
+    UnlinkFd(readFifoName);
+    UnlinkFd(writeFifoName);
+}
+
+void TarvoPipeImpl::ExceptionHandler() {
+    unlink(writeFifoName.c_str());
+    unlink(readFifoName.c_str());
+}

@@ -1,0 +1,312 @@
+// Opening a connection: creating or waiting for the FIFOs, opening both ends, registering the read end.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <thread>
+
+#include "diag/run_time_record.h"
+#include "diag/velm_syslog.h"
+#include "fifo/velm_fifo.h"
+#include "pipe/TarvoPipeImpl.h"
+#include "pipe/TimedLock.h"
+
+namespace {
+
+constexpr char LOG_TAG[] = "TarvoPipeImplOpen";
+constexpr uint64_t CREATE_BUDGET_MS = 50;
+constexpr int64_t MICROSECONDS_PER_MILLISECOND = 1000;
+constexpr int64_t FIRST_SLEEP_US = 40;
+constexpr int64_t LONGEST_SLEEP_US = 20000;
+constexpr unsigned SERVER_RETRY_INTERVAL_US = 500000;
+// Asks RetryOpenWriteFifo for growing intervals.
+constexpr unsigned GROWING_INTERVAL = 1;
+constexpr unsigned ATTEMPTS_PER_LOG_LINE = 1000;
+
+bool FileExists(const std::string &name) { return access(name.c_str(), F_OK) == 0; }
+
+// Sleeps between attempts, each time twice as long up to a limit, until a time budget is used up.
+class Backoff {
+public:
+    // Below 1 ms the budget has no limit.
+    Backoff(int64_t budgetMs, int64_t firstUs, int64_t longestUs)
+        : unlimited(budgetMs < 1), left(budgetMs * MICROSECONDS_PER_MILLISECOND), sleep(firstUs), longest(longestUs) {}
+
+    // False once the budget is used up: one last attempt is left then.
+    bool Sleep() {
+        const bool enough = unlimited || left >= sleep;
+        const int64_t slept = enough ? sleep : left;
+        std::this_thread::sleep_for(std::chrono::microseconds(slept));
+        left -= slept;
+        sleep = std::min(sleep * 2, longest);
+        return unlimited || (enough && left > 0);
+    }
+
+private:
+    bool unlimited;
+    int64_t left;
+    int64_t sleep;
+    int64_t longest;
+};
+
+} // namespace
+
+int TarvoPipeImpl::TimedOpen(int timeoutMs) {
+    TARVO_LOG(LOG_INFO, "begin Timed Open readFd(%d) remote(%s), closeAction=(%d)", readFd.load(), remoteName.c_str(),
+              closeAction.load());
+    TimedLock lock(openMutex, timeoutMs);
+    const int ret = lock.Lock();
+    if (ret < 0) {
+        TARVO_LOG(LOG_ERR, "Open readFd(%d) remote(%s) timed out", readFd.load(), remoteName.c_str());
+        return ret;
+    }
+    BeginOpening();
+    if (readFd >= 0) {
+        TARVO_LOG(LOG_INFO, "Already open pipe(%d) readFd(%d) to remote(%s)", GetPipeFd(), readFd.load(),
+                  remoteName.c_str());
+        return 0;
+    }
+    const int opened = OpenBothEnds(timeoutMs);
+    if (opened < 0) {
+        observer.OnOpenFailed(pipeFd);
+        return opened;
+    }
+    if (mode == TARVO_MODE_SERVER && timeout >= 1) {
+        StartServerOpen();
+    }
+    TARVO_LOG(LOG_INFO, "readFd(%d) with writeFd(%d), remote %s established", readFd.load(), writeFd.load(),
+              remoteName.c_str());
+    return 0;
+}
+
+void TarvoPipeImpl::BeginOpening() {
+    // After a close that is under way, whose end must not remove the files or the calls of the pipe opened anew.
+    MutexLock lock(writeFdMutex);
+    closeAction = 1;
+}
+
+int TarvoPipeImpl::OpenBothEnds(int timeoutMs) {
+    int ret = PrepareWriteFifo(timeoutMs);
+    if (ret == -ETIMEDOUT || ret == -ECANCELED) {
+        TARVO_LOG(LOG_INFO, "Open pipe to %s, err %d (%s).", remoteName.c_str(), ret, strerror(-ret));
+        return ret;
+    }
+    if (ret < 0) {
+        TARVO_LOG_RESTRAINED(LOG_ERR, "Open pipe to %s failed, err = %d, errno = %d.", remoteName.c_str(), ret, errno);
+        return ret;
+    }
+    ret = OpenReadFd();
+    if (ret < 0) {
+        TARVO_LOG_RESTRAINED(LOG_ERR, "Open pipe readFd failed, ret = %d, pipeName = %s.", ret, readFifoName.c_str());
+        return ret;
+    }
+    outRequests.Enable();
+    ret = RegisterReadEnd();
+    if (ret < 0) {
+        TARVO_LOG_RESTRAINED(LOG_ERR, "Notify observer to add readFd(%d) failed, remote(%s).", readFd.load(),
+                             remoteName.c_str());
+        // The table tries this open again: it must then register the pipe, and not take it for open.
+        CloseReadEnd();
+        return ret;
+    }
+    return 0;
+}
+
+void TarvoPipeImpl::CloseReadEnd() {
+    MutexLock lock(writeFdMutex);
+    const int fd = readFd.exchange(-1);
+    if (fd < 0) {
+        return;
+    }
+    { WriteLock unused(descriptorUse); }
+    close(fd);
+    if (mode == TARVO_MODE_SERVER) {
+        // A close removes the file of an open read end only; the next open makes it anew.
+        UnlinkFd(readFifoName);
+    }
+}
+
+int TarvoPipeImpl::RegisterReadEnd() {
+    // Keeps a concurrent close from handing the descriptor's number to somebody else before the monitor watches it.
+    ReadLock use(descriptorUse);
+    const int fd = readFd;
+    if (fd < 0) {
+        // Closed since; that close may have been before the list accepted calls.
+        outRequests.Disable();
+        return -ECANCELED;
+    }
+    return observer.OnPipeOpened(fd, pipeFd, shared_from_this());
+}
+
+void TarvoPipeImpl::StartServerOpen() {
+    const std::shared_ptr<TarvoPipeImpl> self = shared_from_this();
+    const int ret = observer.OnAsyncRequestIn([self] { HandleServerOpen(self); }, priority);
+    if (ret != 0) {
+        TARVO_LOG_RESTRAINED(LOG_ERR, "Observer handle request failed(%d) for readFd(%d) remote(%s)", ret,
+                             readFd.load(), remoteName.c_str());
+    }
+}
+
+int TarvoPipeImpl::PrepareWriteFifo(int timeoutMs) {
+    if (myName.empty()) {
+        TARVO_LOG(LOG_ERR, "env variables error, myName = %s", myName.c_str());
+        return -EINVAL;
+    }
+    if (writeFifoName.empty()) {
+        writeFifoName = AssembleFifoName(myName, remoteName, domain);
+    }
+    if (writeFifoName.empty()) {
+        TARVO_LOG(LOG_ERR, "set go name fail");
+        return -EINVAL;
+    }
+    if (mode == TARVO_MODE_SERVER) {
+        // The write end follows in HandleServerOpen: opening it now would fail for want of a reader.
+        return CreateOwnFifo(writeFifoName, "CreateWriteFifo ");
+    }
+    int ret = AppWaitForPipeReady(writeFifoName, timeoutMs);
+    if (ret < 0) {
+        TARVO_LOG_RESTRAINED(LOG_WARNING, "Wait write FIFO (%s) timeout. ret = %d.", writeFifoName.c_str(), ret);
+        return ret;
+    }
+    ret = RetryOpenWriteFifo(GROWING_INTERVAL);
+    if (ret < 0) {
+        TARVO_LOG_RESTRAINED(LOG_ERR, "OpenWriteFifo (%s) failed. ret = %d.", writeFifoName.c_str(), ret);
+    }
+    return ret;
+}
+
+int TarvoPipeImpl::OpenReadFd() {
+    if (readFd >= 0) {
+        return readFd;
+    }
+    if (readFifoName.empty()) {
+        readFifoName = AssembleFifoName(remoteName, myName, domain);
+    }
+    if (readFifoName.empty()) {
+        TARVO_LOG(LOG_ERR, "set read name fail");
+        return -EINVAL;
+    }
+    const int fd = CreateAndOpenFifo(readFifoName, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) {
+        return fd;
+    }
+    MutexLock lock(writeFdMutex);
+    if (IsClosing()) {
+        // Closed while it was being opened: nobody would close this descriptor or remove the files any more.
+        close(fd);
+        if (mode == TARVO_MODE_SERVER) {
+            UnlinkFd(readFifoName);
+            UnlinkFd(writeFifoName);
+        }
+        return -ECANCELED;
+    }
+    readFd = fd;
+    return fd;
+}
+
+int TarvoPipeImpl::CreateOwnFifo(const std::string &name, const char *slowText) const {
+    Tarvo::RunTimeRecord record(CREATE_BUDGET_MS);
+    record.RecordCurrentTime();
+    const int ret = CreateFifo(name, gid, targetPid, domain, targetCon);
+    if (record.WhetherTotalTimeHasTimeout()) {
+        record.RunTimePrint(slowText + name + " takes more than " + std::to_string(CREATE_BUDGET_MS) + "ms");
+    }
+    if (ret < 0) {
+        TARVO_LOG(LOG_ERR, "Create FIFO (%s) failed.", name.c_str());
+    }
+    return ret;
+}
+
+int TarvoPipeImpl::CreateAndOpenFifo(const std::string &name, int flags) const {
+    int ret = 0;
+    if (mode == TARVO_MODE_SERVER) {
+        ret = CreateOwnFifo(name, "CreateReadFifo ");
+    } else {
+        ret = AppWaitForPipeReady(name, timeout);
+        if (ret < 0) {
+            TARVO_LOG(LOG_ERR, "Wait FIFO (%s) failed.", name.c_str());
+        }
+    }
+    if (ret < 0) {
+        return ret;
+    }
+    const int fd = OpenPublishedFifo(name, flags);
+    if (fd < 0) {
+        TARVO_LOG(LOG_ERR, "Open fifoFd with flag(%d) of fifo(%s) failed, err = %d, remote is %s", flags, name.c_str(),
+                  fd, remoteName.c_str());
+        if (mode == TARVO_MODE_SERVER) {
+            // A close removes the file of an open read end only; the next open makes it anew.
+            UnlinkFd(name);
+        }
+        return fd;
+    }
+    TARVO_LOG(LOG_INFO, "open fifoFd(%d) with flag(%d) of file(%s) success for remote(%s)", fd, flags, name.c_str(),
+              remoteName.c_str());
+    return fd;
+}
+
+int TarvoPipeImpl::AppWaitForPipeReady(const std::string &name, int timeoutMs) const {
+    Backoff backoff(timeoutMs, FIRST_SLEEP_US, LONGEST_SLEEP_US);
+    unsigned attempts = 0;
+    do {
+        if (FileExists(name)) {
+            return 0;
+        }
+        if (IsClosing()) {
+            return -ECANCELED;
+        }
+        if (++attempts % ATTEMPTS_PER_LOG_LINE == 0) {
+            TARVO_LOG_RESTRAINED(LOG_WARNING, "AppWaitForPipeReady fifoName(%s) not exist, remote(%s)", name.c_str(),
+                                 remoteName.c_str());
+        }
+    } while (backoff.Sleep());
+    return FileExists(name) ? 0 : -ETIMEDOUT;
+}
+
+int TarvoPipeImpl::OpenWriteFifo() {
+    MutexLock lock(writeFdMutex);
+    if (writeFd > 0) {
+        return writeFd;
+    }
+    if (IsClosing()) {
+        TARVO_LOG(LOG_INFO, "entering closeFdAction");
+        return -1;
+    }
+    const int fd = OpenPublishedFifo(writeFifoName, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    writeFd = fd;
+    if (fd >= 0) {
+        TARVO_LOG(LOG_INFO, "open writeFdNB(%d) of file(%s) success for remote(%s)", fd, writeFifoName.c_str(),
+                  remoteName.c_str());
+    }
+    return fd;
+}
+
+int TarvoPipeImpl::RetryOpenWriteFifo(unsigned int interval) {
+    const bool growing = interval == GROWING_INTERVAL;
+    Backoff backoff(timeout, growing ? FIRST_SLEEP_US : interval, growing ? LONGEST_SLEEP_US : interval);
+    int ret = 0;
+    do {
+        ret = OpenWriteFifo();
+        if (ret != -ENOENT && ret != -ENXIO && ret != -EMFILE) {
+            return ret;
+        }
+    } while (backoff.Sleep());
+    ret = OpenWriteFifo();
+    return ret == -ENXIO ? -ETIMEDOUT : ret;
+}
+
+void TarvoPipeImpl::HandleServerOpen(const std::shared_ptr<TarvoPipeImpl> &pipe) {
+    const int ret = pipe->RetryOpenWriteFifo(SERVER_RETRY_INTERVAL_US);
+    if (ret >= 0) {
+        return;
+    }
+    // -1: closed meanwhile, which nobody needs to be told.
+    if (ret != -1) {
+        TARVO_LOG_RESTRAINED(LOG_ERR, "Self=>Remote:%s=>%s open pipe failed, ret=%d.", pipe->myName.c_str(),
+                             pipe->remoteName.c_str(), ret);
+    }
+    pipe->HandleRemoteClosed();
+}

@@ -1,0 +1,285 @@
+// Receiving: reading one frame an event, and handing requests to the workers.
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <new>
+#include <utility>
+
+#include "diag/run_time_record.h"
+#include "diag/velm_syslog.h"
+#include "pipe/TarvoPipeImpl.h"
+
+namespace {
+
+constexpr char LOG_TAG[] = "TarvoPipeImplReceive";
+constexpr std::size_t MAX_CACHED_REQUESTS = 1000;
+constexpr uint32_t MAX_CONCURRENT_CALLBACKS = 200;
+constexpr int64_t LATE_US = 2000000;
+
+// The message with its payload buffer, which stays null for a payload length that is not valid. Empty when memory has
+// run out.
+std::unique_ptr<InMessage> MakeInMessage(const MsgHead &head) {
+    try {
+        auto msg = std::make_unique<InMessage>(head.id, head.type, head.payloadLen);
+        msg->GetData();
+        return msg;
+    } catch (const std::bad_alloc &) {
+        return nullptr;
+    }
+}
+
+} // namespace
+
+int TarvoPipeImpl::Recv(void *buf, unsigned long len) {
+    if (buf == nullptr) {
+        TARVO_LOG(LOG_ERR, "Input addrress is nullptr");
+        return -1;
+    }
+    int fd = -1;
+    ssize_t received = -1;
+    int error = 0;
+    {
+        ReadLock use(descriptorUse);
+        fd = readFd;
+        received = read(fd, buf, len);
+        error = errno;
+    }
+    if (received < 0) {
+        TARVO_LOG(error == EAGAIN ? LOG_INFO : LOG_ERR, "The readFd(%d) read fail, errno = %d, remoteName: %s", fd,
+                  error, remoteName.c_str());
+        return -error;
+    }
+    if (received == 0) {
+        return 0;
+    }
+    if (static_cast<unsigned long>(received) != len) {
+        TARVO_LOG(LOG_ERR, "The readFd(%d) read size %ld instead of %lu, errno = %d, remoteName: %s", fd, received, len,
+                  error, remoteName.c_str());
+        return -1;
+    }
+    return static_cast<int>(received);
+}
+
+void TarvoPipeImpl::HandleEvent(const epoll_event &ev, Tarvo::EpollTimeRecord &rec) {
+    if ((ev.events & EPOLLIN) != 0) {
+        HandleMessage(rec);
+    }
+    if ((ev.events & EPOLLHUP) != 0) {
+        TARVO_LOG(LOG_INFO, "%s=>%s readFd(%d) read msg 0, remote is closed", myName.c_str(), remoteName.c_str(),
+                  readFd.load());
+        HandleRemoteClosed();
+    }
+}
+
+void TarvoPipeImpl::HandleMessage(Tarvo::EpollTimeRecord &rec) {
+    try {
+        const std::unique_ptr<InMessage> msg = RecvMessage(rec);
+        if (msg) {
+            ProcessMessage(*msg);
+        }
+    } catch (const std::bad_alloc &) {
+        TARVO_LOG(LOG_ERR, "Recv msg head failed for remote(%s), ret = %d", remoteName.c_str(), -ENOMEM);
+    }
+}
+
+std::unique_ptr<InMessage> TarvoPipeImpl::RecvMessage(Tarvo::EpollTimeRecord &rec) {
+    MsgHead head{};
+    int ret = Recv(&head, sizeof(head));
+    if (ret < 1) {
+        TARVO_LOG(LOG_ERR, "Recv msg head failed for remote(%s), ret = %d", remoteName.c_str(), ret);
+        return nullptr;
+    }
+    if (head.magic != MAGIC) {
+        TARVO_LOG(LOG_ERR, "RecvMagic, result != MAGIC_OK, remote(%s), result=%u.", remoteName.c_str(), head.magic);
+        return nullptr;
+    }
+    std::unique_ptr<InMessage> msg = MakeInMessage(head);
+    if (msg) {
+        ret = Recv(msg->GetData(), head.payloadLen);
+    } else {
+        // The payload has to leave the FIFO all the same: the next read expects a head.
+        std::array<char, Message::MAX_PAYLOAD_LEN> unwanted{};
+        Recv(unwanted.data(), std::min<uint64_t>(head.payloadLen, unwanted.size()));
+        ret = -ENOMEM;
+    }
+    if (ret < 1) {
+        TARVO_LOG(LOG_ERR,
+                  "Recv msg failed, remote(%s), received payloadLen should be %u, received timeout = %d ms, received "
+                  "writeStartTime = %ld, ret = %d",
+                  remoteName.c_str(), head.payloadLen, head.timeout, head.writeStartTime, ret);
+        return nullptr;
+    }
+    if (msg->Checksum() != head.checksum) {
+        TARVO_LOG(LOG_ERR, "Recv msg failed, send checksum = %u, but recv checksum = %u for readFd(%d) remote(%s)",
+                  head.checksum, msg->checksum, readFd.load(), remoteName.c_str());
+        return nullptr;
+    }
+    CheckEpollTime(head, rec);
+    return msg;
+}
+
+void TarvoPipeImpl::ProcessMessage(InMessage &msg) {
+    if (msg.type == MSG_TYPE_REQUEST) {
+        ProcessRequest(msg);
+    } else if (msg.type == MSG_TYPE_RESPONSE) {
+        ProcessResponse(msg);
+    } else {
+        EraseTimeRecord(msg.id);
+    }
+}
+
+void TarvoPipeImpl::ProcessRequest(InMessage &msg) {
+    const auto req = std::make_shared<InRequest>(msg);
+    const ServiceHandler handler = GetServiceHandler();
+    if (handler) {
+        ProcessCachedRequests(handler);
+        HandOver(req, handler);
+        return;
+    }
+    CacheRequest(req);
+    const ServiceHandler installed = GetServiceHandler();
+    if (installed) {
+        ProcessCachedRequests(installed);
+    }
+}
+
+void TarvoPipeImpl::CacheRequest(const std::shared_ptr<InRequest> &req) {
+    MutexLock lock(inRequestMutex);
+    if (inRequests.size() >= MAX_CACHED_REQUESTS) {
+        TARVO_LOG(LOG_ERR, "Add InRequest failed, out of space");
+        EraseTimeRecord(req->id);
+        return;
+    }
+    inRequests.push_back(req);
+}
+
+void TarvoPipeImpl::ProcessCachedRequests(const ServiceHandler &handler) {
+    MutexLock lock(inRequestMutex);
+    for (const std::shared_ptr<InRequest> &req : inRequests) {
+        HandOver(req, handler);
+    }
+    inRequests.clear();
+}
+
+void TarvoPipeImpl::HandOver(const std::shared_ptr<InRequest> &req, const ServiceHandler &handler) {
+    if (HandleRequest(req, handler) != 0) {
+        EraseTimeRecord(req->id);
+    }
+}
+
+int TarvoPipeImpl::HandleRequest(std::shared_ptr<InRequest> req, const ServiceHandler &handler) {
+    if (IsClosing()) {
+        return -ECANCELED;
+    }
+    if (isConcur && concurrentCallbacks >= MAX_CONCURRENT_CALLBACKS) {
+        TARVO_LOG_RESTRAINED(LOG_ERR,
+                             "Callback occupied over 200 threads fail. Drop the current callback for Remote=%s, fd=%d.",
+                             remoteName.c_str(), GetPipeFd());
+        return -EBUSY;
+    }
+    int ret = 0;
+    try {
+        ret = SubmitCallback(req, handler);
+    } catch (const std::bad_alloc &) {
+        ret = -ENOMEM;
+    }
+    if (ret != 0) {
+        TARVO_LOG_RESTRAINED(LOG_ERR, "Observer handle request failed(%d) for readFd(%d) remote(%s)", ret,
+                             readFd.load(), remoteName.c_str());
+    }
+    return ret;
+}
+
+int TarvoPipeImpl::SubmitCallback(const std::shared_ptr<InRequest> &req, const ServiceHandler &handler) {
+    if (isConcur) {
+        // Taken back by the finished callback only: a refused submission keeps its place.
+        concurrentCallbacks.fetch_add(1, std::memory_order_relaxed);
+    }
+    std::function<void()> task = [self = shared_from_this(), handler, req] { self->RunCallback(handler, req.get()); };
+    if (isConcur) {
+        return observer.OnAsyncRequestIn(task, priority);
+    }
+    const int ret = observer.OnOwnRequestIn(WorkerName(), std::move(task), priority);
+    if (IsClosing()) {
+        // A close between the test above and here has given the pipe's worker back already; the submission allocated
+        // one anew, which nobody else would ever give back.
+        observer.OnFreeSelfWorker(WorkerName());
+    }
+    return ret;
+}
+
+void TarvoPipeImpl::RunCallback(const ServiceHandler &handler, InRequest *req) {
+    if (req != nullptr) {
+        UpdateTimeRecord(req->id);
+        TarvoRequest view{req->id, req->data.get(), req->length};
+        handler(pipeFd, &view);
+        OnCallbackFinished();
+        return;
+    }
+    callbackHandleRemoteClose = 1;
+    handler(pipeFd, nullptr);
+    OnCallbackFinished();
+    // Cleared before the close, which therefore gives the named worker back while that worker still runs this task.
+    // Safe, since whatever the worker's next owner submits queues behind it.
+    callbackHandleRemoteClose = 0;
+    TarvoClosePipe(pipeFd);
+    OnRemoteClosedFinished();
+}
+
+void TarvoPipeImpl::OnCallbackFinished() {
+    if (isConcur) {
+        concurrentCallbacks.fetch_sub(1, std::memory_order_relaxed);
+    }
+}
+
+void TarvoPipeImpl::CheckEpollTime(const MsgHead &head, const Tarvo::EpollTimeRecord &rec) {
+    if (!isHeartbeat) {
+        return;
+    }
+    const auto now = static_cast<int64_t>(Tarvo::GetCurrentTime());
+    const int64_t total = Tarvo::Elapsed(head.writeStartTime, now);
+    const int64_t waitStart = Tarvo::Elapsed(head.writeStartTime, rec.epollWaitT);
+    if (total > LATE_US && !IsCrossDomainPipe(domain)) {
+        TARVO_LOG_RESTRAINED(LOG_WARNING,
+                             "Send too slow, msgType=%u, T=%ldus, T0=%ld, T1=%ld, Tp=%ld, Ev:%dof%d, %s=>%s, "
+                             "writeStartT=%ld, epoolRecvT=%ld",
+                             head.type, total, Tarvo::Elapsed(head.writeStartTime, rec.epollRecvT),
+                             now - rec.epollRecvT, waitStart, rec.eventIdx, rec.eventNum, remoteName.c_str(),
+                             myName.c_str(), head.writeStartTime, rec.epollRecvT);
+    }
+    const int64_t waited = std::max<int64_t>(waitStart, 0);
+    const auto record = std::make_shared<Tarvo::TimedRPCRecord>(
+        Tarvo::TimedRPCRecord{head.timeout, head.writeStartTime, rec.epollRecvT, -1, waited});
+    MutexLock lock(recordMutex);
+    if (!timedRecords.emplace(head.id, record).second) {
+        TARVO_LOG(LOG_ERR, "Rpc id already exist, id=%u, timeout=%d", head.id, head.timeout);
+    }
+}
+
+void TarvoPipeImpl::UpdateTimeRecord(unsigned int id) {
+    if (!isHeartbeat) {
+        return;
+    }
+    MutexLock lock(recordMutex);
+    const auto found = timedRecords.find(id);
+    if (found == timedRecords.end()) {
+        return;
+    }
+    Tarvo::TimedRPCRecord &record = *found->second;
+    record.callbackT = static_cast<int64_t>(Tarvo::GetCurrentTime());
+    if (Tarvo::Elapsed(record.writeT, record.callbackT) > LATE_US) {
+        TARVO_LOG_RESTRAINED(LOG_WARNING, "Callback %s=>%s start late, writeT=%ld, epollT=%ld, callbackT=%ld",
+                             remoteName.c_str(), myName.c_str(), record.writeT, record.epollT, record.callbackT);
+    }
+    timedRecords.erase(found);
+}
+
+void TarvoPipeImpl::EraseTimeRecord(unsigned int id) {
+    if (!isHeartbeat) {
+        return;
+    }
+    MutexLock lock(recordMutex);
+    timedRecords.erase(id);
+}

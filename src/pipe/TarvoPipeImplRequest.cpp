@@ -1,0 +1,74 @@
+// Outgoing requests: registering a call, waiting for its response, handing the response over.
+#include <cerrno>
+
+#include "api/EnvManager.h"
+#include "diag/velm_syslog.h"
+#include "pipe/TarvoPipeImpl.h"
+
+namespace {
+
+constexpr char LOG_TAG[] = "TarvoPipeImplRequest";
+constexpr char DEBUG_RUN_MODE[] = "1";
+// Five hours: a process stopped in a debugger must not time out.
+constexpr int DEBUG_TIMEOUT_MS = 18000000;
+
+} // namespace
+
+int TarvoPipeImpl::RecordOutRequest(TarvoRequest &req, TarvoResponse &rsp, int timeoutMs) {
+    const std::string runMode = EnvManager::GetRunMode();
+    TARVO_LOG(LOG_INFO, "RUN_MODE=%s", runMode.c_str());
+    if (runMode == DEBUG_RUN_MODE) {
+        timeoutMs = DEBUG_TIMEOUT_MS;
+    }
+    req.id = AllocateId();
+    const auto request = std::make_shared<OutSyncTimedRequest>(shared_from_this(), req.id, rsp, timeoutMs);
+    request->Init();
+    return outRequests.PushBack(request);
+}
+
+int TarvoPipeImpl::WaitForResponse(const TarvoRequest &req, int timeoutMs) {
+    std::shared_ptr<OutRequest> request;
+    {
+        MutexLock lock(outRequestMutex);
+        request = outRequests.Find(req.id);
+    }
+    if (!request) {
+        return 0;
+    }
+    const int ret = request->Wait();
+    if (ret == -EPIPE) {
+        TARVO_LOG(LOG_ERR, "Self=%s, Remote=%s failed. Caught exception.", myName.c_str(), remoteName.c_str());
+        // A close ends the wait before it takes the request off the list, where it must not be once the caller's block
+        // is gone.
+        RemoveRequest(req);
+        request->Discard();
+    } else if (ret < 0) {
+        TARVO_LOG(LOG_ERR, "TarvoRPC WaitForResponse timeout, id=%u,size=%u,timeout=%d ms,err=%d,Remote=%s,Self=%s.",
+                  req.id, req.size, timeoutMs, ret, remoteName.c_str(), myName.c_str());
+    }
+    return ret;
+}
+
+void TarvoPipeImpl::RemoveRequest(const TarvoRequest &req) {
+    MutexLock lock(outRequestMutex);
+    outRequests.Erase(req.id);
+}
+
+void TarvoPipeImpl::ProcessResponse(InMessage &msg) {
+    EraseTimeRecord(msg.id);
+    std::shared_ptr<OutRequest> request;
+    bool waiting = false;
+    {
+        MutexLock lock(outRequestMutex);
+        request = outRequests.Pop(msg.id);
+        if (!request) {
+            return;
+        }
+        TarvoResponse response{msg.id, msg.ReleaseData(), msg.payloadLen};
+        waiting = request->Deliver(response);
+    }
+    // Only now: the woken caller takes the mutex for its next call.
+    if (waiting) {
+        request->Wake();
+    }
+}

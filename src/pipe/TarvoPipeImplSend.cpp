@@ -1,0 +1,108 @@
+// Sending: one frame, one write, no waiting.
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "diag/bounded.h"
+#include "diag/run_time_record.h"
+#include "diag/velm_syslog.h"
+#include "pipe/TarvoPipeImpl.h"
+
+namespace {
+
+constexpr char LOG_TAG[] = "TarvoPipeImplSend";
+constexpr uint64_t WRITE_BUDGET_MS = 50;
+
+} // namespace
+
+int TarvoPipeImpl::Send(const TarvoRequest &req, int timeoutMs) {
+    OutMessage msg(req.id, req, timeoutMs);
+    return Send(msg);
+}
+
+int TarvoPipeImpl::Send(const TarvoResponse &rsp) {
+    OutMessage msg(rsp.id, rsp);
+    return Send(msg);
+}
+
+int TarvoPipeImpl::Send(OutMessage &msg) {
+    if (!msg.SizeValid()) {
+        TARVO_LOG(LOG_ERR, "Send size %u is not valid", msg.payloadLen);
+        return -EINVAL;
+    }
+    TARVO_LOG(LOG_INFO, "TarvoPipeImpl Send, writeFd = %d. %s  %s", writeFd.load(), myName.c_str(), remoteName.c_str());
+    if (writeFd >= 0) {
+        return Write(msg);
+    }
+    const int ret = OpenWriteFifo();
+    if (ret < 0) {
+        TARVO_LOG(LOG_INFO, "write msg type=%u open write failed, err=%d, fd=%d, target=%s", msg.type, ret, GetPipeFd(),
+                  remoteName.c_str());
+        return ret;
+    }
+    return Write(msg);
+}
+
+int TarvoPipeImpl::Write(OutMessage &msg) {
+    const char *data = msg.GetData();
+    if (data == nullptr) {
+        TARVO_LOG(LOG_ERR, "Send msg data ptr is null");
+        return -EINVAL;
+    }
+    // Not cleared: head and payload fill it.
+    const std::unique_ptr<char[]> frame(new char[msg.Size()]);
+    MsgHead head{};
+    head.magic = MAGIC;
+    head.id = msg.id;
+    head.type = msg.type;
+    head.payloadLen = msg.payloadLen;
+    head.checksum = msg.Checksum();
+    head.timeout = msg.timeout;
+    head.writeStartTime = static_cast<int64_t>(Tarvo::GetCurrentTime());
+    std::memcpy(frame.get(), &head, sizeof(head));
+    const int copied = memcpy_s(frame.get() + sizeof(head), msg.Size() - sizeof(head), data, msg.payloadLen);
+    if (copied != 0) {
+        TARVO_LOG(LOG_ERR, "memcpy_s msg.dataOut fail, ret = %d", copied);
+        return -copied;
+    }
+    const int ret = Write(frame, msg.Size(), msg.id);
+    TARVO_LOG(LOG_DEBUG, "readFd(%d) writeFd(%d) send msg to %s success, id(%u) type(%u) len(%u) checksum(%u)",
+              readFd.load(), writeFd.load(), remoteName.c_str(), msg.id, msg.type, msg.payloadLen, msg.checksum);
+    return ret;
+}
+
+int TarvoPipeImpl::Write(const std::unique_ptr<char[]> &buf, unsigned long len, unsigned int id) {
+    Tarvo::RunTimeRecord record(WRITE_BUDGET_MS);
+    record.RecordCurrentTime();
+    int fd = -1;
+    ssize_t written = -1;
+    int error = 0;
+    {
+        ReadLock use(descriptorUse);
+        fd = writeFd;
+        written = write(fd, buf.get(), len);
+        error = errno;
+    }
+    if (record.WhetherTotalTimeHasTimeout()) {
+        record.RunTimePrint("Writing " + writeFifoName + " takes more than " + std::to_string(WRITE_BUDGET_MS) +
+                            "ms. fd=" + std::to_string(pipeFd) + ", FifoFd=" + std::to_string(fd) +
+                            ", Msgid=" + std::to_string(id));
+    }
+    if (written == -1 && error == EPIPE) {
+        TARVO_LOG_RESTRAINED(LOG_ERR, "%s=>%s The pipe is broken, write unfinished, remote is closed.", myName.c_str(),
+                             remoteName.c_str());
+        return -EPIPE;
+    }
+    if (written == -1) {
+        TARVO_LOG_RESTRAINED(LOG_ERR, "write failed, errno = %d for readFd(%d) remote(%s)", error, readFd.load(),
+                             remoteName.c_str());
+        return -error;
+    }
+    if (static_cast<unsigned long>(written) != len) {
+        TARVO_LOG(LOG_ERR, "write size %ld is not equal to expected size %lu for readFd(%d) remote(%s)", written, len,
+                  readFd.load(), remoteName.c_str());
+        return -1;
+    }
+    return 0;
+}

@@ -1,0 +1,342 @@
+#include "server/PipeServer.h"
+
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <exception>
+#include <new>
+#include <system_error>
+#include <utility>
+
+#include "api/EnvManager.h"
+#include "api/SingletonProtector.h"
+#include "api/TableFactory.h"
+#include "diag/velm_syslog.h"
+#include "fifo/velm_fifo.h"
+#include "server/PipeServerMessage.h"
+#include "table/TarvoTable.h"
+
+namespace {
+
+constexpr char LOG_TAG[] = "PipeServer";
+
+// The server together with the table that it refers to: a caller that still holds the server while the process exits
+// keeps both alive.
+struct ServerWithTable {
+    explicit ServerWithTable(std::shared_ptr<TarvoTable> pipeTable) : table(std::move(pipeTable)), server(*table) {}
+
+    std::shared_ptr<TarvoTable> table;
+    PipeServer server;
+};
+
+// Ends the server when the process that made it exits, and not when a forked child does, which would stop its parent's.
+// Owns: the server with its table. Threads: the exiting one. Locks: none. Ends: at process exit.
+class ServerOwner {
+public:
+    explicit ServerOwner(std::shared_ptr<ServerWithTable> made) : server(std::move(made)), process(getpid()) {}
+    ~ServerOwner() {
+        if (getpid() != process) {
+            KeepForever(std::move(server));
+        }
+    }
+    ServerOwner(const ServerOwner &) = delete;
+    ServerOwner &operator=(const ServerOwner &) = delete;
+
+    const std::shared_ptr<ServerWithTable> &Server() const { return server; }
+
+private:
+    std::shared_ptr<ServerWithTable> server;
+    const pid_t process;
+};
+
+// The two below run while a failure is being undone and keep the errno that its report shows.
+void CloseAndForget(int &fd) {
+    const int error = errno;
+    if (fd >= 0) {
+        close(fd);
+    }
+    fd = -1;
+    errno = error;
+}
+
+void RemoveIfExists(const std::string &file) {
+    const int error = errno;
+    if (access(file.c_str(), F_OK) == 0) {
+        unlink(file.c_str());
+    }
+    errno = error;
+}
+
+// A step of the FIFO layer that runs out of memory fails like one that the system refused.
+template <typename Step>
+int WithoutThrow(Step step) {
+    try {
+        return step();
+    } catch (const std::bad_alloc &) {
+        errno = ENOMEM;
+        return -ENOMEM;
+    }
+}
+
+} // namespace
+
+std::shared_ptr<PipeServer> PipeServer::GetInstance() {
+    const std::shared_ptr<TarvoTable> table = TableFactory::GetInstance();
+    if (table == nullptr) {
+        TARVO_LOG(LOG_ERR, "Init table failed.");
+        return nullptr;
+    }
+    // Made after the table, so process exit stops the server first, while the pipes that its thread opens still have a
+    // table to go to.
+    static const ServerOwner owner(std::make_shared<ServerWithTable>(table));
+    static SingletonProtector<ServerWithTable> protector(owner.Server());
+    const std::shared_ptr<ServerWithTable> alive = protector.Get();
+    return alive == nullptr ? nullptr : std::shared_ptr<PipeServer>(alive, &alive->server);
+}
+
+PipeServer::PipeServer(TarvoTable &pipeTable) : fifoName(&*fifoNames.emplace().first), table(pipeTable) {}
+
+PipeServer::~PipeServer() {
+    MutexLock lock(mutex);
+    CloseLocked();
+    ReleaseEndedRun();
+}
+
+int PipeServer::Init(const TarvoServerAttr &serverAttr) {
+    // The first look is without the mutex, which a closing thread holds while it waits for the server thread: an open
+    // callback that asks meanwhile must get its answer. The server counts as running until that wait is over.
+    if (running) {
+        return RefuseSecondInit();
+    }
+    MutexLock lock(mutex);
+    if (running) {
+        return RefuseSecondInit();
+    }
+    ReleaseEndedRun();
+    StoreAttr(serverAttr);
+    try {
+        return InitServer();
+    } catch (...) {
+        // The caller's thread was cancelled in an open, or a step ran out of memory.
+        CloseDescriptors();
+        running = false;
+        throw;
+    }
+}
+
+int PipeServer::RefuseSecondInit() const {
+    TARVO_LOG(LOG_INFO, "Server is already running. Table size=%zu", table.Size());
+    return -EEXIST;
+}
+
+void PipeServer::StoreAttr(const TarvoServerAttr &serverAttr) {
+    {
+        MutexLock lock(attrMutex);
+        attr = serverAttr;
+    }
+    openCallback = nullptr;
+    if (serverAttr.openCallback != nullptr) {
+        openCallback = [callback = serverAttr.openCallback](int fd, const std::string &name) {
+            callback(fd, name.data(), static_cast<uint32_t>(name.size()));
+        };
+    }
+}
+
+TarvoServerAttr PipeServer::GetServerAttr() const {
+    MutexLock lock(attrMutex);
+    return attr;
+}
+
+int PipeServer::InitServer() {
+    running = true;
+    stopping = false;
+    int ret = PreparaFifoFile();
+    if (ret != 0) {
+        TARVO_LOG(LOG_ERR, "PrepareFileFd failed: err=%d, errno=%d.", ret, errno);
+        running = false;
+        return ret;
+    }
+    ret = PrepareEpoll();
+    if (ret != 0) {
+        TARVO_LOG(LOG_ERR, "PrepareEpoll failed: err=%d, errno=%d.", ret, errno);
+        CloseDescriptors();
+        running = false;
+        return ret;
+    }
+    return StartThread();
+}
+
+int PipeServer::GetFifoName() {
+    const char *selfName = GetServerAttr().selfName;
+    try {
+        const std::string prefix = EnvManager::FifoPrefix();
+        const std::string ownName = selfName != nullptr ? selfName : EnvManager::ProcName();
+        if (prefix.empty() || ownName.empty()) {
+            return -EINVAL;
+        }
+        const std::string root = GetCurrDomain() == TARVO_DOMAIN_ORLA ? EnvManager::OrlaFifoDirPrefix() : "";
+        fifoName = &*fifoNames.insert(root + prefix + ownName).first;
+        return 0;
+    } catch (const std::bad_alloc &) {
+        errno = ENOMEM;
+        return -ENOMEM;
+    }
+}
+
+int PipeServer::PreparaFifoFile() {
+    int ret = GetFifoName();
+    if (ret != 0) {
+        TARVO_LOG(LOG_ERR, "GetFifoName error=%d, errno=%d.", ret, errno);
+        return ret;
+    }
+    const std::string &name = FifoName();
+    const uint32_t gid = GetServerAttr().gid;
+    ret = WithoutThrow([&] { return CreateFifo(name, gid, -1, TARVO_DOMAIN_LOCAL, ""); });
+    if (ret != 0) {
+        TARVO_LOG(LOG_ERR, "CreateFifo %s error=%d, errno=%d.", name.c_str(), ret, errno);
+        return ret;
+    }
+    monitorFd = WithoutThrow([&] { return OpenPublishedFifo(name, O_RDONLY | O_NONBLOCK | O_CLOEXEC); });
+    if (monitorFd < 0) {
+        RemoveIfExists(name);
+        TARVO_LOG(LOG_ERR, "OpenFifo %s error=%d, errno=%d.", name.c_str(), ret, errno);
+        return std::exchange(monitorFd, -1);
+    }
+    // A writer of our own keeps the FIFO from reporting a hang-up whenever the last client closes, and wakes our
+    // thread. We are a reader already, so this open does not block.
+    writeFd = WithoutThrow([&] { return OpenPublishedFifo(name, O_WRONLY | O_CLOEXEC); });
+    if (writeFd < 0) {
+        TARVO_LOG(LOG_ERR, "Open writable server fifo %s error, ret=%d, errno=%d.", name.c_str(), writeFd, errno);
+        CloseAndForget(monitorFd);
+        RemoveIfExists(name);
+        return std::exchange(writeFd, -1);
+    }
+    return 0;
+}
+
+int PipeServer::PrepareEpoll() {
+    epollFd = epoll_create(1);
+    if (epollFd < 0) {
+        const int error = errno;
+        TARVO_LOG(LOG_ERR, "Create epoll instance failed: err=%d, errno=%d.", -error, error);
+        return -error;
+    }
+    const int ret = AddFdToEpoll(epollFd, monitorFd, monitorFd, EPOLLIN);
+    if (ret != 0) {
+        TARVO_LOG(LOG_ERR, "Add fd to epoll error: ret=%d.", ret);
+        CloseAndForget(epollFd);
+        return ret;
+    }
+    // Two processes that start at the same moment under one name can end up on the same file; the lock leaves it to
+    // one of them.
+    if (flock(monitorFd, LOCK_EX | LOCK_NB) != 0) {
+        const int error = errno;
+        TARVO_LOG(LOG_ERR, "Server %s flock failed: monitorfd=%d, err=%d, errno=%d.", FifoName().c_str(), monitorFd,
+                  -error, error);
+        CloseAndForget(epollFd);
+        return -error;
+    }
+    return 0;
+}
+
+int PipeServer::StartThread() {
+    if (!running) {
+        return 0;
+    }
+    TARVO_LOG(LOG_DEBUG, "Server start monitor routine.");
+    try {
+        monitorThread.Create(&PipeServer::MonitorRoutine, this);
+    } catch (const std::system_error &e) {
+        TARVO_LOG(LOG_ERR, "Start Server monitorThread failed, system error: %s.", e.what());
+        CloseLocked();
+        return -ENOSPC;
+    } catch (const std::exception &) {
+        TARVO_LOG(LOG_ERR, "Start Server monitorThread failed.");
+        CloseLocked();
+        return -ENOSPC;
+    }
+    const TarvoPriority priority = GetServerAttr().priority;
+    const int ret = monitorThread.SetRTType(priority);
+    if (ret != 0) {
+        TARVO_LOG(LOG_ERR, "Set server monitor thread to type %d failed, ret=%d", priority, ret);
+        CloseLocked();
+        return ret;
+    }
+    return 0;
+}
+
+void PipeServer::Close() {
+    if (IsServerThread()) {
+        // An open callback cannot wait for its own thread. What that leaves goes with the next Init or the destructor.
+        stopping = true;
+        return;
+    }
+    MutexLock lock(mutex);
+    CloseLocked();
+}
+
+void PipeServer::CloseLocked() {
+    if (!running) {
+        return;
+    }
+    const int ret = SendMsgToServer(writeFd);
+    if (ret != 0) {
+        TARVO_LOG(LOG_ERR, "Send stop message to server fail, ret=%d.", ret);
+        StopWithoutPacket();
+    }
+    JoinThread();
+    flock(monitorFd, LOCK_UN | LOCK_NB);
+    CloseDescriptors();
+    running = false;
+}
+
+int PipeServer::SendMsgToServer(int fd) const {
+    PipeServerMessage message(PIPE_SERVER_MSG_TERMINATE, "");
+    const int ret = message.Init();
+    if (ret != 0) {
+        TARVO_LOG(LOG_ERR, "Msg Init fail, err=%d.", ret);
+        return ret;
+    }
+    const ssize_t written = write(fd, message.GetData(), message.Size());
+    if (written != static_cast<ssize_t>(message.Size())) {
+        const int error = written < 0 ? errno : EIO;
+        TARVO_LOG(LOG_ERR, "Write dataIn fail: %ld, writeFd=%d, errno=%d.", written, fd, error);
+        return -error;
+    }
+    TARVO_LOG(LOG_INFO, "%s send name to server itself success.", FifoName().c_str());
+    return 0;
+}
+
+void PipeServer::StopWithoutPacket() {
+    stopping = true;
+    // The thread may sleep without a time limit. A FIFO that has room makes its write end ready and so ends that
+    // sleep; one that has none holds packets, and the thread is not asleep.
+    AddFdToEpoll(epollFd, writeFd, writeFd, EPOLLOUT);
+}
+
+void PipeServer::JoinThread() {
+    if (!monitorThread.Joinable()) {
+        return;
+    }
+    try {
+        monitorThread.Join();
+    } catch (const std::system_error &) {
+        // There is no such thread, so nothing to wait for.
+    }
+}
+
+void PipeServer::CloseDescriptors() {
+    CloseAndForget(epollFd);
+    CloseAndForget(writeFd);
+    CloseAndForget(monitorFd);
+}
+
+void PipeServer::ReleaseEndedRun() {
+    JoinThread();
+    CloseDescriptors();
+}
+
+void PipeServer::ExceptionHandler() const { unlink(FifoName().c_str()); }

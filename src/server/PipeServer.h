@@ -1,0 +1,109 @@
+#ifndef TARVO_SERVER_PIPESERVER_H
+#define TARVO_SERVER_PIPESERVER_H
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <set>
+#include <string>
+
+#include "api/Mutex.h"
+#include "pipe/MagicReceiver.h"
+#include "tarvo.h"
+#include "worker/tarvo_thread.h"
+
+class TarvoTable;
+
+// Makes this process reachable under its name: reads the connect packets of clients from its monitor FIFO and opens a
+// pipe back to each.
+// Owns: the monitor FIFO, both its descriptors, an epoll descriptor and the thread "tarvo_server". Threads: any may
+// start and close it; Recv, the packet loop and the open callback belong to the server thread. Locks: mutex serialises
+// starting and closing and is held while the server thread is waited for, so that thread never takes it; attrMutex is
+// a leaf. Ends: the destructor closes it; the table outlives it.
+class PipeServer : public MagicReceiver {
+public:
+    // The server of this process, made on first use; empty once the pipe table or the server itself has gone down with
+    // the process. Whoever holds the reference keeps the table alive as well.
+    static std::shared_ptr<PipeServer> GetInstance();
+
+    // For GetInstance; a process has one.
+    explicit PipeServer(TarvoTable &pipeTable);
+    ~PipeServer() override;
+
+    // Starts the server: 0, -EEXIST while it runs, or the negated errno of the step that failed, undone up to there.
+    // May be called by an open callback (and is refused there).
+    int Init(const TarvoServerAttr &serverAttr) EXCLUDES(mutex);
+
+    // Serves what has arrived, ends the thread and closes the descriptors. The FIFO file stays. In an open callback it
+    // only has the thread end after that callback.
+    void Close() EXCLUDES(mutex);
+
+    // Removes the monitor FIFO; takes no lock, for the handler of a fatal signal.
+    void ExceptionHandler() const;
+
+    std::string GetFifoNameForDFX() const { return FifoName(); }
+    TarvoServerAttr GetServerAttr() const EXCLUDES(attrMutex);
+
+    // Reads up to `len` bytes once there are any. Server thread only.
+    int Recv(void *buf, unsigned long len) override;
+
+    // The server thread.
+    void MonitorRoutine();
+    void MonitorRoutineLinux();
+    void CallTarvoOpenAsync(const std::unique_ptr<char[]> &clientName, uint32_t gid, int pid) const;
+
+    // Writes the packet that ends the server thread: 0 or a negated errno.
+    int SendMsgToServer(int fd) const;
+
+private:
+    int RefuseSecondInit() const;
+    void StoreAttr(const TarvoServerAttr &serverAttr) REQUIRES(mutex);
+    // The steps of Init. Each leaves nothing behind when it fails, and errno as the failure set it.
+    int InitServer() REQUIRES(mutex);
+    int PreparaFifoFile() REQUIRES(mutex);
+    int GetFifoName() REQUIRES(mutex);
+    int PrepareEpoll() REQUIRES(mutex);
+    int StartThread() REQUIRES(mutex);
+
+    void CloseLocked() REQUIRES(mutex);
+    // What is left of a run whose thread has ended by itself.
+    void ReleaseEndedRun() REQUIRES(mutex);
+    void StopWithoutPacket() REQUIRES(mutex);
+    void JoinThread() REQUIRES(mutex);
+    bool IsServerThread() const;
+    void CloseDescriptors() REQUIRES(mutex);
+    const std::string &FifoName() const { return *fifoName.load(std::memory_order_acquire); }
+
+    // False when the loop is to end.
+    bool ServePacket();
+    void ServeConnectPacket();
+    std::unique_ptr<char[]> ReadClientName(uint32_t size);
+    void LetBlockedWritersGo();
+    int OpenPipe(const char *clientName, uint32_t gid, int pid) const;
+
+    Mutex mutex;
+    // True while a server is being set up or runs; cleared by the thread when it ends by itself.
+    std::atomic<bool> running{false};
+    // Tells the thread to end although no terminate packet could be written.
+    std::atomic<bool> stopping{false};
+    TarvoThread monitorThread GUARDED_BY(mutex);
+
+    // Every path served so far. Its nodes neither move nor go before the server does, so that fifoName, which points
+    // at one of them, may be read without a lock in a signal handler.
+    std::set<std::string> fifoNames GUARDED_BY(mutex);
+    std::atomic<const std::string *> fifoName;
+
+    // Written under `mutex` while no server thread exists, and constant while it runs.
+    int monitorFd = -1;
+    int writeFd = -1;
+    int epollFd = -1;
+    std::function<void(int, const std::string &)> openCallback;
+
+    const char *threadName = "tarvo_server";
+    TarvoTable &table;
+    mutable Mutex attrMutex;
+    TarvoServerAttr attr GUARDED_BY(attrMutex);
+};
+
+#endif // TARVO_SERVER_PIPESERVER_H

@@ -1,0 +1,100 @@
+#include "server/TarvoClientPipe.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <new>
+
+#include "api/EnvManager.h"
+#include "diag/velm_syslog.h"
+#include "fifo/velm_fifo.h"
+#include "server/PipeServerMessage.h"
+
+namespace {
+
+constexpr char LOG_TAG[] = "TarvoClientPipe";
+
+} // namespace
+
+TarvoClientPipe::TarvoClientPipe(const TarvoAttr &attr, PipeObserver &pipeObserver)
+    : TarvoPipeImpl(attr, pipeObserver) {
+    closeAction = 0;
+    myName += "_" + std::to_string(getpid());
+    AssembleFifoNames();
+}
+
+TarvoClientPipe::~TarvoClientPipe() = default;
+
+std::string TarvoClientPipe::MonitorPipeNameGen() {
+    const std::string root = GetCurrDomain() == TARVO_DOMAIN_ORLA ? EnvManager::OrlaFifoDirPrefix() : "";
+    return root + EnvManager::FifoPrefix() + remoteName;
+}
+
+int TarvoClientPipe::OpenServerMonitorPipe(const std::string &name) const {
+    return OpenPublishedFifo(name, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+}
+
+int TarvoClientPipe::SendMsgToServer(int serverMonitorFd) {
+    PipeServerMessage message(PIPE_SERVER_MSG_CONNECT, GetMyName());
+    const int ret = message.Init();
+    if (ret != 0) {
+        TARVO_LOG(LOG_ERR, "Msg Init fail, ret = %d", ret);
+        return ret;
+    }
+    const ssize_t written = write(serverMonitorFd, message.GetData(), message.Size());
+    if (written != static_cast<ssize_t>(message.Size())) {
+        const int error = written < 0 ? errno : EIO;
+        TARVO_LOG(LOG_ERR, "write dataIn fail: %ld, serverMonitorFd = %d, errno = %d", written, serverMonitorFd, error);
+        return -error;
+    }
+    return 0;
+}
+
+int TarvoClientPipe::TimedOpen(int timeoutMs) {
+    TARVO_LOG(LOG_INFO, "begin TarvoClientPipe Open readFd(%d) remote(%s) timed out", GetReadFd(), remoteName.c_str());
+    const int ret = Announce();
+    if (ret != 0) {
+        observer.OnOpenFailed(GetPipeFd());
+        return ret;
+    }
+    return TarvoPipeImpl::TimedOpen(timeoutMs);
+}
+
+int TarvoClientPipe::Announce() {
+    const std::string name = MonitorPipeNameGen();
+    int ret = FindServer(name);
+    if (ret != 0) {
+        return ret;
+    }
+    const int fd = OpenServerMonitorPipe(name);
+    if (fd < 0) {
+        TARVO_LOG_RESTRAINED(LOG_ERR, "%s open monitor pipe %s failed, fd=%d, err=%d", myName.c_str(), name.c_str(), fd,
+                             errno);
+        return fd;
+    }
+    try {
+        ret = SendMsgToServer(fd);
+    } catch (const std::bad_alloc &) {
+        ret = -ENOMEM;
+    }
+    close(fd);
+    if (ret != 0) {
+        TARVO_LOG(LOG_ERR, "Send client name to server fail, ret = %d", ret);
+        return ret;
+    }
+    TARVO_LOG(LOG_INFO, "%s send name to server %s success", myName.c_str(), name.c_str());
+    return 0;
+}
+
+int TarvoClientPipe::FindServer(const std::string &name) const {
+    if (name.empty()) {
+        TARVO_LOG(LOG_ERR, "%s monitor pipe name is empty", myName.c_str());
+        return -EINVAL;
+    }
+    if (IsFifoFile(name) != 0) {
+        TARVO_LOG(LOG_ERR, "%s connect %s failed, server fifo not exist", myName.c_str(), name.c_str());
+        return -ENXIO;
+    }
+    return 0;
+}

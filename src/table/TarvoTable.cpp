@@ -1,0 +1,239 @@
+#include "table/TarvoTable.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <exception>
+#include <utility>
+
+#include "diag/velm_syslog.h"
+#include "monitor/DataMonitorImpl.h"
+#include "server/TarvoClientPipe.h"
+#include "worker/CallbackPool.h"
+
+namespace {
+
+constexpr char LOG_TAG[] = "TarvoTable";
+constexpr useconds_t DRAIN_US = 50000;
+
+} // namespace
+
+TarvoTable::TarvoTable(const std::shared_ptr<CallbackPool> &pool) : callbackPool(pool) {}
+
+TarvoTable::~TarvoTable() { DrainAndDisable(); }
+
+std::shared_ptr<TarvoPipeImpl> TarvoTable::MakePipe(const TarvoAttr &attr, TarvoPipeType type) {
+    switch (type) {
+    case TARVO_CLIENT_PIPE:
+        TARVO_LOG(LOG_INFO, "make TARVO_CLIENT_PIPE, %s.", attr.targetName);
+        return std::make_shared<TarvoClientPipe>(attr, *this);
+    case TARVO_NORMAL_PIPE:
+        TARVO_LOG(LOG_INFO, "make TARVO_NORMAL_PIPE, %s.", attr.targetName);
+        break;
+    case TARVO_SERVER_PIPE:
+        TARVO_LOG(LOG_INFO, "make TARVO_SERVER_PIPE, %s.", attr.targetName);
+        break;
+    }
+    return std::make_shared<TarvoPipeImpl>(attr, *this);
+}
+
+int TarvoTable::MakeAndAddPipe(const TarvoAttr *attr, TarvoPipeType type) {
+    std::shared_ptr<TarvoPipeImpl> pipe = MakePipe(*attr, type);
+    int ret = PrepareMonitor(attr->priority, pipe->GetPipeDataMonitorType());
+    if (ret != 0) {
+        TARVO_LOG(LOG_ERR, "Prepare Monitor failed, ret is %d", ret);
+        return ret;
+    }
+    int fd = 0;
+    // When the two names have a pipe already, the new object dies here, unused.
+    pipe = FindOrInsert(pipe, fd);
+    if (fd < 0) {
+        return fd;
+    }
+    // Outside tableLock: a slow open must not keep others from sending, opening and closing.
+    ret = pipe->TimedOpen(attr->timeout);
+    if (ret >= 0) {
+        return fd;
+    }
+    if (ret == -ETIMEDOUT) {
+        TARVO_LOG(LOG_INFO, "AddPipe timedout when open");
+    } else if (ret == -ECANCELED) {
+        TARVO_LOG(LOG_INFO, "Open is cancelled");
+    } else {
+        TARVO_LOG_RESTRAINED(LOG_ERR, "AddPipe failed when open fd=%d, err=%d", fd, ret);
+    }
+    // The pipe stays registered on purpose: the next open to the same remote tries it again under the same handle.
+    return ret;
+}
+
+std::shared_ptr<TarvoPipeImpl> TarvoTable::FindOrInsert(const std::shared_ptr<TarvoPipeImpl> &fresh, int &fd) {
+    const std::string key = fresh->GetTableKey();
+    WriteLock lock(tableLock);
+    const auto found = pipeKeyTable.find(key);
+    if (found != pipeKeyTable.end()) {
+        fd = found->second->GetPipeFd();
+        return found->second;
+    }
+    fd = Insert(fresh);
+    if (fd < 0) {
+        TARVO_LOG_RESTRAINED(LOG_ERR, "Cannot alloc new fd, ret = %d", fd);
+    }
+    return fresh;
+}
+
+int TarvoTable::Insert(const std::shared_ptr<TarvoPipeImpl> &pipe) {
+    if (pipeFdTable.size() >= MAX_PIPES) {
+        return -ENOMEM;
+    }
+    const int fd = AllocateFd();
+    if (fd < 0) {
+        TARVO_LOG(LOG_ERR, "Exceed fd maximum number, ret = %d", fd);
+        return fd;
+    }
+    pipe->SetFd(fd);
+    const auto inserted = pipeFdTable.emplace(fd, pipe).first;
+    try {
+        pipeKeyTable.emplace(pipe->GetTableKey(), pipe);
+    } catch (...) {
+        pipeFdTable.erase(inserted);
+        throw;
+    }
+    TARVO_LOG(LOG_DEBUG, "Pipe table size: %d, alloc fd = %d", static_cast<int>(pipeFdTable.size()), fd);
+    return fd;
+}
+
+std::shared_ptr<TarvoPipeImpl> TarvoTable::GetPipe(int fd) const {
+    if (fd < 1) {
+        TARVO_LOG(LOG_DEBUG, "Input fd(%d) is invalid", fd);
+        return nullptr;
+    }
+    {
+        ReadLock lock(tableLock);
+        const auto found = pipeFdTable.find(fd);
+        if (found != pipeFdTable.end()) {
+            return found->second;
+        }
+    }
+    TARVO_LOG(LOG_INFO, "GetPipe failed, input fd = %d", fd);
+    return nullptr;
+}
+
+std::shared_ptr<TarvoPipeImpl> TarvoTable::Unregister(int fd) {
+    WriteLock lock(tableLock);
+    const auto position = RemoveDataMonitor(fd);
+    if (position == pipeFdTable.end()) {
+        return nullptr;
+    }
+    std::shared_ptr<TarvoPipeImpl> pipe = position->second;
+    // Formed before the first map changes, since it may run out of memory.
+    const std::string key = pipe->GetTableKey();
+    pipeFdTable.erase(position);
+    pipeKeyTable.erase(key);
+    TARVO_LOG(LOG_INFO, "pipe(%d) is removed from table", fd);
+    return pipe;
+}
+
+void TarvoTable::CloseTarvoPipe(int fd) {
+    // Dropped after closeMutex is free again: the user's callback object may go with the pipe and close another one.
+    std::shared_ptr<TarvoPipeImpl> pipe;
+    MutexLock closing(closeMutex);
+    pipe = Unregister(fd);
+    if (!pipe) {
+        return;
+    }
+    pipe->DeInitPipe();
+    // While the pipe's own remote-close notice runs, it does so on this very worker, which it frees by itself.
+    if (!pipe->IsCallbackHandleRemoteClose()) {
+        callbackPool->FreeWorker(std::to_string(fd));
+    }
+}
+
+void TarvoTable::CleanTarvoPipe(int fd) {
+    const std::shared_ptr<TarvoPipeImpl> pipe = GetPipe(fd);
+    if (!pipe) {
+        TARVO_LOG(LOG_INFO, "TarvoClean GetPipe fail, please check input fd(%d).", fd);
+        return;
+    }
+    pipe->CleanPipe();
+}
+
+void TarvoTable::DisableTarvoTable() {
+    MutexLock disabling(disableMutex);
+    DropPipes();
+    DropMonitors();
+    // Once more, for pipes registered meanwhile: one that waits for its remote on a worker would keep the pool waiting.
+    // Later ones are refused a worker.
+    DropPipes();
+    {
+        // Until submissions under way have got their worker: a callback that asked for one when the pool has none left
+        // to give would wait for ever, and the pool for the callback.
+        WriteLock submitted(submitLock);
+    }
+    callbackPool->Destroy();
+    isDisable = true;
+}
+
+void TarvoTable::DrainAndDisable() {
+    try {
+        // Only once: at process exit this runs on the exiting thread first, and nothing is left to drain when the
+        // destructor follows.
+        if (!drained.exchange(true)) {
+            usleep(DRAIN_US);
+        }
+        DisableTarvoTable();
+    } catch (const std::exception &error) {
+        TARVO_LOG(LOG_ERR, "Disable table failed, %s.", error.what());
+    }
+}
+
+void TarvoTable::DropPipes() {
+    PipeFdTable pipes;
+    PipeKeyTable keys;
+    WriteLock lock(tableLock);
+    for (const auto &entry : pipeFdTable) {
+        // Before the descriptor is closed, as in every close: its number may be another pipe's when the receive thread,
+        // which removes a pipe that hung up, gets to it.
+        RemoveDataMonitor(entry.first);
+        entry.second->DeInitPipe();
+    }
+    pipes.swap(pipeFdTable);
+    keys.swap(pipeKeyTable);
+    lock.Unlock();
+    // Their named workers, so that a submission that waits for a free one waits for running callbacks at most.
+    for (const auto &entry : pipes) {
+        callbackPool->FreeWorker(std::to_string(entry.first));
+    }
+}
+
+void TarvoTable::ExceptionHandler() {
+    WriteLock lock(tableLock);
+    for (const auto &entry : pipeFdTable) {
+        entry.second->ExceptionHandler();
+    }
+}
+
+std::size_t TarvoTable::Size() const {
+    ReadLock lock(tableLock);
+    return pipeFdTable.size();
+}
+
+std::size_t TarvoTable::NumWorkers() const { return callbackPool->NumWorkers(); }
+
+std::size_t TarvoTable::NumUrgentWorkers() const { return callbackPool->NumUrgentWorkers(); }
+
+int TarvoTable::OnRequestIn(std::string workerName, const std::function<void()> &task, TarvoPriority priority) const {
+    return tasksRefused ? -EACCES : callbackPool->DropTo(workerName, task, priority);
+}
+
+int TarvoTable::OnOwnRequestIn(std::string workerName, std::function<void()> &&task, TarvoPriority priority) const {
+    return tasksRefused ? -EACCES : callbackPool->DropTo(workerName, std::move(task), priority);
+}
+
+int TarvoTable::OnAsyncRequestIn(const std::function<void()> &task, TarvoPriority priority) const {
+    ReadLock submitting(submitLock);
+    return tasksRefused ? -EACCES : callbackPool->DropAsyncTask(task, priority);
+}
+
+void TarvoTable::OnOpenFailed(int) {}
+
+void TarvoTable::OnFreeSelfWorker(std::string workerName) { callbackPool->FreeWorker(workerName); }

@@ -1,0 +1,123 @@
+#include "worker/CallbackPool.h"
+
+#include <cerrno>
+#include <new>
+#include <utility>
+
+#include "diag/velm_syslog.h"
+
+namespace {
+
+constexpr char LOG_TAG[] = "CallbackPool";
+
+int SetPriority(Worker &worker, TarvoPriority priority) {
+    const int ret = worker.SetRTType(priority);
+    if (ret != 0) {
+        TARVO_LOG(LOG_ERR, "Set worker attribute failed, ret = %d", ret);
+    }
+    return ret;
+}
+
+template <typename Task, typename... Arguments>
+int AssignTask(Worker &worker, Arguments &&...arguments) {
+    std::shared_ptr<const TarvoTask> task;
+    try {
+        task = std::make_shared<const Task>(std::forward<Arguments>(arguments)...);
+    } catch (const std::bad_alloc &) {
+        TARVO_LOG(LOG_ERR, "Set worker attribute failed, ret = %d", -ENOMEM);
+        return -ENOMEM;
+    }
+    return worker.Assign(task);
+}
+
+template <typename Callback>
+int DropSerial(CallbackPool &callbacks, const std::string &name, Callback &&callback, TarvoPriority priority) {
+    if (!callback) {
+        TARVO_LOG(LOG_ERR, "Input parameter invalid");
+        return -EINVAL;
+    }
+    Worker *worker = callbacks.FindWorker(name);
+    if (worker == nullptr) {
+        return -ENOMEM;
+    }
+    const int ret = SetPriority(*worker, priority);
+    return ret != 0 ? ret : AssignTask<SyncTask>(*worker, std::forward<Callback>(callback));
+}
+
+} // namespace
+
+CallbackPool::CallbackPool(std::shared_ptr<WorkerPool> workerPool) : pool(std::move(workerPool)) {}
+
+int CallbackPool::DropTo(const std::string &name, const std::function<void()> &callback, TarvoPriority priority) {
+    return DropSerial(*this, name, callback, priority);
+}
+
+int CallbackPool::DropTo(const std::string &name, std::function<void()> &&callback, TarvoPriority priority) {
+    return DropSerial(*this, name, std::move(callback), priority);
+}
+
+int CallbackPool::DropAsyncTask(const std::function<void()> &callback, TarvoPriority priority) {
+    if (!callback) {
+        TARVO_LOG(LOG_ERR, "Input parameter invalid");
+        return -EINVAL;
+    }
+    if (destroyed) {
+        TARVO_LOG(LOG_WARNING, "Using thread pool after destroy.");
+        return -EACCES;
+    }
+    Worker *worker = priority == TARVO_PRIORITY_URGENT ? pool->GetUrgentWorker() : pool->GetWorker();
+    if (worker == nullptr) {
+        return -ENOMEM;
+    }
+    // A failure from here on leaves the worker allocated, as intended: it takes a bad priority or a thread that cannot
+    // be started. For want of memory alone it goes back.
+    int ret = SetPriority(*worker, priority);
+    if (ret != 0) {
+        return ret;
+    }
+    ret = AssignTask<OneShotTask>(*worker, callback, *this, *worker);
+    if (ret == -ENOMEM) {
+        pool->FreeWorker(*worker);
+    }
+    return ret;
+}
+
+Worker *CallbackPool::FindWorker(const std::string &name) {
+    if (Worker *worker = pool->WorkerOf(name)) {
+        return worker;
+    }
+    for (;;) {
+        MutexLock lock(findMutex);
+        if (Worker *worker = pool->WorkerOf(name)) {
+            return worker;
+        }
+        int ret = pool->AllocWorker(name);
+        if (ret == -ENOMEM) {
+            return nullptr;
+        }
+        if (ret == 0) {
+            if (Worker *worker = pool->WorkerOf(name)) {
+                return worker;
+            }
+            continue; // freed already by somebody else
+        }
+        // With findMutex held: submitters of other new names wait behind this one.
+        ret = pool->WaitForFreeWorker();
+        if (ret < 0) {
+            TARVO_LOG(LOG_ERR, "Wait for free worker failed: err = %d", ret);
+        }
+    }
+}
+
+int CallbackPool::FreeWorker(const std::string &name) { return pool->FreeWorker(name); }
+
+void CallbackPool::OnTaskFinished(const TarvoTask &task) { pool->FreeWorker(*task.GetExecutor()); }
+
+void CallbackPool::Destroy() {
+    pool->Destroy();
+    destroyed = true;
+}
+
+std::size_t CallbackPool::NumWorkers() const { return pool->NumWorkers(); }
+
+std::size_t CallbackPool::NumUrgentWorkers() const { return pool->NumUrgentWorkers(); }

@@ -1,0 +1,59 @@
+#ifndef TARVO_WORKER_CALLBACKPOOL_H
+#define TARVO_WORKER_CALLBACKPOOL_H
+
+#include <atomic>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "api/Mutex.h"
+#include "tarvo.h"
+#include "worker/TarvoTask.h"
+#include "worker/WorkerPool.h"
+
+// The one way in which the library runs user callbacks: one after another under a name, or each on any free worker.
+// Owns: a share of the worker pool. Threads: any. Locks: findMutex, held across the allocation of a named worker and
+// the wait for a free one, never across a task. Ends: after Destroy; submitters must have returned (those that wait in
+// DropTo for a worker that will not come have their objects for ever).
+class CallbackPool : public TarvoTaskObserver {
+public:
+    explicit CallbackPool(std::shared_ptr<WorkerPool> pool);
+
+    // Runs `callback` on the worker of `name`, after everything submitted under that name before. The first call for a
+    // name allocates the worker, waiting while none is free; FreeWorker gives it back. 0, -EINVAL (empty callback, or a
+    // priority other than normal and urgent), -EBUSY (1000 tasks wait), -1 (its thread could not be started), -ENOMEM.
+    // On failure the callback was not and will not be run. After Destroy a new name waits for ever, as intended.
+    int DropTo(const std::string &name, const std::function<void()> &callback, TarvoPriority priority);
+    // The same without a copy of the callback, which may be gone on failure too.
+    int DropTo(const std::string &name, std::function<void()> &&callback, TarvoPriority priority);
+
+    // Runs `callback` on any free worker, waiting while none is free; urgent callbacks have a reserve of their own.
+    // Results as DropTo, and -EACCES after Destroy. With a bad priority, or a thread that could not be started, the
+    // worker is not given back.
+    int DropAsyncTask(const std::function<void()> &callback, TarvoPriority priority);
+
+    // The worker of `name`, allocated if needed; waits while none is free. Null only when there was no memory for it.
+    Worker *FindWorker(const std::string &name) EXCLUDES(findMutex);
+
+    // Drops the callbacks queued under `name` and gives its worker back; always 0. Does not wait for a callback that
+    // runs, so a callback may free its own worker: a worker's next tasks queue behind it on the same thread.
+    int FreeWorker(const std::string &name);
+
+    // For OneShotTask: gives its worker back.
+    void OnTaskFinished(const TarvoTask &task) override;
+
+    // Drops all queued callbacks, waits for those that run and ends all workers. Not from a callback. A second call
+    // waits for the first.
+    void Destroy();
+
+    std::size_t NumWorkers() const;
+    std::size_t NumUrgentWorkers() const;
+
+private:
+    std::shared_ptr<WorkerPool> pool;
+    Mutex findMutex;
+    std::atomic<bool> destroyed{false};
+};
+
+#endif // TARVO_WORKER_CALLBACKPOOL_H

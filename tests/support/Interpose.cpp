@@ -1,0 +1,44 @@
+#include "support/Interpose.h"
+
+#include <dlfcn.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace tarvo_test {
+
+thread_local int RealTime::depth = 0;
+
+namespace detail {
+
+std::atomic<unsigned> armed[static_cast<std::size_t>(Call::Count)] = {};
+
+void *ResolveNext(std::atomic<void *> &slot, const char *name) {
+    void *found = slot.load(std::memory_order_acquire);
+    if (found != nullptr) {
+        return found;
+    }
+    const int savedErrno = errno;
+    found = dlsym(RTLD_NEXT, name);
+    // RTLD_NEXT may yield the oldest version of a versioned symbol (realpath, pthread_cond_timedwait); a look-up in
+    // the library that was found yields the one that new code is linked to.
+    Dl_info where{};
+    if (found != nullptr && dladdr(found, &where) != 0) {
+        if (void *library = dlopen(where.dli_fname, RTLD_LAZY | RTLD_NOLOAD)) {
+            if (void *newest = dlsym(library, name)) {
+                found = newest;
+            }
+            dlclose(library);
+        }
+    }
+    if (found == nullptr) {
+        std::fprintf(stderr, "no next definition of %s\n", name);
+        std::abort();
+    }
+    slot.store(found, std::memory_order_release);
+    errno = savedErrno;
+    return found;
+}
+
+} // namespace detail
+} // namespace tarvo_test

@@ -1,0 +1,255 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "support/Eventually.h"
+#include "support/RawPeer.h"
+#include "system/Payload.h"
+#include "system/SystemTest.h"
+
+namespace tarvo_test {
+namespace {
+
+std::string Fd(int fd) { return " fd=" + std::to_string(fd) + " "; }
+
+class CloseTest : public SystemTest {
+protected:
+    // `maker_` creates the files of the pipe, `joiner_` waits for them. The maker's write end opens in the background,
+    // or with the first message that it sends: a test that needs it open lets the maker send.
+    void Start(const std::string &makerCallback, const std::string &joinerCallback) {
+        pair_ =
+            OpenPair(maker_, Name("m"), "callback=" + makerCallback, joiner_, Name("j"), "callback=" + joinerCallback);
+    }
+
+    void QuitBoth() {
+        EXPECT_EQ(joiner_.Quit(), 0);
+        EXPECT_EQ(maker_.Quit(), 0);
+    }
+
+    bool FilesExist() const {
+        return access(FifoPath(Name("m"), Name("j")).c_str(), F_OK) == 0 &&
+               access(FifoPath(Name("j"), Name("m")).c_str(), F_OK) == 0;
+    }
+
+    PeerProcess maker_;
+    PeerProcess joiner_;
+    Pair pair_ = {};
+};
+
+TEST_F(CloseTest, MakerOfTheFilesRemovesThemAndTheRemoteIsTold) {
+    Start("echo", "echo");
+    EXPECT_EQ(joiner_.Ask("call text timeout=20000 data=x" + Fd(pair_.second)), "0 x");
+    EXPECT_EQ(maker_.AskInt("close" + Fd(pair_.first)), 0);
+    EXPECT_FALSE(FilesExist());
+    EXPECT_EQ(maker_.AskInt("send data=x" + Fd(pair_.first)), -ENOENT);
+    EXPECT_EQ(maker_.AskInt("close" + Fd(pair_.first)), 0) << "a second time";
+    EXPECT_EQ(HandleIn(joiner_.Await("gone")), pair_.second);
+    QuitBoth();
+}
+
+TEST_F(CloseTest, JoinerLeavesTheFilesAndTheMakerRemovesThem) {
+    Start("echo", "echo");
+    EXPECT_EQ(joiner_.Ask("call text timeout=20000 data=x" + Fd(pair_.second)), "0 x");
+    maker_.Freeze();
+    EXPECT_EQ(joiner_.AskInt("close" + Fd(pair_.second)), 0);
+    EXPECT_TRUE(FilesExist());
+    maker_.Thaw();
+    EXPECT_EQ(HandleIn(maker_.Await("gone")), pair_.first);
+    AwaitFilesGone(Name("m"), Name("j"));
+    EXPECT_EQ(maker_.AskInt("send data=x" + Fd(pair_.first)), -ENOENT);
+    QuitBoth();
+}
+
+TEST_F(CloseTest, NullRequestComesAfterAllRequestsThatWereRead) {
+    Start("gate", "echo");
+    EXPECT_EQ(joiner_.AskInt("send times=3 data=x" + Fd(pair_.second)), 0);
+    EXPECT_EQ(maker_.Ask("call text timeout=20000 data=mark" + Fd(pair_.first)), "0 mark");
+    EXPECT_EQ(joiner_.AskInt("close" + Fd(pair_.second)), 0);
+    maker_.Ask("gate permits=3");
+    for (int id = 0; id < 3; ++id) {
+        EXPECT_EQ(maker_.NextEvent().substr(0, 7), "entered");
+        EXPECT_EQ(maker_.NextEvent().substr(0, 4), "left");
+        // The answer finds nobody any more.
+        maker_.Await("unanswered");
+    }
+    EXPECT_EQ(HandleIn(maker_.NextEvent()), pair_.first);
+    AwaitFilesGone(Name("m"), Name("j"));
+    QuitBoth();
+}
+
+TEST_F(CloseTest, ExitOfTheRemoteIsTold) {
+    Start("echo", "echo");
+    EXPECT_EQ(joiner_.Ask("call text timeout=20000 data=x" + Fd(pair_.second)), "0 x");
+    EXPECT_EQ(joiner_.Quit(), 0);
+    EXPECT_EQ(HandleIn(maker_.Await("gone")), pair_.first);
+    AwaitFilesGone(Name("m"), Name("j"));
+    EXPECT_EQ(maker_.Quit(), 0);
+}
+
+TEST_F(CloseTest, SigkillOfTheJoinerIsTold) {
+    Start("echo", "echo");
+    EXPECT_EQ(joiner_.Ask("call text timeout=20000 data=x" + Fd(pair_.second)), "0 x");
+    joiner_.KillAndWait();
+    EXPECT_EQ(HandleIn(maker_.Await("gone")), pair_.first);
+    AwaitFilesGone(Name("m"), Name("j"));
+    EXPECT_EQ(maker_.Quit(), 0);
+}
+
+TEST_F(CloseTest, SigkillOfTheMakerIsTold) {
+    FilesMayStay();
+    Start("echo", "echo");
+    EXPECT_EQ(joiner_.Ask("call text timeout=20000 data=x" + Fd(pair_.second)), "0 x");
+    maker_.KillAndWait();
+    EXPECT_EQ(HandleIn(joiner_.Await("gone")), pair_.second);
+    EXPECT_EQ(joiner_.AskInt("close" + Fd(pair_.second)), 0);
+    EXPECT_EQ(joiner_.AskInt("send data=x" + Fd(pair_.second)), -ENOENT);
+    EXPECT_EQ(joiner_.Quit(), 0);
+}
+
+// Whether every thread of the process sleeps.
+bool AllAsleep(pid_t pid) {
+    for (const auto &task : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task")) {
+        std::string stat;
+        std::getline(std::ifstream(task.path() / "stat"), stat);
+        // The state follows the name of the thread, which stands in parentheses.
+        const std::size_t state = stat.rfind(')') + 2;
+        if (state >= stat.size() || stat[state] != 'S') {
+            return false;
+        }
+    }
+    return true;
+}
+
+class WaitingCallerTest : public CloseTest, public ::testing::WithParamInterface<std::string> {
+protected:
+    static constexpr int CALLERS = 8;
+
+    // Callers of the joiner whom the maker will never answer, with the time-out in `words`.
+    void StartCallers(const std::string &words) {
+        Start("report", GetParam());
+        for (int i = 0; i < CALLERS; ++i) {
+            joiner_.Ask("start data=x tag=" + std::to_string(i) + words + Fd(pair_.second));
+            maker_.Await("request");
+        }
+        // The maker writes once, so that its end is open and its loss can be seen.
+        EXPECT_EQ(maker_.AskInt("respond id=999999 data=x" + Fd(pair_.first)), 0);
+        EXPECT_TRUE(Eventually([this] { return AllAsleep(joiner_.Pid()); }));
+    }
+
+    void ExpectBrokenCalls() {
+        int broken = 0;
+        for (int i = 0; i < CALLERS; ++i) {
+            const std::string result = joiner_.Await("called tag=" + std::to_string(i) + " ");
+            broken += result == "result=" + std::to_string(-EPIPE) ? 1 : 0;
+            // A caller who slept on its way to the wait and not in it finds the pipe closed: 0 without an answer.
+            EXPECT_TRUE(result == "result=" + std::to_string(-EPIPE) || result == "result=0") << result;
+        }
+        EXPECT_GE(broken, CALLERS / 2);
+    }
+};
+
+TEST_P(WaitingCallerTest, ReturnsEpipeWhenTheRemoteDies) {
+    FilesMayStay();
+    StartCallers("");
+    maker_.KillAndWait();
+    ExpectBrokenCalls();
+    EXPECT_EQ(joiner_.Quit(), 0);
+}
+
+TEST_P(WaitingCallerTest, ReturnsEpipeWhenTheRemoteCloses) {
+    StartCallers(" timeout=20000");
+    EXPECT_EQ(maker_.AskInt("close" + Fd(pair_.first)), 0);
+    ExpectBrokenCalls();
+    QuitBoth();
+}
+
+TEST_P(WaitingCallerTest, ReturnsEpipeWhenItsOwnProcessCloses) {
+    StartCallers("");
+    EXPECT_EQ(joiner_.AskInt("close" + Fd(pair_.second)), 0);
+    ExpectBrokenCalls();
+    QuitBoth();
+}
+
+INSTANTIATE_TEST_SUITE_P(Callback, WaitingCallerTest, ::testing::Values("echo", "none"));
+
+TEST_F(CloseTest, SendToAReaderThatIsGoneIsEpipe) {
+    RawPeer raw(Name("raw"), Name("m"));
+    const int fd =
+        maker_.AskInt("open mode=1 timeout=10000 callback=echo self=" + Name("m") + " target=" + Name("raw"));
+    ASSERT_GT(fd, 0);
+    raw.OpenBoth();
+    EXPECT_EQ(maker_.AskInt("send data=x" + Fd(fd)), 0);
+    raw.CloseRead();
+    EXPECT_EQ(maker_.AskInt("send data=x" + Fd(fd)), -EPIPE);
+    EXPECT_EQ(maker_.AskInt("respond data=x" + Fd(fd)), -EPIPE);
+    EXPECT_EQ(maker_.AskInt("call timeout=10000 data=x" + Fd(fd)), -EPIPE);
+    QuitBoth();
+}
+
+TEST_F(CloseTest, CleanPipeRemovesTheFilesOfAnOpenPipe) {
+    Start("echo", "echo");
+    EXPECT_EQ(joiner_.Ask("call text timeout=20000 data=x" + Fd(pair_.second)), "0 x");
+    EXPECT_EQ(maker_.AskInt("clean" + Fd(pair_.first)), 0);
+    EXPECT_TRUE(FilesExist()) << "refused for the side that made them";
+    EXPECT_EQ(joiner_.AskInt("clean" + Fd(pair_.second)), 0);
+    EXPECT_TRUE(Files().empty());
+    EXPECT_EQ(joiner_.Ask("call text timeout=20000 data=on" + Fd(pair_.second)), "0 on");
+    EXPECT_EQ(joiner_.AskInt("clean" + Fd(pair_.second)), 0) << "a second time";
+    QuitBoth();
+}
+
+TEST_F(CloseTest, ClosedPipeOpensAgainUnderAFreshHandle) {
+    Start("echo", "echo");
+    EXPECT_EQ(joiner_.AskInt("close" + Fd(pair_.second)), 0);
+    maker_.Await("gone");
+    AwaitFilesGone(Name("m"), Name("j"));
+    const Pair before = pair_;
+    Start("echo", "echo");
+    EXPECT_GT(pair_.first, before.first);
+    EXPECT_GT(pair_.second, before.second);
+    EXPECT_EQ(joiner_.Ask("call text timeout=20000 data=x" + Fd(pair_.second)), "0 x");
+    QuitBoth();
+}
+
+TEST_F(CloseTest, NullRequestMayCloseThePipeAndConnectAgain) {
+    Serve(maker_, Name("s"), "callback=echo");
+    pair_ = Connect(maker_, Name("s"), joiner_, Name("c"), "callback=reopen");
+    EXPECT_EQ(joiner_.Ask("call text timeout=20000 data=before" + Fd(pair_.second)), "0 before");
+    EXPECT_EQ(maker_.AskInt("close" + Fd(pair_.first)), 0);
+    joiner_.Await("gone");
+    const int fd = HandleIn(joiner_.Await("reopened"));
+    EXPECT_GT(fd, pair_.second);
+    EXPECT_EQ(joiner_.Ask("call text timeout=20000 data=after" + Fd(fd)), "0 after");
+    EXPECT_GT(HandleIn(maker_.Await("client")), pair_.first);
+    QuitBoth();
+}
+
+TEST_F(CloseTest, ClientsReconnectToAServerThatWasKilled) {
+    const std::string create = "client timeout=10000 callback=report self=" + Name("c") + " target=" + Name("s");
+    Serve(maker_, Name("s"), "callback=echo");
+    int fd = Connect(maker_, Name("s"), joiner_, Name("c"), "callback=report").second;
+    EXPECT_EQ(joiner_.Ask("call text timeout=20000 data=before" + Fd(fd)), "0 before");
+    const auto files = Files();
+    maker_.KillAndWait();
+
+    EXPECT_EQ(HandleIn(joiner_.Await("gone")), fd);
+    EXPECT_EQ(joiner_.AskInt("close" + Fd(fd)), 0);
+    EXPECT_EQ(joiner_.AskInt(create), -ENXIO) << "no server runs";
+    PeerProcess again;
+    Serve(again, Name("s"), "callback=echo");
+    fd = joiner_.AskInt(create);
+    ASSERT_GT(fd, 0);
+    EXPECT_EQ(joiner_.Ask("call text timeout=20000 data=after" + Fd(fd)), "0 after");
+    EXPECT_EQ(Files().size(), files.size()) << "the new server took over the names";
+
+    EXPECT_EQ(joiner_.Quit(), 0);
+    EXPECT_EQ(again.Quit(), 0);
+}
+
+} // namespace
+} // namespace tarvo_test

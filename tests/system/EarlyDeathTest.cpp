@@ -1,0 +1,80 @@
+// A remote that ends before it has opened its write end. Its FIFO then never had a writer, and tells its reader
+// nothing.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <future>
+#include <string>
+#include <utility>
+
+#include "support/Eventually.h"
+#include "support/Names.h"
+#include "support/Pipes.h"
+#include "support/RawPeer.h"
+#include "tarvo.h"
+
+namespace tarvo_test {
+namespace {
+
+class EarlyDeathTest : public testing::Test {
+protected:
+    int Open(Callback callback = {}) {
+        remote.CreateFiles();
+        TarvoAttr attr = MakeAttr(self, target, TARVO_MODE_CLIENT, std::move(callback));
+        return fd = TarvoOpen(&attr);
+    }
+
+    ~EarlyDeathTest() override { TarvoClosePipe(fd); }
+
+    int fd = 0;
+    const std::string self = UniqueName("caller");
+    const std::string target = UniqueName("mute");
+    RawPeer remote{target, self};
+};
+
+TEST_F(EarlyDeathTest, CallerWithoutTimeOutIsTold) {
+    Open();
+    ASSERT_GT(fd, 0);
+    std::future<std::string> call = std::async(std::launch::async, [this] { return Ask(fd, "anybody?", -1); });
+    EXPECT_EQ(remote.Receive().payload, "anybody?");
+    remote.CloseRead();
+    EXPECT_EQ(call.get(), "error " + std::to_string(-EPIPE));
+}
+
+TEST_F(EarlyDeathTest, CallbackIsToldOnceAndThePipeCloses) {
+    std::atomic<int> told{0};
+    Open([&](int, TarvoRequest *request) { told += request == nullptr ? 1 : 100; });
+    ASSERT_GT(fd, 0);
+    remote.CloseRead();
+    TarvoRequest request{0, const_cast<char *>("x"), 1};
+    EXPECT_TRUE(Eventually([&] { return TarvoSendRequest(fd, &request) == -ENOENT; }));
+    EXPECT_EQ(told, 1);
+}
+
+TEST_F(EarlyDeathTest, AnswerWrittenBeforeTheEndIsDelivered) {
+    Open();
+    ASSERT_GT(fd, 0);
+    remote.OpenWrite();
+    std::future<std::string> call = std::async(std::launch::async, [this] { return Ask(fd, "last one", -1); });
+    const RawFrame request = remote.Receive();
+    remote.Send(RawResponse(request.id, "good-bye"));
+    remote.CloseRead();
+    remote.CloseWrite();
+    EXPECT_EQ(call.get(), "good-bye");
+}
+
+TEST_F(EarlyDeathTest, CallbackIsToldOnceOfAnOrdinaryEnd) {
+    std::atomic<int> told{0};
+    Open([&](int, TarvoRequest *request) { told += request == nullptr ? 1 : 100; });
+    ASSERT_GT(fd, 0);
+    remote.OpenWrite();
+    remote.CloseRead();
+    remote.CloseWrite();
+    TarvoRequest request{0, const_cast<char *>("x"), 1};
+    EXPECT_TRUE(Eventually([&] { return TarvoSendRequest(fd, &request) == -ENOENT; }));
+    EXPECT_EQ(told, 1);
+}
+
+} // namespace
+} // namespace tarvo_test

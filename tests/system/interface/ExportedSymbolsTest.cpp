@@ -1,0 +1,118 @@
+// The names under which programs that were built earlier, or by another compiler, find the library's functions.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <link.h>
+
+#include <fstream>
+#include <memory>
+#include <regex>
+#include <set>
+#include <string>
+
+#include "tarvo.h"
+
+namespace {
+
+using Names = std::set<std::string>;
+
+const Names &PlainNames() {
+    static const Names names = {
+        "DestroyResponse",       "GetCurrDomain",       "IsCrossDomainPipe", "IsOrlaDomainPipe",  "NuroCoreSetaffinity",
+        "TarvoCfgFinishServer",  "TarvoCleanPipe",      "TarvoClosePipe",    "TarvoCreateClient", "TarvoCreateServer",
+        "TarvoExceptionHandler", "TarvoOpen",           "TarvoPipeTypeOpen", "TarvoRPCSync",      "TarvoSendRequest",
+        "TarvoSendResponse",     "TarvoServiceIsExist", "TarvoTimedRPCSync"};
+    return names;
+}
+
+// The wrappers of the security library have plain names too, although no public header declares them.
+const Names &SecurityNames() {
+    static const Names names = {"AuthFreeCon",
+                                "AuthGetCon",
+                                "AuthGetPidCon",
+                                "AuthProxyFree",
+                                "AuthRestoreCon",
+                                "AuthSecurityCheckContext",
+                                "AuthSecurityComputeAv",
+                                "AuthSecurityGetEnforce",
+                                "AuthSelinuxRestoreCon",
+                                "AuthSelinuxSetFileCon",
+                                "AuthSetCon",
+                                "AuthSetFileCon",
+                                "AuthStringToAvPerm",
+                                "AuthStringToSecurityClass"};
+    return names;
+}
+
+class ExportedSymbolsTest : public testing::Test {
+protected:
+    void SetUp() override { ASSERT_NE(library, nullptr) << dlerror(); }
+
+    bool Exports(const std::string &name) const { return dlsym(library.get(), name.c_str()) != nullptr; }
+
+    void ExpectAll(const Names &names) const {
+        for (const std::string &name : names) {
+            EXPECT_TRUE(Exports(name)) << name;
+        }
+    }
+
+private:
+    struct Close {
+        void operator()(void *handle) const { dlclose(handle); }
+    };
+    std::unique_ptr<void, Close> library{dlopen(TARVO_LIBRARY, RTLD_NOW)};
+};
+
+// Names of the functions that the public header declares on one side of its `extern "C"`.
+Names Declared(bool plain) {
+    std::ifstream header(TARVO_PUBLIC_HEADER);
+    const std::regex function(R"(^\w[\w ]* \*?(\w+)\(.*)");
+    Names names;
+    bool inPlain = false;
+    for (std::string line; std::getline(header, line);) {
+        std::smatch match;
+        if (line == "extern \"C\" {") {
+            inPlain = true;
+        } else if (line == "} // extern \"C\"") {
+            inPlain = false;
+        } else if (inPlain == plain && std::regex_match(line, match, function)) {
+            names.insert(match[1]);
+        }
+    }
+    return names;
+}
+
+TEST_F(ExportedSymbolsTest, EveryFunctionOfTheHeaderHasItsPlainName) { ExpectAll(PlainNames()); }
+
+TEST_F(ExportedSymbolsTest, TheOverloadOfTarvoOpenHasItsMangledName) {
+    EXPECT_TRUE(Exports("_Z9TarvoOpenPKcPFviP12TarvoRequestEi9TarvoMode"));
+}
+
+TEST_F(ExportedSymbolsTest, TheListAboveIsTheHeaders) {
+    EXPECT_EQ(Declared(true), PlainNames());
+    EXPECT_EQ(Declared(false), Names{"TarvoOpen"});
+}
+
+TEST_F(ExportedSymbolsTest, TheSecurityWrappersHavePlainNames) { ExpectAll(SecurityNames()); }
+
+// Programs call members of the library's classes, its checks and its log function directly.
+TEST_F(ExportedSymbolsTest, MembersOfClassesAreExported) {
+    ExpectAll({"_ZN10EnvManager8ProcNameEv", "_ZN12TableFactory11GetInstanceEv", "_ZN10TarvoTable17DisableTarvoTableEv",
+               "_ZN10WorkerPool13FillWorkersToEi", "_ZN6Worker5StartEv", "_ZN12CallbackPool7DestroyEv",
+               "_ZN13TarvoPipeImpl9TimedOpenEi", "_ZN15TarvoClientPipe9TimedOpenEi", "_ZN10PipeServer11GetInstanceEv",
+               "_ZN15DataMonitorImpl7DestroyEv", "_ZN13MagicReceiver9RecvMagicEv", "_ZN5Tarvo14GetCurrentTimeEv"});
+}
+
+// A program asks the loader for the soname of the library that it was linked to, and the loader keeps that name.
+TEST_F(ExportedSymbolsTest, TheSonameCarriesTheMajorVersion) {
+    NuroCoreSetaffinity(); // does nothing, but links the library to this program
+    Names loaded;
+    const auto keep = [](dl_phdr_info *object, std::size_t, void *names) {
+        const std::string path = object->dlpi_name;
+        static_cast<Names *>(names)->insert(path.substr(path.rfind('/') + 1));
+        return 0;
+    };
+    dl_iterate_phdr(keep, &loaded);
+    EXPECT_EQ(loaded.count("libtarvo.so.1"), 1U) << testing::PrintToString(loaded);
+}
+
+} // namespace

@@ -1,0 +1,68 @@
+// The process-wide table: made on first use, once, and handed out until process exit begins.
+#include "api/TableFactory.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <thread>
+#include <vector>
+
+#include "ApiFixture.h"
+#include "support/AllocFaults.h"
+#include "support/Process.h"
+#include "table/TarvoTable.h"
+
+namespace tarvo_test {
+namespace {
+
+TEST_F(ApiTest, FirstCallOfAllMakesTheTable) {
+    EXPECT_EQ(TarvoServiceIsExist(), 1);
+    const auto table = TableFactory::GetInstance();
+    ASSERT_TRUE(table);
+    EXPECT_EQ(table->Size(), 0U);
+    EXPECT_EQ(table->NumWorkers(), 0U);
+    EXPECT_FALSE(table->GetIsDisable());
+}
+
+TEST_F(ApiTest, EverybodyGetsTheSameTable) {
+    constexpr int THREADS = 16;
+    std::vector<std::shared_ptr<TarvoTable>> tables(THREADS);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < THREADS; ++i) {
+        threads.emplace_back([&tables, i] { tables[static_cast<std::size_t>(i)] = TableFactory::GetInstance(); });
+    }
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
+    ASSERT_TRUE(tables.front());
+    EXPECT_EQ(std::count(tables.begin(), tables.end(), tables.front()), THREADS);
+}
+
+TEST_F(ApiTest, DisabledTableIsStillHandedOut) {
+    TarvoCfgFinishServer();
+    ASSERT_TRUE(TableFactory::GetInstance());
+    EXPECT_TRUE(TableFactory::GetInstance()->GetIsDisable());
+    EXPECT_EQ(TarvoServiceIsExist(), 0);
+}
+
+TEST(TableFactoryTest, FirstUseWithoutMemoryIsTriedAgainByTheNext) {
+    ChildProcess child([](Channel &) {
+        unsigned failed = 0;
+        for (unsigned nth = 1;; ++nth) {
+            const AllocFault fault(nth);
+            const int exists = TarvoServiceIsExist();
+            if (!fault.Hit()) {
+                EXPECT_EQ(exists, 1);
+                break;
+            }
+            EXPECT_EQ(exists, 0);
+            ++failed;
+        }
+        EXPECT_GE(failed, 4U) << "the pools, the table, the protector";
+        return 0;
+    });
+    EXPECT_EQ(child.Wait(), 0);
+}
+
+} // namespace
+} // namespace tarvo_test

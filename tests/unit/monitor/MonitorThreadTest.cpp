@@ -1,0 +1,296 @@
+// The thread of the receive monitor: what it does with events, and when it ends.
+#include <gtest/gtest.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <ctime>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "MonitorFixture.h"
+#include "support/Eventually.h"
+
+namespace tarvo_test {
+namespace {
+
+class MonitorThreadTest : public MonitorTest {};
+
+TEST_F(MonitorThreadTest, MessageOfARegisteredPipeIsHandled) {
+    ASSERT_EQ(Init(), 0);
+    Line line(*this, 2);
+    ASSERT_EQ(monitor.Add(2, line.readFd, line.pipe), 0);
+    line.peer.Send(RawRequest(1, "x"));
+    EXPECT_TRUE(observer.WaitFor(Report::RequestIn));
+    EXPECT_EQ(monitor.Remove(2), 0);
+    monitor.Destroy();
+}
+
+TEST_F(MonitorThreadTest, MessageTakesOneWaitAndTwoReads) {
+    const CallCounter waits(Call::EpollWait);
+    ASSERT_EQ(Init(), 0);
+    Line line(*this, 2);
+    ASSERT_EQ(monitor.Add(2, line.readFd, line.pipe), 0);
+    const CallCounter reads(Call::Read, Where().Fd(line.readFd));
+    constexpr unsigned MESSAGES = 50;
+    ASSERT_TRUE(waits.WaitFor(1));
+    for (unsigned i = 1; i <= MESSAGES; ++i) {
+        line.peer.Send(RawRequest(i, "x"));
+        ASSERT_TRUE(waits.WaitFor(i + 1));
+    }
+    EXPECT_EQ(reads.Count(), 2 * MESSAGES);
+    EXPECT_EQ(waits.Count(), MESSAGES + 1);
+    EXPECT_EQ(observer.Count(Report::RequestIn), MESSAGES);
+    EXPECT_EQ(monitor.Remove(2), 0);
+    monitor.Destroy();
+}
+
+TEST_F(MonitorThreadTest, PipeThatHungUpIsRemovedAfterItsEvent) {
+    ASSERT_EQ(Init(), 0);
+    Line line(*this, 2);
+    ASSERT_EQ(monitor.Add(2, line.readFd, line.pipe), 0);
+    bool registeredMeanwhile = false;
+    observer.Do(Report::RequestIn, [&](const ObserverCall &) { registeredMeanwhile = Registered(2) != nullptr; });
+    const CallCounter removals(Call::EpollCtl);
+    line.peer.CloseWrite();
+    ASSERT_TRUE(removals.WaitFor(1));
+    monitor.Destroy();
+    EXPECT_TRUE(registeredMeanwhile);
+    EXPECT_EQ(Registered(2), nullptr);
+}
+
+TEST_F(MonitorThreadTest, PipeWithoutCallbackThatHungUpIsClosed) {
+    ASSERT_EQ(Init(), 0);
+    Line line(*this, 2, false);
+    ASSERT_EQ(monitor.Add(2, line.readFd, line.pipe), 0);
+    line.peer.CloseWrite();
+    EXPECT_TRUE(observer.WaitFor(Report::RemoteClosed));
+    line.peer.AwaitHangup();
+    monitor.Destroy();
+}
+
+TEST_F(MonitorThreadTest, EventOfAnUnknownPipeIsReportedAndSkipped) {
+    ASSERT_EQ(Init(), 0);
+    Line line(*this, 2);
+    ASSERT_EQ(monitor.Add(2, line.readFd, line.pipe), 0);
+    // The index that comes with the first event is another one.
+    const ScopedHook hook(
+        Call::EpollWait,
+        [](const CallInfo &info) {
+            auto *const events = static_cast<epoll_event *>(info.data);
+            events[0].data.fd = 77;
+            events[0].events = EPOLLIN;
+            return std::optional<Outcome>(Outcome{1, 0});
+        },
+        Where().Nth(1).Times(1));
+    line.peer.Send(RawRequest(1, "x"));
+    EXPECT_TRUE(observer.WaitFor(Report::RequestIn));
+    line.peer.Send(RawRequest(2, "x"));
+    EXPECT_TRUE(observer.WaitFor(Report::RequestIn, 2));
+    EXPECT_TRUE(
+        log.WaitFor(LOG_ERR, "DataMonitorImpl RecvRoutine pipe == nullptr, i=0, pipeIdx=77, events=1.").has_value());
+    EXPECT_EQ(monitor.Remove(2), 0);
+    monitor.Destroy();
+}
+
+TEST_F(MonitorThreadTest, FailingWaitIsReportedAndRepeated) {
+    const ScopedFault fault(Call::EpollWait, EBADF, Where().Nth(1).Times(3));
+    ASSERT_EQ(Init(), 0);
+    Line line(*this, 2);
+    ASSERT_EQ(monitor.Add(2, line.readFd, line.pipe), 0);
+    line.peer.Send(RawRequest(1, "x"));
+    EXPECT_TRUE(observer.WaitFor(Report::RequestIn));
+    EXPECT_EQ(log.CountExactly(LOG_ERR, "Monitor failed, ret = -1, errno(9): Bad file descriptor"), 1U)
+        << "three times the same, restrained";
+    EXPECT_EQ(monitor.Remove(2), 0);
+    monitor.Destroy();
+}
+
+TEST_F(MonitorThreadTest, InterruptedWaitIsRepeatedSilently) {
+    const ScopedFault fault(Call::EpollWait, EINTR, Where().Nth(1).Times(3));
+    ASSERT_EQ(Init(), 0);
+    ASSERT_TRUE(Eventually([&fault] { return fault.Hits() == 3; }));
+    monitor.Destroy();
+    EXPECT_FALSE(log.Contains(ANY_LEVEL, "Monitor failed"));
+}
+
+// The eventfd of the monitor, as it is registered.
+class MonitorStopTest : public MonitorTest {
+protected:
+    // The thread has begun to wait when this returns.
+    void InitAndLearnEventFd() {
+        const ScopedHook hook(Call::EpollCtl, [this](const CallInfo &info) { eventFd = info.fd; });
+        const CallCounter waits(Call::EpollWait);
+        ASSERT_EQ(Init(), 0);
+        ASSERT_GE(eventFd, 0);
+        ASSERT_TRUE(waits.WaitFor(1));
+    }
+
+    void WriteMessage(uint64_t message) {
+        ASSERT_EQ(write(eventFd, &message, sizeof(message)), static_cast<ssize_t>(sizeof(message)));
+    }
+
+    static uint64_t ExitMessage(pid_t pid) { return static_cast<uint64_t>(pid | 0xA1B2); }
+
+    int eventFd = -1;
+};
+
+TEST_F(MonitorStopTest, ForeignValueOnTheEventfdDoesNotStopTheThread) {
+    InitAndLearnEventFd();
+    uint64_t foreign = ExitMessage(getpid()) ^ 0x10000;
+    WriteMessage(foreign);
+    EXPECT_TRUE(
+        log.WaitFor(LOG_WARNING, "Read unknown eventMsg: ret = 8, msg = " + std::to_string(foreign) + ", errno = 0.")
+            .has_value());
+    Line line(*this, 2);
+    ASSERT_EQ(monitor.Add(2, line.readFd, line.pipe), 0);
+    line.peer.Send(RawRequest(1, "x"));
+    EXPECT_TRUE(observer.WaitFor(Report::RequestIn));
+    EXPECT_EQ(monitor.Remove(2), 0);
+    monitor.Destroy();
+    EXPECT_EQ(log.CountExactly(LOG_NOTICE, "DataMonitorImpl RecvRoutine end"), 1U);
+}
+
+TEST_F(MonitorStopTest, EventfdThatCannotBeReadDoesNotStopTheThread) {
+    InitAndLearnEventFd();
+    {
+        const ScopedFault fault(Call::Read, EIO, Where().Fd(eventFd));
+        WriteMessage(ExitMessage(getpid()));
+        EXPECT_TRUE(log.WaitFor(LOG_WARNING, "Read eventFd failed: ret = -1, msg = 0, errno = 5.").has_value());
+    }
+    // The message is still there, and read by the next round.
+    EXPECT_TRUE(log.WaitFor(LOG_NOTICE, "DataMonitorImpl RecvRoutine end").has_value());
+    monitor.Destroy();
+}
+
+TEST_F(MonitorStopTest, ErrnoOfAnEarlierCallDecidesOnlyTheLogLine) {
+    InitAndLearnEventFd();
+    const ScopedHook hook(
+        Call::Read,
+        [](const CallInfo &info) {
+            *static_cast<uint64_t *>(info.data) = ExitMessage(getpid());
+            return std::optional<Outcome>(Outcome{8, EAGAIN});
+        },
+        Where().Fd(eventFd));
+    monitor.Destroy();
+    EXPECT_TRUE(log.ContainsExactly(LOG_NOTICE, "EventFd already cleared: ret = 8."));
+    EXPECT_TRUE(log.ContainsExactly(LOG_NOTICE, "DataMonitorImpl RecvRoutine end"));
+}
+
+TEST_F(MonitorStopTest, ExitIsNotifiedOnceMoreInVainWhenTheEventfdIsFull) {
+    InitAndLearnEventFd();
+    {
+        const ScopedFault fault(Call::Write, EAGAIN, Where().Fd(eventFd));
+        monitor.NotifyDataMonitorExit();
+    }
+    EXPECT_TRUE(log.ContainsExactly(LOG_ERR, "NotifyDataMonitorExit (EVENTS_IN) failed: ret = -1, errno = 11."));
+    monitor.Destroy();
+}
+
+TEST_F(MonitorStopTest, ClosedEventfdCountsAsAStop) { EXPECT_TRUE(monitor.ClearEventFd()); }
+
+TEST_F(MonitorStopTest, EventsOfTheSameBatchAreDeliveredBeforeTheThreadEnds) {
+    InitAndLearnEventFd();
+    Line before(*this, 2);
+    Line after(*this, 3);
+    // Both pipes and the request to stop become ready while the thread is held before its wait.
+    std::atomic<bool> held{false};
+    std::atomic<bool> go{false};
+    const ScopedHook hold(
+        Call::EpollWait,
+        [&](const CallInfo &) {
+            held = true;
+            Eventually([&go] { return go.load(); });
+        },
+        Where().Nth(1).Times(1));
+    ASSERT_EQ(monitor.Add(2, before.readFd, before.pipe), 0);
+    before.peer.Send(RawRequest(1, "x"));
+    ASSERT_TRUE(observer.WaitFor(Report::RequestIn));
+    ASSERT_TRUE(Eventually([&held] { return held.load(); }));
+    ASSERT_EQ(monitor.Add(3, after.readFd, after.pipe), 0);
+    before.peer.Send(RawRequest(2, "x"));
+    WriteMessage(ExitMessage(getpid()));
+    after.peer.Send(RawRequest(3, "x"));
+    go = true;
+    EXPECT_TRUE(log.WaitFor(LOG_NOTICE, "DataMonitorImpl RecvRoutine end").has_value());
+    EXPECT_EQ(observer.Count(Report::RequestIn), 3U);
+    EXPECT_EQ(monitor.Remove(2), 0);
+    EXPECT_EQ(monitor.Remove(3), 0);
+    monitor.Destroy();
+}
+
+TEST_F(MonitorStopTest, DestroyWhileEventsArriveEnds) {
+    for (int round = 0; round < 20; ++round) {
+        DataMonitorImpl each("tarvo_monitor");
+        ASSERT_EQ(each.Init(TARVO_PRIORITY_NORMAL, EXIT_ID, NORMAL_LOCAL), 0);
+        Line line(*this, 2);
+        ASSERT_EQ(each.Add(2, line.readFd, line.pipe), 0);
+        std::thread sender([&line] {
+            for (uint32_t i = 0; i < 50; ++i) {
+                line.peer.TrySend(RawRequest(i, "x"));
+            }
+        });
+        each.Destroy();
+        sender.join();
+        observer.DropTasks();
+    }
+}
+
+// ---- Many pipes, and none that have anything to say ----
+
+TEST_F(MonitorThreadTest, ThousandPipesOnOneMonitor) {
+    ASSERT_EQ(Init(), 0);
+    std::vector<std::unique_ptr<Line>> lines;
+    for (int i = 0; i < 1000; ++i) {
+        lines.push_back(std::make_unique<Line>(*this, 2 + i));
+        ASSERT_EQ(monitor.Add(2 + i, lines.back()->readFd, lines.back()->pipe), 0);
+    }
+    for (const std::unique_ptr<Line> &line : lines) {
+        line->peer.Send(RawRequest(1, "x"));
+    }
+    EXPECT_TRUE(observer.WaitFor(Report::RequestIn, lines.size()));
+    std::vector<std::string> workers;
+    for (const ObserverCall &call : observer.Calls(Report::RequestIn)) {
+        workers.push_back(call.worker);
+    }
+    std::sort(workers.begin(), workers.end());
+    EXPECT_EQ(std::unique(workers.begin(), workers.end()), workers.end()) << "each pipe exactly once";
+    for (const std::unique_ptr<Line> &line : lines) {
+        EXPECT_EQ(monitor.Remove(line->handle), 0);
+    }
+    monitor.Destroy();
+    observer.DropTasks();
+}
+
+TEST_F(MonitorThreadTest, IdleMonitorDoesNotTurnBeforeOrAfterAHangUp) {
+    const CallCounter waits(Call::EpollWait);
+    ASSERT_EQ(Init(), 0);
+    Line quiet(*this, 2);
+    Line leaving(*this, 3);
+    ASSERT_EQ(monitor.Add(2, quiet.readFd, quiet.pipe), 0);
+    ASSERT_EQ(monitor.Add(3, leaving.readFd, leaving.pipe), 0);
+    ASSERT_TRUE(waits.WaitFor(1));
+    leaving.peer.CloseWrite();
+    ASSERT_TRUE(waits.WaitFor(2));
+    // A thread that turned in vain would use up the whole of this time.
+    const auto used = [] {
+        timespec time{};
+        clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
+        return time.tv_sec * 1000 + time.tv_nsec / 1000000;
+    };
+    const int64_t before = used();
+    pollfd nothing{eventfd(0, 0), POLLIN, 0};
+    EXPECT_EQ(poll(&nothing, 1, 300), 0);
+    close(nothing.fd);
+    EXPECT_LT(used() - before, 100);
+    EXPECT_EQ(waits.Count(), 2U);
+    EXPECT_EQ(monitor.Remove(2), 0);
+    monitor.Destroy();
+}
+
+} // namespace
+} // namespace tarvo_test

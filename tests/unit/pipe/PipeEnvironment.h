@@ -1,0 +1,65 @@
+// The surroundings of a pipe that its tests change: sleeps, the domain of the process, the number of descriptors.
+#ifndef TARVO_TESTS_PIPE_PIPEENVIRONMENT_H
+#define TARVO_TESTS_PIPE_PIPEENVIRONMENT_H
+
+#include <sys/resource.h>
+
+#include <chrono>
+#include <cstdint>
+#include <mutex>
+#include <vector>
+
+#include "support/FakeClock.h"
+#include "support/Faults.h"
+#include "tarvo.h"
+
+namespace tarvo_test {
+
+// A restrained line is written once by each call site and thread in 600 s. While this lives, the clock is so far ahead
+// that no line of an earlier test of this process counts.
+class FreshRestrainedLines {
+public:
+    explicit FreshRestrainedLines(FakeClock::Mode mode = FakeClock::Mode::Running);
+
+    FakeClock clock;
+};
+
+// A clock that stands still but for the sleeps, which it records and does not sleep.
+class RecordedSleeps : public FreshRestrainedLines {
+public:
+    RecordedSleeps();
+
+    // In microseconds, in order.
+    std::vector<int64_t> Sleeps() const;
+    int64_t Total() const;
+
+private:
+    mutable std::mutex mutex;
+    std::vector<int64_t> sleeps;
+    ScopedHook hook;
+};
+
+// While it lives, this process belongs to the domain `current`, whatever the library was built for.
+class ScopedDomain {
+public:
+    explicit ScopedDomain(TarvoDomain current);
+    ~ScopedDomain();
+    ScopedDomain(const ScopedDomain &) = delete;
+    ScopedDomain &operator=(const ScopedDomain &) = delete;
+};
+
+// While it lives, this process can open `spare` more descriptors (in places that are free in order) and then no more.
+class DescriptorLimit {
+public:
+    explicit DescriptorLimit(int spare);
+    ~DescriptorLimit();
+    DescriptorLimit(const DescriptorLimit &) = delete;
+    DescriptorLimit &operator=(const DescriptorLimit &) = delete;
+
+private:
+    rlimit before{};
+};
+
+} // namespace tarvo_test
+
+#endif // TARVO_TESTS_PIPE_PIPEENVIRONMENT_H

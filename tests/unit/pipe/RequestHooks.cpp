@@ -1,0 +1,73 @@
+#include "RequestHooks.h"
+
+#include <dlfcn.h>
+
+#include <cstdlib>
+#include <mutex>
+
+#include "api/EnvManager.h"
+#include "pipe/TarvoPipeImpl.h"
+
+namespace tarvo_test {
+
+namespace {
+
+constexpr int DEFAULT_ROUNDS = 5000;
+
+// Never destroyed: the library may still ask while statics end.
+struct Hooks {
+    std::mutex mutex;
+    std::function<void()> beforeRemove;
+    std::string runMode;
+};
+
+Hooks &State() {
+    static auto *const hooks = new Hooks;
+    return *hooks;
+}
+
+} // namespace
+
+BeforeRemoveRequest::BeforeRemoveRequest(std::function<void()> action) {
+    const std::lock_guard<std::mutex> lock(State().mutex);
+    State().beforeRemove = std::move(action);
+}
+
+BeforeRemoveRequest::~BeforeRemoveRequest() {
+    const std::lock_guard<std::mutex> lock(State().mutex);
+    State().beforeRemove = nullptr;
+}
+
+void SetRunMode(const std::string &mode) {
+    const std::lock_guard<std::mutex> lock(State().mutex);
+    State().runMode = mode;
+}
+
+int StressRounds() {
+    const char *const rounds = std::getenv("TARVO_STRESS_ROUNDS");
+    return rounds != nullptr ? std::atoi(rounds) : DEFAULT_ROUNDS;
+}
+
+} // namespace tarvo_test
+
+// ---- In front of the library's and the C library's ----
+
+void TarvoPipeImpl::RemoveRequest(const TarvoRequest &req) {
+    using Function = void (*)(TarvoPipeImpl *, const TarvoRequest &);
+    static const auto next =
+        reinterpret_cast<Function>(dlsym(RTLD_NEXT, "_ZN13TarvoPipeImpl13RemoveRequestERK12TarvoRequest"));
+    std::function<void()> action;
+    {
+        const std::lock_guard<std::mutex> lock(tarvo_test::State().mutex);
+        action.swap(tarvo_test::State().beforeRemove);
+    }
+    if (action) {
+        action();
+    }
+    next(this, req);
+}
+
+std::string EnvManager::GetRunMode() {
+    const std::lock_guard<std::mutex> lock(tarvo_test::State().mutex);
+    return tarvo_test::State().runMode;
+}

@@ -1,0 +1,324 @@
+#include "server/TarvoClientPipe.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "LibraryStubs.h"
+#include "support/AllocFaults.h"
+#include "support/Faults.h"
+#include "support/LeakCheck.h"
+#include "support/Names.h"
+#include "support/RawFrame.h"
+#include "support/SyslogCapture.h"
+
+namespace tarvo_test {
+namespace {
+
+constexpr int HANDLE = 42;
+
+class RecordingObserver : public PipeObserver {
+public:
+    int OnRequestIn(std::string, const std::function<void()> &, TarvoPriority) const override { return 0; }
+    int OnAsyncRequestIn(const std::function<void()> &, TarvoPriority) const override { return 0; }
+    int OnPipeOpened(int, int fd, std::shared_ptr<TarvoPipeImpl>) override {
+        opened.push_back(fd);
+        return 0;
+    }
+    void OnOpenFailed(int fd) override { failed.push_back(fd); }
+    void OnPipeRemoteClosed(int) override {}
+    void OnFreeSelfWorker(std::string) override {}
+
+    std::vector<int> opened;
+    std::vector<int> failed;
+};
+
+// A client of a server that is only a FIFO.
+class TarvoClientPipeTest : public LeakCheckedTest {
+protected:
+    TarvoClientPipeTest() {
+        FifoDirectory();
+        attr.targetName = server.c_str();
+        attr.selfName = self.c_str();
+        attr.timeout = 1;
+        MakePipe();
+    }
+
+    ~TarvoClientPipeTest() override {
+        pipe.reset();
+        CloseServer();
+        unlink(path.c_str());
+    }
+
+    void MakePipe() {
+        pipe = std::make_shared<TarvoClientPipe>(attr, observer);
+        pipe->SetFd(HANDLE);
+    }
+
+    void MakeServerFile() const { ASSERT_EQ(mkfifo(path.c_str(), 0660), 0); }
+
+    void MakeServer() {
+        MakeServerFile();
+        serverFd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        ASSERT_GE(serverFd, 0);
+    }
+
+    void CloseServer() {
+        if (serverFd >= 0) {
+            close(serverFd);
+        }
+        serverFd = -1;
+    }
+
+    std::string WhatTheServerReads() const {
+        char buffer[4096];
+        const ssize_t count = read(serverFd, buffer, sizeof(buffer));
+        return count < 0 ? "" : std::string(buffer, static_cast<std::size_t>(count));
+    }
+
+    void ExpectFailedOpen(int ret) {
+        EXPECT_EQ(pipe->TimedOpen(1000), ret);
+        EXPECT_EQ(observer.failed, std::vector<int>{HANDLE});
+        EXPECT_TRUE(observer.opened.empty());
+    }
+
+    const std::string server = UniqueName("srv");
+    const std::string self = UniqueName("cli");
+    const std::string extended = self + "_" + std::to_string(getpid());
+    const std::string path = FifoDirectory() + server;
+    SyslogCapture log;
+    RecordingObserver observer;
+    TarvoAttr attr;
+    std::shared_ptr<TarvoClientPipe> pipe;
+    int serverFd = -1;
+};
+
+TEST_F(TarvoClientPipeTest, NameIsExtendedByTheProcessId) {
+    EXPECT_EQ(pipe->GetMyName(), extended);
+    EXPECT_EQ(pipe->GetTableKey(), extended + server);
+}
+
+TEST_F(TarvoClientPipeTest, ProcessNameIsExtendedToo) {
+    setenv("PROC_NAME", self.c_str(), 1);
+    attr.selfName = nullptr;
+    MakePipe();
+    EXPECT_EQ(pipe->GetMyName(), extended);
+}
+
+TEST_F(TarvoClientPipeTest, FifosCarryTheExtendedName) {
+    MakeServer();
+    attr.mode = TARVO_MODE_SERVER; // creates the files, so that they can be seen
+    attr.timeout = 0;
+    MakePipe();
+    ASSERT_EQ(pipe->TimedOpen(0), 0);
+    EXPECT_EQ(access(FifoPath(extended, server).c_str(), F_OK), 0);
+    EXPECT_EQ(access(FifoPath(server, extended).c_str(), F_OK), 0);
+    EXPECT_EQ(observer.opened, std::vector<int>{HANDLE});
+    EXPECT_TRUE(observer.failed.empty());
+    pipe->DeInitPipe();
+}
+
+TEST_F(TarvoClientPipeTest, ServersFifoIsNamedAfterTheTarget) {
+    EXPECT_EQ(pipe->MonitorPipeNameGen(), path);
+    const DomainStub domain(TARVO_DOMAIN_ORLA);
+    EXPECT_EQ(pipe->MonitorPipeNameGen(), "/local" + path);
+}
+
+TEST_F(TarvoClientPipeTest, AnnouncementIsOneConnectPacketInOneWrite) {
+    MakeServer();
+    const CallCounter writes(Call::Write);
+    EXPECT_EQ(pipe->TimedOpen(1), -ETIMEDOUT);
+    EXPECT_EQ(WhatTheServerReads(), RawConnectPacket(extended, getgid(), getpid()));
+    EXPECT_EQ(writes.Count(), 1U);
+}
+
+TEST_F(TarvoClientPipeTest, AnnouncementIsMadeWithoutBlocking) {
+    MakeServer();
+    std::vector<int> flags;
+    {
+        const ScopedHook hook(
+            Call::Open, [&](const CallInfo &call) { flags.push_back(call.number); }, Where().PathHas(server).Always());
+        pipe->TimedOpen(1);
+    }
+    EXPECT_EQ(flags, std::vector<int>{O_WRONLY | O_NONBLOCK | O_CLOEXEC});
+}
+
+TEST_F(TarvoClientPipeTest, AnnouncementIsClosedBeforeThePipeOpens) {
+    MakeServer();
+    const std::size_t descriptors = OpenDescriptors().size();
+    unsigned looks = 0;
+    // The first thing that the open itself does in client mode is to look for the remote's file.
+    const ScopedHook hook(
+        Call::Access,
+        [&](const CallInfo &) {
+            ++looks;
+            EXPECT_EQ(OpenDescriptors().size(), descriptors);
+        },
+        Where().PathHas("__to__").Always());
+    EXPECT_EQ(pipe->TimedOpen(1), -ETIMEDOUT);
+    EXPECT_GE(looks, 1U);
+    EXPECT_EQ(OpenDescriptors().size(), descriptors);
+}
+
+TEST_F(TarvoClientPipeTest, OpenGoesOnToTheServersSideOfThePipe) {
+    MakeServer();
+    const std::string toServer = FifoPath(extended, server);
+    const std::string fromServer = FifoPath(server, extended);
+    ASSERT_EQ(mkfifo(toServer.c_str(), 0660), 0);
+    ASSERT_EQ(mkfifo(fromServer.c_str(), 0660), 0);
+    const int reader = open(toServer.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(reader, 0);
+    EXPECT_EQ(pipe->TimedOpen(1000), 0);
+    EXPECT_EQ(observer.opened, std::vector<int>{HANDLE});
+    EXPECT_TRUE(observer.failed.empty());
+    EXPECT_TRUE(log.Lines().empty());
+    pipe->DeInitPipe();
+    close(reader);
+    unlink(toServer.c_str());
+    unlink(fromServer.c_str());
+}
+
+TEST_F(TarvoClientPipeTest, EveryOpenAnnouncesThePipeAgain) {
+    MakeServer();
+    pipe->TimedOpen(1);
+    pipe->TimedOpen(1);
+    const std::string packet = RawConnectPacket(extended, getgid(), getpid());
+    EXPECT_EQ(WhatTheServerReads(), packet + packet);
+}
+
+// ---- Failures ----
+
+TEST_F(TarvoClientPipeTest, WithoutAServerNothingIsWritten) {
+    const CallCounter opens(Call::Open, Where().PathHas(server));
+    const CallCounter writes(Call::Write);
+    ExpectFailedOpen(-ENXIO);
+    EXPECT_TRUE(log.ContainsExactly(LOG_ERR, extended + " connect " + path + " failed, server fifo not exist"));
+    EXPECT_EQ(opens.Count() + writes.Count(), 0U);
+}
+
+TEST_F(TarvoClientPipeTest, FileThatIsNoFifoIsNoServer) {
+    std::ofstream(path) << "text";
+    ExpectFailedOpen(-ENXIO);
+    EXPECT_TRUE(log.ContainsExactly(LOG_ERR, extended + " connect " + path + " failed, server fifo not exist"));
+}
+
+TEST_F(TarvoClientPipeTest, LinkToAServerIsNoServer) {
+    const std::string real = FifoDirectory() + UniqueName("real");
+    ASSERT_EQ(mkfifo(real.c_str(), 0660), 0);
+    ASSERT_EQ(symlink(real.c_str(), path.c_str()), 0);
+    ExpectFailedOpen(-ENXIO);
+    unlink(real.c_str());
+}
+
+TEST_F(TarvoClientPipeTest, StaleFifoOfADeadServerFailsAtOnce) {
+    MakeServerFile();
+    ExpectFailedOpen(-ENXIO);
+    const std::optional<LogLine> line = log.WaitFor(LOG_ERR, "open monitor pipe");
+    ASSERT_TRUE(line);
+    EXPECT_EQ(line->message, extended + " open monitor pipe " + path + " failed, fd=-6, err=6");
+    EXPECT_EQ(line->file, "TarvoClientPipe");
+    EXPECT_EQ(log.Lines().size(), 1U);
+}
+
+TEST_F(TarvoClientPipeTest, LineAboutAStaleFifoIsRestrained) {
+    MakeServerFile();
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(pipe->TimedOpen(1000), -ENXIO);
+    }
+    EXPECT_EQ(log.Count(LOG_ERR, "open monitor pipe"), 1U);
+    EXPECT_EQ(observer.failed.size(), 3U);
+}
+
+TEST_F(TarvoClientPipeTest, ServerThatMayNotBeOpenedIsReported) {
+    MakeServer();
+    const ScopedFault fault(Call::Open, EACCES, Where().PathHas(server));
+    ExpectFailedOpen(-EACCES);
+    EXPECT_TRUE(log.ContainsExactly(LOG_ERR, extended + " open monitor pipe " + path + " failed, fd=-13, err=13"));
+}
+
+TEST_F(TarvoClientPipeTest, ServerThatDoesNotKeepUpIsReported) {
+    MakeServer();
+    const int writer = open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(writer, 0);
+    const std::string page(4096, '\0');
+    while (write(writer, page.data(), page.size()) > 0) {
+    }
+    close(writer);
+    ExpectFailedOpen(-EAGAIN);
+    EXPECT_TRUE(log.Contains(LOG_ERR, "write dataIn fail: -1, serverMonitorFd = "));
+    EXPECT_TRUE(log.Contains(LOG_ERR, ", errno = 11"));
+    EXPECT_TRUE(log.ContainsExactly(LOG_ERR, "Send client name to server fail, ret = -11"));
+}
+
+TEST_F(TarvoClientPipeTest, ShortWriteIsAFailure) {
+    MakeServer();
+    const std::size_t descriptors = OpenDescriptors().size();
+    {
+        const ScopedHook hook(Call::Write, [](const CallInfo &) { return Outcome{3, 0}; });
+        errno = 0;
+        EXPECT_EQ(pipe->TimedOpen(1000), -EIO);
+    }
+    EXPECT_EQ(observer.failed, std::vector<int>{HANDLE});
+    EXPECT_TRUE(log.Contains(LOG_ERR, "write dataIn fail: 3, serverMonitorFd = "));
+    EXPECT_TRUE(log.Contains(LOG_ERR, "Send client name to server fail, ret = -"));
+    EXPECT_EQ(OpenDescriptors().size(), descriptors);
+}
+
+TEST_F(TarvoClientPipeTest, NameThatFitsNoPacketIsReported) {
+    MakeServer();
+    const std::string longName(255, 'n');
+    attr.selfName = longName.c_str();
+    MakePipe();
+    const std::size_t descriptors = OpenDescriptors().size();
+    ExpectFailedOpen(-EINVAL);
+    EXPECT_TRUE(log.ContainsExactly(LOG_ERR, "Msg Init fail, ret = -22"));
+    EXPECT_TRUE(log.ContainsExactly(LOG_ERR, "Send client name to server fail, ret = -22"));
+    EXPECT_EQ(OpenDescriptors().size(), descriptors);
+    EXPECT_EQ(WhatTheServerReads(), "");
+}
+
+TEST_F(TarvoClientPipeTest, PacketForWhichThereIsNoMemoryIsReported) {
+    MakeServer();
+    const std::size_t descriptors = OpenDescriptors().size();
+    {
+        const AllocFault fault(1, 20 + extended.size());
+        ExpectFailedOpen(-ENOMEM);
+        EXPECT_TRUE(fault.Hit());
+    }
+    EXPECT_TRUE(log.ContainsExactly(LOG_ERR, "Send client name to server fail, ret = -12"));
+    EXPECT_EQ(OpenDescriptors().size(), descriptors);
+}
+
+TEST_F(TarvoClientPipeTest, NameForWhichThereIsNoMemoryIsReported) {
+    MakeServer();
+    const std::string longName = self + std::string(50, 'n'); // one that a string allocates for
+    attr.selfName = longName.c_str();
+    MakePipe();
+    const std::size_t descriptors = OpenDescriptors().size();
+    {
+        const AllocFault fault(1, pipe->GetMyName().size() + 1);
+        ExpectFailedOpen(-ENOMEM);
+        EXPECT_TRUE(fault.Hit());
+    }
+    EXPECT_TRUE(log.ContainsExactly(LOG_ERR, "Send client name to server fail, ret = -12"));
+    EXPECT_EQ(OpenDescriptors().size(), descriptors);
+}
+
+TEST_F(TarvoClientPipeTest, WithoutDirectoryAndTargetThereIsNoServerToLookFor) {
+    const PrefixStub prefix("");
+    attr.targetName = "";
+    MakePipe();
+    ExpectFailedOpen(-EINVAL);
+    EXPECT_TRUE(log.ContainsExactly(LOG_ERR, extended + " monitor pipe name is empty"));
+}
+
+} // namespace
+} // namespace tarvo_test
