@@ -1,0 +1,102 @@
+#!/usr/bin/env bash
+# Everything that takes too long for each change. Runs all steps even when one fails, then prints one line for each; the
+# exit status is that of the worst.
+set -uo pipefail
+cd "$(dirname "$0")/.." || exit
+
+STEPS=(kills stopped soak fuzz ends races)
+
+usage() {
+    cat <<'TEXT'
+Usage: scripts/nightly.sh [--kills N] [--soak-minutes N] [--fuzz-seconds N] [--ends N] [--repeats N] [--seed N] [STEP...]
+
+Runs the long proofs, all of them (about three hours) or the named steps:
+
+  kills    20000 kills of servers and clients, restarted at once: nobody wedged, an answer within 1 s (99th percentile)
+  stopped  servers stopped for 30 s: refused sends at once, time-outs at most 20 ms late, others at half speed or more
+  soak     20 minutes of mixed traffic: no growth of memory, descriptors or threads
+  fuzz     600 s of each fuzz target
+  ends     1000 ends of a process with traffic, of each kind, under each sanitizer
+  races    the tests of threads that meet, 50 times under the thread sanitizer
+
+Everything a step prints is in build/nightly/STEP.log. Installs what is missing.
+TEXT
+}
+
+declare -a summary=()
+failed=0
+
+# run STEP NAME COMMAND...
+run() {
+    local step=$1 name=$2 start=$SECONDS verdict=ok log=build/nightly/$1.log
+    shift 2
+    printf '\n== %s: %s\n' "$name" "$*"
+    if ! "$@" 2>&1 | tee -a "$log"; then
+        verdict=FAILED
+        failed=1
+    fi
+    summary+=("$(printf '%-28s %-7s %5d s  %s' "$name" "$verdict" $((SECONDS - start)) "$log")")
+}
+
+storm() {
+    local program=$1
+    shift
+    scripts/build-target.sh release "$program" && scripts/fifo-directory.sh && "build/release/tests/storm/$program" "$@"
+}
+
+step_kills() { run kills "$kills kills" storm storm_kills --kills "$kills" --groups 6 ${seed:+--seed "$seed"}; }
+step_stopped() { run stopped "servers stopped for 30 s" storm storm_stopped --seconds 30; }
+step_soak() { run soak "soak of $soak minutes" scripts/soak.sh --minutes "$soak" --out build/nightly/soak; }
+step_fuzz() { run fuzz "fuzzing, $fuzz s a target" scripts/fuzz.sh --seconds "$fuzz"; }
+
+step_ends() {
+    if [[ ! -x scripts/exit-runs.sh ]]; then
+        printf '\n== process ends: scripts/exit-runs.sh is not there\n'
+        summary+=("$(printf '%-28s %-7s' "process ends" "MISSING")")
+        failed=1
+        return
+    fi
+    run ends "$ends ends of each kind" scripts/exit-runs.sh --runs "$ends"
+}
+
+step_races() {
+    run races "races, $repeats times" scripts/test.sh tsan -- -R 'Stress|Race|Concurrent|Storm|storm_kills' \
+        --repeat "until-fail:$repeats" --output-on-failure --timeout 600
+}
+
+main() {
+    local selected=() step
+    kills=20000 soak=20 fuzz=600 ends=1000 repeats=50 seed=''
+    while [[ $# -gt 0 ]]; do
+        case $1 in
+        -h | --help) usage && return 0 ;;
+        --kills | --soak-minutes | --fuzz-seconds | --ends | --repeats | --seed)
+            [[ $# -gt 1 ]] || { usage >&2 && return 2; }
+            case $1 in
+            --kills) kills=$2 ;;
+            --soak-minutes) soak=$2 ;;
+            --fuzz-seconds) fuzz=$2 ;;
+            --ends) ends=$2 ;;
+            --repeats) repeats=$2 ;;
+            --seed) seed=$2 ;;
+            esac
+            shift
+            ;;
+        *)
+            [[ " ${STEPS[*]} " == *" $1 "* ]] || { usage >&2 && return 2; }
+            selected+=("$1")
+            ;;
+        esac
+        shift
+    done
+    mkdir -p build/nightly
+    for step in "${selected[@]:-${STEPS[@]}}"; do
+        : >"build/nightly/$step.log"
+        "step_$step"
+    done
+    printf '\n== Summary, %d s\n' $SECONDS
+    printf '%s\n' "${summary[@]}"
+    return $failed
+}
+
+main "$@"
