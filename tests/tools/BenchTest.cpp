@@ -1,0 +1,107 @@
+// tarvoctl bench.
+#include "tools/Scratch.h"
+#include "tools/ToolTest.h"
+
+namespace tarvo_test {
+namespace {
+
+using nlohmann::json;
+
+// No file of a benchmark, whose server is named after its process, is left.
+class BenchTest : public ToolTest {
+protected:
+    static void AwaitNoFiles(pid_t pid) {
+        const std::string name = "tarvoctl_bench_" + std::to_string(pid);
+        AwaitFifoDirectory("no file of the benchmark is left", [&] {
+            for (const auto &entry : std::filesystem::directory_iterator(FifoDirectory())) {
+                if (entry.path().filename().string().find(name) != std::string::npos) {
+                    return false;
+                }
+            }
+            return true;
+        });
+    }
+};
+
+TEST_F(BenchTest, EachSizeHasItsFigures) {
+    ToolProcess bench(
+        {"bench", "--size", "1,4000", "--clients", "2", "--threads", "2", "--duration", "300ms", "--json"});
+    const pid_t pid = bench.Pid();
+    const ToolResult result = bench.Wait();
+    ASSERT_EQ(result.status, 0) << result.err;
+    const json report = result.Json().at(0);
+    EXPECT_EQ(report["clients"], 2);
+    EXPECT_EQ(report["threads"], 2);
+    EXPECT_GE(report["machine"]["processors"].get<int>(), 1);
+    EXPECT_THAT(report["machine"]["kernel"].get<std::string>(), HasSubstr("Linux"));
+    ASSERT_EQ(report["results"].size(), 2U);
+    EXPECT_EQ(report["results"][1]["size"], 4000);
+    for (const json &round : report["results"]) {
+        EXPECT_GT(round["calls"].get<int>(), 0);
+        EXPECT_EQ(round["failures"], 0);
+        EXPECT_GT(round["calls_per_second"].get<double>(), 0);
+        double before = 0;
+        for (const char *figure : {"min_us", "p50_us", "p90_us", "p99_us", "p999_us", "max_us"}) {
+            EXPECT_GE(round[figure].get<double>(), before) << figure;
+            before = round[figure].get<double>();
+        }
+        int counted = 0;
+        for (const json &bucket : round["histogram"]["buckets"]) {
+            counted += bucket[1].get<int>();
+        }
+        EXPECT_EQ(counted, round["calls"]) << "every call is in the histogram";
+    }
+    EXPECT_THAT(result.err, HasSubstr("4000 bytes: measuring for 300 ms"));
+    AwaitNoFiles(pid);
+}
+
+TEST_F(BenchTest, TextShowsMachineTableAndHistogram) {
+    const ToolResult result = RunTool({"bench", "--duration", "100ms"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    for (const char *part : {"machine  Linux", "processors", "1 clients of 1 threads, normal priority, flat out",
+                             "CALLS/S", "P99.9", "64 bytes, from", "#"}) {
+        EXPECT_THAT(result.out, HasSubstr(part));
+    }
+}
+
+TEST_F(BenchTest, PacedCallsComeAtTheRate) {
+    const ToolResult result = RunTool({"bench", "--rate", "200", "--clients", "2", "--duration", "500ms", "--json"});
+    ASSERT_EQ(result.status, 0) << result.err;
+    const json round = result.Json().at(0)["results"][0];
+    // 100 are due; one of each client may fall on either side of the end of the warm-up.
+    EXPECT_LE(round["calls"].get<int>(), 104);
+    EXPECT_GE(round["calls"].get<int>(), 90);
+}
+
+TEST_F(BenchTest, InterruptEndsAllItsProcesses) {
+    ToolProcess bench({"bench", "--duration", "600s"});
+    const pid_t pid = bench.Pid();
+    bench.AwaitErr("measuring");
+    bench.Signal(SIGINT);
+    const ToolResult result = bench.Wait(); // and so have its children, who hold its standard error
+    EXPECT_EQ(result.status, 130);
+    EXPECT_THAT(result.out, IsEmpty());
+    AwaitNoFiles(pid);
+}
+
+TEST_F(BenchTest, KilledBenchmarkTakesItsProcessesAlong) {
+    ToolProcess bench({"bench", "--duration", "1s"});
+    const pid_t pid = bench.Pid();
+    bench.AwaitErr("measuring");
+    bench.Signal(SIGKILL);
+    EXPECT_EQ(bench.Wait().status, 128 + SIGKILL);
+    AwaitNoFiles(pid);
+}
+
+TEST_F(BenchTest, WrongUsageIsRefused) {
+    EXPECT_EQ(RunTool({"bench", "--size", "0"}).status, 2);
+    EXPECT_EQ(RunTool({"bench", "--size", "4001"}).status, 2);
+    EXPECT_EQ(RunTool({"bench", "--size", "large"}).status, 2);
+    EXPECT_EQ(RunTool({"bench", "--clients", "0"}).status, 2);
+    EXPECT_EQ(RunTool({"bench", "--threads", "-1"}).status, 2);
+    EXPECT_EQ(RunTool({"bench", "--rate", "0"}).status, 2);
+    EXPECT_EQ(RunTool({"bench", "--priority", "high"}).status, 2);
+}
+
+} // namespace
+} // namespace tarvo_test

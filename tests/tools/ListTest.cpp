@@ -1,0 +1,247 @@
+// tarvoctl list and watch.
+#include <pty.h>
+
+#include "support/Process.h"
+#include "support/Unprivileged.h"
+#include "tools/Scratch.h"
+#include "tools/ToolTest.h"
+
+namespace tarvo_test {
+namespace {
+
+using nlohmann::json;
+using ListTest = ToolTest;
+using WatchTest = ToolTest;
+
+json ListOf(const std::vector<std::string> &more) {
+    std::vector<std::string> arguments = {"list", "--json"};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    const ToolResult result = RunTool(arguments);
+    EXPECT_EQ(result.status, 0) << result.err;
+    return result.Json().at(0);
+}
+
+json ListOf(const ScratchDirectory &directory) { return ListOf({"--directory", directory.Path()}); }
+
+json Named(const json &list, const std::string &name) {
+    for (const json &entry : list) {
+        if (entry["name"] == name) {
+            return entry;
+        }
+    }
+    return json();
+}
+
+// The pipe of which one end has that name.
+json PipeOf(const json &list, const std::string &name) {
+    for (const json &pipe : list["pipes"]) {
+        if (pipe["ends"][0]["name"] == name || pipe["ends"][1]["name"] == name) {
+            return pipe;
+        }
+    }
+    return json();
+}
+
+TEST_F(ListTest, ServerAndPipeAreShownWithBothEnds) {
+    const std::string name = UniqueName("srv");
+    ToolServer server(name);
+    ToolProcess client({"ping", name, "-i", "10ms"});
+    client.AwaitOut("time=");
+    const json list = ListOf(std::vector<std::string>());
+    const json entry = Named(list["servers"], name);
+    EXPECT_EQ(entry["state"], "live");
+    EXPECT_EQ(entry["pipes"], 1);
+    EXPECT_EQ(entry["mode"], "0660");
+    EXPECT_EQ(entry["path"], FifoDirectory() + name);
+    ASSERT_EQ(entry["processes"].size(), 1U);
+    EXPECT_EQ(entry["processes"][0]["pid"], server->Pid());
+    EXPECT_EQ(entry["processes"][0]["process"], "tarvoctl");
+    const json pipe = PipeOf(list, name);
+    EXPECT_EQ(pipe["state"], "live");
+    EXPECT_EQ(pipe["ends"][0]["name"], name) << "the server's end comes first";
+    EXPECT_EQ(pipe["ends"][0]["processes"][0]["pid"], server->Pid());
+    EXPECT_EQ(pipe["ends"][1]["name"], "tarvoctl_" + std::to_string(client.Pid()));
+    EXPECT_EQ(pipe["ends"][1]["processes"][0]["pid"], client.Pid());
+    EXPECT_EQ(pipe["files"].size(), 2U);
+    client.Signal(SIGINT);
+    client.Wait();
+    server.Interrupt();
+}
+
+TEST_F(ListTest, TableShowsTheSame) {
+    const std::string name = UniqueName("srv");
+    ToolServer server(name);
+    const ToolResult result = RunTool({"list"});
+    EXPECT_THAT(result.out, HasSubstr("SERVER"));
+    EXPECT_THAT(result.out, HasSubstr(name));
+    EXPECT_THAT(result.out, HasSubstr(std::to_string(server->Pid()) + " tarvoctl ("));
+    EXPECT_THAT(result.out, HasSubstr("rw-rw----"));
+    EXPECT_THAT(result.out, Not(HasSubstr("\033[")));
+    server.Interrupt();
+}
+
+TEST_F(ListTest, StatesFollowTheHolders) {
+    const ScratchDirectory directory;
+    const std::string server = directory.AddFifo("srv");
+    const std::string request = directory.AddFifo("ada_1__to__srv");
+    const std::string answer = directory.AddFifo("srv__to__ada_1");
+    EXPECT_EQ(ListOf(directory)["servers"][0]["state"], "stale");
+    EXPECT_EQ(ListOf(directory)["pipes"][0]["state"], "stale");
+
+    const Opened serving(server, O_RDONLY);
+    EXPECT_EQ(ListOf(directory)["servers"][0]["state"], "live");
+    EXPECT_EQ(ListOf(directory)["servers"][0]["processes"][0]["pid"], getpid());
+
+    const Opened reading(request, O_RDONLY);
+    EXPECT_EQ(ListOf(directory)["pipes"][0]["state"], "half") << "the server waits for its client";
+    const Opened writing(request, O_WRONLY);
+    EXPECT_EQ(ListOf(directory)["pipes"][0]["state"], "live");
+    EXPECT_EQ(ListOf(directory)["servers"][0]["pipes"], 1);
+}
+
+TEST_F(ListTest, NamesThatHoldTheArrowAreToldApart) {
+    const ScratchDirectory directory;
+    directory.AddFifo("x__to__y__to__z");
+    directory.AddFifo("z__to__x__to__y");
+    const json list = ListOf(directory);
+    ASSERT_EQ(list["pipes"].size(), 1U);
+    EXPECT_EQ(list["pipes"][0]["ends"][0]["name"], "x__to__y");
+    EXPECT_EQ(list["pipes"][0]["ends"][1]["name"], "z");
+}
+
+TEST_F(ListTest, NamesInFoldersAreFound) {
+    const ScratchDirectory directory;
+    std::filesystem::create_directory(directory.Path() + "group");
+    directory.AddFifo("group/srv");
+    EXPECT_EQ(Named(ListOf(directory)["servers"], "group/srv")["state"], "stale");
+}
+
+TEST_F(ListTest, ReplacedServerIsUnreachable) {
+    const std::string name = UniqueName("srv");
+    ToolServer first(name);
+    ToolServer second(name, {"--replace"});
+    const json list = ListOf(std::vector<std::string>());
+    EXPECT_EQ(Named(list["unreachable"], name)["processes"][0]["pid"], first->Pid());
+    EXPECT_EQ(Named(list["servers"], name)["processes"][0]["pid"], second->Pid());
+    first.Interrupt();
+    second.Interrupt();
+}
+
+TEST_F(ListTest, OtherUserSeesServersByTheirLockAndClaimsNothingMore) {
+    TARVO_SKIP_UNLESS_ROOT();
+    const std::string name = UniqueName("srv");
+    ToolServer server(name);
+    const pid_t pid = server->Pid();
+    const int status = RunAs(65534, 65534, [&] {
+        const ToolResult result = RunTool({"list", "--json"});
+        if (result.status == 127) {
+            return 77; // the build tree is closed to this user
+        }
+        const json entry = Named(result.Json().at(0)["servers"], name);
+        EXPECT_EQ(entry["state"], "live");
+        EXPECT_EQ(entry["processes"][0]["pid"], pid);
+        EXPECT_FALSE(result.Json().at(0)["complete"].get<bool>());
+        EXPECT_THAT(result.err, HasSubstr("cannot be seen; root sees all"));
+        return 0;
+    });
+    server.Interrupt();
+    if (status == 77) {
+        GTEST_SKIP() << "no other user may run the tool where it was built";
+    }
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(ListTest, EmptyDirectoryIsNoFaultAndAMissingOneIs) {
+    const ScratchDirectory directory;
+    const ToolResult empty = RunTool({"list", "--directory", directory.Path()});
+    EXPECT_EQ(empty.status, 0);
+    EXPECT_THAT(empty.out, IsEmpty());
+    const ToolResult missing = RunTool({"list", "--directory", directory.Path() + "nothing"});
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_THAT(missing.err, HasSubstr("'tarvoctl init' makes it"));
+    EXPECT_THAT(missing.out, IsEmpty());
+    EXPECT_EQ(RunTool({"list", "everything"}).status, 2);
+}
+
+TEST_F(ListTest, ClosedOutputIsAFailure) {
+    const ScratchDirectory directory;
+    directory.AddFifo("srv");
+    const std::string command =
+        std::string(TARVOCTL_PROGRAM) + " list --directory " + directory.Path() + " > /dev/full";
+    EXPECT_EQ(WEXITSTATUS(std::system((command + " 2> /dev/null").c_str())), 1);
+}
+
+// What the tool writes to a terminal of its own.
+std::string OnTerminal(const std::vector<std::string> &arguments) {
+    int master = -1;
+    const pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
+    if (pid == 0) {
+        setenv("TERM", "xterm", 1);
+        unsetenv("NO_COLOR");
+        std::vector<std::string> words = arguments;
+        words.insert(words.begin(), TARVOCTL_PROGRAM);
+        std::vector<char *> argv;
+        for (std::string &word : words) {
+            argv.push_back(word.data());
+        }
+        argv.push_back(nullptr);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    std::string text;
+    char chunk[4096];
+    for (ssize_t count = 0; (count = read(master, chunk, sizeof(chunk))) > 0;) {
+        text.append(chunk, static_cast<std::size_t>(count)); // ends with EIO when the tool has closed its end
+    }
+    close(master);
+    waitpid(pid, nullptr, 0);
+    return text;
+}
+
+TEST_F(ListTest, ColoursAreForTerminals) {
+    const ScratchDirectory directory;
+    directory.AddFifo("srv");
+    const std::vector<std::string> arguments = {"list", "--directory", directory.Path()};
+    EXPECT_THAT(OnTerminal(arguments), HasSubstr("\033[31mstale"));
+    EXPECT_THAT(OnTerminal({"list", "--directory", directory.Path(), "--color", "never"}), Not(HasSubstr("\033[")));
+    EXPECT_THAT(RunTool(arguments).out, Not(HasSubstr("\033[")));
+    EXPECT_THAT(RunTool({"list", "--directory", directory.Path(), "--color", "always"}).out,
+                HasSubstr("\033[31mstale"));
+    EXPECT_EQ(RunTool({"list", "--color", "sometimes"}).status, 2);
+}
+
+TEST_F(WatchTest, ListIsShownSoManyTimes) {
+    const ScratchDirectory directory;
+    directory.AddFifo("srv");
+    const ToolResult text = RunTool({"watch", "-c", "2", "-i", "1ms", "--directory", directory.Path()});
+    EXPECT_EQ(text.status, 0);
+    EXPECT_NE(text.out.find("SERVER"), text.out.rfind("SERVER"));
+    const ToolResult lines =
+        RunTool({"watch", "--count", "3", "--interval", "1ms", "--json", "--directory", directory.Path()});
+    ASSERT_EQ(lines.Json().size(), 3U);
+    EXPECT_EQ(lines.Json()[2]["servers"][0]["name"], "srv");
+    EXPECT_GT(lines.Json()[2]["time"].get<int64_t>(), 0);
+}
+
+TEST_F(WatchTest, ChangesAppear) {
+    const ScratchDirectory directory;
+    ToolProcess watch({"watch", "-i", "1ms", "--json", "--directory", directory.Path()});
+    watch.AwaitOut("\"servers\":[]");
+    directory.AddFifo("srv");
+    watch.AwaitOut("\"stale\"");
+    watch.Signal(SIGINT);
+    EXPECT_EQ(watch.Wait().status, 0);
+}
+
+TEST_F(WatchTest, TerminalIsPaintedInPlace) {
+    const ScratchDirectory directory;
+    EXPECT_THAT(OnTerminal({"watch", "-c", "1", "--directory", directory.Path()}), testing::StartsWith("\033[H"));
+}
+
+TEST_F(WatchTest, WrongUsageIsRefused) {
+    EXPECT_EQ(RunTool({"watch", "-c", "0"}).status, 2);
+    EXPECT_EQ(RunTool({"watch", "-i", "often"}).status, 2);
+}
+
+} // namespace
+} // namespace tarvo_test

@@ -1,0 +1,192 @@
+// tarvoctl clean: removes the FIFO files that no process holds.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "shared/Command.h"
+#include "shared/Duration.h"
+#include "shared/ExitCode.h"
+#include "shared/Inventory.h"
+#include "shared/Output.h"
+
+namespace tarvoctl {
+namespace {
+
+struct CleanOptions {
+    std::string directory;
+    bool remove = false;
+    Duration minAge{std::chrono::seconds(10)};
+    bool trustNamespace = false;
+    bool json = false;
+};
+
+enum class Action { REMOVE, KEEP, FAIL };
+
+// What is to happen, or has happened, to one file.
+struct Verdict {
+    FifoFile file;
+    Action action = Action::KEEP;
+    std::string reason;
+    std::string aside; // its name while it is being removed
+};
+
+constexpr char HIDDEN_REASON[] = "this user may not see every process (run it as root)";
+constexpr char NAMESPACE_REASON[] = "processes outside of this pid namespace cannot be seen (--this-namespace)";
+
+Verdict Judge(const CleanOptions &options, const Inventory &inventory, const FifoFile &file, State state) {
+    Verdict verdict;
+    verdict.file = file;
+    if (state == State::UNKNOWN) {
+        verdict.reason = inventory.holders.hidden > 0 ? HIDDEN_REASON : NAMESPACE_REASON;
+    } else if (state != State::STALE) {
+        verdict.reason = "in use";
+    } else if (std::time(nullptr) - file.changed < options.minAge.value.count() / 1000000) {
+        // Between the making of a FIFO and its opening, nobody holds it.
+        verdict.reason = "too young to be sure (--min-age)";
+    } else {
+        verdict.action = Action::REMOVE;
+        verdict.reason = "no process holds it";
+    }
+    return verdict;
+}
+
+std::vector<Verdict> JudgeAll(const CleanOptions &options, const Inventory &inventory) {
+    std::vector<Verdict> verdicts;
+    for (const Server &server : inventory.servers) {
+        verdicts.push_back(Judge(options, inventory, server.file, server.state));
+    }
+    // Both files of a pipe share its state: while a side waits for the other, nobody holds one of the two.
+    for (const PipeEntry &pipe : inventory.pipes) {
+        for (const auto &file : {pipe.fromFirst, pipe.fromSecond}) {
+            if (file) {
+                verdicts.push_back(Judge(options, inventory, *file, pipe.state));
+            }
+        }
+    }
+    return verdicts;
+}
+
+void Fail(Verdict &verdict, int error) {
+    verdict.action = Action::FAIL;
+    verdict.reason = std::strerror(error);
+}
+
+// Takes the file out of the way, so that nobody opens it any more while we look for holders for the last time.
+void SetAside(const std::string &directory, Verdict &verdict, std::size_t number) {
+    FifoFile now;
+    if (!DescribeFile(directory, verdict.file.name, now) || !(now.id == verdict.file.id) ||
+        now.changed != verdict.file.changed) {
+        verdict.action = Action::KEEP;
+        verdict.reason = "changed meanwhile";
+        return;
+    }
+    const std::string aside = fmt::format("{}.clean_{}_{}", directory, getpid(), number);
+    if (rename((directory + verdict.file.name).c_str(), aside.c_str()) != 0) {
+        Fail(verdict, errno);
+        return;
+    }
+    verdict.aside = aside;
+}
+
+// Removes what was set aside, or puts it back when somebody holds it after all. A file that has appeared under the name
+// meanwhile stays.
+void Finish(const std::string &directory, const Holders &holders, Verdict &verdict) {
+    const bool held = !holders.Of(verdict.file.id).empty() || holders.locked.count(verdict.file.id) != 0;
+    const bool backInPlace = held && link(verdict.aside.c_str(), (directory + verdict.file.name).c_str()) == 0;
+    if (held) {
+        verdict.action = Action::KEEP;
+        verdict.reason = backInPlace ? "in use" : "in use, but its name was taken meanwhile";
+    }
+    if (unlink(verdict.aside.c_str()) != 0) {
+        Fail(verdict, errno);
+    }
+}
+
+void Remove(const Inventory &inventory, std::vector<Verdict> &verdicts) {
+    std::size_t number = 0;
+    for (Verdict &verdict : verdicts) {
+        if (verdict.action == Action::REMOVE) {
+            SetAside(inventory.directory, verdict, ++number);
+        }
+    }
+    const Holders holders = FindHolders(inventory.directory);
+    for (Verdict &verdict : verdicts) {
+        if (!verdict.aside.empty()) {
+            Finish(inventory.directory, holders, verdict);
+        }
+    }
+}
+
+const char *ActionText(const CleanOptions &options, Action action) {
+    if (action == Action::REMOVE) {
+        return options.remove ? "removed" : "would remove";
+    }
+    return action == Action::KEEP ? "kept" : "failed";
+}
+
+void Print(const CleanOptions &options, const std::string &directory, const std::vector<Verdict> &verdicts) {
+    nlohmann::json files = nlohmann::json::array();
+    for (const Verdict &verdict : verdicts) {
+        const char *action = ActionText(options, verdict.action);
+        const std::string path = directory + verdict.file.name;
+        if (options.json) {
+            files.push_back({{"path", path}, {"action", action}, {"reason", verdict.reason}});
+        } else if (verdict.reason != "in use") {
+            Put(fmt::format("{} {}: {}\n", action, path, verdict.reason));
+        }
+    }
+    if (options.json) {
+        PutJson({{"directory", directory}, {"dry_run", !options.remove}, {"files", files}});
+    }
+}
+
+int RunClean(const CleanOptions &options) {
+    const Inventory inventory = TakeInventory(options.directory, options.trustNamespace);
+    if (inventory.files.error != 0) {
+        DiagnoseInventory(inventory);
+        return EXIT_FAILED;
+    }
+    std::vector<Verdict> verdicts = JudgeAll(options, inventory);
+    if (options.remove) {
+        Remove(inventory, verdicts);
+    }
+    Print(options, inventory.directory, verdicts);
+    bool toRemove = false;
+    bool failed = false;
+    for (const Verdict &verdict : verdicts) {
+        toRemove = toRemove || verdict.action == Action::REMOVE;
+        failed = failed || verdict.action == Action::FAIL;
+    }
+    if (toRemove && !options.remove && !options.json) {
+        Diagnose("nothing was removed; --yes removes them");
+    }
+    return failed ? EXIT_FAILED : EXIT_DONE;
+}
+
+} // namespace
+
+void AddClean(CLI::App &app, Command &command) {
+    auto options = std::make_shared<CleanOptions>();
+    CLI::App *sub =
+        AddSubcommand(app, command, "clean", "Show the FIFO files that no process holds, and remove them with --yes",
+                      "0 done; 1 a file could not be removed, or no such directory; 2 wrong usage.");
+    AddDirectoryOption(*sub, options->directory);
+    sub->add_flag("-y,--yes", options->remove, "Remove them; without it nothing is changed");
+    sub->add_option("--min-age", options->minAge, "Keep files that have changed within this time (10s)")
+        ->type_name("TIME");
+    sub->add_flag(
+        "--this-namespace", options->trustNamespace,
+        "All users of the directory are in this pid namespace (as in a container that shares it with nobody)");
+    sub->callback([options, &command] {
+        options->json = command.common.json;
+        command.run = [options](Interrupt &) { return RunClean(*options); };
+    });
+}
+
+} // namespace tarvoctl

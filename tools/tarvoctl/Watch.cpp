@@ -1,0 +1,88 @@
+// tarvoctl watch: the list again and again.
+#include <unistd.h>
+
+#include <chrono>
+#include <ctime>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "shared/Command.h"
+#include "shared/Duration.h"
+#include "shared/ExitCode.h"
+#include "shared/Inventory.h"
+#include "shared/Output.h"
+
+namespace tarvoctl {
+namespace {
+
+// Cursor to the upper left corner; what follows is cleared only after it, which keeps the picture from flickering.
+constexpr char HOME[] = "\033[H";
+constexpr char CLEAR_LINE[] = "\033[K";
+constexpr char CLEAR_REST[] = "\033[J";
+
+struct WatchOptions {
+    std::string directory;
+    Duration interval{std::chrono::seconds(2)};
+    uint64_t count = 0; // 0: until interrupted
+    bool json = false;
+};
+
+std::string TimeText() {
+    const std::time_t now = std::time(nullptr);
+    std::tm local{};
+    localtime_r(&now, &local);
+    return fmt::format("{:02}:{:02}:{:02}", local.tm_hour, local.tm_min, local.tm_sec);
+}
+
+// The picture, painted over the one before.
+std::string OverOld(const std::string &text) {
+    std::string painted = HOME;
+    for (const char letter : text) {
+        painted += letter == '\n' ? std::string(CLEAR_LINE) + letter : std::string(1, letter);
+    }
+    return painted + CLEAR_REST;
+}
+
+void Show(const WatchOptions &options) {
+    const Inventory inventory = TakeInventory(options.directory);
+    if (options.json) {
+        nlohmann::json json = InventoryJson(inventory);
+        json["time"] = std::time(nullptr);
+        PutJson(json);
+        return;
+    }
+    const std::string state = inventory.files.error != 0 ? "no such directory\n" : InventoryText(inventory);
+    const std::string text = fmt::format("{} {}\n\n{}", TimeText(), inventory.directory, state);
+    Put(isatty(STDOUT_FILENO) == 1 ? OverOld(text) : text + "\n");
+}
+
+int RunWatch(const WatchOptions &options, const Interrupt &interrupt) {
+    for (uint64_t shown = 1;; ++shown) {
+        Show(options);
+        if (!FlushAnswer()) {
+            return EXIT_FAILED;
+        }
+        if (shown == options.count || interrupt.WaitFor(options.interval.value)) {
+            return EXIT_DONE;
+        }
+    }
+}
+
+} // namespace
+
+void AddWatch(CLI::App &app, Command &command) {
+    auto options = std::make_shared<WatchOptions>();
+    CLI::App *sub = AddSubcommand(app, command, "watch", "Show the list again and again until Ctrl-C; opens no FIFO",
+                                  "0 ended by Ctrl-C or --count; 1 cannot be shown; 2 wrong usage.");
+    AddDirectoryOption(*sub, options->directory);
+    sub->add_option("-i,--interval", options->interval, "Time between two lists (2s)")->type_name("TIME");
+    sub->add_option("-c,--count", options->count, "End after so many lists")
+        ->check(CLI::PositiveNumber)
+        ->type_name("N");
+    sub->callback([options, &command] {
+        options->json = command.common.json;
+        command.run = [options](Interrupt &interrupt) { return RunWatch(*options, interrupt); };
+    });
+}
+
+} // namespace tarvoctl

@@ -1,0 +1,73 @@
+# bash completion for tarvoctl(1): subcommands, options, their values, and the names of servers.
+
+# The servers in the FIFO directory; the file of a pipe is named A__to__B. Nothing is opened.
+_tarvoctl_servers() {
+    local file
+    for file in /dev/shm/velm/tarvo/*; do
+        file=${file##*/}
+        [[ $file == '*' || $file == *__to__* ]] || printf '%s\n' "$file"
+    done
+}
+
+_tarvoctl_options() {
+    local common='--help --json --log --color'
+    local client='--as --priority --open-timeout'
+    case ${1:-} in
+    serve) echo "$common --echo --exec --count --exec-timeout --print --limit --group --priority --replace" ;;
+    call) echo "$common $client --file --hex --timeout --no-timeout --repeat --interval" ;;
+    send) echo "$common $client --file --hex --timeout --repeat --interval" ;;
+    ping) echo "$common $client --count --interval --size --timeout" ;;
+    list) echo "$common --directory" ;;
+    watch) echo "$common --directory --interval --count" ;;
+    bench) echo "$common --size --clients --threads --duration --rate --priority" ;;
+    decode) echo "$common --data --hex --kind" ;;
+    doctor) echo "$common --directory --strict" ;;
+    init) echo "$common --directory --group --mode --dry-run" ;;
+    clean) echo "$common --directory --yes --min-age --this-namespace" ;;
+    *) echo "--help --version" ;;
+    esac
+}
+
+# Values of the option before the cursor; false where it takes none.
+_tarvoctl_values() {
+    local option=$1 current=$2
+    case $option in
+    --color) mapfile -t COMPREPLY < <(compgen -W 'auto always never' -- "$current") ;;
+    --priority) mapfile -t COMPREPLY < <(compgen -W 'normal urgent' -- "$current") ;;
+    --kind) mapfile -t COMPREPLY < <(compgen -W 'any frame packet' -- "$current") ;;
+    --group) mapfile -t COMPREPLY < <(compgen -g -- "$current") ;;
+    --file) mapfile -t COMPREPLY < <(compgen -f -- "$current") ;;
+    --directory) mapfile -t COMPREPLY < <(compgen -d -- "$current") ;;
+    --exec) mapfile -t COMPREPLY < <(compgen -c -- "$current") ;;
+    # Numbers, times and names that only the user knows.
+    --as | --open-timeout | --timeout | --exec-timeout | --limit | --repeat | --interval | --size | --clients | \
+        --threads | --duration | --rate | --data | --mode | --min-age | -c | -i | -s | -W)
+        COMPREPLY=()
+        ;;
+    --count) [[ $subcommand == serve ]] && return 1 ;; # a flag there
+    *) return 1 ;;
+    esac
+}
+
+_tarvoctl() {
+    local subcommands='serve call send ping list watch bench decode doctor init clean'
+    local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} subcommand=${COMP_WORDS[1]}
+    COMPREPLY=()
+    if ((COMP_CWORD == 1)); then
+        mapfile -t COMPREPLY < <(compgen -W "$subcommands $(_tarvoctl_options)" -- "$current")
+        return
+    fi
+    _tarvoctl_values "$previous" "$current" && return
+    if [[ $current == -* ]]; then
+        mapfile -t COMPREPLY < <(compgen -W "$(_tarvoctl_options "$subcommand")" -- "$current")
+        return
+    fi
+    case $subcommand in
+    call | send | ping)
+        ((COMP_CWORD == 2)) && mapfile -t COMPREPLY < <(compgen -W "$(_tarvoctl_servers)" -- "$current")
+        ;;
+    decode) mapfile -t COMPREPLY < <(compgen -f -- "$current") ;;
+    esac
+}
+
+complete -F _tarvoctl tarvoctl

@@ -1,0 +1,80 @@
+// tarvoctl: looks into a running system of tarvo processes and talks to them, without writing code.
+#include <fmt/format.h>
+#include <syslog.h>
+
+#include <csignal>
+#include <exception>
+#include <new>
+
+#include "shared/Command.h"
+#include "shared/ExitCode.h"
+#include "shared/Output.h"
+#include "tarvo.h"
+
+namespace {
+
+using tarvoctl::Command;
+
+constexpr char FOOTER[] = "Each subcommand has its own --help. In all of them the answer goes to standard output and "
+                          "everything else to standard error.\n"
+                          "Exit status: 0 done; 1 failed; 2 wrong usage; 3 no such server; 4 no answer in time; "
+                          "5 something wrong was found; 130 interrupted.";
+
+void Declare(CLI::App &app, Command &command) {
+    app.set_version_flag("--version", "tarvoctl " TARVO_VERSION);
+    app.require_subcommand(1);
+    app.footer(FOOTER);
+    tarvoctl::AddServe(app, command);
+    tarvoctl::AddCall(app, command);
+    tarvoctl::AddSend(app, command);
+    tarvoctl::AddPing(app, command);
+    tarvoctl::AddList(app, command);
+    tarvoctl::AddWatch(app, command);
+    tarvoctl::AddBench(app, command);
+    tarvoctl::AddDecode(app, command);
+    tarvoctl::AddDoctor(app, command);
+    tarvoctl::AddInit(app, command);
+    tarvoctl::AddClean(app, command);
+}
+
+int Run(const Command &command) {
+    // The library's sends to a process that is gone, and our own writes into a closed pipe, are then failures to
+    // report.
+    std::signal(SIGPIPE, SIG_IGN);
+    tarvoctl::ChooseColours(command.common.colour);
+    if (command.common.log) {
+        openlog("tarvoctl", LOG_PERROR, LOG_USER);
+    }
+    tarvoctl::Interrupt interrupt;
+    int result = command.run(interrupt);
+    if (!tarvoctl::FlushAnswer() && result == tarvoctl::EXIT_DONE) {
+        result = tarvoctl::EXIT_FAILED;
+    }
+    return result;
+}
+
+// Parse errors of CLI11 have codes of their own, above 100; here they are all wrong usage.
+int Main(int argc, char **argv) {
+    CLI::App app("Looks into a running system of tarvo processes and talks to them.", "tarvoctl");
+    Command command;
+    Declare(app, command);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &error) {
+        return app.exit(error) == 0 ? tarvoctl::EXIT_DONE : tarvoctl::EXIT_USAGE;
+    }
+    return Run(command);
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    try {
+        return Main(argc, argv);
+    } catch (const std::bad_alloc &) {
+        std::fputs("tarvoctl: out of memory\n", stderr);
+    } catch (const std::exception &error) {
+        std::fprintf(stderr, "tarvoctl: %s\n", error.what());
+    }
+    return tarvoctl::EXIT_FAILED;
+}

@@ -1,0 +1,37 @@
+#ifndef TARVO_TARVOCTL_UNIQUEFD_H
+#define TARVO_TARVOCTL_UNIQUEFD_H
+
+#include <unistd.h>
+
+#include <utility>
+
+namespace tarvoctl {
+
+// Owns: a descriptor, or none (-1). Threads: one. Locks: none. Ends: closes it.
+class UniqueFd {
+public:
+    explicit UniqueFd(int owned = -1) : fd(owned) {}
+    ~UniqueFd() { Reset(); }
+    UniqueFd(UniqueFd &&other) noexcept : fd(std::exchange(other.fd, -1)) {}
+    UniqueFd &operator=(UniqueFd &&other) noexcept {
+        std::swap(fd, other.fd);
+        return *this;
+    }
+    UniqueFd(const UniqueFd &) = delete;
+    UniqueFd &operator=(const UniqueFd &) = delete;
+
+    int Get() const { return fd; }
+    void Reset() {
+        if (fd >= 0) {
+            close(fd);
+        }
+        fd = -1;
+    }
+
+private:
+    int fd;
+};
+
+} // namespace tarvoctl
+
+#endif // TARVO_TARVOCTL_UNIQUEFD_H
