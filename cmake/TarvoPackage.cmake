@@ -1,0 +1,102 @@
+# Debian packages: the target `packages` makes libtarvo1, libtarvo-dev and, where the tool is built, tarvo-tools in the
+# folder packages/ of the build tree. scripts/check-packages.sh makes and checks them.
+
+set(TARVO_DEBIAN_DIR ${PROJECT_SOURCE_DIR}/packaging/debian)
+set(TARVO_RUNTIME_PACKAGE libtarvo${PROJECT_VERSION_MAJOR})
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME tarvo)
+set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
+set(CPACK_PACKAGE_CONTACT "The tarvo developers <tarvo@localhost>")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE
+                                                WORLD_READ WORLD_EXECUTE)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+# Each package has its own first line; this one would stand above it.
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
+set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/package/compress.cmake)
+set(CPACK_POST_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/package/finish.cmake)
+
+# dpkg's names of the two architectures that differ from CMake's.
+if(CMAKE_SYSTEM_PROCESSOR STREQUAL "x86_64")
+  set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE amd64)
+elseif(CMAKE_SYSTEM_PROCESSOR STREQUAL "aarch64")
+  set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE arm64)
+endif()
+set(CPACK_PROJECT_CONFIG_FILE ${PROJECT_SOURCE_DIR}/cmake/package/cpack.cmake)
+
+# What the programs of a package need is read off their links to shared libraries. The tool's link to ours is found in
+# the build tree, which belongs to no package: that dependency is stated.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/src)
+
+# tarvo_package(COMPONENT NAME [SECTION name] [DEPENDS packages] [EXTRA control files]
+#               DESCRIPTION first line, then lines)
+function(tarvo_package component name)
+  cmake_parse_arguments(arg "" "SECTION;DEPENDS" "EXTRA;DESCRIPTION" ${ARGN})
+  string(TOUPPER ${component} upper)
+  list(JOIN arg_DESCRIPTION "\n" description)
+  set(CPACK_DEBIAN_${upper}_DESCRIPTION "${description}" PARENT_SCOPE)
+  set(CPACK_DEBIAN_${upper}_PACKAGE_NAME ${name} PARENT_SCOPE)
+  set(CPACK_DEBIAN_${upper}_PACKAGE_SECTION ${arg_SECTION} PARENT_SCOPE)
+  set(CPACK_DEBIAN_${upper}_PACKAGE_DEPENDS ${arg_DEPENDS} PARENT_SCOPE)
+  set(CPACK_DEBIAN_${upper}_PACKAGE_CONTROL_EXTRA "${arg_EXTRA}" PARENT_SCOPE)
+  # Only packages carry these; other installations have them in the sources.
+  install(FILES ${TARVO_DEBIAN_DIR}/copyright DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${name} COMPONENT ${component}
+          EXCLUDE_FROM_ALL)
+  install(FILES ${PROJECT_SOURCE_DIR}/CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${name} RENAME changelog
+          COMPONENT ${component} EXCLUDE_FROM_ALL)
+endfunction()
+
+set(TARVO_SAME_VERSION "${TARVO_RUNTIME_PACKAGE} (= ${PROJECT_VERSION})")
+configure_file(${TARVO_DEBIAN_DIR}/shlibs.in ${PROJECT_BINARY_DIR}/packaging/shlibs @ONLY)
+
+tarvo_package(
+  library ${TARVO_RUNTIME_PACKAGE}
+  SECTION libs
+  DEPENDS adduser
+  EXTRA ${TARVO_DEBIAN_DIR}/postinst ${TARVO_DEBIAN_DIR}/triggers ${PROJECT_BINARY_DIR}/packaging/shlibs
+  DESCRIPTION "messaging between the processes of one Linux machine"
+              "A process serves under a name. Others open pipes to it by that name, send"
+              "one-way requests or make synchronous calls with a time-out, and have their"
+              "callbacks run on threads of the library, at normal or real-time priority."
+              ""
+              "There is no broker and no configuration file: each pipe is a pair of FIFOs in"
+              "shared memory. Members of the group tarvo may use them.")
+tarvo_package(
+  development libtarvo-dev
+  SECTION libdevel
+  DEPENDS ${TARVO_SAME_VERSION}
+  DESCRIPTION "messaging between the processes of one Linux machine - development files"
+              "Headers, the CMake package (find_package(tarvo)), the pkg-config file and the"
+              "manual pages of the functions of libtarvo.")
+set(CPACK_COMPONENTS_ALL library development)
+
+if(TARGET tarvoctl)
+  tarvo_package(
+    tool tarvo-tools
+    SECTION utils
+    DEPENDS ${TARVO_SAME_VERSION}
+    DESCRIPTION "messaging between the processes of one Linux machine - command line tool"
+                "tarvoctl serves, calls, measures, lists and diagnoses processes that talk"
+                "through libtarvo, without a line of code.")
+  list(APPEND CPACK_COMPONENTS_ALL tool)
+endif()
+
+include(CPack)
+
+# The target of cpack's own module would build the tests, too.
+add_custom_target(packages COMMAND ${CMAKE_CPACK_COMMAND} --config ${PROJECT_BINARY_DIR}/CPackConfig.cmake
+                  WORKING_DIRECTORY ${PROJECT_BINARY_DIR} USES_TERMINAL VERBATIM)
+add_dependencies(packages tarvo)
+foreach(optional IN ITEMS tarvoctl tarvo_man)
+  if(TARGET ${optional})
+    add_dependencies(packages ${optional})
+  endif()
+endforeach()

@@ -1,0 +1,218 @@
+#!/usr/bin/env bash
+# Makes the Debian packages and checks them as their users meet them.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+. scripts/lib.sh
+
+usage() {
+    cat <<'TEXT'
+Usage: scripts/check-packages.sh [PRESET...]
+
+Builds the library, the manual pages and the tool in the build tree of each preset (default: release; arm64 is the
+other that ships), makes the Debian packages in build/PRESET/packages, and checks them: names, architecture, dependencies,
+contents, lintian. Then installs them and builds and runs a consumer of the CMake package and one of the pkg-config file
+against what was installed.
+
+Packages of this machine's architecture are installed by dpkg into a copy of the running system that vanishes with the
+script (an overlay file system; needs root). Without root, and for another architecture, they are only unpacked. Installs
+the packages that it needs itself (scripts/install-deps.sh).
+TEXT
+}
+
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+failed=0
+
+fail() {
+    echo "check-packages.sh: $*" >&2
+    failed=1
+}
+
+version() {
+    sed -n 's/^project(tarvo VERSION \([0-9.]*\) .*/\1/p' CMakeLists.txt
+}
+
+architecture_of() {
+    case $1 in
+    arm64) echo arm64 ;;
+    *) dpkg --print-architecture ;;
+    esac
+}
+
+make_packages() {
+    local preset=$1 log=build/$1/packages.log
+    mkdir -p "build/$preset"
+    rm -rf "build/$preset/packages"
+    # A tree may have been configured when the folder of the libraries was chosen in another way.
+    if ! { cmake --preset "$preset" -U CMAKE_INSTALL_LIBDIR $(cache_option) &&
+        cmake --build --preset "$preset" --target packages; } >"$log" 2>&1; then
+        cat "$log" >&2
+        return 1
+    fi
+}
+
+# expect_field PACKAGE_FILE NAME VALUE: the value as a pattern of the shell.
+expect_field() {
+    local value
+    value=$(dpkg-deb --field "$1" "$2")
+    # shellcheck disable=SC2053 # a pattern
+    [[ $value == $3 ]] || fail "${1##*/}: $2 is '$value', not '$3'"
+}
+
+# expect_file PACKAGE_FILE PATTERN: a line of the listing, from its mode to its name.
+expect_file() {
+    grep -qE "$2" <<<"$(dpkg-deb --contents "$1")" || fail "${1##*/} holds nothing like $2"
+}
+
+check_library() {
+    local deb=$1 libdir=$2 major=${3%%.*}
+    expect_field "$deb" Multi-Arch same
+    expect_field "$deb" Depends '*adduser*libc6 (>= *libselinux1 (>= *libstdc++6 (>= *'
+    expect_file "$deb" "^-rw-r--r-- root/root .* \./$libdir/libtarvo\.so\.$3\$"
+    expect_file "$deb" "^lrwxrwxrwx root/root .* \./$libdir/libtarvo\.so\.$major -> libtarvo\.so\.$3\$"
+    expect_file "$deb" "^-rw-r--r-- root/root .* \./usr/lib/tmpfiles\.d/tarvo\.conf\$"
+    expect_file "$deb" "^-rw-r--r-- root/root .* \./usr/share/doc/libtarvo$major/examples/tarvo-example\.service\$"
+    dpkg-deb --control "$deb" "$scratch/control"
+    grep -qx 'activate-noawait ldconfig' "$scratch/control/triggers" || fail "${deb##*/} does not trigger ldconfig"
+    sh -n "$scratch/control/postinst" || fail "${deb##*/}: its postinst does not parse"
+    rm -rf "$scratch/control"
+}
+
+check_development() {
+    local deb=$1 libdir=$2 major=${3%%.*} file
+    expect_field "$deb" Multi-Arch same
+    expect_field "$deb" Depends "libtarvo$major (= $3)"
+    expect_file "$deb" "^lrwxrwxrwx root/root .* \./$libdir/libtarvo\.so -> libtarvo\.so\.$major\$"
+    for file in include/*; do
+        expect_file "$deb" "^-rw-r--r-- root/root .* \./usr/include/${file##*/}\$"
+    done
+    for file in "$libdir"/{pkgconfig/tarvo.pc,cmake/tarvo/tarvoConfig.cmake} usr/share/man/man3/TarvoOpen.3.gz \
+        usr/share/man/man7/tarvo.7.gz; do
+        expect_file "$deb" "^-rw-r--r-- root/root .* \./$file\$"
+    done
+}
+
+check_tool() {
+    local deb=$1 major=${3%%.*} file
+    expect_field "$deb" Multi-Arch foreign
+    expect_field "$deb" Depends "libtarvo$major (= $3), libc6 (>= *"
+    expect_file "$deb" "^-rwxr-xr-x root/root .* \./usr/bin/tarvoctl\$"
+    for file in share/man/man1/tarvoctl.1.gz share/bash-completion/completions/tarvoctl; do
+        expect_file "$deb" "^-rw-r--r-- root/root .* \./usr/$file\$"
+    done
+}
+
+# Errors and warnings of lintian. Not taken as such:
+lintian_tags() {
+    # The changelog is the project's; there are no revisions of the packages between its versions to tell of.
+    echo syntax-error-in-debian-changelog
+    # The packages name no address: who asks turns to the place that they came from.
+    echo bogus-mail-host
+}
+
+check_with_lintian() {
+    lintian --allow-root --fail-on error,warning --suppress-tags "$(lintian_tags | paste -sd,)" "$@" ||
+        fail "lintian has complaints"
+}
+
+# In a copy of the running system: everything as on a machine where somebody types `apt install`.
+install_and_use() {
+    local root=$scratch/machine
+    mkdir "$root" "$scratch/layers"
+    cp tests/packaging/installed.sh packaging/systemd/tarvo-example.service "$scratch/inside/"
+    unshare --mount --propagation private -- bash -euo pipefail -c '
+        root=$1 layers=$2 inside=$3
+        mount -t tmpfs tmpfs "$layers"
+        mkdir "$layers/upper" "$layers/work"
+        mount -t overlay overlay -o "lowerdir=/,upperdir=$layers/upper,workdir=$layers/work" "$root"
+        mount --bind /proc "$root/proc"
+        mount --bind /dev "$root/dev"
+        mount -t tmpfs -o mode=1777 tmpfs "$root/dev/shm"
+        mount -t tmpfs tmpfs "$root/mnt"
+        cp -r "$inside/." "$root/mnt"
+        chroot "$root" /usr/bin/env -i PATH=/usr/local/bin:/usr/bin:/usr/sbin:/bin:/sbin HOME=/root TERM=dumb \
+            bash /mnt/installed.sh' -- "$root" "$scratch/layers" "$scratch/inside"
+}
+
+can_overlay() {
+    [[ $EUID -eq 0 ]] && mkdir -p "$scratch/try" &&
+        unshare --mount --propagation private -- bash -euo pipefail -c '
+            mount -t tmpfs tmpfs "$1" && mkdir "$1/upper" "$1/work" "$1/root" &&
+            mount -t overlay overlay -o "lowerdir=/,upperdir=$1/upper,workdir=$1/work" "$1/root"' \
+            -- "$scratch/try" 2>/dev/null
+}
+
+# Consumers against the unpacked files.
+unpack_and_use() {
+    local preset=$1 root=$scratch/unpacked libdir deb options=() cxx=g++ run=()
+    for deb in "$scratch"/inside/*.deb; do
+        dpkg-deb --extract "$deb" "$root"
+    done
+    libdir=$(dirname "$(find "$root" -name libtarvo.so)")
+    if [[ $preset == arm64 ]]; then
+        options=(-DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchains/arm64.cmake")
+        cxx=aarch64-linux-gnu-g++
+        [[ $(uname -m) == aarch64 ]] || run=(qemu-aarch64-static)
+    fi
+    cmake -S tests/packaging/consumer -B "$scratch/cmake" -DCMAKE_PREFIX_PATH="$root/usr" "${options[@]}" >/dev/null
+    cmake --build "$scratch/cmake" >/dev/null
+    LD_LIBRARY_PATH=$libdir "${run[@]}" "$scratch/cmake/consumer"
+    # shellcheck disable=SC2046 # a list of options
+    "$cxx" -std=c++17 -o "$scratch/consumer" tests/packaging/consumer/consumer.cpp \
+        $(PKG_CONFIG_LIBDIR=$libdir/pkgconfig pkg-config --cflags --libs tarvo)
+    LD_LIBRARY_PATH=$libdir "${run[@]}" "$scratch/consumer"
+    rm -rf "$root" "$scratch/cmake"
+    echo "$preset: consumers of the CMake package and of the pkg-config file run"
+}
+
+check() {
+    local preset=$1 arch multiarch libdir version deb packages
+    arch=$(architecture_of "$preset")
+    multiarch=$(dpkg-architecture --host-arch "$arch" --query DEB_HOST_MULTIARCH 2>/dev/null)
+    libdir=usr/lib/$multiarch
+    version=$(version)
+    packages=build/$preset/packages
+    make_packages "$preset"
+    for deb in "$packages"/*.deb; do
+        expect_field "$deb" Architecture "$arch"
+        expect_field "$deb" Version "$version"
+    done
+    check_library "$packages/libtarvo${version%%.*}_${version}_$arch.deb" "$libdir" "$version"
+    check_development "$packages/libtarvo-dev_${version}_$arch.deb" "$libdir" "$version"
+    [[ ! -d tools/tarvoctl ]] || check_tool "$packages/tarvo-tools_${version}_$arch.deb" "$libdir" "$version"
+    check_with_lintian "$packages"/*.deb
+    tests/packaging/man-test.sh "build/$preset/man" "build/$preset/src/libtarvo.so"
+
+    rm -rf "$scratch/inside"
+    mkdir "$scratch/inside"
+    cp -r "$packages"/*.deb tests/packaging/consumer "$scratch/inside"
+    if [[ $arch != "$(dpkg --print-architecture)" ]]; then
+        unpack_and_use "$preset"
+    elif can_overlay; then
+        install_and_use
+    else
+        echo "$preset: unpacked only: installing needs root and an overlay file system"
+        unpack_and_use "$preset"
+    fi
+    (cd "$packages" && ls -sh1 -- *.deb)
+}
+
+main() {
+    local presets=()
+    while [[ $# -gt 0 ]]; do
+        case $1 in
+        -h | --help) usage && return 0 ;;
+        -*) usage >&2 && return 2 ;;
+        *) presets+=("$1") ;;
+        esac
+        shift
+    done
+    scripts/install-deps.sh base packages
+    for preset in "${presets[@]:-release}"; do
+        [[ $preset != arm64 ]] || scripts/install-deps.sh arm64
+        check "$preset"
+    done
+    return $failed
+}
+
+main "$@"

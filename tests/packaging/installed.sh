@@ -1,0 +1,56 @@
+#!/usr/bin/env bash
+# Run by scripts/check-packages.sh as root in a copy of the system, in which the packages, a consumer and the example of a
+# unit lie beside this script: installs the packages, uses them as a developer and as an administrator do, and purges
+# them.
+set -euo pipefail
+cd "$(dirname "$0")"
+
+fifo_directory=/dev/shm/velm/tarvo
+
+dpkg --install ./*.deb >dpkg.log 2>&1 || { cat dpkg.log && exit 1; }
+getent group tarvo >/dev/null || { echo "the group tarvo is missing" && exit 1; }
+if command -v systemd-tmpfiles >/dev/null; then
+    found=$(stat -c '%a %U:%G' $fifo_directory)
+    [[ $found == "2770 root:tarvo" ]] || { echo "the FIFO directory is $found" && exit 1; }
+    echo "installed: group and FIFO directory ($found) are there"
+else
+    echo "installed: no systemd-tmpfiles here to make the FIFO directory"
+fi
+ldconfig -p | grep -q 'libtarvo\.so\.1 .*=> /lib/' || { echo "the loader does not know libtarvo.so.1" && exit 1; }
+
+cmake -S consumer -B build-cmake >/dev/null
+cmake --build build-cmake >/dev/null
+build-cmake/consumer
+# shellcheck disable=SC2046 # a list of options
+g++ -std=c++17 -o consumer-pc consumer/consumer.cpp $(pkg-config --cflags --libs tarvo)
+./consumer-pc
+echo "consumers of the CMake package and of the pkg-config file run"
+
+for page in tarvo TarvoOpen TarvoRPCSync; do
+    MANWIDTH=80 man $page >page.txt 2>/dev/null || { echo "there is no page $page" && exit 1; }
+    grep -qw "$page" page.txt || { echo "the page $page tells nothing of it" && exit 1; }
+done
+
+if command -v tarvoctl >/dev/null; then
+    tarvoctl --version >/dev/null
+    tarvoctl doctor --help >/dev/null
+    man --where tarvoctl >/dev/null
+    echo "the tool runs"
+else
+    sed -i "s:^ExecStart=.*:ExecStart=$PWD/consumer-pc:" tarvo-example.service
+fi
+if command -v systemd-analyze >/dev/null; then
+    systemd-analyze verify ./tarvo-example.service
+    # From 0 (locked in) to 100 (may do anything); an ordinary service has 96.
+    systemd-analyze security --offline=yes --threshold=20 ./tarvo-example.service >security.log ||
+        { cat security.log && exit 1; }
+    echo "systemd accepts the example of a unit: $(tail -n 1 security.log | sed 's/^[^O]*//')"
+fi
+
+# What was asked for twice changes nothing, and what is removed takes nothing from processes that still run.
+dpkg --install ./*.deb >dpkg.log 2>&1 || { cat dpkg.log && exit 1; }
+mkfifo $fifo_directory/in_use
+dpkg --purge tarvo-tools libtarvo-dev libtarvo1 >dpkg.log 2>&1 || { cat dpkg.log && exit 1; }
+[[ -p $fifo_directory/in_use ]] && getent group tarvo >/dev/null || { echo "the purge took what is in use" && exit 1; }
+! ldconfig -p | grep -q libtarvo || { echo "the loader still knows libtarvo" && exit 1; }
+echo "purged: running processes keep their FIFOs and their group"
