@@ -69,7 +69,7 @@ install() {
     local log
     log=$(mktemp)
     echo "Installing: $*"
-    if [[ "$*" == *:arm64* ]] && ! dpkg --print-foreign-architectures | grep -qx arm64; then
+    if [[ "$*" == *:arm64* ]] && ! dpkg --print-foreign-architectures | grep -x arm64 >/dev/null; then
         as_root dpkg --add-architecture arm64
     fi
     if ! { as_root apt-get update -q && as_root apt-get install -y -q --no-install-recommends "$@"; } >"$log" 2>&1; then

@@ -16,7 +16,7 @@ if command -v systemd-tmpfiles >/dev/null; then
 else
     echo "installed: no systemd-tmpfiles here to make the FIFO directory"
 fi
-ldconfig -p | grep -q 'libtarvo\.so\.1 .*=> /lib/' || { echo "the loader does not know libtarvo.so.1" && exit 1; }
+ldconfig -p | grep 'libtarvo\.so\.1 .*=> /lib/' >/dev/null || { echo "the loader does not know libtarvo.so.1" && exit 1; }
 
 cmake -S consumer -B build-cmake >/dev/null
 cmake --build build-cmake >/dev/null
@@ -52,5 +52,5 @@ dpkg --install ./*.deb >dpkg.log 2>&1 || { cat dpkg.log && exit 1; }
 mkfifo $fifo_directory/in_use
 dpkg --purge tarvo-tools libtarvo-dev libtarvo1 >dpkg.log 2>&1 || { cat dpkg.log && exit 1; }
 [[ -p $fifo_directory/in_use ]] && getent group tarvo >/dev/null || { echo "the purge took what is in use" && exit 1; }
-! ldconfig -p | grep -q libtarvo || { echo "the loader still knows libtarvo" && exit 1; }
+! ldconfig -p | grep libtarvo >/dev/null || { echo "the loader still knows libtarvo" && exit 1; }
 echo "purged: running processes keep their FIFOs and their group"

@@ -13,6 +13,9 @@ namespace tarvo_test {
 namespace {
 
 using NoEventTest = ToolTest;
+using testing::AllOf;
+using testing::Ge;
+using testing::Le;
 
 // Each of them once.
 void Look(const std::vector<std::string> &more) {
@@ -99,12 +102,14 @@ TEST_F(NoEventTest, BusyServerSeesItsClientsOnly) {
     Look({});
     EXPECT_FALSE(opens.Any());
     client.AwaitOut("time_us", 100);
+    EXPECT_THAT(log.Messages(), IsEmpty());
     client.Signal(SIGINT);
     const nlohmann::json summary = client.Wait().Json().back()["summary"];
     EXPECT_EQ(summary["lost"], 0);
-    EXPECT_EQ(summary["calls"], requests.load()) << "the server got what the client sent, and nothing else";
+    // The signal may have ended a call whose request the server has got.
+    const int inFlight = requests.load() - summary["calls"].get<int>();
+    EXPECT_THAT(inFlight, AllOf(Ge(0), Le(1))) << "the server got what the client sent, and nothing else";
     EXPECT_EQ(connects, 1);
-    EXPECT_THAT(log.Messages(), IsEmpty());
     TarvoCfgFinishServer();
     unlink((FifoDirectory() + name).c_str());
     EXPECT_TRUE(opens.Any()) << "the closes at the end are seen";

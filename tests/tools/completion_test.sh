@@ -38,7 +38,8 @@ offered_subcommands=$(offered '')
 for subcommand in "${subcommands[@]}"; do
     grep -qx -- "$subcommand" <<<"$offered_subcommands" || fail "$subcommand is not offered"
     grep -q "^\.SS tarvoctl $subcommand" "$page" || fail "$subcommand is not in the manual page"
-    mapfile -t options < <(options_of "$subcommand")
+    known_here=$(options_of "$subcommand")
+    mapfile -t options <<<"$known_here"
     [[ ${#options[@]} -ge 4 ]] || fail "the help of $subcommand has only ${#options[@]} options"
     offers=$(offered "$subcommand" --)
     for option in "${options[@]}"; do
@@ -46,7 +47,7 @@ for subcommand in "${subcommands[@]}"; do
         [[ $option != --* ]] || grep -qx -- "$option" <<<"$offers" || fail "$subcommand $option is not offered"
     done
     for option in $offers; do
-        printf '%s\n' "${options[@]}" | grep -qx -- "$option" || fail "$subcommand $option is offered and unknown"
+        grep -qx -- "$option" <<<"$known_here" || fail "$subcommand $option is offered and unknown"
     done
 done
 

@@ -9,7 +9,7 @@ export PYTHONDONTWRITEBYTECODE=1
 
 for words in "" serve call send; do
     # shellcheck disable=SC2086 # no word or one
-    "$peer" $words --help | grep -q "^usage: peer.py" || { echo "no help of: $words" && exit 1; }
+    "$peer" $words --help | grep "^usage: peer.py" >/dev/null || { echo "no help of: $words" && exit 1; }
 done
 
 # Expects a refusal: the words of it, and the arguments.
