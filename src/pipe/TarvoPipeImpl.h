@@ -107,6 +107,9 @@ public:
     // Closes both descriptors once, and removes the files that this side created; 0 or the last removal's result.
     int CloseFd() EXCLUDES(writeFdMutex);
     void DeInitPipe() EXCLUDES(writeFdMutex);
+    // Before the last close, of a pipe that nobody finds any more: whoever had found it just before cannot open it
+    // again, which then nobody could close.
+    void Retire() EXCLUDES(writeFdMutex);
     // Removes both FIFO files of a pipe whose remote created them.
     void CleanPipe();
     int UnlinkFd(const std::string &name) const;
@@ -133,7 +136,8 @@ protected:
     PipeObserver &observer;
 
 private:
-    void BeginOpening() EXCLUDES(writeFdMutex);
+    // 0, or -ECANCELED once the pipe is retired.
+    int BeginOpening() EXCLUDES(writeFdMutex);
     int OpenBothEnds(int timeoutMs);
     int RegisterReadEnd();
     void CloseReadEnd() EXCLUDES(writeFdMutex);
@@ -157,6 +161,7 @@ private:
     // number.
     SharedMutex descriptorUse;
     Mutex writeFdMutex ACQUIRED_BEFORE(descriptorUse);
+    bool retired GUARDED_BY(writeFdMutex) = false;
     std::timed_mutex openMutex;
 
     const std::string targetCon;

@@ -54,6 +54,11 @@ void TarvoPipeImpl::DeInitPipe() {
     outRequests.Disable();
 }
 
+void TarvoPipeImpl::Retire() {
+    MutexLock lock(writeFdMutex);
+    retired = true;
+}
+
 int TarvoPipeImpl::CloseOnce() {
     TARVO_LOG(LOG_INFO, "Tarvo CloseFd, fd=%d, readfd=%d, writefd=%d, closeFdAction=%d, %s=>%s", GetPipeFd(),
               readFd.load(), writeFd.load(), closeAction.load(), myName.c_str(), remoteName.c_str());

@@ -63,13 +63,15 @@ int TarvoPipeImpl::TimedOpen(int timeoutMs) {
         TARVO_LOG(LOG_ERR, "Open readFd(%d) remote(%s) timed out", readFd.load(), remoteName.c_str());
         return ret;
     }
-    BeginOpening();
-    if (readFd >= 0) {
+    int opened = BeginOpening();
+    if (opened == 0 && readFd >= 0) {
         TARVO_LOG(LOG_INFO, "Already open pipe(%d) readFd(%d) to remote(%s)", GetPipeFd(), readFd.load(),
                   remoteName.c_str());
         return 0;
     }
-    const int opened = OpenBothEnds(timeoutMs);
+    if (opened == 0) {
+        opened = OpenBothEnds(timeoutMs);
+    }
     if (opened < 0) {
         observer.OnOpenFailed(pipeFd);
         return opened;
@@ -82,10 +84,14 @@ int TarvoPipeImpl::TimedOpen(int timeoutMs) {
     return 0;
 }
 
-void TarvoPipeImpl::BeginOpening() {
+int TarvoPipeImpl::BeginOpening() {
     // After a close that is under way, whose end must not remove the files or the calls of the pipe opened anew.
     MutexLock lock(writeFdMutex);
+    if (retired) {
+        return -ECANCELED;
+    }
     closeAction = 1;
+    return 0;
 }
 
 int TarvoPipeImpl::OpenBothEnds(int timeoutMs) {

@@ -141,6 +141,7 @@ void TarvoTable::CloseTarvoPipe(int fd) {
     if (!pipe) {
         return;
     }
+    pipe->Retire();
     pipe->DeInitPipe();
     // While the pipe's own remote-close notice runs, it does so on this very worker, which it frees by itself.
     if (!pipe->IsCallbackHandleRemoteClose()) {
@@ -194,6 +195,7 @@ void TarvoTable::DropPipes() {
         // Before the descriptor is closed, as in every close: its number may be another pipe's when the receive thread,
         // which removes a pipe that hung up, gets to it.
         RemoveDataMonitor(entry.first);
+        entry.second->Retire();
         entry.second->DeInitPipe();
     }
     pipes.swap(pipeFdTable);

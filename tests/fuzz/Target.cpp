@@ -16,6 +16,7 @@
 #include <cstring>
 #include <ctime>
 #include <mutex>
+#include <string>
 
 #include "support/Names.h"
 
@@ -59,6 +60,26 @@ void SleepUntilWoken(const timespec &time) {
                             [&] { return sleepers.round != round; });
 }
 
+// Calls it with the number of each open descriptor and what it leads to. Not for anonymous pipes: those lead to a
+// symbolizer that libFuzzer starts when it likes; the library has none.
+template <typename Visitor>
+void ForEachDescriptor(Visitor visit) {
+    DIR *directory = opendir("/proc/self/fd");
+    if (directory == nullptr) {
+        std::perror("/proc/self/fd");
+        std::abort();
+    }
+    const std::string own = std::to_string(dirfd(directory));
+    while (const dirent *entry = readdir(directory)) {
+        std::array<char, LINE_SIZE> target{};
+        const ssize_t length = readlinkat(dirfd(directory), entry->d_name, target.data(), target.size() - 1);
+        if (length > 0 && std::strncmp(target.data(), "pipe:", 5) != 0 && own != entry->d_name) {
+            visit(entry->d_name, target.data());
+        }
+    }
+    closedir(directory);
+}
+
 void PrintLog() {
     Log &log = TheLog();
     const std::unique_lock<std::mutex> lock(log.mutex, std::try_to_lock);
@@ -81,7 +102,9 @@ void Require(bool kept, const char *promise) {
     if (kept) {
         return;
     }
-    std::fprintf(stderr, "Broken promise: %s. The last log lines:\n", promise);
+    std::fprintf(stderr, "Broken promise: %s. The open descriptors:\n", promise);
+    ForEachDescriptor([](const char *fd, const char *target) { std::fprintf(stderr, "  %s %s\n", fd, target); });
+    std::fprintf(stderr, "The last log lines:\n");
     PrintLog();
     RemoveOwnFifoFiles();
     std::abort();
@@ -107,17 +130,9 @@ void WakeSleepers() {
 }
 
 std::size_t DescriptorCount() {
-    DIR *directory = opendir("/proc/self/fd");
-    Require(directory != nullptr, "/proc/self/fd can be read");
     std::size_t count = 0;
-    while (const dirent *entry = readdir(directory)) {
-        // Anonymous pipes lead to a symbolizer that libFuzzer starts when it likes; the library has none.
-        std::array<char, 8> what{};
-        const ssize_t length = readlinkat(dirfd(directory), entry->d_name, what.data(), what.size());
-        count += length > 0 && std::strncmp(what.data(), "pipe:", 5) != 0 ? 1 : 0;
-    }
-    closedir(directory);
-    return count - 1; // the directory's own
+    ForEachDescriptor([&count](const char *, const char *) { ++count; });
+    return count;
 }
 
 } // namespace tarvo_test

@@ -89,6 +89,18 @@ TEST_F(TableTest, OpenThatIsClosedMeanwhileIsCancelled) {
     EXPECT_EQ(table->Size(), 0U);
 }
 
+// The open has found the pipe in the table; before it begins, another thread closes that pipe.
+TEST_F(TableTest, PipeThatIsClosedBeforeItsOpenBeginsStaysClosed) {
+    const std::string remote = UniqueName("remote");
+    const TarvoAttr attr = MakeAttr(self, remote, TARVO_MODE_SERVER);
+    const int fd = Open(attr);
+    const auto found = table->GetPipe(fd);
+    table->CloseTarvoPipe(fd);
+    EXPECT_EQ(found->TimedOpen(attr.timeout), -ECANCELED);
+    EXPECT_FALSE(std::filesystem::exists(FifoPath(self, remote)));
+    EXPECT_GT(Open(attr), fd) << "the next open makes a pipe of its own";
+}
+
 TEST_F(TableTest, WaitingOpenHoldsUpNobody) {
     const std::string remote = UniqueName("remote");
     const TarvoAttr attr = MakeAttr(self, remote, TARVO_MODE_CLIENT);
