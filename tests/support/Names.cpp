@@ -45,10 +45,12 @@ std::string FifoPath(const std::string &from, const std::string &to) { return Fi
 std::vector<std::string> OwnFifoFiles() {
     std::vector<std::string> found;
     std::error_code error;
+    // Fixed also when there is no file yet: processes forked later look for the same tag.
+    const std::string &tag = NameTag();
     for (const auto &entry : std::filesystem::directory_iterator(DIRECTORY, error)) {
         std::string name = entry.path().filename();
         // The tag is followed by a purpose, and preceded by nothing or by the "__to__" of a pipe name.
-        const std::size_t at = name.find(NameTag());
+        const std::size_t at = name.find(tag);
         if (at == 0 || (at != std::string::npos && name[at - 1] == '_')) {
             found.push_back(std::move(name));
         }

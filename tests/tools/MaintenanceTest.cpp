@@ -1,7 +1,11 @@
 // tarvoctl clean and init.
 #include <sched.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <ctime>
+
+#include "support/Eventually.h"
 #include "support/Process.h"
 #include "support/Unprivileged.h"
 #include "tools/Scratch.h"
@@ -66,6 +70,21 @@ TEST_F(CleanTest, YesRemovesOnlyWhatNobodyHolds) {
     EXPECT_TRUE(directory.Has("text"));
     EXPECT_TRUE(VerdictOf(result, text).is_null()) << "no business of ours";
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory.Path()), {}), 4) << "nothing was left aside";
+}
+
+// As its maker leaves it that is killed between giving the FIFO its name and removing the temporary one.
+TEST_F(CleanTest, BothNamesOfOneFileAreRemoved) {
+    const ScratchDirectory directory;
+    const std::string file = directory.AddFifo("a__to__b");
+    ASSERT_EQ(link(file.c_str(), (file + "1234").c_str()), 0);
+    // Setting one name aside changes the time of the file, which is told apart in seconds.
+    struct stat state {};
+    ASSERT_EQ(stat(file.c_str(), &state), 0);
+    ASSERT_TRUE(Eventually([&state] { return std::time(nullptr) > state.st_ctim.tv_sec; }));
+    const ToolResult result = Clean(directory, {"--yes", "--min-age", "0", "--json"});
+    EXPECT_EQ(VerdictOf(result, file)["action"], "removed");
+    EXPECT_EQ(VerdictOf(result, file + "1234")["action"], "removed");
+    EXPECT_TRUE(std::filesystem::is_empty(directory.Path()));
 }
 
 TEST_F(CleanTest, YoungFilesAreKept) {

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 
@@ -77,21 +78,29 @@ void Fail(Verdict &verdict, int error) {
     verdict.reason = std::strerror(error);
 }
 
+// When files were changed last by us, who set another name of theirs aside: a maker that was killed while it published
+// a FIFO leaves two.
+using OwnChanges = std::map<FileId, std::time_t>;
+
 // Takes the file out of the way, so that nobody opens it any more while we look for holders for the last time.
-void SetAside(const std::string &directory, Verdict &verdict, std::size_t number) {
+void SetAside(const std::string &directory, Verdict &verdict, std::size_t number, OwnChanges &ownChanges) {
+    const auto own = ownChanges.find(verdict.file.id);
+    const std::time_t expected = own == ownChanges.end() ? verdict.file.changed : own->second;
     FifoFile now;
-    if (!DescribeFile(directory, verdict.file.name, now) || !(now.id == verdict.file.id) ||
-        now.changed != verdict.file.changed) {
+    if (!DescribeFile(directory, verdict.file.name, now) || !(now.id == verdict.file.id) || now.changed != expected) {
         verdict.action = Action::KEEP;
         verdict.reason = "changed meanwhile";
         return;
     }
-    const std::string aside = fmt::format("{}.clean_{}_{}", directory, getpid(), number);
-    if (rename((directory + verdict.file.name).c_str(), aside.c_str()) != 0) {
+    const std::string name = fmt::format(".clean_{}_{}", getpid(), number);
+    if (rename((directory + verdict.file.name).c_str(), (directory + name).c_str()) != 0) {
         Fail(verdict, errno);
         return;
     }
-    verdict.aside = aside;
+    verdict.aside = directory + name;
+    if (DescribeFile(directory, name, now)) {
+        ownChanges[now.id] = now.changed;
+    }
 }
 
 // Removes what was set aside, or puts it back when somebody holds it after all. A file that has appeared under the name
@@ -110,9 +119,10 @@ void Finish(const std::string &directory, const Holders &holders, Verdict &verdi
 
 void Remove(const Inventory &inventory, std::vector<Verdict> &verdicts) {
     std::size_t number = 0;
+    OwnChanges ownChanges;
     for (Verdict &verdict : verdicts) {
         if (verdict.action == Action::REMOVE) {
-            SetAside(inventory.directory, verdict, ++number);
+            SetAside(inventory.directory, verdict, ++number, ownChanges);
         }
     }
     const Holders holders = FindHolders(inventory.directory);
