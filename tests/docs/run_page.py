@@ -49,13 +49,12 @@ class Page:
         self.build, self.compiler, self.scratch, self.alone = build, compiler, scratch, alone
         self.background = []
         self.foreground = None  # the block that runs
-        self.clone = scratch / "tarvo"
+        self.clone = scratch / "home/tarvo"  # where most people have it
         self.directory, self.environment = self.clone, self.make_clone()
 
     def make_clone(self):
         """The repository as a reader has it, by links; returns the environment of the first block."""
         (self.clone / "build").mkdir(parents=True)
-        (self.scratch / "home").mkdir()
         for entry in ROOT.iterdir():
             if entry.name not in {"build", ".git"}:
                 (self.clone / entry.name).symlink_to(entry)

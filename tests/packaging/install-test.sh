@@ -11,7 +11,7 @@ trap 'rm -rf "$scratch"' EXIT
 
 cmake --install "$build" --prefix "$scratch/root" >/dev/null
 
-cmake -S "$consumer" -B "$scratch/cmake" -DCMAKE_PREFIX_PATH="$scratch/root" -DCMAKE_CXX_COMPILER="$cxx" >/dev/null
+cmake -S "$consumer" -B "$scratch/cmake" -G Ninja -DCMAKE_PREFIX_PATH="$scratch/root" -DCMAKE_CXX_COMPILER="$cxx" >/dev/null
 cmake --build "$scratch/cmake" >/dev/null
 "$scratch/cmake/consumer"
 echo "a consumer of the CMake package runs"
