@@ -112,18 +112,18 @@ int RunBench(const BenchOptions &options, const Interrupt &interrupt) {
 }
 
 // What the benchmark starts; no part of the interface.
-void AddBenchChild(CLI::App &app, Command &command) {
+void AddBenchChild(CommandLine &app, Command &command) {
     auto task = std::make_shared<ChildTask>();
-    CLI::App *sub = app.add_subcommand("bench-child", "")->group("");
-    sub->add_option("role", task->role)->required();
-    sub->add_option("server", task->server)->required();
-    sub->add_option("--size", task->size);
-    sub->add_option("--threads", task->threads);
-    sub->add_option("--warm-up", task->warmUpUs);
-    sub->add_option("--duration", task->durationUs);
-    sub->add_option("--rate", task->rate);
-    sub->add_flag("--urgent", task->urgent);
-    sub->callback([task, &command] {
+    CommandLine sub = app.HiddenSubcommand("bench-child");
+    sub.Add("role", task->role).Required();
+    sub.Add("server", task->server).Required();
+    sub.Add("--size", task->size);
+    sub.Add("--threads", task->threads);
+    sub.Add("--warm-up", task->warmUpUs);
+    sub.Add("--duration", task->durationUs);
+    sub.Add("--rate", task->rate);
+    sub.Flag("--urgent", task->urgent);
+    sub.WhenNamed([task, &command] {
         command.run = [task](Interrupt &) {
             return task->role == "server" ? RunBenchServer(*task) : RunBenchClient(*task);
         };
@@ -132,35 +132,32 @@ void AddBenchChild(CLI::App &app, Command &command) {
 
 } // namespace
 
-void AddBench(CLI::App &app, Command &command) {
+void AddBench(CommandLine &app, Command &command) {
     auto options = std::make_shared<BenchOptions>();
-    CLI::App *sub = AddSubcommand(app, command, "bench",
-                                  "Measure calls between processes that it starts itself: a server and its clients",
-                                  "0 measured; 1 failed; 2 wrong usage; 5 measured, but calls were lost; 130 "
-                                  "interrupted.");
-    sub->add_option("--size", options->sizes, "Bytes of requests and answers; several, with commas, one after another")
-        ->delimiter(',')
-        ->check(CLI::Range(uint64_t{1}, uint64_t{Message::MAX_PAYLOAD_LEN}))
-        ->type_name("BYTES")
-        ->capture_default_str();
-    sub->add_option("--clients", options->clients, "Client processes")
-        ->check(CLI::Range(uint64_t{1}, MAX_PROCESSES))
-        ->type_name("N")
-        ->capture_default_str();
-    sub->add_option("--threads", options->threads, "Threads of each client, calling over one pipe")
-        ->check(CLI::Range(uint64_t{1}, MAX_PROCESSES))
-        ->type_name("N")
-        ->capture_default_str();
-    sub->add_option("--duration", options->duration, "How long each size is measured (2s)")->type_name("TIME");
-    sub->add_option("--rate", options->rate,
-                    "Calls a second over all clients, timed from when they are due (default: flat out)")
-        ->check(CLI::PositiveNumber)
-        ->type_name("N");
-    sub->add_option("--priority", options->priority, "normal, or urgent for real-time threads on both sides")
-        ->check(CLI::IsMember({"normal", "urgent"}))
-        ->type_name("PRIORITY")
-        ->capture_default_str();
-    sub->callback([options, &command] {
+    CommandLine sub = AddSubcommand(app, command, "bench",
+                                    "Measure calls between processes that it starts itself: a server and its clients",
+                                    "0 measured; 1 failed; 2 wrong usage; 5 measured, but calls were lost; 130 "
+                                    "interrupted.");
+    sub.Add("--size", options->sizes, "Bytes of requests and answers; several, with commas, one after another")
+        .Split(',')
+        .Range(1, Message::MAX_PAYLOAD_LEN)
+        .Type("BYTES")
+        .ShowDefault();
+    sub.Add("--clients", options->clients, "Client processes").Range(1, MAX_PROCESSES).Type("N").ShowDefault();
+    sub.Add("--threads", options->threads, "Threads of each client, calling over one pipe")
+        .Range(1, MAX_PROCESSES)
+        .Type("N")
+        .ShowDefault();
+    sub.Add("--duration", options->duration, "How long each size is measured (2s)").Type("TIME");
+    sub.Add("--rate", options->rate,
+            "Calls a second over all clients, timed from when they are due (default: flat out)")
+        .Positive()
+        .Type("N");
+    sub.Add("--priority", options->priority, "normal, or urgent for real-time threads on both sides")
+        .OneOf({"normal", "urgent"})
+        .Type("PRIORITY")
+        .ShowDefault();
+    sub.WhenNamed([options, &command] {
         options->json = command.common.json;
         command.run = [options](Interrupt &interrupt) { return RunBench(*options, interrupt); };
     });

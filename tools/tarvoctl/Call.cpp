@@ -88,22 +88,18 @@ int RunCall(const CallOptions &options, Interrupt &interrupt) {
 
 } // namespace
 
-void AddCall(CLI::App &app, Command &command) {
+void AddCall(CommandLine &app, Command &command) {
     auto options = std::make_shared<CallOptions>();
-    CLI::App *sub = AddSubcommand(app, command, "call", "Send a request and print the answer",
-                                  "0 answered; 1 failed; 2 wrong usage; 3 no such server; 4 no answer in time; 130 "
-                                  "interrupted. Of several calls the last failure counts.");
-    AddClientOptions(*sub, options->client);
-    AddPayloadOptions(*sub, options->payload);
-    CLI::Option *timeout =
-        sub->add_option("--timeout", options->timeout, "How long to wait for the answer (1s)")->type_name("TIME");
-    sub->add_flag("--no-timeout", options->unlimited, "Wait for as long as the pipe is open")->excludes(timeout);
-    sub->add_option("--repeat", options->repeat, "Number of calls")
-        ->check(CLI::PositiveNumber)
-        ->type_name("N")
-        ->capture_default_str();
-    sub->add_option("--interval", options->interval, "Pause between two calls (0)")->type_name("TIME");
-    sub->callback([options, &command] {
+    CommandLine sub = AddSubcommand(app, command, "call", "Send a request and print the answer",
+                                    "0 answered; 1 failed; 2 wrong usage; 3 no such server; 4 no answer in time; 130 "
+                                    "interrupted. Of several calls the last failure counts.");
+    AddClientOptions(sub, options->client);
+    AddPayloadOptions(sub, options->payload);
+    Option timeout = sub.Add("--timeout", options->timeout, "How long to wait for the answer (1s)").Type("TIME");
+    sub.Flag("--no-timeout", options->unlimited, "Wait for as long as the pipe is open").Excludes(timeout);
+    sub.Add("--repeat", options->repeat, "Number of calls").Positive().Type("N").ShowDefault();
+    sub.Add("--interval", options->interval, "Pause between two calls (0)").Type("TIME");
+    sub.WhenNamed([options, &command] {
         options->json = command.common.json;
         command.run = [options](Interrupt &interrupt) { return RunCall(*options, interrupt); };
     });

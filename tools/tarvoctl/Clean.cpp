@@ -181,19 +181,17 @@ int RunClean(const CleanOptions &options) {
 
 } // namespace
 
-void AddClean(CLI::App &app, Command &command) {
+void AddClean(CommandLine &app, Command &command) {
     auto options = std::make_shared<CleanOptions>();
-    CLI::App *sub =
+    CommandLine sub =
         AddSubcommand(app, command, "clean", "Show the FIFO files that no process holds, and remove them with --yes",
                       "0 done; 1 a file could not be removed, or no such directory; 2 wrong usage.");
-    AddDirectoryOption(*sub, options->directory);
-    sub->add_flag("-y,--yes", options->remove, "Remove them; without it nothing is changed");
-    sub->add_option("--min-age", options->minAge, "Keep files that have changed within this time (10s)")
-        ->type_name("TIME");
-    sub->add_flag(
-        "--this-namespace", options->trustNamespace,
-        "All users of the directory are in this pid namespace (as in a container that shares it with nobody)");
-    sub->callback([options, &command] {
+    AddDirectoryOption(sub, options->directory);
+    sub.Flag("-y,--yes", options->remove, "Remove them; without it nothing is changed");
+    sub.Add("--min-age", options->minAge, "Keep files that have changed within this time (10s)").Type("TIME");
+    sub.Flag("--this-namespace", options->trustNamespace,
+             "All users of the directory are in this pid namespace (as in a container that shares it with nobody)");
+    sub.WhenNamed([options, &command] {
         options->json = command.common.json;
         command.run = [options](Interrupt &) { return RunClean(*options); };
     });

@@ -110,20 +110,20 @@ int RunDecode(const DecodeOptions &options) {
 
 } // namespace
 
-void AddDecode(CLI::App &app, Command &command) {
+void AddDecode(CommandLine &app, Command &command) {
     auto options = std::make_shared<DecodeOptions>();
-    CLI::App *sub = AddSubcommand(
+    CommandLine sub = AddSubcommand(
         app, command, "decode", "Show the fields of recorded frames and packets, and what is wrong with them",
         "0 all of it is sound; 2 wrong usage, or the input cannot be read; 5 there is garbage, "
         "a wrong checksum, or nothing at all.");
-    CLI::Option *file = sub->add_option("FILE", options->file, "Recorded bytes (default: - for standard input)");
-    sub->add_option("--data", options->data, "The bytes themselves, in hex digits")->type_name("HEX")->excludes(file);
-    sub->add_flag("--hex", options->hex, "The input is text in hex digits");
-    sub->add_option("--kind", options->kind, "any, frame (recorded from a pipe) or packet (from a server's FIFO)")
-        ->check(CLI::IsMember({"any", "frame", "packet"}))
-        ->type_name("KIND")
-        ->capture_default_str();
-    sub->callback([options, &command] {
+    Option file = sub.Add("FILE", options->file, "Recorded bytes (default: - for standard input)");
+    sub.Add("--data", options->data, "The bytes themselves, in hex digits").Type("HEX").Excludes(file);
+    sub.Flag("--hex", options->hex, "The input is text in hex digits");
+    sub.Add("--kind", options->kind, "any, frame (recorded from a pipe) or packet (from a server's FIFO)")
+        .OneOf({"any", "frame", "packet"})
+        .Type("KIND")
+        .ShowDefault();
+    sub.WhenNamed([options, &command] {
         options->json = command.common.json;
         command.run = [options](Interrupt &) { return RunDecode(*options); };
     });

@@ -88,15 +88,15 @@ int RunDoctor(const DoctorOptions &options) {
 
 } // namespace
 
-void AddDoctor(CLI::App &app, Command &command) {
+void AddDoctor(CommandLine &app, Command &command) {
     auto options = std::make_shared<DoctorOptions>();
-    CLI::App *sub = AddSubcommand(
+    CommandLine sub = AddSubcommand(
         app, command, "doctor", "Look for what keeps processes from talking, and tell the remedy; opens no FIFO",
         "0 nothing that keeps them from talking; 2 wrong usage; 5 an error was found, or with "
         "--strict a warning. Limits are those of this user and session.");
-    AddDirectoryOption(*sub, options->directory);
-    sub->add_flag("--strict", options->strict, "Warnings count as errors for the exit status");
-    sub->callback([options, &command] {
+    AddDirectoryOption(sub, options->directory);
+    sub.Flag("--strict", options->strict, "Warnings count as errors for the exit status");
+    sub.WhenNamed([options, &command] {
         options->json = command.common.json;
         command.run = [options](Interrupt &) { return RunDoctor(*options); };
     });

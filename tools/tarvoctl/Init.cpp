@@ -139,21 +139,19 @@ int RunInit(const InitOptions &options) {
 
 } // namespace
 
-void AddInit(CLI::App &app, Command &command) {
+void AddInit(CommandLine &app, Command &command) {
     auto options = std::make_shared<InitOptions>();
-    CLI::App *sub =
+    CommandLine sub =
         AddSubcommand(app, command, "init", "Make the FIFO directory, with its group and mode",
                       "0 the directory is as asked for; 1 it could not be made so; 2 wrong usage.\n"
                       "Shared memory is empty after a restart: a tmpfiles.d entry makes it at every start.");
-    AddDirectoryOption(*sub, options->directory);
-    sub->add_option("--group", options->group, "Group whose members talk to each other")
-        ->type_name("GROUP")
-        ->capture_default_str();
-    sub->add_option("--mode", options->mode, "Mode in octal digits; 1777 lets every user in, for development")
-        ->type_name("MODE")
-        ->capture_default_str();
-    sub->add_flag("-n,--dry-run", options->dryRun, "Change nothing, and tell what would be done");
-    sub->callback([options, &command] {
+    AddDirectoryOption(sub, options->directory);
+    sub.Add("--group", options->group, "Group whose members talk to each other").Type("GROUP").ShowDefault();
+    sub.Add("--mode", options->mode, "Mode in octal digits; 1777 lets every user in, for development")
+        .Type("MODE")
+        .ShowDefault();
+    sub.Flag("-n,--dry-run", options->dryRun, "Change nothing, and tell what would be done");
+    sub.WhenNamed([options, &command] {
         options->json = command.common.json;
         command.run = [options](Interrupt &) { return RunInit(*options); };
     });

@@ -33,15 +33,15 @@ int RunList(const ListOptions &options) {
 
 } // namespace
 
-void AddList(CLI::App &app, Command &command) {
+void AddList(CommandLine &app, Command &command) {
     auto options = std::make_shared<ListOptions>();
-    CLI::App *sub =
+    CommandLine sub =
         AddSubcommand(app, command, "list", "Show servers and pipes, and the processes that hold them; opens no FIFO",
                       "0 listed, also when there is nothing; 1 no such directory; 2 wrong usage.\n"
                       "States: live; half, a pipe of which one side is missing; stale, held by nobody; "
                       "unknown, when this user may not see every process.");
-    AddDirectoryOption(*sub, options->directory);
-    sub->callback([options, &command] {
+    AddDirectoryOption(sub, options->directory);
+    sub.WhenNamed([options, &command] {
         options->json = command.common.json;
         command.run = [options](Interrupt &) { return RunList(*options); };
     });

@@ -147,23 +147,20 @@ int Pinger::Run() {
 
 } // namespace
 
-void AddPing(CLI::App &app, Command &command) {
+void AddPing(CommandLine &app, Command &command) {
     auto options = std::make_shared<PingOptions>();
-    CLI::App *sub = AddSubcommand(app, command, "ping", "Call a server again and again and time the answers",
-                                  "0 at least one call was answered; 2 wrong usage; 3 no such server; 4 no answer. "
-                                  "Ctrl-C prints the statistics and ends with these codes.");
-    AddClientOptions(*sub, options->client);
-    sub->add_option("-c,--count", options->count, "End after so many calls (default: on Ctrl-C)")
-        ->check(CLI::PositiveNumber)
-        ->type_name("N");
-    sub->add_option("-i,--interval", options->interval, "Pause between two calls (1s)")->type_name("TIME");
-    sub->add_option("-s,--size", options->size, "Bytes of a request")
-        ->check(CLI::Range(uint64_t{1}, uint64_t{Message::MAX_PAYLOAD_LEN}))
-        ->type_name("BYTES")
-        ->capture_default_str();
-    sub->add_option("-W,--timeout", options->timeout, "A call without answer for so long is lost (1s)")
-        ->type_name("TIME");
-    sub->callback([options, &command] {
+    CommandLine sub = AddSubcommand(app, command, "ping", "Call a server again and again and time the answers",
+                                    "0 at least one call was answered; 2 wrong usage; 3 no such server; 4 no answer. "
+                                    "Ctrl-C prints the statistics and ends with these codes.");
+    AddClientOptions(sub, options->client);
+    sub.Add("-c,--count", options->count, "End after so many calls (default: on Ctrl-C)").Positive().Type("N");
+    sub.Add("-i,--interval", options->interval, "Pause between two calls (1s)").Type("TIME");
+    sub.Add("-s,--size", options->size, "Bytes of a request")
+        .Range(1, Message::MAX_PAYLOAD_LEN)
+        .Type("BYTES")
+        .ShowDefault();
+    sub.Add("-W,--timeout", options->timeout, "A call without answer for so long is lost (1s)").Type("TIME");
+    sub.WhenNamed([options, &command] {
         options->json = command.common.json;
         command.run = [options](Interrupt &interrupt) { return Pinger(*options, interrupt).Run(); };
     });

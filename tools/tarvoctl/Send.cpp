@@ -84,21 +84,18 @@ int RunSend(const SendOptions &options, Interrupt &interrupt) {
 
 } // namespace
 
-void AddSend(CLI::App &app, Command &command) {
+void AddSend(CommandLine &app, Command &command) {
     auto options = std::make_shared<SendOptions>();
-    CLI::App *sub = AddSubcommand(app, command, "send", "Send one-way requests; nothing comes back",
-                                  "0 the server's process has read them; 1 failed; 2 wrong usage; 3 no such server; 4 "
-                                  "not read in time; 130 interrupted.");
-    AddClientOptions(*sub, options->client);
-    AddPayloadOptions(*sub, options->payload);
-    sub->add_option("--timeout", options->timeout, "How long the server may take to make room and to read (1s)")
-        ->type_name("TIME");
-    sub->add_option("--repeat", options->repeat, "Number of requests")
-        ->check(CLI::PositiveNumber)
-        ->type_name("N")
-        ->capture_default_str();
-    sub->add_option("--interval", options->interval, "Pause between two requests (0)")->type_name("TIME");
-    sub->callback([options, &command] {
+    CommandLine sub =
+        AddSubcommand(app, command, "send", "Send one-way requests; nothing comes back",
+                      "0 the server's process has read them; 1 failed; 2 wrong usage; 3 no such server; 4 "
+                      "not read in time; 130 interrupted.");
+    AddClientOptions(sub, options->client);
+    AddPayloadOptions(sub, options->payload);
+    sub.Add("--timeout", options->timeout, "How long the server may take to make room and to read (1s)").Type("TIME");
+    sub.Add("--repeat", options->repeat, "Number of requests").Positive().Type("N").ShowDefault();
+    sub.Add("--interval", options->interval, "Pause between two requests (0)").Type("TIME");
+    sub.WhenNamed([options, &command] {
         options->json = command.common.json;
         command.run = [options](Interrupt &interrupt) { return RunSend(*options, interrupt); };
     });

@@ -108,38 +108,35 @@ int RunServe(const ServeOptions &options, Interrupt &interrupt) {
     return EXIT_DONE;
 }
 
-void AddWork(CLI::App &sub, ServeOptions &options) {
-    CLI::Option_group *const work = sub.add_option_group("answer", "What is answered; --echo when nothing is named");
-    work->add_flag("--echo", options.echo, "Answer with the request itself");
-    work->add_option("--exec", options.exec,
-                     "Run CMD with the shell for each request, which is its standard input; what it prints is the "
-                     "answer. $TARVO_CLIENT is the client's name")
-        ->type_name("CMD");
-    work->add_flag("--count", options.count, "Answer nothing, and print how much has come, each second that more has");
-    work->require_option(0, 1);
+void AddWork(CommandLine &sub, ServeOptions &options) {
+    CommandLine work = sub.Alternatives("answer", "What is answered; --echo when nothing is named");
+    work.Flag("--echo", options.echo, "Answer with the request itself");
+    work.Add("--exec", options.exec,
+             "Run CMD with the shell for each request, which is its standard input; what it prints is the "
+             "answer. $TARVO_CLIENT is the client's name")
+        .Type("CMD");
+    work.Flag("--count", options.count, "Answer nothing, and print how much has come, each second that more has");
 }
 
 } // namespace
 
-void AddServe(CLI::App &app, Command &command) {
+void AddServe(CommandLine &app, Command &command) {
     auto options = std::make_shared<ServeOptions>();
-    CLI::App *sub = AddSubcommand(app, command, "serve", "Serve under a name until Ctrl-C",
-                                  "0 ended by Ctrl-C or --limit; 1 failed, or the name is in use; 2 wrong usage.");
-    sub->add_option("NAME", options->name, "Name to serve under")->required();
-    AddWork(*sub, *options);
-    sub->add_option("--exec-timeout", options->execTimeout, "How long CMD may run (10s)")->type_name("TIME");
-    sub->add_flag("--print", options->print, "Print each request on standard output");
-    sub->add_option("--limit", options->limit, "End after so many requests")
-        ->check(CLI::PositiveNumber)
-        ->type_name("N");
-    sub->add_option("--group", options->group, "Group that may connect (default: the directory's, or this user's)")
-        ->type_name("GROUP");
-    sub->add_option("--priority", options->priority, "normal, or urgent to serve on real-time threads")
-        ->check(CLI::IsMember({"normal", "urgent"}))
-        ->type_name("PRIORITY")
-        ->capture_default_str();
-    sub->add_flag("--replace", options->replace, "Take the name even from a server that has it");
-    sub->callback([options, &command] {
+    CommandLine sub = AddSubcommand(app, command, "serve", "Serve under a name until Ctrl-C",
+                                    "0 ended by Ctrl-C or --limit; 1 failed, or the name is in use; 2 wrong usage.");
+    sub.Add("NAME", options->name, "Name to serve under").Required();
+    AddWork(sub, *options);
+    sub.Add("--exec-timeout", options->execTimeout, "How long CMD may run (10s)").Type("TIME");
+    sub.Flag("--print", options->print, "Print each request on standard output");
+    sub.Add("--limit", options->limit, "End after so many requests").Positive().Type("N");
+    sub.Add("--group", options->group, "Group that may connect (default: the directory's, or this user's)")
+        .Type("GROUP");
+    sub.Add("--priority", options->priority, "normal, or urgent to serve on real-time threads")
+        .OneOf({"normal", "urgent"})
+        .Type("PRIORITY")
+        .ShowDefault();
+    sub.Flag("--replace", options->replace, "Take the name even from a server that has it");
+    sub.WhenNamed([options, &command] {
         options->json = command.common.json;
         command.run = [options](Interrupt &interrupt) { return RunServe(*options, interrupt); };
     });

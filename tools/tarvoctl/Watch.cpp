@@ -70,16 +70,14 @@ int RunWatch(const WatchOptions &options, const Interrupt &interrupt) {
 
 } // namespace
 
-void AddWatch(CLI::App &app, Command &command) {
+void AddWatch(CommandLine &app, Command &command) {
     auto options = std::make_shared<WatchOptions>();
-    CLI::App *sub = AddSubcommand(app, command, "watch", "Show the list again and again until Ctrl-C; opens no FIFO",
-                                  "0 ended by Ctrl-C or --count; 1 cannot be shown; 2 wrong usage.");
-    AddDirectoryOption(*sub, options->directory);
-    sub->add_option("-i,--interval", options->interval, "Time between two lists (2s)")->type_name("TIME");
-    sub->add_option("-c,--count", options->count, "End after so many lists")
-        ->check(CLI::PositiveNumber)
-        ->type_name("N");
-    sub->callback([options, &command] {
+    CommandLine sub = AddSubcommand(app, command, "watch", "Show the list again and again until Ctrl-C; opens no FIFO",
+                                    "0 ended by Ctrl-C or --count; 1 cannot be shown; 2 wrong usage.");
+    AddDirectoryOption(sub, options->directory);
+    sub.Add("-i,--interval", options->interval, "Time between two lists (2s)").Type("TIME");
+    sub.Add("-c,--count", options->count, "End after so many lists").Positive().Type("N");
+    sub.WhenNamed([options, &command] {
         options->json = command.common.json;
         command.run = [options](Interrupt &interrupt) { return RunWatch(*options, interrupt); };
     });

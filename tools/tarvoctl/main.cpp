@@ -14,16 +14,15 @@
 namespace {
 
 using tarvoctl::Command;
+using tarvoctl::CommandLine;
+using tarvoctl::Parsed;
 
 constexpr char FOOTER[] = "Each subcommand has its own --help. In all of them the answer goes to standard output and "
                           "everything else to standard error.\n"
                           "Exit status: 0 done; 1 failed; 2 wrong usage; 3 no such server; 4 no answer in time; "
                           "5 something wrong was found; 130 interrupted.";
 
-void Declare(CLI::App &app, Command &command) {
-    app.set_version_flag("--version", "tarvoctl " TARVO_VERSION);
-    app.require_subcommand(1);
-    app.footer(FOOTER);
+void Declare(CommandLine &app, Command &command) {
     tarvoctl::AddServe(app, command);
     tarvoctl::AddCall(app, command);
     tarvoctl::AddSend(app, command);
@@ -53,15 +52,17 @@ int Run(const Command &command) {
     return result;
 }
 
-// Parse errors of CLI11 have codes of their own, above 100; here they are all wrong usage.
 int Main(int argc, char **argv) {
-    CLI::App app("Looks into a running system of tarvo processes and talks to them.", "tarvoctl");
     Command command;
-    Declare(app, command);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError &error) {
-        return app.exit(error) == 0 ? tarvoctl::EXIT_DONE : tarvoctl::EXIT_USAGE;
+    const tarvoctl::ProgramTexts texts{"tarvoctl", "Looks into a running system of tarvo processes and talks to them.",
+                                       "tarvoctl " TARVO_VERSION, FOOTER};
+    switch (ParseCommandLine(argc, argv, texts, [&](CommandLine &line) { Declare(line, command); })) {
+    case Parsed::WRONG:
+        return tarvoctl::EXIT_USAGE;
+    case Parsed::DONE:
+        return tarvoctl::EXIT_DONE;
+    case Parsed::RUN:
+        break;
     }
     return Run(command);
 }

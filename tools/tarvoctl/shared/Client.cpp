@@ -5,12 +5,12 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 
 #include "api/EnvManager.h"
+#include "shared/CommandLine.h"
 #include "shared/ExitCode.h"
 #include "shared/Output.h"
 #include "tarvo.h"
@@ -27,17 +27,16 @@ int ResultOf(int result, const TarvoResponse &response) {
 
 } // namespace
 
-void AddClientOptions(CLI::App &sub, ClientOptions &options) {
-    sub.add_option("NAME", options.server, "Name that the server serves under")->required();
-    sub.add_option("--as", options.self, "Appear to the server under this name, with _ and the process id added")
-        ->type_name("NAME")
-        ->capture_default_str();
-    sub.add_option("--priority", options.priority, "normal, or urgent to receive on a real-time thread")
-        ->check(CLI::IsMember({"normal", "urgent"}))
-        ->type_name("PRIORITY")
-        ->capture_default_str();
-    sub.add_option("--open-timeout", options.openTimeout, "How long the server may take to open its end (2s)")
-        ->type_name("TIME");
+void AddClientOptions(CommandLine &sub, ClientOptions &options) {
+    sub.Add("NAME", options.server, "Name that the server serves under").Required();
+    sub.Add("--as", options.self, "Appear to the server under this name, with _ and the process id added")
+        .Type("NAME")
+        .ShowDefault();
+    sub.Add("--priority", options.priority, "normal, or urgent to receive on a real-time thread")
+        .OneOf({"normal", "urgent"})
+        .Type("PRIORITY")
+        .ShowDefault();
+    sub.Add("--open-timeout", options.openTimeout, "How long the server may take to open its end (2s)").Type("TIME");
 }
 
 Failure Explain(int result, const std::string &server) {

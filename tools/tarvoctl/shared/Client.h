@@ -9,11 +9,9 @@
 #include "shared/Interrupt.h"
 #include "shared/UniqueFd.h"
 
-namespace CLI {
-class App;
-}
-
 namespace tarvoctl {
+
+class CommandLine;
 
 struct ClientOptions {
     std::string server;
@@ -23,7 +21,7 @@ struct ClientOptions {
 };
 
 // Declares NAME, --as, --priority and --open-timeout.
-void AddClientOptions(CLI::App &sub, ClientOptions &options);
+void AddClientOptions(CommandLine &sub, ClientOptions &options);
 
 // What a negative result of the library means here.
 struct Failure {

@@ -2,11 +2,10 @@
 #ifndef TARVO_TARVOCTL_COMMAND_H
 #define TARVO_TARVOCTL_COMMAND_H
 
-#include <CLI/CLI.hpp>
-
 #include <functional>
 #include <string>
 
+#include "shared/CommandLine.h"
 #include "shared/Interrupt.h"
 
 namespace tarvoctl {
@@ -25,22 +24,22 @@ struct Command {
 };
 
 // Declares a subcommand with --json, --log and --color. `exits` is the part of its help about the exit status.
-CLI::App *AddSubcommand(CLI::App &app, Command &command, const std::string &name, const std::string &text,
-                        const std::string &exits);
+CommandLine AddSubcommand(CommandLine &app, Command &command, const std::string &name, const std::string &text,
+                          const std::string &exits);
 // --directory, for the subcommands that look at files only. The default is where the library has them.
-void AddDirectoryOption(CLI::App &sub, std::string &directory);
+void AddDirectoryOption(CommandLine &sub, std::string &directory);
 
-void AddServe(CLI::App &app, Command &command);
-void AddCall(CLI::App &app, Command &command);
-void AddSend(CLI::App &app, Command &command);
-void AddPing(CLI::App &app, Command &command);
-void AddList(CLI::App &app, Command &command);
-void AddWatch(CLI::App &app, Command &command);
-void AddBench(CLI::App &app, Command &command);
-void AddDecode(CLI::App &app, Command &command);
-void AddDoctor(CLI::App &app, Command &command);
-void AddInit(CLI::App &app, Command &command);
-void AddClean(CLI::App &app, Command &command);
+void AddServe(CommandLine &app, Command &command);
+void AddCall(CommandLine &app, Command &command);
+void AddSend(CommandLine &app, Command &command);
+void AddPing(CommandLine &app, Command &command);
+void AddList(CommandLine &app, Command &command);
+void AddWatch(CommandLine &app, Command &command);
+void AddBench(CommandLine &app, Command &command);
+void AddDecode(CommandLine &app, Command &command);
+void AddDoctor(CommandLine &app, Command &command);
+void AddInit(CommandLine &app, Command &command);
+void AddClean(CommandLine &app, Command &command);
 
 } // namespace tarvoctl
 

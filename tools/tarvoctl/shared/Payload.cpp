@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <array>
 #include <cctype>
 #include <cerrno>
@@ -11,6 +10,7 @@
 #include <nlohmann/json.hpp>
 
 #include "pipe/Message.h"
+#include "shared/CommandLine.h"
 #include "shared/Output.h"
 #include "shared/UniqueFd.h"
 
@@ -47,12 +47,10 @@ bool IsUtf8(const std::string &bytes) {
 
 } // namespace
 
-void AddPayloadOptions(CLI::App &sub, PayloadOptions &options) {
-    CLI::Option *data = sub.add_option("DATA", options.data, "The request; without it --file or standard input");
-    sub.add_option("--file", options.file, "Take the request from FILE (- is standard input)")
-        ->type_name("FILE")
-        ->excludes(data);
-    sub.add_flag("--hex", options.hex, "The request is given in hex digits, and the answer printed so");
+void AddPayloadOptions(CommandLine &sub, PayloadOptions &options) {
+    Option data = sub.Add("DATA", options.data, "The request; without it --file or standard input");
+    sub.Add("--file", options.file, "Take the request from FILE (- is standard input)").Type("FILE").Excludes(data);
+    sub.Flag("--hex", options.hex, "The request is given in hex digits, and the answer printed so");
 }
 
 std::optional<std::string> ReadPayload(const PayloadOptions &options) {

@@ -6,11 +6,9 @@
 #include <optional>
 #include <string>
 
-namespace CLI {
-class App;
-}
-
 namespace tarvoctl {
+
+class CommandLine;
 
 struct PayloadOptions {
     std::optional<std::string> data;
@@ -19,7 +17,7 @@ struct PayloadOptions {
 };
 
 // Declares DATA, --file and --hex.
-void AddPayloadOptions(CLI::App &sub, PayloadOptions &options);
+void AddPayloadOptions(CommandLine &sub, PayloadOptions &options);
 
 // The request that the options name, 1 to 4000 bytes; empty, after a line on standard error, when there is none.
 std::optional<std::string> ReadPayload(const PayloadOptions &options);
