@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "diag/velm_syslog.h"
+#include "support/AllocFaults.h"
 #include "support/Faults.h"
 #include "support/Process.h"
 #include "unit/diag/LogFixture.h"
@@ -19,6 +20,7 @@
 namespace {
 
 using namespace std::chrono_literals;
+using tarvo_test::AllocFault;
 using tarvo_test::Call;
 using tarvo_test::CallCounter;
 using tarvo_test::Channel;
@@ -48,6 +50,16 @@ TEST_F(RestrainedLogTest, OnePlaceWritesOneLineIn600Seconds) {
     clock.AdvanceWall(1s);
     EXPECT_TRUE(Writes(40, "limit"));
     EXPECT_FALSE(Writes(40, "limit"));
+}
+
+TEST_F(RestrainedLogTest, LineThatTheLimiterCannotRememberIsNotWritten) {
+    {
+        const AllocFault fault(1);
+        VelmSyslog(LOG_TYPE_TARVO_RESTRAINED, LOG_ERR, 40, "memory", "restrained");
+        EXPECT_TRUE(fault.Hit());
+    }
+    EXPECT_EQ(LineCount(), 0U);
+    EXPECT_TRUE(Writes(40, "memory"));
 }
 
 TEST_F(RestrainedLogTest, SuppressedLinesDoNotProlongTheLimit) {

@@ -8,6 +8,7 @@
 #include "PipeEnvironment.h"
 #include "pipe/OutRequest.h"
 #include "pipe/OutRequestList.h"
+#include "support/Faults.h"
 #include "support/SyslogCapture.h"
 
 namespace tarvo_test {
@@ -36,6 +37,22 @@ TEST(OutRequestTest, ResponseBeforeTheWaitIsTakenAtOnce) {
     EXPECT_EQ(request->Wait(), 0);
     EXPECT_EQ(response.id, 1U);
     EXPECT_EQ(response.data, in.data);
+    EXPECT_EQ(response.size, 1U);
+    DestroyResponse(&response);
+}
+
+TEST(OutRequestTest, ResponseDuringTheWaitEndsIt) {
+    TarvoResponse response{};
+    const auto request = MakeRequest(1, response, -1);
+    const CallCounter waits(Call::SemWait, Where().ThisThread());
+    std::thread receiver([&] {
+        EXPECT_TRUE(waits.WaitFor(1));
+        TarvoResponse in = Allocated(1);
+        request->Process(in);
+    });
+    EXPECT_EQ(request->Wait(), 0);
+    receiver.join();
+    EXPECT_EQ(response.id, 1U);
     EXPECT_EQ(response.size, 1U);
     DestroyResponse(&response);
 }

@@ -7,6 +7,7 @@
 
 #include "PipeEnvironment.h"
 #include "PipeFixture.h"
+#include "support/AllocFaults.h"
 #include "support/Faults.h"
 
 namespace tarvo_test {
@@ -195,6 +196,16 @@ TEST_F(PipeReceiveTest, FailingReadOfThePayloadDropsTheMessage) {
     HandleNextEvent(pipe);
     EXPECT_TRUE(log.ContainsExactly(LOG_ERR, FailedPayload(7, frame, -EIO)));
     EXPECT_EQ(observer.PendingTasks(), 0U);
+}
+
+TEST_F(PipeReceiveTest, FrameForWhichMemoryRunsOutIsDroppedWhole) {
+    const Pipe pipe = OpenRecordingPipe();
+    constexpr uint32_t LENGTH = 3131; // no other allocation has this size
+    const RawFrame frame = MakeRawFrame(1, 0, std::string(LENGTH, 'x'));
+    const std::string bytes = EncodeRawFrame(frame);
+    const AllocFault fault(1, LENGTH);
+    ExpectRefused(pipe, bytes, FailedPayload(LENGTH, frame, -ENOMEM));
+    EXPECT_TRUE(fault.Hit());
 }
 
 TEST_F(PipeReceiveTest, ReadOfNothingYieldsNoMessage) {
