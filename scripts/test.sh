@@ -72,8 +72,15 @@ run_tests() {
     fi
 }
 
+# Each test that did not run, and why.
+print_skipped() {
+    awk '/^[0-9]+\/[0-9]+ Testing: / { sub(/^.* Testing: /, ""); name = $0 }
+        /^[Ss]kipped: / { sub(/^[Ss]kipped: /, ""); print "Skipped " name ": " $0 }
+        /: Skipped$/ && getline { print "Skipped " name ": " $0 }' "build/$1/Testing/Temporary/LastTest.log"
+}
+
 main() {
-    local presets=() groups
+    local presets=() failed=0 groups
     while [[ $# -gt 0 ]]; do
         case $1 in
         -h | --help) usage && return 0 ;;
@@ -93,7 +100,9 @@ main() {
         scripts/install-deps.sh $groups
         [[ $preset != arm64 ]] || prepare_emulation
         configure_and_build "$preset"
-        run_tests "$preset" "$@"
+        run_tests "$preset" "$@" || failed=$?
+        print_skipped "$preset"
+        [[ $failed -eq 0 ]] || return $failed
     done
 }
 
