@@ -44,7 +44,7 @@ public:
         leftovers.clear();
         for (const int error : page.errnos) {
             FailWith(page, error);
-            if (SANITIZED) {
+            if (SLOW) {
                 return; // the others take the same way through the code, and many times as long
             }
         }
@@ -105,8 +105,8 @@ TEST_P(SystemCallFaults, EachIsReportedAndLeavesTheLibraryUsable) {
         ADD_FAILURE() << problem;
     }
     std::printf("%zu cases\n", trial.Table().Cases());
-    if (SANITIZED) {
-        std::printf("One error for each call under a sanitizer; the table is not compared.\n");
+    if (SLOW) {
+        std::printf("One error for each call under a sanitizer or an emulator; the table is not compared.\n");
     } else {
         CompareWithKept(function.name, trial.Table().Markdown());
     }

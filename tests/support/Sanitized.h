@@ -22,8 +22,11 @@ constexpr bool EMULATED = true;
 constexpr bool EMULATED = false;
 #endif
 
+// Whether a step takes many times longer than it does in an ordinary build.
+constexpr bool SLOW = SANITIZED || EMULATED;
+
 // The rounds of a stress test: `full`, or fewer where each takes longer.
-constexpr int Rounds(int full, int slow) { return SANITIZED || EMULATED ? slow : full; }
+constexpr int Rounds(int full, int slow) { return SLOW ? slow : full; }
 
 } // namespace tarvo_test
 

@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "support/Names.h"
+#include "support/Sanitized.h"
 #include "support/SyslogCapture.h"
 #include "support/Watchdog.h"
 
@@ -14,7 +15,7 @@ namespace tarvo_test {
 
 namespace {
 
-constexpr unsigned DEFAULT_LIMIT = 100;
+constexpr unsigned DEFAULT_LIMIT = EMULATED ? 300 : 100;
 
 extern "C" void ReportHang(int) {
     // The process ends here in any case, so what a signal handler may not call can do no further harm.

@@ -8,7 +8,8 @@ namespace tarvo_test {
 
 // Aborts the process, with the name of the test and the last log lines, when it lives longer than `limit` of real time.
 // It is an alarm(2) and no thread, so that it disturbs neither thread counts nor forks. One is in force at a time: an
-// inner one replaces the outer until it ends. Every test runs under one of 100 s ($TARVO_TEST_WATCHDOG, in seconds).
+// inner one replaces the outer until it ends. Every test runs under one of 100 s, 300 s in an
+// emulator ($TARVO_TEST_WATCHDOG, in seconds).
 class Watchdog {
 public:
     explicit Watchdog(std::chrono::seconds limit);
