@@ -146,6 +146,35 @@ TEST_F(ApiTest, FailedOpenIsReportedWithItsAttribute) {
         << "restrained";
 }
 
+// The unit in which the last line with that message was written.
+std::string UnitOf(const SyslogCapture &log, const std::string &message) {
+    std::string unit;
+    for (const LogLine &line : log.Lines()) {
+        if (line.message.find(message) == 0) {
+            EXPECT_EQ(line.label, "TARVO");
+            unit = line.file;
+        }
+    }
+    return unit;
+}
+
+TEST_F(ApiTest, LinesNameTheUnitOfTheirFunction) {
+    TarvoOpen(nullptr);
+    EXPECT_EQ(UnitOf(log, "Input variables error"), "tarvo");
+    TarvoPipeTypeOpen(nullptr, TARVO_NORMAL_PIPE);
+    EXPECT_EQ(UnitOf(log, "Input variables error."), "tarvo_internal");
+    TarvoAttr attr = MakeAttr(self, remote, TARVO_MODE_CLIENT);
+    attr.timeout = 1;
+    EXPECT_EQ(TarvoOpen(&attr), -ETIMEDOUT);
+    EXPECT_EQ(UnitOf(log, "OpenPipe unfinished"), "tarvo_internal");
+    TarvoSendRequest(2, nullptr);
+    EXPECT_EQ(UnitOf(log, "Argument invalid."), "tarvo");
+    TarvoCreateServer(nullptr);
+    EXPECT_EQ(UnitOf(log, "Input attr is nullptr"), "tarvo");
+    TarvoExceptionHandler(0);
+    EXPECT_EQ(UnitOf(log, "Recv a signal 0."), "tarvo");
+}
+
 TEST_F(ApiTest, FailedOpenUnderTheProcessNameShowsNoSelfName) {
     const ScopedFault fault(Call::Mkfifo, EACCES);
     EXPECT_EQ(TarvoOpen(remote.c_str(), nullptr, 5, TARVO_MODE_SERVER), -EACCES);

@@ -99,6 +99,23 @@ TEST_F(PendingCallTest, EveryCallHasAnIdOfItsOwn) {
     EXPECT_EQ(call.get(), "to first");
 }
 
+TEST_F(PendingCallTest, FramesTellHowLongTheirCallerWaits) {
+    EXPECT_EQ(TarvoSendRequest(fd, &blocks.request), 0);
+    EXPECT_EQ(peer.Receive().timeout, -1);
+    EXPECT_EQ(TarvoTimedRPCSync(fd, &blocks.request, nullptr, 10), 0);
+    EXPECT_EQ(peer.Receive().timeout, -1) << "without a response it is a one-way request";
+    EXPECT_EQ(TarvoTimedRPCSync(fd, &blocks.request, &response, 10), -ETIMEDOUT);
+    EXPECT_EQ(peer.Receive().timeout, 10);
+
+    auto call = std::async(std::launch::async, [this] { return TarvoRPCSync(fd, &blocks.request, &response); });
+    const RawFrame frame = peer.Receive();
+    EXPECT_EQ(frame.timeout, -1);
+    EXPECT_EQ(frame.id, blocks.request.id) << "written into the caller's request before it is sent";
+    peer.Send(RawResponse(frame.id, "answer"));
+    EXPECT_EQ(call.get(), 0);
+    DestroyResponse(&response);
+}
+
 TEST_F(PendingCallTest, ClosedPipeEndsTheWait) {
     const FakeClock clock;
     auto call = std::async(std::launch::async, [this] { return Ask(fd, "anyone", HOUR_MS); });

@@ -4,11 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <thread>
 #include <vector>
 
 #include "ApiFixture.h"
 #include "support/AllocFaults.h"
+#include "support/Faults.h"
 #include "support/Process.h"
 #include "table/TarvoTable.h"
 
@@ -36,6 +38,31 @@ TEST_F(ApiTest, EverybodyGetsTheSameTable) {
     }
     ASSERT_TRUE(tables.front());
     EXPECT_EQ(std::count(tables.begin(), tables.end(), tables.front()), THREADS);
+}
+
+// A task whose thread cannot be started keeps its worker, so that the slots can be used up without any thread.
+TEST_F(ApiTest, ProcessHasA1024WorkersForAllAndTwentyMoreForUrgentTasks) {
+    constexpr int NORMAL = 1024;
+    constexpr int URGENT = 20;
+    const auto table = TableFactory::GetInstance();
+    const ScopedFault noThreads(Call::PthreadCreate, EAGAIN, Where().Always());
+    EXPECT_EQ(table->OnRequestIn(
+                  "named", [] {}, TARVO_PRIORITY_NORMAL),
+              -1);
+    // Whoever finds no free slot waits; that gives the named one back.
+    const ScopedHook wait(Call::SemWait, [&](const CallInfo &) { table->OnFreeSelfWorker("named"); });
+    for (int i = 1; i < NORMAL; ++i) {
+        EXPECT_EQ(table->OnAsyncRequestIn([] {}, TARVO_PRIORITY_NORMAL), -1);
+    }
+    EXPECT_EQ(table->NumWorkers(), 1024U);
+    for (int i = 0; i < URGENT; ++i) {
+        EXPECT_EQ(table->OnAsyncRequestIn([] {}, TARVO_PRIORITY_URGENT), -1);
+    }
+    EXPECT_EQ(table->NumWorkers(), 1044U);
+    EXPECT_EQ(wait.Hits(), 0U);
+    EXPECT_EQ(table->OnAsyncRequestIn([] {}, TARVO_PRIORITY_URGENT), -1);
+    EXPECT_EQ(wait.Hits(), 1U);
+    EXPECT_EQ(table->NumWorkers(), 1044U);
 }
 
 TEST_F(ApiTest, DisabledTableIsStillHandedOut) {
