@@ -36,7 +36,7 @@ inline bool MonitorThreadsBecome(int count) {
     return Eventually([count] { return ThreadsNamed("tarvo_monitor") == count; });
 }
 
-// Private members that a test has to reach: the counter to make it run over, the lock to show who takes it.
+// Private members that a test has to reach: the counter to make it run over, the locks to show who takes them.
 template <typename Member, typename Member::Type Pointer>
 struct Reach {
     friend typename Member::Type Get(Member) { return Pointer; }
@@ -49,8 +49,13 @@ struct TableLock {
     using Type = SharedMutex TarvoTable::*;
     friend Type Get(TableLock);
 };
+struct CloseMutex {
+    using Type = Mutex TarvoTable::*;
+    friend Type Get(CloseMutex);
+};
 template struct Reach<NextFd, &TarvoTable::nextFd>;
 template struct Reach<TableLock, &TarvoTable::tableLock>;
+template struct Reach<CloseMutex, &TarvoTable::closeMutex>;
 
 class TableTest : public LeakCheckedTest {
 protected:

@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/epoll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -51,11 +52,15 @@ TEST_F(TableTest, TimedOutOpenIsTriedAgainUnderItsOwnHandle) {
     const std::string remote = UniqueName("remote");
     TarvoAttr attr = MakeAttr(self, remote, TARVO_MODE_CLIENT);
     attr.timeout = 20;
+    const CallCounter sleeps(Call::Sleep, Where().ThisThread());
     EXPECT_EQ(Open(attr), -ETIMEDOUT);
     EXPECT_EQ(table->Size(), 1U);
     const auto pipe = table->GetPipe(2);
     ASSERT_TRUE(pipe);
+    const unsigned ofTheFirst = sleeps.Count();
+    attr.timeout = 80;
     EXPECT_EQ(Open(attr), -ETIMEDOUT);
+    EXPECT_GT(sleeps.Count(), 2 * ofTheFirst) << "every open has its own time-out";
 
     RawPeer peer(remote, self);
     peer.CreateFiles();
@@ -74,6 +79,7 @@ TEST_F(TableTest, FailedOpenIsReportedWithTheHandleThatItKeeps) {
         EXPECT_EQ(Open(attr), -EACCES);
     }
     EXPECT_EQ(log.CountExactly(LOG_ERR, "AddPipe failed when open fd=2, err=-13"), 1U) << "restrained";
+    EXPECT_EQ(log.WaitFor(LOG_ERR, "AddPipe failed")->file, "TarvoTable");
     EXPECT_EQ(Open(attr), 2);
 }
 
@@ -145,6 +151,31 @@ TEST_F(TableTest, ConcurrentClosesOfOnePipeAreOneClose) {
         EXPECT_EQ(table->Size(), 0U);
     }
     EXPECT_THAT(Complaints(), testing::IsEmpty());
+}
+
+TEST_F(TableTest, PipeIsOutOfTheTableBeforeItClosesAndHoldsUpOtherClosesOnly) {
+    const std::string remote = UniqueName("remote");
+    const int fd = Open(MakeAttr(self, remote, TARVO_MODE_SERVER));
+    const int other = OpenNew();
+    Mutex &closeMutex = (*table).*Get(CloseMutex());
+    const ScopedHook closing(
+        Call::Unlink,
+        [&](const CallInfo &) {
+            std::thread([&]() NO_THREAD_SAFETY_ANALYSIS {
+                EXPECT_FALSE(table->GetPipe(fd));
+                EXPECT_TRUE(table->GetPipe(other));
+                EXPECT_EQ(table->Size(), 1U);
+                table->OnPipeRemoteClosed(other); // takes the table's lock alone
+                const bool free = closeMutex.try_lock();
+                EXPECT_FALSE(free);
+                if (free) {
+                    closeMutex.unlock();
+                }
+            }).join();
+        },
+        Where().Path(FifoPath(self, remote)).Times(1));
+    table->CloseTarvoPipe(fd);
+    EXPECT_EQ(closing.Hits(), 1U);
 }
 
 TEST_F(TableTest, LookedUpPipeSurvivesItsCloseAndRefusesWork) {
@@ -286,16 +317,36 @@ TEST_F(TableTest, RequestsOfASerialPipeRunOnTheWorkerNamedByItsHandle) {
 TEST_F(TableTest, RemoteCloseWithoutACallbackKeepsThePipeRegistered) {
     const std::string remote = UniqueName("remote");
     const int fd = Open(MakeAttr(self, remote, TARVO_MODE_SERVER));
+    const CallCounter removals(Call::EpollCtl, Where().Number(EPOLL_CTL_DEL));
     {
         RawPeer peer(remote, self);
         peer.OpenBoth();
     }
     // The creator removes its files when it closes.
     AwaitFifoDirectory("the close", [&] { return OwnFifoFiles().empty(); });
+    EXPECT_EQ(removals.Count(), 1U) << "before that it leaves its monitor";
     ASSERT_TRUE(table->GetPipe(fd));
     char text[] = "late";
     EXPECT_EQ(table->GetPipe(fd)->Send(TarvoRequest{1, text, 4}, -1), -1);
     table->CloseTarvoPipe(fd);
+    EXPECT_EQ(table->Size(), 0U);
+}
+
+TEST_F(TableTest, PipeClosedByItsOwnRemoteCloseNoticeGivesItsWorkerBackByItself) {
+    std::promise<bool> keptItsWorker;
+    const std::string remote = UniqueName("remote");
+    const int fd = Open(MakeAttr(self, remote, TARVO_MODE_SERVER, [&](int handle, TarvoRequest *request) {
+        if (request == nullptr) {
+            table->CloseTarvoPipe(handle);
+            keptItsWorker.set_value(workers->WorkerOf(std::to_string(handle)) != nullptr);
+        }
+    }));
+    {
+        RawPeer peer(remote, self);
+        peer.OpenBoth();
+    }
+    EXPECT_TRUE(keptItsWorker.get_future().get());
+    EXPECT_TRUE(Eventually([&] { return workers->WorkerOf(std::to_string(fd)) == nullptr; }));
     EXPECT_EQ(table->Size(), 0U);
 }
 
