@@ -204,6 +204,16 @@ TEST_F(CrossDomain, FullContextThatCannotBeSetIsReported) {
     }
 }
 
+TEST_F(CrossDomain, TypeThatCannotBeConvertedIsReported) {
+    for (const int result : {-1, 0}) {
+        switches.conversion = result;
+        const LogCalls log;
+        LabelFifo("/f", -1, TARVO_DOMAIN_ORLA, "foo_t");
+        ExpectCross(log, 1, "foo_t", {Error("Convert context failed!")});
+    }
+    EXPECT_THAT(selinux.calls, IsEmpty());
+}
+
 TEST_F(CrossDomain, OrlaGetsFullContexts) {
     switches.hostName = 2;
     for (const int result : {0, -1}) {
