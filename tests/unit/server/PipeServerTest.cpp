@@ -80,8 +80,6 @@ TEST_F(PipeServerTest, SecondInitIsRefusedAndChangesNothing) {
     EXPECT_EQ(opens.WaitForTarget("client").selfName, name);
 }
 
-// The second start has seen no running server, and then waits until the first one runs.
-
 TEST_F(PipeServerTest, ServerWithoutANameServesUnderTheProcessName) {
     const std::string processName = UniqueName("proc");
     {
@@ -231,8 +229,6 @@ TEST_F(PipeServerTest, ThreadHasThePriorityOfTheAttribute) {
         opens.Forget();
     }
 }
-
-// A closing thread that found the FIFO full must not wait for a reader that has gone.
 
 } // namespace
 } // namespace tarvo_test
