@@ -156,7 +156,7 @@ int OpenPublishedFifo(const std::string &name, int flags) {
     struct stat before;
     const bool exists = GetFileState(name, before) == 0;
     if (exists && !S_ISFIFO(before.st_mode)) {
-        TARVO_LOG_RESTRAINED(LOG_ERR, "File %s(mode=%u) exists but is not fifo file.", name.c_str(), before.st_mode);
+        TARVO_LOG(LOG_ERR, "File %s(mode=%u) exists but is not fifo file.", name.c_str(), before.st_mode);
         return -EACCES;
     }
     const int fd = OpenFifo(name, flags);
@@ -170,7 +170,7 @@ int OpenPublishedFifo(const std::string &name, int flags) {
         ((exists && IsSameFile(opened, before)) || (GetFileState(name, after) == 0 && IsSameFile(opened, after)))) {
         return fd;
     }
-    TARVO_LOG_RESTRAINED(LOG_ERR, "File %s(mode=%u) exists but is not fifo file.", name.c_str(), opened.st_mode);
+    TARVO_LOG(LOG_ERR, "File %s(mode=%u) exists but is not fifo file.", name.c_str(), opened.st_mode);
     close(fd);
     return -EACCES;
 }

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <climits>
 #include <filesystem>
+#include <functional>
 
 #include "support/AllocFaults.h"
 #include "unit/fifo/CallTrace.h"
@@ -133,6 +134,109 @@ TEST_F(OpenFifoTest, AllocatesNothing) {
     EXPECT_EQ(-ENXIO, noReader);
     EXPECT_GE(fd, 0);
     ::close(fd);
+}
+
+class OpenPublishedFifoTest : public OpenFifoTest {
+protected:
+    int Open() const { return OpenPublishedFifo(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC); }
+
+    // Opens while `rival` runs right before the open itself.
+    int OpenAgainst(std::function<void()> rival) const {
+        const ScopedHook hook(
+            Call::Open, [rival = std::move(rival)](const CallInfo &) { rival(); }, Where().Path(path));
+        return Open();
+    }
+
+    LogCall NotAFifo(unsigned mode) const {
+        return ErrorLine(TAG, Text("File %s(mode=%u) exists but is not fifo file.", path.c_str(), mode));
+    }
+
+    void ReplaceByFile() const {
+        ::unlink(path.c_str());
+        WriteFile(path, "text");
+        ASSERT_EQ(0, ::chmod(path.c_str(), 0600));
+    }
+};
+
+TEST_F(OpenPublishedFifoTest, OpensTheFifoOfTheNameWithExactlyTheGivenFlags) {
+    const LogCalls log;
+    int flags = 0;
+    const ScopedHook hook(
+        Call::Open, [&flags](const CallInfo &call) { flags = call.number; }, Where().Path(path));
+    const int fd = Open();
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(O_RDONLY | O_NONBLOCK | O_CLOEXEC, flags);
+    struct stat state {};
+    EXPECT_EQ(0, ::fstat(fd, &state));
+    EXPECT_EQ(StateOf(path).st_ino, state.st_ino);
+    ::close(fd);
+    EXPECT_THAT(log.All(), IsEmpty());
+}
+
+TEST_F(OpenPublishedFifoTest, LinkToAFifoIsRefusedUnopened) {
+    const std::string fifo = NewPath("target");
+    ASSERT_EQ(0, ::rename(path.c_str(), fifo.c_str()));
+    ASSERT_EQ(0, ::symlink(fifo.c_str(), path.c_str()));
+    const CallCounter opens(Call::Open, Where().PathHas(FifoDirectory()));
+    const LogCalls log;
+    EXPECT_EQ(-EACCES, Open());
+    EXPECT_EQ(0U, opens.Count());
+    EXPECT_THAT(log.All(), ElementsAre(NotAFifo(0120777)));
+    ::unlink(fifo.c_str());
+}
+
+TEST_F(OpenPublishedFifoTest, EveryRefusalIsReported) {
+    ReplaceByFile();
+    const LogCalls log;
+    EXPECT_EQ(-EACCES, Open());
+    EXPECT_EQ(-EACCES, Open());
+    EXPECT_THAT(log.All(), ElementsAre(NotAFifo(0100600), NotAFifo(0100600)));
+}
+
+TEST_F(OpenPublishedFifoTest, FileThatTakesTheNameBeforeTheOpenIsClosedAgain) {
+    const std::size_t descriptors = OpenDescriptors().size();
+    const LogCalls log;
+    EXPECT_EQ(-EACCES, OpenAgainst([this] { ReplaceByFile(); }));
+    EXPECT_THAT(log.All(), ElementsAre(NotAFifo(0100600)));
+    EXPECT_EQ(descriptors, OpenDescriptors().size());
+}
+
+TEST_F(OpenPublishedFifoTest, LinkThatTakesTheNameBeforeTheOpenIsClosedAgain) {
+    const std::string fifo = NewPath("target");
+    ASSERT_EQ(0, ::mkfifo(fifo.c_str(), 0600));
+    const std::size_t descriptors = OpenDescriptors().size();
+    const LogCalls log;
+    EXPECT_EQ(-EACCES, OpenAgainst([&] {
+        ::unlink(path.c_str());
+        ASSERT_EQ(0, ::symlink(fifo.c_str(), path.c_str()));
+    }));
+    EXPECT_THAT(log.All(), ElementsAre(NotAFifo(0010600)));
+    EXPECT_EQ(descriptors, OpenDescriptors().size());
+    ::unlink(fifo.c_str());
+}
+
+TEST_F(OpenPublishedFifoTest, FifoThatIsReplacedByAFifoMeanwhileIsFine) {
+    const LogCalls log;
+    const int fd = OpenAgainst([this] {
+        ::unlink(path.c_str());
+        ASSERT_EQ(0, ::mkfifo(path.c_str(), 0600));
+    });
+    ASSERT_GE(fd, 0);
+    ::close(fd);
+    EXPECT_THAT(log.All(), IsEmpty());
+}
+
+TEST_F(OpenPublishedFifoTest, FailuresAreThoseOfTheOpen) {
+    EXPECT_EQ(-ENXIO, OpenPublishedFifo(path, O_WRONLY | O_NONBLOCK));
+    {
+        const ScopedFault fault(Call::Open, EMFILE, Where().Path(path));
+        EXPECT_EQ(-EMFILE, Open());
+    }
+    ::unlink(path.c_str());
+    const LogCalls log;
+    EXPECT_EQ(-ENOENT, Open());
+    EXPECT_THAT(log.All(),
+                ElementsAre(RestrainedLine(TAG, "Transfer real path fail, path name=" + path + ", ret=-2.")));
 }
 
 class FifoFile : public FifoTest {
