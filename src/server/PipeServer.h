@@ -97,8 +97,8 @@ private:
     // Written under `mutex` while no server thread exists, and constant while it runs.
     int monitorFd = -1;
     int writeFd = -1;
-    int epollFd = -1;
     std::function<void(int, const std::string &)> openCallback;
+    int epollFd = -1;
 
     const char *threadName = "tarvo_server";
     TarvoTable &table;
