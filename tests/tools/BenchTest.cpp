@@ -63,6 +63,7 @@ TEST_F(BenchTest, TextShowsMachineTableAndHistogram) {
                              "CALLS/S", "P99.9", "64 bytes, from", "#"}) {
         EXPECT_THAT(result.out, HasSubstr(part));
     }
+    EXPECT_THAT(result.out, Not(HasSubstr("\033[")));
 }
 
 TEST_F(BenchTest, PacedCallsComeAtTheRate) {
@@ -72,6 +73,35 @@ TEST_F(BenchTest, PacedCallsComeAtTheRate) {
     // 100 are due; one of each client may fall on either side of the end of the warm-up.
     EXPECT_LE(round["calls"].get<int>(), 104);
     EXPECT_GE(round["calls"].get<int>(), 90);
+}
+
+// The server's process among those that the benchmark has started; -1 when there is none.
+pid_t ServerOf(pid_t bench) {
+    const json list = RunTool({"list", "--json"}).Json().at(0);
+    for (const json &server : list["servers"]) {
+        if (server["name"] == "tarvoctl_bench_" + std::to_string(bench)) {
+            return server["processes"].at(0)["pid"];
+        }
+    }
+    return -1;
+}
+
+TEST_F(BenchTest, LostCallsAreAFinding) {
+    ToolProcess bench({"bench", "--duration", "4s", "--json"});
+    bench.AwaitErr("measuring");
+    const pid_t server = ServerOf(bench.Pid());
+    ASSERT_GT(server, 0);
+    ASSERT_EQ(kill(server, SIGSTOP), 0);
+    // A call waits for one second; the second of them falls into the time that is measured.
+    bench.AwaitErr("64 bytes: 3 s");
+    kill(server, SIGCONT);
+    const ToolResult result = bench.Wait();
+    EXPECT_EQ(result.status, 5);
+    EXPECT_GE(result.Json().at(0)["results"][0]["failures"].get<int>(), 1);
+}
+
+TEST_F(BenchTest, ColoursAreForTerminals) {
+    EXPECT_THAT(RunToolOnTerminal({"bench", "--duration", "50ms"}), HasSubstr("\033[1mBYTES\033[0m"));
 }
 
 TEST_F(BenchTest, InterruptEndsAllItsProcesses) {

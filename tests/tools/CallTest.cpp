@@ -111,6 +111,19 @@ TEST_F(CallTest, InterruptEndsAWaitingCall) {
     server.Interrupt();
 }
 
+TEST_F(CallTest, InterruptEndsItWhileItWaitsForItsRequest) {
+    const std::string path = "/dev/shm/" + UniqueName("input");
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    for (const char *subcommand : {"call", "send"}) {
+        ToolProcess tool({subcommand, UniqueName("nobody"), "--file", path});
+        const int writer = open(path.c_str(), O_WRONLY | O_CLOEXEC); // returns once the tool opens it
+        tool.Signal(SIGINT);
+        EXPECT_EQ(tool.Wait().status, 130) << subcommand;
+        close(writer);
+    }
+    unlink(path.c_str());
+}
+
 TEST_F(CallTest, InterruptEndsAnOpenThatNobodyMeets) {
     // A server's FIFO with a reader that never opens its end.
     const std::string name = UniqueName("srv");
@@ -177,6 +190,39 @@ TEST_F(SendTest, NothingIsPrinted) {
     EXPECT_EQ(result.status, 0);
     EXPECT_THAT(result.out + result.err, IsEmpty());
     server.Interrupt();
+}
+
+TEST_F(SendTest, InterruptEndsAWaitBetweenTwo) {
+    const std::string name = UniqueName("srv");
+    ToolServer server(name, {"--print"});
+    ToolProcess send({"send", name, "first", "--repeat", "2", "--interval", "900s"});
+    server->AwaitOut("first");
+    send.Signal(SIGINT);
+    EXPECT_EQ(send.Wait().status, 130);
+    server->AwaitErr("closed");
+    server.Interrupt();
+}
+
+TEST_F(SendTest, ServerThatDiesMeanwhileIsTold) {
+    const std::string name = UniqueName("srv");
+    ToolServer server(name, {"--print"});
+    ToolProcess send({"send", name, "x", "--repeat", "1000000000", "--interval", "1ms"});
+    server->AwaitOut("x\n");
+    server->Signal(SIGKILL);
+    const ToolResult result = send.Wait();
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.err, HasSubstr("has closed the pipe or is gone; sent "));
+    server->Wait();
+    RemoveOwnFifoFiles(); // of the server, which had no time to
+}
+
+TEST_F(SendTest, DataThatCannotBeSentIsRefused) {
+    const std::string name = UniqueName("srv");
+    EXPECT_THAT(RunTool({"send", name, ""}).err, HasSubstr("1 to 4000 bytes, this one 0"));
+    EXPECT_EQ(RunTool({"send", name}, std::string(4001, 'x')).status, 2);
+    EXPECT_EQ(RunTool({"send", name, "--hex", "abc"}).status, 2);
+    EXPECT_EQ(RunTool({"send", name, "x", "--repeat", "0"}).status, 2);
+    EXPECT_EQ(RunTool({"send", "a|b", "x"}).status, 2);
 }
 
 TEST_F(SendTest, ServerThatDoesNotReadIsTold) {

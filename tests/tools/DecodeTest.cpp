@@ -135,6 +135,25 @@ TEST_F(DecodeTest, InputIsAFileStandardInputOrHex) {
     EXPECT_EQ(RunTool({"decode", directory.Path() + "recorded"}).status, 0);
 }
 
+TEST_F(DecodeTest, InterruptEndsItWhileItWaitsForInput) {
+    const ScratchDirectory directory;
+    const std::string path = directory.AddFifo("input");
+    ToolProcess decode({"decode", path});
+    const int writer = open(path.c_str(), O_WRONLY | O_CLOEXEC); // returns once the tool opens it
+    ASSERT_GE(writer, 0);
+    decode.Signal(SIGINT);
+    const ToolResult result = decode.Wait();
+    close(writer);
+    EXPECT_EQ(result.status, 130);
+    EXPECT_THAT(result.out, IsEmpty());
+}
+
+TEST_F(DecodeTest, ColoursAreForTerminals) {
+    const std::vector<std::string> arguments = {"decode", "--data", "d9c8b7a6"};
+    EXPECT_THAT(RunToolOnTerminal(arguments), HasSubstr("\033[31m -- "));
+    EXPECT_THAT(RunTool(arguments).out, Not(HasSubstr("\033[")));
+}
+
 TEST_F(DecodeTest, WrongUsageIsRefused) {
     EXPECT_EQ(RunTool({"decode", "/no/such/file"}).status, 2);
     EXPECT_EQ(RunTool({"decode", "--data", "xyz"}).status, 2);

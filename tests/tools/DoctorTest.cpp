@@ -41,6 +41,23 @@ TEST_F(DoctorTest, SoundDirectoryHasNoErrors) {
     }
 }
 
+TEST_F(DoctorTest, TextHasALineForEachFindingAndOneForItsRemedy) {
+    const ScratchDirectory directory;
+    directory.AddFifo("stale");
+    const ToolResult result = RunTool({"doctor", "--directory", directory.Path()});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.out, HasSubstr("ok       directory    " + directory.Path() + ": mode 2770, group "));
+    EXPECT_THAT(result.out, HasSubstr("warning  files        1 of 1 FIFOs are held by nobody\n"
+                                      "                      -> tarvoctl clean\n"));
+}
+
+TEST_F(DoctorTest, ColoursAreForTerminals) {
+    const ScratchDirectory directory;
+    const std::vector<std::string> arguments = {"doctor", "--directory", directory.Path()};
+    EXPECT_THAT(RunToolOnTerminal(arguments), HasSubstr("\033[32mok\033[0m       directory"));
+    EXPECT_THAT(RunTool(arguments).out, Not(HasSubstr("\033[")));
+}
+
 TEST_F(DoctorTest, EveryComplaintHasARemedy) {
     const ScratchDirectory directory(0777);
     directory.AddFifo("stale");

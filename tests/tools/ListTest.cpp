@@ -1,6 +1,4 @@
 // tarvoctl list and watch.
-#include <pty.h>
-
 #include "support/Process.h"
 #include "support/Unprivileged.h"
 #include "tools/Scratch.h"
@@ -53,9 +51,14 @@ TEST_F(ListTest, ServerAndPipeAreShownWithBothEnds) {
     EXPECT_EQ(entry["pipes"], 1);
     EXPECT_EQ(entry["mode"], "0660");
     EXPECT_EQ(entry["path"], FifoDirectory() + name);
+    EXPECT_FALSE(entry["user"].get<std::string>().empty());
+    EXPECT_FALSE(entry["group"].get<std::string>().empty());
+    EXPECT_TRUE(entry.contains("label"));
     ASSERT_EQ(entry["processes"].size(), 1U);
     EXPECT_EQ(entry["processes"][0]["pid"], server->Pid());
     EXPECT_EQ(entry["processes"][0]["process"], "tarvoctl");
+    EXPECT_EQ(entry["processes"][0]["user"], entry["user"]) << "whoever runs this test";
+    EXPECT_TRUE(entry["processes"][0].contains("label"));
     const json pipe = PipeOf(list, name);
     EXPECT_EQ(pipe["state"], "live");
     EXPECT_EQ(pipe["ends"][0]["name"], name) << "the server's end comes first";
@@ -71,12 +74,19 @@ TEST_F(ListTest, ServerAndPipeAreShownWithBothEnds) {
 TEST_F(ListTest, TableShowsTheSame) {
     const std::string name = UniqueName("srv");
     ToolServer server(name);
+    ToolProcess client({"ping", name, "-i", "10ms"});
+    client.AwaitOut("time=");
     const ToolResult result = RunTool({"list"});
-    EXPECT_THAT(result.out, HasSubstr("SERVER"));
+    for (const char *heading : {"SERVER", "STATE", "PROCESS", "PIPES", "MODE", "OWNER", "GROUP", "LABEL", "PIPE "}) {
+        EXPECT_THAT(result.out, HasSubstr(heading));
+    }
     EXPECT_THAT(result.out, HasSubstr(name));
+    EXPECT_THAT(result.out, HasSubstr("tarvoctl_" + std::to_string(client.Pid())));
     EXPECT_THAT(result.out, HasSubstr(std::to_string(server->Pid()) + " tarvoctl ("));
     EXPECT_THAT(result.out, HasSubstr("rw-rw----"));
     EXPECT_THAT(result.out, Not(HasSubstr("\033[")));
+    client.Signal(SIGINT);
+    client.Wait();
     server.Interrupt();
 }
 
@@ -171,39 +181,13 @@ TEST_F(ListTest, ClosedOutputIsAFailure) {
     EXPECT_EQ(WEXITSTATUS(std::system((command + " 2> /dev/null").c_str())), 1);
 }
 
-// What the tool writes to a terminal of its own.
-std::string OnTerminal(const std::vector<std::string> &arguments) {
-    int master = -1;
-    const pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
-    if (pid == 0) {
-        setenv("TERM", "xterm", 1);
-        unsetenv("NO_COLOR");
-        std::vector<std::string> words = arguments;
-        words.insert(words.begin(), TARVOCTL_PROGRAM);
-        std::vector<char *> argv;
-        for (std::string &word : words) {
-            argv.push_back(word.data());
-        }
-        argv.push_back(nullptr);
-        execv(argv[0], argv.data());
-        _exit(127);
-    }
-    std::string text;
-    char chunk[4096];
-    for (ssize_t count = 0; (count = read(master, chunk, sizeof(chunk))) > 0;) {
-        text.append(chunk, static_cast<std::size_t>(count)); // ends with EIO when the tool has closed its end
-    }
-    close(master);
-    waitpid(pid, nullptr, 0);
-    return text;
-}
-
 TEST_F(ListTest, ColoursAreForTerminals) {
     const ScratchDirectory directory;
     directory.AddFifo("srv");
     const std::vector<std::string> arguments = {"list", "--directory", directory.Path()};
-    EXPECT_THAT(OnTerminal(arguments), HasSubstr("\033[31mstale"));
-    EXPECT_THAT(OnTerminal({"list", "--directory", directory.Path(), "--color", "never"}), Not(HasSubstr("\033[")));
+    EXPECT_THAT(RunToolOnTerminal(arguments), HasSubstr("\033[31mstale"));
+    EXPECT_THAT(RunToolOnTerminal({"list", "--directory", directory.Path(), "--color", "never"}),
+                Not(HasSubstr("\033[")));
     EXPECT_THAT(RunTool(arguments).out, Not(HasSubstr("\033[")));
     EXPECT_THAT(RunTool({"list", "--directory", directory.Path(), "--color", "always"}).out,
                 HasSubstr("\033[31mstale"));
@@ -233,9 +217,24 @@ TEST_F(WatchTest, ChangesAppear) {
     EXPECT_EQ(watch.Wait().status, 0);
 }
 
+TEST_F(WatchTest, MissingDirectoryIsAwaited) {
+    const ScratchDirectory directory;
+    const ToolResult result = RunTool({"watch", "-c", "1", "--directory", directory.Path() + "nothing"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.out, HasSubstr("No such file or directory"));
+}
+
+TEST_F(WatchTest, ClosedOutputEndsIt) {
+    const ScratchDirectory directory;
+    const std::string command =
+        std::string(TARVOCTL_PROGRAM) + " watch -i 1ms --directory " + directory.Path() + " > /dev/full";
+    EXPECT_EQ(WEXITSTATUS(std::system((command + " 2> /dev/null").c_str())), 1);
+}
+
 TEST_F(WatchTest, TerminalIsPaintedInPlace) {
     const ScratchDirectory directory;
-    EXPECT_THAT(OnTerminal({"watch", "-c", "1", "--directory", directory.Path()}), testing::StartsWith("\033[H"));
+    EXPECT_THAT(RunToolOnTerminal({"watch", "-c", "1", "--directory", directory.Path()}),
+                testing::StartsWith("\033[H"));
 }
 
 TEST_F(WatchTest, WrongUsageIsRefused) {

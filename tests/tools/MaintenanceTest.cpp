@@ -87,6 +87,30 @@ TEST_F(CleanTest, BothNamesOfOneFileAreRemoved) {
     EXPECT_TRUE(std::filesystem::is_empty(directory.Path()));
 }
 
+TEST_F(CleanTest, TextTellsWhatWasRemoved) {
+    const ScratchDirectory directory;
+    const std::string stale = directory.AddFifo("srv");
+    const ToolResult result = Clean(directory, {"--yes", "--min-age", "0"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out, "removed " + stale + ": no process holds it\n");
+    EXPECT_THAT(result.err, IsEmpty());
+}
+
+TEST_F(CleanTest, InterruptLeavesNothingAside) {
+    constexpr int FILES = 300;
+    const ScratchDirectory directory;
+    for (int i = 0; i < FILES; ++i) {
+        directory.AddFifo("srv" + std::to_string(1000 + i));
+    }
+    ToolProcess clean({"clean", "--yes", "--min-age", "0", "--directory", directory.Path()});
+    while (directory.Has("srv1000")) {
+        sched_yield(); // until the first one is set aside
+    }
+    clean.Signal(SIGINT);
+    EXPECT_EQ(clean.Wait().status, 0) << "what has been begun is finished";
+    EXPECT_TRUE(std::filesystem::is_empty(directory.Path()));
+}
+
 TEST_F(CleanTest, YoungFilesAreKept) {
     const ScratchDirectory directory;
     directory.AddFifo("srv");

@@ -64,6 +64,19 @@ TEST_F(PingTest, SilentServerIsAllLosses) {
     server.Interrupt();
 }
 
+TEST_F(PingTest, JsonTellsLosses) {
+    const std::string name = UniqueName("srv");
+    ToolServer server(name, {"--count"});
+    const ToolResult result = RunTool({"ping", name, "-c", "1", "-W", "20ms", "--json"});
+    EXPECT_EQ(result.status, 4);
+    const std::vector<json> lines = result.Json();
+    ASSERT_EQ(lines.size(), 2U);
+    EXPECT_THAT(lines[0]["error"].get<std::string>(), HasSubstr("did not answer in time"));
+    EXPECT_EQ(lines[1]["summary"]["loss_percent"], 100);
+    EXPECT_FALSE(lines[1]["summary"].contains("min_us"));
+    server.Interrupt();
+}
+
 TEST_F(PingTest, ServerThatComesBackIsCalledAgain) {
     const std::string name = UniqueName("srv");
     ToolServer first(name);
@@ -83,10 +96,12 @@ TEST_F(PingTest, MissingServerAndWrongUsage) {
     const ToolResult missing = RunTool({"ping", UniqueName("nobody"), "-c", "1"});
     EXPECT_EQ(missing.status, 3);
     EXPECT_THAT(missing.out, IsEmpty());
+    EXPECT_THAT(missing.err, HasSubstr("no server runs under the name"));
     EXPECT_EQ(RunTool({"ping"}).status, 2);
     EXPECT_EQ(RunTool({"ping", "x", "-s", "0"}).status, 2);
     EXPECT_EQ(RunTool({"ping", "x", "-s", "4001"}).status, 2);
     EXPECT_EQ(RunTool({"ping", "x", "-c", "0"}).status, 2);
+    EXPECT_EQ(RunTool({"ping", "x", "-i", "often"}).status, 2);
 }
 
 } // namespace

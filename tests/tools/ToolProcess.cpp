@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pty.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -10,6 +11,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <sstream>
 #include <stdexcept>
 
@@ -38,11 +40,8 @@ void ReadInto(int &fd, std::string &text) {
     fd = -1;
 }
 
-[[noreturn]] void BecomeTool(const std::vector<std::string> &arguments, int input, int out, int err) {
+[[noreturn]] void BecomeTool(const std::vector<std::string> &arguments) {
     prctl(PR_SET_PDEATHSIG, SIGKILL, 0UL, 0UL, 0UL);
-    dup2(input, STDIN_FILENO);
-    dup2(out, STDOUT_FILENO);
-    dup2(err, STDERR_FILENO);
     std::vector<std::string> words = arguments;
     words.insert(words.begin(), TARVOCTL_PROGRAM);
     std::vector<char *> argv;
@@ -80,7 +79,10 @@ ToolProcess::ToolProcess(const std::vector<std::string> &arguments, const std::s
     close(in[1]);
     pid_ = fork();
     if (pid_ == 0) {
-        BecomeTool(arguments, in[0], out[1], err[1]);
+        dup2(in[0], STDIN_FILENO);
+        dup2(out[1], STDOUT_FILENO);
+        dup2(err[1], STDERR_FILENO);
+        BecomeTool(arguments);
     }
     close(in[0]);
     close(out[1]);
@@ -149,6 +151,25 @@ ToolResult ToolProcess::Wait() {
 ToolResult RunTool(const std::vector<std::string> &arguments, const std::string &input) {
     ToolProcess tool(arguments, input);
     return tool.Wait();
+}
+
+std::string RunToolOnTerminal(const std::vector<std::string> &arguments) {
+    int master = -1;
+    const pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
+    if (pid == 0) {
+        setenv("TERM", "xterm", 1);
+        unsetenv("NO_COLOR");
+        BecomeTool(arguments);
+    }
+    if (pid < 0) {
+        throw std::runtime_error("no terminal for the tool");
+    }
+    std::string text;
+    while (master >= 0) {
+        ReadInto(master, text); // ends with EIO when the tool has closed its end
+    }
+    waitpid(pid, nullptr, 0);
+    return text;
 }
 
 } // namespace tarvo_test

@@ -49,6 +49,9 @@ private:
 
 ToolResult RunTool(const std::vector<std::string> &arguments, const std::string &input = "");
 
+// What a run writes to a terminal of its own, standard error included.
+std::string RunToolOnTerminal(const std::vector<std::string> &arguments);
+
 } // namespace tarvo_test
 
 #endif // TARVO_TOOLS_TOOLPROCESS_H

@@ -54,7 +54,7 @@ int CallOnce(const CallOptions &options, Client &client, std::string &request) {
 }
 
 int RunCall(const CallOptions &options, Interrupt &interrupt) {
-    std::optional<std::string> request = ReadPayload(options.payload);
+    std::optional<std::string> request = ReadPayload(options.payload, interrupt);
     if (!request) {
         return EXIT_USAGE;
     }

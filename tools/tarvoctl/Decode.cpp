@@ -73,8 +73,8 @@ nlohmann::json JsonOf(const Piece &piece) {
     return object;
 }
 
-std::optional<std::string> Input(const DecodeOptions &options) {
-    std::optional<std::string> bytes = options.data ? options.data : ReadInput(options.file, INPUT_LIMIT);
+std::optional<std::string> Input(const DecodeOptions &options, Interrupt &interrupt) {
+    std::optional<std::string> bytes = options.data ? options.data : ReadInput(options.file, INPUT_LIMIT, interrupt);
     if (bytes && (options.hex || options.data)) {
         bytes = BytesOfHex(*bytes);
         if (!bytes) {
@@ -84,8 +84,8 @@ std::optional<std::string> Input(const DecodeOptions &options) {
     return bytes;
 }
 
-int RunDecode(const DecodeOptions &options) {
-    const std::optional<std::string> bytes = Input(options);
+int RunDecode(const DecodeOptions &options, Interrupt &interrupt) {
+    const std::optional<std::string> bytes = Input(options, interrupt);
     if (!bytes) {
         return EXIT_USAGE;
     }
@@ -115,7 +115,7 @@ void AddDecode(CommandLine &app, Command &command) {
     CommandLine sub = AddSubcommand(
         app, command, "decode", "Show the fields of recorded frames and packets, and what is wrong with them",
         "0 all of it is sound; 2 wrong usage, or the input cannot be read; 5 there is garbage, "
-        "a wrong checksum, or nothing at all.");
+        "a wrong checksum, or nothing at all; 130 interrupted.");
     Option file = sub.Add("FILE", options->file, "Recorded bytes (default: - for standard input)");
     sub.Add("--data", options->data, "The bytes themselves, in hex digits").Type("HEX").Excludes(file);
     sub.Flag("--hex", options->hex, "The input is text in hex digits");
@@ -125,7 +125,7 @@ void AddDecode(CommandLine &app, Command &command) {
         .ShowDefault();
     sub.WhenNamed([options, &command] {
         options->json = command.common.json;
-        command.run = [options](Interrupt &) { return RunDecode(*options); };
+        command.run = [options](Interrupt &interrupt) { return RunDecode(*options, interrupt); };
     });
 }
 

@@ -49,7 +49,7 @@ int SendAll(const SendOptions &options, const Client &client, std::string &reque
 }
 
 int RunSend(const SendOptions &options, Interrupt &interrupt) {
-    std::optional<std::string> request = ReadPayload(options.payload);
+    std::optional<std::string> request = ReadPayload(options.payload, interrupt);
     if (!request) {
         return EXIT_USAGE;
     }

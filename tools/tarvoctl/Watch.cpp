@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstring>
 #include <ctime>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -51,7 +52,8 @@ void Show(const WatchOptions &options) {
         PutJson(json);
         return;
     }
-    const std::string state = inventory.files.error != 0 ? "no such directory\n" : InventoryText(inventory);
+    const std::string state = inventory.files.error != 0 ? fmt::format("{}\n", std::strerror(inventory.files.error))
+                                                         : InventoryText(inventory);
     const std::string text = fmt::format("{} {}\n\n{}", TimeText(), inventory.directory, state);
     Put(isatty(STDOUT_FILENO) == 1 ? OverOld(text) : text + "\n");
 }

@@ -20,6 +20,9 @@ namespace {
 
 constexpr std::chrono::milliseconds POLL_INTERVAL(1);
 
+// To who may not enter the directory, each server looks like one that does not run.
+bool DirectoryIsClosed() { return access(EnvManager::FifoPrefix().c_str(), X_OK) != 0 && errno == EACCES; }
+
 // A call whose pipe was closed between the sending and the waiting returns 0 without an answer.
 int ResultOf(int result, const TarvoResponse &response) {
     return result == 0 && response.data == nullptr ? -EPIPE : result;
@@ -42,6 +45,10 @@ void AddClientOptions(CommandLine &sub, ClientOptions &options) {
 Failure Explain(int result, const std::string &server) {
     switch (-result) {
     case ENXIO:
+        if (DirectoryIsClosed()) {
+            return {EXIT_FAILED,
+                    fmt::format("this user may not enter {} (see: tarvoctl doctor)", EnvManager::FifoPrefix())};
+        }
         return {EXIT_NO_SERVER, fmt::format("no server runs under the name '{}' (see: tarvoctl list)", server)};
     case ETIMEDOUT:
         return {EXIT_NO_ANSWER, fmt::format("'{}' did not answer in time", server)};

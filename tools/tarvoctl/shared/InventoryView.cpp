@@ -1,4 +1,5 @@
 // How an inventory is shown.
+#include <cerrno>
 #include <cstring>
 #include <nlohmann/json.hpp>
 
@@ -131,7 +132,8 @@ std::string InventoryText(const Inventory &inventory) {
 
 void DiagnoseInventory(const Inventory &inventory) {
     if (inventory.files.error != 0) {
-        Diagnose("{}: {}; 'tarvoctl init' makes it", inventory.directory, std::strerror(inventory.files.error));
+        Diagnose("{}: {}; {}", inventory.directory, std::strerror(inventory.files.error),
+                 inventory.files.error == ENOENT ? "'tarvoctl init' makes it" : "see 'tarvoctl doctor'");
     } else if (inventory.holders.hidden > 0) {
         Diagnose("{} processes of other users cannot be seen; root sees all", inventory.holders.hidden);
     } else if (inventory.holders.ownNamespace) {

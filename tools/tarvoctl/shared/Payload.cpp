@@ -11,6 +11,8 @@
 
 #include "pipe/Message.h"
 #include "shared/CommandLine.h"
+#include "shared/ExitCode.h"
+#include "shared/Interrupt.h"
 #include "shared/Output.h"
 #include "shared/UniqueFd.h"
 
@@ -27,48 +29,7 @@ int ValueOfDigit(char digit) {
 
 bool IsSeparator(char byte) { return std::isspace(static_cast<unsigned char>(byte)) != 0 || byte == ':'; }
 
-// What the options name, before it is looked at.
-std::optional<std::string> RawData(const PayloadOptions &options) {
-    if (options.data) {
-        return options.data;
-    }
-    // Hex digits and their separators may take many times the bytes that they stand for.
-    const std::size_t limit = options.hex ? 16 * Message::MAX_PAYLOAD_LEN : Message::MAX_PAYLOAD_LEN;
-    return ReadInput(options.file.empty() ? "-" : options.file, limit);
-}
-
-bool IsUtf8(const std::string &bytes) {
-    try {
-        return !nlohmann::json(bytes).dump().empty();
-    } catch (const nlohmann::json::type_error &) {
-        return false;
-    }
-}
-
-} // namespace
-
-void AddPayloadOptions(CommandLine &sub, PayloadOptions &options) {
-    Option data = sub.Add("DATA", options.data, "The request; without it --file or standard input");
-    sub.Add("--file", options.file, "Take the request from FILE (- is standard input)").Type("FILE").Excludes(data);
-    sub.Flag("--hex", options.hex, "The request is given in hex digits, and the answer printed so");
-}
-
-std::optional<std::string> ReadPayload(const PayloadOptions &options) {
-    std::optional<std::string> bytes = RawData(options);
-    if (bytes && options.hex) {
-        bytes = BytesOfHex(*bytes);
-        if (!bytes) {
-            Diagnose("the request is not made of pairs of hex digits");
-        }
-    }
-    if (bytes && (bytes->empty() || bytes->size() > Message::MAX_PAYLOAD_LEN)) {
-        Diagnose("a request has 1 to {} bytes, this one {}", std::uint64_t{Message::MAX_PAYLOAD_LEN}, bytes->size());
-        return std::nullopt;
-    }
-    return bytes;
-}
-
-std::optional<std::string> ReadInput(const std::string &file, std::size_t limit) {
+std::optional<std::string> ReadAll(const std::string &file, std::size_t limit) {
     const bool standard = file == "-";
     const UniqueFd own(standard ? -1 : open(file.c_str(), O_RDONLY | O_CLOEXEC));
     const int fd = standard ? STDIN_FILENO : own.Get();
@@ -92,6 +53,55 @@ std::optional<std::string> ReadInput(const std::string &file, std::size_t limit)
             return std::nullopt;
         }
     }
+}
+
+// What the options name, before it is looked at.
+std::optional<std::string> RawData(const PayloadOptions &options, Interrupt &interrupt) {
+    if (options.data) {
+        return options.data;
+    }
+    // Hex digits and their separators may take many times the bytes that they stand for.
+    const std::size_t limit = options.hex ? 16 * Message::MAX_PAYLOAD_LEN : Message::MAX_PAYLOAD_LEN;
+    return ReadInput(options.file.empty() ? "-" : options.file, limit, interrupt);
+}
+
+bool IsUtf8(const std::string &bytes) {
+    try {
+        return !nlohmann::json(bytes).dump().empty();
+    } catch (const nlohmann::json::type_error &) {
+        return false;
+    }
+}
+
+} // namespace
+
+void AddPayloadOptions(CommandLine &sub, PayloadOptions &options) {
+    Option data = sub.Add("DATA", options.data, "The request; without it --file or standard input");
+    sub.Add("--file", options.file, "Take the request from FILE (- is standard input)").Type("FILE").Excludes(data);
+    sub.Flag("--hex", options.hex, "The request is given in hex digits, and the answer printed so");
+}
+
+std::optional<std::string> ReadPayload(const PayloadOptions &options, Interrupt &interrupt) {
+    std::optional<std::string> bytes = RawData(options, interrupt);
+    if (bytes && options.hex) {
+        bytes = BytesOfHex(*bytes);
+        if (!bytes) {
+            Diagnose("the request is not made of pairs of hex digits");
+        }
+    }
+    if (bytes && (bytes->empty() || bytes->size() > Message::MAX_PAYLOAD_LEN)) {
+        Diagnose("a request has 1 to {} bytes, this one {}", std::uint64_t{Message::MAX_PAYLOAD_LEN}, bytes->size());
+        return std::nullopt;
+    }
+    return bytes;
+}
+
+std::optional<std::string> ReadInput(const std::string &file, std::size_t limit, Interrupt &interrupt) {
+    // The open of a FIFO and each read may wait for ever, and blocked signals do not cut them short.
+    interrupt.OnRequest([] { _exit(EXIT_INTERRUPTED); });
+    std::optional<std::string> bytes = ReadAll(file, limit);
+    interrupt.OnRequest(nullptr);
+    return bytes;
 }
 
 std::optional<std::string> BytesOfHex(const std::string &text) {

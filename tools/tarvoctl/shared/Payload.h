@@ -9,6 +9,7 @@
 namespace tarvoctl {
 
 class CommandLine;
+class Interrupt;
 
 struct PayloadOptions {
     std::optional<std::string> data;
@@ -20,11 +21,11 @@ struct PayloadOptions {
 void AddPayloadOptions(CommandLine &sub, PayloadOptions &options);
 
 // The request that the options name, 1 to 4000 bytes; empty, after a line on standard error, when there is none.
-std::optional<std::string> ReadPayload(const PayloadOptions &options);
+std::optional<std::string> ReadPayload(const PayloadOptions &options, Interrupt &interrupt);
 
 // A whole file, or standard input for "-". Empty, after a line on standard error, when it cannot be read or is larger
-// than `limit`.
-std::optional<std::string> ReadInput(const std::string &file, std::size_t limit);
+// than `limit`. An interrupt meanwhile ends the process: nothing has been made yet.
+std::optional<std::string> ReadInput(const std::string &file, std::size_t limit, Interrupt &interrupt);
 
 // Digits of both cases; blanks, line ends and colons between bytes are skipped. Empty for anything else.
 std::optional<std::string> BytesOfHex(const std::string &text);

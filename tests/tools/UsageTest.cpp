@@ -1,0 +1,113 @@
+// What all subcommands have in common: help, refusals, and a machine without the FIFO directory.
+#include <sched.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include "support/Process.h"
+#include "support/Unprivileged.h"
+#include "tools/ToolTest.h"
+
+namespace tarvo_test {
+namespace {
+
+class SubcommandTest : public ToolTest, public testing::WithParamInterface<const char *> {};
+
+TEST_P(SubcommandTest, HelpIsAnAnswer) {
+    const ToolResult result = RunTool({GetParam(), "--help"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.err, IsEmpty());
+    for (const char *part : {"--json", "--log", "--color", "Exit status: 0 "}) {
+        EXPECT_THAT(result.out, HasSubstr(part));
+    }
+}
+
+TEST_P(SubcommandTest, UnknownOptionIsRefusedOnStandardError) {
+    const ToolResult result = RunTool({GetParam(), "--no-such-option"});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_THAT(result.out, IsEmpty());
+    EXPECT_THAT(result.err, Not(IsEmpty()));
+}
+
+INSTANTIATE_TEST_SUITE_P(All, SubcommandTest,
+                         testing::Values("serve", "call", "send", "ping", "list", "watch", "bench", "decode", "doctor",
+                                         "init", "clean"),
+                         [](const auto &subcommand) { return std::string(subcommand.param); });
+
+using UsageTest = ToolTest;
+
+TEST_F(UsageTest, WithoutASubcommandNothingIsDone) {
+    EXPECT_EQ(RunTool({}).status, 2);
+    EXPECT_EQ(RunTool({"juggle"}).status, 2);
+    EXPECT_EQ(RunTool({"--help"}).status, 0);
+    const ToolResult version = RunTool({"--version"});
+    EXPECT_EQ(version.status, 0);
+    EXPECT_THAT(version.out, testing::MatchesRegex("tarvoctl [0-9]+\\.[0-9]+\\.[0-9]+\n"));
+}
+
+// Mounts of this process are its own from now on, and there is no FIFO directory.
+bool LoseFifoDirectory() {
+    return unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           mount("tarvo", "/dev/shm", "tmpfs", 0, "mode=1777") == 0;
+}
+
+TEST_F(UsageTest, ClosedDirectoryIsNotTakenForAMissingServer) {
+    TARVO_SKIP_UNLESS_ROOT();
+    ChildProcess machine([](Channel &) {
+        if (!LoseFifoDirectory()) {
+            return 77;
+        }
+        EXPECT_EQ(RunTool({"init", "--group", std::to_string(getgid())}).status, 0);
+        return RunAs(65534, 65534, [] {
+            const ToolResult call = RunTool({"call", "srv", "x"});
+            if (call.status == 127) {
+                return 77; // the build tree is closed to this user
+            }
+            EXPECT_EQ(call.status, 1);
+            EXPECT_THAT(call.err, HasSubstr("this user may not enter " + FifoDirectory()));
+            const ToolResult list = RunTool({"list"});
+            EXPECT_EQ(list.status, 1);
+            EXPECT_THAT(list.err, HasSubstr("Permission denied; see 'tarvoctl doctor'"));
+            const ToolResult doctor = RunTool({"doctor"});
+            EXPECT_EQ(doctor.status, 5);
+            EXPECT_THAT(doctor.out, HasSubstr("-> as root: usermod -aG "));
+            return 0;
+        });
+    });
+    const int status = machine.Wait();
+    if (status == 77) {
+        GTEST_SKIP() << "no right to mount a file system, or no other user may run the tool where it was built";
+    }
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(UsageTest, MissingDirectoryIsToldByEveryOne) {
+    TARVO_SKIP_UNLESS_ROOT();
+    ChildProcess machine([](Channel &) {
+        if (!LoseFifoDirectory()) {
+            return 77;
+        }
+        const ToolResult serve = RunTool({"serve", "srv"});
+        EXPECT_EQ(serve.status, 1);
+        EXPECT_THAT(serve.err, HasSubstr("'tarvoctl init' makes it"));
+        EXPECT_EQ(RunTool({"call", "srv", "x"}).status, 3);
+        EXPECT_EQ(RunTool({"send", "srv", "x"}).status, 3);
+        EXPECT_EQ(RunTool({"ping", "srv"}).status, 3);
+        EXPECT_EQ(RunTool({"list"}).status, 1);
+        EXPECT_EQ(RunTool({"clean"}).status, 1);
+        EXPECT_EQ(RunTool({"doctor"}).status, 5);
+        const ToolResult bench = RunTool({"bench"});
+        EXPECT_EQ(bench.status, 1);
+        EXPECT_THAT(bench.err, HasSubstr("the server of the benchmark does not start"));
+        EXPECT_EQ(RunTool({"init", "--group", std::to_string(getgid())}).status, 0);
+        EXPECT_EQ(RunTool({"list"}).status, 0);
+        return 0;
+    });
+    const int status = machine.Wait();
+    if (status == 77) {
+        GTEST_SKIP() << "no right to mount a file system";
+    }
+    EXPECT_EQ(status, 0);
+}
+
+} // namespace
+} // namespace tarvo_test
