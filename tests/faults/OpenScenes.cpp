@@ -13,6 +13,16 @@ namespace {
 constexpr int CLIENT_TIMEOUT_MS = 500;
 constexpr int BACKGROUND_TIMEOUT_MS = 30000;
 
+// Both directions of an open pipe carry a message, and it can be closed: before the peer goes, or it would close by
+// itself meanwhile.
+void TalkAndClose(int fd, RawPeer &peer, Inbox &inbox) {
+    peer.Send(RawRequest(1, "hello"));
+    EXPECT_EQ(inbox.First(), "hello");
+    EXPECT_EQ(SendText(fd, "back"), 0);
+    EXPECT_EQ(peer.Receive().payload, "back");
+    EXPECT_EQ(TarvoClosePipe(fd), 0);
+}
+
 // A pipe whose files this process creates.
 class CreatingOpen : public Scene {
 public:
@@ -25,12 +35,7 @@ public:
         ASSERT_GT(fd, 0);
         RawPeer peer(remote, self);
         peer.OpenBoth();
-        peer.Send(RawRequest(1, "hello"));
-        EXPECT_EQ(inbox.First(), "hello");
-        EXPECT_EQ(SendText(fd, "back"), 0);
-        EXPECT_EQ(peer.Receive().payload, "back");
-        // Before the peer goes, or the pipe would close by itself meanwhile.
-        EXPECT_EQ(TarvoClosePipe(fd), 0);
+        TalkAndClose(fd, peer, inbox);
     }
 
 protected:
@@ -92,11 +97,7 @@ public:
         const int fd = Open();
         ASSERT_GT(fd, 0);
         peer.OpenWrite();
-        peer.Send(RawRequest(1, "hello"));
-        EXPECT_EQ(inbox.First(), "hello");
-        EXPECT_EQ(SendText(fd, "back"), 0);
-        EXPECT_EQ(peer.Receive().payload, "back");
-        EXPECT_EQ(TarvoClosePipe(fd), 0);
+        TalkAndClose(fd, peer, inbox);
     }
 
 protected:

@@ -6,7 +6,6 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -16,6 +15,7 @@
 #include <vector>
 
 #include "storm/Percentile.h"
+#include "storm/Proof.h"
 #include "storm/SoakPeers.h"
 #include "support/Names.h"
 #include "support/Process.h"
@@ -281,13 +281,7 @@ int Main(int argc, char **argv) {
     app.add_option("--row-seconds", options.rowSeconds, "time between two rows of the table")->capture_default_str();
     app.add_option("--csv", options.csv, "file for all samples");
     CLI11_PARSE(app, argc, argv);
-    setenv("TARVO_TEST_WATCHDOG", "0", 1); // the processes live as long as the soak
-    static_cast<void>(tarvo_test::FifoDirectory());
-    tarvo_test::RemoveOwnFifoFiles();
-    const bool good = Soak(options).Run();
-    tarvo_test::RemoveOwnFifoFiles();
-    fmt::print("\n{}\n", good ? "passed" : "FAILED");
-    return good ? 0 : 1;
+    return Prove([&] { return Soak(options).Run(); });
 }
 
 } // namespace

@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -18,6 +17,7 @@
 #include "storm/Board.h"
 #include "storm/Call.h"
 #include "storm/Percentile.h"
+#include "storm/Proof.h"
 #include "storm/SoakPeers.h"
 #include "support/Names.h"
 #include "support/Process.h"
@@ -236,13 +236,8 @@ int Main(int argc, char **argv) {
     app.add_option("--share", options.share, "part of its undisturbed rate that another server's callers must keep")
         ->capture_default_str();
     CLI11_PARSE(app, argc, argv);
-    setenv("TARVO_TEST_WATCHDOG", "0", 1);
     std::signal(SIGPIPE, SIG_IGN);
-    static_cast<void>(tarvo_test::FifoDirectory());
-    const bool good = Stopped(options).Run();
-    tarvo_test::RemoveOwnFifoFiles();
-    fmt::print("{}\n", good ? "passed" : "FAILED");
-    return good ? 0 : 1;
+    return Prove([&] { return Stopped(options).Run(); });
 }
 
 } // namespace

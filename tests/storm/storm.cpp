@@ -13,9 +13,8 @@
 #include "storm/Group.h"
 #include "storm/Leftovers.h"
 #include "storm/Percentile.h"
-#include "support/Names.h"
+#include "storm/Proof.h"
 #include "support/Process.h"
-#include "support/Watchdog.h"
 
 namespace storm {
 namespace {
@@ -167,20 +166,15 @@ int Main(int argc, char **argv) {
                    "command that removes the FIFO files that no process holds; it must leave none");
     app.add_flag("--quiet", options.quiet, "no progress");
     CLI11_PARSE(app, argc, argv);
-    // The processes are watched by the one that kills them, and survivors live as long as the storm.
-    setenv("TARVO_TEST_WATCHDOG", "0", 1);
-    static_cast<void>(tarvo_test::FifoDirectory());
-    tarvo_test::RemoveOwnFifoFiles();
-    fmt::print("seed {}, {} kills, {} servers with {} clients each\n", options.seed, options.kills, options.groups,
-               options.clients);
-    std::fflush(stdout);
-    const Summary sum = RunGroups(options);
-    PrintMoments(sum);
-    const bool judged = Judge(options, sum);
-    const bool good = JudgeFiles(options) && judged;
-    tarvo_test::RemoveOwnFifoFiles();
-    fmt::print("\n{}\n", good ? "passed" : "FAILED");
-    return good ? 0 : 1;
+    return Prove([&] {
+        fmt::print("seed {}, {} kills, {} servers with {} clients each\n", options.seed, options.kills, options.groups,
+                   options.clients);
+        std::fflush(stdout);
+        const Summary sum = RunGroups(options);
+        PrintMoments(sum);
+        const bool judged = Judge(options, sum);
+        return JudgeFiles(options) && judged;
+    });
 }
 
 } // namespace
