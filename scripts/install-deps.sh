@@ -35,7 +35,7 @@ packages_of() {
         libgtest-dev:arm64 libgmock-dev:arm64 libfmt-dev:arm64 ;;
     tools) echo clang-format clang-tidy python3 ;;
     bench) echo libbenchmark-dev nlohmann-json3-dev ;;
-    peers) echo libzmq3-dev libnng-dev libsystemd-dev libcapnp-dev capnproto libgrpc++-dev libprotobuf-dev \
+    peers) echo libzmq3-dev libnng-dev libsystemd-dev dbus-daemon libcapnp-dev capnproto libgrpc++-dev libprotobuf-dev \
         protobuf-compiler protobuf-compiler-grpc ;;
     packages) echo adduser dpkg-dev file groff-base lintian man-db mandoc systemd ;;
     abi) echo abigail-tools ;;

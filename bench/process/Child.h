@@ -19,7 +19,6 @@ public:
     Child(const Child &) = delete;
     Child &operator=(const Child &) = delete;
 
-    pid_t Pid() const { return pid; }
     // The next line the child writes; throws when it ends or is silent for too long.
     std::string ReadLine();
     void WriteLine() const;

@@ -24,6 +24,9 @@ const std::vector<Contestant> &Contestants() {
 #ifdef BENCH_WITH_SDBUS
         SdBusContestant(),
 #endif
+#ifdef BENCH_WITH_DBUS
+        DbusContestant(),
+#endif
 #ifdef BENCH_WITH_CAPNPROTO
         CapnProtoContestant(),
 #endif
@@ -44,6 +47,9 @@ const std::vector<const char *> &AbsentContestants() {
 #endif
 #ifndef BENCH_WITH_SDBUS
         "sd-bus",
+#endif
+#ifndef BENCH_WITH_DBUS
+        "D-Bus daemon",
 #endif
 #ifndef BENCH_WITH_CAPNPROTO
         "Cap'n Proto",

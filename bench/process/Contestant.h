@@ -2,6 +2,8 @@
 #ifndef TARVO_BENCH_PROCESS_CONTESTANT_H
 #define TARVO_BENCH_PROCESS_CONTESTANT_H
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -23,6 +25,9 @@ public:
     virtual ~Server() = default;
     Server(const Server &) = delete;
     Server &operator=(const Server &) = delete;
+
+    // Processes beside this one that do the server's work.
+    virtual std::vector<pid_t> Helpers() const { return {}; }
 };
 
 // A connection to a server. Threads: `Call` at the same time from one thread for each lane; `Send` from one.
@@ -59,6 +64,7 @@ Contestant FifoContestant();
 Contestant ZeroMqContestant();
 Contestant NngContestant();
 Contestant SdBusContestant();
+Contestant DbusContestant();
 Contestant CapnProtoContestant();
 Contestant GrpcContestant();
 

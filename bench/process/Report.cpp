@@ -56,8 +56,22 @@ double Report::Median(const Key &key, const std::string &metric) const {
 }
 
 double Report::Ratio(const Key &key, const std::string &metric) const {
+    return RatioTo(key, {key.scenario, key.oneCore, FLOOR}, metric);
+}
+
+double Report::Growth(const Key &key, const std::string &metric) const {
+    const std::vector<Scenario> &all = Scenarios();
+    const auto manyPipes = [](const Scenario &scenario) { return scenario.manyPipes; };
+    const auto first = std::find_if(all.begin(), all.end(), manyPipes);
+    const bool applies = std::any_of(first + 1, all.end(), [&](const Scenario &scenario) {
+        return scenario.manyPipes && key.scenario == scenario.name;
+    });
+    return applies ? RatioTo(key, {first->name, key.oneCore, key.contestant}, metric) : -1;
+}
+
+double Report::RatioTo(const Key &key, const Key &baseKey, const std::string &metric) const {
     const auto own = results.find(key);
-    const auto base = results.find({key.scenario, key.oneCore, FLOOR});
+    const auto base = results.find(baseKey);
     if (own == results.end() || base == results.end()) {
         return -1;
     }
@@ -98,6 +112,23 @@ void Report::PrintScenario(const Scenario &scenario, bool oneCore) const {
     }
 }
 
+void Report::PrintGrowth() const {
+    bool headed = false;
+    for (const auto &entry : results) {
+        const Key &key = entry.first;
+        const double time = Growth(key, "p50");
+        if (time > 0) {
+            if (!headed) {
+                std::printf("\nCost of a call as a multiple of the same contestant's with 1 pipe open, in the same "
+                            "round\n");
+                headed = true;
+            }
+            std::printf("%-12s %-12s %-10s time of a call %5.2f  processor time %5.2f\n", key.scenario.c_str(),
+                        key.contestant.c_str(), ModeName(key.oneCore), time, Growth(key, "cpu"));
+        }
+    }
+}
+
 void Report::PrintTable() const {
     std::printf("\nMedians over the rounds; `ratio` is to the floor of the same round.\n");
     for (const Scenario &scenario : Scenarios()) {
@@ -105,6 +136,7 @@ void Report::PrintTable() const {
             PrintScenario(scenario, oneCore);
         }
     }
+    PrintGrowth();
     for (const char *name : AbsentContestants()) {
         std::printf("\nNot installed when this was built, and left out: %s\n", name);
     }
@@ -133,6 +165,9 @@ void Report::WriteJson(const std::string &path, int rounds) const {
             }
             if (Ratio(key, metric) >= 0) {
                 entry["ratio"][metric] = Ratio(key, metric);
+            }
+            if (Growth(key, metric) >= 0) {
+                entry["growth"][metric] = Growth(key, metric);
             }
         }
         document["results"].push_back(entry);

@@ -36,7 +36,11 @@ private:
     // The median over the rounds, and of the ratios to the floor; negative when there is none.
     double Median(const Key &key, const std::string &metric) const;
     double Ratio(const Key &key, const std::string &metric) const;
+    double RatioTo(const Key &key, const Key &base, const std::string &metric) const;
+    // By how much a contestant's own figure grows from the first of the scenarios with many pipes; negative as above.
+    double Growth(const Key &key, const std::string &metric) const;
     void PrintScenario(const Scenario &scenario, bool oneCore) const;
+    void PrintGrowth() const;
 
     std::map<Key, Rounds> results;
     std::vector<std::string> failures;

@@ -38,10 +38,14 @@ int64_t Nanoseconds(clockid_t clock) {
     return now.tv_sec * INT64_C(1000000000) + now.tv_nsec;
 }
 
-// User and system time of a process, all threads.
-int64_t ProcessorTime(pid_t process) {
-    clockid_t clock = CLOCK_PROCESS_CPUTIME_ID;
-    return clock_getcpuclockid(process, &clock) == 0 ? Nanoseconds(clock) : 0;
+// User and system time of some processes, all threads.
+int64_t ProcessorTime(const std::vector<pid_t> &processes) {
+    int64_t sum = 0;
+    for (const pid_t process : processes) {
+        clockid_t clock = CLOCK_PROCESS_CPUTIME_ID;
+        sum += clock_getcpuclockid(process, &clock) == 0 ? Nanoseconds(clock) : 0;
+    }
+    return sum;
 }
 
 void RaiseDescriptorLimit() {
@@ -51,8 +55,12 @@ void RaiseDescriptorLimit() {
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-void SayReady() {
-    std::puts("ready");
+void SayReady(const std::vector<pid_t> &processes = {}) {
+    std::printf("ready");
+    for (const pid_t process : processes) {
+        std::printf(" %d", process);
+    }
+    std::printf("\n");
     std::fflush(stdout);
 }
 
@@ -225,7 +233,9 @@ void Print(Outcome &outcome, int64_t processorTime, int64_t syscalls) {
 int RunServer(const ChildOptions &options) {
     RaiseDescriptorLimit();
     const std::unique_ptr<Server> server = Find(options.contestant).serve(options.endpoint);
-    SayReady();
+    std::vector<pid_t> processes = server->Helpers();
+    processes.push_back(getpid());
+    SayReady(processes);
     AwaitLine();
     return 0;
 }
@@ -244,12 +254,14 @@ int RunClient(const ChildOptions &options) {
     if (!AwaitLine()) {
         return 1;
     }
-    const SyscallCount syscalls({getpid(), options.serverPid});
-    const int64_t before = ProcessorTime(getpid()) + ProcessorTime(options.serverPid);
+    std::vector<pid_t> processes = options.serverPids;
+    processes.push_back(getpid());
+    const SyscallCount syscalls(processes);
+    const int64_t before = ProcessorTime(processes);
     Outcome outcome = kind == "oneway"    ? session.OneWay(options.task.count)
                       : kind == "connect" ? session.Connects(options.task.count)
                                           : session.Calls(options.task.count);
-    const int64_t after = ProcessorTime(getpid()) + ProcessorTime(options.serverPid);
+    const int64_t after = ProcessorTime(processes);
     Print(outcome, after - before, options.task.lanes == 1 ? syscalls.Read() : -1);
     AwaitLine(); // the connections stay until all have measured
     // Not through the destructors: receive threads of the contestants may still be at work on the connections.

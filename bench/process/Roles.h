@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <string>
+#include <vector>
 
 namespace bench {
 
@@ -23,11 +24,12 @@ struct ChildOptions {
     std::string contestant;
     std::string endpoint;
     std::string self;
-    pid_t serverPid = 0;
+    std::vector<pid_t> serverPids;
     ClientTask task;
 };
 
-// Both write a line "ready" to standard output when they are set up. The server ends when its standard input does; the
+// Both write a line "ready" to standard output when they are set up; the server adds the process ids of those that
+// work for it, and its own. It ends when its standard input does; the
 // client then waits for a line on it, runs its task and writes one line of `key=value` words. Exit status.
 int RunServer(const ChildOptions &options);
 int RunClient(const ChildOptions &options);

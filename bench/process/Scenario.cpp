@@ -30,17 +30,31 @@ std::vector<std::string> Arguments(const char *role, const Contestant &contestan
 }
 
 std::unique_ptr<Child> StartClient(const Contestant &contestant, const ClientTask &task, const std::string &endpoint,
-                                   std::size_t index, pid_t server, bool oneCore) {
+                                   std::size_t index, const std::vector<std::string> &servers, bool oneCore) {
     std::vector<std::string> arguments = Arguments("client", contestant, endpoint);
-    const std::vector<std::string> rest = {"--self",   endpoint + "_" + std::to_string(index),
-                                           "--server", std::to_string(server),
-                                           "--kind",   task.kind,
-                                           "--size",   std::to_string(task.size),
-                                           "--count",  std::to_string(task.count),
-                                           "--lanes",  std::to_string(task.lanes),
-                                           "--pipes",  std::to_string(task.pipes)};
+    const std::vector<std::string> rest = {"--self",  endpoint + "_" + std::to_string(index),
+                                           "--kind",  task.kind,
+                                           "--size",  std::to_string(task.size),
+                                           "--count", std::to_string(task.count),
+                                           "--lanes", std::to_string(task.lanes),
+                                           "--pipes", std::to_string(task.pipes)};
     arguments.insert(arguments.end(), rest.begin(), rest.end());
+    for (const std::string &server : servers) {
+        arguments.insert(arguments.end(), {"--server", server});
+    }
     return std::make_unique<Child>(arguments, oneCore);
+}
+
+// What follows "ready" in a server's line.
+std::vector<std::string> ProcessesOf(const std::string &line) {
+    std::istringstream stream(line);
+    std::string word;
+    stream >> word;
+    std::vector<std::string> processes;
+    while (stream >> word) {
+        processes.push_back(word);
+    }
+    return processes;
 }
 
 std::map<std::string, double> ParseWords(const std::string &line) {
@@ -107,7 +121,10 @@ const std::vector<Scenario> &Scenarios() {
         {"oneway64", "one-way messages of 64 bytes", Task("oneway", 64, 100000)},
         {"oneway4000", "one-way messages of 4000 bytes", Task("oneway", 4000, 50000)},
         {"connect", "connect and first call", Task("connect", 64, 50)},
-        {"pipes1000", "call of 64 bytes, 1000 pipes open", Task("call", 64, 20000, 1, 1000), 1, false, true},
+        {"pipes1", "call of 64 bytes, 1 pipe open", Task("call", 64, 20000), 1, false, true, true},
+        {"pipes10", "call of 64 bytes, 10 pipes open", Task("call", 64, 20000, 1, 10), 1, false, true, true},
+        {"pipes100", "call of 64 bytes, 100 pipes open", Task("call", 64, 20000, 1, 100), 1, false, true, true},
+        {"pipes1000", "call of 64 bytes, 1000 pipes open", Task("call", 64, 20000, 1, 1000), 1, false, true, true},
         {"busy64", "call of 64 bytes, two busy foreign processes", Task("call", 64, 10000), 1, true},
         {"pipes1000busy", "call of 64 bytes, 1000 pipes open, two busy foreign processes",
          Task("call", 64, 10000, 1, 1000), 1, true, true},
@@ -136,10 +153,10 @@ Figures Measure(const Contestant &contestant, const Scenario &scenario, bool one
     }
     const SocketFile removed(endpoint);
     Child server(Arguments("server", contestant, endpoint), oneCore);
-    server.ReadLine();
+    const std::vector<std::string> servers = ProcessesOf(server.ReadLine());
     std::vector<std::unique_ptr<Child>> clients;
     for (std::size_t i = 0; i < scenario.clients; ++i) {
-        clients.push_back(StartClient(contestant, task, endpoint, i, server.Pid(), oneCore));
+        clients.push_back(StartClient(contestant, task, endpoint, i, servers, oneCore));
     }
     for (const auto &client : clients) {
         client->ReadLine();

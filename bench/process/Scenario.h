@@ -18,6 +18,7 @@ struct Scenario {
     std::size_t clients = 1;
     bool foreignLoad = false;     // with two busy processes beside it
     bool ownTopologyOnly = false; // of interest for the library and the floor only
+    bool manyPipes = false;       // the cost is also compared with that of the first scenario of this kind
 };
 
 const std::vector<Scenario> &Scenarios();

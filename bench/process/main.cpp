@@ -65,7 +65,7 @@ bool Parse(int argc, char **argv, Options &options) {
         {"--contestant", text(options.child.contestant)},
         {"--endpoint", text(options.child.endpoint)},
         {"--self", text(options.child.self)},
-        {"--server", [&](const std::string &value) { options.child.serverPid = std::atoi(value.c_str()); }},
+        {"--server", [&](const std::string &value) { options.child.serverPids.push_back(std::atoi(value.c_str())); }},
         {"--kind", text(task.kind)},
         {"--size", number(task.size)},
         {"--count", number(task.count)},
