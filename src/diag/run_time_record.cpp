@@ -11,13 +11,19 @@ constexpr int64_t MICROSECONDS_PER_SECOND = 1000000;
 constexpr int64_t NANOSECONDS_PER_MICROSECOND = 1000;
 constexpr uint64_t MICROSECONDS_PER_MILLISECOND = 1000;
 
+uint64_t ToMicroseconds(const timespec &time) {
+    return static_cast<uint64_t>(time.tv_sec * MICROSECONDS_PER_SECOND + time.tv_nsec / NANOSECONDS_PER_MICROSECOND);
+}
+
 } // namespace
 
 uint64_t GetCurrentTime() {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec * MICROSECONDS_PER_SECOND + now.tv_nsec / NANOSECONDS_PER_MICROSECOND);
+    return ToMicroseconds(now);
 }
+
+uint64_t RunTimeRecord::StartTime() const { return pointNum == 0 ? 0 : ToMicroseconds(firstPoints[0]); }
 
 RunTimeRecord::RunTimeRecord(uint64_t budgetMs) : timeoutMs(budgetMs) {}
 

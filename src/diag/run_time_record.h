@@ -23,6 +23,9 @@ public:
 
     void RecordCurrentTime();
 
+    // The first recorded point as GetCurrentTime() would have given it; 0 without one.
+    uint64_t StartTime() const;
+
     // Microseconds from `earlier` to `later`; 0 when they are reversed.
     int64_t CalculationInterval(const timespec &later, const timespec &earlier) const;
 

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "api/Mutex.h"
+#include "diag/run_time_record.h"
 #include "pipe/MagicReceiver.h"
 #include "pipe/Message.h"
 #include "pipe/OutRequestList.h"
@@ -72,6 +73,7 @@ public:
     int Send(OutMessage &msg);
     int Write(OutMessage &msg);
     int Write(const std::unique_ptr<char[]> &buf, unsigned long len, unsigned int id);
+    int WriteTimed(Tarvo::RunTimeRecord &record, const char *frame, std::size_t len, unsigned int id);
 
     // ---- Receiving and dispatch ----
     int Recv(void *buf, unsigned long len) override;

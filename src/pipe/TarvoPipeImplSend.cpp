@@ -52,6 +52,8 @@ int TarvoPipeImpl::Write(OutMessage &msg) {
     }
     // Not cleared: head and payload fill it.
     const std::unique_ptr<char[]> frame(new char[msg.Size()]);
+    Tarvo::RunTimeRecord record(WRITE_BUDGET_MS);
+    record.RecordCurrentTime();
     MsgHead head{};
     head.magic = MAGIC;
     head.id = msg.id;
@@ -59,14 +61,15 @@ int TarvoPipeImpl::Write(OutMessage &msg) {
     head.payloadLen = msg.payloadLen;
     head.checksum = msg.Checksum();
     head.timeout = msg.timeout;
-    head.writeStartTime = static_cast<int64_t>(Tarvo::GetCurrentTime());
+    // Also the record's start: reading the clock twice for this would cost more than what lies between.
+    head.writeStartTime = static_cast<int64_t>(record.StartTime());
     std::memcpy(frame.get(), &head, sizeof(head));
     const int copied = memcpy_s(frame.get() + sizeof(head), msg.Size() - sizeof(head), data, msg.payloadLen);
     if (copied != 0) {
         TARVO_LOG(LOG_ERR, "memcpy_s msg.dataOut fail, ret = %d", copied);
         return -copied;
     }
-    const int ret = Write(frame, msg.Size(), msg.id);
+    const int ret = WriteTimed(record, frame.get(), msg.Size(), msg.id);
     TARVO_LOG(LOG_DEBUG, "readFd(%d) writeFd(%d) send msg to %s success, id(%u) type(%u) len(%u) checksum(%u)",
               readFd.load(), writeFd.load(), remoteName.c_str(), msg.id, msg.type, msg.payloadLen, msg.checksum);
     return ret;
@@ -75,13 +78,17 @@ int TarvoPipeImpl::Write(OutMessage &msg) {
 int TarvoPipeImpl::Write(const std::unique_ptr<char[]> &buf, unsigned long len, unsigned int id) {
     Tarvo::RunTimeRecord record(WRITE_BUDGET_MS);
     record.RecordCurrentTime();
+    return WriteTimed(record, buf.get(), len, id);
+}
+
+int TarvoPipeImpl::WriteTimed(Tarvo::RunTimeRecord &record, const char *frame, std::size_t len, unsigned int id) {
     int fd = -1;
     ssize_t written = -1;
     int error = 0;
     {
         ReadLock use(descriptorUse);
         fd = writeFd;
-        written = write(fd, buf.get(), len);
+        written = write(fd, frame, len);
         error = errno;
     }
     if (record.WhetherTotalTimeHasTimeout()) {

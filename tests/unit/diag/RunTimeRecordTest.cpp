@@ -49,6 +49,18 @@ TEST_F(RunTimeRecordTest, CurrentTimeIsTheMonotonicClockInMicroseconds) {
     EXPECT_EQ(all.Count(), 1U);
 }
 
+TEST_F(RunTimeRecordTest, TheStartIsTheFirstPointInMicroseconds) {
+    RunTimeRecord record(50);
+    EXPECT_EQ(record.StartTime(), 0U);
+    const uint64_t before = GetCurrentTime();
+    record.RecordCurrentTime();
+    const uint64_t start = record.StartTime();
+    EXPECT_GE(start, before);
+    EXPECT_LE(start, GetCurrentTime());
+    record.RecordCurrentTime();
+    EXPECT_EQ(record.StartTime(), start);
+}
+
 TEST_F(RunTimeRecordTest, AnIntervalIsInWholeMicrosecondsAndNeverNegative) {
     struct Row {
         timespec later;
