@@ -30,6 +30,7 @@ BELOW = {
 # Folder, or a single unit of it: the single units that it may include besides.
 EXTRA = {
     "fifo": {"api/tarvo_internal.h"},
+    "pipe": {"worker/TarvoTask.h"},
     "table": {"server/TarvoClientPipe.h"},
     "server/PipeServer": {"api/TableFactory.h", "api/tarvo_internal.h", "table/TarvoTable.h"},
 }

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <utility>
 
 #include "pipe/TarvoPipeImpl.h"
 
@@ -30,7 +31,11 @@ void OutTimedRequest::Wake() { ended.Wake(); }
 
 OutSyncTimedRequest::OutSyncTimedRequest(const std::shared_ptr<TarvoPipeImpl> &owner, uint32_t requestId,
                                          TarvoResponse &rsp, int timeoutMs)
-    : OutTimedRequest(owner, requestId, timeoutMs), response(&rsp) {
+    : OutSyncTimedRequest(std::weak_ptr<TarvoPipeImpl>(owner), requestId, rsp, timeoutMs) {}
+
+OutSyncTimedRequest::OutSyncTimedRequest(std::weak_ptr<TarvoPipeImpl> &&owner, uint32_t requestId, TarvoResponse &rsp,
+                                         int timeoutMs)
+    : OutTimedRequest(std::move(owner), requestId, timeoutMs), response(&rsp) {
     response->data = nullptr;
     response->size = 0;
 }

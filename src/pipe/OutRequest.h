@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <utility>
 
 #include "api/Semaphore.h"
 #include "tarvo.h"
@@ -44,7 +45,9 @@ protected:
 class OutTimedRequest : public OutRequest {
 public:
     OutTimedRequest(const std::shared_ptr<TarvoPipeImpl> &owner, uint32_t requestId, int timeoutMs)
-        : OutRequest(requestId), pipe(owner), timeout(timeoutMs) {}
+        : OutTimedRequest(std::weak_ptr<TarvoPipeImpl>(owner), requestId, timeoutMs) {}
+    OutTimedRequest(std::weak_ptr<TarvoPipeImpl> &&owner, uint32_t requestId, int timeoutMs)
+        : OutRequest(requestId), pipe(std::move(owner)), timeout(timeoutMs) {}
 
     // 0, or -ETIMEDOUT after `timeout` ms (negative: no limit), then with the request out of the pipe's list.
     int Wait() override;
@@ -68,6 +71,7 @@ class OutSyncTimedRequest : public OutTimedRequest {
 public:
     OutSyncTimedRequest(const std::shared_ptr<TarvoPipeImpl> &owner, uint32_t requestId, TarvoResponse &rsp,
                         int timeoutMs);
+    OutSyncTimedRequest(std::weak_ptr<TarvoPipeImpl> &&owner, uint32_t requestId, TarvoResponse &rsp, int timeoutMs);
 
     void Process(TarvoResponse &in) override;
     bool Deliver(TarvoResponse &in) override;

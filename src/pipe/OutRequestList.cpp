@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 #include "diag/velm_syslog.h"
 
@@ -27,6 +28,10 @@ void OutRequestList::Disable() {
 }
 
 int OutRequestList::PushBack(const std::shared_ptr<OutRequest> &request) {
+    return PushBack(std::shared_ptr<OutRequest>(request));
+}
+
+int OutRequestList::PushBack(std::shared_ptr<OutRequest> &&request) {
     MutexLock lock(mutex);
     if (requests.size() >= CAPACITY) {
         TARVO_LOG(LOG_ERR, "Add OutRequest failed, outReqList size=%zu bytes.", requests.size());
@@ -36,7 +41,7 @@ int OutRequestList::PushBack(const std::shared_ptr<OutRequest> &request) {
         TARVO_LOG_RESTRAINED(LOG_ERR, "Add OutRequest failed, outReqList is not valid.");
         return -EPIPE;
     }
-    requests.push_back(request);
+    requests.push_back(std::move(request));
     return 0;
 }
 

@@ -20,6 +20,8 @@ public:
 
     // 0, -ENOMEM when full, -EPIPE when not enabled.
     int PushBack(const std::shared_ptr<OutRequest> &request) EXCLUDES(mutex);
+    // The same, taking the caller's reference over on success.
+    int PushBack(std::shared_ptr<OutRequest> &&request) EXCLUDES(mutex);
     // The request with this id, taken out of the list; empty when there is none.
     std::shared_ptr<OutRequest> Pop(uint32_t id) EXCLUDES(mutex);
     // The request with this id, left in the list; empty when there is none.

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "tarvo.h"
+#include "worker/TarvoTask.h"
 
 class TarvoPipeImpl;
 
@@ -28,9 +29,10 @@ public:
     // The named worker of a pipe is no longer needed.
     virtual void OnFreeSelfWorker(std::string workerName) = 0;
     virtual ~PipeObserver() = default;
-    // OnRequestIn with a task that the caller gives away, so that a message costs no copy of it.
-    virtual int OnOwnRequestIn(std::string workerName, std::function<void()> &&task, TarvoPriority priority) const {
-        return OnRequestIn(std::move(workerName), task, priority);
+    // OnRequestIn with a task that is in one piece already, so that a message does not take another two from the heap.
+    virtual int OnTaskIn(std::string workerName, std::shared_ptr<const TarvoTask> task, TarvoPriority priority) const {
+        return OnRequestIn(
+            std::move(workerName), [task = std::move(task)] { (*task)(); }, priority);
     }
 };
 

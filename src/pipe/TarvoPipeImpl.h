@@ -138,6 +138,8 @@ protected:
     PipeObserver &observer;
 
 private:
+    class CallbackTask;
+
     // 0, or -ECANCELED once the pipe is retired.
     int BeginOpening() EXCLUDES(writeFdMutex);
     int OpenBothEnds(int timeoutMs);
@@ -149,8 +151,9 @@ private:
     int CloseOnce() REQUIRES(writeFdMutex);
 
     // HandleRequest for a request of the remote, whose delivery time nobody asks for when it is dropped.
-    void HandOver(const std::shared_ptr<InRequest> &req, const ServiceHandler &handler);
-    int SubmitCallback(const std::shared_ptr<InRequest> &req, const ServiceHandler &handler);
+    void HandOver(std::shared_ptr<InRequest> req, const ServiceHandler &handler);
+    int SubmitCallback(std::shared_ptr<InRequest> &&req, const ServiceHandler &handler);
+    int SubmitSerial(std::shared_ptr<InRequest> &&req, const ServiceHandler &handler);
     void RunCallback(const ServiceHandler &handler, InRequest *req);
     void EraseTimeRecord(unsigned int id) EXCLUDES(recordMutex);
     std::string WorkerName() const { return std::to_string(pipeFd); }
@@ -184,6 +187,8 @@ private:
 
     Mutex inRequestMutex;
     std::list<std::shared_ptr<InRequest>> inRequests GUARDED_BY(inRequestMutex);
+    // Its size, for the common case that there is none.
+    std::atomic<uint32_t> cachedRequests{0};
     std::atomic<uint32_t> concurrentCallbacks{0};
     std::atomic<int32_t> callbackHandleRemoteClose{0};
     Mutex recordMutex;

@@ -32,6 +32,22 @@ std::unique_ptr<InMessage> MakeInMessage(const MsgHead &head) {
 
 } // namespace
 
+// A callback that waits for the worker of its pipe. Owns: a reference to the pipe, which thereby outlives its queued
+// callbacks, a copy of the user's callback and the request, null for the notice of a remote close. Threads, Locks,
+// Ends: as TarvoTask.
+class TarvoPipeImpl::CallbackTask : public TarvoTask {
+public:
+    CallbackTask(std::shared_ptr<TarvoPipeImpl> owner, const ServiceHandler &callback, std::shared_ptr<InRequest> req)
+        : TarvoTask(nullptr), pipe(std::move(owner)), handler(callback), request(std::move(req)) {}
+
+    void operator()() const override { pipe->RunCallback(handler, request.get()); }
+
+private:
+    const std::shared_ptr<TarvoPipeImpl> pipe;
+    const ServiceHandler handler;
+    const std::shared_ptr<InRequest> request;
+};
+
 int TarvoPipeImpl::Recv(void *buf, unsigned long len) {
     if (buf == nullptr) {
         TARVO_LOG(LOG_ERR, "Input addrress is nullptr");
@@ -131,11 +147,11 @@ void TarvoPipeImpl::ProcessMessage(InMessage &msg) {
 }
 
 void TarvoPipeImpl::ProcessRequest(InMessage &msg) {
-    const auto req = std::make_shared<InRequest>(msg);
-    const ServiceHandler handler = GetServiceHandler();
-    if (handler) {
-        ProcessCachedRequests(handler);
-        HandOver(req, handler);
+    auto req = std::make_shared<InRequest>(msg);
+    // Not copied here: each task gets its copy.
+    if (serviceHandler) {
+        ProcessCachedRequests(serviceHandler);
+        HandOver(std::move(req), serviceHandler);
         return;
     }
     CacheRequest(req);
@@ -153,19 +169,25 @@ void TarvoPipeImpl::CacheRequest(const std::shared_ptr<InRequest> &req) {
         return;
     }
     inRequests.push_back(req);
+    ++cachedRequests;
 }
 
 void TarvoPipeImpl::ProcessCachedRequests(const ServiceHandler &handler) {
+    if (cachedRequests == 0) {
+        return;
+    }
     MutexLock lock(inRequestMutex);
     for (const std::shared_ptr<InRequest> &req : inRequests) {
         HandOver(req, handler);
     }
     inRequests.clear();
+    cachedRequests = 0;
 }
 
-void TarvoPipeImpl::HandOver(const std::shared_ptr<InRequest> &req, const ServiceHandler &handler) {
-    if (HandleRequest(req, handler) != 0) {
-        EraseTimeRecord(req->id);
+void TarvoPipeImpl::HandOver(std::shared_ptr<InRequest> req, const ServiceHandler &handler) {
+    const uint32_t id = req->id;
+    if (HandleRequest(std::move(req), handler) != 0) {
+        EraseTimeRecord(id);
     }
 }
 
@@ -181,7 +203,7 @@ int TarvoPipeImpl::HandleRequest(std::shared_ptr<InRequest> req, const ServiceHa
     }
     int ret = 0;
     try {
-        ret = SubmitCallback(req, handler);
+        ret = SubmitCallback(std::move(req), handler);
     } catch (const std::bad_alloc &) {
         ret = -ENOMEM;
     }
@@ -192,16 +214,20 @@ int TarvoPipeImpl::HandleRequest(std::shared_ptr<InRequest> req, const ServiceHa
     return ret;
 }
 
-int TarvoPipeImpl::SubmitCallback(const std::shared_ptr<InRequest> &req, const ServiceHandler &handler) {
-    if (isConcur) {
-        // Taken back by the finished callback only: a refused submission keeps its place.
-        concurrentCallbacks.fetch_add(1, std::memory_order_relaxed);
+int TarvoPipeImpl::SubmitCallback(std::shared_ptr<InRequest> &&req, const ServiceHandler &handler) {
+    if (!isConcur) {
+        return SubmitSerial(std::move(req), handler);
     }
-    std::function<void()> task = [self = shared_from_this(), handler, req] { self->RunCallback(handler, req.get()); };
-    if (isConcur) {
-        return observer.OnAsyncRequestIn(task, priority);
-    }
-    const int ret = observer.OnOwnRequestIn(WorkerName(), std::move(task), priority);
+    // Taken back by the finished callback only: a refused submission keeps its place.
+    concurrentCallbacks.fetch_add(1, std::memory_order_relaxed);
+    return observer.OnAsyncRequestIn(
+        [self = shared_from_this(), handler, request = std::move(req)] { self->RunCallback(handler, request.get()); },
+        priority);
+}
+
+int TarvoPipeImpl::SubmitSerial(std::shared_ptr<InRequest> &&req, const ServiceHandler &handler) {
+    const int ret = observer.OnTaskIn(
+        WorkerName(), std::make_shared<const CallbackTask>(shared_from_this(), handler, std::move(req)), priority);
     if (IsClosing()) {
         // A close between the test above and here has given the pipe's worker back already; the submission allocated
         // one anew, which nobody else would ever give back.

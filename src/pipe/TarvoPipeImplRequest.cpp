@@ -1,5 +1,6 @@
 // Outgoing requests: registering a call, waiting for its response, handing the response over.
 #include <cerrno>
+#include <utility>
 
 #include "api/EnvManager.h"
 #include "diag/velm_syslog.h"
@@ -21,9 +22,9 @@ int TarvoPipeImpl::RecordOutRequest(TarvoRequest &req, TarvoResponse &rsp, int t
         timeoutMs = DEBUG_TIMEOUT_MS;
     }
     req.id = AllocateId();
-    const auto request = std::make_shared<OutSyncTimedRequest>(shared_from_this(), req.id, rsp, timeoutMs);
+    auto request = std::make_shared<OutSyncTimedRequest>(weak_from_this(), req.id, rsp, timeoutMs);
     request->Init();
-    return outRequests.PushBack(request);
+    return outRequests.PushBack(std::move(request));
 }
 
 int TarvoPipeImpl::WaitForResponse(const TarvoRequest &req, int timeoutMs) {

@@ -227,8 +227,8 @@ int TarvoTable::OnRequestIn(std::string workerName, const std::function<void()> 
     return tasksRefused ? -EACCES : callbackPool->DropTo(workerName, task, priority);
 }
 
-int TarvoTable::OnOwnRequestIn(std::string workerName, std::function<void()> &&task, TarvoPriority priority) const {
-    return tasksRefused ? -EACCES : callbackPool->DropTo(workerName, std::move(task), priority);
+int TarvoTable::OnTaskIn(std::string workerName, std::shared_ptr<const TarvoTask> task, TarvoPriority priority) const {
+    return tasksRefused ? -EACCES : callbackPool->DropTaskTo(workerName, std::move(task), priority);
 }
 
 int TarvoTable::OnAsyncRequestIn(const std::function<void()> &task, TarvoPriority priority) const {

@@ -30,18 +30,15 @@ int AssignTask(Worker &worker, Arguments &&...arguments) {
     return worker.Assign(task);
 }
 
-template <typename Callback>
-int DropSerial(CallbackPool &callbacks, const std::string &name, Callback &&callback, TarvoPriority priority) {
-    if (!callback) {
-        TARVO_LOG(LOG_ERR, "Input parameter invalid");
-        return -EINVAL;
-    }
+// Hands the worker of `name` to `assign`, with the priority applied.
+template <typename Assign>
+int DropSerial(CallbackPool &callbacks, const std::string &name, TarvoPriority priority, Assign assign) {
     Worker *worker = callbacks.FindWorker(name);
     if (worker == nullptr) {
         return -ENOMEM;
     }
     const int ret = SetPriority(*worker, priority);
-    return ret != 0 ? ret : AssignTask<SyncTask>(*worker, std::forward<Callback>(callback));
+    return ret != 0 ? ret : assign(*worker);
 }
 
 } // namespace
@@ -49,11 +46,15 @@ int DropSerial(CallbackPool &callbacks, const std::string &name, Callback &&call
 CallbackPool::CallbackPool(std::shared_ptr<WorkerPool> workerPool) : pool(std::move(workerPool)) {}
 
 int CallbackPool::DropTo(const std::string &name, const std::function<void()> &callback, TarvoPriority priority) {
-    return DropSerial(*this, name, callback, priority);
+    if (!callback) {
+        TARVO_LOG(LOG_ERR, "Input parameter invalid");
+        return -EINVAL;
+    }
+    return DropSerial(*this, name, priority, [&](Worker &worker) { return AssignTask<SyncTask>(worker, callback); });
 }
 
-int CallbackPool::DropTo(const std::string &name, std::function<void()> &&callback, TarvoPriority priority) {
-    return DropSerial(*this, name, std::move(callback), priority);
+int CallbackPool::DropTaskTo(const std::string &name, std::shared_ptr<const TarvoTask> task, TarvoPriority priority) {
+    return DropSerial(*this, name, priority, [&](Worker &worker) { return worker.Assign(task); });
 }
 
 int CallbackPool::DropAsyncTask(const std::function<void()> &callback, TarvoPriority priority) {

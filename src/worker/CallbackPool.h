@@ -25,8 +25,8 @@ public:
     // priority other than normal and urgent), -EBUSY (1000 tasks wait), -1 (its thread could not be started), -ENOMEM.
     // On failure the callback was not and will not be run. After Destroy a new name waits for ever, as intended.
     int DropTo(const std::string &name, const std::function<void()> &callback, TarvoPriority priority);
-    // The same without a copy of the callback, which may be gone on failure too.
-    int DropTo(const std::string &name, std::function<void()> &&callback, TarvoPriority priority);
+    // The same for a callback that is a task already.
+    int DropTaskTo(const std::string &name, std::shared_ptr<const TarvoTask> task, TarvoPriority priority);
 
     // Runs `callback` on any free worker, waiting while none is free; urgent callbacks have a reserve of their own.
     // Results as DropTo, and -EACCES after Destroy. With a bad priority, or a thread that could not be started, the

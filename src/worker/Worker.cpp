@@ -124,6 +124,11 @@ int Worker::Enqueue(std::shared_ptr<const TarvoTask> &task) {
 }
 
 int Worker::SetRTType(const TarvoPriority &priority) {
+    // What nearly every task asks for is the case already, and needs no lock: Assign looks again whether the thread has
+    // ended.
+    if (!needRestart && !retired && GetRTType() == priority && thread.Reflects(priority)) {
+        return 0;
+    }
     MutexLock lock(taskMutex);
     if (retired) {
         return -1;
@@ -257,22 +262,24 @@ std::shared_ptr<const TarvoTask> Worker::GetNormalTask() {
 void Worker::RunTasks() {
     bool more = true;
     while (more) {
-        std::shared_ptr<const TarvoTask> task;
+        // Only this thread changes curTask, so the task stays while it runs.
+        const TarvoTask *current = nullptr;
         {
             MutexLock lock(taskMutex);
-            task = GetNormalTask();
-            if (task == nullptr) {
+            curTask = GetNormalTask();
+            if (curTask == nullptr) {
                 return;
             }
-            curTask = task;
+            current = curTask.get();
         }
-        const TarvoTask &call = *task;
+        const TarvoTask &call = *current;
         TARVO_LOG(LOG_DEBUG, "Calling %s", typeid(call).name());
         call(); // what it throws ends the process
         TARVO_LOG(LOG_DEBUG, "Finish %s", typeid(call).name());
+        std::shared_ptr<const TarvoTask> finished; // released without the lock
         {
             MutexLock lock(taskMutex);
-            curTask.reset();
+            finished.swap(curTask);
             more = !ExitCheck();
         }
         TARVO_LOG(LOG_INFO, "worker=%s task finish!", name.c_str());

@@ -92,7 +92,8 @@ private:
     std::atomic<bool> needRestart{false};
     // Dropped tasks on their way out; a member so that dropping needs no memory.
     std::deque<std::shared_ptr<const TarvoTask>> detached GUARDED_BY(taskMutex);
-    bool retired GUARDED_BY(taskMutex) = false;
+    // Set under taskMutex.
+    std::atomic<bool> retired{false};
 };
 
 #endif // TARVO_WORKER_WORKER_H

@@ -93,7 +93,7 @@ bool WorkerPool::HasAllocatedWorker() const {
 int WorkerPool::ReadyToDestroyAction() { return Post(destroySem); }
 
 void WorkerPool::StopAction() {
-    std::map<std::string, unsigned> named;
+    NamedWorkers named;
     {
         MutexLock lock(namedMutex);
         named.swap(namedWorkers);
@@ -107,7 +107,7 @@ void WorkerPool::StopAction() {
         }
     }
     for (const auto &entry : named) {
-        state->FreeSlotEvent(*this, entry.second);
+        state->FreeSlotEvent(*this, entry.second.slot);
     }
 }
 
@@ -214,10 +214,10 @@ int WorkerPool::AllocSlot(const std::string &name) {
 }
 
 int WorkerPool::NameSlot(const std::string &name, unsigned slot) {
-    if (WorkerAt(slot) != nullptr) {
+    if (Worker *worker = WorkerAt(slot)) {
         try {
             MutexLock lock(namedMutex);
-            namedWorkers.emplace(name, slot);
+            namedWorkers.emplace(name, NamedSlot{slot, worker});
             return static_cast<int>(slot);
         } catch (const std::bad_alloc &) {
         }
@@ -237,16 +237,9 @@ Worker *WorkerPool::TryGetNamedWorker(const std::string &name) {
 }
 
 Worker *WorkerPool::WorkerOf(const std::string &name) {
-    unsigned slot = 0;
-    {
-        MutexLock lock(namedMutex);
-        const auto entry = namedWorkers.find(name);
-        if (entry == namedWorkers.end()) {
-            return nullptr;
-        }
-        slot = entry->second;
-    }
-    return WorkerAt(slot);
+    MutexLock lock(namedMutex);
+    const auto entry = namedWorkers.find(name);
+    return entry != namedWorkers.end() ? entry->second.worker : nullptr;
 }
 
 int WorkerPool::FreeWorker(std::string name) {
@@ -258,7 +251,7 @@ int WorkerPool::FreeWorker(std::string name) {
             TARVO_LOG(LOG_INFO, "Free unexisting worker for %s", name.c_str());
             return 0;
         }
-        slot = entry->second;
+        slot = entry->second.slot;
         namedWorkers.erase(entry);
     }
     // The slot is still allocated, so these are the tasks of this name and of nobody else.
@@ -290,7 +283,7 @@ int WorkerPool::FreeWorker(const Worker &worker) {
 
 void WorkerPool::FreeWorker(unsigned slot) {
     for (auto entry = namedWorkers.begin(); entry != namedWorkers.end(); ++entry) {
-        if (entry->second == slot) {
+        if (entry->second.slot == slot) {
             namedWorkers.erase(entry);
             return;
         }

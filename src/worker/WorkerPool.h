@@ -68,7 +68,7 @@ public:
     // AllocWorker that yields the worker, or null.
     Worker *TryGetNamedWorker(const std::string &name);
     // The worker allocated under `name`, or null.
-    Worker *WorkerOf(const std::string &name) EXCLUDES(namedMutex, workersMutex);
+    Worker *WorkerOf(const std::string &name) EXCLUDES(namedMutex);
 
     // Drops the queued tasks of the worker of `name` and gives it back. A task that runs is not waited for, so a task
     // may free its own worker: whatever the slot is used for next queues behind it on the same thread. Always 0.
@@ -91,6 +91,12 @@ public:
 
 private:
     using Workers = std::vector<std::unique_ptr<Worker>>;
+    // A slot with its worker, so that looking up a name takes one lock.
+    struct NamedSlot {
+        unsigned slot;
+        Worker *worker;
+    };
+    using NamedWorkers = std::map<std::string, NamedSlot>;
 
     Worker *WorkerAt(unsigned slot) EXCLUDES(workersMutex);
     // The slot now allocated under `name`, or a negated errno.
@@ -104,7 +110,7 @@ private:
 
     const unsigned maxWorkers;
     const unsigned normalWorkers;
-    std::map<std::string, unsigned> namedWorkers GUARDED_BY(namedMutex);
+    NamedWorkers namedWorkers GUARDED_BY(namedMutex);
     Workers workers GUARDED_BY(workersMutex);
     Mutex namedMutex;
     Mutex workersMutex;

@@ -1,6 +1,7 @@
 #ifndef TARVO_WORKER_TARVO_THREAD_H
 #define TARVO_WORKER_TARVO_THREAD_H
 
+#include <atomic>
 #include <thread>
 #include <utility>
 
@@ -34,11 +35,14 @@ public:
     // other than normal and urgent.
     int SetRTType(const TarvoPriority &priority);
 
+    // Whether SetRTType would have nothing to do. Any thread.
+    bool Reflects(TarvoPriority priority) const { return curPriority.load(std::memory_order_relaxed) == priority; }
+
 private:
     void StartAtNormal();
 
     // What the scheduling of the thread reflects now.
-    TarvoPriority curPriority;
+    std::atomic<TarvoPriority> curPriority;
     std::thread thread;
 };
 
