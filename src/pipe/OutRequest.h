@@ -21,15 +21,15 @@ public:
 
     // Takes the response and ends the wait; the caller holds the pipe's out-request mutex.
     virtual void Process(TarvoResponse &in) = 0;
-    // Process() in two steps, of which the second needs no lock: the woken caller may want the very mutex. True: the
-    // caller waits, and Wake() has to follow.
-    virtual bool Deliver(TarvoResponse &in) = 0;
-    virtual void Wake() = 0;
     // Waits for Cancel(): 0 or a negated errno.
     virtual int Wait() = 0;
     virtual void Init() = 0;
     // Ends the wait, whether it has begun or not.
     virtual void Cancel() = 0;
+    // Process() in two steps, of which the second needs no lock: the woken caller may want the very mutex. True: the
+    // caller waits, and Wake() has to follow.
+    virtual bool Deliver(TarvoResponse &in) = 0;
+    virtual void Wake() = 0;
     // Frees a response that nobody will look at. The request must be out of the pipe's list.
     virtual void Discard() = 0;
 

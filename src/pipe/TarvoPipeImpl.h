@@ -63,8 +63,8 @@ public:
     int RetryOpenWriteFifo(unsigned int interval);
     // Waits for the file to exist: 0, -ETIMEDOUT, or -ECANCELED when the pipe is closed meanwhile.
     int AppWaitForPipeReady(const std::string &name, int timeoutMs) const;
-    // Task after an open in server mode: opens the write end once the remote reads.
-    static void HandleServerOpen(const std::shared_ptr<TarvoPipeImpl> &pipe);
+    // Task after an open in server mode: opens the write end once the remote reads. The result of RetryOpenWriteFifo.
+    static int HandleServerOpen(const std::shared_ptr<TarvoPipeImpl> &pipe);
 
     // ---- Sending ----
     // 0 or a negated errno; never waits. Any number of threads at once.

@@ -339,10 +339,10 @@ int TarvoPipeImpl::RetryOpenWriteFifo(unsigned int interval) {
     return ret == -ENXIO ? -ETIMEDOUT : ret;
 }
 
-void TarvoPipeImpl::HandleServerOpen(const std::shared_ptr<TarvoPipeImpl> &pipe) {
+int TarvoPipeImpl::HandleServerOpen(const std::shared_ptr<TarvoPipeImpl> &pipe) {
     const int ret = pipe->RetryOpenWriteFifo(SERVER_RETRY_INTERVAL_US);
     if (ret >= 0) {
-        return;
+        return ret;
     }
     // -1: closed meanwhile, which nobody needs to be told.
     if (ret != -1) {
@@ -350,4 +350,5 @@ void TarvoPipeImpl::HandleServerOpen(const std::shared_ptr<TarvoPipeImpl> &pipe)
                              pipe->remoteName.c_str(), ret);
     }
     pipe->HandleRemoteClosed();
+    return ret;
 }

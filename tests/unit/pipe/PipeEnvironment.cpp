@@ -1,11 +1,14 @@
 #include "PipeEnvironment.h"
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <numeric>
 
+#include "api/EnvManager.h"
+#include "fifo/velm_fifo.h"
 #include "support/Interpose.h"
 #include "support/TimedWaits.h"
 
@@ -17,6 +20,19 @@ constexpr std::chrono::seconds LONGER_THAN_ANY_TEST_SLEEPS(10000);
 constexpr int NO_DOMAIN = -1;
 
 std::atomic<int> domainOfProcess{NO_DOMAIN};
+std::atomic<bool> noFifoDirectory{false};
+
+// Never destroyed: the library may create files while statics end.
+struct CreationRecord {
+    std::mutex mutex;
+    bool wanted = false;
+    std::vector<FifoCreations::Creation> all;
+};
+
+CreationRecord &Creations() {
+    static auto *const record = new CreationRecord;
+    return *record;
+}
 
 } // namespace
 
@@ -47,6 +63,26 @@ ScopedDomain::ScopedDomain(TarvoDomain current) { domainOfProcess = current; }
 
 ScopedDomain::~ScopedDomain() { domainOfProcess = NO_DOMAIN; }
 
+FifoCreations::FifoCreations() {
+    const std::lock_guard<std::mutex> lock(Creations().mutex);
+    Creations().wanted = true;
+    Creations().all.clear();
+}
+
+FifoCreations::~FifoCreations() {
+    const std::lock_guard<std::mutex> lock(Creations().mutex);
+    Creations().wanted = false;
+}
+
+std::vector<FifoCreations::Creation> FifoCreations::All() const {
+    const std::lock_guard<std::mutex> lock(Creations().mutex);
+    return Creations().all;
+}
+
+NoFifoDirectory::NoFifoDirectory() { noFifoDirectory = true; }
+
+NoFifoDirectory::~NoFifoDirectory() { noFifoDirectory = false; }
+
 DescriptorLimit::DescriptorLimit(int spare) {
     const int lowest = dup(STDIN_FILENO);
     EXPECT_GE(lowest, 0);
@@ -61,6 +97,25 @@ DescriptorLimit::~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &before); }
 } // namespace tarvo_test
 
 // These stand in front of the library's.
+int CreateFifo(const std::string &name, uint32_t gid, int32_t targetPid, TarvoDomain domain,
+               const std::string &targetCon) {
+    static const auto next = reinterpret_cast<decltype(&CreateFifo)>(
+        dlsym(RTLD_NEXT, "_Z10CreateFifoRKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEEji11TarvoDomainS6_"));
+    {
+        const std::lock_guard<std::mutex> lock(tarvo_test::Creations().mutex);
+        if (tarvo_test::Creations().wanted) {
+            tarvo_test::Creations().all.push_back({name, gid, targetPid, domain, targetCon});
+        }
+    }
+    return next(name, gid, targetPid, domain, targetCon);
+}
+
+std::string EnvManager::FifoPrefix() {
+    static const auto next =
+        reinterpret_cast<std::string (*)()>(dlsym(RTLD_NEXT, "_ZN10EnvManager10FifoPrefixB5cxx11Ev"));
+    return tarvo_test::noFifoDirectory ? std::string() : next();
+}
+
 TarvoDomain GetCurrDomain(void) {
     const int current = tarvo_test::domainOfProcess;
     return current == tarvo_test::NO_DOMAIN ? TARVO_NEXT(GetCurrDomain)() : static_cast<TarvoDomain>(current);

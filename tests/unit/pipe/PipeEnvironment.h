@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdint>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "support/FakeClock.h"
@@ -46,6 +47,34 @@ public:
     ~ScopedDomain();
     ScopedDomain(const ScopedDomain &) = delete;
     ScopedDomain &operator=(const ScopedDomain &) = delete;
+};
+
+// The arguments of each CreateFifo that the library calls while it lives.
+class FifoCreations {
+public:
+    struct Creation {
+        std::string name;
+        uint32_t gid;
+        int32_t targetPid;
+        TarvoDomain domain;
+        std::string targetCon;
+    };
+
+    FifoCreations();
+    ~FifoCreations();
+    FifoCreations(const FifoCreations &) = delete;
+    FifoCreations &operator=(const FifoCreations &) = delete;
+
+    std::vector<Creation> All() const;
+};
+
+// While it lives, the library knows of no directory for the FIFOs.
+class NoFifoDirectory {
+public:
+    NoFifoDirectory();
+    ~NoFifoDirectory();
+    NoFifoDirectory(const NoFifoDirectory &) = delete;
+    NoFifoDirectory &operator=(const NoFifoDirectory &) = delete;
 };
 
 // While it lives, this process can open `spare` more descriptors (in places that are free in order) and then no more.

@@ -82,6 +82,29 @@ TEST_F(PipeOpenServerTest, GroupOfTheAttributeIsSet) {
     EXPECT_GE(group.Count(), 2U);
 }
 
+TEST_F(PipeOpenServerTest, FilesAreCreatedAsTheAttributeSays) {
+    TarvoAttr attr = Server(0);
+    attr.gid = 4321;
+    attr.targetPid = 815;
+    attr.domain = TARVO_DOMAIN_DP;
+    for (const char *context : {"u:r:t:s", static_cast<const char *>(nullptr)}) {
+        attr.targetCon = context;
+        const FifoCreations creations;
+        const Pipe pipe = MakePipe(attr);
+        EXPECT_EQ(pipe->TimedOpen(100), 0);
+        const std::vector<FifoCreations::Creation> all = creations.All();
+        ASSERT_EQ(all.size(), 2U);
+        EXPECT_EQ(all[0].name, writeFile);
+        EXPECT_EQ(all[1].name, readFile);
+        for (const FifoCreations::Creation &creation : all) {
+            EXPECT_EQ(creation.gid, 4321U);
+            EXPECT_EQ(creation.targetPid, 815);
+            EXPECT_EQ(creation.domain, TARVO_DOMAIN_DP);
+            EXPECT_EQ(creation.targetCon, context != nullptr ? context : "");
+        }
+    }
+}
+
 TEST_F(PipeOpenServerTest, BackgroundTaskOpensTheWriteEndOnceTheRemoteReads) {
     const Pipe pipe = MakePipe(Server());
     EXPECT_EQ(pipe->TimedOpen(100), 0);
@@ -185,6 +208,20 @@ TEST_F(PipeOpenServerTest, PipeClosedBeforeTheBackgroundTaskIsNotReopened) {
     EXPECT_EQ(observer.Count(Report::RemoteClosed), 1U);
 }
 
+TEST_F(PipeOpenServerTest, BackgroundTaskYieldsTheWriteEndOrWhyThereIsNone) {
+    const RecordedSleeps sleeps;
+    const Pipe unread = MakePipe(Server(100));
+    EXPECT_EQ(unread->TimedOpen(0), 0);
+    EXPECT_EQ(TarvoPipeImpl::HandleServerOpen(unread), -ETIMEDOUT);
+    EXPECT_EQ(TarvoPipeImpl::HandleServerOpen(unread), -1) << "closed meanwhile";
+    const Pipe pipe = MakePipe(Server(100));
+    EXPECT_EQ(pipe->TimedOpen(0), 0);
+    peer.OpenRead();
+    const int fd = TarvoPipeImpl::HandleServerOpen(pipe);
+    ASSERT_TRUE(HasWriteEnd());
+    EXPECT_EQ(OpenDescriptors().at(fd), writeFile);
+}
+
 TEST_F(PipeOpenServerTest, FilesOfAnEarlierRunAreReplaced) {
     ASSERT_EQ(mkfifo(writeFile.c_str(), 0600), 0);
     const ino_t old = Inode(writeFile);
@@ -263,6 +300,11 @@ TEST_F(PipeOpenServerTest, CallsAreAcceptedFromTheOpenOn) {
     const Pipe pipe = MakePipe(Server());
     TarvoRequest request{};
     TarvoResponse response{};
+    // Before the pipe is known to others, whose calls would be refused.
+    observer.Do(Report::PipeOpened, [&](const ObserverCall &) {
+        EXPECT_EQ(pipe->RecordOutRequest(request, response, 100), 0);
+        pipe->RemoveRequest(request);
+    });
     EXPECT_EQ(pipe->RecordOutRequest(request, response, 100), -EPIPE);
     EXPECT_EQ(pipe->TimedOpen(100), 0);
     EXPECT_EQ(pipe->RecordOutRequest(request, response, 100), 0);
