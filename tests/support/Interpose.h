@@ -30,6 +30,7 @@ enum class Call {
     EpollCreate,
     EpollCtl,
     EpollWait,
+    Poll,
     Eventfd,
     Prctl,
     PthreadCreate,
@@ -59,8 +60,8 @@ struct CallInfo {
     int fd = -1;                 // descriptor; epoll_ctl: the descriptor that is added or removed
     int epollFd = -1;            // epoll_ctl, epoll_wait
     int number = 0;              // flags, mode, operation, policy, priority, clock, option, time-out, uid, state, pid
-    std::size_t size = 0;        // bytes; epoll_wait: number of events; chown: gid; open: mode; eventfd: flags
-    void *data = nullptr;        // buffer, events, scheduling parameters, semaphore, condition variable
+    std::size_t size = 0;        // bytes; epoll_wait, poll: number of entries; chown: gid; open: mode; eventfd: flags
+    void *data = nullptr;        // buffer, events, poll's entries, scheduling parameters, semaphore, condition variable
 };
 
 // What a call returns instead of being made: `value` as its result, and `error` in errno when not 0.

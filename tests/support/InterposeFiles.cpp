@@ -1,5 +1,6 @@
 // Files, descriptors and epoll.
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/file.h>
@@ -166,6 +167,13 @@ int epoll_wait(int epollFd, struct epoll_event *events, int count, int timeout) 
     info.data = events;
     info.size = static_cast<size_t>(count);
     return Forward<int>(info, [&] { return TARVO_NEXT(epoll_wait)(epollFd, events, count, timeout); });
+}
+
+int poll(struct pollfd *entries, nfds_t count, int timeout) {
+    CallInfo info = FdCall(Call::Poll, -1, timeout);
+    info.data = entries;
+    info.size = count;
+    return Forward<int>(info, [&] { return TARVO_NEXT(poll)(entries, count, timeout); });
 }
 
 int eventfd(unsigned int initial, int flags) noexcept {

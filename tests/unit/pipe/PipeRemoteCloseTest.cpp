@@ -225,6 +225,35 @@ TEST_F(PipeRemoteCloseTest, CloseDuringTheSubmissionGivesTheWorkerBackAgain) {
     EXPECT_EQ(observer.Calls(Report::FreeSelfWorker)[0].worker, "4711");
 }
 
+TEST_F(PipeRemoteCloseTest, OnlyAnOpenReadEndWithNothingToReportIsSilent) {
+    peer.CreateFiles();
+    const Pipe pipe = MakePipe(Attr(TARVO_MODE_CLIENT));
+    EXPECT_FALSE(pipe->HasSilentReadEnd());
+    ASSERT_EQ(pipe->TimedOpen(100), 0);
+    EXPECT_TRUE(pipe->HasSilentReadEnd()) << "it has never had a writer";
+    peer.OpenWrite();
+    EXPECT_TRUE(pipe->HasSilentReadEnd());
+    peer.Send(RawRequest(1, "x"));
+    EXPECT_FALSE(pipe->HasSilentReadEnd());
+    HandleNextEvent(pipe);
+    EXPECT_TRUE(pipe->HasSilentReadEnd());
+    peer.CloseWrite();
+    EXPECT_FALSE(pipe->HasSilentReadEnd());
+    pipe->DeInitPipe();
+    EXPECT_FALSE(pipe->HasSilentReadEnd());
+}
+
+TEST_F(PipeRemoteCloseTest, InterruptedLookAtTheReadEndIsRepeated) {
+    peer.CreateFiles();
+    const Pipe pipe = MakePipe(Attr(TARVO_MODE_CLIENT));
+    ASSERT_EQ(pipe->TimedOpen(100), 0);
+    const CallCounter looks(Call::Poll, Where().ThisThread());
+    const ScopedFault interrupted(Call::Poll, EINTR, Where().ThisThread().Times(2));
+    EXPECT_TRUE(pipe->HasSilentReadEnd());
+    EXPECT_EQ(interrupted.Hits(), 2U);
+    EXPECT_EQ(looks.Count(), 3U);
+}
+
 TEST_F(PipeRemoteCloseTest, ReopenedPipeWorksWithTheRemotesNextRun) {
     const Pipe pipe = OpenPipe(Attr(TARVO_MODE_SERVER));
     CloseRemote();

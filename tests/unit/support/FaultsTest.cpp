@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <semaphore.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -217,6 +218,7 @@ TEST(Faults, EveryFunctionFailsInItsOwnWay) {
     EXPECT_TRUE(fails(Call::EpollCreate, [] { return epoll_create(1); }));
     EXPECT_TRUE(fails(Call::EpollCtl, [&] { return epoll_ctl(-1, EPOLL_CTL_ADD, 0, &event); }));
     EXPECT_TRUE(fails(Call::EpollWait, [&] { return epoll_wait(-1, &event, 1, 0); }));
+    EXPECT_TRUE(fails(Call::Poll, [] { return poll(nullptr, 0, 0); }));
     EXPECT_TRUE(fails(Call::Eventfd, [] { return eventfd(0, 0); }));
     EXPECT_TRUE(fails(Call::Prctl, [] { return prctl(PR_GET_DUMPABLE, 0UL, 0UL, 0UL, 0UL); }));
     EXPECT_TRUE(fails(Call::SemWait, [&] { return sem_wait(&semaphore); }));
