@@ -101,6 +101,36 @@ TEST_F(PipeNamesTest, PathOf255CharactersIsRefused) {
     EXPECT_EQ(observer.Calls()[0].fd, HANDLE);
 }
 
+TEST_F(PipeNamesTest, PathsThatCouldNotBeFormedAreFormedAgainByTheOpen) {
+    const std::string longName = NameForPath(self, 254);
+    TarvoAttr attr = Attr(TARVO_MODE_SERVER);
+    attr.targetName = longName.c_str();
+    Pipe pipe;
+    {
+        // Below the directory of the second domain they are too long.
+        const ScopedDomain domain(TARVO_DOMAIN_ORLA);
+        pipe = MakePipe(attr);
+    }
+    EXPECT_EQ(log.CountExactly(LOG_ERR, "F"), 2U);
+    ASSERT_EQ(pipe->TimedOpen(0), 0);
+    EXPECT_EQ(OpenDescriptors().at(ReadFd()), FifoPath(longName, self));
+    RawPeer longPeer(longName, self);
+    longPeer.OpenBoth();
+    char data[] = "far";
+    EXPECT_EQ(pipe->Send(TarvoRequest{1, data, 3}, 0), 0);
+    EXPECT_EQ(longPeer.Receive().payload, "far");
+}
+
+TEST_F(PipeNamesTest, WithoutADirectoryThereAreNoPaths) {
+    const NoFifoDirectory none;
+    const Pipe pipe = MakePipe(Attr(TARVO_MODE_SERVER));
+    EXPECT_EQ(Troubles(), (std::vector<std::string>{"FIFO_PREFIX is NULL", "FIFO_PREFIX is NULL"}));
+    EXPECT_EQ(log.Count(LOG_ERR, "FIFO_PREFIX is NULL"), 2U);
+    EXPECT_EQ(pipe->AssembleFifoName("a", "b", TARVO_DOMAIN_LOCAL), "");
+    EXPECT_EQ(pipe->TimedOpen(0), -EINVAL);
+    EXPECT_TRUE(log.ContainsExactly(LOG_ERR, "set go name fail"));
+}
+
 TEST_F(PipeNamesTest, EmptyOwnNameFailsTheOpen) {
     TarvoAttr attr = Attr(TARVO_MODE_SERVER);
     attr.selfName = "";

@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <future>
@@ -296,6 +297,22 @@ TEST_F(PipeOpenClientTest, ReadEndThatCannotBeOpenedIsTold) {
                                                  readFile + ") failed, err = -13, remote is " + remote));
     EXPECT_TRUE(log.ContainsExactly(LOG_ERR, "Open pipe readFd failed, ret = -13, pipeName = " + readFile + "."));
     EXPECT_EQ(observer.Count(Report::OpenFailed), 1U);
+    EXPECT_EQ(pipe->TimedOpen(100), 0);
+}
+
+TEST_F(PipeOpenClientTest, WriteEndOfDescriptorZeroCountsAsNotOpen) {
+    peer.CreateFiles();
+    const Pipe pipe = MakeClientPipe();
+    const int input = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    ASSERT_GE(input, 0);
+    close(STDIN_FILENO);
+    EXPECT_EQ(pipe->OpenWriteFifo(), STDIN_FILENO);
+    const int second = pipe->OpenWriteFifo();
+    EXPECT_GT(second, STDIN_FILENO);
+    EXPECT_EQ(pipe->OpenWriteFifo(), second);
+    EXPECT_EQ(OpenDescriptors().at(second), writeFile);
+    dup2(input, STDIN_FILENO);
+    close(input);
     EXPECT_EQ(pipe->TimedOpen(100), 0);
 }
 

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -386,7 +387,12 @@ protected:
         TarvoAttr attr = Attr(TARVO_MODE_CLIENT);
         attr.selfName = own.c_str();
         attr.targetName = far.c_str();
-        attr.callback = [this](int, TarvoRequest *) { received.push_back({}); };
+        attr.callback = [this](int, TarvoRequest *) {
+            received.push_back({});
+            if (duringCallback) {
+                duringCallback();
+            }
+        };
         beatPeer = std::make_unique<RawPeer>(far, own);
         beatPeer->CreateFiles();
         const Pipe pipe = MakePipe(attr);
@@ -416,6 +422,7 @@ protected:
     const std::string own = UniqueName("_heartbeat");
     const std::string far = UniqueName("r");
     std::unique_ptr<RawPeer> beatPeer;
+    std::function<void()> duringCallback;
 };
 
 TEST_F(PipeHeartbeatTest, MessageLaterThanTwoSecondsIsReported) {
@@ -452,6 +459,25 @@ TEST_F(PipeHeartbeatTest, MessageFromAnotherDomainIsNotReportedAsSlow) {
     EXPECT_FALSE(log.Contains(LOG_WARNING, "Send too slow"));
 }
 
+TEST_F(PipeHeartbeatTest, MessagesOfEveryTypeAreReportedAsSlow) {
+    const Pipe pipe = OpenHeartbeatPipe(LATE + 1);
+    for (const uint32_t type : {0U, 1U, 7U}) {
+        Deliver(pipe, 1, type);
+        EXPECT_EQ(log.Count(LOG_WARNING, "Send too slow, msgType=" + std::to_string(type) + ","), 1U);
+        fresh.clock.AdvanceWall(std::chrono::hours(1));
+    }
+    observer.DropTasks();
+}
+
+TEST_F(PipeHeartbeatTest, CallbackThatTakesLongHasNotStartedLate) {
+    const Pipe pipe = OpenHeartbeatPipe(10);
+    duringCallback = [this] { SetNow(LATE + 1); };
+    Deliver(pipe, 1);
+    observer.RunTasks();
+    EXPECT_EQ(received.size(), 1U);
+    EXPECT_EQ(Troubles(), std::vector<std::string>());
+}
+
 TEST_F(PipeHeartbeatTest, CallbackThatStartsLateIsReportedOnce) {
     const Pipe pipe = OpenHeartbeatPipe(10);
     Deliver(pipe, 1);
@@ -477,6 +503,16 @@ TEST_F(PipeHeartbeatTest, SecondMessageOfAnIdKeepsTheFirstRecord) {
     Deliver(pipe, 8);
     EXPECT_EQ(log.CountExactly(LOG_ERR, "Rpc id already exist, id=8, timeout=250"), 1U);
     observer.DropTasks();
+}
+
+TEST_F(PipeHeartbeatTest, RecordThatIsKeptIsTheFirst) {
+    const Pipe pipe = OpenHeartbeatPipe(10);
+    Deliver(pipe, 8);
+    Deliver(pipe, 8, 0, WRITTEN + 5);
+    SetNow(LATE + 10);
+    observer.RunTasks();
+    EXPECT_EQ(log.Count(LOG_WARNING, " start late, writeT=3000000,"), 1U) << testing::PrintToString(log.Messages());
+    EXPECT_EQ(log.Count(LOG_WARNING, " start late"), 1U);
 }
 
 TEST_F(PipeHeartbeatTest, ResponsesLeaveNoRecordBehind) {

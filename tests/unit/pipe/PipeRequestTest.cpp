@@ -241,6 +241,7 @@ TEST_F(PipeRequestTest, RunMode1WaitsFiveHours) {
     EXPECT_EQ(clock.Waiting(), 1U);
     clock.Advance(milliseconds(1));
     EXPECT_EQ(result.get(), -ETIMEDOUT);
+    EXPECT_TRUE(log.ContainsExactly(LOG_ERR, TimeoutLine(100))) << "with the time-out that the caller gave";
 }
 
 TEST_F(PipeRequestTest, OtherRunModesKeepTheTimeout) {
