@@ -1,5 +1,7 @@
 // The receive monitor: its set-up, its end, and what it watches.
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/prctl.h>
 #include <unistd.h>
@@ -7,8 +9,10 @@
 #include <cerrno>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "MonitorFixture.h"
+#include "support/AllocFaults.h"
 #include "support/Eventually.h"
 
 namespace tarvo_test {
@@ -46,6 +50,52 @@ TEST_F(DataMonitorTest, ThreadThatCannotBeNamedRunsAllTheSame) {
     EXPECT_TRUE(log.ContainsExactly(LOG_NOTICE, "DataMonitorImpl RecvRoutine end"));
 }
 
+TEST_F(DataMonitorTest, DescriptorsAreClosedOnce) {
+    ASSERT_EQ(Init(), 0);
+    monitor.Destroy();
+    const CallCounter closes(Call::Close);
+    EXPECT_TRUE(monitor.ClearEventFd()) << "as without an eventfd";
+    monitor.Destroy();
+    EXPECT_EQ(closes.Count(), 0U);
+}
+
+TEST_F(DataMonitorTest, FailedJoinIsReportedAndTheRestEnded) {
+    ASSERT_EQ(Init(), 0);
+    {
+        const ScopedHook failed(
+            Call::PthreadJoin,
+            [this](const CallInfo &) {
+                // The descriptors go next: the thread must not wait on them any more.
+                EXPECT_TRUE(log.WaitFor(LOG_NOTICE, "DataMonitorImpl RecvRoutine end").has_value());
+                return std::optional<Outcome>(Outcome{EDEADLK, 0});
+            },
+            Where());
+        const CallCounter closes(Call::Close);
+        monitor.Destroy();
+        EXPECT_EQ(failed.Hits(), 1U);
+        EXPECT_EQ(closes.Count(), 2U);
+    }
+    EXPECT_TRUE(log.Contains(LOG_ERR, "Join recv routine failed, system error: Resource deadlock avoided."));
+    monitor.Destroy();
+}
+
+TEST_F(DataMonitorTest, ThreadCanBeCancelledInItsWaitOnly) {
+    std::vector<int> states;
+    std::size_t changesBeforeTheWait = 0;
+    const ScopedHook changes(Call::PthreadSetcancelstate,
+                             [&states](const CallInfo &info) { states.push_back(info.number); });
+    const ScopedHook wait(Call::EpollWait, [&](const CallInfo &info) {
+        changesBeforeTheWait = states.size();
+        EXPECT_EQ(info.size, 1024U);
+        EXPECT_EQ(info.number, -1) << "without a time limit";
+    });
+    ASSERT_EQ(Init(), 0);
+    monitor.Destroy();
+    EXPECT_EQ(states, (std::vector<int>{PTHREAD_CANCEL_DISABLE, PTHREAD_CANCEL_ENABLE, PTHREAD_CANCEL_DISABLE}));
+    EXPECT_EQ(changesBeforeTheWait, 2U);
+    EXPECT_EQ(wait.Hits(), 1U);
+}
+
 TEST_F(DataMonitorTest, TypesAboveTwoReadOtherDomains) {
     for (DataMonitorType type = 0; type <= 5; ++type) {
         DataMonitorImpl each("tarvo_monitor");
@@ -81,6 +131,17 @@ TEST_F(DataMonitorTest, ThreadThatCannotBeStartedIsReported) {
     const ScopedFault fault(Call::PthreadCreate, EAGAIN);
     EXPECT_EQ(Init(), -ENOSPC);
     EXPECT_TRUE(log.Contains(LOG_ERR, "start RecThread failed, system error: Resource temporarily unavailable."));
+}
+
+TEST_F(DataMonitorTest, MonitorWithoutMemoryForItsEventsIsReported) {
+    {
+        const AllocFault fault(1, 1024 * sizeof(epoll_event));
+        EXPECT_EQ(Init(), -ENOSPC);
+        EXPECT_TRUE(fault.Hit());
+    }
+    EXPECT_TRUE(log.ContainsExactly(LOG_ERR, "start RecThread failed."));
+    EXPECT_EQ(Init(), 0);
+    monitor.Destroy();
 }
 
 TEST_F(DataMonitorTest, PriorityWithoutASchedulingClassIsRefused) {

@@ -21,8 +21,8 @@ class MonitorTest : public LeakCheckedTest {
 protected:
     // A pipe in client mode on FIFOs of its own, its remote played by hand, read by the monitor.
     struct Line {
-        Line(MonitorTest &test, int index, bool withCallback = true)
-            : self(UniqueName("s")), remote(UniqueName("r")), peer(remote, self), handle(index) {
+        Line(MonitorTest &test, int index, bool withCallback = true, const std::string &name = "s")
+            : self(UniqueName(name)), remote(UniqueName("r")), peer(remote, self), handle(index) {
             TarvoAttr attr;
             attr.targetName = remote.c_str();
             attr.selfName = self.c_str();

@@ -8,11 +8,13 @@
 #include <cerrno>
 #include <ctime>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "MonitorFixture.h"
+#include "diag/run_time_record.h"
 #include "support/Eventually.h"
 
 namespace tarvo_test {
@@ -46,6 +48,55 @@ TEST_F(MonitorThreadTest, MessageTakesOneWaitAndTwoReads) {
     EXPECT_EQ(waits.Count(), MESSAGES + 1);
     EXPECT_EQ(observer.Count(Report::RequestIn), MESSAGES);
     EXPECT_EQ(monitor.Remove(2), 0);
+    monitor.Destroy();
+}
+
+TEST_F(MonitorThreadTest, MessagesWrittenTogetherAreHandledOneAfterTheOther) {
+    ASSERT_EQ(Init(), 0);
+    Line line(*this, 2);
+    ASSERT_EQ(monitor.Add(2, line.readFd, line.pipe), 0);
+    line.peer.Send(RawRequest(1, "x") + RawRequest(2, "y") + RawRequest(3, "z"));
+    EXPECT_TRUE(observer.WaitFor(Report::RequestIn, 3));
+    EXPECT_EQ(monitor.Remove(2), 0);
+    monitor.Destroy();
+}
+
+// "name=value" in a line.
+int64_t ValueIn(const std::string &text, const std::string &name) {
+    const std::size_t at = text.find(" " + name + "=");
+    return at == std::string::npos ? INT64_MIN : std::stoll(text.substr(at + name.size() + 2));
+}
+
+TEST_F(MonitorThreadTest, TimesOfABatchReachThePipe) {
+    const CallCounter waits(Call::EpollWait);
+    ASSERT_EQ(Init(), 0);
+    Line first(*this, 2);
+    Line late(*this, 3, true, "_heartbeat");
+    ASSERT_EQ(monitor.Add(2, first.readFd, first.pipe), 0);
+    ASSERT_EQ(monitor.Add(3, late.readFd, late.pipe), 0);
+    ASSERT_TRUE(waits.WaitFor(1));
+    // The start of the waiting is that of the thread, and not of this wait.
+    fresh.clock.AdvanceMonotonic(std::chrono::seconds(100));
+    std::atomic<bool> go{false};
+    const ScopedHook hold(
+        Call::EpollWait, [&go](const CallInfo &) { Eventually([&go] { return go.load(); }); }, Where());
+    first.peer.Send(RawRequest(1, "x"));
+    ASSERT_TRUE(waits.WaitFor(2));
+    RawFrame frame = MakeRawFrame(3, 0, "beat");
+    frame.writeStartTime = static_cast<int64_t>(Tarvo::GetCurrentTime()) - 3000000;
+    first.peer.Send(RawRequest(2, "x"));
+    late.peer.Send(EncodeRawFrame(frame));
+    go = true;
+    const std::optional<LogLine> line = log.WaitFor(LOG_WARNING, "Send too slow");
+    ASSERT_TRUE(line.has_value());
+    EXPECT_NE(line->message.find(" Ev:2of2,"), std::string::npos) << line->message;
+    EXPECT_GE(ValueIn(line->message, "T"), 3000000);
+    EXPECT_GE(ValueIn(line->message, "T0"), 3000000);
+    EXPECT_GE(ValueIn(line->message, "T1"), 0);
+    EXPECT_EQ(ValueIn(line->message, "T0") + ValueIn(line->message, "T1"), ValueIn(line->message, "T"));
+    EXPECT_LT(ValueIn(line->message, "Tp"), -90000000) << line->message;
+    EXPECT_EQ(monitor.Remove(2), 0);
+    EXPECT_EQ(monitor.Remove(3), 0);
     monitor.Destroy();
 }
 
