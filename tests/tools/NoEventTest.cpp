@@ -102,7 +102,8 @@ TEST_F(NoEventTest, BusyServerSeesItsClientsOnly) {
     Look({});
     EXPECT_FALSE(opens.Any());
     client.AwaitOut("time_us", 100);
-    EXPECT_THAT(log.Messages(), IsEmpty());
+    // Notices of slow steps may come on a busy machine, and tell nothing of the tool.
+    EXPECT_EQ(log.Count(LOG_ERR, "") + log.Count(LOG_WARNING, ""), 0U) << testing::PrintToString(log.Messages());
     client.Signal(SIGINT);
     const nlohmann::json summary = client.Wait().Json().back()["summary"];
     EXPECT_EQ(summary["lost"], 0);
