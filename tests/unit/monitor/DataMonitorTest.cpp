@@ -70,7 +70,7 @@ TEST_F(DataMonitorTest, FailedJoinIsReportedAndTheRestEnded) {
                 return std::optional<Outcome>(Outcome{EDEADLK, 0});
             },
             Where());
-        const CallCounter closes(Call::Close);
+        const CallCounter closes(Call::Close, Where().ThisThread());
         monitor.Destroy();
         EXPECT_EQ(failed.Hits(), 1U);
         EXPECT_EQ(closes.Count(), 2U);
