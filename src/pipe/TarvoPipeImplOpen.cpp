@@ -1,6 +1,5 @@
 // Opening a connection: creating or waiting for the FIFOs, opening both ends, registering the read end.
 #include <fcntl.h>
-#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -22,42 +21,12 @@ constexpr uint64_t CREATE_BUDGET_MS = 50;
 constexpr int64_t MICROSECONDS_PER_MILLISECOND = 1000;
 constexpr int64_t FIRST_SLEEP_US = 40;
 constexpr int64_t LONGEST_SLEEP_US = 20000;
-constexpr int LEAST_SLACK_NS = 1;
 constexpr unsigned SERVER_RETRY_INTERVAL_US = 500000;
 // Asks RetryOpenWriteFifo for growing intervals.
 constexpr unsigned GROWING_INTERVAL = 1;
 constexpr unsigned ATTEMPTS_PER_LOG_LINE = 1000;
 
 bool FileExists(const std::string &name) { return access(name.c_str(), F_OK) == 0; }
-
-// Lets the calling thread sleep no longer than it asks for. The kernel otherwise adds up to the thread's timer slack to
-// every sleep: 50 us by default, which is more than the first sleeps of an open.
-// Owns: the thread's former slack. Threads: one. Locks: none. Ends: on its thread, and restores the slack.
-class ExactSleeps {
-public:
-    ExactSleeps() = default;
-    ~ExactSleeps() { Set(slack); }
-    ExactSleeps(const ExactSleeps &) = delete;
-    ExactSleeps &operator=(const ExactSleeps &) = delete;
-
-    // From now on; again without effect.
-    void Begin() {
-        if (slack == 0) {
-            slack = prctl(PR_GET_TIMERSLACK, 0UL, 0UL, 0UL, 0UL);
-            Set(LEAST_SLACK_NS);
-        }
-    }
-
-private:
-    // A real-time thread has no slack, and keeps none.
-    void Set(int nanoseconds) const {
-        if (slack > LEAST_SLACK_NS) {
-            prctl(PR_SET_TIMERSLACK, static_cast<unsigned long>(nanoseconds), 0UL, 0UL, 0UL);
-        }
-    }
-
-    int slack = 0; // before Begin(), in ns
-};
 
 // Sleeps between attempts, each time twice as long up to a limit, until a time budget is used up.
 class Backoff {
@@ -70,9 +39,6 @@ public:
     bool Sleep() {
         const bool enough = unlimited || left >= sleep;
         const int64_t slept = enough ? sleep : left;
-        if (slept < LONGEST_SLEEP_US) {
-            exact.Begin();
-        }
         std::this_thread::sleep_for(std::chrono::microseconds(slept));
         left -= slept;
         sleep = std::min(sleep * 2, longest);
@@ -84,7 +50,6 @@ private:
     int64_t left;
     int64_t sleep;
     int64_t longest;
-    ExactSleeps exact;
 };
 
 } // namespace

@@ -1,12 +1,10 @@
 // Opening when the remote creates the files: waiting for them, and for somebody to read what this side writes.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <future>
-#include <thread>
 
 #include "PipeEnvironment.h"
 #include "PipeFixture.h"
@@ -68,22 +66,6 @@ TEST_F(PipeOpenClientTest, BothEndsNeverBlockAndAreNotInherited) {
         }
     }
     EXPECT_EQ(checked, 2);
-}
-
-TEST_F(PipeOpenClientTest, SleepsAreNotStretchedByTheTimerSlackOfTheThread) {
-    const auto slack = [] { return prctl(PR_GET_TIMERSLACK, 0UL, 0UL, 0UL, 0UL); };
-    constexpr int ordinary = 50000;
-    std::vector<int> during;
-    int after = 0;
-    // On a thread of its own, whose slack does not matter to anybody else.
-    std::thread([&] {
-        prctl(PR_SET_TIMERSLACK, static_cast<unsigned long>(ordinary), 0UL, 0UL, 0UL);
-        const ScopedHook hook(Call::Sleep, [&](const CallInfo &) { during.push_back(slack()); });
-        EXPECT_EQ(MakeClientPipe()->TimedOpen(1), -ETIMEDOUT);
-        after = slack();
-    }).join();
-    EXPECT_EQ(during, std::vector<int>(SLEEPS_OF_1_MS.size(), 1));
-    EXPECT_EQ(after, ordinary);
 }
 
 TEST_F(PipeOpenClientTest, MissingRemoteTimesOutAfterExactlyTheBudget) {
