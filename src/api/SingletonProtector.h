@@ -17,8 +17,8 @@ void KeepForever(std::shared_ptr<T> object) {
 }
 
 // Guards a process-wide object so that callers during process exit get an empty reference instead of a dangling one.
-// Owns: nothing (a weak reference). Threads: any. Locks: `lock` orders `alive` against readers. Ends: as a static that
-// is built after the guarded object's owner, and so destroyed before it.
+// Owns: nothing (a weak reference). Threads: any. Locks: `lock` orders `alive` against readers. Ends: never
+// where callers may come during process exit: the owner of the object makes it, publishes it and disables it.
 template <typename T>
 class SingletonProtector {
 public:

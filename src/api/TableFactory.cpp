@@ -22,11 +22,15 @@ using TableProtector = SingletonProtector<TarvoTable>;
 // Callers hold references of their own while they are inside the library. Without this the last one to return could be
 // a worker in the middle of a TarvoSendResponse, and the table's destructor, which joins the workers, would run on it.
 //
-// Owns: a reference to the table. Threads: the exiting one. Locks: none. Ends: as the first of the factory's statics.
+// Owns: the table, and with it the pools. Threads: the exiting one. Locks: none. Ends: at process exit; the protector,
+// which is written to `published`, never ends: calls that come during and after exit still have to find it, and be told
+// that there is no table.
 class ExitGuard {
 public:
-    ExitGuard(TableProtector &tableProtector, std::shared_ptr<TarvoTable> guardedTable)
-        : protector(tableProtector), table(std::move(guardedTable)), owner(getpid()) {}
+    ExitGuard(std::shared_ptr<TarvoTable> guardedTable, TableProtector *&published)
+        : table(std::move(guardedTable)), protector(*new TableProtector(table)), owner(getpid()) {
+        published = &protector;
+    }
 
     ~ExitGuard() {
         if (getpid() != owner) {
@@ -51,25 +55,26 @@ private:
         }
     }
 
-    // The factory's and this object's; each caller inside the library has another one.
-    static constexpr long OWN_REFERENCES = 2;
+    // Each caller inside the library has another one.
+    static constexpr long OWN_REFERENCES = 1;
     static constexpr int WAIT_STEP_US = 1000;
     static constexpr int MAX_WAIT_US = 450000;
 
-    TableProtector &protector;
     std::shared_ptr<TarvoTable> table;
+    TableProtector &protector;
     const pid_t owner;
 };
 
+std::shared_ptr<TarvoTable> MakeTable() {
+    const auto workerPool = std::make_shared<WorkerPool>(NORMAL_WORKERS, URGENT_WORKERS);
+    return std::make_shared<TarvoTable>(std::make_shared<CallbackPool>(workerPool));
+}
+
 } // namespace
 
-// Exit destroys the statics in the reverse of this order. The protector itself is never destroyed: calls that come
-// during and after exit still have to find it, and be told that there is no table.
 std::shared_ptr<TarvoTable> TableFactory::GetInstance() {
-    static const auto workerPool = std::make_shared<WorkerPool>(NORMAL_WORKERS, URGENT_WORKERS);
-    static const auto callbackPool = std::make_shared<CallbackPool>(workerPool);
-    static const auto table = std::make_shared<TarvoTable>(callbackPool);
-    static TableProtector &protector = *new TableProtector(table);
-    static const ExitGuard guard(protector, table);
-    return protector.Get();
+    // Made in one step: another thread may end the process at any moment, and finds all of it to be ended, or nothing.
+    static TableProtector *protector = nullptr;
+    static const ExitGuard guard(MakeTable(), protector);
+    return protector->Get();
 }

@@ -142,16 +142,40 @@ void VelmLogGetInstance(bool enable) {
 
 namespace ZoVelm {
 
+namespace {
+
+using LimiterProtector = SingletonProtector<VelmRestrainedLog>;
+
+// Owns: the limiter. Threads: the exiting one. Locks: none. Ends: at process exit; the protector, which is written to
+// `published`, never ends, for lines that are written later.
+class LimiterOwner {
+public:
+    explicit LimiterOwner(LimiterProtector *&published)
+        : limiter(std::make_shared<VelmRestrainedLog>()), protector(*new LimiterProtector(limiter)) {
+        published = &protector;
+    }
+    ~LimiterOwner() { protector.Disable(); }
+    LimiterOwner(const LimiterOwner &) = delete;
+    LimiterOwner &operator=(const LimiterOwner &) = delete;
+
+private:
+    const std::shared_ptr<VelmRestrainedLog> limiter;
+    LimiterProtector &protector;
+};
+
+} // namespace
+
 VelmRestrainedLog::~VelmRestrainedLog() { destroyed = true; }
 
 std::shared_ptr<VelmRestrainedLog> VelmRestrainedLog::GetInstance(bool enable) {
-    static const std::shared_ptr<VelmRestrainedLog> instance = std::make_shared<VelmRestrainedLog>();
-    static SingletonProtector<VelmRestrainedLog> protector(instance);
+    // Made in one step: another thread may end the process at any moment.
+    static LimiterProtector *protector = nullptr;
+    static const LimiterOwner owner(protector);
     if (!enable) {
-        protector.Disable();
+        protector->Disable();
         return nullptr;
     }
-    return protector.Get();
+    return protector->Get();
 }
 
 int VelmRestrainedLog::PrintTableInsert(unsigned long key) {

@@ -47,7 +47,7 @@ void VelmLogGetInstance(bool enable);
 namespace ZoVelm {
 
 // Remembers when each call site last wrote a restrained line.
-// Owns: the table. Threads: any. Locks: tableMutex. Ends: at process exit, after its protector.
+// Owns: the table. Threads: any. Locks: tableMutex. Ends: at process exit, when its protector yields it no more.
 class VelmRestrainedLog {
 public:
     VelmRestrainedLog() = default;

@@ -32,12 +32,19 @@ struct ServerWithTable {
     PipeServer server;
 };
 
+using ServerProtector = SingletonProtector<ServerWithTable>;
+
 // Ends the server when the process that made it exits, and not when a forked child does, which would stop its parent's.
-// Owns: the server with its table. Threads: the exiting one. Locks: none. Ends: at process exit.
+// Owns: the server with its table. Threads: the exiting one. Locks: none. Ends: at process exit; the protector, which
+// is written to `published`, never ends, for calls that come later.
 class ServerOwner {
 public:
-    explicit ServerOwner(std::shared_ptr<ServerWithTable> made) : server(std::move(made)), process(getpid()) {}
+    ServerOwner(const std::shared_ptr<TarvoTable> &table, ServerProtector *&published)
+        : server(std::make_shared<ServerWithTable>(table)), protector(*new ServerProtector(server)), process(getpid()) {
+        published = &protector;
+    }
     ~ServerOwner() {
+        protector.Disable();
         if (getpid() != process) {
             KeepForever(std::move(server));
         }
@@ -45,10 +52,9 @@ public:
     ServerOwner(const ServerOwner &) = delete;
     ServerOwner &operator=(const ServerOwner &) = delete;
 
-    const std::shared_ptr<ServerWithTable> &Server() const { return server; }
-
 private:
     std::shared_ptr<ServerWithTable> server;
+    ServerProtector &protector;
     const pid_t process;
 };
 
@@ -90,10 +96,10 @@ std::shared_ptr<PipeServer> PipeServer::GetInstance() {
         return nullptr;
     }
     // Made after the table, so process exit stops the server first, while the pipes that its thread opens still have a
-    // table to go to.
-    static const ServerOwner owner(std::make_shared<ServerWithTable>(table));
-    static SingletonProtector<ServerWithTable> protector(owner.Server());
-    const std::shared_ptr<ServerWithTable> alive = protector.Get();
+    // table to go to. In one step, as the table: another thread may end the process at any moment.
+    static ServerProtector *protector = nullptr;
+    static const ServerOwner owner(table, protector);
+    const std::shared_ptr<ServerWithTable> alive = protector->Get();
     return alive == nullptr ? nullptr : std::shared_ptr<PipeServer>(alive, &alive->server);
 }
 
