@@ -4,7 +4,6 @@
 #define TARVO_API_MUTEX_H
 
 #include <mutex>
-#include <shared_mutex>
 
 #if defined(__clang__)
 #define TARVO_THREAD_ATTRIBUTE(x) __attribute__((x))
@@ -33,14 +32,6 @@ public:
     void unlock() RELEASE() { std::mutex::unlock(); }
 };
 
-class CAPABILITY("shared_mutex") SharedMutex : public std::shared_mutex {
-public:
-    void lock() ACQUIRE() { std::shared_mutex::lock(); }
-    void unlock() RELEASE() { std::shared_mutex::unlock(); }
-    void lock_shared() ACQUIRE_SHARED() { std::shared_mutex::lock_shared(); }
-    void unlock_shared() RELEASE_SHARED() { std::shared_mutex::unlock_shared(); }
-};
-
 // Holds a Mutex for its own lifetime. The underlying std::unique_lock is there for condition variables, which release
 // and retake the mutex behind the analysis's back and leave it held as before.
 class SCOPED_CAPABILITY MutexLock {
@@ -56,30 +47,6 @@ public:
 
 private:
     std::unique_lock<std::mutex> lock_;
-};
-
-class SCOPED_CAPABILITY WriteLock {
-public:
-    explicit WriteLock(SharedMutex &mutex) ACQUIRE(mutex) : lock_(mutex) {}
-    ~WriteLock() RELEASE() = default;
-    WriteLock(const WriteLock &) = delete;
-    WriteLock &operator=(const WriteLock &) = delete;
-
-    void Unlock() RELEASE() { lock_.unlock(); }
-
-private:
-    std::unique_lock<std::shared_mutex> lock_;
-};
-
-class SCOPED_CAPABILITY ReadLock {
-public:
-    explicit ReadLock(SharedMutex &mutex) ACQUIRE_SHARED(mutex) : lock_(mutex) {}
-    ~ReadLock() RELEASE_GENERIC() = default;
-    ReadLock(const ReadLock &) = delete;
-    ReadLock &operator=(const ReadLock &) = delete;
-
-private:
-    std::shared_lock<std::shared_mutex> lock_;
 };
 
 #endif // TARVO_API_MUTEX_H

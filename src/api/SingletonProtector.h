@@ -5,7 +5,7 @@
 #include <new>
 #include <utility>
 
-#include "api/Mutex.h"
+#include "api/SharedMutex.h"
 
 // Keeps a reference in storage that is never destroyed: for process-wide objects in a forked child that exits, to whose
 // threads, files and descriptors it has no right. Once for each T.

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "api/Mutex.h"
+#include "api/SharedMutex.h"
 #include "diag/run_time_record.h"
 #include "pipe/MagicReceiver.h"
 #include "pipe/Message.h"

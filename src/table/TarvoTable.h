@@ -11,6 +11,7 @@
 #include <string>
 
 #include "api/Mutex.h"
+#include "api/SharedMutex.h"
 #include "pipe/PipeObserver.h"
 #include "pipe/TarvoPipeImpl.h"
 #include "tarvo.h"

@@ -1,0 +1,172 @@
+// The reader-writer lock that every message takes: who waits for whom, and that nobody is forgotten.
+#include "api/SharedMutex.h"
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdint>
+#include <future>
+#include <thread>
+#include <vector>
+
+#include "support/Eventually.h"
+
+namespace {
+
+using tarvo_test::Eventually;
+
+// Gives tests the count of readers, which tells them that a writer has come.
+struct Users {
+    using Type = std::atomic<int32_t> SharedMutex::*;
+    friend Type Get(Users);
+};
+template <typename Tag, typename Tag::Type member>
+struct Expose {
+    friend typename Tag::Type Get(Tag) { return member; }
+};
+template struct Expose<Users, &SharedMutex::users>;
+
+class SharedMutexTest : public testing::Test {
+protected:
+    // A thread that has the lock as `Lock` until it is told to let go.
+    template <typename Lock>
+    class Holder {
+    public:
+        explicit Holder(SharedMutex &mutex)
+            : thread([this, &mutex] {
+                  const Lock lock(mutex);
+                  holds.set_value();
+                  released.get_future().wait();
+              }) {}
+        ~Holder() {
+            Release();
+            thread.join();
+        }
+        Holder(const Holder &) = delete;
+        Holder &operator=(const Holder &) = delete;
+
+        void AwaitHeld() { held.wait(); }
+        bool Holds() { return held.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }
+        void Release() {
+            if (!letGo.exchange(true)) {
+                released.set_value();
+            }
+        }
+
+    private:
+        std::promise<void> holds;
+        std::future<void> held = holds.get_future();
+        std::promise<void> released;
+        std::atomic<bool> letGo{false};
+        std::thread thread;
+    };
+    using Reader = Holder<ReadLock>;
+    using Writer = Holder<WriteLock>;
+
+    // Until a writer waits, or has the lock.
+    void AwaitWriter() {
+        ASSERT_TRUE(Eventually([this] { return (mutex.*Get(Users())).load() < 0; }));
+    }
+
+    SharedMutex mutex;
+};
+
+TEST_F(SharedMutexTest, ReadersShareIt) {
+    Reader first(mutex);
+    first.AwaitHeld();
+    Reader second(mutex);
+    second.AwaitHeld();
+}
+
+TEST_F(SharedMutexTest, WriterWaitsForEveryReader) {
+    Reader first(mutex);
+    Reader second(mutex);
+    first.AwaitHeld();
+    second.AwaitHeld();
+    Writer writer(mutex);
+    AwaitWriter();
+    EXPECT_FALSE(writer.Holds());
+    first.Release();
+    EXPECT_FALSE(writer.Holds());
+    second.Release();
+    writer.AwaitHeld();
+}
+
+TEST_F(SharedMutexTest, ReaderThatComesToAWaitingWriterComesAfterIt) {
+    Reader early(mutex);
+    early.AwaitHeld();
+    Writer writer(mutex);
+    AwaitWriter();
+    Reader late(mutex);
+    EXPECT_FALSE(writer.Holds());
+    EXPECT_FALSE(late.Holds());
+    early.Release();
+    writer.AwaitHeld();
+    EXPECT_FALSE(late.Holds());
+    writer.Release();
+    late.AwaitHeld();
+}
+
+TEST_F(SharedMutexTest, WritersExcludeEachOther) {
+    Writer first(mutex);
+    first.AwaitHeld();
+    Writer second(mutex);
+    EXPECT_FALSE(second.Holds());
+    first.Release();
+    second.AwaitHeld();
+}
+
+TEST_F(SharedMutexTest, WriterIsCancelledOnlyOnceItHasTheLock) {
+    Reader reader(mutex);
+    reader.AwaitHeld();
+    bool held = false;
+    std::thread writer([&] {
+        const WriteLock lock(mutex);
+        held = true;
+        pthread_testcancel();
+        ADD_FAILURE() << "not cancelled";
+    });
+    AwaitWriter();
+    EXPECT_EQ(pthread_cancel(writer.native_handle()), 0);
+    reader.Release();
+    writer.join();
+    EXPECT_TRUE(held);
+    Writer next(mutex);
+    next.AwaitHeld();
+}
+
+TEST_F(SharedMutexTest, ReadersSeeWhatWritersLeaveWhole) {
+    constexpr int WRITERS = 2;
+    constexpr int READERS = 3;
+    constexpr int ROUNDS = 2000;
+    int64_t first = 0;
+    int64_t second = 0;
+    std::atomic<bool> whole{true};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < WRITERS; ++i) {
+        threads.emplace_back([&] {
+            for (int round = 0; round < ROUNDS; ++round) {
+                const WriteLock lock(mutex);
+                ++first;
+                ++second;
+            }
+        });
+    }
+    for (int i = 0; i < READERS; ++i) {
+        threads.emplace_back([&] {
+            for (int round = 0; round < ROUNDS; ++round) {
+                const ReadLock lock(mutex);
+                whole = whole && first == second;
+            }
+        });
+    }
+    for (std::thread &thread : threads) {
+        thread.join();
+    }
+    EXPECT_TRUE(whole);
+    EXPECT_EQ(first, WRITERS * ROUNDS);
+    EXPECT_EQ(second, WRITERS * ROUNDS);
+}
+
+} // namespace
