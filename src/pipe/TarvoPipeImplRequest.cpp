@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "api/EnvManager.h"
-#include "diag/velm_syslog.h"
+#include "diag/velm_syslog_inline.h"
 #include "pipe/TarvoPipeImpl.h"
 
 namespace {

@@ -14,7 +14,7 @@
 #include <utility>
 
 #include "api/EnvManager.h"
-#include "diag/velm_syslog.h"
+#include "diag/velm_syslog_inline.h"
 
 namespace {
 
