@@ -29,6 +29,9 @@ public:
         }
     }
 
+    // Whether the next wait would not sleep.
+    bool HasPosts() const { return count.load(std::memory_order_acquire) > 0; }
+
     // Takes one post, waiting for it without limit.
     void Wait() {
         if (Take()) {
@@ -37,12 +40,13 @@ public:
         TakeWake();
     }
 
-    // False when none came in time; nothing is taken then.
-    bool WaitFor(std::chrono::milliseconds limit) {
+    // False when none came in time; nothing is taken then. `now` is the clock that the limit starts from: for long ones
+    // CLOCK_MONOTONIC_COARSE will do, which may be a timer tick behind and takes a fifth of the time to read.
+    bool WaitFor(std::chrono::milliseconds limit, clockid_t now = CLOCK_MONOTONIC) {
         if (Take()) {
             return true;
         }
-        const timespec deadline = DeadlineIn(limit);
+        const timespec deadline = DeadlineIn(limit, now);
         while (sem_clockwait(&sleeper, CLOCK_MONOTONIC, &deadline) != 0) {
             if (errno == EINTR) {
                 continue;
@@ -71,14 +75,20 @@ private:
     // What the poster wrote before it counted is visible from here on.
     void Acquire() const { static_cast<void>(count.load(std::memory_order_acquire)); }
 
-    static timespec DeadlineIn(std::chrono::milliseconds limit) {
-        const auto end = std::chrono::steady_clock::now().time_since_epoch() + limit;
-        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(end);
+    static timespec DeadlineIn(std::chrono::milliseconds limit, clockid_t now) {
         timespec deadline{};
-        deadline.tv_sec = static_cast<time_t>(seconds.count());
-        deadline.tv_nsec = static_cast<long>(std::chrono::nanoseconds(end - seconds).count());
+        clock_gettime(now, &deadline);
+        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(limit);
+        deadline.tv_sec += static_cast<time_t>(seconds.count());
+        deadline.tv_nsec += static_cast<long>(std::chrono::nanoseconds(limit - seconds).count());
+        if (deadline.tv_nsec >= NANOSECONDS_PER_SECOND) {
+            deadline.tv_nsec -= NANOSECONDS_PER_SECOND;
+            ++deadline.tv_sec;
+        }
         return deadline;
     }
+
+    static constexpr long NANOSECONDS_PER_SECOND = 1000000000;
 
     // Negative while the thread waits.
     std::atomic<int32_t> count{0};

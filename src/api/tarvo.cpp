@@ -25,8 +25,8 @@ bool IsEmpty(const Block *block) {
 // caller's response any more when the call ends without one, however it ends.
 class PendingCall {
 public:
-    PendingCall(TarvoPipeImpl &callPipe, const TarvoRequest &callReq, TarvoResponse &callResp)
-        : pipe(callPipe), req(callReq), resp(callResp) {}
+    PendingCall(TarvoPipeImpl &callPipe, OutRequest &callRequest, const TarvoRequest &callReq, TarvoResponse &callResp)
+        : pipe(callPipe), request(callRequest), req(callReq), resp(callResp) {}
 
     ~PendingCall() {
         if (answered) {
@@ -41,13 +41,14 @@ public:
     PendingCall &operator=(const PendingCall &) = delete;
 
     int Wait(int timeout) {
-        const int ret = pipe.WaitForResponse(req, timeout);
+        const int ret = request.HasEnded() ? 0 : pipe.AwaitResponse(request, req, timeout);
         answered = ret == 0;
         return ret;
     }
 
 private:
     TarvoPipeImpl &pipe;
+    OutRequest &request;
     const TarvoRequest &req;
     TarvoResponse &resp;
     bool answered = false;
@@ -55,12 +56,13 @@ private:
 
 int SendAndWait(TarvoPipeImpl &pipe, int fd, TarvoRequest &req, TarvoResponse &resp, int timeout) {
     // Registered before it is sent, so that a response which comes at once finds it.
-    int ret = pipe.RecordOutRequest(req, resp, timeout);
+    const std::shared_ptr<OutRequest> request = pipe.MakeOutRequest(req, resp, timeout);
+    int ret = pipe.RecordOutRequest(request);
     if (ret < 0) {
         TARVO_LOG(LOG_INFO, "RecordOutRequest err=%d.", ret);
         return ret;
     }
-    PendingCall call(pipe, req, resp);
+    PendingCall call(pipe, *request, req, resp);
     TARVO_LOG(LOG_INFO, "SendRPCSync id=%u, size=%u bytes", req.id, req.size);
     ret = pipe.Send(req, timeout);
     if (ret < 0) {

@@ -86,6 +86,9 @@ int DataMonitorImpl::Add(int pipeIdx, int readFd, std::shared_ptr<TarvoPipeImpl>
     if (table.find(pipeIdx) != table.end()) {
         return 0;
     }
+    if (pipe && pipe->IsHeartbeat()) {
+        timesEvents.store(true, std::memory_order_relaxed);
+    }
     // Before the table knows the pipe: an event that comes at once waits for the mutex before it looks the pipe up.
     const int ret = AddFd(pipeIdx, readFd);
     if (ret < 0) {
@@ -268,7 +271,9 @@ void DataMonitorImpl::RecvRoutine() {
     while (!stop) {
         const int nfds = Monitor(events, MAX_EVENTS);
         const int error = errno;
-        record.epollRecvT = static_cast<int64_t>(Tarvo::GetCurrentTime());
+        if (timesEvents.load(std::memory_order_relaxed)) {
+            record.epollRecvT = static_cast<int64_t>(Tarvo::GetCurrentTime());
+        }
         record.eventNum = nfds;
         TARVO_LOG(LOG_INFO, "Monitor enter, nfds = %d.", nfds);
         if (nfds < 1 || nfds > MAX_EVENTS) {

@@ -72,6 +72,8 @@ private:
     int eventFd = -1;
     int exitIdx = -1;
     std::atomic<bool> stopping{false};
+    // Set with the first heartbeat pipe: nobody else asks when a wait returned, and reading the clock takes time.
+    std::atomic<bool> timesEvents{false};
     TarvoThread recvThread;
     Mutex mutex;
     std::map<int, PipeIdxMgrImpl> table GUARDED_BY(mutex);

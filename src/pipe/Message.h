@@ -40,6 +40,7 @@ public:
     Message(uint32_t msgId, uint32_t msgType, uint32_t length) : id(msgId), type(msgType), payloadLen(length) {}
     virtual ~Message() = default;
     Message(const Message &) = delete;
+    Message(Message &&) = default;
     Message &operator=(const Message &) = delete;
 
     // The payload, or null.
@@ -91,6 +92,8 @@ public:
     const char *dataOut;
 };
 
+class RequestTask;
+
 // An incoming request that waits for its callback or is being handled by it.
 // Owns: the payload taken over from the message. Threads: one at a time. Locks: none. Ends: after the callback.
 class InRequest {
@@ -99,6 +102,9 @@ public:
     virtual ~InRequest() = default;
     InRequest(const InRequest &) = delete;
     InRequest &operator=(const InRequest &) = delete;
+
+    // Itself where it was made to be its own task, else null.
+    virtual RequestTask *AsTask() { return nullptr; }
 
     uint32_t id;
     std::unique_ptr<char[]> data;

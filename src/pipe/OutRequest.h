@@ -23,6 +23,8 @@ public:
     virtual void Process(TarvoResponse &in) = 0;
     // Waits for Cancel(): 0 or a negated errno.
     virtual int Wait() = 0;
+    // Whether the wait has ended before it began.
+    virtual bool HasEnded() const = 0;
     virtual void Init() = 0;
     // Ends the wait, whether it has begun or not.
     virtual void Cancel() = 0;
@@ -51,6 +53,7 @@ public:
 
     // 0, or -ETIMEDOUT after `timeout` ms (negative: no limit), then with the request out of the pipe's list.
     int Wait() override;
+    bool HasEnded() const override { return ended.HasPosts(); }
     void Init() override {}
     void Cancel() override;
     void Wake() override;

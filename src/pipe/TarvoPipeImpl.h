@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "api/Mutex.h"
@@ -45,7 +46,12 @@ public:
     std::string GetMyName() const { return myName; }
     // The pipe handle; -1 until the table has given one.
     int GetPipeFd() const { return pipeFd; }
-    void SetFd(int fd) { pipeFd = fd; }
+    void SetFd(int fd) {
+        pipeFd = fd;
+        workerName = std::to_string(fd);
+    }
+    // Whether the times of its messages are recorded.
+    bool IsHeartbeat() const { return isHeartbeat; }
     DataMonitorType GetPipeDataMonitorType() const { return monitorType; }
     DataMonitorType InitDataMonitorType(TarvoPriority prio, TarvoDomain targetDomain) const;
     // The path of the FIFO that `from` writes and `to` reads; "" when it cannot be formed.
@@ -80,7 +86,7 @@ public:
     int Recv(void *buf, unsigned long len) override;
     void HandleEvent(const epoll_event &ev, Tarvo::EpollTimeRecord &rec);
     void HandleMessage(Tarvo::EpollTimeRecord &rec);
-    std::unique_ptr<InMessage> RecvMessage(Tarvo::EpollTimeRecord &rec);
+    std::optional<InMessage> RecvMessage(Tarvo::EpollTimeRecord &rec);
     virtual void ProcessMessage(InMessage &msg);
     void ProcessRequest(InMessage &msg);
     // Hands a request (null: the notice of a remote close) to a worker. 0, or negative when it was dropped.
@@ -100,6 +106,11 @@ public:
     // WaitForResponse or RemoveRequest has returned.
     int RecordOutRequest(TarvoRequest &req, TarvoResponse &rsp, int timeoutMs);
     int WaitForResponse(const TarvoRequest &req, int timeoutMs) EXCLUDES(outRequestMutex);
+    // The same two in steps, for a caller that keeps the call between them instead of having it looked for among the
+    // outstanding ones. One that has ended before the wait is no longer there, and is not waited for.
+    std::shared_ptr<OutRequest> MakeOutRequest(TarvoRequest &req, TarvoResponse &rsp, int timeoutMs);
+    int RecordOutRequest(const std::shared_ptr<OutRequest> &request) { return outRequests.PushBack(request); }
+    int AwaitResponse(OutRequest &request, const TarvoRequest &req, int timeoutMs) EXCLUDES(outRequestMutex);
     void RemoveRequest(const TarvoRequest &req) EXCLUDES(outRequestMutex);
     void OnRequestCancelled(const TarvoRequest &req) { RemoveRequest(req); }
     void ProcessResponse(InMessage &msg) EXCLUDES(outRequestMutex);
@@ -140,6 +151,7 @@ protected:
 
 private:
     class CallbackTask;
+    friend class RequestTask;
 
     // 0, or -ECANCELED once the pipe is retired.
     int BeginOpening() EXCLUDES(writeFdMutex);
@@ -155,9 +167,9 @@ private:
     void HandOver(std::shared_ptr<InRequest> req, const ServiceHandler &handler);
     int SubmitCallback(std::shared_ptr<InRequest> &&req, const ServiceHandler &handler);
     int SubmitSerial(std::shared_ptr<InRequest> &&req, const ServiceHandler &handler);
-    void RunCallback(const ServiceHandler &handler, InRequest *req);
+    std::shared_ptr<const TarvoTask> MakeTask(std::shared_ptr<InRequest> &&req, const ServiceHandler &handler);
+    void RunCallback(const ServiceHandler &handler, const InRequest *req);
     void EraseTimeRecord(unsigned int id) EXCLUDES(recordMutex);
-    std::string WorkerName() const { return std::to_string(pipeFd); }
 
     // The descriptors, or negative. Written under writeFdMutex, read by senders and the monitor without it.
     std::atomic<int32_t> writeFd{-1};
@@ -173,6 +185,7 @@ private:
     const std::string targetCon;
     // Written before the pipe is published in the table.
     std::atomic<int32_t> pipeFd{-1};
+    std::string workerName = "-1";
     const ServiceHandler serviceHandler;
     const int32_t timeout; // open time-out, ms
     const TarvoMode mode;

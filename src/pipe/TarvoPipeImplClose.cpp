@@ -40,7 +40,7 @@ bool TarvoPipeImpl::HasSilentReadEnd() {
     return ready == 0;
 }
 
-void TarvoPipeImpl::OnRemoteClosedFinished() { observer.OnFreeSelfWorker(WorkerName()); }
+void TarvoPipeImpl::OnRemoteClosedFinished() { observer.OnFreeSelfWorker(workerName); }
 
 int TarvoPipeImpl::CloseFd() {
     MutexLock lock(writeFdMutex);

@@ -5,6 +5,7 @@
 #include <array>
 #include <cerrno>
 #include <new>
+#include <optional>
 #include <utility>
 
 #include "diag/run_time_record.h"
@@ -18,15 +19,14 @@ constexpr std::size_t MAX_CACHED_REQUESTS = 1000;
 constexpr uint32_t MAX_CONCURRENT_CALLBACKS = 200;
 constexpr int64_t LATE_US = 2000000;
 
-// The message with its payload buffer, which stays null for a payload length that is not valid. Empty when memory has
-// run out.
-std::unique_ptr<InMessage> MakeInMessage(const MsgHead &head) {
+// Whether the message has its payload buffer, or is to have none as its length is not valid: false when memory has run
+// out.
+bool MakeBuffer(InMessage &msg) {
     try {
-        auto msg = std::make_unique<InMessage>(head.id, head.type, head.payloadLen);
-        msg->GetData();
-        return msg;
+        msg.GetData();
+        return true;
     } catch (const std::bad_alloc &) {
-        return nullptr;
+        return false;
     }
 }
 
@@ -48,6 +48,25 @@ private:
     const std::shared_ptr<InRequest> request;
 };
 
+// A request off the wire that is its own CallbackTask, so that a message takes one block less from the heap.
+// Owns: once bound, what a CallbackTask owns. Threads, Locks, Ends: as InRequest, then as TarvoTask.
+class RequestTask : public InRequest, public TarvoTask {
+public:
+    explicit RequestTask(InMessage &msg) : InRequest(msg), TarvoTask(nullptr) {}
+
+    RequestTask *AsTask() override { return this; }
+    // Once, before it is queued.
+    void Bind(std::shared_ptr<TarvoPipeImpl> owner, const TarvoPipeImpl::ServiceHandler &callback) {
+        pipe = std::move(owner);
+        handler = callback;
+    }
+    void operator()() const override { pipe->RunCallback(handler, this); }
+
+private:
+    std::shared_ptr<TarvoPipeImpl> pipe;
+    TarvoPipeImpl::ServiceHandler handler;
+};
+
 int TarvoPipeImpl::Recv(void *buf, unsigned long len) {
     if (buf == nullptr) {
         TARVO_LOG(LOG_ERR, "Input addrress is nullptr");
@@ -60,7 +79,7 @@ int TarvoPipeImpl::Recv(void *buf, unsigned long len) {
         ReadLock use(descriptorUse);
         fd = readFd;
         received = read(fd, buf, len);
-        error = errno;
+        error = static_cast<unsigned long>(received) == len ? 0 : errno;
     }
     if (received < 0) {
         TARVO_LOG(error == EAGAIN ? LOG_INFO : LOG_ERR, "The readFd(%d) read fail, errno = %d, remoteName: %s", fd,
@@ -91,7 +110,7 @@ void TarvoPipeImpl::HandleEvent(const epoll_event &ev, Tarvo::EpollTimeRecord &r
 
 void TarvoPipeImpl::HandleMessage(Tarvo::EpollTimeRecord &rec) {
     try {
-        const std::unique_ptr<InMessage> msg = RecvMessage(rec);
+        std::optional<InMessage> msg = RecvMessage(rec);
         if (msg) {
             ProcessMessage(*msg);
         }
@@ -100,19 +119,19 @@ void TarvoPipeImpl::HandleMessage(Tarvo::EpollTimeRecord &rec) {
     }
 }
 
-std::unique_ptr<InMessage> TarvoPipeImpl::RecvMessage(Tarvo::EpollTimeRecord &rec) {
+std::optional<InMessage> TarvoPipeImpl::RecvMessage(Tarvo::EpollTimeRecord &rec) {
     MsgHead head{};
     int ret = Recv(&head, sizeof(head));
     if (ret < 1) {
         TARVO_LOG(LOG_ERR, "Recv msg head failed for remote(%s), ret = %d", remoteName.c_str(), ret);
-        return nullptr;
+        return std::nullopt;
     }
     if (head.magic != MAGIC) {
         TARVO_LOG(LOG_ERR, "RecvMagic, result != MAGIC_OK, remote(%s), result=%u.", remoteName.c_str(), head.magic);
-        return nullptr;
+        return std::nullopt;
     }
-    std::unique_ptr<InMessage> msg = MakeInMessage(head);
-    if (msg) {
+    std::optional<InMessage> msg(std::in_place, head.id, head.type, head.payloadLen);
+    if (MakeBuffer(*msg)) {
         ret = Recv(msg->GetData(), head.payloadLen);
     } else {
         // The payload has to leave the FIFO all the same: the next read expects a head.
@@ -125,12 +144,12 @@ std::unique_ptr<InMessage> TarvoPipeImpl::RecvMessage(Tarvo::EpollTimeRecord &re
                   "Recv msg failed, remote(%s), received payloadLen should be %u, received timeout = %d ms, received "
                   "writeStartTime = %ld, ret = %d",
                   remoteName.c_str(), head.payloadLen, head.timeout, head.writeStartTime, ret);
-        return nullptr;
+        return std::nullopt;
     }
     if (msg->Checksum() != head.checksum) {
         TARVO_LOG(LOG_ERR, "Recv msg failed, send checksum = %u, but recv checksum = %u for readFd(%d) remote(%s)",
                   head.checksum, msg->checksum, readFd.load(), remoteName.c_str());
-        return nullptr;
+        return std::nullopt;
     }
     CheckEpollTime(head, rec);
     return msg;
@@ -147,7 +166,7 @@ void TarvoPipeImpl::ProcessMessage(InMessage &msg) {
 }
 
 void TarvoPipeImpl::ProcessRequest(InMessage &msg) {
-    auto req = std::make_shared<InRequest>(msg);
+    std::shared_ptr<InRequest> req = std::make_shared<RequestTask>(msg);
     // Not copied here: each task gets its copy.
     if (serviceHandler) {
         ProcessCachedRequests(serviceHandler);
@@ -226,17 +245,26 @@ int TarvoPipeImpl::SubmitCallback(std::shared_ptr<InRequest> &&req, const Servic
 }
 
 int TarvoPipeImpl::SubmitSerial(std::shared_ptr<InRequest> &&req, const ServiceHandler &handler) {
-    const int ret = observer.OnTaskIn(
-        WorkerName(), std::make_shared<const CallbackTask>(shared_from_this(), handler, std::move(req)), priority);
+    const int ret = observer.OnTaskIn(workerName, MakeTask(std::move(req), handler), priority);
     if (IsClosing()) {
         // A close between the test above and here has given the pipe's worker back already; the submission allocated
         // one anew, which nobody else would ever give back.
-        observer.OnFreeSelfWorker(WorkerName());
+        observer.OnFreeSelfWorker(workerName);
     }
     return ret;
 }
 
-void TarvoPipeImpl::RunCallback(const ServiceHandler &handler, InRequest *req) {
+std::shared_ptr<const TarvoTask> TarvoPipeImpl::MakeTask(std::shared_ptr<InRequest> &&req,
+                                                         const ServiceHandler &handler) {
+    RequestTask *task = req ? req->AsTask() : nullptr;
+    if (task == nullptr) {
+        return std::make_shared<const CallbackTask>(shared_from_this(), handler, std::move(req));
+    }
+    task->Bind(shared_from_this(), handler);
+    return std::shared_ptr<const TarvoTask>(std::move(req), task);
+}
+
+void TarvoPipeImpl::RunCallback(const ServiceHandler &handler, const InRequest *req) {
     if (req != nullptr) {
         UpdateTimeRecord(req->id);
         TarvoRequest view{req->id, req->data.get(), req->length};

@@ -89,7 +89,7 @@ int TarvoPipeImpl::WriteTimed(Tarvo::RunTimeRecord &record, const char *frame, s
         ReadLock use(descriptorUse);
         fd = writeFd;
         written = write(fd, frame, len);
-        error = errno;
+        error = written == -1 ? errno : 0;
     }
     if (record.WhetherTotalTimeHasTimeout()) {
         record.RunTimePrint("Writing " + writeFifoName + " takes more than " + std::to_string(WRITE_BUDGET_MS) +

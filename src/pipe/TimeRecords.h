@@ -11,7 +11,8 @@ inline int64_t Elapsed(int64_t from, int64_t to) {
     return static_cast<int64_t>(static_cast<uint64_t>(to) - static_cast<uint64_t>(from));
 }
 
-// Filled by a receive monitor for the pipes whose events it hands on; -1 where nothing is known yet.
+// Filled by a receive monitor for the pipes whose events it hands on; -1 where nothing is known yet. Monitors that have
+// had no heartbeat pipe, the only ones that ask, leave the time of the return out.
 struct EpollTimeRecord {
     int64_t epollWaitT = -1; // when the monitor started to wait
     int64_t epollRecvT = -1; // when the wait returned

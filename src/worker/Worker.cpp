@@ -215,7 +215,7 @@ void Worker::Routine() {
     NuroCoreSetaffinity();
     do {
         TARVO_LOG(LOG_INFO, "worker=%s sleep!", name.c_str());
-        const bool woken = wakeup.WaitFor(IDLE_TIMEOUT);
+        const bool woken = wakeup.WaitFor(IDLE_TIMEOUT, CLOCK_MONOTONIC_COARSE);
         TARVO_LOG(LOG_INFO, "worker=%s awake!", name.c_str());
         if (!woken && EndWhenIdle()) {
             return;
