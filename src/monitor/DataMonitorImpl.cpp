@@ -82,7 +82,7 @@ int DataMonitorImpl::StartThread() {
 }
 
 int DataMonitorImpl::Add(int pipeIdx, int readFd, std::shared_ptr<TarvoPipeImpl> pipe) {
-    MutexLock lock(mutex);
+    WriteLock lock(mutex);
     if (table.find(pipeIdx) != table.end()) {
         return 0;
     }
@@ -141,7 +141,7 @@ void DataMonitorImpl::AddNewItemToTable(int pipeIdx, int readFd, const std::shar
 int DataMonitorImpl::Remove(int pipeIdx) {
     // Released after the mutex: the last reference closes the pipe.
     std::shared_ptr<TarvoPipeImpl> removed;
-    MutexLock lock(mutex);
+    WriteLock lock(mutex);
     const auto found = table.find(pipeIdx);
     if (found == table.end()) {
         TARVO_LOG(LOG_INFO, "Find pipe(%d) in minitorTable unfinished", pipeIdx);
@@ -300,7 +300,7 @@ bool DataMonitorImpl::HandleEvent(const epoll_event &event, int i, Tarvo::EpollT
     }
     std::shared_ptr<TarvoPipeImpl> pipe;
     {
-        MutexLock lock(mutex);
+        ReadLock lock(mutex);
         pipe = GetPipe(pipeIdx);
         if (!pipe) {
             TARVO_LOG_RESTRAINED(LOG_ERR, "DataMonitorImpl RecvRoutine pipe == nullptr, i=%lu, pipeIdx=%d, events=%u.",

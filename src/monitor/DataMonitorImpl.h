@@ -7,7 +7,7 @@
 #include <map>
 #include <memory>
 
-#include "api/Mutex.h"
+#include "api/SharedMutex.h"
 #include "pipe/TarvoPipeImpl.h"
 #include "pipe/TimeRecords.h"
 #include "tarvo.h"
@@ -15,8 +15,8 @@
 
 // One receive thread with its epoll set: waits on the read ends of many pipes and hands each event to its pipe.
 // Owns: the thread, the epoll instance, the eventfd that stops the thread, and a reference to every registered pipe.
-// Threads: any may add and remove; the receive thread removes pipes that hung up. Locks: mutex, never held while a pipe
-// handles an event or is destroyed. Ends: Destroy() before destruction.
+// Threads: any may add and remove; the receive thread removes pipes that hung up. Locks: mutex, shared for a look at
+// the table; never held while a pipe handles an event or is destroyed. Ends: Destroy() before destruction.
 class DataMonitorImpl {
 public:
     explicit DataMonitorImpl(const char *name) : threadName(name) {}
@@ -32,7 +32,7 @@ public:
     // 0, -ENOENT, or the failure of the epoll removal, which leaves the pipe registered.
     int Remove(int pipeIdx) EXCLUDES(mutex);
     // The pipe of an index, or empty.
-    std::shared_ptr<TarvoPipeImpl> GetPipe(int pipeIdx) const REQUIRES(mutex);
+    std::shared_ptr<TarvoPipeImpl> GetPipe(int pipeIdx) const REQUIRES_SHARED(mutex);
     // Stops and joins the thread and closes both descriptors. The table stays as it is.
     void Destroy();
     // Whether it reads cross-domain pipes.
@@ -75,7 +75,7 @@ private:
     // Set with the first heartbeat pipe: nobody else asks when a wait returned, and reading the clock takes time.
     std::atomic<bool> timesEvents{false};
     TarvoThread recvThread;
-    Mutex mutex;
+    SharedMutex mutex;
     std::map<int, PipeIdxMgrImpl> table GUARDED_BY(mutex);
     const char *threadName;
     // Made before the thread starts, so that the thread itself cannot run out of memory.

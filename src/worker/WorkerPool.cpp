@@ -95,7 +95,7 @@ int WorkerPool::ReadyToDestroyAction() { return Post(destroySem); }
 void WorkerPool::StopAction() {
     NamedWorkers named;
     {
-        MutexLock lock(namedMutex);
+        WriteLock lock(namedMutex);
         named.swap(namedWorkers);
     }
     {
@@ -216,7 +216,7 @@ int WorkerPool::AllocSlot(const std::string &name) {
 int WorkerPool::NameSlot(const std::string &name, unsigned slot) {
     if (Worker *worker = WorkerAt(slot)) {
         try {
-            MutexLock lock(namedMutex);
+            WriteLock lock(namedMutex);
             namedWorkers.emplace(name, NamedSlot{slot, worker});
             return static_cast<int>(slot);
         } catch (const std::bad_alloc &) {
@@ -237,7 +237,7 @@ Worker *WorkerPool::TryGetNamedWorker(const std::string &name) {
 }
 
 Worker *WorkerPool::WorkerOf(const std::string &name) {
-    MutexLock lock(namedMutex);
+    ReadLock lock(namedMutex);
     const auto entry = namedWorkers.find(name);
     return entry != namedWorkers.end() ? entry->second.worker : nullptr;
 }
@@ -245,7 +245,7 @@ Worker *WorkerPool::WorkerOf(const std::string &name) {
 int WorkerPool::FreeWorker(std::string name) {
     unsigned slot = 0;
     {
-        MutexLock lock(namedMutex);
+        WriteLock lock(namedMutex);
         const auto entry = namedWorkers.find(name);
         if (entry == namedWorkers.end()) {
             TARVO_LOG(LOG_INFO, "Free unexisting worker for %s", name.c_str());
@@ -274,7 +274,7 @@ int WorkerPool::FreeWorker(const Worker &worker) {
         slot = static_cast<unsigned>(entry - workers.begin());
     }
     {
-        MutexLock lock(namedMutex);
+        WriteLock lock(namedMutex);
         FreeWorker(slot);
     }
     FreeWorkerSlot(slot);

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "api/Mutex.h"
+#include "api/SharedMutex.h"
 #include "worker/Worker.h"
 
 class WorkerPoolState;
@@ -77,7 +78,7 @@ public:
     int FreeWorker(const Worker &worker) EXCLUDES(namedMutex, workersMutex, stateMutex);
     // Forgets the name of a slot.
     void FreeWorker(unsigned slot) REQUIRES(namedMutex);
-    Mutex &NamedMutex() RETURN_CAPABILITY(namedMutex) { return namedMutex; }
+    SharedMutex &NamedMutex() RETURN_CAPABILITY(namedMutex) { return namedMutex; }
 
     // Whether a task runs on any worker; gives back the slots of all others. Part of Destroy.
     bool HasBusyWorker() EXCLUDES(workersMutex, stateMutex);
@@ -112,7 +113,7 @@ private:
     const unsigned normalWorkers;
     NamedWorkers namedWorkers GUARDED_BY(namedMutex);
     Workers workers GUARDED_BY(workersMutex);
-    Mutex namedMutex;
+    SharedMutex namedMutex;
     Mutex workersMutex;
     std::vector<uint64_t> slots GUARDED_BY(stateMutex);
     sem_t freeSem;
