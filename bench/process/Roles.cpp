@@ -22,8 +22,9 @@ namespace {
 
 constexpr std::size_t WARM_UP_CALLS = 200;
 constexpr std::size_t UNANSWERED_MESSAGES = 500;
-// One operation in so many is done once more, for its system calls.
+// One operation in so many is done once more, for its system calls; at least these.
 constexpr std::size_t COUNTED_PART = 10;
+constexpr std::size_t LEAST_COUNTED = 10;
 
 const Contestant &Find(const std::string &name) {
     for (const Contestant &contestant : Contestants()) {
@@ -279,7 +280,7 @@ int RunClient(const ChildOptions &options) {
     Print(outcome, after - before);
     // The connections stay until all have measured.
     if (AwaitLine()) {
-        CountSyscalls(session, std::max<std::size_t>(options.task.count / COUNTED_PART, 1), processes);
+        CountSyscalls(session, std::max(options.task.count / COUNTED_PART, LEAST_COUNTED), processes);
         AwaitLine();
     }
     // Not through the destructors: receive threads of the contestants may still be at work on the connections.
