@@ -261,7 +261,10 @@ std::shared_ptr<const TarvoTask> TarvoPipeImpl::MakeTask(std::shared_ptr<InReque
         return std::make_shared<const CallbackTask>(shared_from_this(), handler, std::move(req));
     }
     task->Bind(shared_from_this(), handler);
-    return std::shared_ptr<const TarvoTask>(std::move(req), task);
+    std::shared_ptr<const TarvoTask> bound(req, task);
+    // The user's callback goes with the task: on the worker, and not here after the task has run.
+    req.reset();
+    return bound;
 }
 
 void TarvoPipeImpl::RunCallback(const ServiceHandler &handler, const InRequest *req) {

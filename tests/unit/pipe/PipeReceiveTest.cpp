@@ -2,8 +2,11 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstring>
 #include <functional>
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "PipeEnvironment.h"
@@ -371,6 +374,29 @@ TEST_F(PipeConcurrentTest, RefusedSubmissionKeepsItsPlaceForTheLifeOfThePipe) {
     Request(pipe);
     EXPECT_EQ(observer.PendingTasks(), 0U);
     EXPECT_TRUE(log.ContainsExactly(LOG_ERR, Occupied()));
+}
+
+// Sees how many refer to a task when it is handed in.
+class ReferenceObserver : public RecordingObserver {
+public:
+    int OnTaskIn(std::string workerName, std::shared_ptr<const TarvoTask> task, TarvoPriority priority) const override {
+        references = task.use_count();
+        return RecordingObserver::OnTaskIn(std::move(workerName), std::move(task), priority);
+    }
+
+    mutable long references = 0;
+};
+
+TEST_F(PipeReceiveTest, WorkerIsTheLastToLetGoOfATask) {
+    ReferenceObserver alone;
+    TarvoAttr attr = Attr(TARVO_MODE_CLIENT);
+    attr.callback = [](int, TarvoRequest *) {};
+    const Pipe pipe = std::make_shared<TarvoPipeImpl>(attr, alone);
+    InMessage message(1, MSG_TYPE_REQUEST, 4);
+    std::memcpy(message.GetData(), "ping", 4);
+    pipe->ProcessRequest(message);
+    EXPECT_EQ(alone.references, 1);
+    EXPECT_EQ(alone.RunTasks(), 1U);
 }
 
 // ---- Delivery times of heartbeat pipes ----
