@@ -145,7 +145,7 @@ public:
         for (std::size_t i = 0; i < count; ++i) {
             const int64_t start = Nanoseconds(CLOCK_MONOTONIC);
             clients.push_back(
-                contestant.connect(options.endpoint, options.self + "c" + std::to_string(connections++), 1));
+                contestant.connect(options.endpoint, options.self + "c" + std::to_string(clients.size()), 1));
             CallOnce(0);
             outcome.latencies.push_back(Nanoseconds(CLOCK_MONOTONIC) - start);
         }
@@ -215,7 +215,6 @@ private:
     const ChildOptions &options;
     std::vector<char> payload;
     std::vector<std::unique_ptr<Client>> clients;
-    std::size_t connections = 0;
 
 public:
     void UseEcho() { payload[0] = OP_ECHO; }

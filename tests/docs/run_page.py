@@ -11,6 +11,7 @@ import contextlib
 import os
 import pathlib
 import re
+import select
 import shutil
 import signal
 import subprocess
@@ -162,20 +163,20 @@ class Page:
 
     def begin(self, block, command):
         """Starts a block that serves, and waits until it has printed what the page shows."""
-        output = self.scratch / f"line{block.line}.out"
-        with output.open("w") as file:
-            process = subprocess.Popen(
-                command, cwd=self.directory, env=self.environment, stdout=file, stderr=subprocess.STDOUT,
-                stdin=subprocess.PIPE, start_new_session=True,
-            )
+        process = subprocess.Popen(
+            command, cwd=self.directory, env=self.environment, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+            stdin=subprocess.PIPE, start_new_session=True,
+        )
         self.background.append(process)
         if block.expected is None:
             raise Failure("a block in the background must show what it prints once it is ready")
-        deadline = time.monotonic() + LIMIT_S
-        while not page.matches(block.expected, output.read_text()):
-            if process.poll() is not None or time.monotonic() > deadline:
-                raise Failure(f"the page shows\n{block.expected}but the output is\n{output.read_text()}")
-            time.sleep(0.02)
+        deadline, output = time.monotonic() + LIMIT_S, b""
+        while not page.matches(block.expected, output.decode(errors="replace")):
+            readable, _, _ = select.select([process.stdout], [], [], max(deadline - time.monotonic(), 0))
+            more = os.read(process.stdout.fileno(), 65536) if readable else b""
+            if not more:  # it has ended, or the time is over
+                raise Failure(f"the page shows\n{block.expected}but the output is\n{output.decode(errors='replace')}")
+            output += more
         return "runs on, with the output shown"
 
     def end(self, process):

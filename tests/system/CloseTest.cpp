@@ -1,12 +1,13 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
-#include <fstream>
 #include <string>
 
+#include "support/Asleep.h"
 #include "support/Eventually.h"
 #include "support/RawPeer.h"
 #include "system/Payload.h"
@@ -113,16 +114,8 @@ TEST_F(CloseTest, SigkillOfTheMakerIsTold) {
 
 // Whether every thread of the process sleeps.
 bool AllAsleep(pid_t pid) {
-    for (const auto &task : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task")) {
-        std::string stat;
-        std::getline(std::ifstream(task.path() / "stat"), stat);
-        // The state follows the name of the thread, which stands in parentheses.
-        const std::size_t state = stat.rfind(')') + 2;
-        if (state >= stat.size() || stat[state] != 'S') {
-            return false;
-        }
-    }
-    return true;
+    const std::filesystem::directory_iterator tasks("/proc/" + std::to_string(pid) + "/task");
+    return std::all_of(begin(tasks), end(tasks), [](const auto &task) { return IsAsleep(task.path()); });
 }
 
 class WaitingCallerTest : public CloseTest, public ::testing::WithParamInterface<std::string> {

@@ -3,29 +3,30 @@
 
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/types.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdint>
 #include <future>
+#include <string>
 #include <thread>
 #include <vector>
 
+#include "support/Asleep.h"
 #include "support/Eventually.h"
+#include "support/Reach.h"
 
-namespace {
+namespace tarvo_test {
 
-using tarvo_test::Eventually;
-
-// Gives tests the count of readers, which tells them that a writer has come.
+// The count of readers, which tells that a writer has come.
 struct Users {
     using Type = std::atomic<int32_t> SharedMutex::*;
     friend Type Get(Users);
 };
-template <typename Tag, typename Tag::Type member>
-struct Expose {
-    friend typename Tag::Type Get(Tag) { return member; }
-};
-template struct Expose<Users, &SharedMutex::users>;
+template struct Reach<Users, &SharedMutex::users>;
+
+namespace {
 
 class SharedMutexTest : public testing::Test {
 protected:
@@ -35,26 +36,37 @@ protected:
     public:
         explicit Holder(SharedMutex &mutex)
             : thread([this, &mutex] {
+                  id.set_value(gettid());
                   const Lock lock(mutex);
                   holds.set_value();
                   released.get_future().wait();
               }) {}
-        ~Holder() {
-            Release();
-            thread.join();
-        }
+        ~Holder() { End(); }
         Holder(const Holder &) = delete;
         Holder &operator=(const Holder &) = delete;
 
         void AwaitHeld() { held.wait(); }
+        // Whether it has been kept out: it sleeps, and not because it has the lock.
+        bool Waits() {
+            const std::string task = "/proc/self/task/" + std::to_string(threadId.get());
+            return Eventually([&task] { return IsAsleep(task); }) && !Holds();
+        }
         bool Holds() { return held.wait_for(std::chrono::seconds(0)) == std::future_status::ready; }
         void Release() {
             if (!letGo.exchange(true)) {
                 released.set_value();
             }
         }
+        void End() {
+            Release();
+            if (thread.joinable()) {
+                thread.join();
+            }
+        }
 
     private:
+        std::promise<pid_t> id;
+        std::shared_future<pid_t> threadId = id.get_future();
         std::promise<void> holds;
         std::future<void> held = holds.get_future();
         std::promise<void> released;
@@ -85,10 +97,9 @@ TEST_F(SharedMutexTest, WriterWaitsForEveryReader) {
     first.AwaitHeld();
     second.AwaitHeld();
     Writer writer(mutex);
-    AwaitWriter();
-    EXPECT_FALSE(writer.Holds());
-    first.Release();
-    EXPECT_FALSE(writer.Holds());
+    EXPECT_TRUE(writer.Waits());
+    first.End();
+    EXPECT_TRUE(writer.Waits());
     second.Release();
     writer.AwaitHeld();
 }
@@ -99,8 +110,8 @@ TEST_F(SharedMutexTest, ReaderThatComesToAWaitingWriterComesAfterIt) {
     Writer writer(mutex);
     AwaitWriter();
     Reader late(mutex);
-    EXPECT_FALSE(writer.Holds());
-    EXPECT_FALSE(late.Holds());
+    EXPECT_TRUE(late.Waits());
+    EXPECT_TRUE(writer.Waits());
     early.Release();
     writer.AwaitHeld();
     EXPECT_FALSE(late.Holds());
@@ -112,7 +123,7 @@ TEST_F(SharedMutexTest, WritersExcludeEachOther) {
     Writer first(mutex);
     first.AwaitHeld();
     Writer second(mutex);
-    EXPECT_FALSE(second.Holds());
+    EXPECT_TRUE(second.Waits());
     first.Release();
     second.AwaitHeld();
 }
@@ -170,3 +181,4 @@ TEST_F(SharedMutexTest, ReadersSeeWhatWritersLeaveWhole) {
 }
 
 } // namespace
+} // namespace tarvo_test

@@ -13,6 +13,7 @@
 #include "support/LeakCheck.h"
 #include "support/Names.h"
 #include "support/Pipes.h"
+#include "support/Reach.h"
 #include "support/SyslogCapture.h"
 #include "table/TarvoTable.h"
 #include "worker/CallbackPool.h"
@@ -36,11 +37,7 @@ inline bool MonitorThreadsBecome(int count) {
     return Eventually([count] { return ThreadsNamed("tarvo_monitor") == count; });
 }
 
-// Private members that a test has to reach: the counter to make it run over, the locks to show who takes them.
-template <typename Member, typename Member::Type Pointer>
-struct Reach {
-    friend typename Member::Type Get(Member) { return Pointer; }
-};
+// Private members that these tests reach.
 struct NextFd {
     using Type = std::atomic<int32_t> TarvoTable::*;
     friend Type Get(NextFd);
