@@ -25,6 +25,7 @@ bool IsEmpty(const Block *block) {
 // caller's response any more when the call ends without one, however it ends.
 class PendingCall {
 public:
+    // `callReq` is the call's own: the caller's may be given to another call meanwhile, and then holds that one's id.
     PendingCall(TarvoPipeImpl &callPipe, OutRequest &callRequest, const TarvoRequest &callReq, TarvoResponse &callResp)
         : pipe(callPipe), request(callRequest), req(callReq), resp(callResp) {}
 
@@ -62,9 +63,10 @@ int SendAndWait(TarvoPipeImpl &pipe, int fd, TarvoRequest &req, TarvoResponse &r
         TARVO_LOG(LOG_INFO, "RecordOutRequest err=%d.", ret);
         return ret;
     }
-    PendingCall call(pipe, *request, req, resp);
-    TARVO_LOG(LOG_INFO, "SendRPCSync id=%u, size=%u bytes", req.id, req.size);
-    ret = pipe.Send(req, timeout);
+    const TarvoRequest own{request->GetId(), req.data, req.size};
+    PendingCall call(pipe, *request, own, resp);
+    TARVO_LOG(LOG_INFO, "SendRPCSync id=%u, size=%u bytes", own.id, own.size);
+    ret = pipe.Send(own, timeout);
     if (ret < 0) {
         TARVO_LOG_RESTRAINED(LOG_ERR, "Send req fail, fd=%d, err=%d.", fd, ret);
         return ret;

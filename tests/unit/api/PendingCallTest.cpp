@@ -99,6 +99,30 @@ TEST_F(PendingCallTest, EveryCallHasAnIdOfItsOwn) {
     EXPECT_EQ(call.get(), "to first");
 }
 
+// The id in the object is the later call's when the earlier one ends.
+TEST_F(PendingCallTest, CallsOverOneRequestObjectDoNotTakeEachOthersPlace) {
+    FakeClock clock;
+    auto earlier =
+        std::async(std::launch::async, [&] { return TarvoTimedRPCSync(fd, &blocks.request, &response, HOUR_MS); });
+    ASSERT_TRUE(clock.WaitUntilWaiting(1, std::chrono::minutes(30)));
+    const uint32_t earlierId = peer.Receive().id;
+    TarvoResponse laterResponse{};
+    auto later = std::async(std::launch::async,
+                            [&] { return TarvoTimedRPCSync(fd, &blocks.request, &laterResponse, 2 * HOUR_MS); });
+    ASSERT_TRUE(clock.WaitUntilWaiting(2, std::chrono::minutes(30)));
+    const uint32_t laterId = peer.Receive().id;
+    EXPECT_NE(earlierId, laterId);
+    clock.Advance(std::chrono::milliseconds(HOUR_MS));
+    EXPECT_EQ(earlier.get(), -ETIMEDOUT);
+    peer.Send(RawResponse(laterId, "to the later"));
+    EXPECT_EQ(later.get(), 0);
+    EXPECT_EQ(std::string(laterResponse.data, laterResponse.size), "to the later");
+    DestroyResponse(&laterResponse);
+    peer.Send(RawResponse(earlierId, "too late"));
+    AwaitReadUpToHere();
+    EXPECT_EQ(response.data, nullptr);
+}
+
 TEST_F(PendingCallTest, FramesTellHowLongTheirCallerWaits) {
     EXPECT_EQ(TarvoSendRequest(fd, &blocks.request), 0);
     EXPECT_EQ(peer.Receive().timeout, -1);
