@@ -131,7 +131,7 @@ int DataMonitorImpl::RemoveFd(int readFd) const { return RemoveFdFromEpoll(epoll
 
 void DataMonitorImpl::AddNewItemToTable(int pipeIdx, int readFd, const std::shared_ptr<TarvoPipeImpl> &pipe) {
     try {
-        table.emplace(pipeIdx, PipeIdxMgrImpl{pipeIdx, readFd, pipe, -1});
+        table.emplace(pipeIdx, PipeIdxMgrImpl{pipeIdx, readFd, pipe, -1, ++changes, pipe ? pipe->Opening() : 0});
     } catch (const std::bad_alloc &) {
         // Add() finds the entry missing, and takes the descriptor out again.
         return;
@@ -147,20 +147,54 @@ int DataMonitorImpl::Remove(int pipeIdx) {
         TARVO_LOG(LOG_INFO, "Find pipe(%d) in minitorTable unfinished", pipeIdx);
         return -ENOENT;
     }
-    const int readFd = found->second.readFd;
-    TARVO_LOG(LOG_INFO, "Find pipe(%d) pipeReadFd(%d) in minitorTable.", pipeIdx, readFd);
-    const int ret = RemoveFd(readFd);
+    return Remove(found, removed);
+}
+
+int DataMonitorImpl::Remove(Table::iterator position, std::shared_ptr<TarvoPipeImpl> &removed) {
+    PipeIdxMgrImpl &entry = position->second;
+    TARVO_LOG(LOG_INFO, "Find pipe(%d) pipeReadFd(%d) in minitorTable.", entry.pipeIdx, entry.readFd);
+    const int ret = RemoveFd(entry.readFd);
     if (ret < 0) {
         TARVO_LOG_RESTRAINED(LOG_ERR, "DataMonitorImpl RemoveFd unfinished. pipeIdx = %d, readFd = %d, ret = %d.",
-                             pipeIdx, readFd, ret);
+                             entry.pipeIdx, entry.readFd, ret);
         return ret;
     }
-    if (found->second.writeFd >= 0) {
-        RemoveFd(found->second.writeFd);
+    if (entry.writeFd >= 0) {
+        RemoveFd(entry.writeFd);
     }
-    removed = std::move(found->second.pipe);
-    table.erase(found);
+    removed = std::move(entry.pipe);
+    table.erase(position);
+    ++changes;
     return 0;
+}
+
+DataMonitorImpl::Table::iterator DataMonitorImpl::Locate(const PipeIdxMgrImpl &entry) {
+    const auto found = table.find(entry.pipeIdx);
+    return found != table.end() && found->second.registration == entry.registration ? found : table.end();
+}
+
+void DataMonitorImpl::RemoveEntry(const PipeIdxMgrImpl &entry) {
+    std::shared_ptr<TarvoPipeImpl> removed;
+    // The end of all pipes closes them while they are still watched: not in the middle of this removal.
+    ReadLock use(entry.pipe->DescriptorUse());
+    WriteLock lock(mutex);
+    const auto found = Locate(entry);
+    if (found == table.end()) {
+        TARVO_LOG(LOG_INFO, "Find pipe(%d) in minitorTable unfinished", entry.pipeIdx);
+        return;
+    }
+    Remove(found, removed);
+}
+
+void DataMonitorImpl::UnwatchWriteEnd(const PipeIdxMgrImpl &entry) {
+    ReadLock use(entry.pipe->DescriptorUse());
+    WriteLock lock(mutex);
+    const auto found = Locate(entry);
+    if (found == table.end() || entry.pipe->LoneWriteFd() != entry.writeFd) {
+        return;
+    }
+    RemoveFd(entry.writeFd);
+    found->second.writeFd = -1;
 }
 
 std::shared_ptr<TarvoPipeImpl> DataMonitorImpl::GetPipe(int pipeIdx) const {
@@ -269,6 +303,7 @@ void DataMonitorImpl::RecvRoutine() {
     record.epollWaitT = static_cast<int64_t>(Tarvo::GetCurrentTime());
     bool stop = false;
     while (!stop) {
+        const uint64_t known = changes.load(std::memory_order_acquire);
         const int nfds = Monitor(events, MAX_EVENTS);
         const int error = errno;
         if (timesEvents.load(std::memory_order_relaxed)) {
@@ -284,41 +319,60 @@ void DataMonitorImpl::RecvRoutine() {
         }
         // The whole batch, also past the request to stop: what arrived together with it is still delivered.
         for (int i = 0; i < nfds; ++i) {
-            stop = HandleEvent(events[static_cast<std::size_t>(i)], i, record) || stop;
+            stop = HandleEvent(events[static_cast<std::size_t>(i)], i, known, record) || stop;
         }
     }
     TARVO_LOG(LOG_NOTICE, "DataMonitorImpl RecvRoutine end");
     events.reset();
 }
 
-bool DataMonitorImpl::HandleEvent(const epoll_event &event, int i, Tarvo::EpollTimeRecord &record) {
+bool DataMonitorImpl::HandleEvent(const epoll_event &event, int i, uint64_t known, Tarvo::EpollTimeRecord &record) {
     const int pipeIdx = event.data.fd;
     const auto position = static_cast<unsigned long>(i);
     TARVO_LOG(LOG_INFO, "Monitor recived event, i = %lu, pipeIdx = %d.", position, pipeIdx);
     if (pipeIdx > 0 && pipeIdx == exitIdx) {
         return ClearEventFd() || stopping;
     }
-    std::shared_ptr<TarvoPipeImpl> pipe;
+    PipeIdxMgrImpl entry{};
     {
         ReadLock lock(mutex);
-        pipe = GetPipe(pipeIdx);
-        if (!pipe) {
+        const auto found = table.find(pipeIdx);
+        if (found != table.end() && found->second.pipe) {
+            entry = found->second;
+        } else if (changes.load(std::memory_order_relaxed) != known) {
+            // Most likely removed since the wait began, which is no trouble. If not, the event comes again.
+            return false;
+        } else {
+            GetPipe(pipeIdx);
             TARVO_LOG_RESTRAINED(LOG_ERR, "DataMonitorImpl RecvRoutine pipe == nullptr, i=%lu, pipeIdx=%d, events=%u.",
                                  position, pipeIdx, event.events);
             return false;
         }
     }
     record.eventIdx = i + 1;
-    epoll_event seen = event;
-    if ((seen.events & EPOLLERR) != 0) {
-        // From the write end; the read end of a FIFO has no such event.
-        seen.events = pipe->HasSilentReadEnd() ? static_cast<uint32_t>(EPOLLHUP) : 0U;
-    }
-    pipe->HandleEvent(seen, record);
-    if ((seen.events & EPOLLHUP) != 0) {
-        // The end of all pipes closes them while they are still watched: not in the middle of this removal.
-        ReadLock use(pipe->DescriptorUse());
-        Remove(pipeIdx);
-    }
+    HandlePipeEvent(event, entry, known, record);
     return false;
+}
+
+void DataMonitorImpl::HandlePipeEvent(const epoll_event &event, const PipeIdxMgrImpl &entry, uint64_t known,
+                                      Tarvo::EpollTimeRecord &record) {
+    epoll_event seen = event;
+    if (entry.registration > known || (event.events & EPOLLERR) != 0) {
+        // An event that may be an earlier entry's, or one of the write end (the read end of a FIFO has no such event),
+        // which matters only while the read end has nothing to tell.
+        seen.events = entry.pipe->ReadyEvents();
+    }
+    if (seen.events == 0) {
+        return;
+    }
+    if (seen.events == EPOLLERR) {
+        seen.events = entry.pipe->HasLostRemote(record) ? static_cast<uint32_t>(EPOLLHUP) : 0U;
+    }
+    if (entry.writeFd >= 0 && (seen.events & EPOLLHUP) == 0) {
+        UnwatchWriteEnd(entry);
+    }
+    entry.pipe->HandleEvent(seen, record, entry.opening);
+    if ((seen.events & EPOLLHUP) != 0) {
+        RemoveEntry(entry);
+    }
 }

@@ -47,7 +47,8 @@ public:
     int RemoveFd(int readFd) const;
     void AddNewItemToTable(int pipeIdx, int readFd, const std::shared_ptr<TarvoPipeImpl> &pipe) REQUIRES(mutex);
     // A FIFO tells its reader of a hang-up only once it has had a writer. A remote that dies before it has opened its
-    // write end is noticed by the other FIFO, whose reader it was. Once: the read end, if it can, reports the rest.
+    // write end is noticed by the other FIFO, whose reader it was. Until the first event of the pipe: from then on the
+    // read end reports the rest, and a remote that stops reading may go on writing.
     int WatchWriteEnd(int pipeIdx) REQUIRES(mutex);
     int Monitor(const std::unique_ptr<epoll_event[]> &ready, int maxEvents);
     // The thread's body.
@@ -58,15 +59,26 @@ private:
         int pipeIdx;
         int readFd;
         std::shared_ptr<TarvoPipeImpl> pipe;
-        int writeFd = -1; // watched for the loss of its reader, when not negative
+        int writeFd = -1;          // watched for the loss of its reader, when not negative
+        uint64_t registration = 0; // tells it from an earlier entry of the same index
+        uint32_t opening = 0;      // TarvoPipeImpl::Opening() at that time
     };
+    using Table = std::map<int, PipeIdxMgrImpl>;
 
     int StartThread();
     // Makes the thread leave its wait and end although the eventfd could not be written.
     void StopWithoutMessage();
     void PrepareThread();
-    // Hands over one event; true when it was the request to stop.
-    bool HandleEvent(const epoll_event &event, int i, Tarvo::EpollTimeRecord &record) EXCLUDES(mutex);
+    // Hands over one event; true when it was the request to stop. `known`: the changes of the table before the wait.
+    bool HandleEvent(const epoll_event &event, int i, uint64_t known, Tarvo::EpollTimeRecord &record) EXCLUDES(mutex);
+    void HandlePipeEvent(const epoll_event &event, const PipeIdxMgrImpl &entry, uint64_t known,
+                         Tarvo::EpollTimeRecord &record) EXCLUDES(mutex);
+    // Remove(), but of this very entry and of none that has taken its place since.
+    void RemoveEntry(const PipeIdxMgrImpl &entry) EXCLUDES(mutex);
+    int Remove(Table::iterator position, std::shared_ptr<TarvoPipeImpl> &removed) REQUIRES(mutex);
+    // The entry as it is in the table now, or the end when it is gone.
+    Table::iterator Locate(const PipeIdxMgrImpl &entry) REQUIRES(mutex);
+    void UnwatchWriteEnd(const PipeIdxMgrImpl &entry) EXCLUDES(mutex);
 
     int epollFd = -1;
     int eventFd = -1;
@@ -76,7 +88,10 @@ private:
     std::atomic<bool> timesEvents{false};
     TarvoThread recvThread;
     SharedMutex mutex;
-    std::map<int, PipeIdxMgrImpl> table GUARDED_BY(mutex);
+    Table table GUARDED_BY(mutex);
+    // Counts registrations and removals. An epoll event carries nothing but the index of its pipe, and may be older
+    // than the entry that the index finds: events of entries that are newer than the wait are looked at again.
+    std::atomic<uint64_t> changes{0};
     const char *threadName;
     // Made before the thread starts, so that the thread itself cannot run out of memory.
     std::unique_ptr<epoll_event[]> events;

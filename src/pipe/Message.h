@@ -73,6 +73,9 @@ public:
     // Hands the buffer to the caller, who frees it with array delete.
     char *ReleaseData() { return data.release(); }
 
+    // Whether the pipe's record of its times is this message's own, and not that of an earlier one with its id.
+    bool timed = false;
+
 private:
     std::unique_ptr<char[]> data;
 };
@@ -98,7 +101,8 @@ class RequestTask;
 // Owns: the payload taken over from the message. Threads: one at a time. Locks: none. Ends: after the callback.
 class InRequest {
 public:
-    explicit InRequest(InMessage &msg) : id(msg.id), data(msg.ReleaseData()), length(msg.payloadLen) {}
+    explicit InRequest(InMessage &msg)
+        : id(msg.id), data(msg.ReleaseData()), length(msg.payloadLen), timed(msg.timed) {}
     virtual ~InRequest() = default;
     InRequest(const InRequest &) = delete;
     InRequest &operator=(const InRequest &) = delete;
@@ -109,6 +113,7 @@ public:
     uint32_t id;
     std::unique_ptr<char[]> data;
     uint32_t length;
+    const bool timed; // InMessage::timed
 };
 
 #endif // TARVO_PIPE_MESSAGE_H

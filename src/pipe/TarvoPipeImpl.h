@@ -2,8 +2,11 @@
 #define TARVO_PIPE_TARVOPIPEIMPL_H
 
 #include <sys/epoll.h>
+#include <syslog.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <list>
@@ -29,9 +32,9 @@ using DataMonitorType = int32_t;
 // One connection to a remote process: a FIFO that this side writes and one that it reads.
 // Owns: both descriptors and, in server mode, both FIFO files. Threads: any may open, send, call and close; HandleEvent
 // belongs to one receive monitor; callbacks run on workers. Locks, in this order: remoteCloseMutex, openMutex,
-// inRequestMutex, writeFdMutex, descriptorUse; outRequestMutex and writeFdMutex before the mutex of the request list;
-// recordMutex alone. Ends: with the last of its table entry, monitor entry, queued tasks and callers inside it; closes
-// itself then.
+// inRequestMutex, openingMutex, writeFdMutex, descriptorUse; openingMutex before those of the table and of the
+// monitors; outRequestMutex and writeFdMutex before the mutex of the request list; recordMutex alone. Ends: with the
+// last of its table entry, monitor entry, queued tasks and callers inside it; closes itself then.
 class TarvoPipeImpl : public MagicReceiver, public std::enable_shared_from_this<TarvoPipeImpl> {
 public:
     using ServiceHandler = std::function<void(int, TarvoRequest *)>;
@@ -85,6 +88,8 @@ public:
     // ---- Receiving and dispatch ----
     int Recv(void *buf, unsigned long len) override;
     void HandleEvent(const epoll_event &ev, Tarvo::EpollTimeRecord &rec);
+    // The same for an event that belongs to one opening of the pipe: its hang-up does not close a later one.
+    void HandleEvent(const epoll_event &ev, Tarvo::EpollTimeRecord &rec, uint32_t ofOpening);
     void HandleMessage(Tarvo::EpollTimeRecord &rec);
     std::optional<InMessage> RecvMessage(Tarvo::EpollTimeRecord &rec);
     virtual void ProcessMessage(InMessage &msg);
@@ -95,7 +100,8 @@ public:
     void ProcessCachedRequests(const ServiceHandler &handler) EXCLUDES(inRequestMutex);
     ServiceHandler GetServiceHandler() const;
     void OnCallbackFinished();
-    void CheckEpollTime(const MsgHead &head, const Tarvo::EpollTimeRecord &rec) EXCLUDES(recordMutex);
+    // Whether the record that it made is the message's own (InMessage::timed).
+    bool CheckEpollTime(const MsgHead &head, const Tarvo::EpollTimeRecord &rec) EXCLUDES(recordMutex);
     void UpdateTimeRecord(unsigned int id) EXCLUDES(recordMutex);
     // A copy, taken without the lock: for use once no request can arrive any more.
     std::list<std::shared_ptr<InRequest>> GetInReqList() const NO_THREAD_SAFETY_ANALYSIS { return inRequests; }
@@ -117,12 +123,14 @@ public:
 
     // ---- Closing ----
     void HandleRemoteClosed() EXCLUDES(remoteCloseMutex);
+    // The same, but of one opening: nothing happens when the pipe has been opened anew since.
+    void HandleRemoteClosed(uint32_t ofOpening) EXCLUDES(remoteCloseMutex, openingMutex, writeFdMutex);
     void OnRemoteClosedFinished();
     // Closes both descriptors once, and removes the files that this side created; 0 or the last removal's result.
     int CloseFd() EXCLUDES(writeFdMutex);
     void DeInitPipe() EXCLUDES(writeFdMutex);
-    // Before the last close, of a pipe that nobody finds any more: whoever had found it just before cannot open it
-    // again, which then nobody could close.
+    // Before the last close: whoever has found the pipe just before cannot open it again, nor register it, which then
+    // nobody could undo. A registration that is under way has ended when this returns.
     void Retire() EXCLUDES(writeFdMutex);
     // Removes both FIFO files of a pipe whose remote created them.
     void CleanPipe();
@@ -133,8 +141,15 @@ public:
     // The write end of a pipe that has it before it is registered (client mode), else -1: its remote may be gone before
     // the read end has ever had a writer, and so without a hang-up there.
     int LoneWriteFd() const { return mode == TARVO_MODE_CLIENT ? writeFd.load() : -1; }
-    // Whether the read end reports neither bytes nor a hang-up just now.
-    bool HasSilentReadEnd();
+    // What an epoll set would report of the pipe just now: EPOLLIN and EPOLLHUP of its read end, EPOLLERR when the
+    // write end of a pipe in client mode has no reader.
+    uint32_t ReadyEvents();
+    // Once the write end has no reader while the read end is silent: whether nobody has the other end of that one open
+    // either, which a FIFO that has never had a writer tells to nobody but a read(2). Receive monitor only. A message
+    // that comes just then is handled.
+    bool HasLostRemote(Tarvo::EpollTimeRecord &rec);
+    // Which opening of the pipe this is: events and background work belong to one.
+    uint32_t Opening() const { return opening; }
     // For the monitor, held shared around a system call on the read descriptor.
     SharedMutex &DescriptorUse() RETURN_CAPABILITY(descriptorUse) { return descriptorUse; }
 
@@ -154,22 +169,37 @@ private:
     friend class RequestTask;
 
     // 0, or -ECANCELED once the pipe is retired.
-    int BeginOpening() EXCLUDES(writeFdMutex);
+    int BeginOpening() EXCLUDES(openingMutex, writeFdMutex);
     int OpenBothEnds(int timeoutMs);
-    int RegisterReadEnd();
+    int RegisterReadEnd() EXCLUDES(openingMutex);
     void CloseReadEnd() EXCLUDES(writeFdMutex);
     void StartServerOpen();
     int CreateOwnFifo(const std::string &name, const char *slowText) const;
+    // False when the pipe has its write end, is closed or is opened anew meanwhile.
+    bool AwaitNextAttempt(std::chrono::microseconds time, uint32_t ofOpening) EXCLUDES(writeFdMutex);
     bool IsClosing() const { return closeAction == -1; }
     int CloseOnce() REQUIRES(writeFdMutex);
 
+    template <typename Receive>
+    void HandleReceived(Receive receive);
+    std::optional<InMessage> RecvPayload(const MsgHead &head, Tarvo::EpollTimeRecord &rec);
+    // A failed read of a pipe that this process has just closed is nobody's trouble.
+    int ReadFailureLevel() const { return IsClosing() ? LOG_INFO : LOG_ERR; }
     // HandleRequest for a request of the remote, whose delivery time nobody asks for when it is dropped.
     void HandOver(std::shared_ptr<InRequest> req, const ServiceHandler &handler);
-    int SubmitCallback(std::shared_ptr<InRequest> &&req, const ServiceHandler &handler);
-    int SubmitSerial(std::shared_ptr<InRequest> &&req, const ServiceHandler &handler);
+    // HandleRequest for the notice of a remote close.
+    int HandleNotice(const std::shared_ptr<const TarvoTask> &notice);
+    // 0 when a callback may be submitted now.
+    int RefuseCallback();
+    // Null: there was no memory for the task.
+    int Submit(std::shared_ptr<const TarvoTask> task);
+    int SubmitConcurrent(std::shared_ptr<const TarvoTask> &&task);
+    int SubmitSerial(std::shared_ptr<const TarvoTask> &&task);
+    // Null when memory has run out. Copies the user's callback: not under a lock.
     std::shared_ptr<const TarvoTask> MakeTask(std::shared_ptr<InRequest> &&req, const ServiceHandler &handler);
     void RunCallback(const ServiceHandler &handler, const InRequest *req);
-    void EraseTimeRecord(unsigned int id) EXCLUDES(recordMutex);
+    // Early, without its callback: by the message that has inserted it and by no other.
+    void EraseTimeRecord(unsigned int id, bool timed) EXCLUDES(recordMutex);
 
     // The descriptors, or negative. Written under writeFdMutex, read by senders and the monitor without it.
     std::atomic<int32_t> writeFd{-1};
@@ -179,8 +209,16 @@ private:
     // number.
     SharedMutex descriptorUse;
     Mutex writeFdMutex ACQUIRED_BEFORE(descriptorUse);
-    bool retired GUARDED_BY(writeFdMutex) = false;
+    // Notified, under writeFdMutex, when the write end is there, the pipe closes or is opened anew.
+    std::condition_variable openingChanged;
+    // Set under writeFdMutex.
+    std::atomic<bool> retired{false};
     std::timed_mutex openMutex;
+    // Held while an opening begins and registers its read end, and while a remote close takes the registration back and
+    // closes: what is registered is open, and what has ended does not take the next opening with it.
+    Mutex openingMutex ACQUIRED_BEFORE(writeFdMutex);
+    // Changed under openingMutex and writeFdMutex.
+    std::atomic<uint32_t> opening{0};
 
     const std::string targetCon;
     // Written before the pipe is published in the table.

@@ -2,6 +2,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 
 #include "diag/velm_syslog.h"
@@ -13,31 +14,41 @@ constexpr char LOG_TAG[] = "TarvoPipeImplClose";
 
 } // namespace
 
-void TarvoPipeImpl::HandleRemoteClosed() {
+void TarvoPipeImpl::HandleRemoteClosed() { HandleRemoteClosed(opening); }
+
+void TarvoPipeImpl::HandleRemoteClosed(uint32_t ofOpening) {
+    // Made, and dropped, without a lock held, since the user's callback is copied into it.
+    const std::shared_ptr<const TarvoTask> notice = serviceHandler ? MakeTask(nullptr, serviceHandler) : nullptr;
     MutexLock lock(remoteCloseMutex);
     TARVO_LOG(LOG_DEBUG, "readFd: %d, writeFd: %d, myName: %s reomteName: %s", readFd.load(), writeFd.load(),
               myName.c_str(), remoteName.c_str());
     // A callback that cannot be told (its queue is full, say) must not keep the pipe open for ever with its callers
-    // waiting: the pipe then closes as one without a callback. The handler is not copied, for which there might be no
-    // memory.
-    if (serviceHandler && (HandleRequest(nullptr, serviceHandler) == 0 || IsClosing())) {
+    // waiting: the pipe then closes as one without a callback.
+    if (opening == ofOpening && serviceHandler && (HandleNotice(notice) == 0 || IsClosing())) {
+        return;
+    }
+    // Whoever wants to open the pipe again waits for this, and finds it closed and registered nowhere.
+    MutexLock ending(openingMutex);
+    if (opening != ofOpening) {
         return;
     }
     observer.OnPipeRemoteClosed(pipeFd);
     DeInitPipe();
 }
 
-bool TarvoPipeImpl::HasSilentReadEnd() {
+uint32_t TarvoPipeImpl::ReadyEvents() {
+    static_assert(POLLIN == EPOLLIN && POLLHUP == EPOLLHUP && POLLERR == EPOLLERR, "one kernel, one set of names");
     ReadLock use(descriptorUse);
-    pollfd end{readFd, POLLIN, 0};
-    if (end.fd < 0) {
-        return false;
-    }
+    // A negative descriptor is passed over.
+    std::array<pollfd, 2> ends{{{readFd, POLLIN, 0}, {LoneWriteFd(), 0, 0}}};
     int ready = 0;
     do { // a signal that comes just now interrupts even a poll that does not wait
-        ready = poll(&end, 1, 0);
+        ready = poll(ends.data(), ends.size(), 0);
     } while (ready < 0 && errno == EINTR);
-    return ready == 0;
+    if (ready <= 0) {
+        return 0;
+    }
+    return static_cast<uint32_t>((ends[0].revents & (POLLIN | POLLHUP)) | (ends[1].revents & POLLERR));
 }
 
 void TarvoPipeImpl::OnRemoteClosedFinished() { observer.OnFreeSelfWorker(workerName); }
@@ -57,6 +68,7 @@ void TarvoPipeImpl::DeInitPipe() {
 void TarvoPipeImpl::Retire() {
     MutexLock lock(writeFdMutex);
     retired = true;
+    WriteLock registered(descriptorUse);
 }
 
 int TarvoPipeImpl::CloseOnce() {
@@ -66,6 +78,7 @@ int TarvoPipeImpl::CloseOnce() {
         return 0;
     }
     closeAction = -1;
+    openingChanged.notify_all();
     const int oldReadFd = readFd.exchange(-1);
     const int oldWriteFd = writeFd.exchange(-1);
     {

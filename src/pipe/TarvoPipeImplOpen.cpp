@@ -35,14 +35,22 @@ public:
     Backoff(int64_t budgetMs, int64_t firstUs, int64_t longestUs)
         : unlimited(budgetMs < 1), left(budgetMs * MICROSECONDS_PER_MILLISECOND), sleep(firstUs), longest(longestUs) {}
 
-    // False once the budget is used up: one last attempt is left then.
-    bool Sleep() {
+    // How long to sleep now. Once, after each attempt.
+    std::chrono::microseconds Next() {
         const bool enough = unlimited || left >= sleep;
-        const int64_t slept = enough ? sleep : left;
-        std::this_thread::sleep_for(std::chrono::microseconds(slept));
-        left -= slept;
+        const int64_t next = enough ? sleep : left;
+        left -= next;
         sleep = std::min(sleep * 2, longest);
-        return unlimited || (enough && left > 0);
+        isLast = !unlimited && (!enough || left <= 0);
+        return std::chrono::microseconds(next);
+    }
+
+    // Whether the budget is used up after that sleep: one last attempt is left then.
+    bool IsLast() const { return isLast; }
+
+    bool Sleep() {
+        std::this_thread::sleep_for(Next());
+        return !IsLast();
     }
 
 private:
@@ -50,6 +58,7 @@ private:
     int64_t left;
     int64_t sleep;
     int64_t longest;
+    bool isLast = false;
 };
 
 } // namespace
@@ -85,16 +94,24 @@ int TarvoPipeImpl::TimedOpen(int timeoutMs) {
 }
 
 int TarvoPipeImpl::BeginOpening() {
-    // After a close that is under way, whose end must not remove the files or the calls of the pipe opened anew.
+    // After a close that is under way, whose end must not remove the files, the calls or the registration of the pipe
+    // opened anew.
+    MutexLock begins(openingMutex);
     MutexLock lock(writeFdMutex);
     if (retired) {
         return -ECANCELED;
     }
     closeAction = 1;
+    if (readFd < 0) {
+        ++opening;
+        openingChanged.notify_all();
+    }
     return 0;
 }
 
 int TarvoPipeImpl::OpenBothEnds(int timeoutMs) {
+    // What is reported below is what this open has come to, also where no system call has failed.
+    errno = 0;
     int ret = PrepareWriteFifo(timeoutMs);
     if (ret == -ETIMEDOUT || ret == -ECANCELED) {
         TARVO_LOG(LOG_INFO, "Open pipe to %s, err %d (%s).", remoteName.c_str(), ret, strerror(-ret));
@@ -136,11 +153,12 @@ void TarvoPipeImpl::CloseReadEnd() {
 }
 
 int TarvoPipeImpl::RegisterReadEnd() {
+    MutexLock registers(openingMutex);
     // Keeps a concurrent close from handing the descriptor's number to somebody else before the monitor watches it.
     ReadLock use(descriptorUse);
     const int fd = readFd;
-    if (fd < 0) {
-        // Closed since; that close may have been before the list accepted calls.
+    if (fd < 0 || retired) {
+        // Closed since, or about to be; that close may have been before the list accepted calls.
         outRequests.Disable();
         return -ECANCELED;
     }
@@ -284,6 +302,7 @@ int TarvoPipeImpl::OpenWriteFifo() {
     const int fd = OpenPublishedFifo(writeFifoName, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
     writeFd = fd;
     if (fd >= 0) {
+        openingChanged.notify_all();
         TARVO_LOG(LOG_INFO, "open writeFdNB(%d) of file(%s) success for remote(%s)", fd, writeFifoName.c_str(),
                   remoteName.c_str());
     }
@@ -293,18 +312,32 @@ int TarvoPipeImpl::OpenWriteFifo() {
 int TarvoPipeImpl::RetryOpenWriteFifo(unsigned int interval) {
     const bool growing = interval == GROWING_INTERVAL;
     Backoff backoff(timeout, growing ? FIRST_SLEEP_US : interval, growing ? LONGEST_SLEEP_US : interval);
+    const uint32_t mine = opening;
     int ret = 0;
     do {
         ret = OpenWriteFifo();
         if (ret != -ENOENT && ret != -ENXIO && ret != -EMFILE) {
             return ret;
         }
-    } while (backoff.Sleep());
+        // Short sleeps are slept: a wait for news costs more than they last.
+        if (growing) {
+            std::this_thread::sleep_for(backoff.Next());
+        } else if (!AwaitNextAttempt(backoff.Next(), mine)) {
+            return mine == opening ? OpenWriteFifo() : -1;
+        }
+    } while (!backoff.IsLast());
     ret = OpenWriteFifo();
     return ret == -ENXIO ? -ETIMEDOUT : ret;
 }
 
+bool TarvoPipeImpl::AwaitNextAttempt(std::chrono::microseconds time, uint32_t ofOpening) {
+    MutexLock lock(writeFdMutex);
+    return !openingChanged.wait_for(lock.Native(), time,
+                                    [&] { return writeFd > 0 || IsClosing() || opening != ofOpening; });
+}
+
 int TarvoPipeImpl::HandleServerOpen(const std::shared_ptr<TarvoPipeImpl> &pipe) {
+    const uint32_t opening = pipe->opening;
     const int ret = pipe->RetryOpenWriteFifo(SERVER_RETRY_INTERVAL_US);
     if (ret >= 0) {
         return ret;
@@ -314,6 +347,6 @@ int TarvoPipeImpl::HandleServerOpen(const std::shared_ptr<TarvoPipeImpl> &pipe) 
         TARVO_LOG_RESTRAINED(LOG_ERR, "Self=>Remote:%s=>%s open pipe failed, ret=%d.", pipe->myName.c_str(),
                              pipe->remoteName.c_str(), ret);
     }
-    pipe->HandleRemoteClosed();
+    pipe->HandleRemoteClosed(opening);
     return ret;
 }

@@ -82,8 +82,8 @@ int TarvoPipeImpl::Recv(void *buf, unsigned long len) {
         error = static_cast<unsigned long>(received) == len ? 0 : errno;
     }
     if (received < 0) {
-        TARVO_LOG(error == EAGAIN ? LOG_INFO : LOG_ERR, "The readFd(%d) read fail, errno = %d, remoteName: %s", fd,
-                  error, remoteName.c_str());
+        TARVO_LOG(error == EAGAIN ? LOG_INFO : ReadFailureLevel(),
+                  "The readFd(%d) read fail, errno = %d, remoteName: %s", fd, error, remoteName.c_str());
         return -error;
     }
     if (received == 0) {
@@ -97,20 +97,23 @@ int TarvoPipeImpl::Recv(void *buf, unsigned long len) {
     return static_cast<int>(received);
 }
 
-void TarvoPipeImpl::HandleEvent(const epoll_event &ev, Tarvo::EpollTimeRecord &rec) {
+void TarvoPipeImpl::HandleEvent(const epoll_event &ev, Tarvo::EpollTimeRecord &rec) { HandleEvent(ev, rec, opening); }
+
+void TarvoPipeImpl::HandleEvent(const epoll_event &ev, Tarvo::EpollTimeRecord &rec, uint32_t ofOpening) {
     if ((ev.events & EPOLLIN) != 0) {
         HandleMessage(rec);
     }
     if ((ev.events & EPOLLHUP) != 0) {
         TARVO_LOG(LOG_INFO, "%s=>%s readFd(%d) read msg 0, remote is closed", myName.c_str(), remoteName.c_str(),
                   readFd.load());
-        HandleRemoteClosed();
+        HandleRemoteClosed(ofOpening);
     }
 }
 
-void TarvoPipeImpl::HandleMessage(Tarvo::EpollTimeRecord &rec) {
+template <typename Receive>
+void TarvoPipeImpl::HandleReceived(Receive receive) {
     try {
-        std::optional<InMessage> msg = RecvMessage(rec);
+        std::optional<InMessage> msg = receive();
         if (msg) {
             ProcessMessage(*msg);
         }
@@ -119,28 +122,45 @@ void TarvoPipeImpl::HandleMessage(Tarvo::EpollTimeRecord &rec) {
     }
 }
 
+void TarvoPipeImpl::HandleMessage(Tarvo::EpollTimeRecord &rec) {
+    HandleReceived([&] { return RecvMessage(rec); });
+}
+
+bool TarvoPipeImpl::HasLostRemote(Tarvo::EpollTimeRecord &rec) {
+    MsgHead head{};
+    const int ret = Recv(&head, sizeof(head));
+    if (ret > 0) {
+        HandleReceived([&] { return RecvPayload(head, rec); });
+    }
+    return ret == 0;
+}
+
 std::optional<InMessage> TarvoPipeImpl::RecvMessage(Tarvo::EpollTimeRecord &rec) {
     MsgHead head{};
-    int ret = Recv(&head, sizeof(head));
+    const int ret = Recv(&head, sizeof(head));
     if (ret < 1) {
-        TARVO_LOG(LOG_ERR, "Recv msg head failed for remote(%s), ret = %d", remoteName.c_str(), ret);
+        TARVO_LOG(ReadFailureLevel(), "Recv msg head failed for remote(%s), ret = %d", remoteName.c_str(), ret);
         return std::nullopt;
     }
+    return RecvPayload(head, rec);
+}
+
+std::optional<InMessage> TarvoPipeImpl::RecvPayload(const MsgHead &head, Tarvo::EpollTimeRecord &rec) {
     if (head.magic != MAGIC) {
         TARVO_LOG(LOG_ERR, "RecvMagic, result != MAGIC_OK, remote(%s), result=%u.", remoteName.c_str(), head.magic);
         return std::nullopt;
     }
     std::optional<InMessage> msg(std::in_place, head.id, head.type, head.payloadLen);
+    int ret = -ENOMEM;
     if (MakeBuffer(*msg)) {
         ret = Recv(msg->GetData(), head.payloadLen);
     } else {
         // The payload has to leave the FIFO all the same: the next read expects a head.
         std::array<char, Message::MAX_PAYLOAD_LEN> unwanted{};
         Recv(unwanted.data(), std::min<uint64_t>(head.payloadLen, unwanted.size()));
-        ret = -ENOMEM;
     }
     if (ret < 1) {
-        TARVO_LOG(LOG_ERR,
+        TARVO_LOG(ReadFailureLevel(),
                   "Recv msg failed, remote(%s), received payloadLen should be %u, received timeout = %d ms, received "
                   "writeStartTime = %ld, ret = %d",
                   remoteName.c_str(), head.payloadLen, head.timeout, head.writeStartTime, ret);
@@ -151,7 +171,7 @@ std::optional<InMessage> TarvoPipeImpl::RecvMessage(Tarvo::EpollTimeRecord &rec)
                   head.checksum, msg->checksum, readFd.load(), remoteName.c_str());
         return std::nullopt;
     }
-    CheckEpollTime(head, rec);
+    msg->timed = CheckEpollTime(head, rec);
     return msg;
 }
 
@@ -161,7 +181,7 @@ void TarvoPipeImpl::ProcessMessage(InMessage &msg) {
     } else if (msg.type == MSG_TYPE_RESPONSE) {
         ProcessResponse(msg);
     } else {
-        EraseTimeRecord(msg.id);
+        EraseTimeRecord(msg.id, msg.timed);
     }
 }
 
@@ -184,7 +204,7 @@ void TarvoPipeImpl::CacheRequest(const std::shared_ptr<InRequest> &req) {
     MutexLock lock(inRequestMutex);
     if (inRequests.size() >= MAX_CACHED_REQUESTS) {
         TARVO_LOG(LOG_ERR, "Add InRequest failed, out of space");
-        EraseTimeRecord(req->id);
+        EraseTimeRecord(req->id, req->timed);
         return;
     }
     inRequests.push_back(req);
@@ -205,12 +225,23 @@ void TarvoPipeImpl::ProcessCachedRequests(const ServiceHandler &handler) {
 
 void TarvoPipeImpl::HandOver(std::shared_ptr<InRequest> req, const ServiceHandler &handler) {
     const uint32_t id = req->id;
+    const bool timed = req->timed;
     if (HandleRequest(std::move(req), handler) != 0) {
-        EraseTimeRecord(id);
+        EraseTimeRecord(id, timed);
     }
 }
 
 int TarvoPipeImpl::HandleRequest(std::shared_ptr<InRequest> req, const ServiceHandler &handler) {
+    const int refused = RefuseCallback();
+    return refused != 0 ? refused : Submit(MakeTask(std::move(req), handler));
+}
+
+int TarvoPipeImpl::HandleNotice(const std::shared_ptr<const TarvoTask> &notice) {
+    const int refused = RefuseCallback();
+    return refused != 0 ? refused : Submit(notice);
+}
+
+int TarvoPipeImpl::RefuseCallback() {
     if (IsClosing()) {
         return -ECANCELED;
     }
@@ -220,9 +251,15 @@ int TarvoPipeImpl::HandleRequest(std::shared_ptr<InRequest> req, const ServiceHa
                              remoteName.c_str(), GetPipeFd());
         return -EBUSY;
     }
-    int ret = 0;
+    return 0;
+}
+
+int TarvoPipeImpl::Submit(std::shared_ptr<const TarvoTask> task) {
+    int ret = -ENOMEM;
     try {
-        ret = SubmitCallback(std::move(req), handler);
+        if (task) {
+            ret = isConcur ? SubmitConcurrent(std::move(task)) : SubmitSerial(std::move(task));
+        }
     } catch (const std::bad_alloc &) {
         ret = -ENOMEM;
     }
@@ -233,19 +270,15 @@ int TarvoPipeImpl::HandleRequest(std::shared_ptr<InRequest> req, const ServiceHa
     return ret;
 }
 
-int TarvoPipeImpl::SubmitCallback(std::shared_ptr<InRequest> &&req, const ServiceHandler &handler) {
-    if (!isConcur) {
-        return SubmitSerial(std::move(req), handler);
-    }
+int TarvoPipeImpl::SubmitConcurrent(std::shared_ptr<const TarvoTask> &&task) {
     // Taken back by the finished callback only: a refused submission keeps its place.
     concurrentCallbacks.fetch_add(1, std::memory_order_relaxed);
-    return observer.OnAsyncRequestIn(
-        [self = shared_from_this(), handler, request = std::move(req)] { self->RunCallback(handler, request.get()); },
-        priority);
+    // By reference to the task: whoever copies this function under a lock does not copy the user's callback.
+    return observer.OnAsyncRequestIn([task = std::move(task)] { (*task)(); }, priority);
 }
 
-int TarvoPipeImpl::SubmitSerial(std::shared_ptr<InRequest> &&req, const ServiceHandler &handler) {
-    const int ret = observer.OnTaskIn(workerName, MakeTask(std::move(req), handler), priority);
+int TarvoPipeImpl::SubmitSerial(std::shared_ptr<const TarvoTask> &&task) {
+    const int ret = observer.OnTaskIn(workerName, std::move(task), priority);
     if (IsClosing()) {
         // A close between the test above and here has given the pipe's worker back already; the submission allocated
         // one anew, which nobody else would ever give back.
@@ -257,10 +290,14 @@ int TarvoPipeImpl::SubmitSerial(std::shared_ptr<InRequest> &&req, const ServiceH
 std::shared_ptr<const TarvoTask> TarvoPipeImpl::MakeTask(std::shared_ptr<InRequest> &&req,
                                                          const ServiceHandler &handler) {
     RequestTask *task = req ? req->AsTask() : nullptr;
-    if (task == nullptr) {
-        return std::make_shared<const CallbackTask>(shared_from_this(), handler, std::move(req));
+    try {
+        if (task == nullptr) {
+            return std::make_shared<const CallbackTask>(shared_from_this(), handler, std::move(req));
+        }
+        task->Bind(shared_from_this(), handler);
+    } catch (const std::bad_alloc &) {
+        return nullptr;
     }
-    task->Bind(shared_from_this(), handler);
     std::shared_ptr<const TarvoTask> bound(req, task);
     // The user's callback goes with the task: on the worker, and not here after the task has run.
     req.reset();
@@ -291,9 +328,9 @@ void TarvoPipeImpl::OnCallbackFinished() {
     }
 }
 
-void TarvoPipeImpl::CheckEpollTime(const MsgHead &head, const Tarvo::EpollTimeRecord &rec) {
+bool TarvoPipeImpl::CheckEpollTime(const MsgHead &head, const Tarvo::EpollTimeRecord &rec) {
     if (!isHeartbeat) {
-        return;
+        return false;
     }
     const auto now = static_cast<int64_t>(Tarvo::GetCurrentTime());
     const int64_t total = Tarvo::Elapsed(head.writeStartTime, now);
@@ -310,9 +347,11 @@ void TarvoPipeImpl::CheckEpollTime(const MsgHead &head, const Tarvo::EpollTimeRe
     const auto record = std::make_shared<Tarvo::TimedRPCRecord>(
         Tarvo::TimedRPCRecord{head.timeout, head.writeStartTime, rec.epollRecvT, -1, waited});
     MutexLock lock(recordMutex);
-    if (!timedRecords.emplace(head.id, record).second) {
+    const bool inserted = timedRecords.emplace(head.id, record).second;
+    if (!inserted) {
         TARVO_LOG(LOG_ERR, "Rpc id already exist, id=%u, timeout=%d", head.id, head.timeout);
     }
+    return inserted;
 }
 
 void TarvoPipeImpl::UpdateTimeRecord(unsigned int id) {
@@ -333,8 +372,8 @@ void TarvoPipeImpl::UpdateTimeRecord(unsigned int id) {
     timedRecords.erase(found);
 }
 
-void TarvoPipeImpl::EraseTimeRecord(unsigned int id) {
-    if (!isHeartbeat) {
+void TarvoPipeImpl::EraseTimeRecord(unsigned int id, bool timed) {
+    if (!timed) {
         return;
     }
     MutexLock lock(recordMutex);

@@ -62,7 +62,7 @@ void TarvoPipeImpl::RemoveRequest(const TarvoRequest &req) {
 }
 
 void TarvoPipeImpl::ProcessResponse(InMessage &msg) {
-    EraseTimeRecord(msg.id);
+    EraseTimeRecord(msg.id, msg.timed);
     std::shared_ptr<OutRequest> request;
     bool waiting = false;
     {

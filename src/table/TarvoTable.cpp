@@ -135,13 +135,18 @@ std::shared_ptr<TarvoPipeImpl> TarvoTable::Unregister(int fd) {
 
 void TarvoTable::CloseTarvoPipe(int fd) {
     // Dropped after closeMutex is free again: the user's callback object may go with the pipe and close another one.
+    std::shared_ptr<TarvoPipeImpl> found;
     std::shared_ptr<TarvoPipeImpl> pipe;
     MutexLock closing(closeMutex);
+    found = GetPipe(fd);
+    if (found) {
+        // Before it leaves its monitor: an open that is under way must not register it again.
+        found->Retire();
+    }
     pipe = Unregister(fd);
     if (!pipe) {
         return;
     }
-    pipe->Retire();
     pipe->DeInitPipe();
     // While the pipe's own remote-close notice runs, it does so on this very worker, which it frees by itself.
     if (!pipe->IsCallbackHandleRemoteClose()) {

@@ -62,6 +62,7 @@ struct CallInfo {
     int number = 0;              // flags, mode, operation, policy, priority, clock, option, time-out, uid, state, pid
     std::size_t size = 0;        // bytes; epoll_wait, poll: number of entries; chown: gid; open: mode; eventfd: flags
     void *data = nullptr;        // buffer, events, poll's entries, scheduling parameters, semaphore, condition variable
+    const struct timespec *until = nullptr; // timed waits on condition variables: the deadline
 };
 
 // What a call returns instead of being made: `value` as its result, and `error` in errno when not 0.

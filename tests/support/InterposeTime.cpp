@@ -41,7 +41,9 @@ int Sliced(clockid_t clock, const timespec *until, int timedOutResult, Wait wait
 
 template <typename Wait>
 int CondWait(pthread_cond_t *cond, clockid_t clock, const timespec *until, Wait wait) {
-    return Forward<int>(TimeCall(Call::CondTimedwait, clock, cond), [&] {
+    CallInfo info = TimeCall(Call::CondTimedwait, clock, cond);
+    info.until = until;
+    return Forward<int>(info, [&] {
         return ClockIsMoved(clock) && IsValid(until) ? MovedCondWait(cond, clock, ToNanoseconds(*until), wait)
                                                      : wait(until);
     });

@@ -124,6 +124,151 @@ TEST_F(MonitorThreadTest, PipeWithoutCallbackThatHungUpIsClosed) {
     monitor.Destroy();
 }
 
+// What epoll_wait yields next, once: made-up events of pipe 2.
+std::optional<Outcome> MakeUp(const CallInfo &info, const std::vector<uint32_t> &masks) {
+    auto *const events = static_cast<epoll_event *>(info.data);
+    for (std::size_t i = 0; i < masks.size(); ++i) {
+        events[i].data.fd = 2;
+        events[i].events = masks[i];
+    }
+    return Outcome{static_cast<long>(masks.size()), 0};
+}
+
+// A pipe that is closed and opened again keeps its index, here with another line behind it.
+class MonitorReopenTest : public MonitorTest {
+protected:
+    // Hands the thread one batch, and puts `anew` in the place of `old` while its first event is handled.
+    void HandleWhileReopened(const std::vector<uint32_t> &masks, Line &old, Line &anew) {
+        const CallCounter waits(Call::EpollWait);
+        ASSERT_EQ(Init(), 0);
+        ASSERT_EQ(monitor.Add(2, old.readFd, old.pipe), 0);
+        ASSERT_TRUE(waits.WaitFor(1));
+        std::atomic<bool> go{false};
+        const ScopedHook batch(
+            Call::EpollWait,
+            [&](const CallInfo &info) {
+                Eventually([&go] { return go.load(); });
+                return MakeUp(info, masks);
+            },
+            Where().Nth(1).Times(1));
+        old.peer.Send(RawRequest(1, "x"));
+        ASSERT_TRUE(observer.WaitFor(Report::RequestIn));
+        observer.Do(Report::RequestIn, [&](const ObserverCall &) {
+            EXPECT_EQ(monitor.Remove(2), 0);
+            EXPECT_EQ(monitor.Add(2, anew.readFd, anew.pipe), 0);
+            observer.Do(Report::RequestIn, nullptr);
+        });
+        old.peer.Send(RawRequest(2, "x"));
+        go = true;
+        ASSERT_TRUE(waits.WaitFor(3));
+    }
+
+    void ExpectHeard(Line &line) {
+        const std::size_t before = observer.Count(Report::RequestIn);
+        line.peer.Send(RawRequest(3, "x"));
+        EXPECT_TRUE(observer.WaitFor(Report::RequestIn, before + 1));
+    }
+};
+
+TEST_F(MonitorReopenTest, RemovalAfterAHangUpIsOfThePipeThatHungUp) {
+    Line old(*this, 2);
+    Line anew(*this, 2);
+    HandleWhileReopened({EPOLLIN | EPOLLHUP}, old, anew);
+    ExpectHeard(anew);
+    EXPECT_EQ(monitor.Remove(2), 0);
+    monitor.Destroy();
+}
+
+TEST_F(MonitorReopenTest, SecondEventOfABatchDoesNotCloseThePipeOpenedAnew) {
+    Line old(*this, 2);
+    Line anew(*this, 2);
+    HandleWhileReopened({EPOLLIN, EPOLLIN | EPOLLHUP}, old, anew);
+    ExpectHeard(anew);
+    EXPECT_EQ(observer.Count(Report::RequestIn), 3U) << "no notice of a remote close";
+    EXPECT_EQ(monitor.Remove(2), 0);
+    monitor.Destroy();
+    for (const LogLine &line : log.Lines()) {
+        EXPECT_GT(line.level, LOG_ERR) << line.message;
+    }
+}
+
+// ---- A remote in server mode that ends, or stops reading ----
+
+TEST_F(MonitorThreadTest, RemoteThatStopsReadingIsStillHeard) {
+    ASSERT_EQ(Init(), 0);
+    Line line(*this, 2);
+    ASSERT_EQ(monitor.Add(2, line.readFd, line.pipe), 0);
+    line.peer.Send(RawRequest(1, "x"));
+    ASSERT_TRUE(observer.WaitFor(Report::RequestIn));
+    line.peer.CloseRead();
+    for (unsigned i = 2; i <= 4; ++i) {
+        line.peer.Send(RawRequest(i, "x"));
+        ASSERT_TRUE(observer.WaitFor(Report::RequestIn, i));
+    }
+    EXPECT_EQ(monitor.Remove(2), 0);
+    monitor.Destroy();
+}
+
+TEST_F(MonitorThreadTest, RemoteThatStopsReadingBeforeItsFirstWordIsStillHeard) {
+    const CallCounter looks(Call::Poll);
+    ASSERT_EQ(Init(), 0);
+    Line line(*this, 2);
+    ASSERT_EQ(monitor.Add(2, line.readFd, line.pipe), 0);
+    line.peer.CloseRead();
+    ASSERT_TRUE(looks.WaitFor(1));
+    line.peer.Send(RawRequest(1, "x"));
+    ASSERT_TRUE(observer.WaitFor(Report::RequestIn));
+    line.peer.CloseWrite();
+    EXPECT_TRUE(observer.WaitFor(Report::RequestIn, 2)) << "now it has closed";
+    monitor.Destroy();
+}
+
+TEST_F(MonitorThreadTest, WriteEndIsWatchedUntilTheFirstEventOnly) {
+    const CallCounter registrations(Call::EpollCtl);
+    ASSERT_EQ(Init(), 0);
+    Line line(*this, 2);
+    ASSERT_EQ(monitor.Add(2, line.readFd, line.pipe), 0);
+    const unsigned added = registrations.Count();
+    for (unsigned i = 1; i <= 3; ++i) {
+        line.peer.Send(RawRequest(i, "x"));
+        ASSERT_TRUE(observer.WaitFor(Report::RequestIn, i));
+        EXPECT_EQ(registrations.Count(), added + 1) << "taken out once";
+    }
+    EXPECT_EQ(monitor.Remove(2), 0);
+    EXPECT_EQ(registrations.Count(), added + 2);
+    monitor.Destroy();
+}
+
+// Both ends report at once, in one batch: the second event then finds the pipe gone.
+TEST_F(MonitorThreadTest, OrdinaryEndOfARemoteWritesNoLine) {
+    ASSERT_EQ(Init(), 0);
+    Line bell(*this, 2);
+    ASSERT_EQ(monitor.Add(2, bell.readFd, bell.pipe), 0);
+    // As the pipe table does it.
+    observer.Do(Report::RemoteClosed, [&](const ObserverCall &call) { monitor.Remove(call.fd); });
+    for (int round = 0; round < 200; ++round) {
+        Line line(*this, 3 + round, round % 2 == 0);
+        std::atomic<bool> go{false};
+        const CallCounter waits(Call::EpollWait);
+        const ScopedHook hold(
+            Call::EpollWait, [&go](const CallInfo &) { Eventually([&go] { return go.load(); }); },
+            Where().Nth(1).Times(1));
+        bell.peer.Send(RawRequest(1, "wakes the thread"));
+        ASSERT_TRUE(waits.WaitFor(1));
+        ASSERT_EQ(monitor.Add(line.handle, line.readFd, line.pipe), 0);
+        line.peer.Send(RawRequest(1, "x") + RawRequest(2, "y"));
+        line.peer.CloseRead();
+        line.peer.CloseWrite();
+        go = true;
+        ASSERT_TRUE(waits.WaitFor(2));
+        EXPECT_EQ(monitor.Remove(line.handle), -ENOENT) << "gone by itself";
+        observer.DropTasks();
+        ASSERT_TRUE(log.Lines().empty()) << log.Lines()[0].message;
+    }
+    EXPECT_EQ(monitor.Remove(2), 0);
+    monitor.Destroy();
+}
+
 TEST_F(MonitorThreadTest, EventOfAnUnknownPipeIsReportedAndSkipped) {
     ASSERT_EQ(Init(), 0);
     Line line(*this, 2);

@@ -42,11 +42,24 @@ FreshRestrainedLines::FreshRestrainedLines(FakeClock::Mode mode) : clock(mode) {
 }
 
 RecordedSleeps::RecordedSleeps()
-    : FreshRestrainedLines(FakeClock::Mode::Frozen), hook(Call::Sleep, [this](const CallInfo &info) {
-          const std::lock_guard<std::mutex> lock(mutex);
-          sleeps.push_back(detail::ToNanoseconds(*static_cast<const timespec *>(info.data)) / 1000);
-      }) {
+    : FreshRestrainedLines(FakeClock::Mode::Frozen),
+      sleepHook(
+          Call::Sleep,
+          [this](const CallInfo &info) { Record(detail::ToNanoseconds(*static_cast<const timespec *>(info.data))); }),
+      waitHook(
+          Call::CondTimedwait,
+          [this](const CallInfo &info) {
+              Record(detail::ToNanoseconds(*info.until) - detail::MovedNow(info.number));
+              clock.AdvanceMonotonic(std::chrono::nanoseconds(sleeps.back() * 1000));
+              return std::optional<Outcome>(Outcome{ETIMEDOUT, 0});
+          },
+          Where().Always()) {
     clock.SleepsAdvanceTheClock();
+}
+
+void RecordedSleeps::Record(int64_t nanoseconds) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    sleeps.push_back(nanoseconds / 1000);
 }
 
 std::vector<int64_t> RecordedSleeps::Sleeps() const {

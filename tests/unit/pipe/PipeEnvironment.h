@@ -25,7 +25,8 @@ public:
     FakeClock clock;
 };
 
-// A clock that stands still but for the sleeps, which it records and does not sleep.
+// A clock that stands still but for the sleeps, which it records and does not sleep: also those on a condition
+// variable, for which nothing ever happens.
 class RecordedSleeps : public FreshRestrainedLines {
 public:
     RecordedSleeps();
@@ -36,8 +37,11 @@ public:
 
 private:
     mutable std::mutex mutex;
+    void Record(int64_t nanoseconds);
+
     std::vector<int64_t> sleeps;
-    ScopedHook hook;
+    ScopedHook sleepHook;
+    ScopedHook waitHook;
 };
 
 // While it lives, this process belongs to the domain `current`, whatever the library was built for.

@@ -225,6 +225,16 @@ TEST_F(PipeOpenClientTest, HardErrorOfTheWriteEndEndsTheOpenAtOnce) {
     EXPECT_EQ(pipe->TimedOpen(100), 0);
 }
 
+TEST_F(PipeOpenClientTest, ReportedErrnoIsOfThisOpen) {
+    const FreshRestrainedLines fresh;
+    TarvoAttr attr = Attr(TARVO_MODE_CLIENT);
+    attr.selfName = "";
+    const Pipe pipe = MakePipe(attr);
+    errno = EPERM;
+    EXPECT_EQ(pipe->TimedOpen(100), -EINVAL);
+    EXPECT_TRUE(log.ContainsExactly(LOG_ERR, "Open pipe to " + remote + " failed, err = -22, errno = 0."));
+}
+
 TEST_F(PipeOpenClientTest, WriteEndIsTriedAgainWhileSomethingMayStillComeRight) {
     peer.CreateFiles();
     const RecordedSleeps sleeps;

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <chrono>
+#include <future>
 
 #include "PipeEnvironment.h"
 #include "PipeFixture.h"
@@ -160,7 +161,7 @@ TEST_F(PipeOpenServerTest, BackgroundTaskTriesEveryHalfSecondWithinTheBudget) {
 TEST_F(PipeOpenServerTest, RemoteThatReadsBetweenTwoAttemptsIsFound) {
     const RecordedSleeps sleeps;
     const ScopedHook late(
-        Call::Sleep, [this](const CallInfo &) { peer.OpenRead(); }, Where().Nth(3));
+        Call::CondTimedwait, [this](const CallInfo &) { peer.OpenRead(); }, Where().Nth(3));
     const Pipe pipe = MakePipe(Server(10000));
     EXPECT_EQ(pipe->TimedOpen(0), 0);
     EXPECT_TRUE(observer.RunTask());
@@ -220,6 +221,46 @@ TEST_F(PipeOpenServerTest, BackgroundTaskYieldsTheWriteEndOrWhyThereIsNone) {
     const int fd = TarvoPipeImpl::HandleServerOpen(pipe);
     ASSERT_TRUE(HasWriteEnd());
     EXPECT_EQ(OpenDescriptors().at(fd), writeFile);
+}
+
+// The task sleeps half a second at a time: news must end that sleep.
+TEST_F(PipeOpenServerTest, CloseEndsTheBackgroundTaskAtOnce) {
+    const FakeClock frozen(FakeClock::Mode::Frozen);
+    const Pipe pipe = MakePipe(Server(2000));
+    EXPECT_EQ(pipe->TimedOpen(0), 0);
+    auto task = std::async(std::launch::async, [&] { return TarvoPipeImpl::HandleServerOpen(pipe); });
+    ASSERT_TRUE(frozen.WaitUntilWaiting(1));
+    pipe->DeInitPipe();
+    EXPECT_EQ(task.get(), -1);
+    EXPECT_EQ(Troubles(), std::vector<std::string>());
+}
+
+TEST_F(PipeOpenServerTest, SendThatOpensTheWriteEndEndsTheBackgroundTask) {
+    const FakeClock frozen(FakeClock::Mode::Frozen);
+    const Pipe pipe = MakePipe(Server(2000));
+    EXPECT_EQ(pipe->TimedOpen(0), 0);
+    auto task = std::async(std::launch::async, [&] { return TarvoPipeImpl::HandleServerOpen(pipe); });
+    ASSERT_TRUE(frozen.WaitUntilWaiting(1));
+    peer.OpenBoth();
+    char data[] = "x";
+    EXPECT_EQ(pipe->Send(TarvoRequest{1, data, 1}, 0), 0);
+    const int fd = task.get();
+    EXPECT_EQ(OpenDescriptors().at(fd), writeFile);
+}
+
+TEST_F(PipeOpenServerTest, BackgroundTaskOfAnEarlierOpeningEndsAndClosesNothing) {
+    const FakeClock frozen(FakeClock::Mode::Frozen);
+    const Pipe pipe = MakePipe(Server(2000));
+    EXPECT_EQ(pipe->TimedOpen(0), 0);
+    auto task = std::async(std::launch::async, [&] { return TarvoPipeImpl::HandleServerOpen(pipe); });
+    ASSERT_TRUE(frozen.WaitUntilWaiting(1));
+    // The task sees neither: the pipe is open again before it has got the mutex.
+    pipe->DeInitPipe();
+    EXPECT_EQ(pipe->TimedOpen(0), 0);
+    EXPECT_EQ(task.get(), -1);
+    peer.OpenBoth();
+    char data[] = "x";
+    EXPECT_EQ(pipe->Send(TarvoRequest{1, data, 1}, 0), 0);
 }
 
 TEST_F(PipeOpenServerTest, FilesOfAnEarlierRunAreReplaced) {

@@ -564,6 +564,19 @@ TEST_F(PipeHeartbeatTest, RefusedRequestsLeaveNoRecordBehind) {
     EXPECT_FALSE(log.Contains(ANY_LEVEL, "Rpc id already exist"));
 }
 
+// Only the message that made a record may take it away before its callback starts.
+TEST_F(PipeHeartbeatTest, MessagesOfTheSameIdDoNotEraseTheRecordOfAWaitingRequest) {
+    const Pipe pipe = OpenHeartbeatPipe(10);
+    Deliver(pipe, 8);
+    Deliver(pipe, 8, 1);
+    Deliver(pipe, 8, 7);
+    observer.Answer(Report::RequestIn, -ENOMEM);
+    Deliver(pipe, 8);
+    SetNow(LATE + 1);
+    EXPECT_EQ(observer.RunTasks(), 1U);
+    EXPECT_EQ(log.Count(LOG_WARNING, " start late, writeT=3000000,"), 1U) << testing::PrintToString(log.Messages());
+}
+
 // Undefined behaviour, were it computed with signed numbers: only a sanitizer sees it.
 TEST_F(PipeHeartbeatTest, AnyTimeOfWritingCanBeReckonedWith) {
     const Pipe pipe = OpenHeartbeatPipe(10);

@@ -2,8 +2,11 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <functional>
 #include <future>
 #include <new>
+#include <utility>
 
 #include "PipeEnvironment.h"
 #include "PipeFixture.h"
@@ -225,33 +228,155 @@ TEST_F(PipeRemoteCloseTest, CloseDuringTheSubmissionGivesTheWorkerBackAgain) {
     EXPECT_EQ(observer.Calls(Report::FreeSelfWorker)[0].worker, "4711");
 }
 
-TEST_F(PipeRemoteCloseTest, OnlyAnOpenReadEndWithNothingToReportIsSilent) {
+TEST_F(PipeRemoteCloseTest, ReadyEventsAreThoseOfTheReadEndAndTheLossOfTheReader) {
+    constexpr auto NOTHING = 0U;
+    constexpr auto IN = static_cast<uint32_t>(EPOLLIN);
+    constexpr auto HUP = static_cast<uint32_t>(EPOLLHUP);
+    constexpr auto ERR = static_cast<uint32_t>(EPOLLERR);
     peer.CreateFiles();
     const Pipe pipe = MakePipe(Attr(TARVO_MODE_CLIENT));
-    EXPECT_FALSE(pipe->HasSilentReadEnd());
+    EXPECT_EQ(pipe->ReadyEvents(), NOTHING) << "not open";
     ASSERT_EQ(pipe->TimedOpen(100), 0);
-    EXPECT_TRUE(pipe->HasSilentReadEnd()) << "it has never had a writer";
+    EXPECT_EQ(pipe->ReadyEvents(), NOTHING);
     peer.OpenWrite();
-    EXPECT_TRUE(pipe->HasSilentReadEnd());
     peer.Send(RawRequest(1, "x"));
-    EXPECT_FALSE(pipe->HasSilentReadEnd());
+    EXPECT_EQ(pipe->ReadyEvents(), IN);
     HandleNextEvent(pipe);
-    EXPECT_TRUE(pipe->HasSilentReadEnd());
+    EXPECT_EQ(pipe->ReadyEvents(), NOTHING);
+    peer.CloseRead();
+    EXPECT_EQ(pipe->ReadyEvents(), ERR);
     peer.CloseWrite();
-    EXPECT_FALSE(pipe->HasSilentReadEnd());
+    EXPECT_EQ(pipe->ReadyEvents(), HUP | ERR);
     pipe->DeInitPipe();
-    EXPECT_FALSE(pipe->HasSilentReadEnd());
+    EXPECT_EQ(pipe->ReadyEvents(), NOTHING) << "closed";
 }
 
-TEST_F(PipeRemoteCloseTest, InterruptedLookAtTheReadEndIsRepeated) {
+TEST_F(PipeRemoteCloseTest, InterruptedLookAtBothEndsIsRepeated) {
     peer.CreateFiles();
     const Pipe pipe = MakePipe(Attr(TARVO_MODE_CLIENT));
     ASSERT_EQ(pipe->TimedOpen(100), 0);
+    peer.OpenWrite();
+    peer.Send(RawRequest(1, "x"));
     const CallCounter looks(Call::Poll, Where().ThisThread());
     const ScopedFault interrupted(Call::Poll, EINTR, Where().ThisThread().Times(2));
-    EXPECT_TRUE(pipe->HasSilentReadEnd());
+    EXPECT_EQ(pipe->ReadyEvents(), static_cast<uint32_t>(EPOLLIN));
     EXPECT_EQ(interrupted.Hits(), 2U);
     EXPECT_EQ(looks.Count(), 3U);
+}
+
+TEST_F(PipeRemoteCloseTest, RemoteIsLostWhenNobodyWritesAndNotWhenItIsSilent) {
+    Tarvo::EpollTimeRecord record;
+    peer.CreateFiles();
+    const Pipe pipe = MakePipe(Attr(TARVO_MODE_CLIENT));
+    ASSERT_EQ(pipe->TimedOpen(100), 0);
+    peer.CloseRead();
+    EXPECT_TRUE(pipe->HasLostRemote(record)) << "never had a writer";
+    peer.OpenWrite();
+    EXPECT_FALSE(pipe->HasLostRemote(record)) << "has a writer";
+    peer.Send(RawRequest(7, "came just then"));
+    EXPECT_FALSE(pipe->HasLostRemote(record));
+    EXPECT_EQ(pipe->GetInReqList().size(), 1U) << "and is handled";
+    peer.CloseWrite();
+    EXPECT_TRUE(pipe->HasLostRemote(record));
+    EXPECT_EQ(Troubles(), std::vector<std::string>());
+}
+
+TEST_F(PipeRemoteCloseTest, EndOfOneOpeningDoesNotCloseTheNext) {
+    for (const TarvoMode mode : {TARVO_MODE_SERVER, TARVO_MODE_CLIENT}) {
+        const Pipe pipe = OpenPipe(Attr(mode));
+        const uint32_t before = pipe->Opening();
+        peer.CloseRead();
+        peer.CloseWrite();
+        HandleNextEvent(pipe);
+        OpenWithRemote(pipe, mode);
+        ASSERT_NE(pipe->Opening(), before);
+        const std::size_t reported = observer.Count(Report::RemoteClosed);
+        pipe->HandleRemoteClosed(before);
+        EXPECT_EQ(observer.Count(Report::RemoteClosed), reported);
+        char data[] = "still open";
+        EXPECT_EQ(pipe->Send(TarvoRequest{1, data, 10}, 0), 0);
+        EXPECT_EQ(peer.Receive().payload, "still open");
+        pipe->DeInitPipe();
+        peer.CloseRead();
+        peer.CloseWrite();
+    }
+}
+
+TEST_F(PipeRemoteCloseTest, OpenDuringARemoteCloseComesAfterIt) {
+    for (const TarvoMode mode : {TARVO_MODE_SERVER, TARVO_MODE_CLIENT}) {
+        const Pipe pipe = OpenPipe(Attr(mode));
+        std::future<int> opening;
+        const std::size_t opened = observer.Count(Report::PipeOpened);
+        // The pipe has left its monitor, and its descriptors are still open.
+        observer.Do(Report::RemoteClosed, [&](const ObserverCall &) {
+            const CallCounter asks(Call::ClockGettime);
+            opening = std::async(std::launch::async, [&] { return pipe->TimedOpen(30000); });
+            ASSERT_TRUE(asks.WaitFor(1));
+            EXPECT_EQ(observer.Count(Report::PipeOpened), opened);
+        });
+        peer.CloseRead();
+        peer.CloseWrite();
+        HandleNextEvent(pipe);
+        observer.Do(Report::RemoteClosed, nullptr);
+        if (mode == TARVO_MODE_CLIENT) {
+            peer.OpenRead();
+        }
+        EXPECT_EQ(opening.get(), 0);
+        EXPECT_EQ(observer.Count(Report::PipeOpened), opened + 1) << "registered anew";
+        pipe->DeInitPipe();
+        observer.DropTasks();
+        peer.CloseRead();
+    }
+}
+
+TEST_F(PipeRemoteCloseTest, RetiredPipeIsNotRegisteredByAnOpenUnderWay) {
+    const FreshRestrainedLines fresh;
+    const Pipe pipe = MakePipe(Attr(TARVO_MODE_SERVER));
+    const ScopedHook retire(
+        Call::Open, [&](const CallInfo &) { pipe->Retire(); }, Where().PathHas(readFile));
+    EXPECT_EQ(pipe->TimedOpen(100), -ECANCELED);
+    EXPECT_EQ(observer.Count(Report::PipeOpened), 0U);
+    pipe->DeInitPipe();
+    EXPECT_TRUE(OwnFifoFiles().empty());
+}
+
+// Whether a copy of the user's callback came into being or went while the pipe could not be closed by its remote.
+struct CopiesUnderLock {
+    explicit CopiesUnderLock(std::function<void()> onCopy) : copied(std::move(onCopy)) {}
+    CopiesUnderLock(const CopiesUnderLock &other) : copied(other.copied) { copied(); }
+    CopiesUnderLock &operator=(const CopiesUnderLock &) = delete;
+    ~CopiesUnderLock() = default;
+    void operator()(int, TarvoRequest *) const {}
+
+    std::function<void()> copied;
+};
+
+TEST_F(PipeRemoteCloseTest, CallbackObjectIsNotCopiedUnderALock) {
+    std::weak_ptr<TarvoPipeImpl> watch;
+    std::atomic<int> copies{0};
+    TarvoAttr attr = Attr(TARVO_MODE_SERVER);
+    // A copy that waits for another thread, which wants every lock of the pipe.
+    attr.callback = CopiesUnderLock([&] {
+        const Pipe owner = watch.lock();
+        if (owner && ++copies == 1) {
+            std::async(std::launch::async, [&] {
+                owner->HandleRemoteClosed(owner->Opening() + 1);
+                owner->Retire();
+            }).get();
+        }
+    });
+    for (const bool concurrent : {false, true}) {
+        attr.isConcur = concurrent;
+        const Pipe pipe = OpenPipe(attr);
+        watch = pipe;
+        copies = 0;
+        CloseRemote();
+        HandleNextEvent(pipe);
+        EXPECT_GE(copies, 1);
+        watch.reset();
+        observer.DropTasks();
+        pipe->DeInitPipe();
+    }
 }
 
 TEST_F(PipeRemoteCloseTest, ReopenedPipeWorksWithTheRemotesNextRun) {
