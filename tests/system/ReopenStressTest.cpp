@@ -133,5 +133,28 @@ TEST(OrdinaryCloseStressTest, WritesNoLineAtEitherEnd) {
     }
 }
 
+// Each client is gone before the next one comes. The server's part of opening a pipe sleeps on a worker's thread, which
+// must be free again as soon as the pipe has its write end or is closed.
+TEST(BriefClientsStressTest, ServerNeedsAHandfulOfThreads) {
+    const std::string server = UniqueName("server");
+    TarvoServerAttr serverAttr;
+    serverAttr.selfName = server.c_str();
+    serverAttr.callback = Echo;
+    ASSERT_EQ(TarvoCreateServer(&serverAttr), 0);
+    const int rounds = StressRounds(300);
+    std::size_t most = 0;
+    for (int round = 0; round < rounds; ++round) {
+        const std::string self = UniqueName("brief");
+        TarvoAttr attr = MakeAttr(self, server, TARVO_MODE_CLIENT);
+        const int fd = TarvoCreateClient(&attr);
+        ASSERT_GT(fd, 0) << "round " << round;
+        ASSERT_EQ(Ask(fd, "x"), "x");
+        most = std::max(most, ThreadCount());
+        ASSERT_EQ(TarvoClosePipe(fd), 0);
+    }
+    EXPECT_LT(most, 20U);
+    TarvoCfgFinishServer();
+}
+
 } // namespace
 } // namespace tarvo_test
