@@ -11,8 +11,14 @@
 //    Test for "less than zero"; the values listed at a function are those it raises itself, others are passed up from
 //    the system calls below it. -ENOMEM also stands for an allocation that failed.
 //  - All functions may be called from any thread, also from inside a callback, unless stated otherwise. None throws.
-//  - Once process exit has destroyed the library's state, every function fails softly, with -ENOENT where it returns
-//  int.
+//  - At process exit the library waits about half a second for calls that are inside it, and then closes the pipes
+//  under them (-EPIPE). Once process exit has destroyed the library's state, every function fails softly, with -ENOENT
+//  where it returns int. So does every function in a child that was forked after its parent had opened a pipe or
+//  started a server; what belongs to the parent is left alone.
+//  - All descriptors that the library opens are close-on-exec. Its threads inherit the signal mask of the thread that
+//  opens the first pipe or starts the server.
+//  - A process has 1024 threads for callbacks. When more callbacks than that block, no pipe of their priority receives
+//  anything until one of them returns.
 //  - The host process must ignore SIGPIPE: sending to a process that is gone is then reported as -EPIPE.
 //  - Diagnostics go to the system log with the levels 0 to 5.
 #ifndef TARVO_H
@@ -71,8 +77,10 @@ struct TarvoAttr {
     // open to the same remote finds the dead pipe: to open a new one, call TarvoClosePipe first. May be empty: requests
     // are then kept (up to 1000) and a remote close closes the pipe silently.
     std::function<void(int, TarvoRequest *)> callback;
-    // Milliseconds that the open may wait for the remote. In client mode below 1 means without limit, except that a
-    // concurrent open of the same pipe is not waited for at 0.
+    // Milliseconds that each step of the open may wait. In client mode there are three: for the FIFO that this side
+    // writes, for its reader, and for the FIFO that it reads; and a fourth before them while another thread opens the
+    // same pipe. Below 1 means without limit in client mode, except that a concurrent open of the same pipe is not
+    // waited for at 0.
     int32_t timeout = 0;
     TarvoMode mode = TARVO_MODE_CLIENT;
     // Group that owns the FIFO files (mode 0660): processes that talk share it. 0xFFFFFFFF leaves the group as it is.
@@ -82,7 +90,8 @@ struct TarvoAttr {
     const char *selfName = nullptr;
     // Process id of the remote, for security labels; -1: unknown.
     int32_t targetPid = -1;
-    // False: callbacks of the pipe run one after another in order of arrival. True: up to 200 at the same time.
+    // False: callbacks of the pipe run one after another in order of arrival. True: up to 200 at the same time; each
+    // request for which no thread can be started costs the pipe one of these places for its life.
     bool isConcur = false;
     TarvoDomain domain = TARVO_DOMAIN_LOCAL;
     // Security context for labels across domains; null is taken as "".
@@ -110,8 +119,9 @@ extern "C" {
 // Opens a pipe by arrangement with the remote, which opens its own end in the opposite mode. A pipe between the same
 // two names that exists already is opened again if needed and its handle returned. A pipe whose open failed keeps its
 // handle: the next open to the same remote tries again under it, with the attributes, also the callback, that it had.
-// Blocks up to attr->timeout ms in client mode; hardly at all in server mode, where the write end is opened in the
-// background. A callback may call it, but blocks its worker meanwhile.
+// Blocks in client mode for up to three times attr->timeout ms, or four times while another thread opens the same pipe;
+// hardly at all in server mode, where the write end is opened in the background. A callback may call it, but blocks its
+// worker meanwhile.
 // Returns the handle, or -EINVAL (an attribute was refused), -ENOENT (process exit), -ENOMEM (1024 pipes are open),
 // -ETIMEDOUT (the remote did not come in time), -ECANCELED. On failure `attr` is untouched.
 int TarvoOpen(TarvoAttr *attr);
@@ -119,6 +129,8 @@ int TarvoOpen(TarvoAttr *attr);
 // Opens a pipe to the server that runs under attr->targetName: announces this process to it under the name
 // selfName + "_" + process id, then opens the pipe as TarvoOpen does. Use TARVO_MODE_CLIENT, since servers create the
 // files. The extended name, too, may have 100 characters at most: with a longer one the server does not open its end.
+// Files that an earlier pipe under that name has left are waited for before this process announces itself, until the
+// server has removed them: at most 100 ms, and never longer than attr->timeout.
 // Returns what TarvoOpen returns, and -ENXIO when no server of that name runs.
 int TarvoCreateClient(TarvoAttr *attr);
 
@@ -126,7 +138,8 @@ int TarvoCreateClient(TarvoAttr *attr);
 int TarvoPipeTypeOpen(TarvoAttr *attr, TarvoPipeType type);
 
 // Starts this process's server: from now on clients of TarvoCreateClient reach it under its name. A process has at
-// most one. A server started later under the same name by another process replaces it for new clients.
+// most one. A server started later under the same name by another process replaces it for new clients. Succeeds also
+// after TarvoCfgFinishServer, but no request is ever answered then.
 // Returns 0, -EINVAL (an attribute was refused), -EEXIST (already running), -ENOSPC (the thread could not be started),
 // -ENOENT (process exit, or the FIFO directory is missing), or another negated errno of the set-up. `attr` is copied,
 // but its selfName must outlive the server.
@@ -134,12 +147,14 @@ int TarvoCreateServer(TarvoServerAttr *attr);
 
 // Sends a one-way request: one frame, one write, no waiting. `req` stays the caller's and is not changed.
 // Returns 0, -EINVAL (null or empty request, or more than 4000 bytes), -ENOENT (no such pipe), -EAGAIN (the FIFO is
-// full: the remote does not keep up), -ENXIO (the remote has not opened its end yet), -EPIPE (the remote is gone), -1
-// (the pipe is closing), -EBADF (another thread has closed the pipe during the call).
+// full: the remote does not keep up), -ENXIO (the remote has not opened its end yet, or is a client that has gone
+// before this side could open its own), -EPIPE (the remote is gone), -1 (the pipe is closing), -EBADF (another thread
+// has closed the pipe during the call).
 int TarvoSendRequest(int fd, TarvoRequest *req);
 
 // Answers a request: resp->id must be the id of that request. Usually called from the callback that received it, but
-// works from any thread, also later. Results as TarvoSendRequest. `resp` stays the caller's.
+// works from any thread, also later. `resp` stays the caller's. After -EAGAIN try again: the remote is told nothing and
+// waits for its whole time-out. Results as TarvoSendRequest; -ENXIO tells here that the client has gone.
 int TarvoSendResponse(int fd, TarvoResponse *resp);
 
 // Sends a request and waits for its response, at most `timeout` ms (negative: until the response comes or the pipe
@@ -147,6 +162,9 @@ int TarvoSendResponse(int fd, TarvoResponse *resp);
 // fills it on success; its data then belongs to the caller, who releases it with DestroyResponse. A null `resp` makes
 // it a TarvoSendRequest. `resp` must stay valid until the call returns, and not longer. A callback may call it, but
 // blocks its worker, and waits in vain for an answer that another callback of the same serial pipe would have to send.
+// A call inside a callback of the same serial pipe is not woken when the remote closes, since that notice waits behind
+// the callback: it ends with its time-out, and without one never. With the environment variable KELDOR_RUN_MODE at 1
+// every time-out is five hours.
 // Returns 0, -ETIMEDOUT, -EPIPE (the pipe closed meanwhile, or is not open), -ENOMEM (1000 calls are outstanding on
 // the pipe), or what TarvoSendRequest returns. A pipe closed by another thread between the sending and the waiting
 // yields 0 with a null resp->data.
@@ -159,9 +177,10 @@ int TarvoRPCSync(int fd, TarvoRequest *req, TarvoResponse *resp);
 // responses without data are ignored.
 void DestroyResponse(TarvoResponse *resp);
 
-// Closes a pipe: no callback of it starts afterwards, callers that wait on it return -EPIPE, and the side that created
-// the FIFO files removes them. Callbacks that already run are not waited for.
-// Returns 0, also for a handle that names no pipe, or -ENOENT at process exit.
+// Closes a pipe: requests that wait for its callback are dropped, callers that wait on it return -EPIPE, and the side
+// that created the FIFO files removes them. Callbacks that already run are not waited for, and those of a concurrent
+// pipe that were already on their way may still start. Returns 0, also for a handle that names no pipe, or -ENOENT at
+// process exit.
 int TarvoClosePipe(int fd);
 
 // Removes the two FIFO files of a TARVO_MODE_CLIENT pipe and leaves the pipe open. Refused, with a log line, for a
@@ -169,7 +188,8 @@ int TarvoClosePipe(int fd);
 int TarvoCleanPipe(int fd);
 
 // Orderly end of all communication of this process: stops the server, closes every pipe, ends all threads of the
-// library, and waits for the callbacks that run. There is no way back. Must not be called from a callback.
+// library, and waits for the callbacks that run. There is no way back: opens and TarvoCreateServer succeed afterwards,
+// but no callback runs any more, so that nothing is ever answered. Must not be called from a callback.
 void TarvoCfgFinishServer(void);
 
 // Emergency clean-up for the host's handler of a fatal signal: removes the FIFO files of all pipes and of the server.
