@@ -1,15 +1,15 @@
 // tarvo: messaging between the processes of one Linux machine.
 //
-// A process names itself (by default after its own process name), may serve under that name, opens pipes to other
-// named processes, sends one-way requests or synchronous calls over them, and has its callbacks run on threads of the
-// library. There is no initialisation call: the library comes into being on first use and goes down at process exit.
+// A process has a name (by default its own process name) and may serve under that name. It opens pipes to other named
+// processes, and sends one-way requests or makes synchronous calls over them. The library runs its callbacks on threads
+// of its own. There is no initialisation call: the library starts on first use and ends at process exit.
 //
 // Common to all functions:
 //  - A pipe is named by its handle, a positive int. A handle is never reused within a process and is not an
 //    operating-system file descriptor.
 //  - Functions that return int return 0, or a handle for the opens, on success and a negated errno value on failure.
-//    Test for "less than zero"; the values listed at a function are those it raises itself, others are passed up from
-//    the system calls below it. -ENOMEM also stands for an allocation that failed.
+//    Test for "less than zero". The values listed at a function are those it raises itself; others are passed on from
+//    the system calls below it. -ENOMEM also means that an allocation failed.
 //  - All functions may be called from any thread, also from inside a callback, unless stated otherwise. None throws.
 //  - At process exit the library waits about half a second for calls that are inside it, and then closes the pipes
 //  under them (-EPIPE). Once process exit has destroyed the library's state, every function fails softly, with -ENOENT
@@ -19,15 +19,15 @@
 //  opens the first pipe or starts the server.
 //  - A process has 1024 threads for callbacks. When more callbacks than that block, no pipe of their priority receives
 //  anything until one of them returns.
-//  - The host process must ignore SIGPIPE: sending to a process that is gone is then reported as -EPIPE.
-//  - Diagnostics go to the system log with the levels 0 to 5.
+//  - The program must ignore SIGPIPE: sending to a process that is gone then fails with -EPIPE.
+//  - Diagnostics go to the system log, at levels 0 to 5.
 #ifndef TARVO_H
 #define TARVO_H
 
 #include <cstdint>
 #include <functional>
 
-// How a pipe comes about; an argument of TarvoPipeTypeOpen.
+// How a pipe is made; an argument of TarvoPipeTypeOpen.
 enum TarvoPipeType : int32_t {
     TARVO_NORMAL_PIPE = 0, // both sides open the pipe by arrangement (TarvoOpen)
     TARVO_CLIENT_PIPE = 1, // announces itself to the target's server first (TarvoCreateClient)
@@ -73,7 +73,7 @@ struct TarvoAttr {
     // Name of the remote process: 1 to 100 characters, none of | ; > < ` & ( ) $ and no two dots in a row.
     const char *targetName = nullptr;
     // Receives each request of the pipe, on a thread of the library, with the pipe handle and the request. A null
-    // request tells that the remote has closed; the library closes the pipe when that callback returns. Until then an
+    // request means that the remote has closed; the library closes the pipe when that callback returns. Until then an
     // open to the same remote finds the dead pipe: to open a new one, call TarvoClosePipe first. May be empty: requests
     // are then kept (up to 1000) and a remote close closes the pipe silently.
     std::function<void(int, TarvoRequest *)> callback;
@@ -83,7 +83,8 @@ struct TarvoAttr {
     // waited for at 0.
     int32_t timeout = 0;
     TarvoMode mode = TARVO_MODE_CLIENT;
-    // Group that owns the FIFO files (mode 0660): processes that talk share it. 0xFFFFFFFF leaves the group as it is.
+    // Group that owns the FIFO files (mode 0660): processes that talk to each other share it. 0xFFFFFFFF leaves the
+    // group as it is.
     uint32_t gid = 0xFFFFFFFFU;
     TarvoPriority priority = TARVO_PRIORITY_NORMAL;
     // Name under which the remote knows this process, with the rules of `targetName`. Null: the process name.
@@ -192,14 +193,14 @@ int TarvoCleanPipe(int fd);
 // but no callback runs any more, so that nothing is ever answered. Must not be called from a callback.
 void TarvoCfgFinishServer(void);
 
-// Emergency clean-up for the host's handler of a fatal signal: removes the FIFO files of all pipes and of the server.
-// Frees nothing and closes nothing. `signo` is only logged.
+// Emergency clean-up for the program's handler of a fatal signal: removes the FIFO files of all pipes and of the
+// server. Frees nothing and closes nothing. `signo` is only logged.
 void TarvoExceptionHandler(int signo);
 
 // 1 while the library can be used; 0 after TarvoCfgFinishServer and once process exit has destroyed its state.
 int TarvoServiceIsExist(void);
 
-// The domain of this process; TARVO_DOMAIN_LOCAL only when it cannot be told.
+// The domain of this process; TARVO_DOMAIN_LOCAL only when it is unknown.
 TarvoDomain GetCurrDomain(void);
 
 // True when the FIFO files of a pipe to `domain` live in the orla directory.
@@ -208,7 +209,7 @@ bool IsOrlaDomainPipe(const TarvoDomain &domain);
 // True when `domain` is neither TARVO_DOMAIN_LOCAL nor the domain of this process.
 bool IsCrossDomainPipe(const TarvoDomain &domain);
 
-// Does nothing. Every thread of the library calls it at its start; a platform may put its own in front to pin threads.
+// Does nothing. Every thread of the library calls it when it starts; a program may define its own to pin threads.
 void NuroCoreSetaffinity(void);
 
 } // extern "C"
