@@ -15,7 +15,7 @@ import sys
 import header
 
 # The day of the last change of what the pages say, and not of the build: equal sources make equal pages.
-DATE = "2026-11-20"
+DATE = "2026-11-21"
 
 # Names of a page, its line in indexes, and the pages to look at besides those that its text names.
 PAGES = [
