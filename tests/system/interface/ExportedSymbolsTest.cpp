@@ -55,6 +55,20 @@ protected:
         }
     }
 
+    // The flags by which the library tells the loader how to treat it (DT_FLAGS_1).
+    ElfW(Xword) LoaderFlags() const {
+        const link_map *map = nullptr;
+        if (dlinfo(library.get(), RTLD_DI_LINKMAP, &map) != 0) {
+            return 0;
+        }
+        for (const ElfW(Dyn) *entry = map->l_ld; entry->d_tag != DT_NULL; ++entry) {
+            if (entry->d_tag == DT_FLAGS_1) {
+                return entry->d_un.d_val;
+            }
+        }
+        return 0;
+    }
+
 private:
     struct Close {
         void operator()(void *handle) const { dlclose(handle); }
@@ -101,6 +115,9 @@ TEST_F(ExportedSymbolsTest, MembersOfClassesAreExported) {
                "_ZN13TarvoPipeImpl9TimedOpenEi", "_ZN15TarvoClientPipe9TimedOpenEi", "_ZN10PipeServer11GetInstanceEv",
                "_ZN15DataMonitorImpl7DestroyEv", "_ZN13MagicReceiver9RecvMagicEv", "_ZN5Tarvo14GetCurrentTimeEv"});
 }
+
+// Threads of the library may still run, and its state lasts to the end of the process.
+TEST_F(ExportedSymbolsTest, DlcloseLeavesTheLibraryInMemory) { EXPECT_NE(LoaderFlags() & DF_1_NODELETE, 0U); }
 
 // A program asks the loader for the soname of the library that it was linked to, and the loader keeps that name.
 TEST_F(ExportedSymbolsTest, TheSonameCarriesTheMajorVersion) {
