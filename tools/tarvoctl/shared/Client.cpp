@@ -20,7 +20,7 @@ namespace {
 
 constexpr std::chrono::milliseconds POLL_INTERVAL(1);
 
-// A user who may not enter the directory cannot tell a server that runs from one that does not.
+// To who may not enter the directory, each server looks like one that does not run.
 bool DirectoryIsClosed() { return access(EnvManager::FifoPrefix().c_str(), X_OK) != 0 && errno == EACCES; }
 
 // A call whose pipe was closed between the sending and the waiting returns 0 without an answer.
