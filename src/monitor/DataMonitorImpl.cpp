@@ -213,7 +213,9 @@ std::shared_ptr<TarvoPipeImpl> DataMonitorImpl::GetPipe(int pipeIdx) const {
 bool DataMonitorImpl::IsDataMonitorRemoteMode() const { return type >= 3 && type <= 5; }
 
 void DataMonitorImpl::Destroy() {
-    NotifyDataMonitorExit();
+    if (!NotifyDataMonitorExit()) {
+        StopWithoutMessage();
+    }
     TARVO_LOG(LOG_INFO, "Waiting recevie thread to join");
     try {
         if (recvThread.Joinable()) {
@@ -233,15 +235,15 @@ void DataMonitorImpl::Destroy() {
     }
 }
 
-void DataMonitorImpl::NotifyDataMonitorExit() {
+bool DataMonitorImpl::NotifyDataMonitorExit() const {
     const uint64_t msg = ExitMessage();
     const ssize_t ret = write(eventFd, &msg, sizeof(msg));
     if (ret == static_cast<ssize_t>(sizeof(msg))) {
         TARVO_LOG(LOG_INFO, "NotifyDataMonitorExit (EVENTS_IN) success: ret = %ld.", ret);
-    } else {
-        TARVO_LOG(LOG_ERR, "NotifyDataMonitorExit (EVENTS_IN) failed: ret = %ld, errno = %d.", ret, errno);
-        StopWithoutMessage();
+        return true;
     }
+    TARVO_LOG(LOG_ERR, "NotifyDataMonitorExit (EVENTS_IN) failed: ret = %ld, errno = %d.", ret, errno);
+    return false;
 }
 
 void DataMonitorImpl::StopWithoutMessage() {

@@ -42,7 +42,8 @@ public:
     int AddEventFd(int exitId);
     // Reads the eventfd: true when the thread is to stop.
     bool ClearEventFd() const;
-    void NotifyDataMonitorExit();
+    // Whether the stop event could be written.
+    bool NotifyDataMonitorExit() const;
     int AddFd(int pipeIdx, int readFd);
     int RemoveFd(int readFd) const;
     void AddNewItemToTable(int pipeIdx, int readFd, const std::shared_ptr<TarvoPipeImpl> &pipe) REQUIRES(mutex);

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "api/HasSymbol.h"
 #include "tarvo.h"
 
 // The head on the wire, in host byte order.
@@ -37,7 +38,8 @@ class Message {
 public:
     static const uint64_t MAX_PAYLOAD_LEN = 4000;
 
-    Message(uint32_t msgId, uint32_t msgType, uint32_t length) : id(msgId), type(msgType), payloadLen(length) {}
+    HAS_SYMBOL Message(uint32_t msgId, uint32_t msgType, uint32_t length)
+        : id(msgId), type(msgType), payloadLen(length) {}
     virtual ~Message() = default;
     Message(const Message &) = delete;
     Message(Message &&) = default;
@@ -46,8 +48,8 @@ public:
     // The payload, or null.
     virtual const char *GetData() const = 0;
 
-    std::size_t OverheadSize() const { return sizeof(MsgHead); }
-    std::size_t Size() const { return OverheadSize() + payloadLen; }
+    HAS_SYMBOL std::size_t OverheadSize() const { return sizeof(MsgHead); }
+    HAS_SYMBOL std::size_t Size() const { return OverheadSize() + payloadLen; }
     bool SizeValid() const;
 
     // Computes, stores and returns the additive checksum.
@@ -63,7 +65,7 @@ public:
 // Owns: the payload buffer, until ReleaseData(). Threads, Locks, Ends: as Message.
 class InMessage : public Message {
 public:
-    InMessage(uint32_t msgId, uint32_t msgType, uint32_t length) : Message(msgId, msgType, length) {}
+    InMessage(uint32_t msgId, uint32_t msgType, uint32_t length);
 
     const char *GetData() const override { return data.get(); }
 
@@ -71,7 +73,7 @@ public:
     char *GetData();
 
     // Hands the buffer to the caller, who frees it with array delete.
-    char *ReleaseData() { return data.release(); }
+    HAS_SYMBOL char *ReleaseData() { return data.release(); }
 
     // Whether the pipe's record of its times is this message's own, and not that of an earlier one with its id.
     bool timed = false;
@@ -84,10 +86,8 @@ private:
 // Owns: nothing (the payload is the caller's). Threads, Locks, Ends: as Message.
 class OutMessage : public Message {
 public:
-    OutMessage(uint32_t msgId, const TarvoRequest &req, int timeoutMs)
-        : Message(msgId, MSG_TYPE_REQUEST, req.size), timeout(timeoutMs), dataOut(req.data) {}
-    OutMessage(uint32_t msgId, const TarvoResponse &rsp)
-        : Message(msgId, MSG_TYPE_RESPONSE, rsp.size), timeout(-1), dataOut(rsp.data) {}
+    OutMessage(uint32_t msgId, const TarvoRequest &req, int timeoutMs);
+    OutMessage(uint32_t msgId, const TarvoResponse &rsp);
 
     const char *GetData() const override { return dataOut; }
 
@@ -101,8 +101,7 @@ class RequestTask;
 // Owns: the payload taken over from the message. Threads: one at a time. Locks: none. Ends: after the callback.
 class InRequest {
 public:
-    explicit InRequest(InMessage &msg)
-        : id(msg.id), data(msg.ReleaseData()), length(msg.payloadLen), timed(msg.timed) {}
+    explicit InRequest(InMessage &msg);
     virtual ~InRequest() = default;
     InRequest(const InRequest &) = delete;
     InRequest &operator=(const InRequest &) = delete;

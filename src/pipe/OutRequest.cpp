@@ -29,8 +29,8 @@ void OutTimedRequest::Cancel() {
 
 void OutTimedRequest::Wake() { ended.Wake(); }
 
-OutSyncTimedRequest::OutSyncTimedRequest(const std::shared_ptr<TarvoPipeImpl> &owner, uint32_t requestId,
-                                         TarvoResponse &rsp, int timeoutMs)
+OutSyncTimedRequest::OutSyncTimedRequest(std::shared_ptr<TarvoPipeImpl> owner, uint32_t requestId, TarvoResponse &rsp,
+                                         int timeoutMs)
     : OutSyncTimedRequest(std::weak_ptr<TarvoPipeImpl>(owner), requestId, rsp, timeoutMs) {}
 
 OutSyncTimedRequest::OutSyncTimedRequest(std::weak_ptr<TarvoPipeImpl> &&owner, uint32_t requestId, TarvoResponse &rsp,

@@ -72,8 +72,7 @@ private:
 // Owns: nothing; points to the caller's response, which must outlive the request's stay in the pipe's list.
 class OutSyncTimedRequest : public OutTimedRequest {
 public:
-    OutSyncTimedRequest(const std::shared_ptr<TarvoPipeImpl> &owner, uint32_t requestId, TarvoResponse &rsp,
-                        int timeoutMs);
+    OutSyncTimedRequest(std::shared_ptr<TarvoPipeImpl> owner, uint32_t requestId, TarvoResponse &rsp, int timeoutMs);
     OutSyncTimedRequest(std::weak_ptr<TarvoPipeImpl> &&owner, uint32_t requestId, TarvoResponse &rsp, int timeoutMs);
 
     void Process(TarvoResponse &in) override;

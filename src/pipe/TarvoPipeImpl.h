@@ -16,6 +16,7 @@
 #include <optional>
 #include <string>
 
+#include "api/HasSymbol.h"
 #include "api/Mutex.h"
 #include "api/SharedMutex.h"
 #include "diag/run_time_record.h"
@@ -45,17 +46,17 @@ public:
 
     // ---- Names and identity ----
     // Own name followed by remote name, without a separator.
-    std::string GetTableKey() const { return AssembleTableKey(myName + remoteName); }
-    std::string GetMyName() const { return myName; }
+    HAS_SYMBOL std::string GetTableKey() const { return AssembleTableKey(myName + remoteName); }
+    HAS_SYMBOL std::string GetMyName() const { return myName; }
     // The pipe handle; -1 until the table has given one.
-    int GetPipeFd() const { return pipeFd; }
-    void SetFd(int fd) {
+    HAS_SYMBOL int GetPipeFd() const { return pipeFd; }
+    HAS_SYMBOL void SetFd(int fd) {
         pipeFd = fd;
         workerName = std::to_string(fd);
     }
     // Whether the times of its messages are recorded.
     bool IsHeartbeat() const { return isHeartbeat; }
-    DataMonitorType GetPipeDataMonitorType() const { return monitorType; }
+    HAS_SYMBOL DataMonitorType GetPipeDataMonitorType() const { return monitorType; }
     DataMonitorType InitDataMonitorType(TarvoPriority prio, TarvoDomain targetDomain) const;
     // The path of the FIFO that `from` writes and `to` reads; "" when it cannot be formed.
     std::string AssembleFifoName(const std::string &from, const std::string &to, TarvoDomain targetDomain) const;
@@ -74,7 +75,7 @@ public:
     // Waits for the file to exist: 0, -ETIMEDOUT, or -ECANCELED when the pipe is closed meanwhile.
     int AppWaitForPipeReady(const std::string &name, int timeoutMs) const;
     // Task after an open in server mode: opens the write end once the remote reads. The result of RetryOpenWriteFifo.
-    static int HandleServerOpen(const std::shared_ptr<TarvoPipeImpl> &pipe);
+    static int HandleServerOpen(std::shared_ptr<TarvoPipeImpl> pipe);
 
     // ---- Sending ----
     // 0 or a negated errno; never waits. Any number of threads at once.
@@ -101,13 +102,15 @@ public:
     ServiceHandler GetServiceHandler() const;
     void OnCallbackFinished();
     // Whether the record that it made is the message's own (InMessage::timed).
-    bool CheckEpollTime(const MsgHead &head, const Tarvo::EpollTimeRecord &rec) EXCLUDES(recordMutex);
+    bool CheckEpollTime(const MsgHead &head, Tarvo::EpollTimeRecord &rec) EXCLUDES(recordMutex);
     void UpdateTimeRecord(unsigned int id) EXCLUDES(recordMutex);
     // A copy, taken without the lock: for use once no request can arrive any more.
-    std::list<std::shared_ptr<InRequest>> GetInReqList() const NO_THREAD_SAFETY_ANALYSIS { return inRequests; }
+    HAS_SYMBOL std::list<std::shared_ptr<InRequest>> GetInReqList() const NO_THREAD_SAFETY_ANALYSIS {
+        return inRequests;
+    }
 
     // ---- Outgoing requests ----
-    unsigned int AllocateId() { return nextId.fetch_add(1, std::memory_order_relaxed); }
+    HAS_SYMBOL unsigned int AllocateId() { return nextId.fetch_add(1, std::memory_order_relaxed); }
     // Registers a call under a fresh id, which is written into `req`; `rsp` is cleared and must stay valid until
     // WaitForResponse or RemoveRequest has returned.
     int RecordOutRequest(TarvoRequest &req, TarvoResponse &rsp, int timeoutMs);
@@ -118,7 +121,7 @@ public:
     int RecordOutRequest(const std::shared_ptr<OutRequest> &request) { return outRequests.PushBack(request); }
     int AwaitResponse(OutRequest &request, const TarvoRequest &req, int timeoutMs) EXCLUDES(outRequestMutex);
     void RemoveRequest(const TarvoRequest &req) EXCLUDES(outRequestMutex);
-    void OnRequestCancelled(const TarvoRequest &req) { RemoveRequest(req); }
+    HAS_SYMBOL void OnRequestCancelled(const TarvoRequest &req) { RemoveRequest(req); }
     void ProcessResponse(InMessage &msg) EXCLUDES(outRequestMutex);
 
     // ---- Closing ----
@@ -137,7 +140,7 @@ public:
     int UnlinkFd(const std::string &name) const;
     // Removes both FIFO files without checks, locks or logging: for a process that is failing.
     void ExceptionHandler();
-    bool IsCallbackHandleRemoteClose() const { return callbackHandleRemoteClose != 0; }
+    HAS_SYMBOL bool IsCallbackHandleRemoteClose() const { return callbackHandleRemoteClose != 0; }
     // The write end of a pipe that has it before it is registered (client mode), else -1: its remote may be gone before
     // the read end has ever had a writer, and so without a hang-up there.
     int LoneWriteFd() const { return mode == TARVO_MODE_CLIENT ? writeFd.load() : -1; }
@@ -154,7 +157,7 @@ public:
     SharedMutex &DescriptorUse() RETURN_CAPABILITY(descriptorUse) { return descriptorUse; }
 
 protected:
-    std::string AssembleTableKey(const std::string &key) const { return key; }
+    HAS_SYMBOL std::string AssembleTableKey(const std::string &key) const { return key; }
     void AssembleFifoNames();
     int GetReadFd() const { return readFd; }
 

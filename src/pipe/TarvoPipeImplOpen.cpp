@@ -336,7 +336,7 @@ bool TarvoPipeImpl::AwaitNextAttempt(std::chrono::microseconds time, uint32_t of
                                     [&] { return writeFd > 0 || IsClosing() || opening != ofOpening; });
 }
 
-int TarvoPipeImpl::HandleServerOpen(const std::shared_ptr<TarvoPipeImpl> &pipe) {
+int TarvoPipeImpl::HandleServerOpen(std::shared_ptr<TarvoPipeImpl> pipe) {
     const uint32_t opening = pipe->opening;
     const int ret = pipe->RetryOpenWriteFifo(SERVER_RETRY_INTERVAL_US);
     if (ret >= 0) {

@@ -328,7 +328,7 @@ void TarvoPipeImpl::OnCallbackFinished() {
     }
 }
 
-bool TarvoPipeImpl::CheckEpollTime(const MsgHead &head, const Tarvo::EpollTimeRecord &rec) {
+bool TarvoPipeImpl::CheckEpollTime(const MsgHead &head, Tarvo::EpollTimeRecord &rec) {
     if (!isHeartbeat) {
         return false;
     }

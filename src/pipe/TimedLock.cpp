@@ -4,6 +4,9 @@
 #include <cerrno>
 #include <chrono>
 
+TimedLock::TimedLock(std::timed_mutex &toLock, int timeoutMs)
+    : mutex(toLock), timeout(timeoutMs), remaining(timeoutMs) {}
+
 TimedLock::~TimedLock() {
     if (locked) {
         mutex.unlock();
@@ -26,3 +29,5 @@ int TimedLock::Lock() {
     remaining = static_cast<int32_t>(std::max<int64_t>(timeout - elapsed, 0));
     return 0;
 }
+
+int TimedLock::GetRemainingTime() const { return timeout < 0 ? timeout : remaining; }

@@ -9,7 +9,7 @@
 class TimedLock {
 public:
     // Negative `timeoutMs`: no limit.
-    TimedLock(std::timed_mutex &toLock, int timeoutMs) : mutex(toLock), timeout(timeoutMs), remaining(timeoutMs) {}
+    TimedLock(std::timed_mutex &toLock, int timeoutMs);
     ~TimedLock();
     TimedLock(const TimedLock &) = delete;
     TimedLock &operator=(const TimedLock &) = delete;
@@ -18,7 +18,7 @@ public:
     int Lock();
 
     // Milliseconds left after Lock(); negative when there is no limit.
-    int GetRemainingTime() const { return timeout < 0 ? timeout : remaining; }
+    int GetRemainingTime() const;
 
 private:
     std::timed_mutex &mutex;
