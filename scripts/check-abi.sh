@@ -9,8 +9,9 @@ Usage: scripts/check-abi.sh [--update]
 
 Compares what programs that were built against include/tarvo.h rely on (functions with their parameters and results, and
 sizes, fields and values of the types) with the baseline of this major version, abi/libtarvo-1.0.abi, and fails on every
-difference, also on additions: those go into the baseline with --update, by a change of its own. Members of the library's
-classes are exported, too, but are nobody's business outside, and may change.
+difference, also on additions: those go into the baseline with --update, by a change of its own. Then sees that the
+members of the library's classes and its free functions, which programs may call directly, have their symbols in the
+optimised library: abi/members.list (scripts/check-members.sh).
 
   --update   write the baseline anew, from the sources as they are
 
@@ -106,6 +107,8 @@ main() {
         return 1
     fi
     echo "the binary interface of ${#names[@]} functions is that of $baseline"
+    scripts/build-target.sh release tarvo
+    scripts/check-members.sh build/release/src/libtarvo.so
 }
 
 main "$@"

@@ -5,6 +5,7 @@
 #include <thread>
 #include <utility>
 
+#include "api/HasSymbol.h"
 #include "tarvo.h"
 
 // Holds one thread of the library and maps a TarvoPriority onto its scheduling.
@@ -19,7 +20,7 @@ public:
     // Starts a thread that calls `memberFunction` on `object`, at normal priority. Throws std::system_error when it
     // cannot be started. The previous thread must have been joined.
     template <typename Function, typename Object>
-    void Create(Function &&memberFunction, Object &&object) {
+    HAS_SYMBOL void Create(Function &&memberFunction, Object &&object) {
         thread = std::thread(std::forward<Function>(memberFunction), std::forward<Object>(object));
         StartAtNormal();
     }
