@@ -7,7 +7,7 @@
 #include "api/NoThrow.h"
 #include "api/TableFactory.h"
 #include "api/tarvo_check.h"
-#include "diag/velm_syslog_inline.h"
+#include "diag/velm_syslog.h"
 #include "pipe/TarvoPipeImpl.h"
 #include "server/PipeServer.h"
 #include "table/TarvoTable.h"

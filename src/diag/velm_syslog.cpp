@@ -97,12 +97,10 @@ std::size_t BuildHeader(LineBuffer &text, VELMLogType type, int line, const char
     return length < 0 ? 0 : static_cast<std::size_t>(length);
 }
 
-} // namespace
-
-void VelmSyslog(VELMLogType type, int level, int line, const char *file, const char *format, ...) {
-    if (level > LAST_WRITTEN_LEVEL) {
-        return;
-    }
+// VelmSyslog for a line that is written. Apart from it, so that a line which is discarded, as most are, saves no
+// register and takes no memory for this; cold, since only these lines come here.
+__attribute__((cold, noinline)) void WriteLine(VELMLogType type, int level, int line, const char *file,
+                                               const char *format, std::va_list args) {
     const int savedErrno = errno;
     if (type > LAST_UNRESTRAINED_TYPE && !MayWriteRestrained(line, file)) {
         errno = savedErrno;
@@ -111,10 +109,7 @@ void VelmSyslog(VELMLogType type, int level, int line, const char *file, const c
 
     MutexLock lock(LogMutex());
     LineBuffer message{};
-    std::va_list args;
-    va_start(args, format);
     const int formatted = vsnprintf_s(message.data(), message.size(), message.size() - 1, format, args);
-    va_end(args);
     if (formatted < 0) {
         strcpy_s(message.data(), message.size(), UNFORMATTABLE);
     }
@@ -130,6 +125,18 @@ void VelmSyslog(VELMLogType type, int level, int line, const char *file, const c
     text.back() = '\0';
     syslog(level, "%s", text.data());
     errno = savedErrno;
+}
+
+} // namespace
+
+void VelmSyslog(VELMLogType type, int level, int line, const char *file, const char *format, ...) {
+    if (level > LAST_WRITTEN_LEVEL) {
+        return;
+    }
+    std::va_list args;
+    va_start(args, format);
+    WriteLine(type, level, line, file, format, args);
+    va_end(args);
 }
 
 void VelmLogGetInstance(bool enable) {

@@ -11,7 +11,7 @@
 #include <utility>
 
 #include "diag/run_time_record.h"
-#include "diag/velm_syslog_inline.h"
+#include "diag/velm_syslog.h"
 #include "fifo/velm_fifo.h"
 
 namespace {

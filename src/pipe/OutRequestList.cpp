@@ -4,7 +4,7 @@
 #include <cerrno>
 #include <utility>
 
-#include "diag/velm_syslog_inline.h"
+#include "diag/velm_syslog.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <utility>
 
 #include "api/EnvManager.h"
-#include "diag/velm_syslog_inline.h"
+#include "diag/velm_syslog.h"
 #include "pipe/TarvoPipeImpl.h"
 
 namespace {

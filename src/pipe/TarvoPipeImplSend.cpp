@@ -6,7 +6,7 @@
 
 #include "diag/bounded.h"
 #include "diag/run_time_record.h"
-#include "diag/velm_syslog_inline.h"
+#include "diag/velm_syslog.h"
 #include "pipe/TarvoPipeImpl.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <exception>
 #include <utility>
 
-#include "diag/velm_syslog_inline.h"
+#include "diag/velm_syslog.h"
 #include "monitor/DataMonitorImpl.h"
 #include "server/TarvoClientPipe.h"
 #include "worker/CallbackPool.h"

@@ -14,7 +14,7 @@
 #include <utility>
 
 #include "api/EnvManager.h"
-#include "diag/velm_syslog_inline.h"
+#include "diag/velm_syslog.h"
 
 namespace {
 
@@ -273,9 +273,10 @@ void Worker::RunTasks() {
             current = curTask.get();
         }
         const TarvoTask &call = *current;
-        TARVO_LOG(LOG_DEBUG, "Calling %s", typeid(call).name());
+        const char *const type = typeid(call).name();
+        TARVO_LOG(LOG_DEBUG, "Calling %s", type);
         call(); // what it throws ends the process
-        TARVO_LOG(LOG_DEBUG, "Finish %s", typeid(call).name());
+        TARVO_LOG(LOG_DEBUG, "Finish %s", type);
         std::shared_ptr<const TarvoTask> finished; // released without the lock
         {
             MutexLock lock(taskMutex);
