@@ -26,6 +26,14 @@ constexpr char WHITESPACE[] = " \t\n\v\f\r";
 constexpr std::size_t MAX_COMM_LENGTH = 16;
 constexpr std::size_t COMM_BUFFER_SIZE = 128;
 
+// The array of variables that the process was started with: it lies behind the arguments. A variable that is not in it
+// never will be, since setenv and putenv put a new one into an array of their own, to which `environ` points then.
+char **startEnvironment = nullptr;
+
+__attribute__((constructor)) void FindStartEnvironment(int argc, char **argv) { startEnvironment = argv + argc + 1; }
+
+bool HasStartEnvironment() { return __atomic_load_n(&environ, __ATOMIC_RELAXED) == startEnvironment; }
+
 bool Contains(const std::string &text, const char *part) { return text.find(part) != std::string::npos; }
 
 // Never destroyed: threads may still ask while statics die.
@@ -35,6 +43,8 @@ struct EnvState {
     std::string runMode;
     // Set once runMode is final, so that later readers need no lock.
     std::atomic<bool> runModeKnown{false};
+    // Set once the variable was not in the array that the process was started with.
+    std::atomic<bool> runModeUnsetAtStart{false};
 };
 
 EnvState &State() {
@@ -120,10 +130,16 @@ std::string EnvManager::GetRunMode() {
     if (state.runModeKnown.load(std::memory_order_acquire)) {
         return state.runMode;
     }
+    // Every call asks. Without this, each would take the lock and search the whole environment.
+    if (state.runModeUnsetAtStart.load(std::memory_order_relaxed) && HasStartEnvironment()) {
+        return {};
+    }
     MutexLock lock(Instance());
     if (state.runMode.empty()) {
         if (const char *mode = std::getenv(ENV_RUN_MODE)) {
             state.runMode = mode;
+        } else if (HasStartEnvironment()) {
+            state.runModeUnsetAtStart.store(true, std::memory_order_relaxed);
         }
         state.runModeKnown.store(!state.runMode.empty(), std::memory_order_release);
     }

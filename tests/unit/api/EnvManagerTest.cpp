@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <optional>
 #include <string>
 #include <thread>
@@ -328,6 +329,76 @@ TEST(GetRunMode, IsReadUntilItIsSetAndThenKept) {
         EXPECT_EQ(EnvManager::GetRunMode(), "1");
         unsetenv("KELDOR_RUN_MODE");
         EXPECT_EQ(EnvManager::GetRunMode(), "1");
+    });
+}
+
+TEST(GetRunMode, IsSeenByTheNextCallHoweverItComesIntoTheEnvironment) {
+    static char variable[] = "KELDOR_RUN_MODE=1";
+    static char *variables[] = {variable, nullptr};
+    const std::vector<std::function<void()>> ways = {
+        [] { setenv("KELDOR_RUN_MODE", "1", 0); },
+        [] { putenv(variable); },
+        [] { environ = variables; },
+        [] { // no variable more than before
+            unsetenv("PATH");
+            setenv("KELDOR_RUN_MODE", "1", 1);
+        },
+        [] { // into an array that grew before, where there may be room for it
+            setenv("KELDOR_OTHER", "1", 1);
+            EXPECT_EQ(EnvManager::GetRunMode(), "");
+            unsetenv("KELDOR_OTHER");
+            EXPECT_EQ(EnvManager::GetRunMode(), "");
+            setenv("KELDOR_RUN_MODE", "1", 1);
+        },
+        [] {
+            clearenv();
+            EXPECT_EQ(EnvManager::GetRunMode(), "");
+            setenv("KELDOR_RUN_MODE", "1", 1);
+        },
+        [] { // in the place of an empty one
+            setenv("KELDOR_RUN_MODE", "", 1);
+            EXPECT_EQ(EnvManager::GetRunMode(), "");
+            setenv("KELDOR_RUN_MODE", "1", 1);
+        },
+    };
+    for (std::size_t i = 0; i < ways.size(); ++i) {
+        SCOPED_TRACE(i);
+        InFreshProcess([&] {
+            for (int call = 0; call < 3; ++call) {
+                EXPECT_EQ(EnvManager::GetRunMode(), "");
+            }
+            ways[i]();
+            EXPECT_EQ(EnvManager::GetRunMode(), "1");
+        });
+    }
+}
+
+// An empty one that the process was started with is changed where it stands.
+TEST(GetRunMode, IsSeenInThePlaceOfAnEmptyOneFromTheStart) {
+    static constexpr char ROLE[] = "TARVO_TEST_EMPTY_RUN_MODE";
+    if (getenv(ROLE) != nullptr) {
+        EXPECT_EQ(EnvManager::GetRunMode(), "");
+        EXPECT_EQ(EnvManager::GetRunMode(), "");
+        setenv("KELDOR_RUN_MODE", "1", 1);
+        EXPECT_EQ(EnvManager::GetRunMode(), "1");
+        return;
+    }
+    const int code = ChildProcess([](Channel &) {
+                         setenv(ROLE, "1", 1);
+                         setenv("KELDOR_RUN_MODE", "", 1);
+                         const std::string only = "--gtest_filter=GetRunMode.IsSeenInThePlaceOfAnEmptyOneFromTheStart";
+                         execl("/proc/self/exe", "unit_api", only.c_str(), nullptr);
+                         return 1;
+                     }).Wait();
+    EXPECT_EQ(code, 0);
+}
+
+// Calls on several threads would wait for each other there.
+TEST(GetRunMode, TakesNoLockWhereTheProcessWasStartedWithout) {
+    InFreshProcess([] {
+        EXPECT_EQ(EnvManager::GetRunMode(), "");
+        MutexLock lock(EnvManager::Instance());
+        std::thread([] { EXPECT_EQ(EnvManager::GetRunMode(), ""); }).join();
     });
 }
 
