@@ -56,16 +56,20 @@ int SetTempPermission(const std::string &tempName, uint32_t gid) {
     return 0;
 }
 
+// IsLink without a report, as for what may have gone again.
+bool IsLinkNow(const std::string &name) {
+    struct stat state;
+    return GetFileState(name, state) == 0 && S_ISLNK(state.st_mode);
+}
+
 // Whether the file that another process has published under `name` meanwhile can be used: 0, -EACCES or -EINVAL.
 int AdoptFifo(const std::string &name) {
-    const bool isFifo = IsFifoFile(name) == 0;
     // A symbolic link is no FIFO either, but has a result of its own.
-    const int link = IsLink(name);
-    if (!isFifo && link != -EINVAL) {
+    if (IsFifoFile(name) != 0 && !IsLinkNow(name)) {
         TARVO_LOG(LOG_ERR, "Existing file %s is not fifo file.", name.c_str());
         return -EACCES;
     }
-    if (link != 0) {
+    if (IsLink(name) != 0) {
         TARVO_LOG(LOG_ERR, "Fifo file %s is a symbolic link.", name.c_str());
         return -EINVAL;
     }
@@ -166,13 +170,21 @@ int OpenPublishedFifo(const std::string &name, int flags) {
     struct stat opened {};
     struct stat after;
     // The FIFO may be replaced by a new one at any time, before the open or after it.
-    if (fstat(fd, &opened) == 0 && S_ISFIFO(opened.st_mode) &&
-        ((exists && IsSameFile(opened, before)) || (GetFileState(name, after) == 0 && IsSameFile(opened, after)))) {
+    const bool isFifo = fstat(fd, &opened) == 0 && S_ISFIFO(opened.st_mode);
+    if (isFifo && exists && IsSameFile(opened, before)) {
         return fd;
     }
-    TARVO_LOG(LOG_ERR, "File %s(mode=%u) exists but is not fifo file.", name.c_str(), opened.st_mode);
+    const bool stillExists = GetFileState(name, after) == 0;
+    if (isFifo && stillExists && IsSameFile(opened, after)) {
+        return fd;
+    }
     close(fd);
-    return -EACCES;
+    if (stillExists && !S_ISFIFO(after.st_mode)) {
+        TARVO_LOG(LOG_ERR, "File %s(mode=%u) exists but is not fifo file.", name.c_str(), after.st_mode);
+        return -EACCES;
+    }
+    // Gone again, or there is another FIFO by now than the one that a link or a file in its place led to.
+    return -ENOENT;
 }
 
 int IsFifoFile(const std::string &path) {

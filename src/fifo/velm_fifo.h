@@ -23,7 +23,8 @@ int OpenFifo(const std::string &name, int flags);
 
 // OpenFifo for a file that others may have tampered with: the descriptor only when it is that of the FIFO which stands
 // under `name` itself, so that nothing is ever read from or written to a file that a link leads to. -EACCES for any
-// other kind of file.
+// other kind of file; -ENOENT, without a line of its own, for a FIFO that is gone or another one before it was sure:
+// look again as for one that is still to come.
 int OpenPublishedFifo(const std::string &name, int flags);
 
 // 0 when `path` itself is a FIFO, -EACCES when it is anything else (links are not followed), or the errno of lstat.

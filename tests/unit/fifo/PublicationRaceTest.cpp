@@ -120,6 +120,30 @@ TEST_F(PublicationRace, FifoThatVanishesAgainIsRefused) {
     EXPECT_THAT(OwnFifoFiles(), IsEmpty());
 }
 
+TEST_F(PublicationRace, FileThatVanishesAgainIsReportedAsNoFifoOnly) {
+    const ScopedFault fault(Call::Link, EEXIST);
+    const LogCalls log;
+    const CallTrace trace(path);
+    EXPECT_EQ(-EACCES, CreateFifo(path, gid, -1, TARVO_DOMAIN_LOCAL, ""));
+    EXPECT_THAT(log.UpTo(LOG_NOTICE),
+                ElementsAre(ErrorLine(TAG, "Get file " + path + " state failed, ret=-2."),
+                            ErrorLine(TAG, "Existing file " + path + " is not fifo file."), Failure(trace, -EACCES)));
+}
+
+TEST_F(PublicationRace, FileThatVanishesAfterTheFirstLookIsReportedAsNoFifoOnly) {
+    const ScopedHook vanish(
+        Call::Lstat, [this](const CallInfo &) { ::unlink(path.c_str()); }, Where().Path(path).Nth(2));
+    const LogCalls log;
+    const CallTrace trace(path);
+    EXPECT_EQ(-EACCES, CreateAgainst([&] {
+        WriteFile(path, "text");
+        ASSERT_EQ(0, ::chmod(path.c_str(), 0640));
+    }));
+    EXPECT_THAT(log.UpTo(LOG_NOTICE),
+                ElementsAre(ErrorLine(TAG, NotAFifo(0100640)),
+                            ErrorLine(TAG, "Existing file " + path + " is not fifo file."), Failure(trace, -EACCES)));
+}
+
 TEST_F(PublicationRace, FifoWhoseStateCannotBeReadIsRefused) {
     const struct {
         unsigned failing;

@@ -210,7 +210,7 @@ TEST_F(OpenPublishedFifoTest, LinkThatTakesTheNameBeforeTheOpenIsClosedAgain) {
         ::unlink(path.c_str());
         ASSERT_EQ(0, ::symlink(fifo.c_str(), path.c_str()));
     }));
-    EXPECT_THAT(log.All(), ElementsAre(NotAFifo(0010600)));
+    EXPECT_THAT(log.All(), ElementsAre(NotAFifo(0120777)));
     EXPECT_EQ(descriptors, OpenDescriptors().size());
     ::unlink(fifo.c_str());
 }
@@ -224,6 +224,46 @@ TEST_F(OpenPublishedFifoTest, FifoThatIsReplacedByAFifoMeanwhileIsFine) {
     ASSERT_GE(fd, 0);
     ::close(fd);
     EXPECT_THAT(log.All(), IsEmpty());
+}
+
+// What is there before the open, and what after it: a FIFO that does not stay for both looks has not come yet.
+TEST_F(OpenPublishedFifoTest, FifoThatIsGoneOrAnotherAtTheSecondLookIsNotThere) {
+    const std::string target = NewPath("target");
+    ASSERT_EQ(0, ::mkfifo(target.c_str(), 0600));
+    const auto remove = [this] { ::unlink(path.c_str()); };
+    const auto replace = [this] {
+        ::unlink(path.c_str());
+        ASSERT_EQ(0, ::mkfifo(path.c_str(), 0600));
+    };
+    const auto replaceByLink = [&] {
+        ::unlink(path.c_str());
+        ASSERT_EQ(0, ::symlink(target.c_str(), path.c_str()));
+    };
+    const struct {
+        const char *what;
+        std::function<void()> beforeOpen;
+        std::function<void()> afterOpen;
+    } rows[] = {
+        {"replaced, then gone", replace, remove},
+        {"replaced twice", replace, replace},
+        {"a file for a moment", [this] { ReplaceByFile(); }, replace},
+        {"a file for a moment, then gone", [this] { ReplaceByFile(); }, remove},
+        {"a link for a moment", replaceByLink, replace},
+        {"a link for a moment, then gone", replaceByLink, remove},
+    };
+    const std::size_t descriptors = OpenDescriptors().size();
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.what);
+        replace();
+        const LogCalls log;
+        const ScopedHook second(
+            Call::Lstat, [&](const CallInfo &) { row.afterOpen(); }, Where().Path(path).Nth(2).Times(1));
+        EXPECT_EQ(-ENOENT, OpenAgainst(row.beforeOpen));
+        EXPECT_EQ(1U, second.Hits());
+        EXPECT_THAT(log.All(), IsEmpty());
+    }
+    EXPECT_EQ(descriptors, OpenDescriptors().size());
+    ::unlink(target.c_str());
 }
 
 TEST_F(OpenPublishedFifoTest, FailuresAreThoseOfTheOpen) {
