@@ -26,6 +26,12 @@ constexpr unsigned SERVER_RETRY_INTERVAL_US = 500000;
 constexpr unsigned GROWING_INTERVAL = 1;
 constexpr unsigned ATTEMPTS_PER_LOG_LINE = 1000;
 
+// Milliseconds that `timeoutMs`, counted from `start`, has left: 0 when it is used up, -1 without a limit (below 1 ms).
+int TimeLeft(int timeoutMs, uint64_t start) {
+    const auto elapsed = static_cast<int64_t>(Tarvo::GetCurrentTime() - start) / MICROSECONDS_PER_MILLISECOND;
+    return timeoutMs < 1 ? -1 : static_cast<int>(std::max<int64_t>(timeoutMs - elapsed, 0));
+}
+
 bool FileExists(const std::string &name) { return access(name.c_str(), F_OK) == 0; }
 
 // Sleeps between attempts, each time twice as long up to a limit, until a time budget is used up.
@@ -245,6 +251,7 @@ int TarvoPipeImpl::CreateOwnFifo(const std::string &name, const char *slowText) 
 }
 
 int TarvoPipeImpl::CreateAndOpenFifo(const std::string &name, int flags) const {
+    const uint64_t start = Tarvo::GetCurrentTime();
     int ret = 0;
     if (mode == TARVO_MODE_SERVER) {
         ret = CreateOwnFifo(name, "CreateReadFifo ");
@@ -257,7 +264,13 @@ int TarvoPipeImpl::CreateAndOpenFifo(const std::string &name, int flags) const {
     if (ret < 0) {
         return ret;
     }
-    const int fd = OpenPublishedFifo(name, flags);
+    int fd = OpenPublishedFifo(name, flags);
+    while (fd == -ENOENT && mode == TARVO_MODE_CLIENT && !IsClosing()) {
+        // Replaced or gone again: the remote's file is still to come.
+        const int left = TimeLeft(timeout, start);
+        ret = left == 0 ? -ETIMEDOUT : AppWaitForPipeReady(name, left);
+        fd = ret < 0 ? ret : OpenPublishedFifo(name, flags);
+    }
     if (fd < 0) {
         TARVO_LOG(LOG_ERR, "Open fifoFd with flag(%d) of fifo(%s) failed, err = %d, remote is %s", flags, name.c_str(),
                   fd, remoteName.c_str());

@@ -1,8 +1,10 @@
 // Opening when the remote creates the files: waiting for them, and for somebody to read what this side writes.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <future>
 
@@ -26,6 +28,29 @@ protected:
         TarvoAttr attr = Attr(TARVO_MODE_CLIENT);
         attr.timeout = timeout;
         return MakePipe(attr);
+    }
+
+    // Another FIFO takes the place of the remote's for as long as it is being opened.
+    void OpenWhileAnotherTakesItsPlace(const std::string &file) {
+        peer.CreateFiles();
+        const std::string aside = file + "aside";
+        std::atomic<int> reader{-1};
+        const ScopedHook swap(
+            Call::Open,
+            [&](const CallInfo &) {
+                EXPECT_EQ(rename(file.c_str(), aside.c_str()), 0);
+                EXPECT_EQ(mkfifo(file.c_str(), 0660), 0);
+                reader = open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+            },
+            Where().Path(file));
+        const ScopedHook swapBack(
+            Call::Lstat, [&](const CallInfo &) { EXPECT_EQ(rename(aside.c_str(), file.c_str()), 0); },
+            Where().Path(file).If([&](const CallInfo &) { return reader >= 0; }));
+        const Pipe pipe = MakeClientPipe(20000);
+        EXPECT_EQ(pipe->TimedOpen(20000), 0);
+        EXPECT_EQ(swapBack.Hits(), 1U);
+        EXPECT_EQ(Troubles(), std::vector<std::string>());
+        close(reader);
     }
 
     std::string WaitLine(int ret) const {
@@ -290,6 +315,26 @@ TEST_F(PipeOpenClientTest, ReadEndThatCannotBeOpenedIsTold) {
     EXPECT_TRUE(log.ContainsExactly(LOG_ERR, "Open pipe readFd failed, ret = -13, pipeName = " + readFile + "."));
     EXPECT_EQ(observer.Count(Report::OpenFailed), 1U);
     EXPECT_EQ(pipe->TimedOpen(100), 0);
+}
+
+TEST_F(PipeOpenClientTest, WriteFifoThatWasAnotherForAMomentIsLookedForAgain) {
+    OpenWhileAnotherTakesItsPlace(writeFile);
+}
+
+TEST_F(PipeOpenClientTest, ReadFifoThatWasAnotherForAMomentIsLookedForAgain) {
+    OpenWhileAnotherTakesItsPlace(readFile);
+}
+
+TEST_F(PipeOpenClientTest, ReadFileThatIsGoneAgainIsWaitedForWithinTheBudget) {
+    const RecordedSleeps sleeps;
+    peer.CreateFiles();
+    const ScopedHook vanish(
+        Call::Open, [&](const CallInfo &) { unlink(readFile.c_str()); }, Where().Path(readFile));
+    const Pipe pipe = MakeClientPipe();
+    const auto start = Clock::now();
+    EXPECT_EQ(pipe->TimedOpen(100), -ETIMEDOUT);
+    EXPECT_EQ(Clock::now() - start, milliseconds(100));
+    EXPECT_EQ(vanish.Hits(), 1U);
 }
 
 TEST_F(PipeOpenClientTest, WriteEndOfDescriptorZeroCountsAsNotOpen) {
