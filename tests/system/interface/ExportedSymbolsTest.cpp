@@ -47,6 +47,11 @@ class ExportedSymbolsTest : public testing::Test {
 protected:
     void SetUp() override { ASSERT_NE(library, nullptr) << dlerror(); }
 
+    const link_map *Map() const {
+        link_map *map = nullptr;
+        return dlinfo(library.get(), RTLD_DI_LINKMAP, &map) == 0 ? map : nullptr;
+    }
+
     bool Exports(const std::string &name) const { return dlsym(library.get(), name.c_str()) != nullptr; }
 
     void ExpectAll(const Names &names) const {
