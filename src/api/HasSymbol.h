@@ -2,9 +2,7 @@
 #define TARVO_API_HASSYMBOL_H
 
 // Before a member function that is defined in its class, so that calls of it are inlined, and that programs find in the
-// library all the same: compilers leave out an inline function of which every call is inlined. For constructors it is
-// enough only in classes that others derive from: clang writes out the one for the base of an object, and not the one
-// for a whole object.
+// library all the same: compilers leave out an inline function of which every call is inlined.
 #define HAS_SYMBOL __attribute__((used))
 
 #endif // TARVO_API_HASSYMBOL_H

@@ -52,19 +52,9 @@ uint32_t Message::Checksum() {
     return checksum;
 }
 
-InMessage::InMessage(uint32_t msgId, uint32_t msgType, uint32_t length) : Message(msgId, msgType, length) {}
-
 char *InMessage::GetData() {
     if (SizeValid() && !data) {
         data = std::make_unique<char[]>(payloadLen);
     }
     return data.get();
 }
-
-OutMessage::OutMessage(uint32_t msgId, const TarvoRequest &req, int timeoutMs)
-    : Message(msgId, MSG_TYPE_REQUEST, req.size), timeout(timeoutMs), dataOut(req.data) {}
-
-OutMessage::OutMessage(uint32_t msgId, const TarvoResponse &rsp)
-    : Message(msgId, MSG_TYPE_RESPONSE, rsp.size), timeout(-1), dataOut(rsp.data) {}
-
-InRequest::InRequest(InMessage &msg) : id(msg.id), data(msg.ReleaseData()), length(msg.payloadLen), timed(msg.timed) {}

@@ -65,7 +65,7 @@ public:
 // Owns: the payload buffer, until ReleaseData(). Threads, Locks, Ends: as Message.
 class InMessage : public Message {
 public:
-    InMessage(uint32_t msgId, uint32_t msgType, uint32_t length);
+    HAS_SYMBOL InMessage(uint32_t msgId, uint32_t msgType, uint32_t length) : Message(msgId, msgType, length) {}
 
     const char *GetData() const override { return data.get(); }
 
@@ -86,8 +86,10 @@ private:
 // Owns: nothing (the payload is the caller's). Threads, Locks, Ends: as Message.
 class OutMessage : public Message {
 public:
-    OutMessage(uint32_t msgId, const TarvoRequest &req, int timeoutMs);
-    OutMessage(uint32_t msgId, const TarvoResponse &rsp);
+    HAS_SYMBOL OutMessage(uint32_t msgId, const TarvoRequest &req, int timeoutMs)
+        : Message(msgId, MSG_TYPE_REQUEST, req.size), timeout(timeoutMs), dataOut(req.data) {}
+    HAS_SYMBOL OutMessage(uint32_t msgId, const TarvoResponse &rsp)
+        : Message(msgId, MSG_TYPE_RESPONSE, rsp.size), timeout(-1), dataOut(rsp.data) {}
 
     const char *GetData() const override { return dataOut; }
 
@@ -101,7 +103,8 @@ class RequestTask;
 // Owns: the payload taken over from the message. Threads: one at a time. Locks: none. Ends: after the callback.
 class InRequest {
 public:
-    explicit InRequest(InMessage &msg);
+    HAS_SYMBOL explicit InRequest(InMessage &msg)
+        : id(msg.id), data(msg.ReleaseData()), length(msg.payloadLen), timed(msg.timed) {}
     virtual ~InRequest() = default;
     InRequest(const InRequest &) = delete;
     InRequest &operator=(const InRequest &) = delete;

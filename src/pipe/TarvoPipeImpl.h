@@ -201,6 +201,9 @@ private:
     // Null when memory has run out. Copies the user's callback: not under a lock.
     std::shared_ptr<const TarvoTask> MakeTask(std::shared_ptr<InRequest> &&req, const ServiceHandler &handler);
     void RunCallback(const ServiceHandler &handler, const InRequest *req);
+    // CheckEpollTime for the few pipes that it concerns. Apart, so that others need no room for it with each message.
+    __attribute__((noinline)) bool RecordTimes(const MsgHead &head, const Tarvo::EpollTimeRecord &rec)
+        EXCLUDES(recordMutex);
     // Early, without its callback: by the message that has inserted it and by no other.
     void EraseTimeRecord(unsigned int id, bool timed) EXCLUDES(recordMutex);
 

@@ -329,9 +329,10 @@ void TarvoPipeImpl::OnCallbackFinished() {
 }
 
 bool TarvoPipeImpl::CheckEpollTime(const MsgHead &head, Tarvo::EpollTimeRecord &rec) {
-    if (!isHeartbeat) {
-        return false;
-    }
+    return isHeartbeat && RecordTimes(head, rec);
+}
+
+bool TarvoPipeImpl::RecordTimes(const MsgHead &head, const Tarvo::EpollTimeRecord &rec) {
     const auto now = static_cast<int64_t>(Tarvo::GetCurrentTime());
     const int64_t total = Tarvo::Elapsed(head.writeStartTime, now);
     const int64_t waitStart = Tarvo::Elapsed(head.writeStartTime, rec.epollWaitT);
