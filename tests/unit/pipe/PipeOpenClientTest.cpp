@@ -263,9 +263,10 @@ TEST_F(PipeOpenClientTest, ReportedErrnoIsOfThisOpen) {
 TEST_F(PipeOpenClientTest, WriteEndIsTriedAgainWhileSomethingMayStillComeRight) {
     peer.CreateFiles();
     const RecordedSleeps sleeps;
-    const ScopedFault missing(Call::Open, ENOENT, Where().PathHas(writeFile));
-    const ScopedFault unread(Call::Open, ENXIO, Where().PathHas(writeFile).Nth(2));
-    const ScopedFault crowded(Call::Open, EMFILE, Where().PathHas(writeFile).Nth(3));
+    // The first look and ten more, without a sleep before them.
+    const ScopedFault missing(Call::Open, ENOENT, Where().PathHas(writeFile).Times(11));
+    const ScopedFault unread(Call::Open, ENXIO, Where().PathHas(writeFile).Nth(12));
+    const ScopedFault crowded(Call::Open, EMFILE, Where().PathHas(writeFile).Nth(13));
     const Pipe pipe = MakeClientPipe();
     EXPECT_EQ(pipe->TimedOpen(100), 0);
     EXPECT_EQ(sleeps.Sleeps(), (std::vector<int64_t>{40, 80, 160}));
