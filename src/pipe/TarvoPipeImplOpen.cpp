@@ -40,7 +40,10 @@ bool FileExists(const std::string &name) { return access(name.c_str(), F_OK) == 
 constexpr unsigned YIELDS = 10;
 
 // There, giving up the processor would only let threads of the same priority run.
-bool IsRealTimeThread() { return sched_getscheduler(0) != SCHED_OTHER; }
+bool IsRealTimeThread() {
+    const int policy = sched_getscheduler(0);
+    return policy == SCHED_FIFO || policy == SCHED_RR;
+}
 
 // Sleeps between attempts, each time twice as long up to a limit, until a time budget is used up.
 class Backoff {
