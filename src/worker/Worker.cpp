@@ -143,6 +143,8 @@ int Worker::SetRTType(const TarvoPriority &priority) {
     return thread.SetRTType(priority);
 }
 
+TarvoPriority Worker::GetRTType() const { return rtType.load(std::memory_order_relaxed); }
+
 void Worker::Stop() {
     Clear();
     StopRoutine();
@@ -199,6 +201,8 @@ void Worker::Retire() {
     ThreadJoin();
     Clear();
 }
+
+bool Worker::ExitCheck() const { return tasks.empty(); }
 
 bool Worker::IsWorking() {
     MutexLock lock(taskMutex);

@@ -44,7 +44,7 @@ public:
     // Restarts an ended thread, records `priority` and applies it to the thread. 0, -1 when the thread could not be
     // restarted or the worker is retired, -EINVAL.
     int SetRTType(const TarvoPriority &priority) EXCLUDES(taskMutex);
-    TarvoPriority GetRTType() const { return rtType.load(std::memory_order_relaxed); }
+    TarvoPriority GetRTType() const;
 
     // Drops the queue and lets the thread end after its current task.
     void Stop() EXCLUDES(taskMutex);
@@ -64,7 +64,7 @@ public:
 
     bool IsWorking() EXCLUDES(taskMutex);
     std::size_t WaitingTasks() EXCLUDES(taskMutex);
-    bool ExitCheck() const REQUIRES(taskMutex) { return tasks.empty(); }
+    bool ExitCheck() const REQUIRES(taskMutex);
 
     Mutex &TaskMutex() RETURN_CAPABILITY(taskMutex) { return taskMutex; }
 
