@@ -18,14 +18,18 @@ int SetPriority(Worker &worker, TarvoPriority priority) {
     return ret;
 }
 
+int ReportNoMemory() {
+    TARVO_LOG(LOG_ERR, "Set worker attribute failed, ret = %d", -ENOMEM);
+    return -ENOMEM;
+}
+
+// What becomes of a task that is not queued stays in `task`, so that the caller says when it goes.
 template <typename Task, typename... Arguments>
-int AssignTask(Worker &worker, Arguments &&...arguments) {
-    std::shared_ptr<const TarvoTask> task;
+int AssignTask(Worker &worker, std::shared_ptr<const TarvoTask> &task, Arguments &&...arguments) {
     try {
         task = std::make_shared<const Task>(std::forward<Arguments>(arguments)...);
     } catch (const std::bad_alloc &) {
-        TARVO_LOG(LOG_ERR, "Set worker attribute failed, ret = %d", -ENOMEM);
-        return -ENOMEM;
+        return ReportNoMemory();
     }
     return worker.Assign(task);
 }
@@ -50,7 +54,9 @@ int CallbackPool::DropTo(const std::string &name, const std::function<void()> &c
         TARVO_LOG(LOG_ERR, "Input parameter invalid");
         return -EINVAL;
     }
-    return DropSerial(*this, name, priority, [&](Worker &worker) { return AssignTask<SyncTask>(worker, callback); });
+    std::shared_ptr<const TarvoTask> task;
+    return DropSerial(*this, name, priority,
+                      [&](Worker &worker) { return AssignTask<SyncTask>(worker, task, callback); });
 }
 
 int CallbackPool::DropTaskTo(const std::string &name, std::shared_ptr<const TarvoTask> task, TarvoPriority priority) {
@@ -62,10 +68,24 @@ int CallbackPool::DropAsyncTask(const std::function<void()> &callback, TarvoPrio
         TARVO_LOG(LOG_ERR, "Input parameter invalid");
         return -EINVAL;
     }
-    if (destroyed) {
-        TARVO_LOG(LOG_WARNING, "Using thread pool after destroy.");
-        return -EACCES;
+    if (destroyed || RefusesTasks()) {
+        return RefuseTask();
     }
+    // The program's own copy constructor runs here, and its destructor at the very end: they may wait for anything,
+    // also for somebody who waits for the submitters.
+    std::function<void()> own;
+    try {
+        own = callback;
+    } catch (const std::bad_alloc &) {
+        return ReportNoMemory();
+    }
+    std::shared_ptr<const TarvoTask> task;
+    const Turnstile::Passage submitting(submitters);
+    return submitting ? AssignAnywhere(std::move(own), priority, task) : RefuseTask();
+}
+
+int CallbackPool::AssignAnywhere(std::function<void()> &&callback, TarvoPriority priority,
+                                 std::shared_ptr<const TarvoTask> &task) {
     Worker *worker = priority == TARVO_PRIORITY_URGENT ? pool->GetUrgentWorker() : pool->GetWorker();
     if (worker == nullptr) {
         return -ENOMEM;
@@ -76,7 +96,7 @@ int CallbackPool::DropAsyncTask(const std::function<void()> &callback, TarvoPrio
     if (ret != 0) {
         return ret;
     }
-    ret = AssignTask<OneShotTask>(*worker, callback, *this, *worker);
+    ret = AssignTask<OneShotTask>(*worker, task, std::move(callback), *this, *worker);
     if (ret == -ENOMEM) {
         pool->FreeWorker(*worker);
     }
@@ -87,12 +107,12 @@ Worker *CallbackPool::FindWorker(const std::string &name) {
     if (Worker *worker = pool->WorkerOf(name)) {
         return worker;
     }
-    for (;;) {
+    for (bool waited = false;; waited = true) {
         MutexLock lock(findMutex);
         if (Worker *worker = pool->WorkerOf(name)) {
             return worker;
         }
-        int ret = pool->AllocWorker(name);
+        int ret = waited ? pool->AllocWorkerAgain(name) : pool->AllocWorker(name);
         if (ret == -ENOMEM) {
             return nullptr;
         }
@@ -113,6 +133,11 @@ Worker *CallbackPool::FindWorker(const std::string &name) {
 int CallbackPool::FreeWorker(const std::string &name) { return pool->FreeWorker(name); }
 
 void CallbackPool::OnTaskFinished(const TarvoTask &task) { pool->FreeWorker(*task.GetExecutor()); }
+
+int CallbackPool::RefuseTask() const {
+    TARVO_LOG(LOG_WARNING, "Using thread pool after destroy.");
+    return -EACCES;
+}
 
 void CallbackPool::Destroy() {
     pool->Destroy();

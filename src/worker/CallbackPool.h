@@ -10,6 +10,7 @@
 #include "api/Mutex.h"
 #include "tarvo.h"
 #include "worker/TarvoTask.h"
+#include "worker/Turnstile.h"
 #include "worker/WorkerPool.h"
 
 // The one way in which the library runs user callbacks: one after another under a name, or each on any free worker.
@@ -29,8 +30,8 @@ public:
     int DropTaskTo(const std::string &name, std::shared_ptr<const TarvoTask> task, TarvoPriority priority);
 
     // Runs `callback` on any free worker, waiting while none is free; urgent callbacks have a reserve of their own.
-    // Results as DropTo, and -EACCES after Destroy. With a bad priority, or a thread that could not be started, the
-    // worker is not given back.
+    // Results as DropTo, and -EACCES after RefuseTasks or Destroy. With a bad priority, or a thread that could not be
+    // started, the worker is not given back.
     int DropAsyncTask(const std::function<void()> &callback, TarvoPriority priority);
 
     // The worker of `name`, allocated if needed; waits while none is free. Null only when there was no memory for it.
@@ -43,6 +44,16 @@ public:
     // For OneShotTask: gives its worker back.
     void OnTaskFinished(const TarvoTask &task) override;
 
+    // ---- The end ----
+    // For good: tasks that come from now on are refused with RefuseTask, without a wait. DropTo, which knows no end,
+    // has to be kept from its callers by whoever asks RefusesTasks.
+    void RefuseTasks() { submitters.Shut(); }
+    bool RefusesTasks() const { return submitters.IsShut(); }
+    // The report of a task that comes too late, and its result, -EACCES.
+    int RefuseTask() const;
+    // After RefuseTasks: waits until those inside DropAsyncTask have got their worker. Destroy must not come first, or
+    // a callback that asked for a worker when there is none to be had any more would wait for ever, and Destroy for it.
+    void AwaitSubmitters() { submitters.AwaitEmpty(); }
     // Drops all queued callbacks, waits for those that run and ends all workers. Not from a callback. A second call
     // waits for the first.
     void Destroy();
@@ -51,9 +62,15 @@ public:
     std::size_t NumUrgentWorkers() const;
 
 private:
+    // Runs `callback` on any free worker. It is in `task` when it has not been queued.
+    int AssignAnywhere(std::function<void()> &&callback, TarvoPriority priority,
+                       std::shared_ptr<const TarvoTask> &task);
+
     std::shared_ptr<WorkerPool> pool;
     Mutex findMutex;
     std::atomic<bool> destroyed{false};
+    // Everybody inside DropAsyncTask; no code of the program runs there.
+    Turnstile submitters;
 };
 
 #endif // TARVO_WORKER_CALLBACKPOOL_H

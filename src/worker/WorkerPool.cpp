@@ -1,7 +1,5 @@
 #include "worker/WorkerPool.h"
 
-#include <pthread.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <new>
@@ -13,28 +11,6 @@
 namespace {
 
 constexpr char LOG_TAG[] = "WorkerPool";
-constexpr unsigned WORD_BITS = 64;
-constexpr uint64_t ALL_FREE = ~uint64_t{0};
-
-uint64_t SlotBit(unsigned slot) { return uint64_t{1} << (slot % WORD_BITS); }
-
-int Post(sem_t &sem) {
-    while (sem_post(&sem) != 0) {
-        if (errno != EINTR) {
-            return -errno;
-        }
-    }
-    return 0;
-}
-
-int Wait(sem_t &sem) {
-    while (sem_wait(&sem) != 0) {
-        if (errno != EINTR) {
-            return -errno;
-        }
-    }
-    return 0;
-}
 
 } // namespace
 
@@ -43,6 +19,7 @@ WorkerPool::WorkerPool(unsigned normal, unsigned urgent)
       state(PoolIdleState::Instance()) {
     workers.reserve(maxWorkers); // so that appending a worker never needs memory
     sem_init(&freeSem, 0, 0);
+    sem_init(&urgentSem, 0, 0);
     sem_init(&destroySem, 0, 0);
 }
 
@@ -56,41 +33,9 @@ WorkerPool::~WorkerPool() {
     }
     remaining.clear();
     sem_destroy(&freeSem);
+    sem_destroy(&urgentSem);
     sem_destroy(&destroySem);
 }
-
-int WorkerPool::GetSlotAction(unsigned limit) {
-    // The bits above the last slot stay set for ever, so the lowest free bit may be one of them.
-    const unsigned end = std::min(limit, maxWorkers);
-    for (unsigned word = 0; word < slots.size(); ++word) {
-        if (slots[word] == 0) {
-            continue;
-        }
-        const unsigned slot = word * WORD_BITS + static_cast<unsigned>(__builtin_ctzll(slots[word]));
-        if (slot >= end) {
-            break;
-        }
-        slots[word] &= ~SlotBit(slot);
-        return static_cast<int>(slot);
-    }
-    return -ENOSPC;
-}
-
-int WorkerPool::FreeSlotAction(unsigned slot) {
-    TARVO_LOG(LOG_INFO, "free action slot worker=%u", slot);
-    slots[slot / WORD_BITS] |= SlotBit(slot);
-    return Post(freeSem);
-}
-
-bool WorkerPool::HasAllocatedWorker() const {
-    uint64_t all = ALL_FREE;
-    for (const uint64_t word : slots) {
-        all &= word;
-    }
-    return all != ALL_FREE;
-}
-
-int WorkerPool::ReadyToDestroyAction() { return Post(destroySem); }
 
 void WorkerPool::StopAction() {
     NamedWorkers named;
@@ -109,26 +54,6 @@ void WorkerPool::StopAction() {
     for (const auto &entry : named) {
         state->FreeSlotEvent(*this, entry.second.slot);
     }
-}
-
-int WorkerPool::GetFreeSlot(unsigned limit) {
-    MutexLock lock(stateMutex);
-    return state->GetSlotEvent(*this, limit);
-}
-
-void WorkerPool::FreeWorkerSlot(unsigned slot) {
-    MutexLock lock(stateMutex);
-    state->FreeSlotEvent(*this, slot);
-}
-
-int WorkerPool::PickupWorker(unsigned limit) {
-    const int slot = GetFreeSlot(limit);
-    if (slot < 0) {
-        TARVO_LOG_RESTRAINED(LOG_ERR, "Find free slot failed: err = %d", slot);
-        return slot;
-    }
-    FillWorkersTo(slot + 1);
-    return slot;
 }
 
 void WorkerPool::FillWorkersTo(int size) {
@@ -169,33 +94,25 @@ bool WorkerPool::AppendWorker(std::unique_ptr<Worker> &worker, std::size_t size)
     return true;
 }
 
-int WorkerPool::WaitForFreeWorker() {
-    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
-    const int ret = Wait(freeSem);
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-    return ret;
-}
-
 Worker *WorkerPool::WorkerAt(unsigned slot) {
     MutexLock lock(workersMutex);
     return slot < workers.size() ? workers[slot].get() : nullptr;
 }
 
 Worker *WorkerPool::GetWorker(unsigned limit) {
-    for (;;) {
-        const int slot = PickupWorker(limit);
-        if (slot >= 0) {
-            Worker *worker = WorkerAt(static_cast<unsigned>(slot));
-            if (worker == nullptr) {
-                FreeWorkerSlot(static_cast<unsigned>(slot));
-            }
-            return worker;
-        }
-        const int ret = WaitForFreeWorker();
+    int slot = PickupWorker(limit);
+    while (slot < 0) {
+        const int ret = WaitForFreeWorker(limit);
         if (ret < 0) {
             TARVO_LOG(LOG_ERR, "Wait for free worker failed: err = %d", ret);
         }
+        slot = PickupWorkerAgain(limit);
     }
+    Worker *worker = WorkerAt(static_cast<unsigned>(slot));
+    if (worker == nullptr) {
+        FreeWorkerSlot(static_cast<unsigned>(slot));
+    }
+    return worker;
 }
 
 Worker *WorkerPool::GetWorker() { return GetWorker(normalWorkers); }
@@ -203,14 +120,12 @@ Worker *WorkerPool::GetWorker() { return GetWorker(normalWorkers); }
 Worker *WorkerPool::GetUrgentWorker() { return GetWorker(maxWorkers); }
 
 int WorkerPool::AllocSlot(const std::string &name) {
-    int slot = PickupWorker(normalWorkers);
-    if (slot >= 0) {
-        slot = NameSlot(name, static_cast<unsigned>(slot));
-    }
+    const int slot = PickupWorker(normalWorkers);
     if (slot < 0) {
         TARVO_LOG(LOG_ERR, "Pickup worker failed: %d", slot);
+        return slot;
     }
-    return slot;
+    return NameSlot(name, static_cast<unsigned>(slot));
 }
 
 int WorkerPool::NameSlot(const std::string &name, unsigned slot) {
@@ -223,11 +138,20 @@ int WorkerPool::NameSlot(const std::string &name, unsigned slot) {
         }
     }
     FreeWorkerSlot(slot);
+    TARVO_LOG(LOG_ERR, "Pickup worker failed: %d", -ENOMEM);
     return -ENOMEM;
 }
 
 int WorkerPool::AllocWorker(const std::string &name) {
     const int slot = AllocSlot(name);
+    return slot < 0 ? slot : 0;
+}
+
+int WorkerPool::AllocWorkerAgain(const std::string &name) {
+    int slot = PickupWorkerAgain(normalWorkers);
+    if (slot >= 0) {
+        slot = NameSlot(name, static_cast<unsigned>(slot));
+    }
     return slot < 0 ? slot : 0;
 }
 
@@ -290,6 +214,8 @@ void WorkerPool::FreeWorker(unsigned slot) {
     }
 }
 
+void WorkerPool::SetState(const WorkerPoolState *newState) { state = newState; }
+
 bool WorkerPool::HasBusyWorker() {
     // Slot by slot, because StopEvent takes workersMutex inside stateMutex: the other way round they must not nest.
     bool busy = false;
@@ -317,8 +243,8 @@ std::size_t WorkerPool::NumUrgentWorkers() {
 }
 
 void WorkerPool::Destroy() {
-    MutexLock once(destroyMutex);
-    if (destroyDone) {
+    const SoleRun::Turn turn(destroying);
+    if (!turn || destroyDone) {
         return;
     }
     {
@@ -332,7 +258,7 @@ void WorkerPool::Destroy() {
         // never end.
         RetireWorkers();
         HasBusyWorker();
-        Wait(destroySem);
+        AwaitLastSlot();
     }
     RetireWorkers();
     MutexLock lock(workersMutex);

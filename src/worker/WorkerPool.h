@@ -12,6 +12,7 @@
 
 #include "api/Mutex.h"
 #include "api/SharedMutex.h"
+#include "worker/SoleRun.h"
 #include "worker/Worker.h"
 
 class WorkerPoolState;
@@ -33,14 +34,15 @@ public:
     // What the states do. A slot is free while its bit in `slots` is set.
     // The lowest free slot below `limit`, now allocated, or -ENOSPC.
     int GetSlotAction(unsigned limit) REQUIRES(stateMutex);
-    // Frees the slot and wakes one waiter; 0 or a negated errno.
+    // Frees the slot and wakes whoever waits for one and could use it: an ordinary request, and an urgent one. 0 or a
+    // negated errno.
     int FreeSlotAction(unsigned slot) REQUIRES(stateMutex);
     bool HasAllocatedWorker() const REQUIRES(stateMutex);
     // Lets Destroy go on.
     int ReadyToDestroyAction();
     // Forgets all names, stops all workers and frees the slots of the named ones.
     void StopAction() REQUIRES(stateMutex) EXCLUDES(namedMutex, workersMutex);
-    void SetState(const WorkerPoolState *newState) REQUIRES(stateMutex) { state = newState; }
+    void SetState(const WorkerPoolState *newState) REQUIRES(stateMutex);
     Mutex &StateMutex() RETURN_CAPABILITY(stateMutex) { return stateMutex; }
 
     // A slot, -ENOSPC, or -EACCES once Destroy has begun.
@@ -51,12 +53,13 @@ public:
     int PickupWorker(unsigned limit);
     // Creates and starts workers until there are `size`.
     void FillWorkersTo(int size) EXCLUDES(workersMutex);
-    // Waits until a slot is given back; 0 or a negated errno. A cancellation point. The count may be stale: try again
-    // for a slot and be ready to wait again.
+    // Waits until a slot is given back; 0 or a negated errno. A cancellation point. The post may be stale, or the slot
+    // of no use: look again with AllocWorkerAgain and be ready to wait again.
     int WaitForFreeWorker();
 
     // An anonymous worker, allocated until FreeWorker(worker). Waits while no slot below `limit` is free, and for ever
-    // once Destroy has begun. Null only when there was no memory for the worker.
+    // once Destroy has begun. Null only when there was no memory for the worker. The two below give the only limits
+    // whose wake-ups are told apart.
     Worker *GetWorker(unsigned limit);
     // From the normal slots.
     Worker *GetWorker();
@@ -66,6 +69,9 @@ public:
     // Allocates a worker under `name`. 0, -ENOSPC, -EACCES or -ENOMEM. A name that is there already keeps its worker
     // (the new slot then stays allocated: ask WorkerOf first).
     int AllocWorker(const std::string &name);
+    // The same after a wait, for somebody whose first try has failed: logs nothing when there is still no slot, and
+    // forgets wake-ups that were left over. Nobody who looks so and then waits again misses a slot.
+    int AllocWorkerAgain(const std::string &name);
     // AllocWorker that yields the worker, or null.
     Worker *TryGetNamedWorker(const std::string &name);
     // The worker allocated under `name`, or null.
@@ -87,10 +93,14 @@ public:
     std::size_t NumUrgentWorkers() EXCLUDES(workersMutex);
 
     // Refuses allocations from now on, drops every queued task, waits for those that run and ends all threads. Must
-    // not be called from a task. A second call waits for the first and does nothing.
-    void Destroy() EXCLUDES(destroyMutex);
+    // not be called from a task. A second call waits for the first and does nothing; one that a dropped task makes on
+    // its way out does not wait.
+    void Destroy() EXCLUDES(stateMutex, namedMutex, workersMutex);
 
 private:
+    static constexpr unsigned WORD_BITS = 64;
+    static constexpr uint64_t ALL_FREE = ~uint64_t{0};
+
     using Workers = std::vector<std::unique_ptr<Worker>>;
     // A slot with its worker, so that looking up a name takes one lock.
     struct NamedSlot {
@@ -99,7 +109,14 @@ private:
     };
     using NamedWorkers = std::map<std::string, NamedSlot>;
 
+    // The bit of a slot in its word of `slots`.
+    static uint64_t SlotBit(unsigned slot);
     Worker *WorkerAt(unsigned slot) EXCLUDES(workersMutex);
+    // What a request does after a wait; see AllocWorkerAgain.
+    int GetFreeSlotAgain(unsigned limit) EXCLUDES(stateMutex);
+    int PickupWorkerAgain(unsigned limit);
+    int WaitForFreeWorker(unsigned limit);
+    void AwaitLastSlot();
     // The slot now allocated under `name`, or a negated errno.
     int AllocSlot(const std::string &name);
     int NameSlot(const std::string &name, unsigned slot) EXCLUDES(namedMutex);
@@ -116,17 +133,21 @@ private:
     SharedMutex namedMutex;
     Mutex workersMutex;
     std::vector<uint64_t> slots GUARDED_BY(stateMutex);
+    // Posted with every slot given back. What ordinary requests sleep on.
     sem_t freeSem;
+    // The same for urgent requests.
+    sem_t urgentSem;
     const WorkerPoolState *state GUARDED_BY(stateMutex);
     Mutex stateMutex;
     sem_t destroySem;
 
-    Mutex destroyMutex;
-    bool destroyDone GUARDED_BY(destroyMutex) = false;
+    // Destroy runs once at a time, so that destroyDone and retiredWorkers, which it alone uses, need no lock.
+    SoleRun destroying;
+    bool destroyDone = false;
     // No worker is added any more.
     bool ended GUARDED_BY(workersMutex) = false;
     // What Destroy has taken out of `workers`; kept because a submitter may still hold a pointer to one.
-    Workers retiredWorkers GUARDED_BY(destroyMutex);
+    Workers retiredWorkers;
 };
 
 #endif // TARVO_WORKER_WORKERPOOL_H
