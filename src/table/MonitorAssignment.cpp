@@ -10,6 +10,7 @@
 #include "fifo/velm_check.h"
 #include "monitor/DataMonitorImpl.h"
 #include "table/TarvoTable.h"
+#include "worker/CallbackPool.h"
 
 namespace {
 
@@ -75,7 +76,9 @@ void TarvoTable::DropMonitors() {
     DataMonitors monitors;
     {
         MutexLock lock(monitorMutex);
-        tasksRefused = true;
+        // Together with the removal of the monitors, so that a receive thread started later never enters a worker pool
+        // that is going down: it would wait there for a worker without end.
+        callbackPool->RefuseTasks();
         monitors.swap(dataMonitors);
     }
     // Outside monitorMutex: a receive thread that handles a remote close takes tableLock, whose holder may be waiting

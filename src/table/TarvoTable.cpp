@@ -134,20 +134,23 @@ std::shared_ptr<TarvoPipeImpl> TarvoTable::Unregister(int fd) {
 }
 
 void TarvoTable::CloseTarvoPipe(int fd) {
-    // Dropped after closeMutex is free again: the user's callback object may go with the pipe and close another one.
+    // Dropped, like the callbacks that its worker has not run yet, after closeMutex is free again: objects of the
+    // program go with them, and may close another pipe.
     std::shared_ptr<TarvoPipeImpl> found;
     std::shared_ptr<TarvoPipeImpl> pipe;
-    MutexLock closing(closeMutex);
-    found = GetPipe(fd);
-    if (found) {
-        // Before it leaves its monitor: an open that is under way must not register it again.
-        found->Retire();
+    {
+        MutexLock closing(closeMutex);
+        found = GetPipe(fd);
+        if (found) {
+            // Before it leaves its monitor: an open that is under way must not register it again.
+            found->Retire();
+        }
+        pipe = Unregister(fd);
+        if (!pipe) {
+            return;
+        }
+        pipe->DeInitPipe();
     }
-    pipe = Unregister(fd);
-    if (!pipe) {
-        return;
-    }
-    pipe->DeInitPipe();
     // While the pipe's own remote-close notice runs, it does so on this very worker, which it frees by itself.
     if (!pipe->IsCallbackHandleRemoteClose()) {
         callbackPool->FreeWorker(std::to_string(fd));
@@ -164,17 +167,17 @@ void TarvoTable::CleanTarvoPipe(int fd) {
 }
 
 void TarvoTable::DisableTarvoTable() {
-    MutexLock disabling(disableMutex);
+    // Not a lock: callback objects of the program die on the way. One that asks for the end gets it anyway.
+    const SoleRun::Turn turn(disabling);
+    if (!turn) {
+        return;
+    }
     DropPipes();
     DropMonitors();
     // Once more, for pipes registered meanwhile: one that waits for its remote on a worker would keep the pool waiting.
     // Later ones are refused a worker.
     DropPipes();
-    {
-        // Until submissions under way have got their worker: a callback that asked for one when the pool has none left
-        // to give would wait for ever, and the pool for the callback.
-        WriteLock submitted(submitLock);
-    }
+    callbackPool->AwaitSubmitters();
     callbackPool->Destroy();
     isDisable = true;
 }
@@ -188,6 +191,8 @@ void TarvoTable::DrainAndDisable() {
         }
         DisableTarvoTable();
     } catch (const std::exception &error) {
+        // Nothing else would tell: whoever drops the table has no result to look at, and what failed, such as a pipe's
+        // close for want of memory, has left pipes open and threads running.
         TARVO_LOG(LOG_ERR, "Disable table failed, %s.", error.what());
     }
 }
@@ -219,6 +224,10 @@ void TarvoTable::ExceptionHandler() {
     }
 }
 
+bool TarvoTable::GetIsDisable() const { return isDisable; }
+
+int TarvoTable::AllocateFd() { return nextFd.fetch_add(1, std::memory_order_relaxed); }
+
 std::size_t TarvoTable::Size() const {
     ReadLock lock(tableLock);
     return pipeFdTable.size();
@@ -228,17 +237,21 @@ std::size_t TarvoTable::NumWorkers() const { return callbackPool->NumWorkers(); 
 
 std::size_t TarvoTable::NumUrgentWorkers() const { return callbackPool->NumUrgentWorkers(); }
 
+// A pool that has been destroyed keeps those who submit under a name waiting for ever, which is a promise of its own.
+// Here they are receive threads, of pipes opened after the end: they would be deaf to the answers that such a pipe
+// still gets, and never be joined. So what comes too late under a name goes to the side of the pool that refuses it.
 int TarvoTable::OnRequestIn(std::string workerName, const std::function<void()> &task, TarvoPriority priority) const {
-    return tasksRefused ? -EACCES : callbackPool->DropTo(workerName, task, priority);
+    return callbackPool->RefusesTasks() ? callbackPool->DropAsyncTask(task, priority)
+                                        : callbackPool->DropTo(workerName, task, priority);
 }
 
 int TarvoTable::OnTaskIn(std::string workerName, std::shared_ptr<const TarvoTask> task, TarvoPriority priority) const {
-    return tasksRefused ? -EACCES : callbackPool->DropTaskTo(workerName, std::move(task), priority);
+    return callbackPool->RefusesTasks() ? callbackPool->RefuseTask()
+                                        : callbackPool->DropTaskTo(workerName, std::move(task), priority);
 }
 
 int TarvoTable::OnAsyncRequestIn(const std::function<void()> &task, TarvoPriority priority) const {
-    ReadLock submitting(submitLock);
-    return tasksRefused ? -EACCES : callbackPool->DropAsyncTask(task, priority);
+    return callbackPool->DropAsyncTask(task, priority);
 }
 
 void TarvoTable::OnOpenFailed(int) {}

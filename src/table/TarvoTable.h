@@ -15,6 +15,7 @@
 #include "pipe/PipeObserver.h"
 #include "pipe/TarvoPipeImpl.h"
 #include "tarvo.h"
+#include "worker/SoleRun.h"
 
 class CallbackPool;
 class DataMonitorImpl;
@@ -22,9 +23,9 @@ class DataMonitorImpl;
 // The registry of this process's pipes: issues their handles, finds them again by their two names, attaches them to
 // receive monitors and hands their callbacks to the worker threads.
 // Owns: a reference to each registered pipe, the receive monitors, and a share of the callback pool. Threads: any.
-// Locks, in this order: disableMutex or closeMutex, tableLock, monitorMutex. The last two are never held while a pipe
-// opens, while a thread is joined, or while a pipe dies: with it dies the user's callback object, which may call in
-// again. Ends: on a thread that is not one of its own, since the destructor joins those.
+// Locks, in this order: closeMutex, tableLock, monitorMutex. None is held while a thread is joined, or while a pipe or
+// a callback in a queue dies: with it dies the user's callback object, which may call in again. The last two are not
+// held while a pipe opens either. Ends: on a thread that is not one of its own, since the destructor joins those.
 class TarvoTable : public PipeObserver {
 public:
     explicit TarvoTable(const std::shared_ptr<CallbackPool> &pool);
@@ -50,16 +51,17 @@ public:
 
     // ---- The whole ----
     // Closes every pipe, ends every receive and worker thread and waits for the callbacks that run. Not from a
-    // callback, nor from any other thread of the library. No way back, and no harm in repeating it.
-    void DisableTarvoTable() EXCLUDES(disableMutex, tableLock, monitorMutex);
+    // callback, nor from any other thread of the library. No way back, and no harm in repeating it: a second call waits
+    // for the first, unless it comes out of the first.
+    void DisableTarvoTable() EXCLUDES(tableLock, monitorMutex);
     // The destructor's work: DisableTarvoTable, and 50 ms before it the first time. Does not throw.
-    void DrainAndDisable() EXCLUDES(disableMutex, tableLock, monitorMutex);
+    void DrainAndDisable() EXCLUDES(tableLock, monitorMutex);
     // Removes the FIFO files of every pipe, and nothing else: for a process that is failing.
     void ExceptionHandler() EXCLUDES(tableLock);
-    bool GetIsDisable() const { return isDisable; }
+    bool GetIsDisable() const;
 
     // The next number of the counter that pipes and monitors share: positive, until it runs over.
-    int AllocateFd() { return nextFd.fetch_add(1, std::memory_order_relaxed); }
+    int AllocateFd();
     std::size_t Size() const EXCLUDES(tableLock);
     std::size_t NumWorkers() const;
     std::size_t NumUrgentWorkers() const;
@@ -112,13 +114,7 @@ private:
     std::atomic<bool> isDisable{false};
 
     // TarvoCfgFinishServer and process exit may come at once.
-    Mutex disableMutex ACQUIRED_BEFORE(tableLock);
-    // Set together with the removal of the monitors, so that a receive thread started later never enters a worker pool
-    // that is going down: it would wait there for a worker without end.
-    std::atomic<bool> tasksRefused{false};
-    // Held shared by everybody who asks the worker pool for an anonymous worker, and exclusively for a moment before
-    // the pool goes down.
-    mutable SharedMutex submitLock;
+    SoleRun disabling;
     std::atomic<bool> drained{false};
 };
 
