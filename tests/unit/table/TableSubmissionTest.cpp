@@ -2,6 +2,7 @@
 // destroyed on that way, call in again.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -12,6 +13,9 @@
 #include <utility>
 
 #include "TableFixture.h"
+#include "support/Asleep.h"
+#include "support/Eventually.h"
+#include "support/Faults.h"
 #include "worker/TarvoTask.h"
 
 namespace tarvo_test {
@@ -113,6 +117,47 @@ TEST_F(SubmissionTest, TableCanBeDisabledWhileARefusedCallbackIsBeingDestroyed) 
     EXPECT_EQ(table->OnAsyncRequestIn(task, TARVO_PRIORITY_NONE), -EINVAL);
     EXPECT_EQ(destroyed.ran, 1); // the copy that the pool has made, while `task` lives
     EXPECT_TRUE(table->GetIsDisable());
+}
+
+// A submitter waits for the only worker, and the end for the submitter; the worker's callback, which alone can bring
+// both on, submits something itself.
+TEST_F(SubmissionTest, CallbackThatSubmitsDuringTheEndHoldsNobodyUp) {
+    const auto few = std::make_shared<CallbackPool>(std::make_shared<WorkerPool>(1, 0));
+    TarvoTable small(few);
+    std::promise<void> occupied;
+    std::promise<void> waitedFor;
+    std::atomic<int> late{0};
+    ASSERT_EQ(small.OnAsyncRequestIn(
+                  [&] {
+                      occupied.set_value();
+                      waitedFor.get_future().get();
+                      late = small.OnAsyncRequestIn(Nothing, TARVO_PRIORITY_NORMAL);
+                  },
+                  TARVO_PRIORITY_NORMAL),
+              0);
+    occupied.get_future().get();
+    const auto begin = [](std::promise<pid_t> &id, auto body) {
+        return std::async(std::launch::async, [&id, body] {
+            id.set_value(gettid());
+            return body();
+        });
+    };
+    const auto rests = [](std::promise<pid_t> &id) {
+        const std::string task = "/proc/self/task/" + std::to_string(id.get_future().get());
+        return Eventually([&task] { return IsAsleep(task); });
+    };
+    const CallCounter waits(Call::SemWait);
+    std::promise<pid_t> submitterId;
+    auto submitter = begin(submitterId, [&small] { return small.OnAsyncRequestIn(Nothing, TARVO_PRIORITY_NORMAL); });
+    ASSERT_TRUE(waits.WaitFor(1) && rests(submitterId));
+    std::promise<pid_t> disablerId;
+    auto disabler = begin(disablerId, [&small] { small.DisableTarvoTable(); });
+    EXPECT_TRUE(Eventually([&few] { return few->RefusesTasks(); }) && rests(disablerId));
+    EXPECT_FALSE(small.GetIsDisable());
+    waitedFor.set_value();
+    EXPECT_EQ(submitter.get(), 0);
+    disabler.get();
+    EXPECT_EQ(late, -EACCES);
 }
 
 // A worker that is busy, and behind its callback one that will be dropped.
