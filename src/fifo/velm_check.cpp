@@ -100,7 +100,7 @@ int LoadFile(const std::string &path, std::stringstream &out) {
         TARVO_LOG_AS(LOG_TYPE_VELM, LOG_ERR, "Transfer RealPath fail err=%d.", ret);
         return ret;
     }
-    const int fd = open(resolved, O_RDONLY);
+    const int fd = open(resolved, O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
         TARVO_LOG_AS(LOG_TYPE_VELM, LOG_ERR, "Open Config file %s failed.", path.c_str());
         return -1;

@@ -26,7 +26,7 @@ uint64_t ExitMessage() { return static_cast<uint64_t>(getpid() | 0xA1B2); }
 
 int DataMonitorImpl::Init(const TarvoPriority &priority, int exitId, const DataMonitorType &monitorType) {
     type = monitorType;
-    epollFd = epoll_create(1);
+    epollFd = epoll_create1(EPOLL_CLOEXEC);
     if (epollFd < 0) {
         const int error = -errno;
         TARVO_LOG(LOG_ERR, "Create epoll instance failed, err = %d, errno = %d", epollFd, error);
@@ -58,7 +58,7 @@ int DataMonitorImpl::Init(const TarvoPriority &priority, int exitId, const DataM
 }
 
 int DataMonitorImpl::AddEventFd(int exitId) {
-    eventFd = eventfd(0, EFD_NONBLOCK);
+    eventFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     if (eventFd < 0) {
         const int error = errno;
         TARVO_LOG(LOG_ERR, "Create eventFd failed, errno = %d", error);

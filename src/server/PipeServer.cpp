@@ -224,7 +224,7 @@ int PipeServer::PreparaFifoFile() {
 }
 
 int PipeServer::PrepareEpoll() {
-    epollFd = epoll_create(1);
+    epollFd = epoll_create1(EPOLL_CLOEXEC);
     if (epollFd < 0) {
         const int error = errno;
         TARVO_LOG(LOG_ERR, "Create epoll instance failed: err=%d, errno=%d.", -error, error);

@@ -27,7 +27,7 @@ enum class Call {
     Realpath,
     Flock,
     Fcntl,
-    EpollCreate,
+    EpollCreate, // epoll_create and epoll_create1
     EpollCtl,
     EpollWait,
     Poll,

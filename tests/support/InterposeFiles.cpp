@@ -154,6 +154,10 @@ int epoll_create(int size) noexcept {
     return Forward<int>(FdCall(Call::EpollCreate, -1, size), [&] { return TARVO_NEXT(epoll_create)(size); });
 }
 
+int epoll_create1(int flags) noexcept {
+    return Forward<int>(FdCall(Call::EpollCreate, -1, flags), [&] { return TARVO_NEXT(epoll_create1)(flags); });
+}
+
 int epoll_ctl(int epollFd, int operation, int fd, struct epoll_event *event) noexcept {
     CallInfo info = FdCall(Call::EpollCtl, fd, operation);
     info.epollFd = epollFd;

@@ -216,6 +216,7 @@ TEST(Faults, EveryFunctionFailsInItsOwnWay) {
     EXPECT_TRUE(fails(Call::Access, [] { return access("/", F_OK); }));
     EXPECT_TRUE(fails(Call::Flock, [] { return flock(-1, LOCK_EX); }));
     EXPECT_TRUE(fails(Call::EpollCreate, [] { return epoll_create(1); }));
+    EXPECT_TRUE(fails(Call::EpollCreate, [] { return epoll_create1(0); }));
     EXPECT_TRUE(fails(Call::EpollCtl, [&] { return epoll_ctl(-1, EPOLL_CTL_ADD, 0, &event); }));
     EXPECT_TRUE(fails(Call::EpollWait, [&] { return epoll_wait(-1, &event, 1, 0); }));
     EXPECT_TRUE(fails(Call::Poll, [] { return poll(nullptr, 0, 0); }));
