@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
+#include <new>
 
 namespace {
 
@@ -54,18 +56,27 @@ EnvState &State() {
 
 } // namespace
 
-char EnvManager::procName[PROC_NAME_SIZE] = "";
+// A name that the process has or had. Constant and never freed once it is published, as readers take no lock.
+struct EnvManager::KeptName {
+    char text[PROC_NAME_SIZE];
+    KeptName *next;
+};
+
+std::atomic<const char *> EnvManager::procName{""};
 
 Mutex &EnvManager::Instance() { return State().mutex; }
 
 const char *EnvManager::ProcName() {
     std::call_once(State().procNameOnce, ResolveProcName);
-    return procName;
+    return procName.load(std::memory_order_acquire);
 }
 
 void EnvManager::ResolveProcName() {
     MutexLock lock(Instance());
-    if (procName[0] != '\0') {
+    // Every log line asks for the name first. The first conversion to local time would look for the time zone in the
+    // environment by itself, and not under the mutex.
+    tzset();
+    if (procName.load(std::memory_order_relaxed)[0] != '\0') {
         return;
     }
     if (const char *name = std::getenv(ENV_PROC_NAME)) {
@@ -80,15 +91,41 @@ int EnvManager::SetProcName(const std::string &name) {
     return CopyProcName(name.c_str());
 }
 
-// Neither this nor anything else on the way to the name allocates: log lines carry it, also when memory has run out.
 int EnvManager::CopyProcName(const char *name) {
     const std::size_t length = strnlen(name, PROC_NAME_SIZE);
     if (length >= PROC_NAME_SIZE) {
-        procName[0] = '\0';
+        procName.store("", std::memory_order_release);
         return ERANGE;
     }
-    std::memcpy(procName, name, length + 1);
+    const char *const kept = KeepName(name, length);
+    if (kept == nullptr) {
+        return ENOMEM;
+    }
+    procName.store(kept, std::memory_order_release);
     return 0;
+}
+
+// Takes memory only for more names than a process ever has: log lines carry the name, also when memory has run out. A
+// name that comes again is found, so that only different ones add up.
+const char *EnvManager::KeepName(const char *name, std::size_t length) {
+    constexpr std::size_t USUAL_NAMES = 4;
+    static KeptName usual[USUAL_NAMES];
+    static std::size_t used = 0;
+    static KeptName *newest = nullptr;
+    for (const KeptName *kept = newest; kept != nullptr; kept = kept->next) {
+        if (std::strcmp(kept->text, name) == 0) {
+            return kept->text;
+        }
+    }
+    KeptName *const kept = used < USUAL_NAMES ? &usual[used] : new (std::nothrow) KeptName;
+    if (kept == nullptr) {
+        return nullptr;
+    }
+    used += used < USUAL_NAMES ? 1 : 0;
+    std::memcpy(kept->text, name, length + 1);
+    kept->next = newest;
+    newest = kept;
+    return kept->text;
 }
 
 void EnvManager::EnableDefaultProcName() {

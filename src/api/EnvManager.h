@@ -1,6 +1,7 @@
 #ifndef TARVO_API_ENVMANAGER_H
 #define TARVO_API_ENVMANAGER_H
 
+#include <atomic>
 #include <cstddef>
 #include <string>
 
@@ -8,7 +9,7 @@
 
 // Answers what depends on the process and the build: its name, the FIFO directories, the domain and the run mode.
 // Owns: the process name and the cached run mode, for the life of the process. Threads: any. Locks: Instance() guards
-// the resolution of the name, the run mode and every access to the environment made here. Ends: never (no destructor
+// the changes of the name, the run mode and every access to the environment made here. Ends: never (no destructor
 // runs at exit, since threads may still ask for the name then).
 class EnvManager {
 public:
@@ -16,11 +17,12 @@ public:
     static Mutex &Instance();
 
     // The process name, resolved once on first use: what SetProcName was given, else $PROC_NAME, else the first word
-    // of /proc/<pid>/comm. Empty when that failed; it is not tried again. Never null.
+    // of /proc/<pid>/comm. Empty when that failed; it is not tried again. Never null. What it points to never changes
+    // and is never freed: a process that is named anew meanwhile has its new name elsewhere.
     static const char *ProcName() EXCLUDES(Instance());
 
-    // Takes up to 100 characters as the process name; 0, or ERANGE with the name emptied. Call it before pipes are
-    // opened: readers take no lock.
+    // Takes up to 100 characters as the process name; 0, ERANGE with the name emptied, or ENOMEM with the name as it
+    // was, when memory has run out and the process has had many names. Pipes that are open keep their names.
     static int SetProcName(const std::string &name) REQUIRES(Instance());
 
     // Takes the process name from /proc/<pid>/comm; leaves it untouched when that cannot be read or is too long.
@@ -52,11 +54,14 @@ public:
 private:
     static constexpr std::size_t PROC_NAME_SIZE = 101;
 
+    struct KeptName;
+
     static void ResolveProcName() EXCLUDES(Instance());
     static int CopyProcName(const char *name) REQUIRES(Instance());
+    static const char *KeepName(const char *name, std::size_t length) REQUIRES(Instance());
 
-    // Read without the lock: written only while it is resolved, or by a caller of SetProcName before pipes are opened.
-    static char procName[PROC_NAME_SIZE];
+    // Read without the lock, so that a log line needs none: one of the names kept, or "".
+    static std::atomic<const char *> procName;
 };
 
 #endif // TARVO_API_ENVMANAGER_H

@@ -242,9 +242,9 @@ TEST(ProcName, SetBeforehandIsKept) {
 TEST(ProcName, CanBeSetAfterwards) {
     InFreshProcess([] {
         setenv("PROC_NAME", "environment", 1);
-        const char *name = EnvManager::ProcName();
+        EXPECT_STREQ(EnvManager::ProcName(), "environment");
         EXPECT_EQ(SetProcName("afterwards"), 0);
-        EXPECT_STREQ(name, "afterwards");
+        EXPECT_STREQ(EnvManager::ProcName(), "afterwards");
     });
 }
 
