@@ -10,6 +10,7 @@
 #include <cstring>
 #include <ctime>
 #include <new>
+#include <type_traits>
 
 namespace {
 
@@ -38,21 +39,15 @@ bool HasStartEnvironment() { return __atomic_load_n(&environ, __ATOMIC_RELAXED) 
 
 bool Contains(const std::string &text, const char *part) { return text.find(part) != std::string::npos; }
 
-// Never destroyed: threads may still ask while statics die.
-struct EnvState {
-    Mutex mutex;
-    std::once_flag procNameOnce;
-    std::string runMode;
-    // Set once runMode is final, so that later readers need no lock.
-    std::atomic<bool> runModeKnown{false};
-    // Set once the variable was not in the array that the process was started with.
-    std::atomic<bool> runModeUnsetAtStart{false};
-};
-
-EnvState &State() {
-    static auto *const state = new EnvState;
-    return *state;
-}
+// All of these exist before any code runs, for the first log line of a process that has no memory left, and never end,
+// since threads may still ask while statics die.
+Mutex environmentMutex;
+std::once_flag procNameOnce;
+// Set once, to a string that is never freed, when the mode is final: later readers need no lock.
+std::atomic<const std::string *> knownRunMode{nullptr};
+// Set once the variable was not in the array that the process was started with.
+std::atomic<bool> runModeUnsetAtStart{false};
+static_assert(std::is_trivially_destructible_v<Mutex> && std::is_trivially_destructible_v<std::once_flag>);
 
 } // namespace
 
@@ -64,10 +59,10 @@ struct EnvManager::KeptName {
 
 std::atomic<const char *> EnvManager::procName{""};
 
-Mutex &EnvManager::Instance() { return State().mutex; }
+Mutex &EnvManager::Instance() { return environmentMutex; }
 
 const char *EnvManager::ProcName() {
-    std::call_once(State().procNameOnce, ResolveProcName);
+    std::call_once(procNameOnce, ResolveProcName);
     return procName.load(std::memory_order_acquire);
 }
 
@@ -163,24 +158,27 @@ std::string EnvManager::OrlaFifoDirPrefix() { return ORLA_FIFO_DIR_PREFIX; }
 std::string EnvManager::GetLocalDomainName() { return std::string(BUILD_HOST_NAME) + ":"; }
 
 std::string EnvManager::GetRunMode() {
-    EnvState &state = State();
-    if (state.runModeKnown.load(std::memory_order_acquire)) {
-        return state.runMode;
+    if (const std::string *known = knownRunMode.load(std::memory_order_acquire)) {
+        return *known;
     }
     // Every call asks. Without this, each would take the lock and search the whole environment.
-    if (state.runModeUnsetAtStart.load(std::memory_order_relaxed) && HasStartEnvironment()) {
+    if (runModeUnsetAtStart.load(std::memory_order_relaxed) && HasStartEnvironment()) {
         return {};
     }
     MutexLock lock(Instance());
-    if (state.runMode.empty()) {
-        if (const char *mode = std::getenv(ENV_RUN_MODE)) {
-            state.runMode = mode;
-        } else if (HasStartEnvironment()) {
-            state.runModeUnsetAtStart.store(true, std::memory_order_relaxed);
-        }
-        state.runModeKnown.store(!state.runMode.empty(), std::memory_order_release);
+    if (const std::string *known = knownRunMode.load(std::memory_order_relaxed)) {
+        return *known;
     }
-    return state.runMode;
+    const char *mode = std::getenv(ENV_RUN_MODE);
+    if (mode == nullptr && HasStartEnvironment()) {
+        runModeUnsetAtStart.store(true, std::memory_order_relaxed);
+    }
+    if (mode == nullptr || *mode == '\0') {
+        return "";
+    }
+    auto *const found = new std::string(mode);
+    knownRunMode.store(found, std::memory_order_release);
+    return *found;
 }
 
 int EnvManager::CheckVelmlibPath(const std::string &path) {

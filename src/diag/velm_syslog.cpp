@@ -10,6 +10,7 @@
 #include <functional>
 #include <new>
 #include <string>
+#include <type_traits>
 
 #include "api/EnvManager.h"
 #include "api/SingletonProtector.h"
@@ -31,11 +32,10 @@ using StampBuffer = std::array<char, STAMP_SIZE>;
 constexpr std::array<const char *, 8> LABELS = {"VELM", "TARVO", "FAULTEVENT", "HEARTBEAT",
                                                 "VELM", "TARVO", "FAULTEVENT", "HEARTBEAT"};
 
-// Never destroyed: threads log while statics die.
-Mutex &LogMutex() {
-    static auto *const mutex = new Mutex;
-    return *mutex;
-}
+// There before any code runs, for a first line that is written when memory has run out, and never destroyed, since
+// threads log while statics die.
+Mutex logMutex;
+static_assert(std::is_trivially_destructible_v<Mutex>);
 
 // Appends the decimal digits of `number`, least significant first and without the most significant one. The loss is
 // intended: it decides which lines of a file share a limit (1 to 9 do, and so do 123 and 223).
@@ -87,13 +87,13 @@ StampBuffer TimeStamp() {
 }
 
 // Writes the header into the empty `text` and returns its length; 0 when there is none.
-std::size_t BuildHeader(LineBuffer &text, VELMLogType type, int line, const char *file) {
+std::size_t BuildHeader(LineBuffer &text, VELMLogType type, const char *process, int line, const char *file) {
     if (type > LAST_TYPE || type < 0) {
         return 0;
     }
     const int length = snprintf_s(text.data(), text.size(), text.size() - 1, "[%s][%s][%s][%d][%lu][%s:%d] ",
-                                  LABELS.at(static_cast<std::size_t>(type)), EnvManager::ProcName(), TimeStamp().data(),
-                                  getpid(), pthread_self(), file != nullptr ? file : "UnknowFile", line);
+                                  LABELS.at(static_cast<std::size_t>(type)), process, TimeStamp().data(), getpid(),
+                                  pthread_self(), file != nullptr ? file : "UnknowFile", line);
     return length < 0 ? 0 : static_cast<std::size_t>(length);
 }
 
@@ -107,7 +107,9 @@ __attribute__((cold, noinline)) void WriteLine(VELMLogType type, int level, int 
         return;
     }
 
-    MutexLock lock(LogMutex());
+    // Before the mutex, so that it and the environment's are never held together.
+    const char *const process = EnvManager::ProcName();
+    MutexLock lock(logMutex);
     LineBuffer message{};
     const int formatted = vsnprintf_s(message.data(), message.size(), message.size() - 1, format, args);
     if (formatted < 0) {
@@ -115,7 +117,7 @@ __attribute__((cold, noinline)) void WriteLine(VELMLogType type, int level, int 
     }
 
     LineBuffer text{};
-    const std::size_t header = BuildHeader(text, type, line, file);
+    const std::size_t header = BuildHeader(text, type, process, line, file);
     // One byte less than there is room for: a line never fills the last place before the terminator.
     const std::size_t room = text.size() - 1 - header;
     if (room > 0) {

@@ -1,7 +1,10 @@
 #include "support/AllocFaults.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <new>
+
+#include "support/Interpose.h"
 
 namespace tarvo_test {
 
@@ -16,9 +19,13 @@ struct Plan {
 
 thread_local Plan plan;
 thread_local std::size_t allocations = 0;
+std::atomic<int> emptyHeaps{0};
 
 bool FailsNow(std::size_t size) {
     ++allocations;
+    if (emptyHeaps.load(std::memory_order_relaxed) > 0 && !OwnMemory::Wanted()) {
+        return true;
+    }
     if (!plan.armed || (plan.size != 0 && plan.size != size)) {
         return false;
     }
@@ -49,6 +56,10 @@ AllocFault::AllocFault(unsigned nth, std::size_t size) { plan = Plan{true, nth, 
 AllocFault::~AllocFault() { plan = Plan(); }
 
 bool AllocFault::Hit() const { return plan.hit; }
+
+EmptyHeap::EmptyHeap() { ++emptyHeaps; }
+
+EmptyHeap::~EmptyHeap() { --emptyHeaps; }
 
 std::size_t ThreadAllocations() { return allocations; }
 

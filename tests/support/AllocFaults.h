@@ -22,6 +22,15 @@ public:
     bool Hit() const;
 };
 
+// While one lives, no thread gets any memory, except inside an OwnMemory (Interpose.h).
+class EmptyHeap {
+public:
+    EmptyHeap();
+    ~EmptyHeap();
+    EmptyHeap(const EmptyHeap &) = delete;
+    EmptyHeap &operator=(const EmptyHeap &) = delete;
+};
+
 // How many allocations this thread has made so far.
 std::size_t ThreadAllocations();
 

@@ -8,6 +8,7 @@
 namespace tarvo_test {
 
 thread_local int RealTime::depth = 0;
+thread_local int OwnMemory::depth = 0;
 
 namespace detail {
 

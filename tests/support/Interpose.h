@@ -84,6 +84,19 @@ private:
     static thread_local int depth;
 };
 
+// While it lives, what this thread allocates is the test support's own business and never fails (AllocFaults.h).
+class OwnMemory {
+public:
+    OwnMemory() { ++depth; }
+    ~OwnMemory() { --depth; }
+    OwnMemory(const OwnMemory &) = delete;
+    OwnMemory &operator=(const OwnMemory &) = delete;
+    static bool Wanted() { return depth > 0; }
+
+private:
+    static thread_local int depth;
+};
+
 namespace detail {
 
 // Number of rules armed for each call; constant-initialised, since constructors of other libraries call in early.

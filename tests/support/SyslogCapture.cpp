@@ -70,6 +70,7 @@ bool HasPart(const LogLine &line, int level, std::string_view part) {
 }
 
 void WriteLine(int priority, const char *format, va_list args) {
+    const OwnMemory own;
     va_list again;
     va_copy(again, args);
     const int length = std::vsnprintf(nullptr, 0, format, again);
