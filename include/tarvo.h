@@ -11,6 +11,8 @@
 //    Test for "less than zero". The values listed at a function are those it raises itself; others are passed on from
 //    the system calls below it. -ENOMEM also means that an allocation failed.
 //  - All functions may be called from any thread, also from inside a callback, unless stated otherwise. None throws.
+//  - A thread that is cancelled (pthreads(7)) inside a function ends only where the function waits: in an open, for the
+//    remote or for a free worker, and in a synchronous call, for its response; elsewhere the function first returns.
 //  - At process exit the library waits about half a second for calls that are inside it, and then closes the pipes
 //  under them (-EPIPE). Once process exit has destroyed the library's state, every function fails softly, with -ENOENT
 //  where it returns int. So does every function in a child that was forked after its parent had opened a pipe or

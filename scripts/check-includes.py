@@ -13,12 +13,14 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 
 # The units of src/api that stand below everything; the rest of that folder stands on top.
 GROUND = {
+    "api/Cancellation.h",
     "api/EnvManager.h",
     "api/HasSymbol.h",
     "api/Mutex.h",
     "api/Semaphore.h",
     "api/SharedMutex.h",
     "api/SingletonProtector.h",
+    "api/UniqueFd.h",
 }
 
 # Folder: the folders below it.

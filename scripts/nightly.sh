@@ -4,7 +4,7 @@
 set -uo pipefail
 cd "$(dirname "$0")/.." || exit
 
-STEPS=(kills stopped soak fuzz ends races)
+STEPS=(kills stopped soak fuzz ends races cancels)
 
 usage() {
     cat <<'TEXT'
@@ -18,6 +18,7 @@ Runs the long proofs, all of them (about three hours) or the named steps:
   fuzz     600 s of each fuzz target
   ends     1000 ends of a process with traffic, of each kind, under each sanitizer
   races    the tests of threads that meet, 50 times under the thread sanitizer
+  cancels  400 cancellations of a thread inside each function: no abort, no lock kept, no descriptor lost
 
 Everything a step prints is in build/nightly/STEP.log. Installs what is missing.
 TEXT
@@ -60,6 +61,11 @@ step_ends() { run ends "$ends ends of each kind" scripts/exit-runs.sh --runs "$e
 step_races() {
     run races "races, $repeats times" scripts/test.sh tsan -- -R 'Stress|Race|Concurrent|Storm|storm_kills' \
         --repeat "until-fail:$repeats" --output-on-failure --timeout 600
+}
+
+step_cancels() {
+    run cancels "400 cancellations of each" env TARVO_CANCELLATIONS=400 scripts/test.sh release -- -R unit_api_cancel \
+        --output-on-failure
 }
 
 main() {

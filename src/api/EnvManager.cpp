@@ -12,6 +12,8 @@
 #include <new>
 #include <type_traits>
 
+#include "api/UniqueFd.h"
+
 namespace {
 
 constexpr char BUILD_HOST_NAME[] = "dp";
@@ -126,12 +128,11 @@ const char *EnvManager::KeepName(const char *name, std::size_t length) {
 void EnvManager::EnableDefaultProcName() {
     char text[COMM_BUFFER_SIZE];
     std::snprintf(text, sizeof(text), "/proc/%d/comm", getpid());
-    const int fd = open(text, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
+    const UniqueFd file(open(text, O_RDONLY | O_CLOEXEC));
+    if (file.Get() < 0) {
         return;
     }
-    const ssize_t size = read(fd, text, sizeof(text) - 1);
-    close(fd);
+    const ssize_t size = read(file.Get(), text, sizeof(text) - 1);
     text[size > 0 ? size : 0] = '\0';
 
     char *word = text + std::strspn(text, WHITESPACE);

@@ -6,6 +6,8 @@
 #include <new>
 #include <system_error>
 
+#include "api/Cancellation.h"
+
 // The result code of the exception that is being handled.
 inline int CodeOfException() {
     try {
@@ -21,8 +23,10 @@ inline int CodeOfException() {
 }
 
 // Runs the body of an exported function, out of which no exception may go; the result of `body`, or a negated errno.
+// The calling thread can be cancelled only where `body` waits.
 template <typename Body>
 int NoThrow(Body &&body) {
+    const Uncancelled unlessItWaits;
     try {
         return body();
     } catch (...) {

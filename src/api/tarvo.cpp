@@ -42,12 +42,17 @@ public:
     PendingCall &operator=(const PendingCall &) = delete;
 
     int Wait(int timeout) {
-        const int ret = request.HasEnded() ? 0 : pipe.AwaitResponse(request, req, timeout);
+        const int ret = request.HasEnded() ? 0 : Await(timeout);
         answered = ret == 0;
         return ret;
     }
 
 private:
+    int Await(int timeout) {
+        const Cancellable wait;
+        return pipe.AwaitResponse(request, req, timeout);
+    }
+
     TarvoPipeImpl &pipe;
     OutRequest &request;
     const TarvoRequest &req;

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <ctime>
 
+#include "api/Cancellation.h"
 #include "diag/velm_syslog.h"
 #include "fifo/check_file_attr.h"
 #include "fifo/fifo_label.h"
@@ -97,6 +98,23 @@ bool IsSameFile(const struct stat &one, const struct stat &other) {
     return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
+// A thread that waits in the open of a FIFO can be cancelled, whatever its own cancel state.
+int OpenCancellably(const char *path, int flags) {
+    if (Uncancelled::Active()) {
+        // Inside an exported function, of whose opens none waits: they do not block, or are those of a FIFO that this
+        // process reads itself. The C library loses the descriptor of an open that succeeds while its thread is being
+        // cancelled.
+        return open(path, flags);
+    }
+    int cancelState = PTHREAD_CANCEL_ENABLE;
+    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &cancelState);
+    const int fd = open(path, flags);
+    const int error = errno;
+    pthread_setcancelstate(cancelState, nullptr);
+    errno = error;
+    return fd;
+}
+
 } // namespace
 
 int CreateFifo(const std::string &name, uint32_t gid, int32_t targetPid, TarvoDomain domain,
@@ -142,11 +160,8 @@ int OpenFifo(const std::string &name, int flags) {
         TARVO_LOG_RESTRAINED(LOG_ERR, "Transfer real path fail, path name=%s, ret=%d.", name.c_str(), resolved);
         return resolved;
     }
-    int cancelState = PTHREAD_CANCEL_ENABLE;
-    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &cancelState);
-    const int fd = open(realPath, flags);
+    const int fd = OpenCancellably(realPath, flags);
     const int error = errno;
-    pthread_setcancelstate(cancelState, nullptr);
     if (fd >= 0) {
         return fd;
     }

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <thread>
 
+#include "api/Cancellation.h"
 #include "diag/run_time_record.h"
 #include "diag/velm_syslog.h"
 #include "fifo/velm_fifo.h"
@@ -73,6 +74,7 @@ public:
             sched_yield();
             return true;
         }
+        const Cancellable wait;
         std::this_thread::sleep_for(Next());
         return !IsLast();
     }

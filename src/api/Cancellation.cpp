@@ -1,0 +1,7 @@
+#include "api/Cancellation.h"
+
+namespace tarvo_cancellation {
+
+__thread int callersState = OUTSIDE;
+
+} // namespace tarvo_cancellation
