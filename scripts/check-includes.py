@@ -17,6 +17,8 @@ GROUND = {
     "api/EnvManager.h",
     "api/HasSymbol.h",
     "api/Mutex.h",
+    "api/ProcessObject.h",
+    "api/ProcessOwner.h",
     "api/Semaphore.h",
     "api/SharedMutex.h",
     "api/SingletonProtector.h",

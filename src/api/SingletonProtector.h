@@ -2,19 +2,8 @@
 #define TARVO_API_SINGLETONPROTECTOR_H
 
 #include <memory>
-#include <new>
-#include <utility>
 
 #include "api/SharedMutex.h"
-
-// Keeps a reference in storage that is never destroyed: for process-wide objects in a forked child that exits, to whose
-// threads, files and descriptors it has no right. Once for each T.
-template <typename T>
-void KeepForever(std::shared_ptr<T> object) {
-    using Reference = std::shared_ptr<T>;
-    alignas(Reference) static unsigned char storage[sizeof(Reference)];
-    new (storage) Reference(std::move(object));
-}
 
 // Guards a process-wide object so that callers during process exit get an empty reference instead of a dangling one.
 // Owns: nothing (a weak reference). Threads: any. Locks: `lock` orders `alive` against readers. Ends: never

@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "api/NoThrow.h"
+#include "api/ProcessOwner.h"
 #include "api/TableFactory.h"
 #include "api/tarvo_check.h"
 #include "diag/velm_syslog.h"
@@ -125,6 +126,7 @@ int TarvoCreateServer(TarvoServerAttr *attr) {
             TARVO_LOG(LOG_ERR, "Input attr is nullptr");
             return -EINVAL;
         }
+        ProcessOwner::Claim();
         const std::shared_ptr<PipeServer> server = PipeServer::GetInstance();
         if (!server) {
             TARVO_LOG(LOG_ERR, "Pipe server init failed");
@@ -245,6 +247,8 @@ int TarvoCleanPipe(int fd) {
 
 void TarvoCfgFinishServer(void) {
     NoThrow([] {
+        // There is no way back from it for children either.
+        ProcessOwner::Claim();
         const std::shared_ptr<PipeServer> server = PipeServer::GetInstance();
         if (!server) {
             TARVO_LOG(LOG_ERR, "Pipe server finish failed.");
@@ -262,6 +266,7 @@ void TarvoCfgFinishServer(void) {
 void TarvoExceptionHandler(int signo) {
     NoThrow([signo] {
         TARVO_LOG(LOG_ERR, "Recv a signal %d.", signo);
+        ProcessOwner::LookAgain();
         const std::shared_ptr<TarvoTable> table = TableFactory::GetInstance();
         if (!table) {
             TARVO_LOG(LOG_ERR, "TarvoExceptionHandler failed, because table is destroyed.");

@@ -3,6 +3,7 @@
 
 #include "api/EnvManager.h"
 #include "api/NoThrow.h"
+#include "api/ProcessOwner.h"
 #include "api/TableFactory.h"
 #include "api/tarvo_check.h"
 #include "diag/velm_syslog.h"
@@ -36,6 +37,7 @@ int TarvoPipeTypeOpen(TarvoAttr *attr, TarvoPipeType type) {
             TARVO_LOG(LOG_ERR, "Input variables error.");
             return -EINVAL;
         }
+        ProcessOwner::Claim();
         const std::shared_ptr<TarvoTable> table = TableFactory::GetInstance();
         if (!table) {
             TARVO_LOG(LOG_INFO, "TarvoPipeTypeOpen unfinished, because table is destroyed");

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <ctime>
@@ -13,7 +14,7 @@
 #include <type_traits>
 
 #include "api/EnvManager.h"
-#include "api/SingletonProtector.h"
+#include "api/ProcessObject.h"
 #include "diag/bounded.h"
 
 namespace {
@@ -36,6 +37,35 @@ constexpr std::array<const char *, 8> LABELS = {"VELM", "TARVO", "FAULTEVENT", "
 // threads log while statics die.
 Mutex logMutex;
 static_assert(std::is_trivially_destructible_v<Mutex>);
+
+// A fork waits for the line that is being written, since its child could wait for ever for what the writing thread
+// held: this mutex and those that the C library's syslog and time zone have. Not for long, as the forking thread itself
+// may be writing, in a signal handler.
+constexpr int LONGEST_LINE_SECONDS = 1;
+__thread bool heldForFork = false;
+
+void HoldForFork() NO_THREAD_SAFETY_ANALYSIS {
+    timespec until{};
+    clock_gettime(CLOCK_MONOTONIC, &until);
+    until.tv_sec += LONGEST_LINE_SECONDS;
+    heldForFork = pthread_mutex_clocklock(logMutex.native_handle(), CLOCK_MONOTONIC, &until) == 0;
+}
+
+void ReleaseInParent() NO_THREAD_SAFETY_ANALYSIS {
+    if (heldForFork) {
+        logMutex.unlock();
+    }
+    heldForFork = false;
+}
+
+void ReleaseInChild() NO_THREAD_SAFETY_ANALYSIS {
+    if (!heldForFork) {
+        new (&logMutex) Mutex;
+    }
+    ReleaseInParent();
+}
+
+__attribute__((constructor)) void WatchForks() { pthread_atfork(HoldForFork, ReleaseInParent, ReleaseInChild); }
 
 // Appends the decimal digits of `number`, least significant first and without the most significant one. The loss is
 // intended: it decides which lines of a file share a limit (1 to 9 do, and so do 123 and 223).
@@ -153,38 +183,27 @@ namespace ZoVelm {
 
 namespace {
 
-using LimiterProtector = SingletonProtector<VelmRestrainedLog>;
+struct ProcessLimiter {
+    using Object = VelmRestrainedLog;
 
-// Owns: the limiter. Threads: the exiting one. Locks: none. Ends: at process exit; the protector, which is written to
-// `published`, never ends, for lines that are written later.
-class LimiterOwner {
-public:
-    explicit LimiterOwner(LimiterProtector *&published)
-        : limiter(std::make_shared<VelmRestrainedLog>()), protector(*new LimiterProtector(limiter)) {
-        published = &protector;
-    }
-    ~LimiterOwner() { protector.Disable(); }
-    LimiterOwner(const LimiterOwner &) = delete;
-    LimiterOwner &operator=(const LimiterOwner &) = delete;
-
-private:
-    const std::shared_ptr<VelmRestrainedLog> limiter;
-    LimiterProtector &protector;
+    static std::shared_ptr<VelmRestrainedLog> Make() { return std::make_shared<VelmRestrainedLog>(); }
+    static void End(std::shared_ptr<VelmRestrainedLog> &limiter) { limiter.reset(); }
 };
+
+// Also for children, whose limiter is another one.
+std::atomic<bool> switchedOff{false};
 
 } // namespace
 
 VelmRestrainedLog::~VelmRestrainedLog() { destroyed = true; }
 
 std::shared_ptr<VelmRestrainedLog> VelmRestrainedLog::GetInstance(bool enable) {
-    // Made in one step: another thread may end the process at any moment.
-    static LimiterProtector *protector = nullptr;
-    static const LimiterOwner owner(protector);
+    std::shared_ptr<VelmRestrainedLog> limiter = ProcessObject<ProcessLimiter>::Get();
     if (!enable) {
-        protector->Disable();
-        return nullptr;
+        switchedOff = true;
+        ProcessObject<ProcessLimiter>::Disable();
     }
-    return protector->Get();
+    return switchedOff ? nullptr : limiter;
 }
 
 int VelmRestrainedLog::PrintTableInsert(unsigned long key) {

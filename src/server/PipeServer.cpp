@@ -11,8 +11,9 @@
 #include <system_error>
 #include <utility>
 
+#include "api/Cancellation.h"
 #include "api/EnvManager.h"
-#include "api/SingletonProtector.h"
+#include "api/ProcessObject.h"
 #include "api/TableFactory.h"
 #include "diag/velm_syslog.h"
 #include "fifo/velm_fifo.h"
@@ -32,30 +33,18 @@ struct ServerWithTable {
     PipeServer server;
 };
 
-using ServerProtector = SingletonProtector<ServerWithTable>;
+// Made after the table, so process exit stops the server first, while the pipes that its thread opens still have a
+// table to go to.
+struct ProcessServer {
+    using Object = ServerWithTable;
 
-// Ends the server when the process that made it exits, and not when a forked child does, which would stop its parent's.
-// Owns: the server with its table. Threads: the exiting one. Locks: none. Ends: at process exit; the protector, which
-// is written to `published`, never ends, for calls that come later.
-class ServerOwner {
-public:
-    ServerOwner(const std::shared_ptr<TarvoTable> &table, ServerProtector *&published)
-        : server(std::make_shared<ServerWithTable>(table)), protector(*new ServerProtector(server)), process(getpid()) {
-        published = &protector;
+    static std::shared_ptr<ServerWithTable> Make(const std::shared_ptr<TarvoTable> &table) {
+        return std::make_shared<ServerWithTable>(table);
     }
-    ~ServerOwner() {
-        protector.Disable();
-        if (getpid() != process) {
-            KeepForever(std::move(server));
-        }
+    static void End(std::shared_ptr<ServerWithTable> &server) {
+        const Uncancelled whole;
+        server.reset();
     }
-    ServerOwner(const ServerOwner &) = delete;
-    ServerOwner &operator=(const ServerOwner &) = delete;
-
-private:
-    std::shared_ptr<ServerWithTable> server;
-    ServerProtector &protector;
-    const pid_t process;
 };
 
 // The two below run while a failure is being undone and keep the errno that its report shows.
@@ -95,11 +84,7 @@ std::shared_ptr<PipeServer> PipeServer::GetInstance() {
         TARVO_LOG(LOG_ERR, "Init table failed.");
         return nullptr;
     }
-    // Made after the table, so process exit stops the server first, while the pipes that its thread opens still have a
-    // table to go to. In one step, as the table: another thread may end the process at any moment.
-    static ServerProtector *protector = nullptr;
-    static const ServerOwner owner(table, protector);
-    const std::shared_ptr<ServerWithTable> alive = protector->Get();
+    const std::shared_ptr<ServerWithTable> alive = ProcessObject<ProcessServer>::Get(table);
     return alive == nullptr ? nullptr : std::shared_ptr<PipeServer>(alive, &alive->server);
 }
 

@@ -14,7 +14,7 @@ const std::vector<ManualPage> &ManualPages() {
         {Call::Chown, "lchown(2)", {EACCES, EFAULT, EIO, ELOOP, ENAMETOOLONG, ENOENT, ENOMEM, ENOTDIR, EPERM, EROFS}},
         {Call::ClockGettime, "clock_gettime(2)", {EACCES, EFAULT, EINVAL, ENODEV, ENOTSUP, EPERM}},
         {Call::Close, "close(2)", {EBADF, EDQUOT, EINTR, EIO, ENOSPC}},
-        {Call::EpollCreate, "epoll_create(2)", {EINVAL, EMFILE, ENFILE, ENOMEM}},
+        {Call::EpollCreate, "epoll_create1(2)", {EINVAL, EMFILE, ENFILE, ENOMEM}},
         {Call::EpollCtl, "epoll_ctl(2)", {EBADF, EEXIST, EINVAL, ELOOP, ENOENT, ENOMEM, ENOSPC, EPERM}},
         {Call::EpollWait, "epoll_wait(2)", {EBADF, EFAULT, EINTR, EINVAL}},
         {Call::Eventfd, "eventfd(2)", {EINVAL, EMFILE, ENFILE, ENODEV, ENOMEM}},

@@ -1,0 +1,104 @@
+#ifndef TARVO_API_PROCESSOBJECT_H
+#define TARVO_API_PROCESSOBJECT_H
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <memory>
+#include <new>
+#include <utility>
+
+#include "api/Mutex.h"
+#include "api/ProcessOwner.h"
+#include "api/SingletonProtector.h"
+
+// An object of which a process has one, with its protector: made on first use, handed out until process exit begins,
+// and never to a child of the process that the library's threads and files belong to. A child forked before there were
+// any makes its own.
+//
+// `Kind` says what it is: `Object`, `Make(arguments...)`, which yields it, and `End(object)`, which process exit calls,
+// in the opposite order of making, when the object is not handed out any more.
+//
+// Owns: the object, until End; the protector for ever, for calls that come later. Threads: any. Locks: `making`, while
+// the object is made. Ends: never.
+template <typename Kind>
+class ProcessObject {
+public:
+    using Object = typename Kind::Object;
+
+    template <typename... Arguments>
+    static std::shared_ptr<Object> Get(const Arguments &...arguments) {
+        if (ProcessOwner::IsInherited()) {
+            return nullptr;
+        }
+        Slot *const slot = current.load(std::memory_order_acquire);
+        return (slot != nullptr ? slot : Make(arguments...))->protector.Get();
+    }
+
+    // From now on it is not handed out in this process.
+    static void Disable() {
+        if (Slot *const slot = current.load(std::memory_order_acquire)) {
+            slot->protector.Disable();
+        }
+    }
+
+private:
+    struct Slot {
+        explicit Slot(std::shared_ptr<Object> made) : object(std::move(made)), protector(object) {}
+
+        std::shared_ptr<Object> object;
+        SingletonProtector<Object> protector;
+        Slot *parents = nullptr;
+    };
+
+    template <typename... Arguments>
+    static Slot *Make(const Arguments &...arguments) EXCLUDES(making) {
+        MutexLock lock(making);
+        if (Slot *const slot = current.load(std::memory_order_relaxed)) {
+            return slot;
+        }
+        auto slot = std::make_unique<Slot>(Kind::Make(arguments...));
+        if (!registered) {
+            // Another thread may end the process at any moment: it finds all of the object, or nothing.
+            if (pthread_atfork(nullptr, nullptr, ForgetParents) != 0 || std::atexit(End) != 0) {
+                throw std::bad_alloc();
+            }
+            registered = true;
+        }
+        current.store(slot.get(), std::memory_order_release);
+        return slot.release();
+    }
+
+    static void End() {
+        ProcessOwner::LookAgain();
+        Slot *const slot = current.load(std::memory_order_acquire);
+        if (slot == nullptr || ProcessOwner::IsInherited()) {
+            return;
+        }
+        ended = true;
+        slot->protector.Disable();
+        Kind::End(slot->object);
+    }
+
+    // In a forked child, whose only thread this is: other threads of the parent may have been in the middle of
+    // anything, so their object is left as it is for ever.
+    static void ForgetParents() NO_THREAD_SAFETY_ANALYSIS {
+        if (!ProcessOwner::IsUnclaimed() || ended) {
+            return;
+        }
+        new (&making) Mutex;
+        if (Slot *const slot = current.exchange(nullptr)) {
+            slot->parents = forgotten;
+            forgotten = slot;
+        }
+    }
+
+    static inline std::atomic<Slot *> current{nullptr};
+    static inline Slot *forgotten = nullptr;
+    static inline std::atomic<bool> ended{false};
+    static inline Mutex making;
+    static inline bool registered GUARDED_BY(making) = false;
+};
+
+#endif // TARVO_API_PROCESSOBJECT_H
