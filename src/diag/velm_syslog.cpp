@@ -41,7 +41,7 @@ static_assert(std::is_trivially_destructible_v<Mutex>);
 // A fork waits for the line that is being written, since its child could wait for ever for what the writing thread
 // held: this mutex and those that the C library's syslog and time zone have. Not for long, as the forking thread itself
 // may be writing, in a signal handler.
-constexpr int LONGEST_LINE_SECONDS = 1;
+constexpr int LONGEST_LINE_SECONDS = 5;
 __thread bool heldForFork = false;
 
 void HoldForFork() NO_THREAD_SAFETY_ANALYSIS {

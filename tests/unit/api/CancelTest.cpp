@@ -30,6 +30,13 @@ int Cancellations() {
     return text == nullptr ? Rounds(40, 15) : std::max(1, std::atoi(text));
 }
 
+// A thread that is cancelled in a wait leaves it from within the sanitizer's own function for that wait, which does not
+// provide for it: it takes every lock of the thread for no lock from then on, or checks a stack that has gone.
+#define SKIP_IF_SANITIZED()                                                                                            \
+    if (SANITIZED) {                                                                                                   \
+        GTEST_SKIP() << "a sanitizer loses track of a thread that is cancelled in a wait";                             \
+    }
+
 // Keeps what the test itself does on the thread from being cancelled.
 template <typename Work>
 auto WithoutCancellation(Work work) {
@@ -111,6 +118,7 @@ TEST_F(CancelTest, Opens) {
 }
 
 TEST_F(CancelTest, OpensThatWait) {
+    SKIP_IF_SANITIZED();
     TarvoAttr attr = MakeAttr(self, remote, TARVO_MODE_CLIENT);
     attr.timeout = 0;
     CancelAtRandomMoments([&] { TarvoOpen(&attr); });
@@ -184,6 +192,7 @@ TEST_F(CancelTest, FirstSends) {
 }
 
 TEST_F(CancelTest, Calls) {
+    SKIP_IF_SANITIZED();
     const PipePair pair(Echo, Echo);
     CancelAtRandomMoments([&] { Ask(pair.far, "with an answer"); });
     CancelAtRandomMoments([&] { Ask(pair.near, "without a limit", -1); });
@@ -191,6 +200,7 @@ TEST_F(CancelTest, Calls) {
 }
 
 TEST_F(CancelTest, CallsThatWait) {
+    SKIP_IF_SANITIZED();
     const PipePair pair;
     CancelAtRandomMoments([&] { Ask(pair.far, "no answer", HOUR_MS); });
     CancelAtRandomMoments([&] { Ask(pair.far, "no answer", 1); });
