@@ -160,6 +160,7 @@ protected:
     HAS_SYMBOL std::string AssembleTableKey(const std::string &key) const { return key; }
     void AssembleFifoNames();
     int GetReadFd() const { return readFd; }
+    const std::string &GetReadFifoName() const { return readFifoName; }
 
     std::string myName;
     std::string remoteName;

@@ -3,8 +3,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <new>
+#include <thread>
 
 #include "api/EnvManager.h"
 #include "diag/velm_syslog.h"
@@ -14,6 +17,11 @@
 namespace {
 
 constexpr char LOG_TAG[] = "TarvoClientPipe";
+
+// How long the files of an earlier pipe may keep the next one of the same names waiting, and how often it looks.
+constexpr auto LEFTOVER_LIMIT = std::chrono::milliseconds(100);
+constexpr auto FIRST_SLEEP = std::chrono::microseconds(40);
+constexpr std::chrono::steady_clock::duration LONGEST_SLEEP = std::chrono::milliseconds(2);
 
 } // namespace
 
@@ -53,7 +61,7 @@ int TarvoClientPipe::SendMsgToServer(int serverMonitorFd) {
 
 int TarvoClientPipe::TimedOpen(int timeoutMs) {
     TARVO_LOG(LOG_INFO, "begin TarvoClientPipe Open readFd(%d) remote(%s) timed out", GetReadFd(), remoteName.c_str());
-    const int ret = Announce();
+    const int ret = Announce(timeoutMs);
     if (ret != 0) {
         observer.OnOpenFailed(GetPipeFd());
         return ret;
@@ -61,12 +69,13 @@ int TarvoClientPipe::TimedOpen(int timeoutMs) {
     return TarvoPipeImpl::TimedOpen(timeoutMs);
 }
 
-int TarvoClientPipe::Announce() {
+int TarvoClientPipe::Announce(int timeoutMs) {
     const std::string name = MonitorPipeNameGen();
     int ret = FindServer(name);
     if (ret != 0) {
         return ret;
     }
+    AwaitLeftoversGone(timeoutMs);
     const int fd = OpenServerMonitorPipe(name);
     if (fd < 0) {
         TARVO_LOG_RESTRAINED(LOG_ERR, "%s open monitor pipe %s failed, fd=%d, err=%d", myName.c_str(), name.c_str(), fd,
@@ -97,4 +106,22 @@ int TarvoClientPipe::FindServer(const std::string &name) const {
         return -ENXIO;
     }
     return 0;
+}
+
+void TarvoClientPipe::AwaitLeftoversGone(int timeoutMs) const {
+    using Clock = std::chrono::steady_clock;
+    // The server's side makes this file first and removes it last.
+    const char *const file = GetReadFifoName().c_str();
+    const auto limit = timeoutMs < 1 ? LEFTOVER_LIMIT : std::min(LEFTOVER_LIMIT, std::chrono::milliseconds(timeoutMs));
+    const Clock::time_point end = Clock::now() + limit;
+    Clock::duration sleep = FIRST_SLEEP;
+    // Those of a pipe that is open, which another thread may just have opened, are no leftovers.
+    while (GetReadFd() < 0 && access(file, F_OK) == 0) {
+        const Clock::duration left = end - Clock::now();
+        if (left <= Clock::duration::zero()) {
+            return;
+        }
+        std::this_thread::sleep_for(std::min(sleep, left));
+        sleep = std::min(sleep * 2, LONGEST_SLEEP);
+    }
 }

@@ -26,8 +26,11 @@ public:
     int SendMsgToServer(int serverMonitorFd);
 
 private:
-    int Announce();
+    int Announce(int timeoutMs);
     int FindServer(const std::string &name) const;
+    // Files under the pipe's own names, which hold the process id, can only be those of an earlier pipe of this process
+    // that the server is about to remove. Announced before that, the new pipe would open them, or have its own removed.
+    void AwaitLeftoversGone(int timeoutMs) const;
 };
 
 #endif // TARVO_SERVER_TARVOCLIENTPIPE_H

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -14,6 +15,7 @@
 
 #include "LibraryStubs.h"
 #include "support/AllocFaults.h"
+#include "support/FakeClock.h"
 #include "support/Faults.h"
 #include "support/LeakCheck.h"
 #include "support/Names.h"
@@ -192,6 +194,120 @@ TEST_F(TarvoClientPipeTest, EveryOpenAnnouncesThePipeAgain) {
     pipe->TimedOpen(1);
     const std::string packet = RawConnectPacket(extended, getgid(), getpid());
     EXPECT_EQ(WhatTheServerReads(), packet + packet);
+}
+
+// ---- What an earlier pipe of these names has left behind ----
+
+class TarvoClientPipeLeftoverTest : public TarvoClientPipeTest {
+protected:
+    ~TarvoClientPipeLeftoverTest() override { RemoveLeftovers(); }
+
+    void MakeLeftovers() const {
+        ASSERT_EQ(mkfifo(toServer.c_str(), 0660), 0);
+        ASSERT_EQ(mkfifo(fromServer.c_str(), 0660), 0);
+    }
+
+    // In the order in which a server closes.
+    void RemoveLeftovers() const {
+        unlink(toServer.c_str());
+        unlink(fromServer.c_str());
+    }
+
+    static std::chrono::steady_clock::duration Now() { return std::chrono::steady_clock::now().time_since_epoch(); }
+
+    // How long an open that fails in the end waits before it announces itself, by a clock that only sleeps move.
+    std::chrono::milliseconds TimeToTheAnnouncement(int timeoutMs) {
+        FakeClock clock(FakeClock::Mode::Frozen);
+        clock.SleepsAdvanceTheClock();
+        const auto start = Now();
+        auto announced = start;
+        const ScopedHook hook(
+            Call::Write, [&](const CallInfo &) { announced = Now(); }, Where().Times(1));
+        EXPECT_EQ(pipe->TimedOpen(timeoutMs), -ETIMEDOUT);
+        EXPECT_EQ(hook.Hits(), 1U);
+        return std::chrono::duration_cast<std::chrono::milliseconds>(announced - start);
+    }
+
+    const std::string toServer = FifoPath(extended, server);
+    const std::string fromServer = FifoPath(server, extended);
+};
+
+TEST_F(TarvoClientPipeLeftoverTest, WithoutAnyOneLookIsAllItTakes) {
+    MakeServer();
+    const CallCounter looks(Call::Access);
+    const CallCounter sleeps(Call::Sleep);
+    const ScopedHook hook(
+        Call::Write,
+        [&](const CallInfo &) {
+            EXPECT_EQ(looks.Count(), 1U);
+            EXPECT_EQ(sleeps.Count(), 0U);
+        },
+        Where().Times(1));
+    EXPECT_EQ(pipe->TimedOpen(1), -ETIMEDOUT);
+    EXPECT_EQ(hook.Hits(), 1U);
+}
+
+TEST_F(TarvoClientPipeLeftoverTest, AnnouncesItselfOnceTheyAreGone) {
+    MakeServer();
+    MakeLeftovers();
+    FakeClock clock(FakeClock::Mode::Frozen);
+    clock.SleepsAdvanceTheClock();
+    const ScopedHook removal(
+        Call::Sleep, [&](const CallInfo &) { RemoveLeftovers(); }, Where().Nth(3).Times(1));
+    const ScopedHook hook(
+        Call::Write,
+        [&](const CallInfo &) {
+            EXPECT_EQ(removal.Hits(), 1U);
+            EXPECT_NE(access(toServer.c_str(), F_OK), 0);
+            EXPECT_NE(access(fromServer.c_str(), F_OK), 0);
+        },
+        Where().Times(1));
+    EXPECT_EQ(pipe->TimedOpen(1000), -ETIMEDOUT);
+    EXPECT_EQ(hook.Hits(), 1U);
+}
+
+TEST_F(TarvoClientPipeLeftoverTest, WaitsForThemForATenthOfASecondAtMost) {
+    MakeServer();
+    MakeLeftovers();
+    EXPECT_EQ(TimeToTheAnnouncement(10000), std::chrono::milliseconds(100));
+    EXPECT_EQ(WhatTheServerReads(), RawConnectPacket(extended, getgid(), getpid()));
+}
+
+TEST_F(TarvoClientPipeLeftoverTest, WaitsForThemThatLongWithoutATimeoutToo) {
+    MakeServer();
+    MakeLeftovers();
+    EXPECT_EQ(TimeToTheAnnouncement(0), std::chrono::milliseconds(100));
+}
+
+TEST_F(TarvoClientPipeLeftoverTest, DoesNotWaitForThemBeyondTheTimeoutOfTheOpen) {
+    MakeServer();
+    MakeLeftovers();
+    EXPECT_EQ(TimeToTheAnnouncement(30), std::chrono::milliseconds(30));
+}
+
+TEST_F(TarvoClientPipeLeftoverTest, WithoutAServerTheyAreNotWaitedFor) {
+    MakeLeftovers();
+    const CallCounter sleeps(Call::Sleep);
+    ExpectFailedOpen(-ENXIO);
+    EXPECT_EQ(sleeps.Count(), 0U);
+}
+
+TEST_F(TarvoClientPipeLeftoverTest, FilesOfAPipeThatIsOpenAreNotWaitedFor) {
+    MakeServer();
+    int reader = -1;
+    const ScopedHook hook(
+        Call::Write,
+        [&](const CallInfo &) {
+            MakeLeftovers(); // as the server does once it has the announcement
+            reader = open(toServer.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        },
+        Where().Times(1));
+    ASSERT_EQ(pipe->TimedOpen(1000), 0);
+    const CallCounter sleeps(Call::Sleep);
+    EXPECT_EQ(pipe->TimedOpen(1000), 0);
+    EXPECT_EQ(sleeps.Count(), 0U);
+    pipe->DeInitPipe();
+    close(reader);
 }
 
 // ---- Failures ----
