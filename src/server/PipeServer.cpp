@@ -23,6 +23,8 @@
 namespace {
 
 constexpr char LOG_TAG[] = "PipeServer";
+// How often a start whose file another server has replaced meanwhile begins anew.
+constexpr int MAX_STARTS_OVER = 3;
 
 // The server together with the table that it refers to: a caller that still holds the server while the process exits
 // keeps both alive.
@@ -57,9 +59,10 @@ void CloseAndForget(int &fd) {
     errno = error;
 }
 
-void RemoveIfExists(const std::string &file) {
+// Not where the open has failed for want of a file: one that is there now is another server's.
+void RemoveOwnFile(const std::string &file, int openResult) {
     const int error = errno;
-    if (access(file.c_str(), F_OK) == 0) {
+    if (openResult != -ENOENT && access(file.c_str(), F_OK) == 0) {
         unlink(file.c_str());
     }
     errno = error;
@@ -97,9 +100,9 @@ PipeServer::~PipeServer() {
 }
 
 int PipeServer::Init(const TarvoServerAttr &serverAttr) {
-    // The first look is without the mutex, which a closing thread holds while it waits for the server thread: an open
-    // callback that asks meanwhile must get its answer. The server counts as running until that wait is over.
-    if (running) {
+    // A closing thread holds the mutex while it waits for the server thread: an open callback that asks meanwhile must
+    // get its answer without it. Everybody else waits, for the server that runs now may be one that fails to start.
+    if (IsServerThread()) {
         return RefuseSecondInit();
     }
     MutexLock lock(mutex);
@@ -144,6 +147,10 @@ TarvoServerAttr PipeServer::GetServerAttr() const {
 int PipeServer::InitServer() {
     running = true;
     stopping = false;
+    closing = false;
+    ended = false;
+    leftToRead.reset();
+    watch = TerminateWatch();
     int ret = PreparaFifoFile();
     if (ret != 0) {
         TARVO_LOG(LOG_ERR, "PrepareFileFd failed: err=%d, errno=%d.", ret, errno);
@@ -160,52 +167,56 @@ int PipeServer::InitServer() {
     return StartThread();
 }
 
-int PipeServer::GetFifoName() {
-    const char *selfName = GetServerAttr().selfName;
-    try {
-        const std::string prefix = EnvManager::FifoPrefix();
-        const std::string ownName = selfName != nullptr ? selfName : EnvManager::ProcName();
-        if (prefix.empty() || ownName.empty()) {
-            return -EINVAL;
-        }
-        const std::string root = GetCurrDomain() == TARVO_DOMAIN_ORLA ? EnvManager::OrlaFifoDirPrefix() : "";
-        fifoName = &*fifoNames.insert(root + prefix + ownName).first;
-        return 0;
-    } catch (const std::bad_alloc &) {
-        errno = ENOMEM;
-        return -ENOMEM;
-    }
-}
-
 int PipeServer::PreparaFifoFile() {
     int ret = GetFifoName();
     if (ret != 0) {
         TARVO_LOG(LOG_ERR, "GetFifoName error=%d, errno=%d.", ret, errno);
         return ret;
     }
+    ret = PublishFifo();
+    for (int startsOver = 0; ret == 0 && !HoldsBothEnds(); ++startsOver) {
+        // Another server of this name has started meanwhile and put its file there.
+        if (startsOver == MAX_STARTS_OVER) {
+            ret = LoseFile(EAGAIN);
+            CloseDescriptors();
+            return ret;
+        }
+        CloseDescriptors();
+        ret = PublishFifo();
+    }
+    return ret;
+}
+
+int PipeServer::LoseFile(int error) const {
+    TARVO_LOG(LOG_ERR, "Server %s flock failed: monitorfd=%d, err=%d, errno=%d.", FifoName().c_str(), monitorFd, -error,
+              error);
+    errno = error;
+    return -error;
+}
+
+int PipeServer::PublishFifo() {
     const std::string &name = FifoName();
     const uint32_t gid = GetServerAttr().gid;
-    ret = WithoutThrow([&] { return CreateFifo(name, gid, -1, TARVO_DOMAIN_LOCAL, ""); });
+    int ret = WithoutThrow([&] { return CreateFifo(name, gid, -1, TARVO_DOMAIN_LOCAL, ""); });
     if (ret != 0) {
         TARVO_LOG(LOG_ERR, "CreateFifo %s error=%d, errno=%d.", name.c_str(), ret, errno);
         return ret;
     }
     monitorFd = WithoutThrow([&] { return OpenPublishedFifo(name, O_RDONLY | O_NONBLOCK | O_CLOEXEC); });
     if (monitorFd < 0) {
-        RemoveIfExists(name);
+        RemoveOwnFile(name, monitorFd);
         TARVO_LOG(LOG_ERR, "OpenFifo %s error=%d, errno=%d.", name.c_str(), ret, errno);
         return std::exchange(monitorFd, -1);
     }
-    // A writer of our own keeps the FIFO from reporting a hang-up whenever the last client closes, and wakes our
-    // thread. We are a reader already, so this open does not block.
-    writeFd = WithoutThrow([&] { return OpenPublishedFifo(name, O_WRONLY | O_CLOEXEC); });
-    if (writeFd < 0) {
-        TARVO_LOG(LOG_ERR, "Open writable server fifo %s error, ret=%d, errno=%d.", name.c_str(), writeFd, errno);
-        CloseAndForget(monitorFd);
-        RemoveIfExists(name);
-        return std::exchange(writeFd, -1);
+    ret = WithoutThrow([&] { return OpenWriteEnd(); });
+    // Without a reader or gone, the file that was found is not the one whose read end we have.
+    if (ret >= 0 || ret == -ENXIO || ret == -ENOENT) {
+        return 0;
     }
-    return 0;
+    TARVO_LOG(LOG_ERR, "Open writable server fifo %s error, ret=%d, errno=%d.", name.c_str(), ret, errno);
+    CloseAndForget(monitorFd);
+    RemoveOwnFile(name, ret);
+    return ret;
 }
 
 int PipeServer::PrepareEpoll() {
@@ -215,7 +226,11 @@ int PipeServer::PrepareEpoll() {
         TARVO_LOG(LOG_ERR, "Create epoll instance failed: err=%d, errno=%d.", -error, error);
         return -error;
     }
-    const int ret = AddFdToEpoll(epollFd, monitorFd, monitorFd, EPOLLIN);
+    // The write end is of interest in WakeThread only; that it is there already lets that succeed at any time.
+    int ret = AddFdToEpoll(epollFd, writeFd, writeFd, 0);
+    if (ret == 0) {
+        ret = AddFdToEpoll(epollFd, monitorFd, monitorFd, EPOLLIN);
+    }
     if (ret != 0) {
         TARVO_LOG(LOG_ERR, "Add fd to epoll error: ret=%d.", ret);
         CloseAndForget(epollFd);
@@ -224,11 +239,9 @@ int PipeServer::PrepareEpoll() {
     // Two processes that start at the same moment under one name can end up on the same file; the lock leaves it to
     // one of them.
     if (flock(monitorFd, LOCK_EX | LOCK_NB) != 0) {
-        const int error = errno;
-        TARVO_LOG(LOG_ERR, "Server %s flock failed: monitorfd=%d, err=%d, errno=%d.", FifoName().c_str(), monitorFd,
-                  -error, error);
+        ret = LoseFile(errno);
         CloseAndForget(epollFd);
-        return -error;
+        return ret;
     }
     return 0;
 }
@@ -273,11 +286,13 @@ void PipeServer::CloseLocked() {
     if (!running) {
         return;
     }
+    closing = true;
     const int ret = SendMsgToServer(writeFd);
     if (ret != 0) {
         TARVO_LOG(LOG_ERR, "Send stop message to server fail, ret=%d.", ret);
-        StopWithoutPacket();
+        stopping = true;
     }
+    WakeThread();
     JoinThread();
     flock(monitorFd, LOCK_UN | LOCK_NB);
     CloseDescriptors();
@@ -301,13 +316,6 @@ int PipeServer::SendMsgToServer(int fd) const {
     return 0;
 }
 
-void PipeServer::StopWithoutPacket() {
-    stopping = true;
-    // The thread may sleep without a time limit. A FIFO that has room makes its write end ready and so ends that
-    // sleep; one that has none holds packets, and the thread is not asleep.
-    AddFdToEpoll(epollFd, writeFd, writeFd, EPOLLOUT);
-}
-
 void PipeServer::JoinThread() {
     if (!monitorThread.Joinable()) {
         return;
@@ -329,5 +337,3 @@ void PipeServer::ReleaseEndedRun() {
     JoinThread();
     CloseDescriptors();
 }
-
-void PipeServer::ExceptionHandler() const { unlink(FifoName().c_str()); }

@@ -5,11 +5,13 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 
 #include "api/Mutex.h"
 #include "pipe/MagicReceiver.h"
+#include "server/TerminateWatch.h"
 #include "tarvo.h"
 #include "worker/tarvo_thread.h"
 
@@ -35,14 +37,15 @@ public:
     // May be called by an open callback (and is refused there).
     int Init(const TarvoServerAttr &serverAttr) EXCLUDES(mutex);
 
-    // Serves what has arrived, ends the thread and closes the descriptors. The FIFO file stays. In an open callback it
-    // only has the thread end after that callback.
+    // Serves the clients that have announced themselves, ends the thread, also in the middle of a packet that never
+    // ends, and closes the descriptors. The FIFO file stays. In an open callback it only has the thread end after that
+    // callback.
     void Close() EXCLUDES(mutex);
 
     // Removes the monitor FIFO; takes no lock, for the handler of a fatal signal.
     void ExceptionHandler() const;
 
-    std::string GetFifoNameForDFX() const { return FifoName(); }
+    std::string GetFifoNameForDFX() const;
     TarvoServerAttr GetServerAttr() const EXCLUDES(attrMutex);
 
     // Reads up to `len` bytes once there are any. Server thread only.
@@ -62,6 +65,12 @@ private:
     // The steps of Init. Each leaves nothing behind when it fails, and errno as the failure set it.
     int InitServer() REQUIRES(mutex);
     int PreparaFifoFile() REQUIRES(mutex);
+    // One attempt of it: 0, also when HoldsBothEnds does not hold.
+    int PublishFifo() REQUIRES(mutex);
+    int OpenWriteEnd() REQUIRES(mutex);
+    // Whether both ends are those of one file, which still has the name.
+    bool HoldsBothEnds() const REQUIRES(mutex);
+    int LoseFile(int error) const REQUIRES(mutex);
     int GetFifoName() REQUIRES(mutex);
     int PrepareEpoll() REQUIRES(mutex);
     int StartThread() REQUIRES(mutex);
@@ -69,7 +78,7 @@ private:
     void CloseLocked() REQUIRES(mutex);
     // What is left of a run whose thread has ended by itself.
     void ReleaseEndedRun() REQUIRES(mutex);
-    void StopWithoutPacket() REQUIRES(mutex);
+    void WakeThread() REQUIRES(mutex);
     void JoinThread() REQUIRES(mutex);
     bool IsServerThread() const;
     void CloseDescriptors() REQUIRES(mutex);
@@ -77,6 +86,9 @@ private:
 
     // False when the loop is to end.
     bool ServePacket();
+    int ReadFifo(void *buf, unsigned long len, bool woken);
+    // Whether the `count` bytes just read have come after Close: as much was read since as the FIFO can hold.
+    bool HasComeAfterClose(std::size_t count);
     void ServeConnectPacket();
     std::unique_ptr<char[]> ReadClientName(uint32_t size);
     void LetBlockedWritersGo();
@@ -85,8 +97,11 @@ private:
     Mutex mutex;
     // True while a server is being set up or runs; cleared by the thread when it ends by itself.
     std::atomic<bool> running{false};
-    // Tells the thread to end although no terminate packet could be written.
+    // Tells the thread to end after the packet that it serves.
     std::atomic<bool> stopping{false};
+    // Set before Close writes its packet: the thread ends once there is nothing more to read, whether it comes across
+    // that packet or not.
+    std::atomic<bool> closing{false};
     TarvoThread monitorThread GUARDED_BY(mutex);
 
     // Every path served so far. Its nodes neither move nor go before the server does, so that fifoName, which points
@@ -99,6 +114,11 @@ private:
     int writeFd = -1;
     std::function<void(int, const std::string &)> openCallback;
     int epollFd = -1;
+
+    // The server thread's. Once it has ended, nothing is read any more.
+    bool ended = false;
+    std::optional<std::size_t> leftToRead; // while closing: in bytes, of what may have been there before
+    TerminateWatch watch;
 
     const char *threadName = "tarvo_server";
     TarvoTable &table;

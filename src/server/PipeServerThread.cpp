@@ -4,6 +4,7 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <new>
@@ -22,6 +23,9 @@ constexpr char LOG_TAG[] = "PipeServerThread";
 constexpr int32_t OPEN_TIMEOUT = 2000;
 constexpr int32_t PATIENT_OPEN_TIMEOUT = 18000000;
 constexpr char PATIENT_RUN_MODE[] = "1";
+
+// Bytes that a FIFO holds unless its size was changed.
+constexpr int USUAL_CAPACITY = 65536;
 
 // The server whose thread this is.
 thread_local const PipeServer *serverOfThread = nullptr;
@@ -46,14 +50,14 @@ void PipeServer::MonitorRoutine() {
 
 void PipeServer::MonitorRoutineLinux() {
     TARVO_LOG(LOG_INFO, "begin MonitorRoutineLinux.");
-    while (running && !stopping && ServePacket()) {
+    while (running && !stopping && !ended && ServePacket()) {
     }
     LetBlockedWritersGo();
     running = false;
 }
 
 int PipeServer::Recv(void *buf, unsigned long len) {
-    for (;;) {
+    while (!ended) {
         epoll_event event{};
         const int ret = epoll_wait(epollFd, &event, 1, -1);
         if (ret < 0 && errno == EINTR) {
@@ -67,20 +71,45 @@ int PipeServer::Recv(void *buf, unsigned long len) {
         if (ret == 0) {
             return -1;
         }
-        if (event.data.fd != monitorFd) {
-            if (stopping) {
-                return -ECANCELED;
-            }
-            continue;
+        const bool woken = event.data.fd == writeFd && (stopping || closing);
+        if (woken || (event.data.fd == monitorFd && (event.events & EPOLLIN) != 0)) {
+            return ReadFifo(buf, len, woken);
         }
-        if ((event.events & EPOLLIN) != 0) {
-            const ssize_t count = read(monitorFd, buf, len);
-            return count < 0 ? -errno : static_cast<int>(count);
-        }
-        if ((event.events & EPOLLHUP) != 0) {
+        if (event.data.fd == monitorFd && (event.events & EPOLLHUP) != 0) {
             TARVO_LOG(LOG_INFO, "All clients closed monitor pipe.");
         }
     }
+    return -ECANCELED;
+}
+
+int PipeServer::ReadFifo(void *buf, unsigned long len, bool woken) {
+    if (woken && stopping) {
+        ended = true;
+        return -ECANCELED;
+    }
+    const ssize_t count = read(monitorFd, buf, len);
+    if (count < 0) {
+        const int error = errno;
+        // What is still missing will not come.
+        ended = woken && error == EAGAIN;
+        return ended ? -ECANCELED : -error;
+    }
+    const auto size = static_cast<std::size_t>(count);
+    if (closing) {
+        watch.Note(static_cast<const char *>(buf), size);
+        ended = watch.HasSeenAll() || HasComeAfterClose(size);
+    }
+    return static_cast<int>(count);
+}
+
+bool PipeServer::HasComeAfterClose(std::size_t count) {
+    if (!leftToRead) {
+        const int capacity = fcntl(monitorFd, F_GETPIPE_SZ);
+        leftToRead = static_cast<std::size_t>(std::max(capacity, USUAL_CAPACITY)) + sizeof(PipeServerMsgHead);
+    }
+    const bool after = count > *leftToRead;
+    *leftToRead -= std::min(count, *leftToRead);
+    return after;
 }
 
 bool PipeServer::ServePacket() {
@@ -129,6 +158,11 @@ void PipeServer::ServeConnectPacket() {
     TARVO_LOG(LOG_INFO, "server get client name size: %u", size);
     const std::unique_ptr<char[]> name = ReadClientName(size);
     if (name == nullptr) {
+        return;
+    }
+    if (closing && (ended || watch.HasSeenBegin())) {
+        // It was cut off, and this is our own terminate packet.
+        ended = true;
         return;
     }
     TARVO_LOG(LOG_INFO, "Server %s get client name: %s.", FifoName().c_str(), name.get());

@@ -127,6 +127,23 @@ TEST_F(ServerTest, FinishedServerIsGoneForNewClients) {
     EXPECT_EQ(client.Connect(name, self), -ENXIO);
 }
 
+TEST_F(ServerTest, ServerFinishesAndExitsInTheMiddleOfAPacketThatNeverEnds) {
+    const std::string packet = RawConnectPacket(self, getgid(), getpid());
+    // Within the magic, before the group, before the name.
+    for (const std::size_t size : {std::size_t{3}, std::size_t{8}, std::size_t{20}}) {
+        SCOPED_TRACE(size);
+        ServerAgent finished;
+        ASSERT_EQ(finished.Serve(name), 0);
+        WriteToRawServer(name, packet.substr(0, size));
+        EXPECT_EQ(finished.Finish(), 0);
+        EXPECT_EQ(finished.Clients(0).size(), 0U);
+        ServerAgent exiting;
+        ASSERT_EQ(exiting.Serve(name), 0);
+        WriteToRawServer(name, packet.substr(0, size));
+        EXPECT_EQ(exiting.Exit(), 0);
+    }
+}
+
 TEST_F(ServerTest, ExitOfAServerEndsItsService) {
     ServerAgent server;
     ServerAgent client;

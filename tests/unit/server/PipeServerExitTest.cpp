@@ -68,6 +68,20 @@ TEST(PipeServerExitTest, ExitAfterTheThreadEndedByItselfIsClean) {
     unlink((FifoDirectory() + name).c_str());
 }
 
+TEST(PipeServerExitTest, ExitInTheMiddleOfAPacketThatNeverEndsIsClean) {
+    const std::string name = UniqueName("srv");
+    const std::string packet = RawConnectPacket("client", getgid(), getpid());
+    for (const std::size_t size : {std::size_t{3}, std::size_t{8}, std::size_t{20}}) {
+        ExpectExit([&](Channel &) {
+            if (PipeServer::GetInstance()->Init(AttrOf(name)) != 0) {
+                std::_Exit(1);
+            }
+            WriteToRawServer(name, packet.substr(0, size));
+        });
+    }
+    unlink((FifoDirectory() + name).c_str());
+}
+
 TEST(PipeServerExitTest, ExitWhileAClientIsBeingServedWaitsForIt) {
     const std::string name = UniqueName("srv");
     ExpectExit([&](Channel &channel) {

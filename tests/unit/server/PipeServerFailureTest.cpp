@@ -145,7 +145,13 @@ TEST_F(PipeServerFailureTest, BothEndsAreOpenedAsTheyAreUsed) {
     const ScopedHook hook(
         Call::Open, [&](const CallInfo &call) { flags.push_back(call.number); }, Where().PathHas(name).Always());
     ASSERT_EQ(Start(), 0);
-    EXPECT_EQ(flags, (std::vector<int>{O_RDONLY | O_NONBLOCK | O_CLOEXEC, O_WRONLY | O_CLOEXEC}));
+    // Neither open waits; the writes of the second end do.
+    EXPECT_EQ(flags, (std::vector<int>{O_RDONLY | O_NONBLOCK | O_CLOEXEC, O_WRONLY | O_NONBLOCK | O_CLOEXEC}));
+    std::vector<int> modes;
+    const ScopedHook atClose(Call::Write, [&](const CallInfo &call) { modes.push_back(fcntl(call.fd, F_GETFL)); });
+    server->Close();
+    ASSERT_EQ(modes.size(), 1U);
+    EXPECT_EQ(modes[0] & (O_ACCMODE | O_NONBLOCK), O_WRONLY);
 }
 
 TEST_F(PipeServerFailureTest, EpollInstanceThatCannotBeMadeIsReported) {

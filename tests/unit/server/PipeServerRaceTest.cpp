@@ -55,6 +55,48 @@ TEST_F(PipeServerRaceTest, StartThatWaitedForAnotherIsRefused) {
     EXPECT_EQ(second.get(), -EEXIST);
 }
 
+TEST_F(PipeServerRaceTest, StartThatComesWhileAnotherOneFailsWaitsForThatAndStarts) {
+    std::future<int> second;
+    const ScopedHook hook(
+        Call::Flock,
+        [&](const CallInfo &) {
+            std::promise<pid_t> begun;
+            second = std::async(std::launch::async, [&begun, this] {
+                begun.set_value(gettid());
+                return Start();
+            });
+            EXPECT_TRUE(Sleeps(begun.get_future().get()));
+            return Outcome{-1, ENOLCK};
+        },
+        Where().Times(1));
+    EXPECT_EQ(Start(), -ENOLCK);
+    EXPECT_EQ(second.get(), 0);
+    Write(Connect("client"));
+    opens.WaitForTarget("client");
+}
+
+TEST_F(PipeServerRaceTest, StartThatComesWhileTheServerClosesWaitsForThatAndStarts) {
+    ASSERT_EQ(Start(), 0);
+    std::future<int> second;
+    {
+        const ScopedHook hook(
+            Call::Write,
+            [&](const CallInfo &) {
+                std::promise<pid_t> begun;
+                second = std::async(std::launch::async, [&begun, this] {
+                    begun.set_value(gettid());
+                    return Start();
+                });
+                EXPECT_TRUE(Sleeps(begun.get_future().get()));
+            },
+            Where().Times(1));
+        server->Close();
+    }
+    EXPECT_EQ(second.get(), 0);
+    Write(Connect("client"));
+    opens.WaitForTarget("client");
+}
+
 TEST_F(PipeServerRaceTest, ConcurrentClosesCloseEachDescriptorOnce) {
     ASSERT_EQ(Start(), 0);
     const CallCounter closes(Call::Close);
