@@ -4,16 +4,21 @@
 set -uo pipefail
 cd "$(dirname "$0")/.." || exit
 
-STEPS=(kills stopped soak fuzz ends races cancels)
+STEPS=(kills stopped reconnect twins reopen soak fuzz ends races cancels)
 
 usage() {
     cat <<'TEXT'
-Usage: scripts/nightly.sh [--kills N] [--soak-minutes N] [--fuzz-seconds N] [--ends N] [--repeats N] [--seed N] [STEP...]
+Usage: scripts/nightly.sh [--kills N] [--reconnects N] [--twins N] [--soak-minutes N] [--fuzz-seconds N] [--ends N]
+                          [--repeats N] [--seed N] [STEP...]
 
 Runs the long proofs, all of them (about three hours) or the named steps:
 
   kills    20000 kills of servers and clients, restarted at once: nobody wedged, an answer within 1 s (99th percentile)
   stopped  servers stopped for 30 s: refused sends at once, time-outs at most 20 ms late, others at half speed or more
+  reconnect
+           a client that closes and connects again at once, 10000 times, all answered: on all cores, on one, beside
+           load, and with slow callbacks
+  twins    20000 starts and stops of each of two servers of one name: ends of one file, no stop that hangs
   soak     20 minutes of mixed traffic: no growth of memory, descriptors or threads
   fuzz     600 s of each fuzz target
   ends     1000 ends of a process with traffic, of each kind, under each sanitizer
@@ -53,6 +58,15 @@ storm_and_clean() {
 
 step_kills() { run kills "$kills kills" storm_and_clean --kills "$kills" --groups 6 ${seed:+--seed "$seed"}; }
 step_stopped() { run stopped "servers stopped for 30 s" storm storm_stopped --seconds 30; }
+
+step_reconnect() {
+    run reconnect "$reconnects reconnections" storm storm_reconnect --rounds "$reconnects"
+    run reconnect "the same on one core" storm storm_reconnect --rounds "$reconnects" --one-core
+    run reconnect "the same beside load" storm storm_reconnect --rounds "$reconnects" --load "$(nproc)"
+    run reconnect "the same on one core, beside load" storm storm_reconnect --rounds "$reconnects" --one-core --load 2
+    run reconnect "the same, callbacks of 20 ms" storm storm_reconnect --rounds "$reconnects" --callback-ms 20
+}
+step_twins() { run twins "$twins starts of two servers" storm storm_twins --rounds "$twins"; }
 step_soak() { run soak "soak of $soak minutes" scripts/soak.sh --minutes "$soak" --out build/nightly/soak; }
 step_fuzz() { run fuzz "fuzzing, $fuzz s a target" scripts/fuzz.sh --seconds "$fuzz"; }
 
@@ -63,6 +77,11 @@ step_races() {
         --repeat "until-fail:$repeats" --output-on-failure --timeout 600
 }
 
+step_reopen() {
+    run reopen "$reopenings reopenings and closes" env "TARVO_STRESS_ROUNDS=$reopenings" scripts/test.sh release -- \
+        -R '^system_reopen' --output-on-failure --timeout 1800
+}
+
 step_cancels() {
     run cancels "400 cancellations of each" env TARVO_CANCELLATIONS=400 scripts/test.sh release -- -R unit_api_cancel \
         --output-on-failure
@@ -70,14 +89,16 @@ step_cancels() {
 
 main() {
     local selected=() step
-    kills=20000 soak=20 fuzz=600 ends=1000 repeats=50 seed=''
+    kills=20000 reconnects=10000 twins=20000 reopenings=100000 soak=20 fuzz=600 ends=1000 repeats=50 seed=''
     while [[ $# -gt 0 ]]; do
         case $1 in
         -h | --help) usage && return 0 ;;
-        --kills | --soak-minutes | --fuzz-seconds | --ends | --repeats | --seed)
+        --kills | --reconnects | --twins | --soak-minutes | --fuzz-seconds | --ends | --repeats | --seed)
             [[ $# -gt 1 ]] || { usage >&2 && return 2; }
             case $1 in
             --kills) kills=$2 ;;
+            --reconnects) reconnects=$2 ;;
+            --twins) twins=$2 ;;
             --soak-minutes) soak=$2 ;;
             --fuzz-seconds) fuzz=$2 ;;
             --ends) ends=$2 ;;
