@@ -208,9 +208,9 @@ int PipeServer::PublishFifo() {
         TARVO_LOG(LOG_ERR, "OpenFifo %s error=%d, errno=%d.", name.c_str(), ret, errno);
         return std::exchange(monitorFd, -1);
     }
-    ret = WithoutThrow([&] { return OpenWriteEnd(); });
+    ret = OpenWriteEnd();
     // Without a reader or gone, the file that was found is not the one whose read end we have.
-    if (ret >= 0 || ret == -ENXIO || ret == -ENOENT) {
+    if (ret == 0 || ret == -ENXIO || ret == -ENOENT) {
         return 0;
     }
     TARVO_LOG(LOG_ERR, "Open writable server fifo %s error, ret=%d, errno=%d.", name.c_str(), ret, errno);

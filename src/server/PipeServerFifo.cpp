@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <new>
-#include <utility>
 
 #include "api/EnvManager.h"
 #include "fifo/velm_fifo.h"
@@ -41,12 +40,18 @@ int PipeServer::OpenWriteEnd() {
     // A writer of our own keeps the FIFO from reporting a hang-up whenever the last client closes, and wakes our
     // thread. Its writes block, its open does not: we are a reader already, unless another server has put its own file
     // there just now, whose reader may never come.
-    writeFd = OpenPublishedFifo(FifoName(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-    if (writeFd < 0) {
-        return std::exchange(writeFd, -1);
+    try {
+        const int fd = OpenPublishedFifo(FifoName(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+        if (fd < 0) {
+            return fd;
+        }
+        writeFd = fd;
+    } catch (const std::bad_alloc &) {
+        errno = ENOMEM;
+        return -ENOMEM;
     }
     fcntl(writeFd, F_SETFL, 0);
-    return writeFd;
+    return 0;
 }
 
 bool PipeServer::HoldsBothEnds() const {

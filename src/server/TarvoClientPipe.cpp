@@ -115,8 +115,8 @@ void TarvoClientPipe::AwaitLeftoversGone(int timeoutMs) const {
     const auto limit = timeoutMs < 1 ? LEFTOVER_LIMIT : std::min(LEFTOVER_LIMIT, std::chrono::milliseconds(timeoutMs));
     const Clock::time_point end = Clock::now() + limit;
     Clock::duration sleep = FIRST_SLEEP;
-    // Those of a pipe that is open, which another thread may just have opened, are no leftovers.
-    while (GetReadFd() < 0 && access(file, F_OK) == 0) {
+    // Once this pipe has begun to open, also on another thread just now, they are its own: it is open, or tries again.
+    while (closeAction != 1 && access(file, F_OK) == 0) {
         const Clock::duration left = end - Clock::now();
         if (left <= Clock::duration::zero()) {
             return;

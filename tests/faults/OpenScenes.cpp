@@ -6,6 +6,7 @@
 #include <cerrno>
 
 #include "faults/Scenes.h"
+#include "support/Faults.h"
 
 namespace tarvo_test {
 namespace {
@@ -101,7 +102,11 @@ public:
     }
 
 protected:
-    explicit JoiningOpen(const std::string &suffix) : peer(remote, self + suffix) { peer.CreateFiles(); }
+    explicit JoiningOpen(const std::string &suffix, bool filesAreThere = true) : peer(remote, self + suffix) {
+        if (filesAreThere) {
+            peer.CreateFiles();
+        }
+    }
 
     virtual int Open() {
         TarvoAttr attr = MakeAttr(self, remote, TARVO_MODE_CLIENT, inbox.Receiver());
@@ -115,9 +120,10 @@ protected:
     RawPeer peer;
 };
 
+// A pipe to a server, which makes the files once the client has announced itself: earlier ones would be leftovers.
 class ClientOpen : public JoiningOpen {
 public:
-    ClientOpen() : JoiningOpen("_" + std::to_string(getpid())) {}
+    ClientOpen() : JoiningOpen("_" + std::to_string(getpid()), false) {}
 
 private:
     int Open() override {
@@ -127,6 +133,7 @@ private:
     }
 
     const RawServer server{remote};
+    const ScopedHook announced{Call::Write, [this](const CallInfo &) { peer.CreateFiles(); }, Where().Times(1)};
 };
 
 std::promise<std::string> *connected = nullptr;

@@ -310,6 +310,17 @@ TEST_F(TarvoClientPipeLeftoverTest, FilesOfAPipeThatIsOpenAreNotWaitedFor) {
     close(reader);
 }
 
+TEST_F(TarvoClientPipeLeftoverTest, FilesOfAnOpenThatFailedAreNotWaitedForByTheNextAttempt) {
+    MakeServer();
+    ASSERT_EQ(pipe->TimedOpen(1), -ETIMEDOUT);
+    MakeLeftovers(); // the server was late
+    const CallCounter sleeps(Call::Sleep);
+    const ScopedHook hook(
+        Call::Write, [&](const CallInfo &) { EXPECT_EQ(sleeps.Count(), 0U); }, Where().Times(1));
+    EXPECT_EQ(pipe->TimedOpen(1), -ETIMEDOUT);
+    EXPECT_EQ(hook.Hits(), 1U);
+}
+
 // ---- Failures ----
 
 TEST_F(TarvoClientPipeTest, WithoutAServerNothingIsWritten) {
