@@ -3,7 +3,9 @@
 
 #include <fcntl.h>
 
+#include <array>
 #include <cerrno>
+#include <cstdio>
 
 #include "faults/Scenes.h"
 #include "support/Faults.h"
@@ -102,11 +104,7 @@ public:
     }
 
 protected:
-    explicit JoiningOpen(const std::string &suffix, bool filesAreThere = true) : peer(remote, self + suffix) {
-        if (filesAreThere) {
-            peer.CreateFiles();
-        }
-    }
+    explicit JoiningOpen(const std::string &suffix) : peer(remote, self + suffix) { peer.CreateFiles(); }
 
     virtual int Open() {
         TarvoAttr attr = MakeAttr(self, remote, TARVO_MODE_CLIENT, inbox.Receiver());
@@ -120,20 +118,33 @@ protected:
     RawPeer peer;
 };
 
-// A pipe to a server, which makes the files once the client has announced itself: earlier ones would be leftovers.
+// A pipe to a server, whose files appear once the client has announced itself: earlier ones would be leftovers.
 class ClientOpen : public JoiningOpen {
 public:
-    ClientOpen() : JoiningOpen("_" + std::to_string(getpid()), false) {}
+    ClientOpen() : JoiningOpen("_" + std::to_string(getpid())) { Move(files, hidden); }
+    ~ClientOpen() override { Move(hidden, files); } // for the peer to remove
 
 private:
+    using Paths = std::array<std::string, 2>;
+
+    // Does nothing the second time.
+    static void Move(const Paths &from, const Paths &to) {
+        for (std::size_t i = 0; i < from.size(); ++i) {
+            std::rename(from[i].c_str(), to[i].c_str());
+        }
+    }
+
     int Open() override {
         TarvoAttr attr = MakeAttr(self, remote, TARVO_MODE_CLIENT, inbox.Receiver());
         attr.timeout = CLIENT_TIMEOUT_MS;
         return TarvoCreateClient(&attr);
     }
 
+    const Paths files{peer.WriteFile(), peer.ReadFile()};
+    const Paths hidden{files[0] + ".hidden", files[1] + ".hidden"};
     const RawServer server{remote};
-    const ScopedHook announced{Call::Write, [this](const CallInfo &) { peer.CreateFiles(); }, Where().Times(1)};
+    // With every write: the first may lack the memory for a hook.
+    const ScopedHook announced{Call::Write, [this](const CallInfo &) { Move(hidden, files); }};
 };
 
 std::promise<std::string> *connected = nullptr;

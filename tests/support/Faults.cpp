@@ -141,8 +141,9 @@ std::optional<Outcome> detail::ApplyRules(const CallInfo &info) {
     {
         std::lock_guard<std::mutex> lock(registry.mutex);
         for (const auto &rule : registry.rules[static_cast<std::size_t>(info.call)]) {
-            if (rule->Meets(info)) {
-                matching.push_back(rule);
+            matching.push_back(rule); // first: it may run out of memory, and what is counted as running must run
+            if (!rule->Meets(info)) {
+                matching.pop_back();
             }
         }
         registry.changed.notify_all();
