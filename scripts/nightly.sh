@@ -8,8 +8,8 @@ STEPS=(kills stopped reconnect twins reopen soak fuzz ends races cancels)
 
 usage() {
     cat <<'TEXT'
-Usage: scripts/nightly.sh [--kills N] [--reconnects N] [--twins N] [--soak-minutes N] [--fuzz-seconds N] [--ends N]
-                          [--repeats N] [--seed N] [STEP...]
+Usage: scripts/nightly.sh [--kills N] [--reconnects N] [--twins N] [--reopenings N] [--soak-minutes N] [--fuzz-seconds N]
+                          [--ends N] [--repeats N] [--seed N] [STEP...]
 
 Runs the long proofs, all of them (about three hours) or the named steps:
 
@@ -19,6 +19,8 @@ Runs the long proofs, all of them (about three hours) or the named steps:
            a client that closes and connects again at once, 10000 times, all answered: on all cores, on one, beside
            load, and with slow callbacks
   twins    20000 starts and stops of each of two servers of one name: ends of one file, no stop that hangs
+  reopen   100000 reopenings of a pipe whose remote closes, in either mode: heard after each; as many ordinary closes
+           without a line; as many brief clients of a server with a handful of threads
   soak     20 minutes of mixed traffic: no growth of memory, descriptors or threads
   fuzz     600 s of each fuzz target
   ends     1000 ends of a process with traffic, of each kind, under each sanitizer
@@ -65,6 +67,7 @@ step_reconnect() {
     run reconnect "the same beside load" storm storm_reconnect --rounds "$reconnects" --load "$(nproc)"
     run reconnect "the same on one core, beside load" storm storm_reconnect --rounds "$reconnects" --one-core --load 2
     run reconnect "the same, callbacks of 20 ms" storm storm_reconnect --rounds "$reconnects" --callback-ms 20
+    run reconnect "the same, without a callback" storm storm_reconnect --rounds "$reconnects" --no-callback
 }
 step_twins() { run twins "$twins starts of two servers" storm storm_twins --rounds "$twins"; }
 step_soak() { run soak "soak of $soak minutes" scripts/soak.sh --minutes "$soak" --out build/nightly/soak; }
@@ -93,12 +96,13 @@ main() {
     while [[ $# -gt 0 ]]; do
         case $1 in
         -h | --help) usage && return 0 ;;
-        --kills | --reconnects | --twins | --soak-minutes | --fuzz-seconds | --ends | --repeats | --seed)
+        --kills | --reconnects | --twins | --reopenings | --soak-minutes | --fuzz-seconds | --ends | --repeats | --seed)
             [[ $# -gt 1 ]] || { usage >&2 && return 2; }
             case $1 in
             --kills) kills=$2 ;;
             --reconnects) reconnects=$2 ;;
             --twins) twins=$2 ;;
+            --reopenings) reopenings=$2 ;;
             --soak-minutes) soak=$2 ;;
             --fuzz-seconds) fuzz=$2 ;;
             --ends) ends=$2 ;;
