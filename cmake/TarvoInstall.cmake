@@ -12,8 +12,10 @@ install(FILES packaging/tmpfiles.d/tarvo.conf DESTINATION lib/tmpfiles.d COMPONE
 install(FILES packaging/systemd/tarvo-example.service DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libtarvo1/examples
         COMPONENT library)
 
-install(FILES include/tarvo.h include/tarvo.hpp include/tarvo_server.hpp DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
-        COMPONENT development)
+install(FILES include/tarvo.h include/tarvo.hpp include/tarvo_announcements.hpp include/tarvo_basics.hpp
+              include/tarvo_client.hpp include/tarvo_names.hpp include/tarvo_owners.hpp include/tarvo_pipe.hpp
+              include/tarvo_request.hpp include/tarvo_server.hpp
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 install(EXPORT tarvoTargets NAMESPACE tarvo:: DESTINATION ${TARVO_CMAKE_DIR} COMPONENT development)
 
 configure_package_config_file(cmake/tarvoConfig.cmake.in ${CMAKE_CURRENT_BINARY_DIR}/tarvoConfig.cmake

@@ -190,6 +190,12 @@ int TarvoClosePipe(int fd);
 // pipe of the other mode. Returns as TarvoClosePipe.
 int TarvoCleanPipe(int fd);
 
+// Writes the name of the remote at the other end of a pipe to `name`, which has room for `size` bytes, with a
+// terminating zero; 101 bytes are always enough. For a pipe that this process's server has opened, that is the client's
+// name. The name of a pipe never changes. Does not block; `name` stays the caller's. Returns 0, -EINVAL (null `name`,
+// or no room for the whole name), -ENOENT (no such pipe, or process exit). On failure `name` is untouched.
+int TarvoGetRemoteName(int fd, char *name, uint32_t size);
+
 // Orderly end of all communication of this process: stops the server, closes every pipe, ends all threads of the
 // library, and waits for the callbacks that run. There is no way back: opens and TarvoCreateServer succeed afterwards,
 // but no callback runs any more, so that nothing is ever answered. Must not be called from a callback.

@@ -1,15 +1,22 @@
-// The server of a process for C++17; part of tarvo.hpp, which includes it.
+// The server of a process for C++17; part of tarvo.hpp.
 #ifndef TARVO_SERVER_HPP
 #define TARVO_SERVER_HPP
 
-#include <new>
+#include "tarvo_announcements.hpp"
+#include "tarvo_pipe.hpp"
 
-#include "tarvo.hpp"
+#include <atomic>
+#include <functional>
+#include <mutex>
+#include <new>
+#include <optional>
 
 namespace tarvo {
 
 // How to serve: TarvoServerAttr with names, and with callbacks that may have captures. Setters return the object. The
-// callbacks live to the end of the process, since the library may still be calling them until then.
+// callbacks live to the end of the process, since the library may still be calling them until then. Each is one object
+// for all clients, which several threads are in at the same time when there are several clients: it has to guard what
+// it changes.
 class ServerOptions {
 public:
     // The name to serve under. Otherwise the process name.
@@ -28,13 +35,18 @@ public:
         return *this;
     }
     // Runs `callback(const Request &)` for each request of each client: one after another for each client, several at
-    // the same time for several clients.
-    ServerOptions &OnRequest(std::function<void(const Request &)> callback) {
-        request_ = std::move(callback);
+    // the same time for several clients. What it returns is the reply, if it returns something that converts to a
+    // Payload; what cannot be sent is lost, as with Reply.
+    template <typename Callback>
+    ServerOptions &OnRequest(Callback callback) {
+        request_ = detail::MakeRequestHandler(std::move(callback));
         return *this;
     }
-    // Runs `callback(PipeView, std::string_view name)` for each pipe that the server has opened for a client, before or
-    // while its first requests run. The name is valid until it returns. A slow one delays further clients.
+    // Runs `callback(PipeView, std::string_view name)` for each pipe that the server has opened for a client. No
+    // request of the client runs before it has returned, so it must not wait for one. It may call the client, which
+    // must not ask back, once that has opened its end (no_such_device_or_address until then). The name is valid until
+    // it returns. Runs on the server's thread, where a slow one delays further clients, or on the pipe's, when the
+    // client's first request is there before.
     ServerOptions &OnClient(std::function<void(PipeView, std::string_view)> callback) {
         client_ = std::move(callback);
         return *this;
@@ -50,9 +62,9 @@ private:
     friend class Server;
     TarvoServerAttr attr_;
     std::optional<std::string> self_;
-    std::function<void(const Request &)> request_;
+    detail::RequestHandler request_;
     std::function<void(PipeView, std::string_view)> client_;
-    std::function<void(PipeView)> closed_;
+    detail::PipeHandler closed_;
 };
 
 // The one server of this process. It runs until Finish.
@@ -62,9 +74,10 @@ public:
     // server that ended by itself is started again, the pipes of the earlier one change to the new callbacks too.
     // Threads: any.
     static void Start(ServerOptions options) {
+        const std::string name = options.self_ ? " as " + *options.self_ : "";
         std::error_code error;
         Start(std::move(options), error);
-        detail::ThrowIf(error, "tarvo server");
+        detail::ThrowIf(error, "tarvo server" + name);
     }
     static void Start(ServerOptions options, std::error_code &error) noexcept {
         if (options.self_ && detail::HoldsZero(*options.self_)) {
@@ -119,32 +132,33 @@ private:
         return result;
     }
 
+    static void Announce(int handle, std::string_view name) {
+        const ServerOptions &options = Current().load(std::memory_order_acquire)->options;
+        if (options.client_) {
+            options.client_(PipeView(handle), name);
+        }
+    }
+
     static void Callback(int handle, TarvoRequest *raw) {
+        const detail::Announcements::Client *client = detail::Announcements::Get().Await(handle, Announce);
+        if (client == nullptr) {
+            return; // the pipe was closed before anything of it ran: the process finishes
+        }
         const ServerOptions &options = Current().load(std::memory_order_acquire)->options;
         if (raw == nullptr) {
             if (options.closed_) {
                 options.closed_(PipeView(handle));
             }
         } else if (options.request_) {
-            const Request request(handle, *raw);
+            const Request request(handle, *raw, client->name);
             options.request_(request);
         }
     }
 
     static void OpenCallback(int handle, const char *name, uint32_t length) {
-        const ServerOptions &options = Current().load(std::memory_order_acquire)->options;
-        if (options.client_) {
-            options.client_(PipeView(handle), std::string_view(name, length));
-        }
+        detail::Announcements::Get().Opened(handle, std::string_view(name, length), Announce);
     }
 };
-
-// TarvoCfgFinishServer: ends all communication of the process, waits for the callbacks that run, for good. Must not be
-// called from a callback.
-inline void Finish() noexcept { TarvoCfgFinishServer(); }
-
-// TarvoServiceIsExist: whether the library can be used.
-inline bool IsAlive() noexcept { return TarvoServiceIsExist() == 1; }
 
 } // namespace tarvo
 

@@ -55,7 +55,7 @@ WIRE = {
     "server/PipeServerMessage.h",
 }
 
-PUBLIC = {"tarvo.h", "tarvo.hpp", "tarvo_server.hpp"}
+PUBLIC = {path.name for path in (ROOT / "include").iterdir()}
 INCLUDE = re.compile(r'^\s*#\s*include\s*"([^"]+)"')
 
 

@@ -2,7 +2,9 @@
 #include "tarvo.h"
 
 #include <cerrno>
+#include <cstring>
 #include <memory>
+#include <string>
 
 #include "api/NoThrow.h"
 #include "api/ProcessOwner.h"
@@ -241,6 +243,25 @@ int TarvoCleanPipe(int fd) {
         }
         table->CleanTarvoPipe(fd);
         TARVO_LOG(LOG_INFO, "TarvoCleanPipe success fd=%d.", fd);
+        return 0;
+    });
+}
+
+int TarvoGetRemoteName(int fd, char *name, uint32_t size) {
+    return NoThrow([=] {
+        if (name == nullptr) {
+            return -EINVAL;
+        }
+        const std::shared_ptr<TarvoTable> table = TableFactory::GetInstance();
+        const std::shared_ptr<TarvoPipeImpl> pipe = table ? table->GetPipe(fd) : nullptr;
+        if (!pipe) {
+            return -ENOENT;
+        }
+        const std::string &remote = pipe->GetRemoteName();
+        if (remote.size() >= size) {
+            return -EINVAL;
+        }
+        std::memcpy(name, remote.c_str(), remote.size() + 1);
         return 0;
     });
 }

@@ -48,6 +48,7 @@ public:
     // Own name followed by remote name, without a separator.
     HAS_SYMBOL std::string GetTableKey() const { return AssembleTableKey(myName + remoteName); }
     HAS_SYMBOL std::string GetMyName() const { return myName; }
+    const std::string &GetRemoteName() const { return remoteName; }
     // The pipe handle; -1 until the table has given one.
     HAS_SYMBOL int GetPipeFd() const { return pipeFd; }
     HAS_SYMBOL void SetFd(int fd) {

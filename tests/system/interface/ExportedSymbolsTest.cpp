@@ -17,10 +17,11 @@ using Names = std::set<std::string>;
 
 const Names &PlainNames() {
     static const Names names = {
-        "DestroyResponse",       "GetCurrDomain",       "IsCrossDomainPipe", "IsOrlaDomainPipe",  "NuroCoreSetaffinity",
-        "TarvoCfgFinishServer",  "TarvoCleanPipe",      "TarvoClosePipe",    "TarvoCreateClient", "TarvoCreateServer",
-        "TarvoExceptionHandler", "TarvoOpen",           "TarvoPipeTypeOpen", "TarvoRPCSync",      "TarvoSendRequest",
-        "TarvoSendResponse",     "TarvoServiceIsExist", "TarvoTimedRPCSync"};
+        "DestroyResponse",     "GetCurrDomain",        "IsCrossDomainPipe",     "IsOrlaDomainPipe",
+        "NuroCoreSetaffinity", "TarvoCfgFinishServer", "TarvoCleanPipe",        "TarvoClosePipe",
+        "TarvoCreateClient",   "TarvoCreateServer",    "TarvoExceptionHandler", "TarvoGetRemoteName",
+        "TarvoOpen",           "TarvoPipeTypeOpen",    "TarvoRPCSync",          "TarvoSendRequest",
+        "TarvoSendResponse",   "TarvoServiceIsExist",  "TarvoTimedRPCSync"};
     return names;
 }
 

@@ -3,20 +3,19 @@
 
 #include <unistd.h>
 
-#include <csignal>
 #include <cstdio>
 #include <string>
 
 using namespace std::chrono_literals;
 
 int main() {
-    std::signal(SIGPIPE, SIG_IGN);
+    tarvo::IgnoreSigpipe();
     const std::string name = "handles_" + std::to_string(getpid()) + "_" + std::to_string(__cplusplus);
     try {
         tarvo::Server::Start(tarvo::ServerOptions().As(name).OnRequest(
-            [](const tarvo::Request &request) { request.Reply(std::string(request.Bytes()) + " back"); }));
+            [](const tarvo::Request &request) { return request.Text() + " back"; }));
         const tarvo::Pipe pipe = tarvo::Pipe::Connect(name, tarvo::Options().As("user").Timeout(10s));
-        const bool right = pipe.Call("there and", 10s).Bytes() == "there and back" && pipe != tarvo::PipeView();
+        const bool right = pipe.Call("there and", 10s).Text() == "there and back" && pipe != tarvo::PipeView();
         TarvoExceptionHandler(0); // removes what is left in the FIFO directory
         tarvo::Finish();
         return right ? 0 : 1;
