@@ -67,7 +67,8 @@ public:
     // may still run beside it, and some that came before it may start after it.
     template <typename Callback, typename Closed>
     Options &OnRequest(Callback callback, Closed closed) {
-        static_assert(std::is_invocable_v<Closed &, PipeView>, "tarvo: `closed` is a callable for (tarvo::PipeView)");
+        static_assert(std::is_invocable_v<Closed &, PipeView>,
+                      "tarvo: `closed` takes a callable for (tarvo::PipeView)");
         callbacks_ = detail::Callbacks{detail::MakeRequestHandler(std::move(callback)), std::move(closed)};
         return *this;
     }

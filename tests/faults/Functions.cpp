@@ -179,6 +179,16 @@ private:
     const int expected;
 };
 
+class RemoteName : public OpenPipe {
+public:
+    int Act() override {
+        char name[101];
+        const int ret = TarvoGetRemoteName(fd, name, sizeof(name));
+        EXPECT_TRUE(ret != 0 || name == remote);
+        return ret;
+    }
+};
+
 class Destroy : public Scene {
 public:
     int Act() override {
@@ -278,6 +288,7 @@ const std::vector<Function> &ExportedFunctions() {
             {"TarvoRPCSync", Returns::Code, Making<OwnCall>(-1)},
             {"TarvoClosePipe", Returns::Code, Making<Close>()},
             {"TarvoCleanPipe", Returns::Code, Making<Clean>()},
+            {"TarvoGetRemoteName", Returns::Code, Making<RemoteName>()},
             {"TarvoCfgFinishServer", Returns::Nothing, Making<End>(&TarvoCfgFinishServer)},
             {"TarvoExceptionHandler", Returns::Nothing, Making<End>([] { TarvoExceptionHandler(SIGTERM); })},
             {"TarvoServiceIsExist", Returns::Nothing, Making<Look>(&TarvoServiceIsExist, 1)},

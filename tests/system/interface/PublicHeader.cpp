@@ -98,6 +98,8 @@ void CheckServerAndClient() {
     if (fd > 0) {
         CheckCalls(fd);
     }
+    char remote[101] = "";
+    CHECK(TarvoGetRemoteName(fd, remote, sizeof(remote)) == 0 && remote == name);
     CHECK(TarvoCleanPipe(fd) == 0);
     CHECK(TarvoClosePipe(fd) == 0);
     TarvoExceptionHandler(0); // removes what is left in the FIFO directory

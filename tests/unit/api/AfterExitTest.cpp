@@ -53,6 +53,9 @@ void CheckThatOpensFailSoftly() {
     CHECK_AT_EXIT(TarvoOpen(nullptr) == -EINVAL);
     CHECK_AT_EXIT(TarvoClosePipe(2) == -ENOENT);
     CHECK_AT_EXIT(TarvoCleanPipe(2) == -ENOENT);
+    char name[101];
+    CHECK_AT_EXIT(TarvoGetRemoteName(2, name, sizeof(name)) == -ENOENT);
+    CHECK_AT_EXIT(TarvoGetRemoteName(2, nullptr, 0) == -EINVAL);
 }
 
 void CheckThatSendsFailSoftly() {

@@ -123,6 +123,47 @@ TEST_F(ApiTest, ClosingAndCleaningAnUnknownHandleSucceeds) {
     EXPECT_TRUE(log.Lines().empty());
 }
 
+TEST_F(ApiTest, RemoteNameIsWhoIsAtTheOtherEnd) {
+    const PipePair pair;
+    std::string name(101, 'x');
+    EXPECT_EQ(TarvoGetRemoteName(pair.near, name.data(), 101), 0);
+    EXPECT_EQ(name.c_str(), pair.farName);
+    // Just enough, and one byte less.
+    const auto needed = static_cast<uint32_t>(pair.nearName.size() + 1);
+    name.assign(101, 'x');
+    EXPECT_EQ(TarvoGetRemoteName(pair.far, name.data(), needed), 0);
+    EXPECT_EQ(name, pair.nearName + '\0' + std::string(101 - needed, 'x'));
+    name.assign(101, 'x');
+    EXPECT_EQ(TarvoGetRemoteName(pair.far, name.data(), needed - 1), -EINVAL);
+    EXPECT_EQ(TarvoGetRemoteName(pair.far, name.data(), 0), -EINVAL);
+    EXPECT_EQ(TarvoGetRemoteName(pair.far, nullptr, 101), -EINVAL);
+    for (const int fd : {-1, 0, 1, 4711}) {
+        EXPECT_EQ(TarvoGetRemoteName(fd, name.data(), 101), -ENOENT);
+    }
+    EXPECT_EQ(name, std::string(101, 'x'));
+    EXPECT_TRUE(log.Lines().empty());
+}
+
+TEST_F(ApiTest, RemoteNameOfAServersPipeIsItsClients) {
+    static std::promise<std::string> name;
+    TarvoServerAttr server;
+    server.selfName = remote.c_str();
+    server.openCallback = [](int fd, const char *, uint32_t) {
+        char text[101] = "";
+        EXPECT_EQ(TarvoGetRemoteName(fd, text, sizeof(text)), 0);
+        name.set_value(text);
+    };
+    ASSERT_EQ(TarvoCreateServer(&server), 0);
+    TarvoAttr attr = MakeAttr(self, remote, TARVO_MODE_CLIENT);
+    const int fd = TarvoCreateClient(&attr);
+    EXPECT_EQ(name.get_future().get(), self + "_" + std::to_string(getpid()));
+    TarvoCfgFinishServer();
+    char text[101] = "as before";
+    EXPECT_EQ(TarvoGetRemoteName(fd, text, sizeof(text)), -ENOENT);
+    EXPECT_STREQ(text, "as before");
+    RemoveOwnFifoFiles();
+}
+
 TEST_F(ApiTest, DestroyingAResponseIsHarmlessWhenThereIsNothingInIt) {
     DestroyResponse(nullptr);
     TarvoResponse response{3, nullptr, 9};
