@@ -4,7 +4,7 @@
 set -uo pipefail
 cd "$(dirname "$0")/.." || exit
 
-STEPS=(kills stopped reconnect twins reopen soak fuzz ends races cancels)
+STEPS=(kills comeback stopped reconnect twins reopen soak fuzz ends races cancels)
 
 usage() {
     cat <<'TEXT'
@@ -14,6 +14,7 @@ Usage: scripts/nightly.sh [--kills N] [--reconnects N] [--twins N] [--reopenings
 Runs the long proofs, all of them (about three hours) or the named steps:
 
   kills    20000 kills of servers and clients, restarted at once: nobody wedged, an answer within 1 s (99th percentile)
+  comeback 1000 kills of the server of a tarvo::Client, on all processors and on one: no call lost, no line per attempt
   stopped  servers stopped for 30 s: refused sends at once, time-outs at most 20 ms late, others at half speed or more
   reconnect
            a client that closes and connects again at once, 10000 times, all answered: on all cores, on one, beside
@@ -59,6 +60,10 @@ storm_and_clean() {
 }
 
 step_kills() { run kills "$kills kills" storm_and_clean --kills "$kills" --groups 6 ${seed:+--seed "$seed"}; }
+step_comeback() {
+    run comeback "1000 kills under a client" storm storm_client_kills --kills 1000
+    run comeback "the same on one processor" storm storm_client_kills --kills 1000 --one-core
+}
 step_stopped() { run stopped "servers stopped for 30 s" storm storm_stopped --seconds 30; }
 
 step_reconnect() {
