@@ -1,17 +1,17 @@
-// What the three clients have in common besides their connection: when they end, and how they report latencies.
+// What the three clients have in common: how they reach the server, when they end, and how they report latencies.
 #ifndef TELEMETRY_CLIENT_LOOP_H
 #define TELEMETRY_CLIENT_LOOP_H
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstdint>
 #include <cstdio>
 #include <string>
 #include <vector>
 
-#include "tarvo.h"
+#include "tarvo.hpp"
+
+using namespace std::chrono_literals;
 
 inline volatile std::sig_atomic_t endSignal = 0;
 
@@ -19,38 +19,47 @@ inline bool EndRequested() { return endSignal != 0; }
 
 // Call it first in main: SIGTERM and SIGINT end the loop, and a server that is gone is no reason to die.
 inline void PrepareClient() {
-    std::signal(SIGPIPE, SIG_IGN);
+    tarvo::IgnoreSigpipe();
     std::signal(SIGTERM, [](int signo) { endSignal = signo; });
     std::signal(SIGINT, [](int signo) { endSignal = signo; });
     setvbuf(stdout, nullptr, _IOLBF, 0);
 }
 
-// One call: result, answer and duration.
-struct Answer {
-    int result; // 0, or a negated errno
-    std::string text;
-    std::chrono::microseconds duration;
-};
+// For a client that says when its server comes and goes. `who` must outlive it.
+inline tarvo::ClientOptions Telling(const char *who) {
+    return tarvo::ClientOptions()
+        .OnUp([who, again = ""](tarvo::PipeView pipe) mutable {
+            std::printf("%s: connected%s to %s as pipe %d\n", who, again, pipe.RemoteName().c_str(), pipe.Handle());
+            again = " again";
+        })
+        .OnDown([who] { std::printf("%s: lost the server\n", who); });
+}
 
-inline Answer Ask(int fd, std::string question, int timeoutMs) {
-    TarvoRequest request = {0, question.data(), static_cast<uint32_t>(question.size())};
-    TarvoResponse response = {};
-    const auto start = std::chrono::steady_clock::now();
-    const int result = TarvoTimedRPCSync(fd, &request, &response, timeoutMs);
-    const auto end = std::chrono::steady_clock::now();
-    Answer answer = {result, "", std::chrono::duration_cast<std::chrono::microseconds>(end - start)};
-    if (response.data != nullptr) {
-        answer.text.assign(response.data, response.size);
-    } else if (result == 0) {
-        answer.result = -EPIPE; // the pipe was closed between the sending and the waiting
+// Waits for the server; false when none has come for 30 s, or when the program is to end.
+inline bool AwaitServer(const tarvo::Client &client, const char *who) {
+    for (int i = 0; i < 300 && !EndRequested(); ++i) {
+        if (client.WaitUntilUp(100ms)) {
+            return true;
+        }
     }
-    DestroyResponse(&response); // the answer's bytes belong to the caller
-    return answer;
+    if (!EndRequested()) {
+        std::fprintf(stderr, "%s: no server for 30 s\n", who);
+    }
+    return false;
+}
+
+// The server has gone, before or during the call.
+inline bool IsGone(const std::error_code &error) {
+    return error == std::errc::not_connected || error == std::errc::broken_pipe;
 }
 
 class Latencies {
 public:
-    void Add(std::chrono::microseconds latency) { sorted_.push_back(latency.count()); }
+    using Clock = std::chrono::steady_clock;
+
+    void Add(Clock::time_point start) {
+        sorted_.push_back(std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count());
+    }
 
     void Print(const char *who) {
         std::sort(sorted_.begin(), sorted_.end());

@@ -7,30 +7,25 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <map>
 #include <mutex>
 #include <string>
 
 #include "proc_readings.h"
-#include "tarvo.h"
+#include "tarvo.hpp"
 
 namespace {
 
 // Callbacks of different pipes run at the same time, those of one pipe one after another.
 std::mutex countsMutex;
-std::map<int, long> *const eventCounts =
-    new std::map<int, long>; // by pipe; never destroyed, callbacks may outlive main
+auto *const eventCounts = new std::map<int, long>; // by pipe; never destroyed, callbacks may outlive main
 
-long CountEvents(int fd, int more) {
+long CountEvents(tarvo::PipeView pipe, int more) {
     const std::lock_guard<std::mutex> lock(countsMutex);
-    return (*eventCounts)[fd] += more;
+    return (*eventCounts)[pipe.Handle()] += more;
 }
 
-std::string AnswerTo(int fd, const std::string &question) {
-    if (question == "hello") {
-        return "welcome";
-    }
+std::string AnswerTo(tarvo::PipeView pipe, const std::string &question) {
     if (question == "load") {
         return ReadLoad();
     }
@@ -41,34 +36,21 @@ std::string AnswerTo(int fd, const std::string &question) {
         return ReadProcess(std::atoi(question.c_str() + 8));
     }
     if (question == "events") {
-        return std::to_string(CountEvents(fd, 0));
+        return std::to_string(CountEvents(pipe, 0));
     }
     return "error unknown question";
 }
 
-// Called once for each client, on the server's thread. The client's first request may be here already.
-void OnClient(int fd, const char *name, uint32_t length) {
-    std::printf("server: pipe %d is %.*s\n", fd, static_cast<int>(length), name);
-}
-
-// Called for each request of each client.
-void OnRequest(int fd, TarvoRequest *request) {
-    if (request == nullptr) {
-        // The client is gone. The library closes the pipe when this returns.
-        std::printf("server: pipe %d has ended after %ld events\n", fd, CountEvents(fd, 0));
-        return;
-    }
-    // The bytes of a request are the library's, end with the callback, and have no terminating zero.
-    const std::string text(request->data, request->size);
+void OnRequest(const tarvo::Request &request) {
+    // The bytes of a request are the library's and end with the callback.
+    const std::string text = request.Text();
     if (text.compare(0, 6, "event ") == 0) {
-        CountEvents(fd, 1);
+        CountEvents(request.From(), 1);
         return;
     }
-    std::string answer = AnswerTo(fd, text);
-    TarvoResponse response = {request->id, answer.data(), static_cast<uint32_t>(answer.size())};
-    const int result = TarvoSendResponse(fd, &response);
-    if (result < 0) {
-        std::printf("server: answer on pipe %d not sent, result %d\n", fd, result);
+    const std::error_code error = request.Reply(AnswerTo(request.From(), text));
+    if (error) {
+        std::printf("server: answer on pipe %d not sent: %s\n", request.From().Handle(), error.message().c_str());
     }
 }
 
@@ -83,8 +65,7 @@ void OnFatalSignal(int signo) {
 
 int main(int argc, char **argv) {
     setvbuf(stdout, nullptr, _IOLBF, 0);
-    // The library reports a client that is gone by a result. Without this line the signal would end the process.
-    std::signal(SIGPIPE, SIG_IGN);
+    tarvo::IgnoreSigpipe();
     for (const int signo : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT}) {
         std::signal(signo, OnFatalSignal);
     }
@@ -95,21 +76,29 @@ int main(int argc, char **argv) {
     sigaddset(&endSignals, SIGINT);
     pthread_sigmask(SIG_BLOCK, &endSignals, nullptr);
 
-    TarvoServerAttr attr;
-    attr.openCallback = OnClient;
-    attr.callback = OnRequest;
-    attr.selfName = argc > 1 ? argv[1] : "telemetry"; // must live as long as the server
-    // attr.gid would name the group of the users who may connect; unset, it is the group of this process.
-    const int result = TarvoCreateServer(&attr);
-    if (result < 0) {
-        std::fprintf(stderr, "server: cannot serve as %s: %s\n", attr.selfName, std::strerror(-result));
+    const std::string name = argc > 1 ? argv[1] : "telemetry";
+    std::error_code error;
+    // Group() would name the group of the users who may connect; unset, it is the group of this process.
+    tarvo::Server::Start(tarvo::ServerOptions()
+                             .As(name)
+                             .OnClient([](tarvo::PipeView pipe, std::string_view client) {
+                                 std::printf("server: pipe %d is %s\n", pipe.Handle(), std::string(client).c_str());
+                             })
+                             .OnRequest(OnRequest)
+                             .OnClosed([](tarvo::PipeView pipe) {
+                                 std::printf("server: pipe %d has ended after %ld events\n", pipe.Handle(),
+                                             CountEvents(pipe, 0));
+                             }),
+                         error);
+    if (error) {
+        std::fprintf(stderr, "server: cannot serve as %s: %s\n", name.c_str(), error.message().c_str());
         return EXIT_FAILURE;
     }
-    std::printf("server: process %d serves as %s\n", getpid(), attr.selfName);
+    std::printf("server: process %d serves as %s\n", getpid(), name.c_str());
 
     int signo = 0;
     sigwait(&endSignals, &signo);
-    TarvoCfgFinishServer(); // closes all pipes and waits for the callbacks that run
+    tarvo::Finish(); // closes all pipes and waits for the callbacks that run
     // The server's own file stays behind otherwise, and clients would find it without a reader.
     TarvoExceptionHandler(signo);
     std::printf("server: ended by signal %d\n", signo);

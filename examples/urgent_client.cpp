@@ -2,16 +2,16 @@
 // Exits with failure when an answer did not come in time while the server ran.
 #include <sched.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <thread>
 
 #include "client_loop.h"
-#include "connection.h"
 
 namespace {
 
-constexpr int TIMEOUT_MS = 500;
+constexpr auto TIMEOUT = 500ms;
 
 // The library schedules its own threads; the one that calls is the caller's. Threads that it starts do not inherit the
 // class: the library gives each of its threads the class that its work asks for.
@@ -31,33 +31,31 @@ int main(int argc, char **argv) {
     PrepareClient();
     AskForRealTime();
     // The priority of the pipe is that of the thread which receives the answers.
-    Connection connection(argc > 1 ? argv[1] : "telemetry", "urgent", TARVO_PRIORITY_URGENT);
+    tarvo::Client client(argc > 1 ? argv[1] : "telemetry",
+                         tarvo::Options().As("urgent").Priority(TARVO_PRIORITY_URGENT), Telling("urgent"));
     Latencies latencies;
     int answered = 0;
     int cutOff = 0;
     int late = 0;
-    while (!EndRequested()) {
-        const int fd = connection.Handle();
-        if (fd < 0) {
-            return EXIT_FAILURE;
-        }
-        const Answer answer = Ask(fd, "load", TIMEOUT_MS);
-        connection.Report(answer.result);
-        if (answer.result == 0) {
-            latencies.Add(answer.duration);
+    while (AwaitServer(client, "urgent")) {
+        const auto start = Latencies::Clock::now();
+        std::error_code error;
+        const tarvo::Response answer = client.Call("load", TIMEOUT, error);
+        if (!error) {
+            latencies.Add(start);
             if (answered++ % 200 == 0) {
-                std::printf("urgent: load -> %s\n", answer.text.c_str());
+                std::printf("urgent: load -> %s\n", answer.Text().c_str());
             }
-        } else if (answer.result == -ETIMEDOUT) {
+        } else if (error == std::errc::timed_out) {
             ++late;
-            std::printf("urgent: no answer within %d ms\n", TIMEOUT_MS);
+            std::printf("urgent: no answer within %d ms\n", static_cast<int>(TIMEOUT.count()));
         } else {
             ++cutOff; // the server went away before it answered
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        std::this_thread::sleep_for(10ms);
     }
     latencies.Print("urgent");
-    std::printf("urgent: %d answered, %d cut off by the end of the server, %d late, %d connections\n", answered, cutOff,
-                late, connection.Opened());
-    return answered > 0 && late == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+    std::printf("urgent: %d answered, %d cut off by the end of the server, %d late, %ld connections\n", answered,
+                cutOff, late, client.Connections());
+    return EndRequested() && answered > 0 && late == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
