@@ -9,6 +9,7 @@
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <limits>
 #include <string>
 #include <string_view>
@@ -62,15 +63,24 @@ constexpr int Milliseconds(std::chrono::milliseconds time, int least) noexcept {
 // A C string would end at the zero byte, and name somebody else.
 inline bool HoldsZero(const std::string &name) noexcept { return name.find('\0') != std::string::npos; }
 
+// Texts in a row.
+inline std::string Join(std::initializer_list<std::string_view> parts) {
+    std::string whole;
+    for (const std::string_view part : parts) {
+        whole += part;
+    }
+    return whole;
+}
+
 // The remote of a pipe; empty when there is no such pipe.
 inline std::string RemoteName(int handle) {
     char name[MAX_NAME + 1];
     return TarvoGetRemoteName(handle, name, sizeof(name)) == 0 ? name : "";
 }
 
-inline void ThrowIf(const std::error_code &error, const std::string &what) {
+inline void ThrowIf(const std::error_code &error, std::initializer_list<std::string_view> what) {
     if (error) {
-        throw std::system_error(error, what);
+        throw std::system_error(error, Join(what));
     }
 }
 
@@ -78,7 +88,7 @@ inline void ThrowIf(const std::error_code &error, const std::string &what) {
 inline void ThrowIf(const std::error_code &error, const char *what, int handle) {
     if (error) {
         const std::string remote = RemoteName(handle);
-        throw std::system_error(error, remote.empty() ? what : std::string(what) + " to " + remote);
+        throw std::system_error(error, remote.empty() ? what : Join({what, " to ", remote}));
     }
 }
 

@@ -60,7 +60,7 @@ public:
           state_(std::make_shared<State>()) {
         const char *const fault = IsPossible(server_) ? pipeOptions_.ConnectFault() : " (no server can have this name)";
         if (fault != nullptr) {
-            detail::ThrowIf(std::make_error_code(std::errc::invalid_argument), "tarvo client of " + server_ + fault);
+            detail::ThrowIf(std::make_error_code(std::errc::invalid_argument), {"tarvo client of ", server_, fault});
         }
         PrepareOptions();
         thread_ = std::thread([this] { Run(); });
@@ -86,7 +86,7 @@ public:
     void Send(Payload payload, uint32_t id = 0) {
         std::error_code error;
         Send(payload, id, error);
-        detail::ThrowIf(error, "tarvo send to " + server_);
+        detail::ThrowIf(error, {"tarvo send to ", server_});
     }
     void Send(Payload payload, uint32_t id, std::error_code &error) noexcept {
         Use(error, [&](PipeView pipe) { pipe.Send(payload, id, error); });
@@ -97,7 +97,7 @@ public:
     Response Call(Payload payload, std::chrono::milliseconds timeout) {
         std::error_code error;
         Response response = Call(payload, timeout, error);
-        detail::ThrowIf(error, "tarvo call to " + server_);
+        detail::ThrowIf(error, {"tarvo call to ", server_});
         return response;
     }
     Response Call(Payload payload, std::chrono::milliseconds timeout, std::error_code &error) noexcept {

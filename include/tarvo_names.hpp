@@ -22,7 +22,7 @@ namespace detail {
 // Where all processes meet: a server has a FIFO under its own name there, a pipe two that are named A__to__B.
 inline constexpr char DIRECTORY[] = "/dev/shm/velm/tarvo/";
 inline const char *DirectoryRoot() noexcept { return GetCurrDomain() == TARVO_DOMAIN_ORLA ? "/local" : ""; }
-inline std::string Directory() { return std::string(DirectoryRoot()) + DIRECTORY; }
+inline std::string Directory() { return Join({DirectoryRoot(), DIRECTORY}); }
 
 // What a look at a server's file tells, without a word to the server or to the log.
 enum class Presence { Served, Abandoned, NoFile, NoDirectory, NoEntry, NoRight };
@@ -68,17 +68,18 @@ inline Presence LookFor(const std::string &name) noexcept {
 
 // For people, about a connect that has ended with ENXIO; empty when there is nothing to add.
 inline std::string WhyUnreachable(const std::string &name) {
+    const std::string path = Join({Directory(), name});
     switch (LookFor(name)) {
     case Presence::Abandoned:
         return " (its file is there, and nobody behind it)";
     case Presence::NoFile:
-        return " (no server of this name has been started: there is no FIFO " + Directory() + name + ")";
+        return Join({" (no server of this name has been started: there is no FIFO ", path, ")"});
     case Presence::NoDirectory:
-        return " (there is no directory for " + Directory() + name + ")";
+        return Join({" (there is no directory for ", path, ")"});
     case Presence::NoEntry:
-        return " (no right to enter the directory of " + Directory() + name + ")";
+        return Join({" (no right to enter the directory of ", path, ")"});
     case Presence::NoRight:
-        return " (no right to write to " + Directory() + name + ")";
+        return Join({" (no right to write to ", path, ")"});
     case Presence::Served: // by one that has come since
         break;
     }
@@ -109,7 +110,7 @@ inline std::string WhyUnreachable(const std::string &name) {
 [[nodiscard]] inline std::vector<std::string> Servers() {
     std::error_code error;
     std::vector<std::string> names = Servers(error);
-    detail::ThrowIf(error, "tarvo servers in " + detail::Directory());
+    detail::ThrowIf(error, {"tarvo servers in ", detail::Directory()});
     return names;
 }
 

@@ -95,8 +95,9 @@ private:
         attr_.selfName = self_ ? self_->c_str() : nullptr;
         attr_.targetCon = context_.c_str();
         try {
+            const std::string_view zero("", 1);
             const std::string key =
-                (open == TarvoCreateClient ? "C" : "O") + (self_ ? *self_ : "") + std::string(1, '\0') + target;
+                detail::Join({open == TarvoCreateClient ? "C" : "O", self_ ? *self_ : "", zero, target});
             return detail::Owners::Get().Open(open, attr_, std::move(callbacks_), key);
         } catch (const std::bad_alloc &) {
             return -ENOMEM;
@@ -143,7 +144,7 @@ public:
     static Pipe Open(const std::string &target, Options options = {}) {
         std::error_code error;
         Pipe pipe = Open(target, std::move(options), error);
-        detail::ThrowIf(error, "tarvo open to " + target);
+        detail::ThrowIf(error, {"tarvo open to ", target});
         return pipe;
     }
     static Pipe Open(const std::string &target, Options options, std::error_code &error) noexcept {
@@ -158,9 +159,9 @@ public:
         std::error_code error;
         Pipe pipe = Connect(target, std::move(options), error);
         if (error == std::errc::no_such_device_or_address) {
-            throw std::system_error(error, "tarvo connect to " + target + detail::WhyUnreachable(target));
+            detail::ThrowIf(error, {"tarvo connect to ", target, detail::WhyUnreachable(target)});
         }
-        detail::ThrowIf(error, "tarvo connect to " + target + (fault != nullptr ? fault : ""));
+        detail::ThrowIf(error, {"tarvo connect to ", target, fault != nullptr ? fault : ""});
         return pipe;
     }
     static Pipe Connect(const std::string &target, Options options, std::error_code &error) noexcept {

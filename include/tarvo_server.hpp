@@ -74,10 +74,10 @@ public:
     // server that ended by itself is started again, the pipes of the earlier one change to the new callbacks too.
     // Threads: any.
     static void Start(ServerOptions options) {
-        const std::string name = options.self_ ? " as " + *options.self_ : "";
+        const std::optional<std::string> name = options.self_;
         std::error_code error;
         Start(std::move(options), error);
-        detail::ThrowIf(error, "tarvo server" + name);
+        detail::ThrowIf(error, {"tarvo server", name ? " as " : "", name ? *name : ""});
     }
     static void Start(ServerOptions options, std::error_code &error) noexcept {
         if (options.self_ && detail::HoldsZero(*options.self_)) {

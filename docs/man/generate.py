@@ -26,6 +26,7 @@ PAGES = [
     (["TarvoTimedRPCSync", "TarvoRPCSync"], "send a request and wait for its answer", ["TarvoRequest"]),
     (["DestroyResponse"], "release the data of an answer", ["TarvoTimedRPCSync"]),
     (["TarvoClosePipe", "TarvoCleanPipe"], "close a pipe, or remove its files", []),
+    (["TarvoGetRemoteName"], "tell who is at the other end of a pipe", ["TarvoOpen", "TarvoCreateServer"]),
     (["TarvoCfgFinishServer"], "end all communication of the process in order", ["TarvoClosePipe"]),
     (["TarvoExceptionHandler"], "remove the process's FIFO files after a fatal signal", ["TarvoCfgFinishServer"]),
     (["TarvoServiceIsExist"], "tell whether the library can be used", ["TarvoCfgFinishServer"]),
