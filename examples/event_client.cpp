@@ -17,7 +17,7 @@ std::string CountAtServer(tarvo::Client &client) {
 
 } // namespace
 
-int main(int argc, char **argv) {
+int main(int argc, char **argv) try {
     PrepareClient();
     tarvo::Client client(argc > 1 ? argv[1] : "telemetry", tarvo::Options().As("event"), Telling("event"));
     long total = 0;
@@ -46,4 +46,7 @@ int main(int argc, char **argv) {
                 "%ld connections\n",
                 total, sent, counted.c_str(), deferred, client.Connections());
     return EndRequested() && counted == std::to_string(sent) ? EXIT_SUCCESS : EXIT_FAILURE;
+} catch (const std::exception &error) { // a name that no server can have
+    std::fprintf(stderr, "event: %s\n", error.what());
+    return EXIT_FAILURE;
 }

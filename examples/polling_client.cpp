@@ -7,7 +7,7 @@
 
 #include "client_loop.h"
 
-int main(int argc, char **argv) {
+int main(int argc, char **argv) try {
     PrepareClient();
     tarvo::Client client(argc > 1 ? argv[1] : "telemetry", tarvo::Options().As("polling"), Telling("polling"));
     const std::string questions[] = {"load", "memory", "process " + std::to_string(getpid())};
@@ -37,4 +37,7 @@ int main(int argc, char **argv) {
     std::printf("polling: %d answered, %d cut off by the end of the server, %d missing, %ld connections\n", answered,
                 cutOff, missing, client.Connections());
     return EndRequested() && answered > 0 && missing == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+} catch (const std::exception &error) { // a name that no server can have
+    std::fprintf(stderr, "polling: %s\n", error.what());
+    return EXIT_FAILURE;
 }

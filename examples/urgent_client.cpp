@@ -27,7 +27,7 @@ void AskForRealTime() {
 
 } // namespace
 
-int main(int argc, char **argv) {
+int main(int argc, char **argv) try {
     PrepareClient();
     AskForRealTime();
     // The priority of the pipe is that of the thread which receives the answers.
@@ -58,4 +58,7 @@ int main(int argc, char **argv) {
     std::printf("urgent: %d answered, %d cut off by the end of the server, %d late, %ld connections\n", answered,
                 cutOff, late, client.Connections());
     return EndRequested() && answered > 0 && late == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+} catch (const std::exception &error) { // a name that no server can have
+    std::fprintf(stderr, "urgent: %s\n", error.what());
+    return EXIT_FAILURE;
 }

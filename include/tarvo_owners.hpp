@@ -4,6 +4,7 @@
 
 #include "tarvo_request.hpp"
 
+#include <algorithm>
 #include <atomic>
 #include <map>
 #include <memory>
@@ -63,7 +64,8 @@ public:
             return -ENOENT; // what would be opened now is never heard
         }
         const Opening opening(*this, key);
-        if (!opening.IsOnlyOne()) {
+        // Without a word to the server, which would take the announcement for a new client.
+        if (!opening.IsOnlyOne() || IsOpen(OwnedBy(key))) {
             return -EEXIST;
         }
         Attempt attempt = Begin(key, attr.targetName, std::move(callbacks));
@@ -77,13 +79,14 @@ public:
         }
         const int handle = open(&attr);
         attr.callback = nullptr; // what remains is the library's, and this attempt's
-        return handle < 0 ? Failed(handle, key, std::move(attempt.dispatcher)) : Opened(handle, attempt.dispatcher);
+        return handle < 0 ? Failed(handle, key, std::move(attempt.dispatcher))
+                          : Opened(handle, key, attempt.dispatcher);
     }
 
     void Add(int handle) noexcept {
         try {
             const std::lock_guard<std::mutex> lock(mutex_);
-            owned_.insert(handle);
+            owned_.emplace(handle, "");
         } catch (...) { // then a second owner goes unnoticed
         }
     }
@@ -127,6 +130,20 @@ private:
         bool isOnlyOne_ = false;
     };
 
+    // The pipe of those names that a Pipe owns; 0 for none.
+    int OwnedBy(const std::string &key) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        // The last one: others have been closed by the library.
+        const auto owned =
+            std::find_if(owned_.rbegin(), owned_.rend(), [&](const auto &one) { return one.second == key; });
+        return owned == owned_.rend() ? 0 : owned->first;
+    }
+
+    static bool IsOpen(int handle) {
+        char name[MAX_NAME + 1];
+        return TarvoGetRemoteName(handle, name, sizeof(name)) == 0;
+    }
+
     struct Attempt {
         std::shared_ptr<Dispatcher> dispatcher; // null: no callbacks
         bool isPossible = true;
@@ -161,7 +178,7 @@ private:
         return result;
     }
 
-    int Opened(int handle, const std::shared_ptr<Dispatcher> &dispatcher) {
+    int Opened(int handle, const std::string &key, const std::shared_ptr<Dispatcher> &dispatcher) {
         // The pipe was there before, with a callback of somebody else's: opened by the functions of tarvo.h, or
         // released by its Pipe.
         if (dispatcher && dispatcher.use_count() == 1 && !dispatcher->Used()) {
@@ -169,7 +186,7 @@ private:
         }
         try {
             const std::lock_guard<std::mutex> lock(mutex_);
-            return owned_.insert(handle).second ? handle : -EEXIST;
+            return owned_.emplace(handle, key).second ? handle : -EEXIST;
         } catch (const std::bad_alloc &) {
             TarvoClosePipe(handle);
             throw;
@@ -177,7 +194,7 @@ private:
     }
 
     std::mutex mutex_;
-    std::set<int> owned_;
+    std::map<int, std::string> owned_; // with their keys, where these are known
     std::set<std::string> opening_;
     ByKey failed_; // null: the attempt had no callbacks
 };

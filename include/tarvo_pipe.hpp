@@ -69,7 +69,9 @@ public:
     Options &OnRequest(Callback callback, Closed closed) {
         static_assert(std::is_invocable_v<Closed &, PipeView>,
                       "tarvo: `closed` takes a callable for (tarvo::PipeView)");
-        callbacks_ = detail::Callbacks{detail::MakeRequestHandler(std::move(callback)), std::move(closed)};
+        callbacks_.emplace();
+        callbacks_->request = detail::MakeRequestHandler(std::move(callback));
+        callbacks_->closed = std::move(closed);
         return *this;
     }
 
@@ -95,7 +97,7 @@ private:
         attr_.selfName = self_ ? self_->c_str() : nullptr;
         attr_.targetCon = context_.c_str();
         try {
-            const std::string_view zero("", 1);
+            const std::string_view zero("\0", 1);
             const std::string key =
                 detail::Join({open == TarvoCreateClient ? "C" : "O", self_ ? *self_ : "", zero, target});
             return detail::Owners::Get().Open(open, attr_, std::move(callbacks_), key);
@@ -116,7 +118,8 @@ private:
 // it: to open it once more while it has an owner is file_exists (EEXIST). After the remote has closed, too, the old
 // object must go first: `pipe = {}; pipe = tarvo::Pipe::Connect("server");`. An open that follows one that has failed
 // goes on with that one's options, but with its own callbacks; after one without callbacks it can have none
-// (file_exists).
+// (file_exists). A pipe that the functions of tarvo.h have opened is file_exists for an open with callbacks, and taken
+// over by one without.
 // Threads: one at a time for the object itself; the inherited functions any.
 class [[nodiscard]] Pipe : public PipeView {
 public:
@@ -186,7 +189,7 @@ private:
 
     static Pipe FromResult(int result, std::error_code &error) noexcept {
         error = ToError(result);
-        return Pipe(result > 0 ? result : 0, Owned());
+        return {result > 0 ? result : 0, Owned()};
     }
 };
 

@@ -7,7 +7,7 @@ int main() {
         return 1;
     }
     std::error_code error;
-    tarvo::Pipe::Connect("nobody/serves/here", tarvo::Options(), error);
+    const tarvo::Pipe pipe = tarvo::Pipe::Connect("nobody/serves/here", tarvo::Options(), error);
     if (error != std::errc::no_such_device_or_address) {
         return 2;
     }

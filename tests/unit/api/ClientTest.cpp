@@ -55,6 +55,14 @@ protected:
             .Waits(1ms, 10ms);
     }
 
+    // A server that is left alone would still make files for clients that it has heard of.
+    void TearDown() override {
+        for (ServerProcess &server : servers) {
+            server.Kill();
+        }
+        HandleTest::TearDown();
+    }
+
     // Processes are made before the client's thread.
     std::array<ServerProcess, 2> servers{ServerProcess(remote), ServerProcess(remote)};
     std::atomic<int> ups{0};

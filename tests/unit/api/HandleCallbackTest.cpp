@@ -2,7 +2,6 @@
 #include <array>
 #include <atomic>
 #include <future>
-#include <memory>
 #include <thread>
 #include <vector>
 
@@ -77,13 +76,8 @@ TEST_F(HandleTest, PipesThatAreOpenedWithTheSameOptionsHaveACallbackEach) {
 }
 
 TEST_F(HandleTest, ServerCallbackWithStateIsOneObjectForAllClients) {
-    tarvo::Server::Start(tarvo::ServerOptions().As(remote).OnRequest(
-        [count = std::make_unique<std::atomic<int>>(0).release()](const tarvo::Request &request) {
-            request.Reply(std::to_string(++*count));
-            if (*count == 3) {
-                delete count;
-            }
-        }));
+    static std::atomic<int> alive{0}; // as long as a server's callbacks
+    tarvo::Server::Start(tarvo::ServerOptions().As(remote).OnRequest(Counter(alive)));
     std::string answers;
     for (int i = 0; i < 3; ++i) {
         const tarvo::Pipe pipe =
@@ -92,6 +86,7 @@ TEST_F(HandleTest, ServerCallbackWithStateIsOneObjectForAllClients) {
         answers += answer.Bytes();
     }
     EXPECT_EQ(answers, "123");
+    EXPECT_EQ(alive, 1);
 }
 
 // As its declaration says; its callables live on until the last request has ended.

@@ -111,6 +111,26 @@ TEST_F(HandleTest, AfterTheRemoteHasClosedAPipeCanBeOpenedAnew) {
     }
 }
 
+// A refused open must not look like one more client to the server.
+TEST_F(HandleTest, RefusedConnectSaysNothingToTheServer) {
+    std::atomic<int> opened{0};
+    const CallbacksEnd end;
+    tarvo::Server::Start(tarvo::ServerOptions().As(remote).OnRequest(ReplyEcho).OnClient(
+        [&](tarvo::PipeView, std::string_view) { ++opened; }));
+    const auto options = tarvo::Options().As(self).Timeout(PATIENCE);
+    {
+        const tarvo::Pipe pipe = tarvo::Pipe::Connect(remote, options);
+        EXPECT_EQ(pipe.Call("first", PATIENCE).Text(), "first");
+        for (int i = 0; i < 20; ++i) {
+            EXPECT_EQ(Thrown([&] { (void)tarvo::Pipe::Connect(remote, options); }), EXISTS);
+        }
+    }
+    // Served after whatever the refused ones would have announced.
+    const tarvo::Pipe last = tarvo::Pipe::Connect(remote, tarvo::Options().As(self + "2").Timeout(PATIENCE));
+    EXPECT_EQ(last.Call("last", PATIENCE).Text(), "last");
+    EXPECT_EQ(opened, 2);
+}
+
 // No user code under a lock of the header: this one's destructor owns a pipe, whose end takes the same lock.
 TEST_F(HandleTest, CallbackThatIsReplacedMayOwnAPipe) {
     const auto owned = std::make_shared<tarvo::Pipe>(
