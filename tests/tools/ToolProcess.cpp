@@ -153,9 +153,13 @@ ToolResult RunTool(const std::vector<std::string> &arguments, const std::string 
     return tool.Wait();
 }
 
-std::string RunToolOnTerminal(const std::vector<std::string> &arguments) {
+std::string RunToolOnTerminal(const std::vector<std::string> &arguments, const std::string &typed,
+                              const Window &window) {
     int master = -1;
-    const pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
+    winsize size{};
+    size.ws_row = window.rows;
+    size.ws_col = window.columns;
+    const pid_t pid = forkpty(&master, nullptr, nullptr, &size);
     if (pid == 0) {
         setenv("TERM", "xterm", 1);
         unsetenv("NO_COLOR");
@@ -163,6 +167,9 @@ std::string RunToolOnTerminal(const std::vector<std::string> &arguments) {
     }
     if (pid < 0) {
         throw std::runtime_error("no terminal for the tool");
+    }
+    if (write(master, typed.data(), typed.size()) != static_cast<ssize_t>(typed.size())) {
+        throw std::runtime_error("the terminal does not take what is typed");
     }
     std::string text;
     while (master >= 0) {

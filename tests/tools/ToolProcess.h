@@ -49,8 +49,15 @@ private:
 
 ToolResult RunTool(const std::vector<std::string> &arguments, const std::string &input = "");
 
-// What a run writes to a terminal of its own, standard error included.
-std::string RunToolOnTerminal(const std::vector<std::string> &arguments);
+// The window of a terminal; of an unknown size where both are 0.
+struct Window {
+    unsigned short rows = 0;
+    unsigned short columns = 0;
+};
+
+// What a run writes to a terminal of its own, standard error and the echo of what is typed included.
+std::string RunToolOnTerminal(const std::vector<std::string> &arguments, const std::string &typed = "",
+                              const Window &window = {});
 
 } // namespace tarvo_test
 

@@ -148,7 +148,7 @@ void AddBench(CommandLine &app, Command &command) {
         .Range(1, MAX_PROCESSES)
         .Type("N")
         .ShowDefault();
-    sub.Add("--duration", options->duration, "How long each size is measured (2s)").Type("TIME");
+    sub.Add("--duration", options->duration, "How long each size is measured (2s)");
     sub.Add("--rate", options->rate,
             "Calls a second over all clients, timed from when they are due (default: flat out)")
         .Positive()

@@ -95,10 +95,10 @@ void AddCall(CommandLine &app, Command &command) {
                                     "interrupted. Of several calls the last failure counts.");
     AddClientOptions(sub, options->client);
     AddPayloadOptions(sub, options->payload);
-    Option timeout = sub.Add("--timeout", options->timeout, "How long to wait for the answer (1s)").Type("TIME");
+    Option timeout = sub.Add("--timeout", options->timeout, "How long to wait for the answer (1s)");
     sub.Flag("--no-timeout", options->unlimited, "Wait for as long as the pipe is open").Excludes(timeout);
-    sub.Add("--repeat", options->repeat, "Number of calls").Positive().Type("N").ShowDefault();
-    sub.Add("--interval", options->interval, "Pause between two calls (0)").Type("TIME");
+    sub.Add("--repeat", options->repeat, "Number of calls").AtLeastOne().Type("N").ShowDefault();
+    sub.Add("--interval", options->interval, "Pause between two calls (0)");
     sub.WhenNamed([options, &command] {
         options->json = command.common.json;
         command.run = [options](Interrupt &interrupt) { return RunCall(*options, interrupt); };

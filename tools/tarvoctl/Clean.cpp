@@ -188,7 +188,7 @@ void AddClean(CommandLine &app, Command &command) {
                       "0 done; 1 a file could not be removed, or no such directory; 2 wrong usage.");
     AddDirectoryOption(sub, options->directory);
     sub.Flag("-y,--yes", options->remove, "Remove them; without it nothing is changed");
-    sub.Add("--min-age", options->minAge, "Keep files that have changed within this time (10s)").Type("TIME");
+    sub.Add("--min-age", options->minAge, "Keep files that have changed within this time (10s)");
     sub.Flag("--this-namespace", options->trustNamespace,
              "All users of the directory are in this pid namespace (as in a container that shares it with nobody)");
     sub.WhenNamed([options, &command] {

@@ -153,13 +153,13 @@ void AddPing(CommandLine &app, Command &command) {
                                     "0 at least one call was answered; 2 wrong usage; 3 no such server; 4 no answer. "
                                     "Ctrl-C prints the statistics and ends with these codes.");
     AddClientOptions(sub, options->client);
-    sub.Add("-c,--count", options->count, "End after so many calls (default: on Ctrl-C)").Positive().Type("N");
-    sub.Add("-i,--interval", options->interval, "Pause between two calls (1s)").Type("TIME");
+    sub.Add("-c,--count", options->count, "End after so many calls (default: on Ctrl-C)").AtLeastOne().Type("N");
+    sub.Add("-i,--interval", options->interval, "Pause between two calls (1s)");
     sub.Add("-s,--size", options->size, "Bytes of a request")
         .Range(1, Message::MAX_PAYLOAD_LEN)
         .Type("BYTES")
         .ShowDefault();
-    sub.Add("-W,--timeout", options->timeout, "A call without answer for so long is lost (1s)").Type("TIME");
+    sub.Add("-W,--timeout", options->timeout, "A call without answer for so long is lost (1s)");
     sub.WhenNamed([options, &command] {
         options->json = command.common.json;
         command.run = [options](Interrupt &interrupt) { return Pinger(*options, interrupt).Run(); };

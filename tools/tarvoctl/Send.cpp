@@ -92,9 +92,9 @@ void AddSend(CommandLine &app, Command &command) {
                       "not read in time; 130 interrupted.");
     AddClientOptions(sub, options->client);
     AddPayloadOptions(sub, options->payload);
-    sub.Add("--timeout", options->timeout, "How long the server may take to make room and to read (1s)").Type("TIME");
-    sub.Add("--repeat", options->repeat, "Number of requests").Positive().Type("N").ShowDefault();
-    sub.Add("--interval", options->interval, "Pause between two requests (0)").Type("TIME");
+    sub.Add("--timeout", options->timeout, "How long the server may take to make room and to read (1s)");
+    sub.Add("--repeat", options->repeat, "Number of requests").AtLeastOne().Type("N").ShowDefault();
+    sub.Add("--interval", options->interval, "Pause between two requests (0)");
     sub.WhenNamed([options, &command] {
         options->json = command.common.json;
         command.run = [options](Interrupt &interrupt) { return RunSend(*options, interrupt); };

@@ -126,9 +126,9 @@ void AddServe(CommandLine &app, Command &command) {
                                     "0 ended by Ctrl-C or --limit; 1 failed, or the name is in use; 2 wrong usage.");
     sub.Add("NAME", options->name, "Name to serve under").Required();
     AddWork(sub, *options);
-    sub.Add("--exec-timeout", options->execTimeout, "How long CMD may run (10s)").Type("TIME");
+    sub.Add("--exec-timeout", options->execTimeout, "How long CMD may run (10s)");
     sub.Flag("--print", options->print, "Print each request on standard output");
-    sub.Add("--limit", options->limit, "End after so many requests").Positive().Type("N");
+    sub.Add("--limit", options->limit, "End after so many requests").AtLeastOne().Type("N");
     sub.Add("--group", options->group, "Group that may connect (default: the directory's, or this user's)")
         .Type("GROUP");
     sub.Add("--priority", options->priority, "normal, or urgent to serve on real-time threads")

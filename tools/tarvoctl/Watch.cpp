@@ -77,8 +77,8 @@ void AddWatch(CommandLine &app, Command &command) {
     CommandLine sub = AddSubcommand(app, command, "watch", "Show the list again and again until Ctrl-C; opens no FIFO",
                                     "0 ended by Ctrl-C or --count; 1 cannot be shown; 2 wrong usage.");
     AddDirectoryOption(sub, options->directory);
-    sub.Add("-i,--interval", options->interval, "Time between two lists (2s)").Type("TIME");
-    sub.Add("-c,--count", options->count, "End after so many lists").Positive().Type("N");
+    sub.Add("-i,--interval", options->interval, "Time between two lists (2s)");
+    sub.Add("-c,--count", options->count, "End after so many lists").AtLeastOne().Type("N");
     sub.WhenNamed([options, &command] {
         options->json = command.common.json;
         command.run = [options](Interrupt &interrupt) { return RunWatch(*options, interrupt); };

@@ -17,10 +17,11 @@ using tarvoctl::Command;
 using tarvoctl::CommandLine;
 using tarvoctl::Parsed;
 
-constexpr char FOOTER[] = "Each subcommand has its own --help. In all of them the answer goes to standard output and "
-                          "everything else to standard error.\n"
-                          "Exit status: 0 done; 1 failed; 2 wrong usage; 3 no such server; 4 no answer in time; "
-                          "5 something wrong was found; 130 interrupted.";
+constexpr char FOOTER[] =
+    "'tarvoctl help SUBCOMMAND' tells its options. In all of them the answer goes to standard output and "
+    "everything else to standard error.\n"
+    "Exit status: 0 done; 1 failed; 2 wrong usage; 3 no such server; 4 no answer in time; "
+    "5 something wrong was found; 130 interrupted.";
 
 void Declare(CommandLine &app, Command &command) {
     tarvoctl::AddServe(app, command);
@@ -34,6 +35,7 @@ void Declare(CommandLine &app, Command &command) {
     tarvoctl::AddDoctor(app, command);
     tarvoctl::AddInit(app, command);
     tarvoctl::AddClean(app, command);
+    tarvoctl::AddHelp(app);
 }
 
 int Run(const Command &command) {
@@ -56,7 +58,8 @@ int Main(int argc, char **argv) {
     Command command;
     const tarvoctl::ProgramTexts texts{"tarvoctl", "Looks into a running system of tarvo processes and talks to them.",
                                        "tarvoctl " TARVO_VERSION, FOOTER};
-    switch (ParseCommandLine(argc, argv, texts, [&](CommandLine &line) { Declare(line, command); })) {
+    switch (ParseCommandLine(
+        argc, argv, texts, [&](CommandLine &line) { Declare(line, command); }, command.rest)) {
     case Parsed::WRONG:
         return tarvoctl::EXIT_USAGE;
     case Parsed::DONE:

@@ -24,6 +24,7 @@ _tarvoctl_options() {
     doctor) echo "$common --directory --strict" ;;
     init) echo "$common --directory --group --mode --dry-run" ;;
     clean) echo "$common --directory --yes --min-age --this-namespace" ;;
+    help) echo "--help" ;;
     *) echo "--help --version" ;;
     esac
 }
@@ -50,7 +51,7 @@ _tarvoctl_values() {
 }
 
 _tarvoctl() {
-    local subcommands='serve call send ping list watch bench decode doctor init clean'
+    local subcommands='serve call send ping list watch bench decode doctor init clean help'
     local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} subcommand=${COMP_WORDS[1]}
     COMPREPLY=()
     if ((COMP_CWORD == 1)); then
@@ -66,6 +67,7 @@ _tarvoctl() {
     call | send | ping)
         ((COMP_CWORD == 2)) && mapfile -t COMPREPLY < <(compgen -W "$(_tarvoctl_servers)" -- "$current")
         ;;
+    help) mapfile -t COMPREPLY < <(compgen -W "$subcommands" -- "$current") ;;
     decode) mapfile -t COMPREPLY < <(compgen -f -- "$current") ;;
     esac
 }

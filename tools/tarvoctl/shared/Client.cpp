@@ -39,7 +39,7 @@ void AddClientOptions(CommandLine &sub, ClientOptions &options) {
         .OneOf({"normal", "urgent"})
         .Type("PRIORITY")
         .ShowDefault();
-    sub.Add("--open-timeout", options.openTimeout, "How long the server may take to open its end (2s)").Type("TIME");
+    sub.Add("--open-timeout", options.openTimeout, "How long the server may take to open its end (2s)");
 }
 
 Failure Explain(int result, const std::string &server) {

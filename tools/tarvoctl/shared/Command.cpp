@@ -1,5 +1,7 @@
 #include "shared/Command.h"
 
+#include <memory>
+
 #include "api/EnvManager.h"
 
 namespace tarvoctl {
@@ -13,6 +15,15 @@ CommandLine AddSubcommand(CommandLine &app, Command &command, const std::string 
         .OneOf({"auto", "always", "never"})
         .Type("WHEN");
     return sub;
+}
+
+void AddHelp(CommandLine &app) {
+    CommandLine sub = app.Subcommand("help", "Show the subcommands, or the options of one",
+                                     "Exit status: 0 shown; "
+                                     "2 there is no such subcommand.");
+    auto verb = std::make_shared<std::string>();
+    sub.Add("VERB", *verb, "The subcommand");
+    sub.WhenNamed([verb] {}); // keeps it
 }
 
 void AddDirectoryOption(CommandLine &sub, std::string &directory) {

@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "shared/CommandLine.h"
 #include "shared/Interrupt.h"
@@ -19,6 +20,8 @@ struct CommonOptions {
 // What the command line asks for.
 struct Command {
     CommonOptions common;
+    // The words that the subcommand leaves for the command that it runs.
+    std::vector<std::string> rest;
     // Set by the subcommand that was named; its result is the exit status.
     std::function<int(Interrupt &)> run;
 };
@@ -29,6 +32,8 @@ CommandLine AddSubcommand(CommandLine &app, Command &command, const std::string 
 // --directory, for the subcommands that look at files only. The default is where the library has them.
 void AddDirectoryOption(CommandLine &sub, std::string &directory);
 
+// Shows what --help shows; the command line is read so.
+void AddHelp(CommandLine &app);
 void AddServe(CommandLine &app, Command &command);
 void AddCall(CommandLine &app, Command &command);
 void AddSend(CommandLine &app, Command &command);

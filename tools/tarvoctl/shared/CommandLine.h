@@ -25,7 +25,10 @@ public:
     Option &Type(const std::string &name);
     Option &ShowDefault();
     Option &OneOf(const std::vector<std::string> &values);
+    // A number above 0, with a fraction or without.
     Option &Positive();
+    // A whole number.
+    Option &AtLeastOne();
     Option &Range(uint64_t least, uint64_t most);
     // Several values at once, with this between them.
     Option &Split(char delimiter);
@@ -41,6 +44,7 @@ public:
     explicit CommandLine(CLI::App *app) : app_(app) {}
 
     // For text, also optional, numbers, durations and lists of numbers.
+    // A duration is shown as TIME, which the help then explains.
     template <class Value>
     Option Add(const std::string &names, Value &value, const std::string &text = "");
     Option Flag(const std::string &names, bool &value, const std::string &text = "");
@@ -50,6 +54,8 @@ public:
     CommandLine Subcommand(const std::string &name, const std::string &text, const std::string &footer);
     // One that the help does not show.
     CommandLine HiddenSubcommand(const std::string &name);
+    // What stands after its options belongs to the command that it runs, and is not looked at.
+    void LeaveRest();
     // What is done when the subcommand was named and all of the command line makes sense.
     void WhenNamed(const std::function<void()> &action);
 
@@ -67,9 +73,10 @@ struct ProgramTexts {
 // Whether the named subcommand is to run; or help or the version was printed; or what is wrong with the command line.
 enum class Parsed { RUN, DONE, WRONG };
 
-// Reads the command line of a program that has subcommands, which `declare` adds.
+// Reads the command line of a program that has subcommands, which `declare` adds. `rest` gets what the named one
+// leaves.
 Parsed ParseCommandLine(int argc, char **argv, const ProgramTexts &texts,
-                        const std::function<void(CommandLine &)> &declare);
+                        const std::function<void(CommandLine &)> &declare, std::vector<std::string> &rest);
 
 } // namespace tarvoctl
 

@@ -32,7 +32,14 @@ bool IsSeparator(char byte) { return std::isspace(static_cast<unsigned char>(byt
 std::optional<std::string> ReadAll(const std::string &file, std::size_t limit) {
     const bool standard = file == "-";
     const UniqueFd own(standard ? -1 : open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!standard && own.Get() < 0) {
+        Diagnose("cannot open {}: {}", file, std::strerror(errno));
+        return std::nullopt;
+    }
     const int fd = standard ? STDIN_FILENO : own.Get();
+    if (standard && isatty(fd) == 1) {
+        Diagnose("reading from the terminal; Ctrl-D on a line of its own ends it");
+    }
     std::string bytes;
     std::array<char, 65536> chunk{};
     for (;;) {
