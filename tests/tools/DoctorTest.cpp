@@ -1,8 +1,13 @@
 // tarvoctl doctor.
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <csignal>
+#include <thread>
 
 #include "support/Process.h"
 #include "support/Sanitized.h"
+#include "support/Unprivileged.h"
 #include "tools/Scratch.h"
 #include "tools/ToolTest.h"
 
@@ -134,6 +139,110 @@ TEST_F(DoctorTest, ProcessThatSigpipeWouldEndIsNamed) {
     ASSERT_TRUE(careful.Await());
     EXPECT_EQ(LevelOf(Examine(directory.Path()), "processes", "does not ignore SIGPIPE"), "");
     careful.Signal();
+}
+
+// A process that holds a FIFO of the directory, after `prepare` has set its signals.
+class HoldingProcess {
+public:
+    HoldingProcess(const std::string &path, void (*prepare)())
+        : process_([&](Channel &parent) {
+              prepare();
+              const Opened held(path, O_RDONLY);
+              parent.Signal();
+              return parent.Await() ? 0 : 1;
+          }) {
+        EXPECT_TRUE(process_.Await());
+    }
+    ~HoldingProcess() {
+        kill(process_.Pid(), SIGCONT);
+        process_.Signal();
+        EXPECT_EQ(process_.Wait(), 0);
+    }
+    HoldingProcess(const HoldingProcess &) = delete;
+    HoldingProcess &operator=(const HoldingProcess &) = delete;
+    pid_t Pid() const { return process_.Pid(); }
+    std::string Part() const { return "process " + std::to_string(process_.Pid()) + " ("; }
+
+private:
+    ChildProcess process_;
+};
+
+void HandleSigpipe() {
+    std::signal(SIGPIPE, [](int) {});
+}
+
+void BlockSigpipe() {
+    std::signal(SIGPIPE, SIG_DFL);
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
+// The library's threads are not of its own making: what only the first thread blocks saves none of them.
+void BlockSigpipeTooLate() {
+    std::signal(SIGPIPE, SIG_DFL);
+    std::thread([] { pause(); }).detach();
+    BlockSigpipe();
+}
+
+TEST_F(DoctorTest, SigpipeIsHarmlessWhereItIsHandledOrNoThreadTakesIt) {
+    if (EMULATED) {
+        GTEST_SKIP() << "the emulator catches every signal of its program, and the kernel tells of no other";
+    }
+    const ScratchDirectory directory;
+    const std::string path = directory.AddFifo("srv");
+    for (void (*harmless)() : {HandleSigpipe, BlockSigpipe}) {
+        const HoldingProcess process(path, harmless);
+        EXPECT_EQ(LevelOf(Examine(directory.Path()), "processes", process.Part()), "");
+    }
+    const HoldingProcess process(path, BlockSigpipeTooLate);
+    EXPECT_EQ(LevelOf(Examine(directory.Path()), "processes", process.Part() + "unit"), "");
+    EXPECT_EQ(LevelOf(Examine(directory.Path()), "processes", "does not ignore SIGPIPE"), "warning");
+}
+
+TEST_F(DoctorTest, StoppedProcessIsNamed) {
+    const ScratchDirectory directory;
+    const HoldingProcess process(directory.AddFifo("srv"), HandleSigpipe);
+    ASSERT_EQ(kill(process.Pid(), SIGSTOP), 0);
+    ASSERT_EQ(waitpid(process.Pid(), nullptr, WUNTRACED), process.Pid());
+    EXPECT_EQ(LevelOf(Examine(directory.Path()), "processes", process.Part()), "warning");
+    EXPECT_THAT(RunTool({"doctor", "--directory", directory.Path()}).out,
+                HasSubstr("-> kill -CONT " + std::to_string(process.Pid())));
+}
+
+TEST_F(DoctorTest, NobodyIsSentIntoTheGroupRoot) {
+    TARVO_SKIP_UNLESS_ROOT();
+    for (const mode_t mode : {0770U, 02770U, 0700U}) {
+        const ScratchDirectory directory(mode);
+        ASSERT_EQ(chown(directory.Path().c_str(), 0, 0), 0);
+        ASSERT_EQ(chmod(directory.Path().c_str(), mode), 0);
+        EXPECT_THAT(RunTool({"doctor", "--directory", directory.Path()}).out, Not(HasSubstr("--group root")));
+        const int status = RunAs(65534, 65534, [&] {
+            const ToolResult result = RunTool({"doctor", "--directory", directory.Path()});
+            if (result.status == 127) {
+                return 77; // the build tree is closed to this user
+            }
+            EXPECT_EQ(result.status, 5);
+            EXPECT_THAT(result.out, HasSubstr("usermod -aG GROUP "));
+            EXPECT_THAT(result.out, Not(HasSubstr("-aG root")));
+            return testing::Test::HasFailure() ? 1 : 0;
+        });
+        EXPECT_TRUE(status == 0 || status == 77) << status;
+    }
+}
+
+TEST_F(DoctorTest, GroupThatHelpsIsNamed) {
+    TARVO_SKIP_UNLESS_ROOT();
+    const ScratchDirectory directory;
+    ASSERT_EQ(chown(directory.Path().c_str(), 0, 12), 0); // man: any group but root
+    ASSERT_EQ(chmod(directory.Path().c_str(), 02770), 0);
+    const int status = RunAs(65534, 65534, [&] {
+        const ToolResult result = RunTool({"doctor", "--directory", directory.Path()});
+        EXPECT_THAT(result.out, HasSubstr("-> as root: usermod -aG man "));
+        return result.status == 127 ? 77 : testing::Test::HasFailure() ? 1 : 0;
+    });
+    EXPECT_TRUE(status == 0 || status == 77) << status;
 }
 
 TEST_F(DoctorTest, ServerOnARemovedFifoIsNamed) {

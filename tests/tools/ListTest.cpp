@@ -1,6 +1,12 @@
 // tarvoctl list and watch.
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <sstream>
+
 #include "support/Process.h"
 #include "support/Unprivileged.h"
+#include "tarvo.h"
 #include "tools/Scratch.h"
 #include "tools/ToolTest.h"
 
@@ -107,6 +113,107 @@ TEST_F(ListTest, StatesFollowTheHolders) {
     const Opened writing(request, O_WRONLY);
     EXPECT_EQ(ListOf(directory)["pipes"][0]["state"], "live");
     EXPECT_EQ(ListOf(directory)["servers"][0]["pipes"], 1);
+}
+
+TEST_F(ListTest, StoppedServerIsToldFromALivingOne) {
+    const std::string name = UniqueName("srv");
+    ToolServer server(name);
+    EXPECT_EQ(Named(ListOf(std::vector<std::string>())["servers"], name)["state"], "live");
+    ASSERT_EQ(kill(server->Pid(), SIGSTOP), 0);
+    ASSERT_EQ(waitpid(server->Pid(), nullptr, WUNTRACED), server->Pid());
+    const json stopped = Named(ListOf(std::vector<std::string>())["servers"], name);
+    EXPECT_EQ(stopped["state"], "stopped");
+    EXPECT_EQ(stopped["processes"][0]["stopped"], true);
+    EXPECT_THAT(RunTool({"list"}).out, HasSubstr(std::to_string(server->Pid()) + " tarvoctl (" +
+                                                 stopped["user"].get<std::string>() + ", stopped)"));
+    EXPECT_EQ(RunTool({"serve", name}).status, 1) << "its name is not free";
+    ASSERT_EQ(kill(server->Pid(), SIGCONT), 0);
+    ASSERT_EQ(waitpid(server->Pid(), nullptr, WCONTINUED), server->Pid());
+    EXPECT_EQ(Named(ListOf(std::vector<std::string>())["servers"], name)["state"], "live");
+    server.Interrupt();
+}
+
+// A process with a pipe that it has opened in server mode.
+class WaitingSide {
+public:
+    WaitingSide(const std::string &self, const std::string &target, int timeout)
+        : process_([=](Channel &parent) {
+              TarvoAttr attr;
+              attr.selfName = self.c_str();
+              attr.targetName = target.c_str();
+              attr.mode = TARVO_MODE_SERVER;
+              attr.timeout = timeout;
+              const int pipe = TarvoOpen(&attr);
+              if (pipe <= 0) {
+                  return 1;
+              }
+              parent.Signal();
+              const bool told = parent.Await();
+              TarvoClosePipe(pipe);
+              return told ? 0 : 1;
+          }) {
+        EXPECT_TRUE(process_.Await());
+    }
+    ~WaitingSide() {
+        process_.Signal();
+        EXPECT_EQ(process_.Wait(), 0);
+    }
+    WaitingSide(const WaitingSide &) = delete;
+    WaitingSide &operator=(const WaitingSide &) = delete;
+    pid_t Pid() const { return process_.Pid(); }
+
+private:
+    ChildProcess process_;
+};
+
+// With an open time-out, each side also tries to open the end that it writes, and one of them may get there.
+class CrossedTest : public ToolTest, public testing::WithParamInterface<int> {};
+
+TEST_P(CrossedTest, PipeThatBothSidesOpenInServerModeIsToldFromALivingOne) {
+    const std::string earlier = UniqueName("a");
+    const std::string later = UniqueName("b");
+    const WaitingSide first(earlier, later, GetParam());
+    EXPECT_EQ(PipeOf(ListOf(std::vector<std::string>()), earlier)["state"], "half") << "one side alone only waits";
+    const WaitingSide second(later, earlier, GetParam());
+    const json pipe = PipeOf(ListOf(std::vector<std::string>()), earlier);
+    ASSERT_EQ(pipe["state"], "crossed");
+    EXPECT_EQ(pipe["ends"][0]["processes"][0]["pid"], first.Pid());
+    EXPECT_EQ(pipe["ends"][1]["processes"][0]["pid"], second.Pid());
+    EXPECT_THAT(RunTool({"list"}).out, HasSubstr("crossed"));
+    const ToolResult doctor = RunTool({"doctor"});
+    EXPECT_EQ(doctor.status, 5);
+    EXPECT_THAT(doctor.out, HasSubstr("'" + earlier + "' and '" + later +
+                                      "' have both opened their pipe in server "
+                                      "mode"));
+    EXPECT_THAT(doctor.out, Not(HasSubstr("let only one process serve under a name")));
+}
+
+INSTANTIATE_TEST_SUITE_P(OpenTimeOut, CrossedTest, testing::Values(0, 600000));
+
+TEST_F(ListTest, TwoReadersWithoutAWriterAreCrossed) {
+    const ScratchDirectory directory;
+    const std::string request = directory.AddFifo("ada__to__bob");
+    const std::string answer = directory.AddFifo("bob__to__ada");
+    const Opened ada(answer, O_RDONLY);
+    EXPECT_EQ(ListOf(directory)["pipes"][0]["state"], "half");
+    const Opened bob(request, O_RDONLY);
+    EXPECT_EQ(ListOf(directory)["pipes"][0]["state"], "crossed");
+    const Opened writing(request, O_WRONLY);
+    EXPECT_EQ(ListOf(directory)["pipes"][0]["state"], "live");
+}
+
+TEST_F(ListTest, PeerOfASideThatStartedAnewIsNotTakenForACrossedPipe) {
+    const ScratchDirectory directory;
+    const std::string request = directory.AddFifo("ada__to__srv");
+    const std::string answer = directory.AddFifo("srv__to__ada");
+    const Opened oldWriting(request, O_RDWR); // a client mode side, which its server has left
+    const Opened oldReading(answer, O_RDONLY);
+    unlink(request.c_str());
+    unlink(answer.c_str());
+    directory.AddFifo("ada__to__srv");
+    directory.AddFifo("srv__to__ada");
+    const Opened serving(request, O_RDONLY);
+    EXPECT_EQ(ListOf(directory)["pipes"][0]["state"], "half");
 }
 
 TEST_F(ListTest, NamesThatHoldTheArrowAreToldApart) {
@@ -240,6 +347,53 @@ TEST_F(WatchTest, TerminalIsPaintedInPlace) {
 TEST_F(WatchTest, WrongUsageIsRefused) {
     EXPECT_EQ(RunTool({"watch", "-c", "0"}).status, 2);
     EXPECT_EQ(RunTool({"watch", "-i", "often"}).status, 2);
+}
+
+// The rows of the last picture on a terminal, without codes.
+std::vector<std::string> LastPicture(const std::string &text) {
+    std::string plain;
+    const std::size_t begin = text.rfind("\033[H");
+    for (std::size_t i = begin; i != std::string::npos && i < text.size(); ++i) {
+        if (text[i] == '\033') {
+            i = text.find_first_of("HJKm", i);
+        } else if (text[i] != '\r') {
+            plain += text[i];
+        }
+    }
+    std::vector<std::string> rows;
+    std::istringstream lines(plain);
+    for (std::string row; std::getline(lines, row);) {
+        rows.push_back(row);
+    }
+    return rows;
+}
+
+TEST_F(WatchTest, PictureFitsTheWindowAndKeepsItsHeader) {
+    const ScratchDirectory directory;
+    for (int i = 0; i < 40; ++i) {
+        directory.AddFifo("a_server_with_quite_a_long_name_" + std::to_string(100 + i));
+    }
+    const std::vector<std::string> arguments = {"watch", "-c", "2", "-i", "1ms", "--directory", directory.Path()};
+    const std::vector<std::string> rows = LastPicture(RunToolOnTerminal(arguments, "", {12, 50}));
+    ASSERT_EQ(rows.size(), 12U);
+    EXPECT_THAT(rows[0], HasSubstr(directory.Path().substr(0, 20)));
+    EXPECT_THAT(rows[2], testing::StartsWith("SERVER"));
+    EXPECT_THAT(rows[10], testing::StartsWith("a_server_with_quite_a_long_name_107"));
+    EXPECT_EQ(rows[11], "... 32 more lines");
+    for (const std::string &row : rows) {
+        EXPECT_LE(row.size(), 50U) << row;
+    }
+}
+
+TEST_F(WatchTest, WindowThatIsLargeEnoughShowsEverything) {
+    const ScratchDirectory directory;
+    directory.AddFifo("srv");
+    const std::vector<std::string> arguments = {"watch", "-c", "1", "--directory", directory.Path()};
+    const std::vector<std::string> rows = LastPicture(RunToolOnTerminal(arguments, "", {4, 200}));
+    ASSERT_EQ(rows.size(), 4U);
+    EXPECT_THAT(rows[3], testing::StartsWith("srv"));
+    EXPECT_THAT(rows[3], testing::EndsWith("-")) << "the last letter is there";
+    EXPECT_THAT(LastPicture(RunToolOnTerminal(arguments)), testing::SizeIs(4)) << "a window of unknown size";
 }
 
 } // namespace

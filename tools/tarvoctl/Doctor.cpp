@@ -72,6 +72,7 @@ int RunDoctor(const DoctorOptions &options) {
     Findings findings;
     CheckDirectory(patient, findings);
     CheckFiles(patient, findings);
+    CheckPipes(patient, findings);
     CheckProcesses(patient, findings);
     CheckPipeLimits(patient, findings);
     CheckProcessLimits(findings);

@@ -38,8 +38,9 @@ void AddList(CommandLine &app, Command &command) {
     CommandLine sub =
         AddSubcommand(app, command, "list", "Show servers and pipes, and the processes that hold them; opens no FIFO",
                       "0 listed, also when there is nothing; 1 no such directory; 2 wrong usage.\n"
-                      "States: live; half, a pipe of which one side is missing; stale, held by nobody; "
-                      "unknown, when this user may not see every process.");
+                      "States: live; stopped, a server that a signal or a debugger holds up; half, a pipe of "
+                      "which one side is missing; crossed, a pipe that both sides opened in server mode; stale, held "
+                      "by nobody; unknown, when this user may not see every process.");
     AddDirectoryOption(sub, options->directory);
     sub.WhenNamed([options, &command] {
         options->json = command.common.json;

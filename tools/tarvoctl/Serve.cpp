@@ -24,7 +24,7 @@ constexpr int SECOND_MS = 1000;
 bool NameIsFree(const ServeOptions &options) {
     const Inventory inventory = TakeInventory(EnvManager::FifoPrefix());
     const Server *other = inventory.FindServer(options.name);
-    if (options.replace || other == nullptr || other->state != State::LIVE) {
+    if (options.replace || other == nullptr || other->processes.empty()) {
         return true;
     }
     Diagnose("process {} serves as '{}' already; --replace takes the name from it", other->processes.front(),

@@ -12,14 +12,10 @@
 #include "shared/ExitCode.h"
 #include "shared/Inventory.h"
 #include "shared/Output.h"
+#include "watch/Picture.h"
 
 namespace tarvoctl {
 namespace {
-
-// Cursor to the upper left corner; what follows is cleared only after it, which keeps the picture from flickering.
-constexpr char HOME[] = "\033[H";
-constexpr char CLEAR_LINE[] = "\033[K";
-constexpr char CLEAR_REST[] = "\033[J";
 
 struct WatchOptions {
     std::string directory;
@@ -35,15 +31,6 @@ std::string TimeText() {
     return fmt::format("{:02}:{:02}:{:02}", local.tm_hour, local.tm_min, local.tm_sec);
 }
 
-// The picture, painted over the one before.
-std::string OverOld(const std::string &text) {
-    std::string painted = HOME;
-    for (const char letter : text) {
-        painted += letter == '\n' ? std::string(CLEAR_LINE) + letter : std::string(1, letter);
-    }
-    return painted + CLEAR_REST;
-}
-
 void Show(const WatchOptions &options) {
     const Inventory inventory = TakeInventory(options.directory);
     if (options.json) {
@@ -55,7 +42,8 @@ void Show(const WatchOptions &options) {
     const std::string state = inventory.files.error != 0 ? fmt::format("{}\n", std::strerror(inventory.files.error))
                                                          : InventoryText(inventory);
     const std::string text = fmt::format("{} {}\n\n{}", TimeText(), inventory.directory, state);
-    Put(isatty(STDOUT_FILENO) == 1 ? OverOld(text) : text + "\n");
+    // Looked at each time: windows change.
+    Put(isatty(STDOUT_FILENO) == 1 ? Picture(text, WindowOf(STDOUT_FILENO)) : text + "\n");
 }
 
 int RunWatch(const WatchOptions &options, const Interrupt &interrupt) {
@@ -65,6 +53,7 @@ int RunWatch(const WatchOptions &options, const Interrupt &interrupt) {
             return EXIT_FAILED;
         }
         if (shown == options.count || interrupt.WaitFor(options.interval.value)) {
+            Put(isatty(STDOUT_FILENO) == 1 && !options.json ? "\n" : "");
             return EXIT_DONE;
         }
     }

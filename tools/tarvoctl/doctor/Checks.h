@@ -34,7 +34,9 @@ struct Patient {
 void CheckDirectory(const Patient &patient, Findings &findings);
 // Stale and foreign files, modes.
 void CheckFiles(const Patient &patient, Findings &findings);
-// The holders: servers that nobody reaches, processes that a lost peer would end.
+// Pipes that can never carry anything.
+void CheckPipes(const Patient &patient, Findings &findings);
+// The holders: servers that nobody reaches, processes that are stopped or that a lost peer would end.
 void CheckProcesses(const Patient &patient, Findings &findings);
 // What the kernel allows FIFOs to hold.
 void CheckPipeLimits(const Patient &patient, Findings &findings);

@@ -20,6 +20,9 @@ constexpr uint64_t ENOUGH_INODES = 2048;
 constexpr uint64_t ENOUGH_BYTES = 1048576;
 constexpr mode_t FIFO_MODE = 0660;
 
+// Who is in the group root may read and change what belongs to the system: nobody is put into it to send messages.
+std::string SafeGroup(gid_t group) { return group == 0 ? "GROUP" : GroupText(group); }
+
 void CheckMode(const struct stat &state, const std::string &path, Findings &findings) {
     const mode_t mode = state.st_mode & 07777U;
     const std::string facts = fmt::format("{}: mode {:04o}, group {}", path, mode, GroupText(state.st_gid));
@@ -34,7 +37,7 @@ void CheckMode(const struct stat &state, const std::string &path, Findings &find
     } else if ((mode & 0020U) != 0 && (mode & S_ISGID) == 0) {
         findings.push_back({Level::WARNING, "directory",
                             facts + ": without the set-group-id bit, FIFOs get their creator's group",
-                            "tarvoctl init --group " + GroupText(state.st_gid)});
+                            "tarvoctl init --group " + SafeGroup(state.st_gid)});
     } else {
         findings.push_back({Level::OK, "directory", facts, ""});
     }
@@ -45,9 +48,12 @@ void CheckAccess(const std::string &path, const struct stat &state, Findings &fi
         return;
     }
     const int error = errno;
+    const bool groupHelps = state.st_gid != 0 && (state.st_mode & S_IRWXG) == S_IRWXG;
+    const std::string joined = fmt::format("as root: usermod -aG {} {}, then log in again",
+                                           groupHelps ? GroupText(state.st_gid) : "GROUP", UserText(getuid()));
     const std::string remedy = error == EROFS ? "mount it writable"
-                                              : fmt::format("as root: usermod -aG {} {}, then log in again",
-                                                            GroupText(state.st_gid), UserText(getuid()));
+                               : groupHelps   ? joined
+                                              : "as root: tarvoctl init --group GROUP; " + joined;
     findings.push_back(
         {Level::ERROR, "access",
          fmt::format("{} may not create FIFOs in {}: {}", UserText(getuid()), path, std::strerror(error)), remedy});

@@ -39,6 +39,29 @@ std::optional<uint64_t> GroupThreads() {
     return std::nullopt;
 }
 
+// One of a pipe that both sides opened in server mode has a finding of its own.
+bool IsOfCrossedPipe(const Inventory &inventory, const std::string &file) {
+    return std::any_of(inventory.pipes.begin(), inventory.pipes.end(), [&](const PipeEntry &pipe) {
+        return pipe.state == State::CROSSED && (pipe.fromFirst->name == file || pipe.fromSecond->name == file);
+    });
+}
+
+void CheckProcess(const Process &process, Findings &findings) {
+    if (!process.ignoresSigpipe) {
+        findings.push_back({Level::WARNING, "processes",
+                            fmt::format("process {} ({}) does not ignore SIGPIPE: it dies when it sends to a peer that "
+                                        "is gone",
+                                        process.pid, process.name),
+                            "signal(SIGPIPE, SIG_IGN) at its start"});
+    }
+    if (process.stopped) {
+        findings.push_back({Level::WARNING, "processes",
+                            fmt::format("process {} ({}) is stopped, by a signal or a debugger: who calls it waits",
+                                        process.pid, process.name),
+                            fmt::format("kill -CONT {}, or let the debugger go on", process.pid)});
+    }
+}
+
 } // namespace
 
 std::optional<uint64_t> KernelNumber(const std::string &path) {
@@ -57,7 +80,7 @@ void CheckProcesses(const Patient &patient, Findings &findings) {
                             "run it as root, outside of containers"});
     }
     for (const NamelessFifo &fifo : holders.nameless) {
-        if (fifo.holder.reads) {
+        if (fifo.holder.reads && !IsOfCrossedPipe(patient.inventory, fifo.path)) {
             findings.push_back({Level::WARNING, "processes",
                                 fmt::format("process {} reads the FIFO '{}', which was replaced or removed: nobody "
                                             "reaches it",
@@ -66,12 +89,18 @@ void CheckProcesses(const Patient &patient, Findings &findings) {
         }
     }
     for (const auto &[pid, process] : holders.processes) {
-        if (!process.ignoresSigpipe) {
-            findings.push_back({Level::WARNING, "processes",
-                                fmt::format("process {} ({}) does not ignore SIGPIPE: it dies when it sends to a peer "
-                                            "that is gone",
-                                            pid, process.name),
-                                "signal(SIGPIPE, SIG_IGN) at its start"});
+        CheckProcess(process, findings);
+    }
+}
+
+void CheckPipes(const Patient &patient, Findings &findings) {
+    for (const PipeEntry &pipe : patient.inventory.pipes) {
+        if (pipe.state == State::CROSSED) {
+            findings.push_back({Level::ERROR, "pipes",
+                                fmt::format("'{}' and '{}' have both opened their pipe in server mode: each made its "
+                                            "FIFOs, and nobody reaches the one whose FIFO was replaced",
+                                            pipe.first.name, pipe.second.name),
+                                "open one side in server mode, the other in client mode (TARVO_MODE_CLIENT)"});
         }
     }
 }

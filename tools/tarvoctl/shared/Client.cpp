@@ -20,8 +20,23 @@ namespace {
 
 constexpr std::chrono::milliseconds POLL_INTERVAL(1);
 
-// To who may not enter the directory, each server looks like one that does not run.
-bool DirectoryIsClosed() { return access(EnvManager::FifoPrefix().c_str(), X_OK) != 0 && errno == EACCES; }
+// Why no FIFO can be reached, as the library does not tell: to who may not enter the directory, and where there is
+// none, each server looks like one that does not run. 0 when the directory can be entered.
+int DirectoryError() { return access(EnvManager::FifoPrefix().c_str(), X_OK) == 0 ? 0 : errno; }
+
+Failure ExplainMissing(const std::string &server) {
+    const int error = DirectoryError();
+    if (error == EACCES) {
+        return {EXIT_FAILED,
+                fmt::format("this user may not enter {} (see: tarvoctl doctor)", EnvManager::FifoPrefix())};
+    }
+    if (error == ENOENT) {
+        return {EXIT_NO_SERVER,
+                fmt::format("no server runs under the name '{}': {} is missing; 'tarvoctl init' makes it", server,
+                            EnvManager::FifoPrefix())};
+    }
+    return {EXIT_NO_SERVER, fmt::format("no server runs under the name '{}' (see: tarvoctl list)", server)};
+}
 
 // A call whose pipe was closed between the sending and the waiting returns 0 without an answer.
 int ResultOf(int result, const TarvoResponse &response) {
@@ -45,11 +60,7 @@ void AddClientOptions(CommandLine &sub, ClientOptions &options) {
 Failure Explain(int result, const std::string &server) {
     switch (-result) {
     case ENXIO:
-        if (DirectoryIsClosed()) {
-            return {EXIT_FAILED,
-                    fmt::format("this user may not enter {} (see: tarvoctl doctor)", EnvManager::FifoPrefix())};
-        }
-        return {EXIT_NO_SERVER, fmt::format("no server runs under the name '{}' (see: tarvoctl list)", server)};
+        return ExplainMissing(server);
     case ETIMEDOUT:
         return {EXIT_NO_ANSWER, fmt::format("'{}' did not answer in time", server)};
     case EINVAL:

@@ -69,22 +69,21 @@ bool IsKernelThreadOrZombie(const std::string &process) {
     return state == 'Z' || state == 'X' || (flags & KERNEL_THREAD) != 0;
 }
 
-Process DescribeProcess(pid_t pid) {
-    const std::string folder = "/proc/" + std::to_string(pid);
-    const std::string status = ReadSmallFile(folder + "/status");
-    Process process;
-    process.pid = pid;
-    process.name = ReadSmallFile(folder + "/comm");
-    process.name.erase(process.name.find_last_not_of('\n') + 1);
-    process.user = static_cast<uid_t>(std::strtoul(StatusField(status, "Uid").c_str(), nullptr, 10));
-    process.label = ReadSmallFile(folder + "/attr/current");
-    process.label.erase(process.label.find_last_not_of(std::string("\n\0", 2)) + 1);
-    const uint64_t sigpipe = 1ULL << (SIGPIPE - 1);
-    const uint64_t handled = std::strtoull(StatusField(status, "SigIgn").c_str(), nullptr, 16) |
-                             std::strtoull(StatusField(status, "SigCgt").c_str(), nullptr, 16) |
-                             std::strtoull(StatusField(status, "SigBlk").c_str(), nullptr, 16);
-    process.ignoresSigpipe = status.empty() || (handled & sigpipe) != 0;
-    return process;
+uint64_t SignalSet(const std::string &status, const std::string &key) {
+    return std::strtoull(StatusField(status, key).c_str(), nullptr, 16);
+}
+
+// The signals that every thread of the process has blocked: one that does not is ended by its own write.
+uint64_t BlockedInAllThreads(const std::string &process) {
+    uint64_t blocked = ~uint64_t{0};
+    const Directory threads(opendir((process + "/task").c_str()));
+    while (const dirent *entry = threads == nullptr ? nullptr : readdir(threads.get())) {
+        const std::string status = ReadSmallFile(process + "/task/" + entry->d_name + "/status");
+        if (IsNumber(entry->d_name) && !status.empty()) {
+            blocked &= SignalSet(status, "SigBlk");
+        }
+    }
+    return blocked;
 }
 
 // How a descriptor was opened; empty when it is gone.
@@ -160,7 +159,7 @@ void Scanner::ScanDescriptor(pid_t pid, const std::string &process, const std::s
     const Holder holder = {pid, *access != O_WRONLY, *access != O_RDONLY};
     const FileId id = {state.st_dev, state.st_ino};
     if (holders.processes.count(pid) == 0) {
-        holders.processes[pid] = DescribeProcess(pid);
+        holders.processes[pid] = DescribeProcess(pid).value_or(Process());
     }
     if (state.st_nlink == 0) {
         AddNameless(holder, id, TargetOf(link));
@@ -201,9 +200,35 @@ void ReadLocks(Holders &holders) {
 
 } // namespace
 
+std::optional<Process> DescribeProcess(pid_t pid) {
+    const std::string folder = "/proc/" + std::to_string(pid);
+    const std::string status = ReadSmallFile(folder + "/status");
+    if (status.empty()) {
+        return std::nullopt;
+    }
+    Process process;
+    process.pid = pid;
+    process.name = ReadSmallFile(folder + "/comm");
+    process.name.erase(process.name.find_last_not_of('\n') + 1);
+    process.user = static_cast<uid_t>(std::strtoul(StatusField(status, "Uid").c_str(), nullptr, 10));
+    process.label = ReadSmallFile(folder + "/attr/current");
+    process.label.erase(process.label.find_last_not_of(std::string("\n\0", 2)) + 1);
+    const uint64_t sigpipe = 1ULL << (SIGPIPE - 1);
+    const uint64_t harmless = SignalSet(status, "SigIgn") | SignalSet(status, "SigCgt") | BlockedInAllThreads(folder);
+    process.ignoresSigpipe = (harmless & sigpipe) != 0;
+    const std::string state = StatusField(status, "State");
+    process.stopped = !state.empty() && (state.front() == 'T' || state.front() == 't');
+    return process;
+}
+
 std::vector<Holder> Holders::Of(const FileId &id) const {
     const auto found = fifos.find(id);
     return found == fifos.end() ? std::vector<Holder>() : found->second;
+}
+
+bool Holders::IsStopped(pid_t pid) const {
+    const auto process = processes.find(pid);
+    return process != processes.end() && process->second.stopped;
 }
 
 Holders FindHolders(const std::string &directory) {

@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -17,9 +18,13 @@ struct Process {
     pid_t pid = 0;
     std::string name;
     uid_t user = 0;
-    std::string label; // security context; empty when there is none
-    bool ignoresSigpipe = true;
+    std::string label;          // security context; empty when there is none
+    bool ignoresSigpipe = true; // or handles it, or has it blocked in each thread
+    bool stopped = false;       // by a signal or a debugger: it answers nothing
 };
+
+// Empty when there is no such process (any more).
+std::optional<Process> DescribeProcess(pid_t pid);
 
 // One process that has a FIFO open.
 struct Holder {
@@ -48,6 +53,7 @@ struct Holders {
     bool ownNamespace = false;
 
     std::vector<Holder> Of(const FileId &id) const;
+    bool IsStopped(pid_t pid) const;
     // Whether every process of the machine was looked at.
     bool Complete() const { return hidden == 0 && !ownNamespace; }
 };

@@ -52,7 +52,65 @@ void AddHolders(const Holders &holders, const std::optional<FifoFile> &file, Sid
     }
 }
 
-State StateOfPipe(const PipeEntry &pipe, const Holders &holders) {
+// Those that hold, for reading, the FIFO which had the name that `file` has now: what is written there does not reach
+// them. A reader that holds the other direction's old FIFO as well is not one of them: its peer has started anew.
+std::vector<pid_t> ReadersOfReplaced(const Holders &holders, const std::string &file, const std::string &other) {
+    std::vector<pid_t> readers;
+    for (const NamelessFifo &fifo : holders.nameless) {
+        if (fifo.path == file && fifo.holder.reads) {
+            AddOnce(readers, fifo.holder.pid);
+        }
+    }
+    for (const NamelessFifo &fifo : holders.nameless) {
+        if (fifo.path == other && fifo.holder.writes) {
+            readers.erase(std::remove(readers.begin(), readers.end(), fifo.holder.pid), readers.end());
+        }
+    }
+    return readers;
+}
+
+bool IsRead(const Holders &holders, const FifoFile &file) {
+    const std::vector<Holder> all = holders.Of(file.id);
+    return std::any_of(all.begin(), all.end(), [](const Holder &holder) { return holder.reads; });
+}
+
+bool IsWritten(const Holders &holders, const FifoFile &file) {
+    const std::vector<Holder> all = holders.Of(file.id);
+    return std::any_of(all.begin(), all.end(), [](const Holder &holder) { return holder.writes; });
+}
+
+// Whether both sides were opened in server mode. Each then has made both FIFOs, the later in place of the earlier, and
+// waits for the other to open its end. A side in client mode opens the end that it writes before the one that it reads.
+// Adds who reads a replaced FIFO to its side.
+bool IsCrossed(PipeEntry &pipe, const Holders &holders) {
+    if (!pipe.fromFirst || !pipe.fromSecond) {
+        return false;
+    }
+    const std::string &fromFirst = pipe.fromFirst->name;
+    const std::string &fromSecond = pipe.fromSecond->name;
+    const bool firstReads = IsRead(holders, *pipe.fromSecond);
+    const bool secondReads = IsRead(holders, *pipe.fromFirst);
+    const std::vector<pid_t> firstLost = ReadersOfReplaced(holders, fromSecond, fromFirst);
+    const std::vector<pid_t> secondLost = ReadersOfReplaced(holders, fromFirst, fromSecond);
+    if (firstReads && secondReads) {
+        return !IsWritten(holders, *pipe.fromFirst) && !IsWritten(holders, *pipe.fromSecond);
+    }
+    if ((!secondReads || firstLost.empty()) && (!firstReads || secondLost.empty())) {
+        return false;
+    }
+    for (const pid_t pid : firstLost) {
+        AddOnce(pipe.first.processes, pid);
+    }
+    for (const pid_t pid : secondLost) {
+        AddOnce(pipe.second.processes, pid);
+    }
+    return true;
+}
+
+State StateOfPipe(PipeEntry &pipe, const Holders &holders) {
+    if (IsCrossed(pipe, holders)) {
+        return State::CROSSED;
+    }
     const bool first = !pipe.first.processes.empty();
     const bool second = !pipe.second.processes.empty();
     if (first && second) {
@@ -65,7 +123,8 @@ State StateOfPipe(const PipeEntry &pipe, const Holders &holders) {
     return first || second ? State::HALF : State::STALE;
 }
 
-Server MakeServer(const FifoFile &file, const Holders &holders) {
+// The states of the server's processes are added to `holders`, where nobody may see its descriptors.
+Server MakeServer(const FifoFile &file, Holders &holders) {
     Server server;
     server.name = file.name;
     server.file = file;
@@ -77,9 +136,14 @@ Server MakeServer(const FifoFile &file, const Holders &holders) {
     const auto lock = holders.locked.find(file.id);
     if (server.processes.empty() && lock != holders.locked.end()) {
         server.processes.push_back(lock->second); // seen by every user
+        if (const std::optional<Process> process = DescribeProcess(lock->second)) {
+            holders.processes.emplace(lock->second, *process);
+        }
     }
     if (!server.processes.empty()) {
-        server.state = State::LIVE;
+        const bool stopped = std::all_of(server.processes.begin(), server.processes.end(),
+                                         [&](pid_t pid) { return holders.IsStopped(pid); });
+        server.state = stopped ? State::STOPPED : State::LIVE;
     } else {
         server.state = holders.Complete() ? State::STALE : State::UNKNOWN;
     }
@@ -122,6 +186,10 @@ const char *StateText(State state) {
     switch (state) {
     case State::LIVE:
         return "live";
+    case State::STOPPED:
+        return "stopped";
+    case State::CROSSED:
+        return "crossed";
     case State::HALF:
         return "half";
     case State::STALE:

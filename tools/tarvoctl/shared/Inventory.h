@@ -14,6 +14,8 @@ namespace tarvoctl {
 
 enum class State {
     LIVE,    // held as it should be
+    STOPPED, // a server whose processes are all stopped, by a signal or a debugger
+    CROSSED, // a pipe that both sides opened in server mode: each reads a FIFO of its own making
     HALF,    // a pipe of which only one side is there: the other is still to come, or gone
     STALE,   // no process holds it
     UNKNOWN, // nobody seen holds it, but not every process could be looked at

@@ -16,8 +16,10 @@ Colour ColourOf(State state) {
     switch (state) {
     case State::LIVE:
         return Colour::GREEN;
+    case State::STOPPED:
     case State::HALF:
         return Colour::YELLOW;
+    case State::CROSSED:
     case State::STALE:
         return Colour::RED;
     case State::UNKNOWN:
@@ -34,7 +36,8 @@ std::string ProcessesText(const Inventory &inventory, const std::vector<pid_t> &
         text += std::to_string(pid);
         const auto process = inventory.holders.processes.find(pid);
         if (process != inventory.holders.processes.end()) {
-            text += " " + process->second.name + " (" + UserText(process->second.user) + ")";
+            const char *stopped = process->second.stopped ? ", stopped" : "";
+            text += fmt::format(" {} ({}{})", process->second.name, UserText(process->second.user), stopped);
         }
     }
     return text.empty() ? "-" : text;
@@ -54,6 +57,7 @@ json ProcessesJson(const Inventory &inventory, const std::vector<pid_t> &pids) {
         if (process != inventory.holders.processes.end()) {
             entry["process"] = process->second.name;
             entry["user"] = UserText(process->second.user);
+            entry["stopped"] = process->second.stopped;
             entry["label"] = process->second.label.empty() ? json() : json(process->second.label);
         }
         list.push_back(entry);
