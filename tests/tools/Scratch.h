@@ -2,6 +2,8 @@
 #define TARVO_TOOLS_SCRATCH_H
 
 #include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -43,6 +45,12 @@ public:
 private:
     const std::string path_;
 };
+
+// Mounts of this process are its own from now on, and there is no FIFO directory. False without the right to that.
+inline bool LoseFifoDirectory() {
+    return unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           mount("tarvo", "/dev/shm", "tmpfs", 0, "mode=1777") == 0;
+}
 
 // An open FIFO.
 class Opened {

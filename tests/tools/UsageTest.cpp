@@ -1,10 +1,9 @@
 // What all subcommands have in common: help, refusals, and a machine without the FIFO directory.
-#include <sched.h>
-#include <sys/mount.h>
 #include <unistd.h>
 
 #include "support/Process.h"
 #include "support/Unprivileged.h"
+#include "tools/Scratch.h"
 #include "tools/ToolTest.h"
 
 namespace tarvo_test {
@@ -29,8 +28,8 @@ TEST_P(SubcommandTest, UnknownOptionIsRefusedOnStandardError) {
 }
 
 INSTANTIATE_TEST_SUITE_P(All, SubcommandTest,
-                         testing::Values("serve", "call", "send", "ping", "list", "watch", "bench", "decode", "doctor",
-                                         "init", "clean"),
+                         testing::Values("serve", "call", "send", "ping", "wait", "list", "watch", "bench", "decode",
+                                         "doctor", "init", "clean"),
                          [](const auto &subcommand) { return std::string(subcommand.param); });
 
 using UsageTest = ToolTest;
@@ -70,7 +69,7 @@ TEST_F(UsageTest, HelpSubcommandShowsWhatTheOptionShows) {
 }
 
 TEST_F(UsageTest, TimeIsExplainedWhereItIsAskedFor) {
-    for (const char *subcommand : {"call", "send", "ping", "serve", "watch", "bench", "clean"}) {
+    for (const char *subcommand : {"call", "send", "ping", "wait", "serve", "watch", "bench", "clean"}) {
         EXPECT_THAT(RunTool({subcommand, "--help"}).out, HasSubstr("\nTIME is a number with us, ms, s or min"));
     }
     EXPECT_THAT(RunTool({"list", "--help"}).out, Not(HasSubstr("TIME")));
@@ -107,12 +106,6 @@ TEST_F(UsageTest, ReadingFromATerminalIsTold) {
     EXPECT_THAT(RunToolOnTerminal({"decode"}, typed), HasSubstr("reading from the terminal"));
     EXPECT_THAT(RunToolOnTerminal({"call", UniqueName("nobody"), "x"}), Not(HasSubstr("reading")));
     EXPECT_THAT(RunTool({"call", UniqueName("nobody")}, "abc").err, Not(HasSubstr("reading")));
-}
-
-// Mounts of this process are its own from now on, and there is no FIFO directory.
-bool LoseFifoDirectory() {
-    return unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-           mount("tarvo", "/dev/shm", "tmpfs", 0, "mode=1777") == 0;
 }
 
 TEST_F(UsageTest, ClosedDirectoryIsNotTakenForAMissingServer) {

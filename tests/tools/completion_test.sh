@@ -32,7 +32,7 @@ options_of() {
 }
 
 mapfile -t subcommands < <("${tool[@]}" --help | sed -n '/^Subcommands:/,/^$/p' | awk '/^  [a-z]/ {print $1}')
-[[ ${#subcommands[@]} -eq 12 ]] || fail "the help names ${#subcommands[@]} subcommands"
+[[ ${#subcommands[@]} -eq 13 ]] || fail "the help names ${#subcommands[@]} subcommands"
 
 offered_subcommands=$(offered '')
 for subcommand in "${subcommands[@]}"; do

@@ -28,6 +28,7 @@ void Declare(CommandLine &app, Command &command) {
     tarvoctl::AddCall(app, command);
     tarvoctl::AddSend(app, command);
     tarvoctl::AddPing(app, command);
+    tarvoctl::AddWait(app, command);
     tarvoctl::AddList(app, command);
     tarvoctl::AddWatch(app, command);
     tarvoctl::AddBench(app, command);

@@ -17,6 +17,7 @@ _tarvoctl_options() {
     call) echo "$common $client --file --hex --timeout --no-timeout --repeat --interval" ;;
     send) echo "$common $client --file --hex --timeout --repeat --interval" ;;
     ping) echo "$common $client --count --interval --size --timeout" ;;
+    wait) echo "$common --timeout" ;;
     list) echo "$common --directory" ;;
     watch) echo "$common --directory --interval --count" ;;
     bench) echo "$common --size --clients --threads --duration --rate --priority" ;;
@@ -51,7 +52,7 @@ _tarvoctl_values() {
 }
 
 _tarvoctl() {
-    local subcommands='serve call send ping list watch bench decode doctor init clean help'
+    local subcommands='serve call send ping wait list watch bench decode doctor init clean help'
     local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} subcommand=${COMP_WORDS[1]}
     COMPREPLY=()
     if ((COMP_CWORD == 1)); then
@@ -64,7 +65,7 @@ _tarvoctl() {
         return
     fi
     case $subcommand in
-    call | send | ping)
+    call | send | ping | wait)
         ((COMP_CWORD == 2)) && mapfile -t COMPREPLY < <(compgen -W "$(_tarvoctl_servers)" -- "$current")
         ;;
     help) mapfile -t COMPREPLY < <(compgen -W "$subcommands" -- "$current") ;;

@@ -38,6 +38,7 @@ void AddServe(CommandLine &app, Command &command);
 void AddCall(CommandLine &app, Command &command);
 void AddSend(CommandLine &app, Command &command);
 void AddPing(CommandLine &app, Command &command);
+void AddWait(CommandLine &app, Command &command);
 void AddList(CommandLine &app, Command &command);
 void AddWatch(CommandLine &app, Command &command);
 void AddBench(CommandLine &app, Command &command);

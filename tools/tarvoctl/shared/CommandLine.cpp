@@ -133,7 +133,7 @@ Option &Option::Excludes(const Option &other) {
 template <class Value>
 Option CommandLine::Add(const std::string &names, Value &value, const std::string &text) {
     CLI::Option *const option = app_->add_option(names, value, text);
-    if constexpr (std::is_same_v<Value, Duration>) {
+    if constexpr (std::is_same_v<Value, Duration> || std::is_same_v<Value, std::optional<Duration>>) {
         option->type_name(TIME_TYPE)->check(Check(IsTime, TIME_WORDS));
     }
     return Option(option);
@@ -145,6 +145,7 @@ template Option CommandLine::Add(const std::string &names, uint32_t &value, cons
 template Option CommandLine::Add(const std::string &names, uint64_t &value, const std::string &text);
 template Option CommandLine::Add(const std::string &names, double &value, const std::string &text);
 template Option CommandLine::Add(const std::string &names, Duration &value, const std::string &text);
+template Option CommandLine::Add(const std::string &names, std::optional<Duration> &value, const std::string &text);
 template Option CommandLine::Add(const std::string &names, std::vector<uint32_t> &value, const std::string &text);
 
 Option CommandLine::Flag(const std::string &names, bool &value, const std::string &text) {
