@@ -15,3 +15,23 @@ without_randomisation() {
     [[ $1 =~ ^([at]san|fuzz)$ && $bits -gt 28 ]] && echo setarch -R
     return 0
 }
+
+# in_sandbox COMMAND...: runs it with a /dev/shm and FIFO directory of its own, so that what runs at the same time on this
+# machine does not meet it, and as it is where the kernel does not allow that. As `tarvoctl sandbox` does, which not every
+# build has.
+in_sandbox() {
+    local make='mount -t tmpfs -o mode=1777 tmpfs /dev/shm && install -d -m 0755 /dev/shm/velm &&
+        install -d -m 1777 /dev/shm/velm/tarvo'
+    local enter=(unshare --mount) as_before=()
+    if [[ $EUID -ne 0 ]]; then
+        # Only root of a namespace can mount; a second one makes the user himself again.
+        enter=(unshare --user --map-root-user --mount)
+        as_before=(unshare --user "--map-user=$EUID" "--map-group=$(id -g)")
+    fi
+    if "${enter[@]}" bash -c "$make && exec \"\$@\"" bash "${as_before[@]}" true 2>/dev/null; then
+        "${enter[@]}" bash -c "$make && exec \"\$@\"" bash "${as_before[@]}" "$@"
+    else
+        echo "the kernel allows no sandbox here: what runs beside this meets it" >&2
+        scripts/fifo-directory.sh && "$@"
+    fi
+}

@@ -32,7 +32,7 @@ options_of() {
 }
 
 mapfile -t subcommands < <("${tool[@]}" --help | sed -n '/^Subcommands:/,/^$/p' | awk '/^  [a-z]/ {print $1}')
-[[ ${#subcommands[@]} -eq 13 ]] || fail "the help names ${#subcommands[@]} subcommands"
+[[ ${#subcommands[@]} -eq 14 ]] || fail "the help names ${#subcommands[@]} subcommands"
 
 offered_subcommands=$(offered '')
 for subcommand in "${subcommands[@]}"; do
@@ -54,6 +54,7 @@ done
 # Values are completed, too.
 [[ $(offered list --color al) == always ]] || fail "--color al"
 [[ $(offered decode --kind pa) == packet ]] || fail "--kind pa"
+[[ $(offered sandbox -- printen | sort -u) == printenv ]] || fail "sandbox -- printen"
 [[ $(offered help cal) == call ]] || fail "help cal"
 [[ -z $(offered call --timeout '') ]] || fail "something is offered for --timeout"
 

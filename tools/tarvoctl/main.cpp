@@ -34,12 +34,16 @@ void Declare(CommandLine &app, Command &command) {
     tarvoctl::AddBench(app, command);
     tarvoctl::AddDecode(app, command);
     tarvoctl::AddDoctor(app, command);
+    tarvoctl::AddSandbox(app, command);
     tarvoctl::AddInit(app, command);
     tarvoctl::AddClean(app, command);
     tarvoctl::AddHelp(app);
 }
 
 int Run(const Command &command) {
+    if (command.become) {
+        return command.become();
+    }
     // The library's sends to a process that is gone, and our own writes into a closed pipe, are then failures to
     // report.
     std::signal(SIGPIPE, SIG_IGN);

@@ -25,7 +25,7 @@ _tarvoctl_options() {
     doctor) echo "$common --directory --strict" ;;
     init) echo "$common --directory --group --mode --dry-run" ;;
     clean) echo "$common --directory --yes --min-age --this-namespace" ;;
-    help) echo "--help" ;;
+    help | sandbox) echo "--help" ;;
     *) echo "--help --version" ;;
     esac
 }
@@ -51,12 +51,29 @@ _tarvoctl_values() {
     esac
 }
 
+# The command of a sandbox: its name, and then what it takes itself, where the shell knows that.
+_tarvoctl_command() {
+    local first=2
+    [[ ${COMP_WORDS[2]} != -- ]] || first=3
+    if ((COMP_CWORD > first)) && declare -F _command_offset >/dev/null; then
+        _command_offset $first
+    elif ((COMP_CWORD > first)); then
+        mapfile -t COMPREPLY < <(compgen -f -- "$current")
+    else
+        mapfile -t COMPREPLY < <(compgen -c -- "$current")
+    fi
+}
+
 _tarvoctl() {
-    local subcommands='serve call send ping wait list watch bench decode doctor init clean help'
+    local subcommands='serve call send ping wait list watch bench decode doctor sandbox init clean help'
     local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} subcommand=${COMP_WORDS[1]}
     COMPREPLY=()
     if ((COMP_CWORD == 1)); then
         mapfile -t COMPREPLY < <(compgen -W "$subcommands $(_tarvoctl_options)" -- "$current")
+        return
+    fi
+    if [[ $subcommand == sandbox && ($COMP_CWORD -gt 2 || $current != -*) ]]; then
+        _tarvoctl_command
         return
     fi
     _tarvoctl_values "$previous" "$current" && return

@@ -24,6 +24,9 @@ struct Command {
     std::vector<std::string> rest;
     // Set by the subcommand that was named; its result is the exit status.
     std::function<int(Interrupt &)> run;
+    // Set instead by one that becomes another program: nothing of this process, such as threads or blocked signals,
+    // must be there before it.
+    std::function<int()> become;
 };
 
 // Declares a subcommand with --json, --log and --color. `exits` is the part of its help about the exit status.
@@ -38,6 +41,7 @@ void AddServe(CommandLine &app, Command &command);
 void AddCall(CommandLine &app, Command &command);
 void AddSend(CommandLine &app, Command &command);
 void AddPing(CommandLine &app, Command &command);
+void AddSandbox(CommandLine &app, Command &command);
 void AddWait(CommandLine &app, Command &command);
 void AddList(CommandLine &app, Command &command);
 void AddWatch(CommandLine &app, Command &command);

@@ -168,6 +168,10 @@ CommandLine CommandLine::HiddenSubcommand(const std::string &name) {
     return CommandLine(app_->add_subcommand(name, "")->group(""));
 }
 
+void CommandLine::Note(const std::string &arguments, const std::string &text) {
+    app_->footer(fmt::format("{}\n  {:<26}  {}\n\n{}", "Arguments:", arguments, text, app_->get_footer()));
+}
+
 void CommandLine::LeaveRest() { app_->prefix_command(); }
 
 void CommandLine::WhenNamed(const std::function<void()> &action) { app_->callback(action); }
@@ -195,6 +199,9 @@ Parsed ParseCommandLine(int argc, char **argv, const ProgramTexts &texts,
     try {
         std::reverse(words.begin(), words.end()); // as CLI11 takes them
         app.parse(words);
+        if (verb != nullptr && !verb->remaining().empty()) {
+            throw CLI::ExtrasError(verb->remaining()); // CLI11 lets them pass where a rest is left
+        }
         return Parsed::RUN;
     } catch (const CLI::ParseError &error) {
         // Codes of its own, above 100; 0 is that of help and of the version.

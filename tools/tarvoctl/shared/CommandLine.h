@@ -54,6 +54,8 @@ public:
     CommandLine Subcommand(const std::string &name, const std::string &text, const std::string &footer);
     // One that the help does not show.
     CommandLine HiddenSubcommand(const std::string &name);
+    // A line of the help about arguments that are not looked at.
+    void Note(const std::string &arguments, const std::string &text);
     // What stands after its options belongs to the command that it runs, and is not looked at.
     void LeaveRest();
     // What is done when the subcommand was named and all of the command line makes sense.
