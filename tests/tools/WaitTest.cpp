@@ -168,6 +168,17 @@ TEST_F(WaitTest, MissingRightIsTold) {
     EXPECT_EQ(status, 0);
 }
 
+TEST_F(WaitTest, NamesAreRefusedAsByTheLibrary) {
+    std::vector<std::string> names = {"a..b", std::string(101, 'x'), std::string(100, 'x'), "a.b", "a b", "a#b"};
+    for (const char bad : std::string("|;><`&()$")) {
+        names.push_back(std::string("a") + bad);
+    }
+    for (const std::string &name : names) {
+        const bool refused = RunTool({"call", name, "x"}).status == 2;
+        EXPECT_EQ(RunTool({"wait", name, "--timeout", "0"}).status, refused ? 2 : 4) << name;
+    }
+}
+
 TEST_F(WaitTest, WrongUsageIsRefused) {
     EXPECT_EQ(RunTool({"wait"}).status, 2);
     EXPECT_EQ(RunTool({"wait", "a..b"}).status, 2);
