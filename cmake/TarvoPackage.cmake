@@ -1,5 +1,5 @@
-# Debian packages: the target `packages` makes libtarvo1, libtarvo-dev and, where the tool is built, tarvo-tools in the
-# folder packages/ of the build tree. scripts/check-packages.sh makes and checks them.
+# Debian packages: the target `packages` makes libtarvo1, libtarvo-dev, libtarvo-doc and, where the tool is built,
+# tarvo-tools in the folder packages/ of the build tree. scripts/check-packages.sh makes and checks them.
 
 set(TARVO_DEBIAN_DIR ${PROJECT_SOURCE_DIR}/packaging/debian)
 set(TARVO_RUNTIME_PACKAGE libtarvo${PROJECT_VERSION_MAJOR})
@@ -36,16 +36,17 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SHLIBDEPS OFF)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/src)
 
-# tarvo_package(COMPONENT NAME [SECTION name] [DEPENDS packages] [EXTRA control files]
+# tarvo_package(COMPONENT NAME [SECTION name] [DEPENDS packages] [SUGGESTS packages] [EXTRA control files]
 #               DESCRIPTION first line, then lines)
 function(tarvo_package component name)
-  cmake_parse_arguments(arg "" "SECTION;DEPENDS" "EXTRA;DESCRIPTION" ${ARGN})
+  cmake_parse_arguments(arg "" "SECTION;DEPENDS;SUGGESTS" "EXTRA;DESCRIPTION" ${ARGN})
   string(TOUPPER ${component} upper)
   list(JOIN arg_DESCRIPTION "\n" description)
   set(CPACK_DEBIAN_${upper}_DESCRIPTION "${description}" PARENT_SCOPE)
   set(CPACK_DEBIAN_${upper}_PACKAGE_NAME ${name} PARENT_SCOPE)
   set(CPACK_DEBIAN_${upper}_PACKAGE_SECTION ${arg_SECTION} PARENT_SCOPE)
   set(CPACK_DEBIAN_${upper}_PACKAGE_DEPENDS ${arg_DEPENDS} PARENT_SCOPE)
+  set(CPACK_DEBIAN_${upper}_PACKAGE_SUGGESTS "${arg_SUGGESTS}" PARENT_SCOPE)
   set(CPACK_DEBIAN_${upper}_PACKAGE_CONTROL_EXTRA "${arg_EXTRA}" PARENT_SCOPE)
   # Only packages carry these; other installations have them in the sources.
   install(FILES ${TARVO_DEBIAN_DIR}/copyright DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${name} COMPONENT ${component}
@@ -73,19 +74,41 @@ tarvo_package(
   development libtarvo-dev
   SECTION libdevel
   DEPENDS ${TARVO_SAME_VERSION}
+  SUGGESTS "libtarvo-doc, tarvo-tools"
   DESCRIPTION "messaging between the processes of one Linux machine - development files"
               "Headers, the CMake package (find_package(tarvo)), the pkg-config file and the"
               "manual pages of the functions of libtarvo.")
-set(CPACK_COMPONENTS_ALL library development)
+tarvo_package(
+  documentation libtarvo-doc
+  SECTION doc
+  SUGGESTS libtarvo-dev
+  DESCRIPTION "messaging between the processes of one Linux machine - pages and examples"
+              "Getting started, guarantees and limits, errors, threads and locks, real-time,"
+              "troubleshooting, security, the wire format and more, and the examples: servers"
+              "and clients in C++, and a peer in Python. Links between the pages lead to"
+              "files of this package.")
+set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_COMPONENTS_ALL library development documentation)
+
+# As in the sources, so that the pages find what they refer to. Other installations have them there.
+set(doc_folder ${CMAKE_INSTALL_DATADIR}/doc/libtarvo-doc)
+install(FILES README.md CONTRIBUTING.md CHANGELOG.md DESTINATION ${doc_folder} COMPONENT documentation EXCLUDE_FROM_ALL)
+install(DIRECTORY docs include DESTINATION ${doc_folder} COMPONENT documentation EXCLUDE_FROM_ALL
+        FILES_MATCHING PATTERN "*.md" PATTERN "*.svg" PATTERN "*.h" PATTERN "*.hpp" PATTERN docs/man EXCLUDE)
+install(DIRECTORY examples DESTINATION ${doc_folder} COMPONENT documentation EXCLUDE_FROM_ALL
+        PATTERN CMakeLists.txt EXCLUDE PATTERN __pycache__ EXCLUDE)
 
 if(TARGET tarvoctl)
   tarvo_package(
     tool tarvo-tools
     SECTION utils
     DEPENDS ${TARVO_SAME_VERSION}
+    SUGGESTS libtarvo-doc
     DESCRIPTION "messaging between the processes of one Linux machine - command line tool"
                 "tarvoctl serves, calls, measures, lists and diagnoses processes that talk"
-                "through libtarvo, without a line of code.")
+                "through libtarvo, without a line of code. With it come manual pages of every"
+                "error of the library and of every line that it writes to the system log.")
   list(APPEND CPACK_COMPONENTS_ALL tool)
 endif()
 

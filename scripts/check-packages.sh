@@ -74,8 +74,23 @@ check_library() {
     expect_file "$deb" "^-rw-r--r-- root/root .* \./usr/share/doc/libtarvo$major/examples/tarvo-example\.service\$"
     dpkg-deb --control "$deb" "$scratch/control"
     grep -qx 'activate-noawait ldconfig' "$scratch/control/triggers" || fail "${deb##*/} does not trigger ldconfig"
-    sh -n "$scratch/control/postinst" || fail "${deb##*/}: its postinst does not parse"
+    check_postinst "$scratch/control/postinst"
     rm -rf "$scratch/control"
+}
+
+# What the package says where no systemd makes the directory, and that it says nothing where there is one.
+check_postinst() {
+    local postinst=$1 stubs=$scratch/stubs said
+    mkdir "$stubs"
+    printf '#!/bin/sh\nexit 0\n' | tee "$stubs/getent" "$stubs/addgroup" >"$stubs/systemd-tmpfiles"
+    chmod +x "$stubs"/*
+    said=$(PATH=$stubs /bin/sh "$postinst" configure)
+    [[ -z $said ]] || fail "the postinst says with systemd: $said"
+    rm "$stubs/systemd-tmpfiles"
+    said=$(PATH=$stubs /bin/sh "$postinst" configure)
+    [[ $said == *"no systemd here to make /dev/shm/velm/tarvo"*"tarvoctl init"* ]] ||
+        fail "the postinst says nothing of the directory without systemd: $said"
+    rm -r "$stubs"
 }
 
 check_development() {
@@ -86,8 +101,7 @@ check_development() {
     for file in include/*; do
         expect_file "$deb" "^-rw-r--r-- root/root .* \./usr/include/${file##*/}\$"
     done
-    for file in "$libdir"/{pkgconfig/tarvo.pc,cmake/tarvo/tarvoConfig.cmake} usr/share/man/man3/TarvoOpen.3.gz \
-        usr/share/man/man7/tarvo.7.gz; do
+    for file in "$libdir"/{pkgconfig/tarvo.pc,cmake/tarvo/tarvoConfig.cmake} usr/share/man/man3/TarvoOpen.3.gz; do
         expect_file "$deb" "^-rw-r--r-- root/root .* \./$file\$"
     done
 }
@@ -97,9 +111,30 @@ check_tool() {
     expect_field "$deb" Multi-Arch foreign
     expect_field "$deb" Depends "libtarvo$major (= $3), libc6 (>= *"
     expect_file "$deb" "^-rwxr-xr-x root/root .* \./usr/bin/tarvoctl\$"
-    for file in share/man/man1/tarvoctl.1.gz share/bash-completion/completions/tarvoctl; do
+    for file in share/man/man1/tarvoctl.1.gz share/man/man7/tarvo{,-errors,-log}.7.gz \
+        share/bash-completion/completions/tarvoctl; do
         expect_file "$deb" "^-rw-r--r-- root/root .* \./usr/$file\$"
     done
+}
+
+# Every page and every example, and no link that leads out of them into nothing.
+check_documentation() {
+    local deb=$1 file page target root=$scratch/documentation folder
+    expect_field "$deb" Architecture all
+    expect_field "$deb" Depends ''
+    dpkg-deb --extract "$deb" "$root"
+    folder=$root/usr/share/doc/libtarvo-doc
+    for file in README.md docs/*.md docs/*.svg examples/*.cpp examples/*.h examples/python/*.py \
+        examples/python/*/*.py; do
+        cmp "$file" "$folder/$file" || fail "${deb##*/}: $file is missing or differs"
+    done
+    for page in "$folder"/docs/*.md; do
+        for target in $(grep -oE '\]\([^)#: ]+[)#]' "$page" | sed 's/^](\(.*\).$/\1/'); do
+            # The manual pages are in the packages of what they tell of.
+            [[ ${target%/} == man || -e ${page%/*}/$target ]] || fail "${deb##*/}: ${page##*/} refers to $target"
+        done
+    done
+    rm -r "$root"
 }
 
 # Errors and warnings of lintian. Not taken as such:
@@ -174,11 +209,12 @@ check() {
     packages=build/$preset/packages
     make_packages "$preset"
     for deb in "$packages"/*.deb; do
-        expect_field "$deb" Architecture "$arch"
+        [[ $deb == *-doc_* ]] || expect_field "$deb" Architecture "$arch"
         expect_field "$deb" Version "$version"
     done
     check_library "$packages/libtarvo${version%%.*}_${version}_$arch.deb" "$libdir" "$version"
     check_development "$packages/libtarvo-dev_${version}_$arch.deb" "$libdir" "$version"
+    check_documentation "$packages/libtarvo-doc_${version}_all.deb"
     [[ ! -d tools/tarvoctl ]] || check_tool "$packages/tarvo-tools_${version}_$arch.deb" "$libdir" "$version"
     check_with_lintian "$packages"/*.deb
     tests/packaging/man-test.sh "build/$preset/man" "build/$preset/src/libtarvo.so"

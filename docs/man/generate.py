@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""Makes the manual pages of sections 3 and 7 out of the public header's comments, which are the contracts.
+"""Makes the manual pages of sections 3 and 7 out of the public header's comments, which are the contracts, and of pages.
 
 A page of section 3 for each group of functions or types below, a page that refers to it for each further name of the
-group, and tarvo(7) out of its template. With --check, writes nothing, and fails when a declaration of the header belongs to
+group, tarvo(7) out of its template, and tarvo-errors(7) and tarvo-log(7) out of docs/. With --check, writes nothing, and fails when a declaration of the header belongs to
 no page, when a page names what the header does not declare, and when the header raises an error that tarvo(7) does not
 explain: a test's business, so that the header can be worked on without the pages.
 """
@@ -13,6 +13,7 @@ import re
 import sys
 
 import header
+import markdown
 
 # The day of the last change of what the pages say, and not of the build: equal sources make equal pages.
 DATE = "2026-11-21"
@@ -36,6 +37,12 @@ PAGES = [
      ["TarvoOpen", "TarvoCreateClient"]),
     (["TarvoServerAttr"], "how a process serves", ["TarvoCreateServer", "TarvoAttr"]),
     (["TarvoRequest", "TarvoResponse"], "a request and its answer", ["TarvoSendRequest", "TarvoTimedRPCSync"]),
+]
+
+# Pages of docs/ that who looks after a machine wants at hand: name, source, and its line in indexes.
+GUIDES = [
+    ("tarvo-errors", "docs/errors.md", "every code of the functions of tarvo, its cause and its remedy"),
+    ("tarvo-log", "docs/troubleshooting.md", "every line that tarvo writes to the system log, and what to do about it"),
 ]
 
 
@@ -199,6 +206,7 @@ def main():
     parser.add_argument("--list", action="store_true", help="print the names of the files and write none")
     arguments = parser.parse_args()
     files = [f"man3/{name}.3" for names, _, _ in PAGES for name in names] + ["man7/tarvo.7"]
+    files += [f"man7/{name}.7" for name, _, _ in GUIDES]
     if arguments.list:
         print(";".join(files), end="")
         return
@@ -214,6 +222,10 @@ def main():
             contents[f"man3/{name}.3"] = f".so man3/{names[0]}.3\n"
     readme = (arguments.source / "README.md").read_text(encoding="utf-8")
     contents["man7/tarvo.7"] = overview(template, text, readme, declared, arguments.version)
+    for name, source, purpose in GUIDES:
+        guide = (arguments.source / source).read_text(encoding="utf-8")
+        see = ["tarvo"] + [other for other, _, _ in GUIDES if other != name]
+        contents[f"man7/{name}.7"] = markdown.manual_page(guide, name, purpose, see, DATE, arguments.version)
     for name, content in contents.items():
         path = arguments.output / name
         path.parent.mkdir(parents=True, exist_ok=True)

@@ -26,7 +26,9 @@ g++ -std=c++17 -o consumer-pc consumer/consumer.cpp $(pkg-config --cflags --libs
 ./consumer-pc
 echo "consumers of the CMake package and of the pkg-config file run"
 
-for page in tarvo TarvoOpen TarvoRPCSync; do
+pages=(tarvo TarvoOpen TarvoRPCSync)
+! command -v tarvoctl >/dev/null || pages+=(tarvo-errors tarvo-log)
+for page in "${pages[@]}"; do
     MANWIDTH=80 man $page >page.txt 2>/dev/null || { echo "there is no page $page" && exit 1; }
     grep -qw "$page" page.txt || { echo "the page $page tells nothing of it" && exit 1; }
 done
@@ -50,7 +52,7 @@ fi
 # What was asked for twice changes nothing, and what is removed takes nothing from processes that still run.
 dpkg --install ./*.deb >dpkg.log 2>&1 || { cat dpkg.log && exit 1; }
 mkfifo $fifo_directory/in_use
-dpkg --purge tarvo-tools libtarvo-dev libtarvo1 >dpkg.log 2>&1 || { cat dpkg.log && exit 1; }
+dpkg --purge tarvo-tools libtarvo-doc libtarvo-dev libtarvo1 >dpkg.log 2>&1 || { cat dpkg.log && exit 1; }
 [[ -p $fifo_directory/in_use ]] && getent group tarvo >/dev/null || { echo "the purge took what is in use" && exit 1; }
 ! ldconfig -p | grep libtarvo >/dev/null || { echo "the loader still knows libtarvo" && exit 1; }
 echo "purged: running processes keep their FIFOs and their group"
