@@ -133,6 +133,25 @@ TEST_F(ListTest, StoppedServerIsToldFromALivingOne) {
     server.Interrupt();
 }
 
+TEST_F(ListTest, StoppedServerOfAnotherUserIsToldAsWell) {
+    TARVO_SKIP_UNLESS_ROOT();
+    const std::string name = UniqueName("srv");
+    ToolServer server(name);
+    ASSERT_EQ(kill(server->Pid(), SIGSTOP), 0);
+    ASSERT_EQ(waitpid(server->Pid(), nullptr, WUNTRACED), server->Pid());
+    const int status = RunAs(65534, 65534, [&] {
+        const ToolResult result = RunTool({"list", "--json"});
+        if (result.status == 127) {
+            return 77; // the build tree is closed to this user
+        }
+        EXPECT_EQ(Named(result.Json().at(0)["servers"], name)["state"], "stopped") << "its lock tells the process";
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    kill(server->Pid(), SIGCONT);
+    server.Interrupt();
+    EXPECT_TRUE(status == 0 || status == 77) << status;
+}
+
 // A process with a pipe that it has opened in server mode.
 class WaitingSide {
 public:
