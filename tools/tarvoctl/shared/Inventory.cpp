@@ -81,8 +81,8 @@ bool IsWritten(const Holders &holders, const FifoFile &file) {
 
 // Whether both sides were opened in server mode. Each then has made both FIFOs, the later in place of the earlier, and
 // waits for the other to open its end. A side in client mode opens the end that it writes before the one that it reads.
-// Adds who reads a replaced FIFO to its side.
-bool IsCrossed(PipeEntry &pipe, const Holders &holders) {
+// If so, whoever reads a replaced FIFO is joined to its side of the pipe.
+bool JoinIfCrossed(PipeEntry &pipe, const Holders &holders) {
     if (!pipe.fromFirst || !pipe.fromSecond) {
         return false;
     }
@@ -108,7 +108,7 @@ bool IsCrossed(PipeEntry &pipe, const Holders &holders) {
 }
 
 State StateOfPipe(PipeEntry &pipe, const Holders &holders) {
-    if (IsCrossed(pipe, holders)) {
+    if (JoinIfCrossed(pipe, holders)) {
         return State::CROSSED;
     }
     const bool first = !pipe.first.processes.empty();
