@@ -76,7 +76,7 @@ bool MakeFolder(const std::string &path, mode_t mode) {
 
 std::string EnterOwnDirectory(const std::string &directory) {
     if (unshare(CLONE_NEWNS) != 0) {
-        const std::string failure = errno == EPERM ? EnterUserNamespace() : Refused("a mount namespace");
+        std::string failure = errno == EPERM ? EnterUserNamespace() : Refused("a mount namespace");
         if (!failure.empty()) {
             return failure;
         }

@@ -18,11 +18,10 @@ constexpr char TIME_WORDS[] = "a number with us, ms, s or min, such as 250ms or 
 // Complains of the values for which `suits` is false: each "is not" what `words` say. `shown` goes into the help.
 CLI::Validator Check(std::function<bool(const std::string &)> suits, const std::string &words,
                      const std::string &shown = "") {
-    return CLI::Validator(
-        [suits = std::move(suits), words](std::string &value) {
-            return suits(value) ? std::string() : fmt::format("'{}' is not {}", value, words);
-        },
-        shown);
+    return {[suits = std::move(suits), words](std::string &value) {
+                return suits(value) ? std::string() : fmt::format("'{}' is not {}", value, words);
+            },
+            shown};
 }
 
 bool IsWhole(const std::string &text, uint64_t least, uint64_t most) {
