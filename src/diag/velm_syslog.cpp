@@ -42,27 +42,47 @@ static_assert(std::is_trivially_destructible_v<Mutex>);
 // held: this mutex and those that the C library's syslog and time zone have. Not for long, as the forking thread itself
 // may be writing, in a signal handler.
 constexpr int LONGEST_LINE_SECONDS = 5;
-__thread bool heldForFork = false;
+// Held during a fork, which is announced, so that threads which write line after line let it through: whoever gives a
+// mutex back and wants it again at once mostly has it before the thread that was woken for it.
+Mutex forkMutex;
+std::atomic<bool> forkComing{false};
+__thread bool forkHolds = false;
+__thread bool forkHoldsLog = false;
+
+void LetForkPass() {
+    if (forkComing.load(std::memory_order_relaxed)) {
+        const MutexLock passed(forkMutex);
+    }
+}
+
+bool LockUntil(Mutex &mutex, const timespec &until) {
+    return pthread_mutex_clocklock(mutex.native_handle(), CLOCK_MONOTONIC, &until) == 0;
+}
 
 void HoldForFork() NO_THREAD_SAFETY_ANALYSIS {
     timespec until{};
     clock_gettime(CLOCK_MONOTONIC, &until);
     until.tv_sec += LONGEST_LINE_SECONDS;
-    heldForFork = pthread_mutex_clocklock(logMutex.native_handle(), CLOCK_MONOTONIC, &until) == 0;
+    forkHolds = LockUntil(forkMutex, until);
+    forkComing = true;
+    forkHoldsLog = LockUntil(logMutex, until);
 }
 
 void ReleaseInParent() NO_THREAD_SAFETY_ANALYSIS {
-    if (heldForFork) {
+    if (forkHoldsLog) {
         logMutex.unlock();
     }
-    heldForFork = false;
+    forkComing = false;
+    if (forkHolds) {
+        forkMutex.unlock();
+    }
 }
 
+// The only thread of the child holds whatever is held.
 void ReleaseInChild() NO_THREAD_SAFETY_ANALYSIS {
-    if (!heldForFork) {
-        new (&logMutex) Mutex;
-    }
-    ReleaseInParent();
+    new (&logMutex) Mutex;
+    new (&forkMutex) Mutex;
+    forkComing = false;
 }
 
 __attribute__((constructor)) void WatchForks() { pthread_atfork(HoldForFork, ReleaseInParent, ReleaseInChild); }
@@ -139,6 +159,7 @@ __attribute__((cold, noinline)) void WriteLine(VELMLogType type, int level, int 
 
     // Before the mutex, so that it and the environment's are never held together.
     const char *const process = EnvManager::ProcName();
+    LetForkPass();
     MutexLock lock(logMutex);
     LineBuffer message{};
     const int formatted = vsnprintf_s(message.data(), message.size(), message.size() - 1, format, args);

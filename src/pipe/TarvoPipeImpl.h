@@ -2,7 +2,6 @@
 #define TARVO_PIPE_TARVOPIPEIMPL_H
 
 #include <sys/epoll.h>
-#include <syslog.h>
 
 #include <atomic>
 #include <chrono>
@@ -188,8 +187,6 @@ private:
     template <typename Receive>
     void HandleReceived(Receive receive);
     std::optional<InMessage> RecvPayload(const MsgHead &head, Tarvo::EpollTimeRecord &rec);
-    // A failed read of a pipe that this process has just closed is nobody's trouble.
-    int ReadFailureLevel() const { return IsClosing() ? LOG_INFO : LOG_ERR; }
     // HandleRequest for a request of the remote, whose delivery time nobody asks for when it is dropped.
     void HandOver(std::shared_ptr<InRequest> req, const ServiceHandler &handler);
     // HandleRequest for the notice of a remote close.

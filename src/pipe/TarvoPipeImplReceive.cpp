@@ -82,7 +82,8 @@ int TarvoPipeImpl::Recv(void *buf, unsigned long len) {
         error = static_cast<unsigned long>(received) == len ? 0 : errno;
     }
     if (received < 0) {
-        TARVO_LOG(error == EAGAIN ? LOG_INFO : ReadFailureLevel(),
+        // A failed read of a pipe that this process has just closed is nobody's trouble, here as below.
+        TARVO_LOG(error == EAGAIN || IsClosing() ? LOG_INFO : LOG_ERR,
                   "The readFd(%d) read fail, errno = %d, remoteName: %s", fd, error, remoteName.c_str());
         return -error;
     }
@@ -139,7 +140,8 @@ std::optional<InMessage> TarvoPipeImpl::RecvMessage(Tarvo::EpollTimeRecord &rec)
     MsgHead head{};
     const int ret = Recv(&head, sizeof(head));
     if (ret < 1) {
-        TARVO_LOG(ReadFailureLevel(), "Recv msg head failed for remote(%s), ret = %d", remoteName.c_str(), ret);
+        TARVO_LOG(IsClosing() ? LOG_INFO : LOG_ERR, "Recv msg head failed for remote(%s), ret = %d", remoteName.c_str(),
+                  ret);
         return std::nullopt;
     }
     return RecvPayload(head, rec);
@@ -160,7 +162,7 @@ std::optional<InMessage> TarvoPipeImpl::RecvPayload(const MsgHead &head, Tarvo::
         Recv(unwanted.data(), std::min<uint64_t>(head.payloadLen, unwanted.size()));
     }
     if (ret < 1) {
-        TARVO_LOG(ReadFailureLevel(),
+        TARVO_LOG(IsClosing() ? LOG_INFO : LOG_ERR,
                   "Recv msg failed, remote(%s), received payloadLen should be %u, received timeout = %d ms, received "
                   "writeStartTime = %ld, ret = %d",
                   remoteName.c_str(), head.payloadLen, head.timeout, head.writeStartTime, ret);

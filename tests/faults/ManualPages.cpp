@@ -63,6 +63,8 @@ const std::set<std::string> &FunctionsWithoutErrors() {
         "pthread_mutex_trylock", "pthread_mutex_unlock", "pthread_once", "pthread_rwlock_rdlock",
         "pthread_rwlock_unlock", "pthread_rwlock_wrlock", "pthread_self", "sem_destroy", "sem_init", "sem_post",
         "sem_getvalue", "sem_trywait",
+        // A variable.
+        "environ",
         // Sleeps by nanosleep, which has a row.
         "usleep",
         // Of one open descriptor and without a wait, it can be interrupted only, and is then tried again (poll(2)).

@@ -141,9 +141,9 @@ std::optional<Outcome> detail::ApplyRules(const CallInfo &info) {
     {
         std::lock_guard<std::mutex> lock(registry.mutex);
         for (const auto &rule : registry.rules[static_cast<std::size_t>(info.call)]) {
-            matching.push_back(rule); // first: it may run out of memory, and what is counted as running must run
-            if (!rule->Meets(info)) {
-                matching.pop_back();
+            if (rule->Meets(info)) {
+                const OwnMemory own; // what is counted as running must run
+                matching.push_back(rule);
             }
         }
         registry.changed.notify_all();
