@@ -1,6 +1,7 @@
 #include "api/EnvManager.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -44,12 +45,17 @@ bool Contains(const std::string &text, const char *part) { return text.find(part
 // All of these exist before any code runs, for the first log line of a process that has no memory left, and never end,
 // since threads may still ask while statics die.
 Mutex environmentMutex;
-std::once_flag procNameOnce;
+std::atomic<bool> procNameResolved{false};
 // Set once, to a string that is never freed, when the mode is final: later readers need no lock.
 std::atomic<const std::string *> knownRunMode{nullptr};
 // Set once the variable was not in the array that the process was started with.
 std::atomic<bool> runModeUnsetAtStart{false};
-static_assert(std::is_trivially_destructible_v<Mutex> && std::is_trivially_destructible_v<std::once_flag>);
+static_assert(std::is_trivially_destructible_v<Mutex>);
+
+// Another thread of the parent may have had it, and would never give it back in the child.
+void FreeInChild() { new (&environmentMutex) Mutex; }
+
+__attribute__((constructor)) void WatchForks() { pthread_atfork(nullptr, nullptr, FreeInChild); }
 
 } // namespace
 
@@ -64,23 +70,29 @@ std::atomic<const char *> EnvManager::procName{""};
 Mutex &EnvManager::Instance() { return environmentMutex; }
 
 const char *EnvManager::ProcName() {
-    std::call_once(procNameOnce, ResolveProcName);
+    if (!procNameResolved.load(std::memory_order_acquire)) {
+        ResolveProcName();
+    }
     return procName.load(std::memory_order_acquire);
 }
 
 void EnvManager::ResolveProcName() {
     MutexLock lock(Instance());
+    if (procNameResolved.load(std::memory_order_relaxed)) {
+        return;
+    }
     // Every log line asks for the name first. The first conversion to local time would look for the time zone in the
     // environment by itself, and not under the mutex.
     tzset();
-    if (procName.load(std::memory_order_relaxed)[0] != '\0') {
-        return;
+    if (procName.load(std::memory_order_relaxed)[0] == '\0') {
+        if (const char *name = std::getenv(ENV_PROC_NAME)) {
+            CopyProcName(name);
+        } else {
+            EnableDefaultProcName();
+        }
     }
-    if (const char *name = std::getenv(ENV_PROC_NAME)) {
-        CopyProcName(name);
-    } else {
-        EnableDefaultProcName();
-    }
+    // Also when there is none: it is looked for once.
+    procNameResolved.store(true, std::memory_order_release);
 }
 
 int EnvManager::SetProcName(const std::string &name) {

@@ -61,7 +61,7 @@ private:
         auto slot = std::make_unique<Slot>(Kind::Make(arguments...));
         if (!registered) {
             // Another thread may end the process at any moment: it finds all of the object, or nothing.
-            if (pthread_atfork(nullptr, nullptr, ForgetParents) != 0 || std::atexit(End) != 0) {
+            if (!watchesForks || std::atexit(End) != 0) {
                 throw std::bad_alloc();
             }
             registered = true;
@@ -73,10 +73,9 @@ private:
     static void End() {
         ProcessOwner::LookAgain();
         Slot *const slot = current.load(std::memory_order_acquire);
-        if (slot == nullptr || ProcessOwner::IsInherited()) {
+        if (slot == nullptr || ProcessOwner::IsInherited() || ended.exchange(true)) {
             return;
         }
-        ended = true;
         slot->protector.Disable();
         Kind::End(slot->object);
     }
@@ -99,6 +98,8 @@ private:
     static inline std::atomic<bool> ended{false};
     static inline Mutex making;
     static inline bool registered GUARDED_BY(making) = false;
+    // When the library is loaded: a fork may come while the first object is being made.
+    static inline const bool watchesForks = pthread_atfork(nullptr, nullptr, ForgetParents) == 0;
 };
 
 #endif // TARVO_API_PROCESSOBJECT_H

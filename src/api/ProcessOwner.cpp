@@ -26,6 +26,5 @@ void ProcessOwner::AfterForkInChild() {
     }
 }
 
-// When the library is loaded, and so before any other handler of ours, which ask for the state. It can fail only for
-// want of memory; forks are then noticed as those are that no handler is told of.
+// It can fail only for want of memory; forks are then noticed as those are that no handler is told of.
 void ProcessOwner::WatchForks() { pthread_atfork(nullptr, nullptr, AfterForkInChild); }

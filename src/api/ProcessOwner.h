@@ -25,7 +25,8 @@ private:
     enum class State { UNCLAIMED, CLAIMED, INHERITED };
 
     static void AfterForkInChild();
-    static void WatchForks() __attribute__((constructor));
+    // Before the handlers of others in the library, which ask for the state.
+    static void WatchForks() __attribute__((constructor(101)));
 
     static std::atomic<State> state;
     static std::atomic<pid_t> owner;

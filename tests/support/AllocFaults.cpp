@@ -22,8 +22,11 @@ thread_local std::size_t allocations = 0;
 std::atomic<int> emptyHeaps{0};
 
 bool FailsNow(std::size_t size) {
+    if (OwnMemory::Wanted()) {
+        return false;
+    }
     ++allocations;
-    if (emptyHeaps.load(std::memory_order_relaxed) > 0 && !OwnMemory::Wanted()) {
+    if (emptyHeaps.load(std::memory_order_relaxed) > 0) {
         return true;
     }
     if (!plan.armed || (plan.size != 0 && plan.size != size)) {
