@@ -78,11 +78,15 @@ void ReleaseInParent() NO_THREAD_SAFETY_ANALYSIS {
     }
 }
 
-// The only thread of the child holds whatever is held.
+// What the fork could not get is held by a thread that the child does not have.
 void ReleaseInChild() NO_THREAD_SAFETY_ANALYSIS {
-    new (&logMutex) Mutex;
-    new (&forkMutex) Mutex;
-    forkComing = false;
+    if (!forkHoldsLog) {
+        new (&logMutex) Mutex;
+    }
+    if (!forkHolds) {
+        new (&forkMutex) Mutex;
+    }
+    ReleaseInParent();
 }
 
 __attribute__((constructor)) void WatchForks() { pthread_atfork(HoldForFork, ReleaseInParent, ReleaseInChild); }
