@@ -115,6 +115,12 @@ int OpenCancellably(const char *path, int flags) {
     return fd;
 }
 
+// A failure that is ours to state and no system call's, reported as theirs are.
+int Verdict(int error) {
+    errno = error;
+    return -error;
+}
+
 } // namespace
 
 int CreateFifo(const std::string &name, uint32_t gid, int32_t targetPid, TarvoDomain domain,
@@ -176,7 +182,7 @@ int OpenPublishedFifo(const std::string &name, int flags) {
     const bool exists = GetFileState(name, before) == 0;
     if (exists && !S_ISFIFO(before.st_mode)) {
         TARVO_LOG(LOG_ERR, "File %s(mode=%u) exists but is not fifo file.", name.c_str(), before.st_mode);
-        return -EACCES;
+        return Verdict(EACCES);
     }
     const int fd = OpenFifo(name, flags);
     if (fd < 0) {
@@ -196,10 +202,10 @@ int OpenPublishedFifo(const std::string &name, int flags) {
     close(fd);
     if (stillExists && !S_ISFIFO(after.st_mode)) {
         TARVO_LOG(LOG_ERR, "File %s(mode=%u) exists but is not fifo file.", name.c_str(), after.st_mode);
-        return -EACCES;
+        return Verdict(EACCES);
     }
     // Gone again, or there is another FIFO by now than the one that a link or a file in its place led to.
-    return -ENOENT;
+    return Verdict(ENOENT);
 }
 
 int IsFifoFile(const std::string &path) {

@@ -260,6 +260,15 @@ TEST_F(PipeOpenClientTest, ReportedErrnoIsOfThisOpen) {
     EXPECT_TRUE(log.ContainsExactly(LOG_ERR, "Open pipe to " + remote + " failed, err = -22, errno = 0."));
 }
 
+TEST_F(PipeOpenClientTest, FileThatIsNoFifoIsReportedWithTheErrnoOfItsRefusal) {
+    const FreshRestrainedLines fresh;
+    close(open(writeFile.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+    const Pipe pipe = MakeClientPipe();
+    EXPECT_EQ(pipe->TimedOpen(100), -EACCES);
+    EXPECT_TRUE(log.ContainsExactly(LOG_ERR, "Open pipe to " + remote + " failed, err = -13, errno = 13."));
+    RemoveOwnFifoFiles();
+}
+
 TEST_F(PipeOpenClientTest, WriteEndIsTriedAgainWhileSomethingMayStillComeRight) {
     peer.CreateFiles();
     const RecordedSleeps sleeps;
