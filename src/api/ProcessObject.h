@@ -9,6 +9,7 @@
 #include <new>
 #include <utility>
 
+#include "api/ForkLock.h"
 #include "api/Mutex.h"
 #include "api/ProcessOwner.h"
 #include "api/SingletonProtector.h"
@@ -80,13 +81,26 @@ private:
         Kind::End(slot->object);
     }
 
-    // In a forked child, whose only thread this is: other threads of the parent may have been in the middle of
-    // anything, so their object is left as it is for ever.
+    // A fork waits for a thread that is making the object, which may be inside atexit(3) with a lock of the C library:
+    // nobody would give that back in the child. Not for ever, as it may be the forking thread, in a signal handler.
+    static void HoldForFork() NO_THREAD_SAFETY_ANALYSIS { forkHolds = LockForFork(making); }
+
+    static void ReleaseInParent() NO_THREAD_SAFETY_ANALYSIS {
+        if (forkHolds) {
+            making.unlock();
+        }
+    }
+
+    // The only thread of the child. Other threads of the parent may have been in the middle of anything with its
+    // object, which is left as it is for ever.
     static void ForgetParents() NO_THREAD_SAFETY_ANALYSIS {
+        if (!forkHolds) {
+            new (&making) Mutex;
+        }
+        ReleaseInParent();
         if (!ProcessOwner::IsUnclaimed() || ended) {
             return;
         }
-        new (&making) Mutex;
         if (Slot *const slot = current.exchange(nullptr)) {
             slot->parents = forgotten;
             forgotten = slot;
@@ -99,7 +113,8 @@ private:
     static inline Mutex making;
     static inline bool registered GUARDED_BY(making) = false;
     // When the library is loaded: a fork may come while the first object is being made.
-    static inline const bool watchesForks = pthread_atfork(nullptr, nullptr, ForgetParents) == 0;
+    static inline const bool watchesForks = pthread_atfork(HoldForFork, ReleaseInParent, ForgetParents) == 0;
+    static inline __thread bool forkHolds = false;
 };
 
 #endif // TARVO_API_PROCESSOBJECT_H

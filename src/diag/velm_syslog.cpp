@@ -14,6 +14,7 @@
 #include <type_traits>
 
 #include "api/EnvManager.h"
+#include "api/ForkLock.h"
 #include "api/ProcessObject.h"
 #include "diag/bounded.h"
 
@@ -41,7 +42,7 @@ static_assert(std::is_trivially_destructible_v<Mutex>);
 // A fork waits for the line that is being written, since its child could wait for ever for what the writing thread
 // held: this mutex and those that the C library's syslog and time zone have. Not for long, as the forking thread itself
 // may be writing, in a signal handler.
-constexpr int LONGEST_LINE_SECONDS = 5;
+//
 // Held during a fork, which is announced, so that threads which write line after line let it through: whoever gives a
 // mutex back and wants it again at once mostly has it before the thread that was woken for it.
 Mutex forkMutex;
@@ -55,17 +56,10 @@ void LetForkPass() {
     }
 }
 
-bool LockUntil(Mutex &mutex, const timespec &until) {
-    return pthread_mutex_clocklock(mutex.native_handle(), CLOCK_MONOTONIC, &until) == 0;
-}
-
 void HoldForFork() NO_THREAD_SAFETY_ANALYSIS {
-    timespec until{};
-    clock_gettime(CLOCK_MONOTONIC, &until);
-    until.tv_sec += LONGEST_LINE_SECONDS;
-    forkHolds = LockUntil(forkMutex, until);
+    forkHolds = LockForFork(forkMutex);
     forkComing = true;
-    forkHoldsLog = LockUntil(logMutex, until);
+    forkHoldsLog = LockForFork(logMutex);
 }
 
 void ReleaseInParent() NO_THREAD_SAFETY_ANALYSIS {
