@@ -13,6 +13,7 @@
 #include <new>
 #include <type_traits>
 
+#include "api/ForkLock.h"
 #include "api/UniqueFd.h"
 
 namespace {
@@ -52,10 +53,26 @@ std::atomic<const std::string *> knownRunMode{nullptr};
 std::atomic<bool> runModeUnsetAtStart{false};
 static_assert(std::is_trivially_destructible_v<Mutex>);
 
-// Another thread of the parent may have had it, and would never give it back in the child.
-void FreeInChild() { new (&environmentMutex) Mutex; }
+// A fork waits for a thread that has the mutex: that one may be inside tzset(3) or setenv(3) with a lock of the C
+// library, which nobody would give back in the child.
+__thread bool forkHolds = false;
 
-__attribute__((constructor)) void WatchForks() { pthread_atfork(nullptr, nullptr, FreeInChild); }
+void HoldForFork() NO_THREAD_SAFETY_ANALYSIS { forkHolds = LockForFork(environmentMutex); }
+
+void ReleaseInParent() NO_THREAD_SAFETY_ANALYSIS {
+    if (forkHolds) {
+        environmentMutex.unlock();
+    }
+}
+
+void ReleaseInChild() NO_THREAD_SAFETY_ANALYSIS {
+    if (!forkHolds) {
+        new (&environmentMutex) Mutex;
+    }
+    ReleaseInParent();
+}
+
+__attribute__((constructor)) void WatchForks() { pthread_atfork(HoldForFork, ReleaseInParent, ReleaseInChild); }
 
 } // namespace
 
