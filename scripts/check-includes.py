@@ -15,6 +15,7 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 GROUND = {
     "api/Cancellation.h",
     "api/EnvManager.h",
+    "api/ForkLock.h",
     "api/HasSymbol.h",
     "api/Mutex.h",
     "api/ProcessObject.h",

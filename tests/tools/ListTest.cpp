@@ -204,7 +204,9 @@ TEST_P(CrossedTest, PipeThatBothSidesOpenInServerModeIsToldFromALivingOne) {
     EXPECT_THAT(doctor.out, HasSubstr("'" + earlier + "' and '" + later +
                                       "' have both opened their pipe in server "
                                       "mode"));
-    EXPECT_THAT(doctor.out, Not(HasSubstr("let only one process serve under a name")));
+    // Other tests may have a FIFO that was replaced, as this pipe has, for which that is no finding of its own.
+    EXPECT_THAT(doctor.out, Not(HasSubstr("reads the FIFO '" + earlier)));
+    EXPECT_THAT(doctor.out, Not(HasSubstr("reads the FIFO '" + later)));
 }
 
 INSTANTIATE_TEST_SUITE_P(OpenTimeOut, CrossedTest, testing::Values(0, 600000));
