@@ -14,6 +14,7 @@
 #include "RequestHooks.h"
 #include "support/FakeClock.h"
 #include "support/Faults.h"
+#include "support/Rounds.h"
 
 namespace tarvo_test {
 namespace {
@@ -254,7 +255,7 @@ TEST_F(PipeRequestTest, OtherRunModesKeepTheTimeout) {
 
 // Responses that arrive just as their callers give up: each call ends with its own answer or a time-out.
 TEST_F(PipeRequestTest, TimeoutEqualToTheServiceTimeNeverYieldsAWrongAnswer) {
-    const int rounds = StressRounds();
+    const int rounds = StressRounds(5000);
     int answered = 0;
     std::atomic<int> served{0};
     std::thread responder([&] {

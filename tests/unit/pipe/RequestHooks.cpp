@@ -2,7 +2,6 @@
 
 #include <dlfcn.h>
 
-#include <cstdlib>
 #include <mutex>
 
 #include "api/EnvManager.h"
@@ -11,8 +10,6 @@
 namespace tarvo_test {
 
 namespace {
-
-constexpr int DEFAULT_ROUNDS = 5000;
 
 // Never destroyed: the library may still ask while statics end.
 struct Hooks {
@@ -41,11 +38,6 @@ BeforeRemoveRequest::~BeforeRemoveRequest() {
 void SetRunMode(const std::string &mode) {
     const std::lock_guard<std::mutex> lock(State().mutex);
     State().runMode = mode;
-}
-
-int StressRounds() {
-    const char *const rounds = std::getenv("TARVO_STRESS_ROUNDS");
-    return rounds != nullptr ? std::atoi(rounds) : DEFAULT_ROUNDS;
 }
 
 } // namespace tarvo_test

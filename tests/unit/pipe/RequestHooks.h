@@ -20,9 +20,6 @@ public:
 // What the library takes for the run mode.
 void SetRunMode(const std::string &mode);
 
-// How often the stress test repeats itself: $TARVO_STRESS_ROUNDS, or what suits every run of the tests.
-int StressRounds();
-
 } // namespace tarvo_test
 
 #endif // TARVO_TESTS_PIPE_REQUESTHOOKS_H
