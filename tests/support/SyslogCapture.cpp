@@ -37,13 +37,11 @@ Log &TheLog() {
     return *log;
 }
 
-bool WantsPrint() {
-    static const bool wanted = [] {
-        const char *value = std::getenv("TARVO_TEST_LOG");
-        return value != nullptr && std::string_view(value) == "1";
-    }();
-    return wanted;
-}
+// Looked up before main: a test may change the environment while other threads log.
+const bool PRINTS_LINES = [] {
+    const char *value = std::getenv("TARVO_TEST_LOG");
+    return value != nullptr && std::string_view(value) == "1";
+}();
 
 void Record(int level, const std::string &text) {
     const LogLine line = ParseLogLine(level, text);
@@ -53,7 +51,7 @@ void Record(int level, const std::string &text) {
     if (log.recent.size() > RECENT_LINES) {
         log.recent.pop_front();
     }
-    if (WantsPrint()) {
+    if (PRINTS_LINES) {
         std::fprintf(stderr, "%s\n", log.recent.back().c_str());
     }
     for (const auto &store : log.captures) {
