@@ -11,35 +11,21 @@ import sys
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 
-# The units of src/api that stand below everything; the rest of that folder stands on top.
-GROUND = {
-    "api/Cancellation.h",
-    "api/EnvManager.h",
-    "api/ForkLock.h",
-    "api/HasSymbol.h",
-    "api/Mutex.h",
-    "api/ProcessObject.h",
-    "api/ProcessOwner.h",
-    "api/Semaphore.h",
-    "api/SharedMutex.h",
-    "api/SingletonProtector.h",
-    "api/UniqueFd.h",
-}
-
-# Folder: the folders below it.
+# Folder: the folders below it. src/base stands on nothing; all others may use it.
 BELOW = {
-    "ground": set(),
-    "diag": {"ground"},
-    "fifo": {"diag", "ground"},
-    "worker": {"diag", "ground"},
-    "pipe": {"fifo", "diag", "ground"},
-    "server": {"pipe", "fifo", "worker", "diag", "ground"},
-    "monitor": {"pipe", "worker", "fifo", "diag", "ground"},
-    "table": {"monitor", "pipe", "worker", "fifo", "diag", "ground"},
-    "api": {"table", "monitor", "server", "pipe", "worker", "fifo", "diag", "ground"},
+    "base": set(),
+    "diag": set(),
+    "fifo": {"diag"},
+    "worker": {"diag"},
+    "pipe": {"fifo", "diag"},
+    "server": {"pipe", "fifo", "worker", "diag"},
+    "monitor": {"pipe", "worker", "fifo", "diag"},
+    "table": {"monitor", "pipe", "worker", "fifo", "diag"},
+    "api": {"table", "monitor", "server", "pipe", "worker", "fifo", "diag"},
 }
 
-# Folder, or a single unit of it: the single units that it may include besides.
+# Single units that may be included from outside of their folder's place: by all, or by a folder or a unit of it.
+FOR_ALL = {"api/EnvManager.h"}
 EXTRA = {
     "fifo": {"api/tarvo_internal.h"},
     "pipe": {"worker/TarvoTask.h"},
@@ -47,9 +33,11 @@ EXTRA = {
     "server/PipeServer": {"api/TableFactory.h", "api/tarvo_internal.h", "table/TarvoTable.h"},
 }
 
-# Formats, limits and names that other processes rely on: nothing with a behaviour of its own.
+# Formats, limits and names that other processes rely on: nothing with a behaviour of its own. And the one owner of a
+# descriptor.
 WIRE = {
     "api/EnvManager.h",
+    "base/UniqueFd.h",
     "fifo/security_context.h",
     "pipe/MagicReceiver.h",
     "pipe/Message.h",
@@ -60,10 +48,7 @@ PUBLIC = {path.name for path in (ROOT / "include").iterdir()}
 INCLUDE = re.compile(r'^\s*#\s*include\s*"([^"]+)"')
 
 
-def layer_of(unit):
-    """The layer of a path below src/: its folder, with the ground set apart."""
-    if unit in GROUND or unit.rsplit(".", 1)[0] + ".h" in GROUND:
-        return "ground"
+def folder_of(unit):
     return unit.split("/", 1)[0]
 
 
@@ -73,12 +58,12 @@ def fault_of(unit, included):
         return None
     if not (ROOT / "src" / included).is_file():
         return "no such file below src/; includes are written from there"
-    layer, target = layer_of(unit), layer_of(included)
-    if target == layer or target in BELOW[layer]:
+    folder, target = folder_of(unit), folder_of(included)
+    if target in {folder, "base"} | BELOW[folder]:
         return None
-    if included in EXTRA.get(layer, set()) | EXTRA.get(unit.rsplit(".", 1)[0], set()):
+    if folder != "base" and included in FOR_ALL | EXTRA.get(folder, set()) | EXTRA.get(unit.rsplit(".", 1)[0], set()):
         return None
-    return f"{layer} may not include {target}"
+    return f"{folder} may not include {target}"
 
 
 def public_fault_of(included):
@@ -112,7 +97,7 @@ def main():
         sys.exit("no sources found")
     for path in sources:
         unit = path.relative_to(ROOT / "src").as_posix()
-        if layer_of(unit) not in BELOW:
+        if folder_of(unit) not in BELOW:
             sys.exit(f"src/{unit}: folder unknown to {sys.argv[0]}")
         faults += check(path, lambda included, unit=unit: fault_of(unit, included))
     for path in sorted((ROOT / "include").glob("*.h*")):

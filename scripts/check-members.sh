@@ -8,7 +8,7 @@ usage() {
 Usage: scripts/check-members.sh LIBRARY [LIST]
 
 Fails unless every member in LIST (default: abi/members.list) has a symbol in LIBRARY. A member that is defined in its
-class has none when every call of it is inlined: mark it HAS_SYMBOL (src/api/HasSymbol.h), or define it in its source.
+class has none when every call of it is inlined: mark it HAS_SYMBOL (src/base/HasSymbol.h), or define it in its source.
 $NM names the program that prints symbols (default: nm).
 TEXT
 }

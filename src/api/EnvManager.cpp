@@ -13,8 +13,8 @@
 #include <new>
 #include <type_traits>
 
-#include "api/ForkLock.h"
-#include "api/UniqueFd.h"
+#include "base/ForkLock.h"
+#include "base/UniqueFd.h"
 
 namespace {
 

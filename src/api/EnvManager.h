@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <string>
 
-#include "api/Mutex.h"
+#include "base/Mutex.h"
 
 // Answers what depends on the process and the build: its name, the FIFO directories, the domain and the run mode.
 // Owns: the process name and the cached run mode, for the life of the process. Threads: any. Locks: Instance() guards

@@ -2,8 +2,8 @@
 
 #include <unistd.h>
 
-#include "api/Cancellation.h"
-#include "api/ProcessObject.h"
+#include "base/Cancellation.h"
+#include "base/ProcessObject.h"
 #include "table/TarvoTable.h"
 #include "worker/CallbackPool.h"
 #include "worker/WorkerPool.h"

@@ -6,10 +6,10 @@
 #include <memory>
 #include <string>
 
-#include "api/NoThrow.h"
-#include "api/ProcessOwner.h"
 #include "api/TableFactory.h"
 #include "api/tarvo_check.h"
+#include "base/NoThrow.h"
+#include "base/ProcessOwner.h"
 #include "diag/velm_syslog.h"
 #include "pipe/TarvoPipeImpl.h"
 #include "server/PipeServer.h"

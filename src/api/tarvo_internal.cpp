@@ -2,10 +2,10 @@
 #include <memory>
 
 #include "api/EnvManager.h"
-#include "api/NoThrow.h"
-#include "api/ProcessOwner.h"
 #include "api/TableFactory.h"
 #include "api/tarvo_check.h"
+#include "base/NoThrow.h"
+#include "base/ProcessOwner.h"
 #include "diag/velm_syslog.h"
 #include "table/TarvoTable.h"
 #include "tarvo.h"

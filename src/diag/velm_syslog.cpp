@@ -14,9 +14,9 @@
 #include <type_traits>
 
 #include "api/EnvManager.h"
-#include "api/ForkLock.h"
-#include "api/ProcessObject.h"
-#include "diag/bounded.h"
+#include "base/ForkLock.h"
+#include "base/ProcessObject.h"
+#include "base/bounded.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <memory>
 #include <unordered_map>
 
-#include "api/Mutex.h"
+#include "base/Mutex.h"
 
 // What a line is about; selects its label. The restrained types are limited to one line per call site and thread in
 // 600 seconds.

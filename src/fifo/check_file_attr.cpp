@@ -2,7 +2,7 @@
 
 #include <cerrno>
 
-#include "diag/bounded.h"
+#include "base/bounded.h"
 #include "diag/velm_syslog.h"
 
 namespace {

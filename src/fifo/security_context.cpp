@@ -9,7 +9,7 @@
 #include <initializer_list>
 #include <string_view>
 
-#include "diag/bounded.h"
+#include "base/bounded.h"
 
 namespace {
 

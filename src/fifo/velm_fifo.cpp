@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <ctime>
 
-#include "api/Cancellation.h"
+#include "base/Cancellation.h"
 #include "diag/velm_syslog.h"
 #include "fifo/check_file_attr.h"
 #include "fifo/fifo_label.h"

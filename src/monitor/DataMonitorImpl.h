@@ -7,7 +7,7 @@
 #include <map>
 #include <memory>
 
-#include "api/SharedMutex.h"
+#include "base/SharedMutex.h"
 #include "pipe/TarvoPipeImpl.h"
 #include "pipe/TimeRecords.h"
 #include "tarvo.h"

@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "api/HasSymbol.h"
+#include "base/HasSymbol.h"
 #include "tarvo.h"
 
 // The head on the wire, in host byte order.

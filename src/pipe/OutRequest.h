@@ -6,7 +6,7 @@
 #include <memory>
 #include <utility>
 
-#include "api/Semaphore.h"
+#include "base/Semaphore.h"
 #include "tarvo.h"
 
 class TarvoPipeImpl;

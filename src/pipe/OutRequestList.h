@@ -6,7 +6,7 @@
 #include <memory>
 #include <vector>
 
-#include "api/Mutex.h"
+#include "base/Mutex.h"
 #include "pipe/OutRequest.h"
 
 // The requests of one pipe that wait for their responses, in the order in which they were made.

@@ -15,9 +15,9 @@
 #include <optional>
 #include <string>
 
-#include "api/HasSymbol.h"
-#include "api/Mutex.h"
-#include "api/SharedMutex.h"
+#include "base/HasSymbol.h"
+#include "base/Mutex.h"
+#include "base/SharedMutex.h"
 #include "diag/run_time_record.h"
 #include "pipe/MagicReceiver.h"
 #include "pipe/Message.h"

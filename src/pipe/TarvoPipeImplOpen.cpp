@@ -9,7 +9,7 @@
 #include <cstring>
 #include <thread>
 
-#include "api/Cancellation.h"
+#include "base/Cancellation.h"
 #include "diag/run_time_record.h"
 #include "diag/velm_syslog.h"
 #include "fifo/velm_fifo.h"

@@ -4,7 +4,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "diag/bounded.h"
+#include "base/bounded.h"
 #include "diag/run_time_record.h"
 #include "diag/velm_syslog.h"
 #include "pipe/TarvoPipeImpl.h"

@@ -11,10 +11,10 @@
 #include <system_error>
 #include <utility>
 
-#include "api/Cancellation.h"
 #include "api/EnvManager.h"
-#include "api/ProcessObject.h"
 #include "api/TableFactory.h"
+#include "base/Cancellation.h"
+#include "base/ProcessObject.h"
 #include "diag/velm_syslog.h"
 #include "fifo/velm_fifo.h"
 #include "server/PipeServerMessage.h"

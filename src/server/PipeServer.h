@@ -9,7 +9,7 @@
 #include <set>
 #include <string>
 
-#include "api/Mutex.h"
+#include "base/Mutex.h"
 #include "pipe/MagicReceiver.h"
 #include "server/TerminateWatch.h"
 #include "tarvo.h"

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <new>
 
-#include "diag/bounded.h"
+#include "base/bounded.h"
 #include "diag/velm_syslog.h"
 #include "pipe/MagicReceiver.h"
 

@@ -10,7 +10,7 @@
 #include <new>
 
 #include "api/EnvManager.h"
-#include "diag/bounded.h"
+#include "base/bounded.h"
 #include "diag/velm_syslog.h"
 #include "server/PipeServer.h"
 #include "server/PipeServerMessage.h"

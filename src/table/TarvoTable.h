@@ -10,8 +10,8 @@
 #include <memory>
 #include <string>
 
-#include "api/Mutex.h"
-#include "api/SharedMutex.h"
+#include "base/Mutex.h"
+#include "base/SharedMutex.h"
 #include "pipe/PipeObserver.h"
 #include "pipe/TarvoPipeImpl.h"
 #include "tarvo.h"

@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-#include "api/Mutex.h"
+#include "base/Mutex.h"
 #include "tarvo.h"
 #include "worker/TarvoTask.h"
 #include "worker/Turnstile.h"

@@ -4,7 +4,7 @@
 #include <condition_variable>
 #include <thread>
 
-#include "api/Mutex.h"
+#include "base/Mutex.h"
 
 // Lets one thread at a time through a piece of work that destroys objects of the program on its way. No lock is held
 // meanwhile: what the program does in a destructor may be to ask for the same work, which would wait for itself.

@@ -4,7 +4,7 @@
 #include <atomic>
 #include <condition_variable>
 
-#include "api/Mutex.h"
+#include "base/Mutex.h"
 
 // Counts the threads inside, and can be shut for good so that somebody may wait until they have left. Unlike the shared
 // side of a lock it never makes anybody wait at the entrance: who comes too late is told so, which matters when those

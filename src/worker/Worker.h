@@ -8,8 +8,8 @@
 #include <memory>
 #include <string>
 
-#include "api/Mutex.h"
-#include "api/Semaphore.h"
+#include "base/Mutex.h"
+#include "base/Semaphore.h"
 #include "tarvo.h"
 #include "worker/TarvoTask.h"
 #include "worker/tarvo_thread.h"

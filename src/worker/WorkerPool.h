@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "api/Mutex.h"
-#include "api/SharedMutex.h"
+#include "base/Mutex.h"
+#include "base/SharedMutex.h"
 #include "worker/SoleRun.h"
 #include "worker/Worker.h"
 

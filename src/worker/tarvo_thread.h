@@ -5,7 +5,7 @@
 #include <thread>
 #include <utility>
 
-#include "api/HasSymbol.h"
+#include "base/HasSymbol.h"
 #include "tarvo.h"
 
 // Holds one thread of the library and maps a TarvoPriority onto its scheduling.

@@ -9,12 +9,12 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
+#include "base/UniqueFd.h"
 #include "shared/Command.h"
 #include "shared/ExitCode.h"
 #include "shared/FifoFiles.h"
 #include "shared/Ids.h"
 #include "shared/Output.h"
-#include "shared/UniqueFd.h"
 
 namespace tarvoctl {
 namespace {

@@ -11,7 +11,7 @@
 #include <cstring>
 #include <fstream>
 
-#include "shared/UniqueFd.h"
+#include "base/UniqueFd.h"
 
 namespace tarvoctl {
 namespace {

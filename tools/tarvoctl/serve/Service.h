@@ -10,9 +10,9 @@
 #include <mutex>
 #include <string>
 
+#include "base/UniqueFd.h"
 #include "serve/Responder.h"
 #include "shared/ServerFile.h"
-#include "shared/UniqueFd.h"
 #include "tarvo.h"
 
 namespace tarvoctl {

@@ -5,9 +5,9 @@
 #include <chrono>
 #include <string>
 
+#include "base/UniqueFd.h"
 #include "shared/Duration.h"
 #include "shared/Interrupt.h"
-#include "shared/UniqueFd.h"
 
 namespace tarvoctl {
 

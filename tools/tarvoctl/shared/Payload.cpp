@@ -9,12 +9,12 @@
 #include <cstring>
 #include <nlohmann/json.hpp>
 
+#include "base/UniqueFd.h"
 #include "pipe/Message.h"
 #include "shared/CommandLine.h"
 #include "shared/ExitCode.h"
 #include "shared/Interrupt.h"
 #include "shared/Output.h"
-#include "shared/UniqueFd.h"
 
 namespace tarvoctl {
 namespace {

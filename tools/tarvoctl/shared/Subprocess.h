@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "shared/UniqueFd.h"
+#include "base/UniqueFd.h"
 
 namespace tarvoctl {
 

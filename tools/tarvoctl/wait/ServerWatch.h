@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "shared/UniqueFd.h"
+#include "base/UniqueFd.h"
 
 namespace tarvoctl {
 

@@ -1,5 +1,5 @@
-#ifndef TARVO_API_PROCESSOBJECT_H
-#define TARVO_API_PROCESSOBJECT_H
+#ifndef TARVO_BASE_PROCESSOBJECT_H
+#define TARVO_BASE_PROCESSOBJECT_H
 
 #include <pthread.h>
 
@@ -9,10 +9,10 @@
 #include <new>
 #include <utility>
 
-#include "api/ForkLock.h"
-#include "api/Mutex.h"
-#include "api/ProcessOwner.h"
-#include "api/SingletonProtector.h"
+#include "base/ForkLock.h"
+#include "base/Mutex.h"
+#include "base/ProcessOwner.h"
+#include "base/SingletonProtector.h"
 
 // An object of which a process has one, with its protector: made on first use, handed out until process exit begins,
 // and never to a child of the process that the library's threads and files belong to. A child forked before there were
@@ -117,4 +117,4 @@ private:
     static inline __thread bool forkHolds = false;
 };
 
-#endif // TARVO_API_PROCESSOBJECT_H
+#endif // TARVO_BASE_PROCESSOBJECT_H

@@ -1,4 +1,4 @@
-#include "api/Cancellation.h"
+#include "base/Cancellation.h"
 
 namespace tarvo_cancellation {
 

@@ -1,4 +1,4 @@
-#include "api/SharedMutex.h"
+#include "base/SharedMutex.h"
 
 #include <pthread.h>
 

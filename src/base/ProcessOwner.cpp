@@ -1,4 +1,4 @@
-#include "api/ProcessOwner.h"
+#include "base/ProcessOwner.h"
 
 #include <pthread.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "diag/bounded.h"
+#include "base/bounded.h"
 
 #include <gtest/gtest.h>
 

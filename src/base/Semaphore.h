@@ -1,5 +1,5 @@
-#ifndef TARVO_API_SEMAPHORE_H
-#define TARVO_API_SEMAPHORE_H
+#ifndef TARVO_BASE_SEMAPHORE_H
+#define TARVO_BASE_SEMAPHORE_H
 
 #include <semaphore.h>
 
@@ -95,4 +95,4 @@ private:
     sem_t sleeper;
 };
 
-#endif // TARVO_API_SEMAPHORE_H
+#endif // TARVO_BASE_SEMAPHORE_H

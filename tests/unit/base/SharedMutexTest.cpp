@@ -1,5 +1,5 @@
 // The reader-writer lock that every message takes: who waits for whom, and that nobody is forgotten.
-#include "api/SharedMutex.h"
+#include "base/SharedMutex.h"
 
 #include <gtest/gtest.h>
 #include <pthread.h>

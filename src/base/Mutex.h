@@ -1,7 +1,7 @@
 // The standard mutexes with clang's capability attributes, so that a build with -Wthread-safety proves that every
 // guarded field is only touched under its lock. Elsewhere the attributes vanish.
-#ifndef TARVO_API_MUTEX_H
-#define TARVO_API_MUTEX_H
+#ifndef TARVO_BASE_MUTEX_H
+#define TARVO_BASE_MUTEX_H
 
 #include <mutex>
 
@@ -49,4 +49,4 @@ private:
     std::unique_lock<std::mutex> lock_;
 };
 
-#endif // TARVO_API_MUTEX_H
+#endif // TARVO_BASE_MUTEX_H

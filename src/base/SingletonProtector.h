@@ -1,9 +1,9 @@
-#ifndef TARVO_API_SINGLETONPROTECTOR_H
-#define TARVO_API_SINGLETONPROTECTOR_H
+#ifndef TARVO_BASE_SINGLETONPROTECTOR_H
+#define TARVO_BASE_SINGLETONPROTECTOR_H
 
 #include <memory>
 
-#include "api/SharedMutex.h"
+#include "base/SharedMutex.h"
 
 // Guards a process-wide object so that callers during process exit get an empty reference instead of a dangling one.
 // Owns: nothing (a weak reference). Threads: any. Locks: `lock` orders `alive` against readers. Ends: never
@@ -39,4 +39,4 @@ private:
     SharedMutex lock;
 };
 
-#endif // TARVO_API_SINGLETONPROTECTOR_H
+#endif // TARVO_BASE_SINGLETONPROTECTOR_H

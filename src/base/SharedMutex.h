@@ -1,5 +1,5 @@
-#ifndef TARVO_API_SHAREDMUTEX_H
-#define TARVO_API_SHAREDMUTEX_H
+#ifndef TARVO_BASE_SHAREDMUTEX_H
+#define TARVO_BASE_SHAREDMUTEX_H
 
 #include <atomic>
 #include <condition_variable>
@@ -7,7 +7,7 @@
 #include <mutex>
 #include <shared_mutex>
 
-#include "api/Mutex.h"
+#include "base/Mutex.h"
 
 // A reader-writer lock for what every message reads, and what is written only when a pipe or the process comes or goes.
 // A reader comes and goes with one addition each, compiled into its caller: a message takes the shared side five times,
@@ -77,4 +77,4 @@ private:
     std::shared_lock<SharedMutex> lock_;
 };
 
-#endif // TARVO_API_SHAREDMUTEX_H
+#endif // TARVO_BASE_SHAREDMUTEX_H

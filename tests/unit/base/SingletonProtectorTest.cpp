@@ -1,4 +1,4 @@
-#include "api/SingletonProtector.h"
+#include "base/SingletonProtector.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>

@@ -1,8 +1,8 @@
 // Where a thread that is inside the library may be cancelled (pthreads(7)): only where it waits without a lock that
 // others need and without a descriptor that only it knows of. Everywhere else there are dozens of cancellation points,
 // each log line among them.
-#ifndef TARVO_API_CANCELLATION_H
-#define TARVO_API_CANCELLATION_H
+#ifndef TARVO_BASE_CANCELLATION_H
+#define TARVO_BASE_CANCELLATION_H
 
 #include <pthread.h>
 
@@ -67,4 +67,4 @@ private:
     const int callersState;
 };
 
-#endif // TARVO_API_CANCELLATION_H
+#endif // TARVO_BASE_CANCELLATION_H

@@ -1,5 +1,5 @@
-#ifndef TARVO_API_PROCESSOWNER_H
-#define TARVO_API_PROCESSOWNER_H
+#ifndef TARVO_BASE_PROCESSOWNER_H
+#define TARVO_BASE_PROCESSOWNER_H
 
 #include <sys/types.h>
 
@@ -32,4 +32,4 @@ private:
     static std::atomic<pid_t> owner;
 };
 
-#endif // TARVO_API_PROCESSOWNER_H
+#endif // TARVO_BASE_PROCESSOWNER_H

@@ -1,13 +1,12 @@
-#ifndef TARVO_TARVOCTL_UNIQUEFD_H
-#define TARVO_TARVOCTL_UNIQUEFD_H
+#ifndef TARVO_BASE_UNIQUEFD_H
+#define TARVO_BASE_UNIQUEFD_H
 
 #include <unistd.h>
 
 #include <utility>
 
-namespace tarvoctl {
-
-// Owns: a descriptor, or none (-1). Threads: one. Locks: none. Ends: closes it.
+// Closes a descriptor when its owner goes, also by an exception or by the cancellation of the thread.
+// Owns: the descriptor, or none (-1). Threads: one. Locks: none. Ends: at any time.
 class UniqueFd {
 public:
     explicit UniqueFd(int owned = -1) : fd(owned) {}
@@ -32,6 +31,4 @@ private:
     int fd;
 };
 
-} // namespace tarvoctl
-
-#endif // TARVO_TARVOCTL_UNIQUEFD_H
+#endif // TARVO_BASE_UNIQUEFD_H

@@ -1,12 +1,12 @@
-#ifndef TARVO_API_NOTHROW_H
-#define TARVO_API_NOTHROW_H
+#ifndef TARVO_BASE_NOTHROW_H
+#define TARVO_BASE_NOTHROW_H
 
 #include <cerrno>
 #include <exception>
 #include <new>
 #include <system_error>
 
-#include "api/Cancellation.h"
+#include "base/Cancellation.h"
 
 // The result code of the exception that is being handled.
 inline int CodeOfException() {
@@ -39,4 +39,4 @@ int NoThrow(Body &&body) {
     }
 }
 
-#endif // TARVO_API_NOTHROW_H
+#endif // TARVO_BASE_NOTHROW_H

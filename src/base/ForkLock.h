@@ -1,11 +1,11 @@
-#ifndef TARVO_API_FORKLOCK_H
-#define TARVO_API_FORKLOCK_H
+#ifndef TARVO_BASE_FORKLOCK_H
+#define TARVO_BASE_FORKLOCK_H
 
 #include <pthread.h>
 
 #include <ctime>
 
-#include "api/Mutex.h"
+#include "base/Mutex.h"
 
 // How long a fork waits for what another thread is doing, whose locks nobody would give back in the child.
 constexpr int LONGEST_FORK_WAIT_SECONDS = 5;
@@ -18,4 +18,4 @@ inline bool LockForFork(Mutex &mutex) {
     return pthread_mutex_clocklock(mutex.native_handle(), CLOCK_MONOTONIC, &until) == 0;
 }
 
-#endif // TARVO_API_FORKLOCK_H
+#endif // TARVO_BASE_FORKLOCK_H

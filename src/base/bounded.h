@@ -1,8 +1,8 @@
 // The bounded memory and string functions of C11 Annex K, which glibc lacks. 0 (the formatters: the length) on success;
 // EINVAL or ERANGE (the formatters: -1, also when more than `count` characters would be written) on failure, with an
 // emptied string where the destination is a string. On a platform that has the functions, its own are used.
-#ifndef TARVO_DIAG_BOUNDED_H
-#define TARVO_DIAG_BOUNDED_H
+#ifndef TARVO_BASE_BOUNDED_H
+#define TARVO_BASE_BOUNDED_H
 
 #include <cerrno>
 #include <cstdarg>
@@ -94,4 +94,4 @@ __attribute__((format(printf, 4, 5))) inline int snprintf_s(char *dest, std::siz
 
 #endif
 
-#endif // TARVO_DIAG_BOUNDED_H
+#endif // TARVO_BASE_BOUNDED_H
