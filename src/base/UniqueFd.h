@@ -5,7 +5,7 @@
 
 #include <utility>
 
-// Closes a descriptor when its owner goes, also by an exception or by the cancellation of the thread.
+// Closes a descriptor, once, when its owner goes, also by an exception or by the cancellation of the thread.
 // Owns: the descriptor, or none (-1). Threads: one. Locks: none. Ends: at any time.
 class UniqueFd {
 public:
@@ -20,12 +20,11 @@ public:
     UniqueFd &operator=(const UniqueFd &) = delete;
 
     int Get() const { return fd; }
-    void Reset() {
-        if (fd >= 0) {
-            close(fd);
-        }
-        fd = -1;
-    }
+    // The descriptor, which from now on is the caller's to close.
+    int Release() { return std::exchange(fd, -1); }
+    // Closes it now, for whoever reports that: what close(2) returns, or 0 when there is none. It is gone either way.
+    int Close() { return fd >= 0 ? close(Release()) : 0; }
+    void Reset() { Close(); }
 
 private:
     int fd;

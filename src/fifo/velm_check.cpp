@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/UniqueFd.h"
 #include "diag/velm_syslog.h"
 
 namespace {
@@ -14,8 +15,8 @@ namespace {
 constexpr char LOG_TAG[] = "velm_check";
 constexpr std::size_t CHUNK_SIZE = 1024;
 
-void CloseConfigFile(int fd) {
-    const int ret = close(fd);
+void CloseConfigFile(UniqueFd &file) {
+    const int ret = file.Close();
     if (ret < 0) {
         TARVO_LOG_AS(LOG_TYPE_VELM, LOG_ERR, "Close Config file fail: ret=%d.", ret);
     }
@@ -100,13 +101,13 @@ int LoadFile(const std::string &path, std::stringstream &out) {
         TARVO_LOG_AS(LOG_TYPE_VELM, LOG_ERR, "Transfer RealPath fail err=%d.", ret);
         return ret;
     }
-    const int fd = open(resolved, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
+    UniqueFd file(open(resolved, O_RDONLY | O_CLOEXEC));
+    if (file.Get() < 0) {
         TARVO_LOG_AS(LOG_TYPE_VELM, LOG_ERR, "Open Config file %s failed.", path.c_str());
         return -1;
     }
-    const int loaded = LoadOpenFile(fd, out);
+    const int loaded = LoadOpenFile(file.Get(), out);
     // A file that was read whole stays loaded, whatever becomes of its descriptor.
-    CloseConfigFile(fd);
+    CloseConfigFile(file);
     return loaded;
 }

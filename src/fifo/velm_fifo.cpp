@@ -10,6 +10,7 @@
 #include <ctime>
 
 #include "base/Cancellation.h"
+#include "base/UniqueFd.h"
 #include "diag/velm_syslog.h"
 #include "fifo/check_file_attr.h"
 #include "fifo/fifo_label.h"
@@ -184,22 +185,22 @@ int OpenPublishedFifo(const std::string &name, int flags) {
         TARVO_LOG(LOG_ERR, "File %s(mode=%u) exists but is not fifo file.", name.c_str(), before.st_mode);
         return Verdict(EACCES);
     }
-    const int fd = OpenFifo(name, flags);
-    if (fd < 0) {
-        return fd;
+    UniqueFd fd(OpenFifo(name, flags));
+    if (fd.Get() < 0) {
+        return fd.Get();
     }
     struct stat opened {};
     struct stat after;
     // The FIFO may be replaced by a new one at any time, before the open or after it.
-    const bool isFifo = fstat(fd, &opened) == 0 && S_ISFIFO(opened.st_mode);
+    const bool isFifo = fstat(fd.Get(), &opened) == 0 && S_ISFIFO(opened.st_mode);
     if (isFifo && exists && IsSameFile(opened, before)) {
-        return fd;
+        return fd.Release();
     }
     const bool stillExists = GetFileState(name, after) == 0;
     if (isFifo && stillExists && IsSameFile(opened, after)) {
-        return fd;
+        return fd.Release();
     }
-    close(fd);
+    fd.Reset();
     if (stillExists && !S_ISFIFO(after.st_mode)) {
         TARVO_LOG(LOG_ERR, "File %s(mode=%u) exists but is not fifo file.", name.c_str(), after.st_mode);
         return Verdict(EACCES);

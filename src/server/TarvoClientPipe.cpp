@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "api/EnvManager.h"
+#include "base/UniqueFd.h"
 #include "diag/velm_syslog.h"
 #include "fifo/velm_fifo.h"
 #include "server/PipeServerMessage.h"
@@ -76,18 +77,18 @@ int TarvoClientPipe::Announce(int timeoutMs) {
         return ret;
     }
     AwaitLeftoversGone(timeoutMs);
-    const int fd = OpenServerMonitorPipe(name);
-    if (fd < 0) {
-        TARVO_LOG_RESTRAINED(LOG_ERR, "%s open monitor pipe %s failed, fd=%d, err=%d", myName.c_str(), name.c_str(), fd,
-                             errno);
-        return fd;
+    UniqueFd monitor(OpenServerMonitorPipe(name));
+    if (monitor.Get() < 0) {
+        TARVO_LOG_RESTRAINED(LOG_ERR, "%s open monitor pipe %s failed, fd=%d, err=%d", myName.c_str(), name.c_str(),
+                             monitor.Get(), errno);
+        return monitor.Get();
     }
     try {
-        ret = SendMsgToServer(fd);
+        ret = SendMsgToServer(monitor.Get());
     } catch (const std::bad_alloc &) {
         ret = -ENOMEM;
     }
-    close(fd);
+    monitor.Reset();
     if (ret != 0) {
         TARVO_LOG(LOG_ERR, "Send client name to server fail, ret = %d", ret);
         return ret;

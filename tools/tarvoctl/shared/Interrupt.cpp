@@ -31,34 +31,31 @@ Interrupt::Interrupt() {
         sigaddset(&signals, signo);
     }
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    requestFd = eventfd(0, EFD_CLOEXEC);
-    endFd = eventfd(0, EFD_CLOEXEC);
-    signalFd = signalfd(-1, &signals, SFD_CLOEXEC);
-    if (requestFd < 0 || endFd < 0 || signalFd < 0) {
+    requestFd = UniqueFd(eventfd(0, EFD_CLOEXEC));
+    endFd = UniqueFd(eventfd(0, EFD_CLOEXEC));
+    signalFd = UniqueFd(signalfd(-1, &signals, SFD_CLOEXEC));
+    if (requestFd.Get() < 0 || endFd.Get() < 0 || signalFd.Get() < 0) {
         throw std::system_error(errno, std::generic_category(), "no descriptor for signals");
     }
     watcher = std::thread([this] { Watch(); });
 }
 
 Interrupt::~Interrupt() {
-    Raise(endFd);
+    Raise(endFd.Get());
     watcher.join();
-    close(signalFd);
-    close(endFd);
-    close(requestFd);
 }
 
 void Interrupt::Watch() {
-    std::array<pollfd, 2> entries = {{{signalFd, POLLIN, 0}, {endFd, POLLIN, 0}}};
+    std::array<pollfd, 2> entries = {{{signalFd.Get(), POLLIN, 0}, {endFd.Get(), POLLIN, 0}}};
     while (entries[1].revents == 0) {
         if (poll(entries.data(), entries.size(), -1) < 0 || entries[0].revents == 0) {
             continue;
         }
         signalfd_siginfo info{};
-        if (read(signalFd, &info, sizeof(info)) != sizeof(info) || requested.exchange(true)) {
+        if (read(signalFd.Get(), &info, sizeof(info)) != sizeof(info) || requested.exchange(true)) {
             continue;
         }
-        Raise(requestFd);
+        Raise(requestFd.Get());
         const std::lock_guard<std::mutex> lock(mutex);
         if (onRequest) {
             onRequest();
@@ -68,7 +65,7 @@ void Interrupt::Watch() {
 
 bool Interrupt::WaitFor(std::chrono::microseconds duration) const {
     const auto end = std::chrono::steady_clock::now() + duration;
-    pollfd entry = {requestFd, POLLIN, 0};
+    pollfd entry = {requestFd.Get(), POLLIN, 0};
     while (!requested) {
         const auto left = end - std::chrono::steady_clock::now();
         if (left <= std::chrono::nanoseconds(0)) {
