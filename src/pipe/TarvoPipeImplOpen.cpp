@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "base/Cancellation.h"
+#include "base/UniqueFd.h"
 #include "diag/run_time_record.h"
 #include "diag/velm_syslog.h"
 #include "fifo/velm_fifo.h"
@@ -47,6 +48,7 @@ bool IsRealTimeThread() {
 }
 
 // Sleeps between attempts, each time twice as long up to a limit, until a time budget is used up.
+// Owns: nothing. Threads: the one that attempts. Locks: none. Ends: any time.
 class Backoff {
 public:
     // Below 1 ms the budget has no limit.
@@ -240,20 +242,21 @@ int TarvoPipeImpl::OpenReadFd() {
         TARVO_LOG(LOG_ERR, "set read name fail");
         return -EINVAL;
     }
-    const int fd = CreateAndOpenFifo(readFifoName, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) {
-        return fd;
+    UniqueFd readEnd(CreateAndOpenFifo(readFifoName, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    if (readEnd.Get() < 0) {
+        return readEnd.Get();
     }
     MutexLock lock(writeFdMutex);
     if (IsClosing()) {
         // Closed while it was being opened: nobody would close this descriptor or remove the files any more.
-        close(fd);
+        readEnd.Reset();
         if (mode == TARVO_MODE_SERVER) {
             UnlinkFd(readFifoName);
             UnlinkFd(writeFifoName);
         }
         return -ECANCELED;
     }
+    const int fd = readEnd.Release();
     readFd = fd;
     return fd;
 }

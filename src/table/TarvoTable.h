@@ -12,10 +12,10 @@
 
 #include "base/Mutex.h"
 #include "base/SharedMutex.h"
+#include "base/SoleRun.h"
 #include "pipe/PipeObserver.h"
 #include "pipe/TarvoPipeImpl.h"
 #include "tarvo.h"
-#include "worker/SoleRun.h"
 
 class CallbackPool;
 class DataMonitorImpl;

@@ -8,9 +8,9 @@
 #include <string>
 
 #include "base/Mutex.h"
+#include "base/Turnstile.h"
 #include "tarvo.h"
 #include "worker/TarvoTask.h"
-#include "worker/Turnstile.h"
 #include "worker/WorkerPool.h"
 
 // The one way in which the library runs user callbacks: one after another under a name, or each on any free worker.

@@ -12,7 +12,7 @@
 
 #include "base/Mutex.h"
 #include "base/SharedMutex.h"
-#include "worker/SoleRun.h"
+#include "base/SoleRun.h"
 #include "worker/Worker.h"
 
 class WorkerPoolState;

@@ -1,5 +1,5 @@
 // How submitters are turned away at the end, and how the end itself runs once.
-#include "worker/Turnstile.h"
+#include "base/Turnstile.h"
 
 #include <gtest/gtest.h>
 
@@ -9,9 +9,9 @@
 #include <optional>
 #include <vector>
 
-#include "WorkerTestKit.h"
+#include "base/SoleRun.h"
 #include "support/LeakCheck.h"
-#include "worker/SoleRun.h"
+#include "unit/worker/WorkerTestKit.h"
 
 using namespace tarvo_test;
 using namespace worker_test;

@@ -1,5 +1,5 @@
-#ifndef TARVO_WORKER_SOLERUN_H
-#define TARVO_WORKER_SOLERUN_H
+#ifndef TARVO_BASE_SOLERUN_H
+#define TARVO_BASE_SOLERUN_H
 
 #include <condition_variable>
 #include <thread>
@@ -44,4 +44,4 @@ private:
     std::thread::id inside GUARDED_BY(mutex);
 };
 
-#endif // TARVO_WORKER_SOLERUN_H
+#endif // TARVO_BASE_SOLERUN_H

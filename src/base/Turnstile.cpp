@@ -1,4 +1,4 @@
-#include "worker/Turnstile.h"
+#include "base/Turnstile.h"
 
 void Turnstile::AwaitEmpty() {
     MutexLock lock(mutex);

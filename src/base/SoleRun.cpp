@@ -1,4 +1,4 @@
-#include "worker/SoleRun.h"
+#include "base/SoleRun.h"
 
 bool SoleRun::Begin() {
     const std::thread::id self = std::this_thread::get_id();

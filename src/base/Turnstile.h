@@ -1,5 +1,5 @@
-#ifndef TARVO_WORKER_TURNSTILE_H
-#define TARVO_WORKER_TURNSTILE_H
+#ifndef TARVO_BASE_TURNSTILE_H
+#define TARVO_BASE_TURNSTILE_H
 
 #include <atomic>
 #include <condition_variable>
@@ -64,4 +64,4 @@ private:
     std::condition_variable empty;
 };
 
-#endif // TARVO_WORKER_TURNSTILE_H
+#endif // TARVO_BASE_TURNSTILE_H
