@@ -26,6 +26,8 @@ bool IsEmpty(const Block *block) {
 
 // A synchronous call whose request is registered with its pipe: sees to it that the pipe does not write into the
 // caller's response any more when the call ends without one, however it ends.
+// Owns: the registration, not what it refers to. Threads: the caller's. Locks: none. Ends: before the request, the pipe
+// and the caller's response.
 class PendingCall {
 public:
     // `callReq` is the call's own: the caller's may be given to another call meanwhile, and then holds that one's id.

@@ -26,6 +26,7 @@
 #define RETURN_CAPABILITY(x) TARVO_THREAD_ATTRIBUTE(lock_returned(x))
 #define NO_THREAD_SAFETY_ANALYSIS TARVO_THREAD_ATTRIBUTE(no_thread_safety_analysis)
 
+// std::mutex that the analysis knows. Owns: nothing. Threads: any. Locks: itself. Ends: when nobody holds it.
 class CAPABILITY("mutex") Mutex : public std::mutex {
 public:
     void lock() ACQUIRE() { std::mutex::lock(); }
@@ -34,6 +35,7 @@ public:
 
 // Holds a Mutex for its own lifetime. The underlying std::unique_lock is there for condition variables, which release
 // and retake the mutex behind the analysis's back and leave it held as before.
+// Owns: the locked state of the mutex. Threads: its own. Locks: the given one. Ends: by unlocking.
 class SCOPED_CAPABILITY MutexLock {
 public:
     explicit MutexLock(Mutex &mutex) ACQUIRE(mutex) : lock_(mutex) {}

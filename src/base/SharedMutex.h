@@ -53,6 +53,7 @@ private:
     std::condition_variable idle;
 };
 
+// Holds the exclusive side for its own lifetime. Owns, Threads, Locks, Ends: as MutexLock.
 class SCOPED_CAPABILITY WriteLock {
 public:
     explicit WriteLock(SharedMutex &mutex) ACQUIRE(mutex) : lock_(mutex) {}
@@ -66,6 +67,7 @@ private:
     std::unique_lock<SharedMutex> lock_;
 };
 
+// Holds the shared side for its own lifetime. Owns, Threads, Locks, Ends: as MutexLock.
 class SCOPED_CAPABILITY ReadLock {
 public:
     explicit ReadLock(SharedMutex &mutex) ACQUIRE_SHARED(mutex) : lock_(mutex) {}

@@ -12,6 +12,8 @@
 class TarvoPipeImpl;
 
 // One outstanding request of a pipe, as its list sees it.
+// Owns: nothing. Threads: one caller waits, any may end the wait. Locks: none of its own; the pipe's out-request mutex
+// is held while it is given its response. Ends: by the last of the pipe's list, the caller and whoever ends the wait.
 class OutRequest {
 public:
     explicit OutRequest(uint32_t requestId) : id(requestId) {}
@@ -69,7 +71,8 @@ private:
 };
 
 // A request whose response goes into a block of the caller.
-// Owns: nothing; points to the caller's response, which must outlive the request's stay in the pipe's list.
+// Owns: nothing; points to the caller's response. Threads, Locks: as OutTimedRequest. Ends: as OutTimedRequest, and the
+// response not before the request has left the pipe's list.
 class OutSyncTimedRequest : public OutTimedRequest {
 public:
     OutSyncTimedRequest(std::shared_ptr<TarvoPipeImpl> owner, uint32_t requestId, TarvoResponse &rsp, int timeoutMs);

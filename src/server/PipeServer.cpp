@@ -28,6 +28,7 @@ constexpr int MAX_STARTS_OVER = 3;
 
 // The server together with the table that it refers to: a caller that still holds the server while the process exits
 // keeps both alive.
+// Owns: the server, and a reference to the table. Threads: any. Locks: none of its own. Ends: the server first.
 struct ServerWithTable {
     explicit ServerWithTable(std::shared_ptr<TarvoTable> pipeTable) : table(std::move(pipeTable)), server(*table) {}
 

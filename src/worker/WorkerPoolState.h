@@ -33,14 +33,15 @@ public:
     void StopEvent(WorkerPool &) const override {}
 };
 
-// Nothing is allocated. A release is ignored on purpose: there is nothing it could give back.
+// Nothing is allocated. A release is ignored on purpose: there is nothing it could give back. Owns, Threads, Locks,
+// Ends: as WorkerPoolState.
 class PoolIdleState : public WorkerPoolStateTemplate<PoolIdleState> {
 public:
     int GetSlotEvent(WorkerPool &pool, unsigned limit) const override REQUIRES(pool.StateMutex());
     void StopEvent(WorkerPool &pool) const override REQUIRES(pool.StateMutex());
 };
 
-// Some slot is allocated.
+// Some slot is allocated. Owns, Threads, Locks, Ends: as WorkerPoolState.
 class PoolWorkingState : public WorkerPoolStateTemplate<PoolWorkingState> {
 public:
     int GetSlotEvent(WorkerPool &pool, unsigned limit) const override REQUIRES(pool.StateMutex());
@@ -48,7 +49,7 @@ public:
     void StopEvent(WorkerPool &pool) const override REQUIRES(pool.StateMutex());
 };
 
-// Destroy has begun; final.
+// Destroy has begun; final. Owns, Threads, Locks, Ends: as WorkerPoolState.
 class PoolStoppingState : public WorkerPoolStateTemplate<PoolStoppingState> {
 public:
     void FreeSlotEvent(WorkerPool &pool, unsigned slot) const override REQUIRES(pool.StateMutex());
