@@ -14,6 +14,7 @@
 #include <type_traits>
 
 #include "base/ForkLock.h"
+#include "base/LockOrder.h"
 #include "base/UniqueFd.h"
 
 namespace {
@@ -45,7 +46,7 @@ bool Contains(const std::string &text, const char *part) { return text.find(part
 
 // All of these exist before any code runs, for the first log line of a process that has no memory left, and never end,
 // since threads may still ask while statics die.
-Mutex environmentMutex;
+Mutex environmentMutex ACQUIRED_AFTER(lock_order::logging);
 std::atomic<bool> procNameResolved{false};
 // Set once, to a string that is never freed, when the mode is final: later readers need no lock.
 std::atomic<const std::string *> knownRunMode{nullptr};

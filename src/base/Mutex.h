@@ -22,6 +22,7 @@
 #define RELEASE(...) TARVO_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
 #define RELEASE_SHARED(...) TARVO_THREAD_ATTRIBUTE(release_shared_capability(__VA_ARGS__))
 #define RELEASE_GENERIC(...) TARVO_THREAD_ATTRIBUTE(release_generic_capability(__VA_ARGS__))
+#define ACQUIRED_AFTER(...) TARVO_THREAD_ATTRIBUTE(acquired_after(__VA_ARGS__))
 #define ACQUIRED_BEFORE(...) TARVO_THREAD_ATTRIBUTE(acquired_before(__VA_ARGS__))
 #define RETURN_CAPABILITY(x) TARVO_THREAD_ATTRIBUTE(lock_returned(x))
 #define NO_THREAD_SAFETY_ANALYSIS TARVO_THREAD_ATTRIBUTE(no_thread_safety_analysis)

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "base/ForkLock.h"
+#include "base/LockOrder.h"
 #include "base/Mutex.h"
 #include "base/ProcessOwner.h"
 #include "base/SingletonProtector.h"
@@ -110,7 +111,7 @@ private:
     static inline std::atomic<Slot *> current{nullptr};
     static inline Slot *forgotten = nullptr;
     static inline std::atomic<bool> ended{false};
-    static inline Mutex making;
+    static inline Mutex making ACQUIRED_AFTER(lock_order::logging);
     static inline bool registered GUARDED_BY(making) = false;
     // When the library is loaded: a fork may come while the first object is being made.
     static inline const bool watchesForks = pthread_atfork(HoldForFork, ReleaseInParent, ForgetParents) == 0;

@@ -3,6 +3,7 @@
 
 #include <memory>
 
+#include "base/LockOrder.h"
 #include "base/SharedMutex.h"
 
 // Guards a process-wide object so that callers during process exit get an empty reference instead of a dangling one.
@@ -36,7 +37,7 @@ public:
 private:
     bool alive GUARDED_BY(lock) = true;
     std::weak_ptr<T> instance;
-    SharedMutex lock;
+    SharedMutex lock ACQUIRED_AFTER(lock_order::logging);
 };
 
 #endif // TARVO_BASE_SINGLETONPROTECTOR_H

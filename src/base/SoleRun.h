@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <thread>
 
+#include "base/LockOrder.h"
 #include "base/Mutex.h"
 
 // Lets one thread at a time through a piece of work that destroys objects of the program on its way. No lock is held
@@ -38,7 +39,7 @@ private:
     bool Begin() EXCLUDES(mutex);
     void End() EXCLUDES(mutex);
 
-    Mutex mutex;
+    Mutex mutex ACQUIRED_AFTER(lock_order::leaves) ACQUIRED_BEFORE(lock_order::logging);
     std::condition_variable ended;
     // No thread's while nobody is inside.
     std::thread::id inside GUARDED_BY(mutex);

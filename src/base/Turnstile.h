@@ -4,6 +4,7 @@
 #include <atomic>
 #include <condition_variable>
 
+#include "base/LockOrder.h"
 #include "base/Mutex.h"
 
 // Counts the threads inside, and can be shut for good so that somebody may wait until they have left. Unlike the shared
@@ -60,7 +61,7 @@ private:
 
     std::atomic<int> inside{0};
     std::atomic<bool> shut{false};
-    Mutex mutex;
+    Mutex mutex ACQUIRED_AFTER(lock_order::leaves) ACQUIRED_BEFORE(lock_order::logging);
     std::condition_variable empty;
 };
 

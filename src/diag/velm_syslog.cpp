@@ -15,6 +15,7 @@
 
 #include "api/EnvManager.h"
 #include "base/ForkLock.h"
+#include "base/LockOrder.h"
 #include "base/ProcessObject.h"
 #include "base/bounded.h"
 
@@ -36,7 +37,7 @@ constexpr std::array<const char *, 8> LABELS = {"VELM", "TARVO", "FAULTEVENT", "
 
 // There before any code runs, for a first line that is written when memory has run out, and never destroyed, since
 // threads log while statics die.
-Mutex logMutex;
+Mutex logMutex ACQUIRED_AFTER(lock_order::logging);
 static_assert(std::is_trivially_destructible_v<Mutex>);
 
 // A fork waits for the line that is being written, since its child could wait for ever for what the writing thread
@@ -45,7 +46,7 @@ static_assert(std::is_trivially_destructible_v<Mutex>);
 //
 // Held during a fork, which is announced, so that threads which write line after line let it through: whoever gives a
 // mutex back and wants it again at once mostly has it before the thread that was woken for it.
-Mutex forkMutex;
+Mutex forkMutex ACQUIRED_AFTER(lock_order::logging);
 std::atomic<bool> forkComing{false};
 __thread bool forkHolds = false;
 __thread bool forkHoldsLog = false;

@@ -9,6 +9,7 @@
 #include <memory>
 #include <unordered_map>
 
+#include "base/LockOrder.h"
 #include "base/Mutex.h"
 
 // What a line is about; selects its label. The restrained types are limited to one line per call site and thread in
@@ -63,7 +64,7 @@ public:
 
 private:
     std::atomic<bool> destroyed{false};
-    Mutex tableMutex;
+    Mutex tableMutex ACQUIRED_AFTER(lock_order::logging);
     // Call-site hash to the wall-clock second of its last line.
     std::unordered_map<uint64_t, int64_t> printTable GUARDED_BY(tableMutex);
 };

@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 
+#include "base/LockOrder.h"
 #include "base/SharedMutex.h"
 #include "pipe/TarvoPipeImpl.h"
 #include "pipe/TimeRecords.h"
@@ -88,7 +89,7 @@ private:
     // Set with the first heartbeat pipe: nobody else asks when a wait returned, and reading the clock takes time.
     std::atomic<bool> timesEvents{false};
     TarvoThread recvThread;
-    SharedMutex mutex;
+    SharedMutex mutex ACQUIRED_AFTER(lock_order::monitor) ACQUIRED_BEFORE(lock_order::calls);
     Table table GUARDED_BY(mutex);
     // Counts registrations and removals. An epoll event carries nothing but the index of its pipe, and may be older
     // than the entry that the index finds: events of entries that are newer than the wait are looked at again.

@@ -6,6 +6,7 @@
 #include <memory>
 #include <vector>
 
+#include "base/LockOrder.h"
 #include "base/Mutex.h"
 #include "pipe/OutRequest.h"
 
@@ -37,7 +38,7 @@ private:
 
     Requests requests GUARDED_BY(mutex);
     bool valid GUARDED_BY(mutex) = false;
-    Mutex mutex;
+    Mutex mutex ACQUIRED_AFTER(lock_order::calls) ACQUIRED_BEFORE(lock_order::submission);
 };
 
 #endif // TARVO_PIPE_OUTREQUESTLIST_H

@@ -16,6 +16,7 @@
 #include <string>
 
 #include "base/HasSymbol.h"
+#include "base/LockOrder.h"
 #include "base/Mutex.h"
 #include "base/SharedMutex.h"
 #include "diag/run_time_record.h"
@@ -32,9 +33,9 @@ using DataMonitorType = int32_t;
 // One connection to a remote process: a FIFO that this side writes and one that it reads.
 // Owns: both descriptors and, in server mode, both FIFO files. Threads: any may open, send, call and close; HandleEvent
 // belongs to one receive monitor; callbacks run on workers. Locks, in this order: remoteCloseMutex, openMutex,
-// inRequestMutex, openingMutex, writeFdMutex, descriptorUse; openingMutex before those of the table and of the
-// monitors; outRequestMutex and writeFdMutex before the mutex of the request list; recordMutex alone. Ends: with the
-// last of its table entry, monitor entry, queued tasks and callers inside it; closes itself then.
+// inRequestMutex, openingMutex, the table's, writeFdMutex, descriptorUse, those of the monitors; outRequestMutex and
+// writeFdMutex before the mutex of the request list; recordMutex is a leaf. Ends: with the last of its table entry,
+// monitor entry, queued tasks and callers inside it; closes itself then.
 class TarvoPipeImpl : public MagicReceiver, public std::enable_shared_from_this<TarvoPipeImpl> {
 public:
     using ServiceHandler = std::function<void(int, TarvoRequest *)>;
@@ -212,8 +213,8 @@ private:
     // Held shared during a system call on one of the descriptors and exclusively between taking a descriptor out of
     // its field and closing it: a frame must never go into a file that another thread has just opened under the same
     // number.
-    SharedMutex descriptorUse;
-    Mutex writeFdMutex ACQUIRED_BEFORE(descriptorUse);
+    SharedMutex descriptorUse ACQUIRED_BEFORE(lock_order::monitors);
+    Mutex writeFdMutex ACQUIRED_AFTER(lock_order::descriptors) ACQUIRED_BEFORE(descriptorUse);
     // Notified, under writeFdMutex, when the write end is there, the pipe closes or is opened anew.
     std::condition_variable openingChanged;
     // Set under writeFdMutex.
@@ -221,7 +222,7 @@ private:
     std::timed_mutex openMutex;
     // Held while an opening begins and registers its read end, and while a remote close takes the registration back and
     // closes: what is registered is open, and what has ended does not take the next opening with it.
-    Mutex openingMutex ACQUIRED_BEFORE(writeFdMutex);
+    Mutex openingMutex ACQUIRED_BEFORE(lock_order::table, writeFdMutex);
     // Changed under openingMutex and writeFdMutex.
     std::atomic<uint32_t> opening{0};
 
@@ -242,21 +243,21 @@ private:
     std::string readFifoName;
     const bool isHeartbeat;
 
-    Mutex inRequestMutex;
+    Mutex inRequestMutex ACQUIRED_BEFORE(openingMutex);
     std::list<std::shared_ptr<InRequest>> inRequests GUARDED_BY(inRequestMutex);
     // Its size, for the common case that there is none.
     std::atomic<uint32_t> cachedRequests{0};
     std::atomic<uint32_t> concurrentCallbacks{0};
     std::atomic<int32_t> callbackHandleRemoteClose{0};
-    Mutex recordMutex;
+    Mutex recordMutex ACQUIRED_AFTER(lock_order::leaves) ACQUIRED_BEFORE(lock_order::logging);
     std::map<unsigned int, std::shared_ptr<Tarvo::TimedRPCRecord>> timedRecords GUARDED_BY(recordMutex);
 
     std::atomic<uint32_t> nextId{0};
     // Held while a response is given to its request, so that nobody gives one to a request taken out under it.
-    Mutex outRequestMutex;
+    Mutex outRequestMutex ACQUIRED_BEFORE(lock_order::calls);
     OutRequestList outRequests;
 
-    Mutex remoteCloseMutex;
+    Mutex remoteCloseMutex ACQUIRED_AFTER(lock_order::pipe) ACQUIRED_BEFORE(inRequestMutex);
 };
 
 #endif // TARVO_PIPE_TARVOPIPEIMPL_H

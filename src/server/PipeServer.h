@@ -9,6 +9,7 @@
 #include <set>
 #include <string>
 
+#include "base/LockOrder.h"
 #include "base/Mutex.h"
 #include "pipe/MagicReceiver.h"
 #include "server/TerminateWatch.h"
@@ -94,7 +95,7 @@ private:
     void LetBlockedWritersGo();
     int OpenPipe(const char *clientName, uint32_t gid, int pid) const;
 
-    Mutex mutex;
+    Mutex mutex ACQUIRED_BEFORE(lock_order::pipe);
     // True while a server is being set up or runs; cleared by the thread when it ends by itself.
     std::atomic<bool> running{false};
     // Tells the thread to end after the packet that it serves.
@@ -122,7 +123,7 @@ private:
 
     const char *threadName = "tarvo_server";
     TarvoTable &table;
-    mutable Mutex attrMutex;
+    mutable Mutex attrMutex ACQUIRED_AFTER(lock_order::leaves) ACQUIRED_BEFORE(lock_order::logging);
     TarvoServerAttr attr GUARDED_BY(attrMutex);
 };
 

@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 
+#include "base/LockOrder.h"
 #include "base/Mutex.h"
 #include "base/SharedMutex.h"
 #include "base/SoleRun.h"
@@ -101,15 +102,15 @@ private:
     void DropPipes() EXCLUDES(tableLock);
     void DropMonitors() EXCLUDES(monitorMutex);
 
-    mutable SharedMutex tableLock;
+    mutable SharedMutex tableLock ACQUIRED_BEFORE(lock_order::descriptors, monitorMutex);
     // A pipe is in both maps or in none.
     PipeFdTable pipeFdTable GUARDED_BY(tableLock);
     PipeKeyTable pipeKeyTable GUARDED_BY(tableLock);
     const std::shared_ptr<CallbackPool> callbackPool;
     std::atomic<int32_t> nextFd{1};
-    Mutex monitorMutex;
+    Mutex monitorMutex ACQUIRED_AFTER(lock_order::monitors) ACQUIRED_BEFORE(lock_order::monitor);
     // One caller at a time goes through a close.
-    Mutex closeMutex ACQUIRED_BEFORE(tableLock);
+    Mutex closeMutex ACQUIRED_AFTER(lock_order::table) ACQUIRED_BEFORE(tableLock);
     DataMonitors dataMonitors GUARDED_BY(monitorMutex);
     std::atomic<bool> isDisable{false};
 

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "base/LockOrder.h"
 #include "base/Mutex.h"
 #include "base/Turnstile.h"
 #include "tarvo.h"
@@ -67,7 +68,7 @@ private:
                        std::shared_ptr<const TarvoTask> &task);
 
     std::shared_ptr<WorkerPool> pool;
-    Mutex findMutex;
+    Mutex findMutex ACQUIRED_AFTER(lock_order::submission) ACQUIRED_BEFORE(lock_order::slots);
     std::atomic<bool> destroyed{false};
     // Everybody inside DropAsyncTask; no code of the program runs there.
     Turnstile submitters;

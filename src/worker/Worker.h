@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 
+#include "base/LockOrder.h"
 #include "base/Mutex.h"
 #include "base/Semaphore.h"
 #include "tarvo.h"
@@ -82,11 +83,11 @@ private:
     // What the thread sleeps on. It may count more wake-ups than there are tasks.
     Semaphore wakeup;
 
-    Mutex taskMutex;
+    Mutex taskMutex ACQUIRED_AFTER(lock_order::worker) ACQUIRED_BEFORE(threadMutex);
     std::deque<std::shared_ptr<const TarvoTask>> tasks GUARDED_BY(taskMutex);
     // Created and joined under threadMutex; its scheduling is set under taskMutex, under which it is also restarted.
     TarvoThread thread{TARVO_PRIORITY_NORMAL};
-    Mutex threadMutex;
+    Mutex threadMutex ACQUIRED_BEFORE(lock_order::leaves);
     std::atomic<TarvoPriority> rtType{TARVO_PRIORITY_NORMAL};
     // Decided under taskMutex; StopRoutine and Start write it without.
     std::atomic<bool> needRestart{false};

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "base/LockOrder.h"
 #include "base/Mutex.h"
 #include "base/SharedMutex.h"
 #include "base/SoleRun.h"
@@ -130,15 +131,15 @@ private:
     const unsigned normalWorkers;
     NamedWorkers namedWorkers GUARDED_BY(namedMutex);
     Workers workers GUARDED_BY(workersMutex);
-    SharedMutex namedMutex;
-    Mutex workersMutex;
+    SharedMutex namedMutex ACQUIRED_BEFORE(lock_order::leaves);
+    Mutex workersMutex ACQUIRED_BEFORE(lock_order::worker);
     std::vector<uint64_t> slots GUARDED_BY(stateMutex);
     // Posted with every slot given back. What ordinary requests sleep on.
     sem_t freeSem;
     // The same for urgent requests.
     sem_t urgentSem;
     const WorkerPoolState *state GUARDED_BY(stateMutex);
-    Mutex stateMutex;
+    Mutex stateMutex ACQUIRED_AFTER(lock_order::slots) ACQUIRED_BEFORE(namedMutex, workersMutex);
     sem_t destroySem;
 
     // Destroy runs once at a time, so that destroyDone and retiredWorkers, which it alone uses, need no lock.
