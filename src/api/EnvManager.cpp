@@ -56,22 +56,13 @@ static_assert(std::is_trivially_destructible_v<Mutex>);
 
 // A fork waits for a thread that has the mutex: that one may be inside tzset(3) or setenv(3) with a lock of the C
 // library, which nobody would give back in the child.
-__thread bool forkHolds = false;
+__thread ForkLock forkLock;
 
-void HoldForFork() NO_THREAD_SAFETY_ANALYSIS { forkHolds = LockForFork(environmentMutex); }
+void HoldForFork() { forkLock.Take(environmentMutex); }
 
-void ReleaseInParent() NO_THREAD_SAFETY_ANALYSIS {
-    if (forkHolds) {
-        environmentMutex.unlock();
-    }
-}
+void ReleaseInParent() { forkLock.ReleaseInParent(environmentMutex); }
 
-void ReleaseInChild() NO_THREAD_SAFETY_ANALYSIS {
-    if (!forkHolds) {
-        new (&environmentMutex) Mutex;
-    }
-    ReleaseInParent();
-}
+void ReleaseInChild() { forkLock.ReleaseInChild(environmentMutex); }
 
 __attribute__((constructor)) void WatchForks() { pthread_atfork(HoldForFork, ReleaseInParent, ReleaseInChild); }
 

@@ -33,17 +33,20 @@ struct ProcessTable {
 
 private:
     // A call that is under way when exit begins still gets its answer, unless that takes long: then it ends with the
-    // table, as a call on a closed pipe does. Nobody enters any more.
+    // table, as a call on a closed pipe does. Nobody enters any more. Whoever is inside the server has the table too,
+    // so this is the only wait of process exit for calls inside.
     static void AwaitCallers(const std::shared_ptr<TarvoTable> &table) {
-        for (int waited = 0; table.use_count() > OWN_REFERENCES && waited < MAX_WAIT_US; waited += WAIT_STEP_US) {
-            usleep(WAIT_STEP_US);
+        for (unsigned waited = TarvoTable::DRAIN_MS; table.use_count() > OWN_REFERENCES && waited < CALLS_INSIDE_MS;
+             waited += WAIT_STEP_MS) {
+            usleep(WAIT_STEP_MS * 1000);
         }
     }
 
     // Each caller inside the library has another one.
     static constexpr long OWN_REFERENCES = 1;
-    static constexpr int WAIT_STEP_US = 1000;
-    static constexpr int MAX_WAIT_US = 450000;
+    static constexpr unsigned WAIT_STEP_MS = 1;
+    // How long calls inside have from the beginning of exit, the time included that the table takes to drain.
+    static constexpr unsigned CALLS_INSIDE_MS = 500;
 };
 
 } // namespace

@@ -7,7 +7,8 @@ class TarvoTable;
 
 // Makes the worker pool, the callback pool and the pipe table of the process on first use and takes them down, in the
 // opposite order, at process exit.
-// Owns: all three, as statics. Threads: any. Locks: the guard's, inside. Ends: at process exit.
+// Owns: nothing; a ProcessObject owns the table, which owns the callback pool and that the worker pool. Threads: any.
+// Locks: those of the ProcessObject, inside. Ends: at process exit.
 class TableFactory {
 public:
     // The table, or empty once process exit has begun to destroy it. The caller's reference keeps the table alive for

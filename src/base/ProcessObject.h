@@ -83,22 +83,15 @@ private:
     }
 
     // A fork waits for a thread that is making the object, which may be inside atexit(3) with a lock of the C library:
-    // nobody would give that back in the child. Not for ever, as it may be the forking thread, in a signal handler.
-    static void HoldForFork() NO_THREAD_SAFETY_ANALYSIS { forkHolds = LockForFork(making); }
+    // nobody would give that back in the child.
+    static void HoldForFork() { forkLock.Take(making); }
 
-    static void ReleaseInParent() NO_THREAD_SAFETY_ANALYSIS {
-        if (forkHolds) {
-            making.unlock();
-        }
-    }
+    static void ReleaseInParent() { forkLock.ReleaseInParent(making); }
 
     // The only thread of the child. Other threads of the parent may have been in the middle of anything with its
     // object, which is left as it is for ever.
-    static void ForgetParents() NO_THREAD_SAFETY_ANALYSIS {
-        if (!forkHolds) {
-            new (&making) Mutex;
-        }
-        ReleaseInParent();
+    static void ForgetParents() {
+        forkLock.ReleaseInChild(making);
         if (!ProcessOwner::IsUnclaimed() || ended) {
             return;
         }
@@ -115,7 +108,7 @@ private:
     static inline bool registered GUARDED_BY(making) = false;
     // When the library is loaded: a fork may come while the first object is being made.
     static inline const bool watchesForks = pthread_atfork(HoldForFork, ReleaseInParent, ForgetParents) == 0;
-    static inline __thread bool forkHolds = false;
+    static inline __thread ForkLock forkLock;
 };
 
 #endif // TARVO_BASE_PROCESSOBJECT_H

@@ -48,8 +48,8 @@ static_assert(std::is_trivially_destructible_v<Mutex>);
 // mutex back and wants it again at once mostly has it before the thread that was woken for it.
 Mutex forkMutex ACQUIRED_AFTER(lock_order::logging);
 std::atomic<bool> forkComing{false};
-__thread bool forkHolds = false;
-__thread bool forkHoldsLog = false;
+__thread ForkLock forkLock;
+__thread ForkLock logLock;
 
 void LetForkPass() {
     if (forkComing.load(std::memory_order_relaxed)) {
@@ -57,31 +57,22 @@ void LetForkPass() {
     }
 }
 
-void HoldForFork() NO_THREAD_SAFETY_ANALYSIS {
-    forkHolds = LockForFork(forkMutex);
+void HoldForFork() {
+    forkLock.Take(forkMutex);
     forkComing = true;
-    forkHoldsLog = LockForFork(logMutex);
+    logLock.Take(logMutex);
 }
 
-void ReleaseInParent() NO_THREAD_SAFETY_ANALYSIS {
-    if (forkHoldsLog) {
-        logMutex.unlock();
-    }
+void ReleaseInParent() {
+    logLock.ReleaseInParent(logMutex);
     forkComing = false;
-    if (forkHolds) {
-        forkMutex.unlock();
-    }
+    forkLock.ReleaseInParent(forkMutex);
 }
 
-// What the fork could not get is held by a thread that the child does not have.
-void ReleaseInChild() NO_THREAD_SAFETY_ANALYSIS {
-    if (!forkHoldsLog) {
-        new (&logMutex) Mutex;
-    }
-    if (!forkHolds) {
-        new (&forkMutex) Mutex;
-    }
-    ReleaseInParent();
+void ReleaseInChild() {
+    logLock.ReleaseInChild(logMutex);
+    forkComing = false;
+    forkLock.ReleaseInChild(forkMutex);
 }
 
 __attribute__((constructor)) void WatchForks() { pthread_atfork(HoldForFork, ReleaseInParent, ReleaseInChild); }

@@ -14,7 +14,6 @@
 namespace {
 
 constexpr char LOG_TAG[] = "TarvoTable";
-constexpr useconds_t DRAIN_US = 50000;
 
 } // namespace
 
@@ -187,7 +186,7 @@ void TarvoTable::DrainAndDisable() {
         // Only once: at process exit this runs on the exiting thread first, and nothing is left to drain when the
         // destructor follows.
         if (!drained.exchange(true)) {
-            usleep(DRAIN_US);
+            usleep(DRAIN_MS * 1000);
         }
         DisableTarvoTable();
     } catch (const std::exception &error) {

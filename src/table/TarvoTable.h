@@ -30,8 +30,9 @@ class DataMonitorImpl;
 class TarvoTable : public PipeObserver {
 public:
     explicit TarvoTable(const std::shared_ptr<CallbackPool> &pool);
-    // Gives callbacks and receive events 50 ms to drain, then disables, also when that has been done before.
+    // Gives callbacks and receive events DRAIN_MS to drain, then disables, also when that has been done before.
     ~TarvoTable() override;
+    static constexpr unsigned DRAIN_MS = 50;
     TarvoTable(const TarvoTable &) = delete;
     TarvoTable &operator=(const TarvoTable &) = delete;
 
@@ -55,7 +56,7 @@ public:
     // callback, nor from any other thread of the library. No way back, and no harm in repeating it: a second call waits
     // for the first, unless it comes out of the first.
     void DisableTarvoTable() EXCLUDES(tableLock, monitorMutex);
-    // The destructor's work: DisableTarvoTable, and 50 ms before it the first time. Does not throw.
+    // The destructor's work: DisableTarvoTable, and DRAIN_MS before it the first time. Does not throw.
     void DrainAndDisable() EXCLUDES(tableLock, monitorMutex);
     // Removes the FIFO files of every pipe, and nothing else: for a process that is failing.
     void ExceptionHandler() EXCLUDES(tableLock);
