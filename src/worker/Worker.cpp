@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <exception>
 #include <iterator>
 #include <new>
 #include <system_error>
@@ -229,16 +228,10 @@ void Worker::Routine() {
 }
 
 void Worker::NameThread() const {
-    int error = 0;
-    try {
-        char threadName[THREAD_NAME_SIZE];
-        std::snprintf(threadName, sizeof(threadName), "tv_%s", EnvManager::ProcName());
-        error = prctl(PR_SET_NAME, threadName) == 0 ? 0 : errno;
-    } catch (const std::exception &) { // the first use of the process name needs memory
-        error = ENOMEM;
-    }
-    if (error != 0) {
-        TARVO_LOG(LOG_INFO, "Set worker thread name unfinished, errno = %d", error);
+    char threadName[THREAD_NAME_SIZE];
+    std::snprintf(threadName, sizeof(threadName), "tv_%s", EnvManager::ProcName());
+    if (prctl(PR_SET_NAME, threadName) != 0) {
+        TARVO_LOG(LOG_INFO, "Set worker thread name unfinished, errno = %d", errno);
     }
 }
 
