@@ -1,17 +1,14 @@
 #include "server/PipeServer.h"
 
-#include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/file.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <exception>
-#include <new>
 #include <system_error>
 #include <utility>
 
-#include "api/EnvManager.h"
 #include "api/TableFactory.h"
 #include "base/Cancellation.h"
 #include "base/ProcessObject.h"
@@ -23,8 +20,6 @@
 namespace {
 
 constexpr char LOG_TAG[] = "PipeServer";
-// How often a start whose file another server has replaced meanwhile begins anew.
-constexpr int MAX_STARTS_OVER = 3;
 
 // The server together with the table that it refers to: a caller that still holds the server while the process exits
 // keeps both alive.
@@ -50,7 +45,7 @@ struct ProcessServer {
     }
 };
 
-// The two below run while a failure is being undone and keep the errno that its report shows.
+// Also while a failure is being undone: keeps the errno that its report shows.
 void CloseAndForget(int &fd) {
     const int error = errno;
     if (fd >= 0) {
@@ -58,26 +53,6 @@ void CloseAndForget(int &fd) {
     }
     fd = -1;
     errno = error;
-}
-
-// Not where the open has failed for want of a file: one that is there now is another server's.
-void RemoveOwnFile(const std::string &file, int openResult) {
-    const int error = errno;
-    if (openResult != -ENOENT && access(file.c_str(), F_OK) == 0) {
-        unlink(file.c_str());
-    }
-    errno = error;
-}
-
-// A step of the FIFO layer that runs out of memory fails like one that the system refused.
-template <typename Step>
-int WithoutThrow(Step step) {
-    try {
-        return step();
-    } catch (const std::bad_alloc &) {
-        errno = ENOMEM;
-        return -ENOMEM;
-    }
 }
 
 } // namespace
@@ -166,58 +141,6 @@ int PipeServer::InitServer() {
         return ret;
     }
     return StartThread();
-}
-
-int PipeServer::PreparaFifoFile() {
-    int ret = GetFifoName();
-    if (ret != 0) {
-        TARVO_LOG(LOG_ERR, "GetFifoName error=%d, errno=%d.", ret, errno);
-        return ret;
-    }
-    ret = PublishFifo();
-    for (int startsOver = 0; ret == 0 && !HoldsBothEnds(); ++startsOver) {
-        // Another server of this name has started meanwhile and put its file there.
-        if (startsOver == MAX_STARTS_OVER) {
-            ret = LoseFile(EAGAIN);
-            CloseDescriptors();
-            return ret;
-        }
-        CloseDescriptors();
-        ret = PublishFifo();
-    }
-    return ret;
-}
-
-int PipeServer::LoseFile(int error) const {
-    TARVO_LOG(LOG_ERR, "Server %s flock failed: monitorfd=%d, err=%d, errno=%d.", FifoName().c_str(), monitorFd, -error,
-              error);
-    errno = error;
-    return -error;
-}
-
-int PipeServer::PublishFifo() {
-    const std::string &name = FifoName();
-    const uint32_t gid = GetServerAttr().gid;
-    int ret = WithoutThrow([&] { return CreateFifo(name, gid, -1, TARVO_DOMAIN_LOCAL, ""); });
-    if (ret != 0) {
-        TARVO_LOG(LOG_ERR, "CreateFifo %s error=%d, errno=%d.", name.c_str(), ret, errno);
-        return ret;
-    }
-    monitorFd = WithoutThrow([&] { return OpenPublishedFifo(name, O_RDONLY | O_NONBLOCK | O_CLOEXEC); });
-    if (monitorFd < 0) {
-        RemoveOwnFile(name, monitorFd);
-        TARVO_LOG(LOG_ERR, "OpenFifo %s error=%d, errno=%d.", name.c_str(), ret, errno);
-        return std::exchange(monitorFd, -1);
-    }
-    ret = OpenWriteEnd();
-    // Without a reader or gone, the file that was found is not the one whose read end we have.
-    if (ret == 0 || ret == -ENXIO || ret == -ENOENT) {
-        return 0;
-    }
-    TARVO_LOG(LOG_ERR, "Open writable server fifo %s error, ret=%d, errno=%d.", name.c_str(), ret, errno);
-    CloseAndForget(monitorFd);
-    RemoveOwnFile(name, ret);
-    return ret;
 }
 
 int PipeServer::PrepareEpoll() {

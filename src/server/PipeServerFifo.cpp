@@ -1,4 +1,4 @@
-// The server's FIFO: its name, the two ends of it that the server holds, and the wake-up through them.
+// The server's FIFO: its name, its publication, the two ends of it that the server holds, and the wake-up through them.
 #include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/stat.h>
@@ -6,15 +6,43 @@
 
 #include <cerrno>
 #include <new>
+#include <utility>
 
 #include "api/EnvManager.h"
+#include "diag/velm_syslog.h"
 #include "fifo/velm_fifo.h"
 #include "server/PipeServer.h"
 
 namespace {
 
+// One component with the server, one source tag.
+constexpr char LOG_TAG[] = "PipeServer";
+// How often a start whose file another server has replaced meanwhile begins anew.
+constexpr int MAX_STARTS_OVER = 3;
+
 bool IsSameFile(const struct stat &one, const struct stat &other) {
     return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
+// Keeps the errno that the report of the failure shows. Not where the open has failed for want of a file: one that is
+// there now is another server's.
+void RemoveOwnFile(const std::string &file, int openResult) {
+    const int error = errno;
+    if (openResult != -ENOENT && access(file.c_str(), F_OK) == 0) {
+        unlink(file.c_str());
+    }
+    errno = error;
+}
+
+// A step of the FIFO layer that runs out of memory fails like one that the system refused.
+template <typename Step>
+int WithoutThrow(Step step) {
+    try {
+        return step();
+    } catch (const std::bad_alloc &) {
+        errno = ENOMEM;
+        return -ENOMEM;
+    }
 }
 
 } // namespace
@@ -34,6 +62,58 @@ int PipeServer::GetFifoName() {
         errno = ENOMEM;
         return -ENOMEM;
     }
+}
+
+int PipeServer::PreparaFifoFile() {
+    int ret = GetFifoName();
+    if (ret != 0) {
+        TARVO_LOG(LOG_ERR, "GetFifoName error=%d, errno=%d.", ret, errno);
+        return ret;
+    }
+    ret = PublishFifo();
+    for (int startsOver = 0; ret == 0 && !HoldsBothEnds(); ++startsOver) {
+        // Another server of this name has started meanwhile and put its file there.
+        if (startsOver == MAX_STARTS_OVER) {
+            ret = LoseFile(EAGAIN);
+            CloseDescriptors();
+            return ret;
+        }
+        CloseDescriptors();
+        ret = PublishFifo();
+    }
+    return ret;
+}
+
+int PipeServer::LoseFile(int error) const {
+    TARVO_LOG(LOG_ERR, "Server %s flock failed: monitorfd=%d, err=%d, errno=%d.", FifoName().c_str(), monitorFd, -error,
+              error);
+    errno = error;
+    return -error;
+}
+
+int PipeServer::PublishFifo() {
+    const std::string &name = FifoName();
+    const uint32_t gid = GetServerAttr().gid;
+    int ret = WithoutThrow([&] { return CreateFifo(name, gid, -1, TARVO_DOMAIN_LOCAL, ""); });
+    if (ret != 0) {
+        TARVO_LOG(LOG_ERR, "CreateFifo %s error=%d, errno=%d.", name.c_str(), ret, errno);
+        return ret;
+    }
+    monitorFd = WithoutThrow([&] { return OpenPublishedFifo(name, O_RDONLY | O_NONBLOCK | O_CLOEXEC); });
+    if (monitorFd < 0) {
+        RemoveOwnFile(name, monitorFd);
+        TARVO_LOG(LOG_ERR, "OpenFifo %s error=%d, errno=%d.", name.c_str(), ret, errno);
+        return std::exchange(monitorFd, -1);
+    }
+    ret = OpenWriteEnd();
+    // Without a reader or gone, the file that was found is not the one whose read end we have.
+    if (ret == 0 || ret == -ENXIO || ret == -ENOENT) {
+        return 0;
+    }
+    TARVO_LOG(LOG_ERR, "Open writable server fifo %s error, ret=%d, errno=%d.", name.c_str(), ret, errno);
+    CloseDescriptors();
+    RemoveOwnFile(name, ret);
+    return ret;
 }
 
 int PipeServer::OpenWriteEnd() {
