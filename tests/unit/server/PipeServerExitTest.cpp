@@ -19,10 +19,12 @@ namespace {
 
 constexpr int EXITED_WELL = 7;
 
-TarvoServerAttr AttrOf(const std::string &name) {
+void StartServer(const std::string &name) {
     TarvoServerAttr attr;
     attr.selfName = name.c_str();
-    return attr;
+    if (PipeServer::GetInstance()->Init(attr) != 0) {
+        std::_Exit(1);
+    }
 }
 
 // Runs `body` in a child that then exits; what it was doing must not keep it from that.
@@ -47,11 +49,7 @@ TEST(PipeServerExitTest, ExitWithoutAServerEverStartedIsClean) {
 
 TEST(PipeServerExitTest, ExitClosesARunningServerAndLeavesItsFile) {
     const std::string name = UniqueName("srv");
-    ExpectExit([&](Channel &) {
-        if (PipeServer::GetInstance()->Init(AttrOf(name)) != 0) {
-            std::_Exit(1);
-        }
-    });
+    ExpectExit([&](Channel &) { StartServer(name); });
     const std::string file = FifoDirectory() + name;
     EXPECT_EQ(unlink(file.c_str()), 0);
 }
@@ -59,10 +57,7 @@ TEST(PipeServerExitTest, ExitClosesARunningServerAndLeavesItsFile) {
 TEST(PipeServerExitTest, ExitAfterTheThreadEndedByItselfIsClean) {
     const std::string name = UniqueName("srv");
     ExpectExit([&](Channel &) {
-        const std::shared_ptr<PipeServer> server = PipeServer::GetInstance();
-        if (server->Init(AttrOf(name)) != 0) {
-            std::_Exit(1);
-        }
+        StartServer(name);
         WriteToRawServer(name, RawTerminatePacket());
     });
     unlink((FifoDirectory() + name).c_str());
@@ -73,9 +68,7 @@ TEST(PipeServerExitTest, ExitInTheMiddleOfAPacketThatNeverEndsIsClean) {
     const std::string packet = RawConnectPacket("client", getgid(), getpid());
     for (const std::size_t size : {std::size_t{3}, std::size_t{8}, std::size_t{20}}) {
         ExpectExit([&](Channel &) {
-            if (PipeServer::GetInstance()->Init(AttrOf(name)) != 0) {
-                std::_Exit(1);
-            }
+            StartServer(name);
             WriteToRawServer(name, packet.substr(0, size));
         });
     }
@@ -90,9 +83,7 @@ TEST(PipeServerExitTest, ExitWhileAClientIsBeingServedWaitsForIt) {
             channel.Signal();
             return -1;
         });
-        if (PipeServer::GetInstance()->Init(AttrOf(name)) != 0) {
-            std::_Exit(1);
-        }
+        StartServer(name);
         for (int i = 0; i < 20; ++i) {
             WriteToRawServer(name, RawConnectPacket("client", getgid(), getpid()));
         }

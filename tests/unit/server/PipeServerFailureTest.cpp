@@ -30,6 +30,12 @@ protected:
         EXPECT_EQ(OpenDescriptors().size(), descriptors);
         EXPECT_TRUE(NoServerThreads());
     }
+    // One that fails because that call does.
+    void ExpectFailedStart(Call call, int errnoValue, const Where &where = Where()) {
+        const ScopedFault fault(call, errnoValue, where);
+        ExpectFailedStart(-errnoValue);
+        EXPECT_EQ(fault.Hits(), 1U);
+    }
 
     // A server whose thread has begun to wait.
     void StartAndWaitForTheThread() {
@@ -41,8 +47,7 @@ protected:
     void ExpectStartSucceedsNow() {
         log.Clear();
         ASSERT_EQ(Start(), 0);
-        Write(Connect("client"));
-        opens.WaitForTarget("client");
+        ServeClient("client");
         EXPECT_TRUE(log.Lines().empty());
     }
 
@@ -96,10 +101,7 @@ TEST_F(PipeServerFailureTest, MissingDirectoryIsReported) {
 }
 
 TEST_F(PipeServerFailureTest, FileThatCannotBeMadeIsReported) {
-    {
-        const ScopedFault fault(Call::Mkfifo, EACCES, Where().PathHas(name));
-        ExpectFailedStart(-EACCES);
-    }
+    ExpectFailedStart(Call::Mkfifo, EACCES, Where().PathHas(name));
     ExpectError("CreateFifo " + path + " error=-13, errno=13.");
     ExpectError("PrepareFileFd failed: err=-13, errno=13.");
     EXPECT_FALSE(FileExists());
@@ -107,11 +109,7 @@ TEST_F(PipeServerFailureTest, FileThatCannotBeMadeIsReported) {
 }
 
 TEST_F(PipeServerFailureTest, ReadEndThatCannotBeOpenedTakesTheFileWithIt) {
-    {
-        const ScopedFault fault(Call::Open, EMFILE, Where().PathHas(name));
-        ExpectFailedStart(-EMFILE);
-        EXPECT_EQ(fault.Hits(), 1U);
-    }
+    ExpectFailedStart(Call::Open, EMFILE, Where().PathHas(name));
     ExpectError("OpenFifo " + path + " error=0, errno=24.");
     ExpectError("PrepareFileFd failed: err=-24, errno=24.");
     EXPECT_FALSE(FileExists());
@@ -129,11 +127,7 @@ TEST_F(PipeServerFailureTest, FileThatVanishedBeforeItWasOpenedIsReported) {
 }
 
 TEST_F(PipeServerFailureTest, WriteEndThatCannotBeOpenedTakesTheFileWithIt) {
-    {
-        const ScopedFault fault(Call::Open, ENFILE, Where().PathHas(name).Nth(2));
-        ExpectFailedStart(-ENFILE);
-        EXPECT_EQ(fault.Hits(), 1U);
-    }
+    ExpectFailedStart(Call::Open, ENFILE, Where().PathHas(name).Nth(2));
     ExpectError("Open writable server fifo " + path + " error, ret=-23, errno=23.");
     ExpectError("PrepareFileFd failed: err=-23, errno=23.");
     EXPECT_FALSE(FileExists());
@@ -155,10 +149,7 @@ TEST_F(PipeServerFailureTest, BothEndsAreOpenedAsTheyAreUsed) {
 }
 
 TEST_F(PipeServerFailureTest, EpollInstanceThatCannotBeMadeIsReported) {
-    {
-        const ScopedFault fault(Call::EpollCreate, EMFILE);
-        ExpectFailedStart(-EMFILE);
-    }
+    ExpectFailedStart(Call::EpollCreate, EMFILE);
     ExpectError("Create epoll instance failed: err=-24, errno=24.");
     ExpectError("PrepareEpoll failed: err=-24, errno=24.");
     EXPECT_TRUE(FileExists());
@@ -166,20 +157,14 @@ TEST_F(PipeServerFailureTest, EpollInstanceThatCannotBeMadeIsReported) {
 }
 
 TEST_F(PipeServerFailureTest, ReadEndThatCannotBeWatchedIsReported) {
-    {
-        const ScopedFault fault(Call::EpollCtl, ENOSPC);
-        ExpectFailedStart(-ENOSPC);
-    }
+    ExpectFailedStart(Call::EpollCtl, ENOSPC);
     ExpectError("Add fd to epoll error: ret=-28.");
     ExpectError("PrepareEpoll failed: err=-28, errno=28.");
     ExpectStartSucceedsNow();
 }
 
 TEST_F(PipeServerFailureTest, LockThatCannotBeHadIsReported) {
-    {
-        const ScopedFault fault(Call::Flock, ENOLCK);
-        ExpectFailedStart(-ENOLCK);
-    }
+    ExpectFailedStart(Call::Flock, ENOLCK);
     EXPECT_TRUE(log.Contains(LOG_ERR, "Server " + path + " flock failed: monitorfd="));
     EXPECT_TRUE(log.Contains(LOG_ERR, ", err=-37, errno=37."));
     ExpectError("PrepareEpoll failed: err=-37, errno=37.");
@@ -209,15 +194,13 @@ TEST_F(PipeServerFailureTest, ServerWithoutRealTimeRightsRunsAtNormalPriority) {
     const ScopedFault fault(Call::PthreadSetschedparam, EPERM, Where().Always());
     attr.priority = TARVO_PRIORITY_URGENT;
     ASSERT_EQ(Start(), 0);
-    Write(Connect("client"));
-    opens.WaitForTarget("client");
+    ServeClient("client");
 }
 
 TEST_F(PipeServerFailureTest, ThreadThatCannotBeNamedServesAllTheSame) {
     const ScopedFault fault(Call::Prctl, EINVAL, Where().Always());
     ASSERT_EQ(Start(), 0);
-    Write(Connect("client"));
-    opens.WaitForTarget("client");
+    ServeClient("client");
     EXPECT_GE(fault.Hits(), 1U);
 }
 
@@ -285,8 +268,7 @@ TEST_F(PipeServerFailureTest, StartWithoutMemoryIsUndone) {
             hit = fault.Hit();
         }
         if (ret == 0) {
-            Write(Connect("client" + std::to_string(nth)));
-            opens.WaitForTarget("client" + std::to_string(nth));
+            ServeClient("client" + std::to_string(nth));
             server->Close();
         } else {
             EXPECT_TRUE(ret == -ENOMEM || ret == -ENOSPC) << "allocation " << nth << ": " << ret;
@@ -323,8 +305,7 @@ TEST_F(PipeServerFailureTest, StartOfACancelledThreadIsUndone) {
 TEST_F(PipeServerFailureTest, InterruptedWaitIsTakenUpAgain) {
     const ScopedFault fault(Call::EpollWait, EINTR, Where().Times(3));
     ASSERT_EQ(Start(), 0);
-    Write(Connect("client"));
-    opens.WaitForTarget("client");
+    ServeClient("client");
     EXPECT_EQ(fault.Hits(), 3U);
     EXPECT_TRUE(log.Lines().empty());
 }
@@ -381,8 +362,7 @@ TEST_F(PipeServerFailureTest, EventsOfOthersAndHangupsAreWaitedOut) {
         ++waits;
         return Outcome{1, 0};
     };
-    Write(Connect("first"));
-    opens.WaitForTarget("first");
+    ServeClient("first");
     const ScopedHook hook(Call::EpollWait, pretend, Where().Times(2));
     Write(Connect("second") + Connect("third"));
     opens.WaitForTarget("third");

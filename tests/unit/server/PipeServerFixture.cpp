@@ -1,16 +1,16 @@
 #include "PipeServerFixture.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <utility>
 
 #include "api/TableFactory.h"
+#include "support/Asleep.h"
 #include "support/Eventually.h"
+#include "support/FifoEnds.h"
 #include "support/Names.h"
 #include "support/RawFrame.h"
 
@@ -53,13 +53,16 @@ void PipeServerTest::OnOpen(std::function<void(int, const std::string &)> action
 }
 
 void PipeServerTest::Write(const std::string &bytes) const {
-    const int fd = open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-    ASSERT_GE(fd, 0) << "no server at " << path;
-    EXPECT_EQ(write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
-    close(fd);
+    const UniqueFd end = WriteEnd(path);
+    EXPECT_EQ(write(end.Get(), bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
 }
 
 std::string PipeServerTest::Connect(const std::string &client) { return RawConnectPacket(client, getgid(), getpid()); }
+
+OpenedPipe PipeServerTest::ServeClient(const std::string &client) {
+    Write(Connect(client));
+    return opens.WaitForTarget(client);
+}
 
 bool PipeServerTest::FileExists() const { return access(path.c_str(), F_OK) == 0; }
 
@@ -79,23 +82,7 @@ bool PipeServerTest::NoServerThreads() const {
 }
 
 bool PipeServerTest::Sleeps(pid_t thread) {
-    return Eventually([thread] {
-        std::string stat;
-        std::getline(std::ifstream("/proc/self/task/" + std::to_string(thread) + "/stat"), stat);
-        const std::size_t state = stat.rfind(") "); // ends the name, which may hold anything
-        return state != std::string::npos && stat[state + 2] == 'S';
-    });
-}
-
-void PipeServerTest::FillFifo() const {
-    const int fd = open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-    ASSERT_GE(fd, 0);
-    // Whole pages, so that no room is left in the last one either.
-    const std::string page(4096, '\0');
-    while (write(fd, page.data(), page.size()) > 0) {
-    }
-    EXPECT_EQ(errno, EAGAIN);
-    close(fd);
+    return Eventually([thread] { return IsAsleep("/proc/self/task/" + std::to_string(thread)); });
 }
 
 } // namespace tarvo_test

@@ -29,9 +29,9 @@ protected:
     void Write(const std::string &bytes) const;
     // A connect packet of a client of this process.
     static std::string Connect(const std::string &client);
+    // That client announces itself; the pipe that the server has opened to it.
+    OpenedPipe ServeClient(const std::string &client);
     bool FileExists() const;
-    // Writes to the server's FIFO, which nobody reads from, until it is full.
-    void FillFifo() const;
     // Number of threads that have the server's name, which a thread gives itself only after its start.
     static std::size_t ServerThreads();
     // Waits until that thread waits for something; for one that is about to lock a mutex.

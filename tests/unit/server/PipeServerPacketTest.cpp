@@ -9,13 +9,13 @@
 #include <cstring>
 #include <future>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "PipeServerFixture.h"
 #include "support/AllocFaults.h"
 #include "support/Faults.h"
 #include "support/RawFrame.h"
+#include "support/Threads.h"
 
 namespace tarvo_test {
 namespace {
@@ -36,10 +36,24 @@ protected:
         ASSERT_EQ(Start(), 0);
         Write(bytes);
         EXPECT_TRUE(log.WaitFor(LOG_ERR, line)) << line;
-        Write(Connect("good"));
-        EXPECT_EQ(opens.WaitForTarget("good").targetName, "good");
+        EXPECT_EQ(ServeClient("good").targetName, "good");
         EXPECT_EQ(opens.Count(), 1U);
         EXPECT_EQ(log.Count(LOG_ERR, "In callback Open pipe"), 0U);
+    }
+
+    // The server skips a client whose name it has no memory for when it allocates for it the nth time.
+    void ExpectSkippedWithoutMemory(unsigned nth, const std::string &line) {
+        ASSERT_EQ(Start(), 0);
+        std::unique_ptr<AllocFault> fault;
+        {
+            // Armed on the server's thread, with its first read.
+            const ScopedHook hook(
+                Call::Read, [&](const CallInfo &) { fault = std::make_unique<AllocFault>(nth, 78); }, Where().Times(1));
+            Write(Connect(std::string(77, 'n')));
+            EXPECT_TRUE(log.WaitFor(LOG_ERR, line));
+        }
+        ServeClient("good");
+        EXPECT_EQ(opens.Count(), 1U);
     }
 };
 
@@ -67,37 +81,32 @@ TEST_F(PipeServerPacketTest, ConnectPacketOpensAPassivePipeToItsClient) {
 TEST_F(PipeServerPacketTest, PipesOfAServerWithoutACallbackHaveNoneEither) {
     attr.callback = nullptr;
     ASSERT_EQ(Start(), 0);
-    Write(Connect("client"));
-    EXPECT_FALSE(opens.WaitForTarget("client").attr.callback);
+    EXPECT_FALSE(ServeClient("client").attr.callback);
 }
 
 TEST_F(PipeServerPacketTest, PipesOfAServerWithoutANameHaveNoneEither) {
     setenv("PROC_NAME", name.c_str(), 1);
     attr.selfName = nullptr;
     ASSERT_EQ(Start(), 0);
-    Write(Connect("client"));
-    EXPECT_EQ(opens.WaitForTarget("client").selfName, "(null)");
+    EXPECT_EQ(ServeClient("client").selfName, "(null)");
 }
 
 TEST_F(PipeServerPacketTest, PipesHaveThePriorityOfTheServer) {
     attr.priority = TARVO_PRIORITY_URGENT;
     ASSERT_EQ(Start(), 0);
-    Write(Connect("client"));
-    EXPECT_EQ(opens.WaitForTarget("client").attr.priority, TARVO_PRIORITY_URGENT);
+    EXPECT_EQ(ServeClient("client").attr.priority, TARVO_PRIORITY_URGENT);
 }
 
 TEST_F(PipeServerPacketTest, InRunModeOneAPipeMayTakeFiveHoursToOpen) {
     setenv("KELDOR_RUN_MODE", "1", 1);
     ASSERT_EQ(Start(), 0);
-    Write(Connect("client"));
-    EXPECT_EQ(opens.WaitForTarget("client").attr.timeout, 18000000);
+    EXPECT_EQ(ServeClient("client").attr.timeout, 18000000);
 }
 
 TEST_F(PipeServerPacketTest, InAnyOtherRunModeAPipeMayTakeTwoSecondsToOpen) {
     setenv("KELDOR_RUN_MODE", "11", 1);
     ASSERT_EQ(Start(), 0);
-    Write(Connect("client"));
-    EXPECT_EQ(opens.WaitForTarget("client").attr.timeout, 2000);
+    EXPECT_EQ(ServeClient("client").attr.timeout, 2000);
 }
 
 TEST_F(PipeServerPacketTest, OpenCallbackLearnsHandleAndName) {
@@ -267,8 +276,7 @@ TEST_F(PipeServerPacketTest, EveryFieldThatCannotBeReadIsSkipped) {
         Write(Connect("client"));
         EXPECT_TRUE(log.WaitFor(LOG_ERR, line)) << line;
         const std::string good = "good" + std::to_string(++served);
-        Write(Connect(good));
-        opens.WaitForTarget(good);
+        ServeClient(good);
     }
     EXPECT_EQ(opens.Count(), served);
 }
@@ -286,52 +294,28 @@ TEST_F(PipeServerPacketTest, PacketsSentInPiecesAreWaitedForFieldByField) {
 }
 
 TEST_F(PipeServerPacketTest, PacketForWhoseNameThereIsNoMemoryIsSkipped) {
-    ASSERT_EQ(Start(), 0);
-    std::unique_ptr<AllocFault> fault;
-    {
-        // Armed on the server's thread, with its first read.
-        const ScopedHook hook(
-            Call::Read, [&](const CallInfo &) { fault = std::make_unique<AllocFault>(1, 78); }, Where().Times(1));
-        Write(Connect(std::string(77, 'n')));
-        EXPECT_TRUE(log.WaitFor(LOG_ERR, "Memset client name buffer error."));
-    }
-    Write(Connect("good"));
-    opens.WaitForTarget("good");
-    EXPECT_EQ(opens.Count(), 1U);
+    ExpectSkippedWithoutMemory(1, "Memset client name buffer error.");
 }
 
 TEST_F(PipeServerPacketTest, ClientForWhichThereIsNoMemoryIsSkipped) {
-    ASSERT_EQ(Start(), 0);
-    std::unique_ptr<AllocFault> fault;
-    {
-        // The second allocation of this size is the name that the open callback gets.
-        const ScopedHook hook(
-            Call::Read, [&](const CallInfo &) { fault = std::make_unique<AllocFault>(2, 78); }, Where().Times(1));
-        Write(Connect(std::string(77, 'n')));
-        EXPECT_TRUE(log.WaitFor(LOG_ERR, "In callback Open pipe " + std::string(77, 'n') + " failed -12."));
-    }
-    Write(Connect("good"));
-    opens.WaitForTarget("good");
-    EXPECT_EQ(opens.Count(), 1U);
+    // The second allocation of this size is the name that the open callback gets.
+    ExpectSkippedWithoutMemory(2, "In callback Open pipe " + std::string(77, 'n') + " failed -12.");
 }
 
 TEST_F(PipeServerPacketTest, TwoHundredClientsAtTheSameMomentAreAllServedOnce) {
+    ASSERT_EQ(Start(), 0);
     std::promise<void> start;
     const std::shared_future<void> started = start.get_future().share();
-    ASSERT_EQ(Start(), 0);
-    std::vector<std::thread> clients;
     std::vector<std::string> names;
     for (int i = 0; i < 200; ++i) {
         names.push_back("client" + std::to_string(i));
-        clients.emplace_back([this, started, client = names.back()] {
-            started.wait();
-            Write(Connect(client));
-        });
     }
+    Threads clients(200, [&, started](int number) {
+        started.wait();
+        Write(Connect(names[static_cast<std::size_t>(number)]));
+    });
     start.set_value();
-    for (std::thread &client : clients) {
-        client.join();
-    }
+    clients.Join();
     std::vector<std::string> served = opens.TargetNames(200);
     std::sort(served.begin(), served.end());
     std::sort(names.begin(), names.end());

@@ -8,17 +8,30 @@
 #include <future>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "PipeServerFixture.h"
 #include "support/Faults.h"
+#include "support/FifoEnds.h"
 #include "support/Names.h"
 #include "support/RawFrame.h"
+#include "support/Threads.h"
 
 namespace tarvo_test {
 namespace {
 
-using PipeServerRaceTest = PipeServerTest;
+class PipeServerRaceTest : public PipeServerTest {
+protected:
+    // A start on another thread that waits for what this one is at.
+    std::future<int> StartThatWaits() {
+        std::promise<pid_t> begun;
+        std::future<int> result = std::async(std::launch::async, [&begun, this] {
+            begun.set_value(gettid());
+            return Start();
+        });
+        EXPECT_TRUE(Sleeps(begun.get_future().get()));
+        return result;
+    }
+};
 
 TEST_F(PipeServerRaceTest, OneOfManyConcurrentInitsStartsTheServer) {
     std::vector<std::future<int>> results;
@@ -41,16 +54,7 @@ TEST_F(PipeServerRaceTest, StartThatWaitedForAnotherIsRefused) {
     std::future<int> second;
     // The first start closes what the ended run has left.
     const ScopedHook hook(
-        Call::Close,
-        [&](const CallInfo &) {
-            std::promise<pid_t> begun;
-            second = std::async(std::launch::async, [&begun, this] {
-                begun.set_value(gettid());
-                return Start();
-            });
-            EXPECT_TRUE(Sleeps(begun.get_future().get()));
-        },
-        Where().Times(1));
+        Call::Close, [&](const CallInfo &) { second = StartThatWaits(); }, Where().Times(1));
     EXPECT_EQ(Start(), 0);
     EXPECT_EQ(second.get(), -EEXIST);
 }
@@ -60,19 +64,13 @@ TEST_F(PipeServerRaceTest, StartThatComesWhileAnotherOneFailsWaitsForThatAndStar
     const ScopedHook hook(
         Call::Flock,
         [&](const CallInfo &) {
-            std::promise<pid_t> begun;
-            second = std::async(std::launch::async, [&begun, this] {
-                begun.set_value(gettid());
-                return Start();
-            });
-            EXPECT_TRUE(Sleeps(begun.get_future().get()));
+            second = StartThatWaits();
             return Outcome{-1, ENOLCK};
         },
         Where().Times(1));
     EXPECT_EQ(Start(), -ENOLCK);
     EXPECT_EQ(second.get(), 0);
-    Write(Connect("client"));
-    opens.WaitForTarget("client");
+    ServeClient("client");
 }
 
 TEST_F(PipeServerRaceTest, StartThatComesWhileTheServerClosesWaitsForThatAndStarts) {
@@ -80,60 +78,37 @@ TEST_F(PipeServerRaceTest, StartThatComesWhileTheServerClosesWaitsForThatAndStar
     std::future<int> second;
     {
         const ScopedHook hook(
-            Call::Write,
-            [&](const CallInfo &) {
-                std::promise<pid_t> begun;
-                second = std::async(std::launch::async, [&begun, this] {
-                    begun.set_value(gettid());
-                    return Start();
-                });
-                EXPECT_TRUE(Sleeps(begun.get_future().get()));
-            },
-            Where().Times(1));
+            Call::Write, [&](const CallInfo &) { second = StartThatWaits(); }, Where().Times(1));
         server->Close();
     }
     EXPECT_EQ(second.get(), 0);
-    Write(Connect("client"));
-    opens.WaitForTarget("client");
+    ServeClient("client");
 }
 
 TEST_F(PipeServerRaceTest, ConcurrentClosesCloseEachDescriptorOnce) {
     ASSERT_EQ(Start(), 0);
     const CallCounter closes(Call::Close);
     const CallCounter writes(Call::Write);
-    std::vector<std::thread> closers;
-    for (int i = 0; i < 4; ++i) {
-        closers.emplace_back([this] { server->Close(); });
-    }
-    for (std::thread &closer : closers) {
-        closer.join();
-    }
+    OnThreads(4, [this](int) { server->Close(); });
     EXPECT_EQ(closes.Count(), 3U);
     EXPECT_EQ(writes.Count(), 1U);
 }
 
 TEST_F(PipeServerRaceTest, InitAndCloseFromManyThreadsLeaveAServerThatWorks) {
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([this, i] {
-            for (int round = 0; round < 25; ++round) {
-                if (i % 2 == 0) {
-                    Start();
-                } else {
-                    server->Close();
-                }
-                server->GetFifoNameForDFX();
-                server->GetServerAttr();
+    OnThreads(4, [this](int number) {
+        for (int round = 0; round < 25; ++round) {
+            if (number % 2 == 0) {
+                Start();
+            } else {
+                server->Close();
             }
-        });
-    }
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
+            server->GetFifoNameForDFX();
+            server->GetServerAttr();
+        }
+    });
     server->Close();
     ASSERT_EQ(Start(), 0);
-    Write(Connect("client"));
-    opens.WaitForTarget("client");
+    ServeClient("client");
     EXPECT_TRUE(log.Lines().empty());
 }
 
@@ -162,12 +137,10 @@ TEST_F(PipeServerRaceTest, LaterServerOfTheSameNameTakesOver) {
     laterAttr.gid = getgid();
     laterAttr.priority = TARVO_PRIORITY_URGENT; // tells the two apart in what they open
     ASSERT_EQ(later.Init(laterAttr), 0);
-    Write(Connect("client"));
-    EXPECT_EQ(opens.WaitForTarget("client").attr.priority, TARVO_PRIORITY_URGENT);
+    EXPECT_EQ(ServeClient("client").attr.priority, TARVO_PRIORITY_URGENT);
     EXPECT_EQ(Start(), -EEXIST) << "the earlier one runs on where no client reaches it";
     server->Close();
-    Write(Connect("another"));
-    EXPECT_EQ(opens.WaitForTarget("another").attr.priority, TARVO_PRIORITY_URGENT);
+    EXPECT_EQ(ServeClient("another").attr.priority, TARVO_PRIORITY_URGENT);
 }
 
 TEST_F(PipeServerRaceTest, OfTwoServersThatStartAtTheSameInstantTheLaterOneFails) {
@@ -183,8 +156,7 @@ TEST_F(PipeServerRaceTest, OfTwoServersThatStartAtTheSameInstantTheLaterOneFails
                                                      " flock failed: monitorfd=[0-9]+, err=-11, "
                                                      "errno=11\\."));
     EXPECT_TRUE(log.ContainsExactly(LOG_ERR, "PrepareEpoll failed: err=-11, errno=11."));
-    Write(Connect("client"));
-    opens.WaitForTarget("client");
+    ServeClient("client");
     EXPECT_EQ(Start(), -EEXIST);
     later.Close();
     EXPECT_TRUE(FileExists());
@@ -198,8 +170,7 @@ TEST_F(PipeServerRaceTest, OpenCallbackThatAsksForASecondServerIsRefusedWhileThe
         answer.set_value(Start());
     });
     ASSERT_EQ(Start(), 0);
-    Write(Connect("client"));
-    opens.WaitForTarget("client");
+    ServeClient("client");
     // The closing thread is on its way to wait for the server thread.
     const ScopedHook hook(
         Call::Write, [&](const CallInfo &) { closing.set_value(); }, Where().Times(1));
@@ -215,8 +186,7 @@ TEST_F(PipeServerRaceTest, OpenCallbackThatClosesItsOwnServerLeavesNothingBehind
     OnOpen(nullptr);
     EXPECT_EQ(opens.Count(), 1U);
     ASSERT_EQ(Start(), 0);
-    Write(Connect("again"));
-    opens.WaitForTarget("again");
+    ServeClient("again");
 }
 
 TEST_F(PipeServerRaceTest, OpenCallbackMayCloseTheServerThatAnotherThreadIsClosing) {
@@ -242,10 +212,9 @@ TEST_F(PipeServerRaceTest, CloseReturnsAlthoughTheThreadEndedBeforeAFullFifo) {
         return 0;
     });
     ASSERT_EQ(Start(), 0);
-    Write(Connect("client"));
-    opens.WaitForTarget("client");
+    ServeClient("client");
     Write(RawTerminatePacket());
-    FillFifo();
+    FillFifo(path);
     const CallCounter writes(Call::Write, Where().If([](const CallInfo &call) { return call.size == 16; }));
     std::thread closer([this] { server->Close(); });
     EXPECT_TRUE(writes.WaitFor(1));
@@ -261,7 +230,7 @@ TEST_F(PipeServerRaceTest, CloseReturnsAlthoughTheFifoFilledUpAfterTheThreadEnde
         [&](const CallInfo &) {
             Write(RawTerminatePacket());
             EXPECT_TRUE(NoServerThreads());
-            FillFifo();
+            FillFifo(path);
         },
         Where().Times(1));
     server->Close();

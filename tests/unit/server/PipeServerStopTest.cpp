@@ -7,14 +7,15 @@
 #include <algorithm>
 #include <atomic>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "PipeServerFixture.h"
 #include "support/Eventually.h"
 #include "support/Faults.h"
+#include "support/FifoEnds.h"
 #include "support/RawFrame.h"
 #include "support/Sanitized.h"
+#include "support/Threads.h"
 
 namespace tarvo_test {
 namespace {
@@ -34,10 +35,8 @@ protected:
     }
 
     int UnreadBytes() const {
-        const int fd = open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
         int count = -1;
-        EXPECT_EQ(ioctl(fd, FIONREAD, &count), 0);
-        close(fd);
+        EXPECT_EQ(ioctl(WriteEnd(path).Get(), FIONREAD, &count), 0);
         return count;
     }
 
@@ -48,12 +47,11 @@ protected:
     // Clients announce themselves without a pause, so that the server never finds its FIFO empty.
     void Flood() {
         for (int i = 0; i < 2; ++i) {
-            flood.emplace_back([this, packet = Connect("flood")] {
-                const int fd = open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+            flood.Start([this, packet = Connect("flood")] {
+                const UniqueFd end(open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
                 while (!over) {
-                    static_cast<void>(write(fd, packet.data(), packet.size()));
+                    static_cast<void>(write(end.Get(), packet.data(), packet.size()));
                 }
-                close(fd);
             });
         }
         opens.WaitForTarget("flood");
@@ -61,10 +59,7 @@ protected:
 
     void StopTheFlood() {
         over = true;
-        for (std::thread &thread : flood) {
-            thread.join();
-        }
-        flood.clear();
+        flood.Join();
     }
 
     bool OnlyTheFloodWasServed() {
@@ -73,7 +68,7 @@ protected:
     }
 
     std::atomic<bool> over{false};
-    std::vector<std::thread> flood;
+    Threads flood;
 };
 
 TEST_F(PipeServerStopTest, CloseEndsAThreadThatWaitsForTheRestOfAPacket) {
@@ -128,13 +123,12 @@ TEST_F(PipeServerStopTest, CloseServesAFullFifoAndSaysNothing) {
         return 0;
     });
     ASSERT_EQ(Start(), 0);
-    Write(Connect("first"));
-    opens.WaitForTarget("first");
-    const int fd = open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-    while (write(fd, packet.data(), packet.size()) > 0) {
+    ServeClient("first");
+    UniqueFd end = WriteEnd(path);
+    while (write(end.Get(), packet.data(), packet.size()) > 0) {
         ++written;
     }
-    close(fd);
+    end.Reset();
     server->Close();
     EXPECT_EQ(written, 65536U / 32);
     EXPECT_EQ(opens.Count(), written + 1);
@@ -208,8 +202,7 @@ TEST_F(PipeServerStopTest, ServerStoppedInTheMiddleOfAPacketStartsAgain) {
     server->Close();
     log.Clear();
     ASSERT_EQ(Start(), 0);
-    Write(Connect("client"));
-    opens.WaitForTarget("client");
+    ServeClient("client");
     server->Close();
     EXPECT_TRUE(log.Lines().empty());
 }

@@ -76,8 +76,7 @@ TEST_F(PipeServerTest, SecondInitIsRefusedAndChangesNothing) {
     struct stat after {};
     ASSERT_EQ(lstat(path.c_str(), &after), 0);
     EXPECT_EQ(before.st_ino, after.st_ino);
-    Write(Connect("client"));
-    EXPECT_EQ(opens.WaitForTarget("client").selfName, name);
+    EXPECT_EQ(ServeClient("client").selfName, name);
 }
 
 TEST_F(PipeServerTest, ServerWithoutANameServesUnderTheProcessName) {
@@ -140,8 +139,7 @@ TEST_F(PipeServerTest, ClosedServerStartsAgainAsOften) {
     for (int i = 0; i < 20; ++i) {
         ASSERT_EQ(Start(), 0);
         const std::string client = "client" + std::to_string(i);
-        Write(Connect(client));
-        EXPECT_EQ(opens.WaitForTarget(client).targetName, client);
+        EXPECT_EQ(ServeClient(client).targetName, client);
         server->Close();
     }
     EXPECT_EQ(opens.Count(), 20U);
@@ -166,8 +164,7 @@ TEST_F(PipeServerTest, ServerWhoseThreadEndedByItselfStartsAgainWithoutALeak) {
         ASSERT_TRUE(Eventually([this] { return Start() == 0; }));
         EXPECT_EQ(OpenDescriptors().size(), descriptors);
         const std::string client = "client" + std::to_string(i);
-        Write(Connect(client));
-        opens.WaitForTarget(client);
+        ServeClient(client);
     }
 }
 
@@ -211,8 +208,7 @@ TEST_F(PipeServerTest, StaleFileOfADeadServerIsReplaced) {
     struct stat after {};
     ASSERT_EQ(lstat(path.c_str(), &after), 0);
     EXPECT_EQ(after.st_mode & 07777U, 0660U);
-    Write(Connect("client"));
-    opens.WaitForTarget("client");
+    ServeClient("client");
 }
 
 TEST_F(PipeServerTest, ThreadHasThePriorityOfTheAttribute) {
@@ -221,8 +217,7 @@ TEST_F(PipeServerTest, ThreadHasThePriorityOfTheAttribute) {
         ASSERT_EQ(Start(), 0);
         const std::string client = "client" + std::to_string(priority);
         const bool refused = log.Contains(LOG_ERR, "Pthread_setschedparam failed");
-        Write(Connect(client));
-        const pid_t thread = opens.WaitForTarget(client).thread;
+        const pid_t thread = ServeClient(client).thread;
         const bool urgent = priority == TARVO_PRIORITY_URGENT && !refused;
         EXPECT_EQ(sched_getscheduler(thread), urgent ? SCHED_FIFO : SCHED_OTHER);
         server->Close();

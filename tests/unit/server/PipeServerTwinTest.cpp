@@ -37,8 +37,7 @@ protected:
 
     // A server that is reached under the name, and whose end nobody else feels.
     void ExpectServerOfItsOwn() {
-        Write(Connect("client"));
-        opens.WaitForTarget("client");
+        ServeClient("client");
         server->Close();
         EXPECT_TRUE(NoServerThreads());
         for (const int fd : others) {

@@ -17,6 +17,7 @@
 #include "support/AllocFaults.h"
 #include "support/FakeClock.h"
 #include "support/Faults.h"
+#include "support/FifoEnds.h"
 #include "support/LeakCheck.h"
 #include "support/Names.h"
 #include "support/RawFrame.h"
@@ -56,7 +57,6 @@ protected:
 
     ~TarvoClientPipeTest() override {
         pipe.reset();
-        CloseServer();
         unlink(path.c_str());
     }
 
@@ -69,22 +69,28 @@ protected:
 
     void MakeServer() {
         MakeServerFile();
-        serverFd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-        ASSERT_GE(serverFd, 0);
-    }
-
-    void CloseServer() {
-        if (serverFd >= 0) {
-            close(serverFd);
-        }
-        serverFd = -1;
+        serverEnd = ReadEnd(path);
     }
 
     std::string WhatTheServerReads() const {
         char buffer[4096];
-        const ssize_t count = read(serverFd, buffer, sizeof(buffer));
+        const ssize_t count = read(serverEnd.Get(), buffer, sizeof(buffer));
         return count < 0 ? "" : std::string(buffer, static_cast<std::size_t>(count));
     }
+
+    // What the server does once it has the announcement.
+    void MakePipeFiles() const {
+        ASSERT_EQ(mkfifo(toServer.c_str(), 0660), 0);
+        ASSERT_EQ(mkfifo(fromServer.c_str(), 0660), 0);
+    }
+
+    // In the order in which a server closes.
+    void RemovePipeFiles() const {
+        unlink(toServer.c_str());
+        unlink(fromServer.c_str());
+    }
+
+    std::string Announcement() const { return RawConnectPacket(extended, getgid(), getpid()); }
 
     void ExpectFailedOpen(int ret) {
         EXPECT_EQ(pipe->TimedOpen(1000), ret);
@@ -96,11 +102,13 @@ protected:
     const std::string self = UniqueName("cli");
     const std::string extended = self + "_" + std::to_string(getpid());
     const std::string path = FifoDirectory() + server;
+    const std::string toServer = FifoPath(extended, server);
+    const std::string fromServer = FifoPath(server, extended);
     SyslogCapture log;
     RecordingObserver observer;
     TarvoAttr attr;
     std::shared_ptr<TarvoClientPipe> pipe;
-    int serverFd = -1;
+    UniqueFd serverEnd;
 };
 
 TEST_F(TarvoClientPipeTest, NameIsExtendedByTheProcessId) {
@@ -138,7 +146,7 @@ TEST_F(TarvoClientPipeTest, AnnouncementIsOneConnectPacketInOneWrite) {
     MakeServer();
     const CallCounter writes(Call::Write);
     EXPECT_EQ(pipe->TimedOpen(1), -ETIMEDOUT);
-    EXPECT_EQ(WhatTheServerReads(), RawConnectPacket(extended, getgid(), getpid()));
+    EXPECT_EQ(WhatTheServerReads(), Announcement());
     EXPECT_EQ(writes.Count(), 1U);
 }
 
@@ -172,46 +180,28 @@ TEST_F(TarvoClientPipeTest, AnnouncementIsClosedBeforeThePipeOpens) {
 
 TEST_F(TarvoClientPipeTest, OpenGoesOnToTheServersSideOfThePipe) {
     MakeServer();
-    const std::string toServer = FifoPath(extended, server);
-    const std::string fromServer = FifoPath(server, extended);
-    ASSERT_EQ(mkfifo(toServer.c_str(), 0660), 0);
-    ASSERT_EQ(mkfifo(fromServer.c_str(), 0660), 0);
-    const int reader = open(toServer.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    ASSERT_GE(reader, 0);
+    MakePipeFiles();
+    const UniqueFd reader = ReadEnd(toServer);
     EXPECT_EQ(pipe->TimedOpen(1000), 0);
     EXPECT_EQ(observer.opened, std::vector<int>{HANDLE});
     EXPECT_TRUE(observer.failed.empty());
     EXPECT_TRUE(log.Lines().empty());
     pipe->DeInitPipe();
-    close(reader);
-    unlink(toServer.c_str());
-    unlink(fromServer.c_str());
+    RemovePipeFiles();
 }
 
 TEST_F(TarvoClientPipeTest, EveryOpenAnnouncesThePipeAgain) {
     MakeServer();
     pipe->TimedOpen(1);
     pipe->TimedOpen(1);
-    const std::string packet = RawConnectPacket(extended, getgid(), getpid());
-    EXPECT_EQ(WhatTheServerReads(), packet + packet);
+    EXPECT_EQ(WhatTheServerReads(), Announcement() + Announcement());
 }
 
 // ---- What an earlier pipe of these names has left behind ----
 
 class TarvoClientPipeLeftoverTest : public TarvoClientPipeTest {
 protected:
-    ~TarvoClientPipeLeftoverTest() override { RemoveLeftovers(); }
-
-    void MakeLeftovers() const {
-        ASSERT_EQ(mkfifo(toServer.c_str(), 0660), 0);
-        ASSERT_EQ(mkfifo(fromServer.c_str(), 0660), 0);
-    }
-
-    // In the order in which a server closes.
-    void RemoveLeftovers() const {
-        unlink(toServer.c_str());
-        unlink(fromServer.c_str());
-    }
+    ~TarvoClientPipeLeftoverTest() override { RemovePipeFiles(); }
 
     static std::chrono::steady_clock::duration Now() { return std::chrono::steady_clock::now().time_since_epoch(); }
 
@@ -227,9 +217,6 @@ protected:
         EXPECT_EQ(hook.Hits(), 1U);
         return std::chrono::duration_cast<std::chrono::milliseconds>(announced - start);
     }
-
-    const std::string toServer = FifoPath(extended, server);
-    const std::string fromServer = FifoPath(server, extended);
 };
 
 TEST_F(TarvoClientPipeLeftoverTest, WithoutAnyOneLookIsAllItTakes) {
@@ -249,11 +236,11 @@ TEST_F(TarvoClientPipeLeftoverTest, WithoutAnyOneLookIsAllItTakes) {
 
 TEST_F(TarvoClientPipeLeftoverTest, AnnouncesItselfOnceTheyAreGone) {
     MakeServer();
-    MakeLeftovers();
+    MakePipeFiles();
     FakeClock clock(FakeClock::Mode::Frozen);
     clock.SleepsAdvanceTheClock();
     const ScopedHook removal(
-        Call::Sleep, [&](const CallInfo &) { RemoveLeftovers(); }, Where().Nth(3).Times(1));
+        Call::Sleep, [&](const CallInfo &) { RemovePipeFiles(); }, Where().Nth(3).Times(1));
     const ScopedHook hook(
         Call::Write,
         [&](const CallInfo &) {
@@ -268,25 +255,25 @@ TEST_F(TarvoClientPipeLeftoverTest, AnnouncesItselfOnceTheyAreGone) {
 
 TEST_F(TarvoClientPipeLeftoverTest, WaitsForThemForATenthOfASecondAtMost) {
     MakeServer();
-    MakeLeftovers();
+    MakePipeFiles();
     EXPECT_EQ(TimeToTheAnnouncement(10000), std::chrono::milliseconds(100));
-    EXPECT_EQ(WhatTheServerReads(), RawConnectPacket(extended, getgid(), getpid()));
+    EXPECT_EQ(WhatTheServerReads(), Announcement());
 }
 
 TEST_F(TarvoClientPipeLeftoverTest, WaitsForThemThatLongWithoutATimeoutToo) {
     MakeServer();
-    MakeLeftovers();
+    MakePipeFiles();
     EXPECT_EQ(TimeToTheAnnouncement(0), std::chrono::milliseconds(100));
 }
 
 TEST_F(TarvoClientPipeLeftoverTest, DoesNotWaitForThemBeyondTheTimeoutOfTheOpen) {
     MakeServer();
-    MakeLeftovers();
+    MakePipeFiles();
     EXPECT_EQ(TimeToTheAnnouncement(30), std::chrono::milliseconds(30));
 }
 
 TEST_F(TarvoClientPipeLeftoverTest, WithoutAServerTheyAreNotWaitedFor) {
-    MakeLeftovers();
+    MakePipeFiles();
     const CallCounter sleeps(Call::Sleep);
     ExpectFailedOpen(-ENXIO);
     EXPECT_EQ(sleeps.Count(), 0U);
@@ -294,12 +281,12 @@ TEST_F(TarvoClientPipeLeftoverTest, WithoutAServerTheyAreNotWaitedFor) {
 
 TEST_F(TarvoClientPipeLeftoverTest, FilesOfAPipeThatIsOpenAreNotWaitedFor) {
     MakeServer();
-    int reader = -1;
+    UniqueFd reader;
     const ScopedHook hook(
         Call::Write,
         [&](const CallInfo &) {
-            MakeLeftovers(); // as the server does once it has the announcement
-            reader = open(toServer.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+            MakePipeFiles();
+            reader = ReadEnd(toServer);
         },
         Where().Times(1));
     ASSERT_EQ(pipe->TimedOpen(1000), 0);
@@ -307,13 +294,12 @@ TEST_F(TarvoClientPipeLeftoverTest, FilesOfAPipeThatIsOpenAreNotWaitedFor) {
     EXPECT_EQ(pipe->TimedOpen(1000), 0);
     EXPECT_EQ(sleeps.Count(), 0U);
     pipe->DeInitPipe();
-    close(reader);
 }
 
 TEST_F(TarvoClientPipeLeftoverTest, FilesOfAnOpenThatFailedAreNotWaitedForByTheNextAttempt) {
     MakeServer();
     ASSERT_EQ(pipe->TimedOpen(1), -ETIMEDOUT);
-    MakeLeftovers(); // the server was late
+    MakePipeFiles(); // the server was late
     const CallCounter sleeps(Call::Sleep);
     const ScopedHook hook(
         Call::Write, [&](const CallInfo &) { EXPECT_EQ(sleeps.Count(), 0U); }, Where().Times(1));
@@ -373,12 +359,7 @@ TEST_F(TarvoClientPipeTest, ServerThatMayNotBeOpenedIsReported) {
 
 TEST_F(TarvoClientPipeTest, ServerThatDoesNotKeepUpIsReported) {
     MakeServer();
-    const int writer = open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-    ASSERT_GE(writer, 0);
-    const std::string page(4096, '\0');
-    while (write(writer, page.data(), page.size()) > 0) {
-    }
-    close(writer);
+    FillFifo(path);
     ExpectFailedOpen(-EAGAIN);
     EXPECT_TRUE(log.Contains(LOG_ERR, "write dataIn fail: -1, serverMonitorFd = "));
     EXPECT_TRUE(log.Contains(LOG_ERR, ", errno = 11"));
