@@ -43,14 +43,12 @@ TEST_F(AccessTest, TwoUsersWhoShareAGroupTalk) {
     PeerProcess client([] { return Become(SECOND_USER, SHARED_GROUP); });
     Serve(server, Name("s"), "callback=echo" + Group());
     const Pair pair = Connect(server, Name("s"), client, Name("c"), "callback=echo" + Group());
-    EXPECT_EQ(client.Ask("call text timeout=20000 data=ping fd=" + std::to_string(pair.second)), "0 ping");
-    EXPECT_EQ(server.Ask("call text timeout=20000 data=pong fd=" + std::to_string(pair.first)), "0 pong");
+    ExpectEcho(client, pair.second);
+    ExpectEcho(server, pair.first);
 
     const Pair arranged =
         OpenPair(server, Name("a"), "callback=echo" + Group(), client, Name("b"), "callback=echo" + Group());
-    EXPECT_EQ(client.Ask("call text timeout=20000 data=ping fd=" + std::to_string(arranged.second)), "0 ping");
-    EXPECT_EQ(client.Quit(), 0);
-    EXPECT_EQ(server.Quit(), 0);
+    ExpectEcho(client, arranged.second);
 }
 
 TEST_F(AccessTest, StrangerNeitherConnectsNorListsNorDisturbs) {
@@ -78,10 +76,7 @@ TEST_F(AccessTest, StrangerNeitherConnectsNorListsNorDisturbs) {
     }
     EXPECT_LT(stranger.AskInt("client timeout=100 self=" + Name("x") + " target=" + Name("s")), 0);
 
-    EXPECT_EQ(client.Ask("call text timeout=20000 data=on fd=" + std::to_string(pair.second)), "0 on");
-    EXPECT_EQ(stranger.Quit(), 0);
-    EXPECT_EQ(client.Quit(), 0);
-    EXPECT_EQ(server.Quit(), 0);
+    ExpectEcho(client, pair.second, "on");
 }
 
 TEST_F(AccessTest, UrgentPipeOfAUserWithoutTheRightRunsInTimeSharing) {
@@ -89,8 +84,6 @@ TEST_F(AccessTest, UrgentPipeOfAUserWithoutTheRightRunsInTimeSharing) {
     PeerProcess second([] { return Become(SECOND_USER, SHARED_GROUP); });
     const Pair pair = OpenPair(first, Name("a"), "callback=policy priority=2" + Group(), second, Name("b"), Group());
     EXPECT_EQ(second.Ask("call text timeout=20000 data=x fd=" + std::to_string(pair.second)), "0 other:0");
-    EXPECT_EQ(second.Quit(), 0);
-    EXPECT_EQ(first.Quit(), 0);
 }
 
 } // namespace

@@ -2,15 +2,12 @@
 
 #include <cerrno>
 #include <string>
-#include <vector>
 
 #include "system/Payload.h"
 #include "system/SystemTest.h"
 
 namespace tarvo_test {
 namespace {
-
-std::string Fd(int fd) { return " fd=" + std::to_string(fd) + " "; }
 
 // A server whose callback is given, and one client of it.
 class CallTest : public SystemTest {
@@ -20,23 +17,15 @@ protected:
         pair_ = Connect(server_, Name("s"), client_, Name("c"), "callback=" + clientCallback);
     }
 
-    void TearDown() override {
-        EXPECT_EQ(client_.Quit(), 0);
-        EXPECT_EQ(server_.Quit(), 0);
-        SystemTest::TearDown();
-    }
-
     PeerProcess server_;
     PeerProcess client_;
     Pair pair_ = {};
 };
 
-const std::vector<std::size_t> SIZES = {1, 2, 31, 256, 1023, 3999, 4000};
-
 TEST_F(CallTest, OneWayRequestsArriveInOrderWithIdAndContent) {
     Start("report");
     unsigned id = 0xFFFFFFF0U;
-    for (const std::size_t size : SIZES) {
+    for (const std::size_t size : PAYLOAD_SIZES) {
         const std::string words = Fd(pair_.second) + FillWords(size, 3) + " id=" + std::to_string(static_cast<int>(id));
         ASSERT_EQ(client_.AskInt("send" + words), 0);
         EXPECT_EQ(server_.NextEvent(), "request fd=" + std::to_string(pair_.first) + " id=" + std::to_string(id) + " " +
@@ -62,7 +51,7 @@ TEST_F(CallTest, RequestsWithoutBytesOrWithTooManyAreRefused) {
 
 TEST_F(CallTest, CallIsAnsweredFromInsideTheCallback) {
     Start("echo");
-    for (const std::size_t size : SIZES) {
+    for (const std::size_t size : PAYLOAD_SIZES) {
         const std::string right = "0 " + FillDigest(size, 5);
         EXPECT_EQ(client_.Ask("call timeout=10000 " + FillWords(size, 5) + Fd(pair_.second)), right);
         EXPECT_EQ(client_.Ask("call " + FillWords(size, 5) + Fd(pair_.second)), right) << "without a time-out";
@@ -73,7 +62,7 @@ TEST_F(CallTest, CallIsAnsweredFromOutsideTheCallback) {
     Start("report");
     client_.Tell("call timeout=10000 text data=question" + Fd(pair_.second));
     const std::string request = server_.Await("request");
-    const std::string id = request.substr(request.find("id="), request.rfind(' ') - request.find("id="));
+    const std::string id = IdIn(request);
     EXPECT_EQ(server_.AskInt("respond data=answer " + id + Fd(pair_.first)), 0);
     EXPECT_EQ(client_.Reply(), "0 answer");
 }
@@ -83,13 +72,13 @@ TEST_F(CallTest, CallTimesOutAndItsLateAnswerIsDropped) {
     EXPECT_EQ(client_.AskInt("call timeout=20 data=first" + Fd(pair_.second)), -ETIMEDOUT);
     EXPECT_EQ(client_.AskInt("call timeout=0 data=second" + Fd(pair_.second)), -ETIMEDOUT);
     const std::string first = server_.Await("request");
-    const std::string late = first.substr(first.find("id="), first.rfind(' ') - first.find("id="));
+    const std::string late = IdIn(first);
     EXPECT_EQ(server_.AskInt("respond data=late " + late + Fd(pair_.first)), 0);
 
     server_.Await("request");
     client_.Tell("call timeout=10000 text data=third" + Fd(pair_.second));
     const std::string third = server_.Await("request");
-    const std::string id = third.substr(third.find("id="), third.rfind(' ') - third.find("id="));
+    const std::string id = IdIn(third);
     EXPECT_EQ(server_.AskInt("respond data=right " + id + Fd(pair_.first)), 0);
     EXPECT_EQ(client_.Reply(), "0 right");
 }
@@ -142,7 +131,7 @@ TEST_F(CallTest, CallbackCallsAThirdProcess) {
     client_.Tell("call timeout=20000 text data=question" + Fd(pair_.second));
     const std::string request = third.Await("request");
     EXPECT_NE(request.find(Digest("question")), std::string::npos);
-    const std::string id = request.substr(request.find("id="), request.rfind(' ') - request.find("id="));
+    const std::string id = IdIn(request);
     EXPECT_EQ(third.AskInt("respond data=answer " + id + Fd(onward.first)), 0);
     EXPECT_EQ(client_.Reply(), "0 answer");
 
@@ -150,7 +139,6 @@ TEST_F(CallTest, CallbackCallsAThirdProcess) {
     EXPECT_EQ(client_.Ask("call timeout=20000 text data=again" + Fd(pair_.second)),
               "0 failed:" + std::to_string(-ETIMEDOUT));
     EXPECT_EQ(server_.AskInt("close" + Fd(onward.second)), 0);
-    EXPECT_EQ(third.Quit(), 0);
 }
 
 TEST_F(CallTest, UnknownHandlesAreEnoent) {

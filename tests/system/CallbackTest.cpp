@@ -12,8 +12,6 @@
 namespace tarvo_test {
 namespace {
 
-std::string Fd(int fd) { return " fd=" + std::to_string(fd) + " "; }
-
 bool MayRunInRealTime() {
     sched_param parameters = {};
     parameters.sched_priority = 50;
@@ -52,12 +50,7 @@ protected:
     }
 
     // Returns once the receiver has read all that was sent to it: the answer of this call comes behind it.
-    void AwaitAllRead() { EXPECT_EQ(receiver_.Ask("call text timeout=20000 data=mark" + Fd(pair_.first)), "0 mark"); }
-
-    void QuitBoth() {
-        EXPECT_EQ(sender_.Quit(), 0);
-        EXPECT_EQ(receiver_.Quit(), 0);
-    }
+    void AwaitAllRead() { ExpectEcho(receiver_, pair_.first, "mark"); }
 
     std::string Event(const std::string &what, int id) const {
         return what + " fd=" + std::to_string(pair_.first) + " id=" + std::to_string(id) + " " + Digest("x");
@@ -78,7 +71,6 @@ TEST_F(CallbackTest, SerialCallbacksRunOneAfterAnotherInOrder) {
         receiver_.Ask("gate");
         EXPECT_EQ(receiver_.NextEvent(), Event("left", id));
     }
-    QuitBoth();
 }
 
 TEST_F(CallbackTest, BlockedSerialCallbackDelaysItsOwnPipeOnly) {
@@ -90,8 +82,6 @@ TEST_F(CallbackTest, BlockedSerialCallbackDelaysItsOwnPipeOnly) {
     EXPECT_EQ(other.Ask("call timeout=20000 text data=free" + Fd(otherPair.second)), "0 free");
     receiver_.Ask("gate");
     receiver_.Await("left");
-    EXPECT_EQ(other.Quit(), 0);
-    QuitBoth();
 }
 
 TEST_F(CallbackTest, ConcurrentCallbacksRunAtTheSameTime) {
@@ -105,7 +95,6 @@ TEST_F(CallbackTest, ConcurrentCallbacksRunAtTheSameTime) {
     for (int i = 0; i < 20; ++i) {
         receiver_.Await("left");
     }
-    QuitBoth();
 }
 
 TEST_F(CallbackTest, ConcurrentPipeDropsTheRequestBeyondTwoHundredCallbacks) {
@@ -124,7 +113,6 @@ TEST_F(CallbackTest, ConcurrentPipeDropsTheRequestBeyondTwoHundredCallbacks) {
     receiver_.Await(Event("left", 900));
     EXPECT_EQ(receiver_.Pending(Event("entered", 900)), 1U);
     EXPECT_EQ(receiver_.Pending("entered"), 1U) << "the request with id 200 was dropped";
-    QuitBoth();
 }
 
 TEST_F(CallbackTest, UrgentPipeReceivesAndCallsBackInRealTime) {
@@ -136,7 +124,6 @@ TEST_F(CallbackTest, UrgentPipeReceivesAndCallsBackInRealTime) {
     EXPECT_EQ(ThreadsNamed(receiver_.Pid(), "tarvo_monitor", SCHED_FIFO), 1);
     EXPECT_EQ(ThreadsNamed(sender_.Pid(), "tarvo_monitor", SCHED_FIFO), 0);
     EXPECT_EQ(ThreadsNamed(sender_.Pid(), "tarvo_monitor", SCHED_OTHER), 1);
-    QuitBoth();
 }
 
 TEST_F(CallbackTest, ConcurrentUrgentPipeCallsBackInRealTime) {
@@ -145,14 +132,12 @@ TEST_F(CallbackTest, ConcurrentUrgentPipeCallsBackInRealTime) {
     }
     Start("callback=policy priority=2 concur=1");
     EXPECT_EQ(sender_.Ask("call text timeout=20000 data=x" + Fd(pair_.second)), "0 fifo:50");
-    QuitBoth();
 }
 
 TEST_F(CallbackTest, NormalPipeReceivesAndCallsBackInTimeSharing) {
     Start("callback=policy priority=1");
     EXPECT_EQ(sender_.Ask("call text timeout=20000 data=x" + Fd(pair_.second)), "0 other:0");
     EXPECT_EQ(ThreadsNamed(receiver_.Pid(), "tarvo_monitor", SCHED_OTHER), 1);
-    QuitBoth();
 }
 
 TEST_F(CallbackTest, ServerOfUrgentPriorityServesInRealTime) {
@@ -163,14 +148,12 @@ TEST_F(CallbackTest, ServerOfUrgentPriorityServesInRealTime) {
     pair_ = Connect(receiver_, Name("server"), sender_, Name("client"), "");
     EXPECT_EQ(sender_.Ask("call text timeout=20000 data=x" + Fd(pair_.second)), "0 fifo:50");
     EXPECT_EQ(ThreadsNamed(receiver_.Pid(), "tarvo_server", SCHED_FIFO), 1);
-    QuitBoth();
 }
 
 TEST_F(CallbackTest, PriorityWithoutASchedulingClassOpensNothing) {
     EXPECT_EQ(receiver_.AskInt("open mode=1 timeout=10 priority=0 self=" + Name("r") + " target=" + Name("s")),
               -EINVAL);
     EXPECT_EQ(receiver_.AskInt("serve priority=0 self=" + Name("r")), -EINVAL);
-    QuitBoth();
 }
 
 TEST_F(CallbackTest, CallbackMayCloseItsOwnPipe) {
@@ -179,7 +162,6 @@ TEST_F(CallbackTest, CallbackMayCloseItsOwnPipe) {
     receiver_.Await("closed");
     AwaitFilesGone(Name("r"), Name("s"));
     EXPECT_EQ(receiver_.AskInt("send data=x" + Fd(pair_.first)), -ENOENT);
-    QuitBoth();
 }
 
 } // namespace

@@ -16,8 +16,6 @@
 namespace tarvo_test {
 namespace {
 
-std::string Fd(int fd) { return " fd=" + std::to_string(fd) + " "; }
-
 class CloseTest : public SystemTest {
 protected:
     // `maker_` creates the files of the pipe, `joiner_` waits for them. The maker's write end opens in the background,
@@ -25,11 +23,6 @@ protected:
     void Start(const std::string &makerCallback, const std::string &joinerCallback) {
         pair_ =
             OpenPair(maker_, Name("m"), "callback=" + makerCallback, joiner_, Name("j"), "callback=" + joinerCallback);
-    }
-
-    void QuitBoth() {
-        EXPECT_EQ(joiner_.Quit(), 0);
-        EXPECT_EQ(maker_.Quit(), 0);
     }
 
     bool FilesExist() const {
@@ -44,18 +37,17 @@ protected:
 
 TEST_F(CloseTest, MakerOfTheFilesRemovesThemAndTheRemoteIsTold) {
     Start("echo", "echo");
-    EXPECT_EQ(joiner_.Ask("call text timeout=20000 data=x" + Fd(pair_.second)), "0 x");
+    ExpectEcho(joiner_, pair_.second);
     EXPECT_EQ(maker_.AskInt("close" + Fd(pair_.first)), 0);
     EXPECT_FALSE(FilesExist());
     EXPECT_EQ(maker_.AskInt("send data=x" + Fd(pair_.first)), -ENOENT);
     EXPECT_EQ(maker_.AskInt("close" + Fd(pair_.first)), 0) << "a second time";
     EXPECT_EQ(HandleIn(joiner_.Await("gone")), pair_.second);
-    QuitBoth();
 }
 
 TEST_F(CloseTest, JoinerLeavesTheFilesAndTheMakerRemovesThem) {
     Start("echo", "echo");
-    EXPECT_EQ(joiner_.Ask("call text timeout=20000 data=x" + Fd(pair_.second)), "0 x");
+    ExpectEcho(joiner_, pair_.second);
     maker_.Freeze();
     EXPECT_EQ(joiner_.AskInt("close" + Fd(pair_.second)), 0);
     EXPECT_TRUE(FilesExist());
@@ -63,13 +55,12 @@ TEST_F(CloseTest, JoinerLeavesTheFilesAndTheMakerRemovesThem) {
     EXPECT_EQ(HandleIn(maker_.Await("gone")), pair_.first);
     AwaitFilesGone(Name("m"), Name("j"));
     EXPECT_EQ(maker_.AskInt("send data=x" + Fd(pair_.first)), -ENOENT);
-    QuitBoth();
 }
 
 TEST_F(CloseTest, NullRequestComesAfterAllRequestsThatWereRead) {
     Start("gate", "echo");
     EXPECT_EQ(joiner_.AskInt("send times=3 data=x" + Fd(pair_.second)), 0);
-    EXPECT_EQ(maker_.Ask("call text timeout=20000 data=mark" + Fd(pair_.first)), "0 mark");
+    ExpectEcho(maker_, pair_.first, "mark");
     EXPECT_EQ(joiner_.AskInt("close" + Fd(pair_.second)), 0);
     maker_.Ask("gate permits=3");
     for (int id = 0; id < 3; ++id) {
@@ -80,36 +71,32 @@ TEST_F(CloseTest, NullRequestComesAfterAllRequestsThatWereRead) {
     }
     EXPECT_EQ(HandleIn(maker_.NextEvent()), pair_.first);
     AwaitFilesGone(Name("m"), Name("j"));
-    QuitBoth();
 }
 
 TEST_F(CloseTest, ExitOfTheRemoteIsTold) {
     Start("echo", "echo");
-    EXPECT_EQ(joiner_.Ask("call text timeout=20000 data=x" + Fd(pair_.second)), "0 x");
+    ExpectEcho(joiner_, pair_.second);
     EXPECT_EQ(joiner_.Quit(), 0);
     EXPECT_EQ(HandleIn(maker_.Await("gone")), pair_.first);
     AwaitFilesGone(Name("m"), Name("j"));
-    EXPECT_EQ(maker_.Quit(), 0);
 }
 
 TEST_F(CloseTest, SigkillOfTheJoinerIsTold) {
     Start("echo", "echo");
-    EXPECT_EQ(joiner_.Ask("call text timeout=20000 data=x" + Fd(pair_.second)), "0 x");
+    ExpectEcho(joiner_, pair_.second);
     joiner_.KillAndWait();
     EXPECT_EQ(HandleIn(maker_.Await("gone")), pair_.first);
     AwaitFilesGone(Name("m"), Name("j"));
-    EXPECT_EQ(maker_.Quit(), 0);
 }
 
 TEST_F(CloseTest, SigkillOfTheMakerIsTold) {
     FilesMayStay();
     Start("echo", "echo");
-    EXPECT_EQ(joiner_.Ask("call text timeout=20000 data=x" + Fd(pair_.second)), "0 x");
+    ExpectEcho(joiner_, pair_.second);
     maker_.KillAndWait();
     EXPECT_EQ(HandleIn(joiner_.Await("gone")), pair_.second);
     EXPECT_EQ(joiner_.AskInt("close" + Fd(pair_.second)), 0);
     EXPECT_EQ(joiner_.AskInt("send data=x" + Fd(pair_.second)), -ENOENT);
-    EXPECT_EQ(joiner_.Quit(), 0);
 }
 
 // Whether every thread of the process sleeps.
@@ -151,21 +138,18 @@ TEST_P(WaitingCallerTest, ReturnsEpipeWhenTheRemoteDies) {
     StartCallers("");
     maker_.KillAndWait();
     ExpectBrokenCalls();
-    EXPECT_EQ(joiner_.Quit(), 0);
 }
 
 TEST_P(WaitingCallerTest, ReturnsEpipeWhenTheRemoteCloses) {
     StartCallers(" timeout=20000");
     EXPECT_EQ(maker_.AskInt("close" + Fd(pair_.first)), 0);
     ExpectBrokenCalls();
-    QuitBoth();
 }
 
 TEST_P(WaitingCallerTest, ReturnsEpipeWhenItsOwnProcessCloses) {
     StartCallers("");
     EXPECT_EQ(joiner_.AskInt("close" + Fd(pair_.second)), 0);
     ExpectBrokenCalls();
-    QuitBoth();
 }
 
 INSTANTIATE_TEST_SUITE_P(Callback, WaitingCallerTest, ::testing::Values("echo", "none"));
@@ -181,19 +165,17 @@ TEST_F(CloseTest, SendToAReaderThatIsGoneIsEpipe) {
     EXPECT_EQ(maker_.AskInt("send data=x" + Fd(fd)), -EPIPE);
     EXPECT_EQ(maker_.AskInt("respond data=x" + Fd(fd)), -EPIPE);
     EXPECT_EQ(maker_.AskInt("call timeout=10000 data=x" + Fd(fd)), -EPIPE);
-    QuitBoth();
 }
 
 TEST_F(CloseTest, CleanPipeRemovesTheFilesOfAnOpenPipe) {
     Start("echo", "echo");
-    EXPECT_EQ(joiner_.Ask("call text timeout=20000 data=x" + Fd(pair_.second)), "0 x");
+    ExpectEcho(joiner_, pair_.second);
     EXPECT_EQ(maker_.AskInt("clean" + Fd(pair_.first)), 0);
     EXPECT_TRUE(FilesExist()) << "refused for the side that made them";
     EXPECT_EQ(joiner_.AskInt("clean" + Fd(pair_.second)), 0);
     EXPECT_TRUE(Files().empty());
-    EXPECT_EQ(joiner_.Ask("call text timeout=20000 data=on" + Fd(pair_.second)), "0 on");
+    ExpectEcho(joiner_, pair_.second, "on");
     EXPECT_EQ(joiner_.AskInt("clean" + Fd(pair_.second)), 0) << "a second time";
-    QuitBoth();
 }
 
 TEST_F(CloseTest, ClosedPipeOpensAgainUnderAFreshHandle) {
@@ -205,28 +187,26 @@ TEST_F(CloseTest, ClosedPipeOpensAgainUnderAFreshHandle) {
     Start("echo", "echo");
     EXPECT_GT(pair_.first, before.first);
     EXPECT_GT(pair_.second, before.second);
-    EXPECT_EQ(joiner_.Ask("call text timeout=20000 data=x" + Fd(pair_.second)), "0 x");
-    QuitBoth();
+    ExpectEcho(joiner_, pair_.second);
 }
 
 TEST_F(CloseTest, NullRequestMayCloseThePipeAndConnectAgain) {
     Serve(maker_, Name("s"), "callback=echo");
     pair_ = Connect(maker_, Name("s"), joiner_, Name("c"), "callback=reopen");
-    EXPECT_EQ(joiner_.Ask("call text timeout=20000 data=before" + Fd(pair_.second)), "0 before");
+    ExpectEcho(joiner_, pair_.second, "before");
     EXPECT_EQ(maker_.AskInt("close" + Fd(pair_.first)), 0);
     joiner_.Await("gone");
     const int fd = HandleIn(joiner_.Await("reopened"));
     EXPECT_GT(fd, pair_.second);
-    EXPECT_EQ(joiner_.Ask("call text timeout=20000 data=after" + Fd(fd)), "0 after");
+    ExpectEcho(joiner_, fd, "after");
     EXPECT_GT(HandleIn(maker_.Await("client")), pair_.first);
-    QuitBoth();
 }
 
 TEST_F(CloseTest, ClientsReconnectToAServerThatWasKilled) {
     const std::string create = "client timeout=10000 callback=report self=" + Name("c") + " target=" + Name("s");
     Serve(maker_, Name("s"), "callback=echo");
     int fd = Connect(maker_, Name("s"), joiner_, Name("c"), "callback=report").second;
-    EXPECT_EQ(joiner_.Ask("call text timeout=20000 data=before" + Fd(fd)), "0 before");
+    ExpectEcho(joiner_, fd, "before");
     const auto files = Files();
     maker_.KillAndWait();
 
@@ -237,11 +217,8 @@ TEST_F(CloseTest, ClientsReconnectToAServerThatWasKilled) {
     Serve(again, Name("s"), "callback=echo");
     fd = joiner_.AskInt(create);
     ASSERT_GT(fd, 0);
-    EXPECT_EQ(joiner_.Ask("call text timeout=20000 data=after" + Fd(fd)), "0 after");
+    ExpectEcho(joiner_, fd, "after");
     EXPECT_EQ(Files().size(), files.size()) << "the new server took over the names";
-
-    EXPECT_EQ(joiner_.Quit(), 0);
-    EXPECT_EQ(again.Quit(), 0);
 }
 
 } // namespace

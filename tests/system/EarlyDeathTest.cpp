@@ -29,6 +29,17 @@ protected:
 
     ~EarlyDeathTest() override { TarvoClosePipe(fd); }
 
+    Callback Told() {
+        return [this](int, TarvoRequest *request) { told += request == nullptr ? 1 : 100; };
+    }
+
+    void ExpectToldOnceAndClosed() {
+        TarvoRequest request{0, const_cast<char *>("x"), 1};
+        EXPECT_TRUE(Eventually([&] { return TarvoSendRequest(fd, &request) == -ENOENT; }));
+        EXPECT_EQ(told, 1);
+    }
+
+    std::atomic<int> told{0};
     int fd = 0;
     const std::string self = UniqueName("caller");
     const std::string target = UniqueName("mute");
@@ -50,13 +61,10 @@ TEST_F(EarlyDeathTest, CallerWithoutTimeOutIsTold) {
 }
 
 TEST_F(EarlyDeathTest, CallbackIsToldOnceAndThePipeCloses) {
-    std::atomic<int> told{0};
-    Open([&](int, TarvoRequest *request) { told += request == nullptr ? 1 : 100; });
+    Open(Told());
     ASSERT_GT(fd, 0);
     remote.CloseRead();
-    TarvoRequest request{0, const_cast<char *>("x"), 1};
-    EXPECT_TRUE(Eventually([&] { return TarvoSendRequest(fd, &request) == -ENOENT; }));
-    EXPECT_EQ(told, 1);
+    ExpectToldOnceAndClosed();
 }
 
 TEST_F(EarlyDeathTest, AnswerWrittenBeforeTheEndIsDelivered) {
@@ -72,15 +80,12 @@ TEST_F(EarlyDeathTest, AnswerWrittenBeforeTheEndIsDelivered) {
 }
 
 TEST_F(EarlyDeathTest, CallbackIsToldOnceOfAnOrdinaryEnd) {
-    std::atomic<int> told{0};
-    Open([&](int, TarvoRequest *request) { told += request == nullptr ? 1 : 100; });
+    Open(Told());
     ASSERT_GT(fd, 0);
     remote.OpenWrite();
     remote.CloseRead();
     remote.CloseWrite();
-    TarvoRequest request{0, const_cast<char *>("x"), 1};
-    EXPECT_TRUE(Eventually([&] { return TarvoSendRequest(fd, &request) == -ENOENT; }));
-    EXPECT_EQ(told, 1);
+    ExpectToldOnceAndClosed();
 }
 
 } // namespace

@@ -15,10 +15,9 @@ TEST_P(FullFifoTest, RefusesWithEagainAndRecoversWithNothingLost) {
     PeerProcess receiver;
     PeerProcess sender;
     const Pair pair = OpenPair(receiver, Name("r"), "callback=report", sender, Name("s"), "callback=echo");
-    const std::string fd = " fd=" + std::to_string(pair.second) + " ";
-    const std::string to = " fd=" + std::to_string(pair.first) + " ";
+    const std::string fd = Fd(pair.second);
     // Both write ends are open before the receiver is stopped.
-    EXPECT_EQ(receiver.Ask("call text timeout=20000 data=x" + to), "0 x");
+    ExpectEcho(receiver, pair.first);
 
     receiver.Freeze();
     const std::string filled = sender.Ask("fillup " + FillWords(GetParam(), 9) + fd);
@@ -35,8 +34,6 @@ TEST_P(FullFifoTest, RefusesWithEagainAndRecoversWithNothingLost) {
     }
     EXPECT_EQ(sender.AskInt("send id=4711 data=after" + fd), 0);
     EXPECT_EQ(receiver.NextEvent(), "request fd=" + std::to_string(pair.first) + " id=4711 " + Digest("after"));
-    EXPECT_EQ(sender.Quit(), 0);
-    EXPECT_EQ(receiver.Quit(), 0);
 }
 
 // Up to a thousand requests wait in the receiver; those of a hundred bytes stay below that.

@@ -72,10 +72,6 @@ protected:
     }
     gid_t Group() const { return group_; }
 
-    static void ExpectCalls(PeerProcess &from, int fd) {
-        EXPECT_EQ(from.Ask("call text timeout=20000 data=ping fd=" + std::to_string(fd)), "0 ping");
-    }
-
 private:
     gid_t group_ = NO_GROUP;
 };
@@ -87,10 +83,10 @@ TEST_F(PackagedDirectoryTest, TwoUsersOfTheGroupCallEachOtherWhoeverMadeTheFiles
     Serve(first, Name("s"), "callback=echo");
     const Pair served = Connect(first, Name("s"), second, Name("c"), "callback=echo");
     const Pair arranged = OpenPair(second, Name("a"), "callback=echo", first, Name("b"), "callback=echo");
-    ExpectCalls(first, served.first);
-    ExpectCalls(second, served.second);
-    ExpectCalls(second, arranged.first);
-    ExpectCalls(first, arranged.second);
+    ExpectEcho(first, served.first);
+    ExpectEcho(second, served.second);
+    ExpectEcho(second, arranged.first);
+    ExpectEcho(first, arranged.second);
 
     ASSERT_EQ(Files().size(), 5U);
     for (const std::string &file : Files()) {
@@ -98,8 +94,6 @@ TEST_F(PackagedDirectoryTest, TwoUsersOfTheGroupCallEachOtherWhoeverMadeTheFiles
         EXPECT_EQ(status.st_gid, Group()) << file;
         EXPECT_EQ(status.st_mode, static_cast<mode_t>(S_IFIFO | 0660)) << file;
     }
-    EXPECT_EQ(second.Quit(), 0);
-    EXPECT_EQ(first.Quit(), 0);
 }
 
 TEST_F(PackagedDirectoryTest, AUserOutsideTheGroupNeitherConnectsNorServesNorLists) {
@@ -115,8 +109,6 @@ TEST_F(PackagedDirectoryTest, AUserOutsideTheGroupNeitherConnectsNorServesNorLis
     EXPECT_FALSE(StrangerCan([] { return Opens(FifoDirectory() + Name("s"), O_WRONLY); }));
     EXPECT_FALSE(StrangerCan([] { return unlink((FifoDirectory() + Name("s")).c_str()) == 0; }));
     EXPECT_EQ(Files().size(), 1U);
-    EXPECT_EQ(stranger.Quit(), 0);
-    EXPECT_EQ(server.Quit(), 0);
 }
 
 // With the sticky bit, the file of the dead server would stay another user's, who could shut the new one's clients out.
@@ -131,10 +123,8 @@ TEST_F(PackagedDirectoryTest, AServerOfAnotherUserTakesOverTheNameOfOneThatDied)
     Serve(server, Name("s"), "callback=echo");
     EXPECT_EQ(StatusOf(FifoDirectory() + Name("s")).st_uid, SECOND_USER);
     const Pair pair = Connect(server, Name("s"), client, Name("c"), "callback=echo");
-    ExpectCalls(client, pair.second);
-    ExpectCalls(server, pair.first);
-    EXPECT_EQ(client.Quit(), 0);
-    EXPECT_EQ(server.Quit(), 0);
+    ExpectEcho(client, pair.second);
+    ExpectEcho(server, pair.first);
 }
 
 // A client may have to: the server that made them hangs, or is gone.
@@ -144,10 +134,9 @@ TEST_F(PackagedDirectoryTest, AClientRemovesTheFilesOfAnotherUsersServer) {
     const Pair pair = OpenPair(server, Name("a"), "callback=echo", client, Name("b"), "callback=echo");
     server.Freeze();
     ASSERT_EQ(Files().size(), 2U);
-    EXPECT_EQ(client.AskInt("clean fd=" + std::to_string(pair.second)), 0);
+    EXPECT_EQ(client.AskInt("clean" + Fd(pair.second)), 0);
     EXPECT_TRUE(Files().empty());
     server.KillAndWait();
-    EXPECT_EQ(client.Quit(), 0);
 }
 
 } // namespace

@@ -18,6 +18,9 @@ inline std::string Fill(std::size_t size, unsigned seed) {
     return bytes;
 }
 
+// The least, the most, and what lies about the powers of two.
+constexpr std::size_t PAYLOAD_SIZES[] = {1, 2, 31, 256, 1023, 3999, 4000};
+
 // Length and content of a payload in a word fit for one line of text (64-bit FNV-1a).
 inline std::string Digest(const std::string &bytes) {
     uint64_t hash = 0xCBF29CE484222325U;

@@ -1,6 +1,7 @@
 #include "system/PeerProcess.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -9,6 +10,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <exception>
 #include <stdexcept>
 #include <system_error>
 
@@ -64,6 +66,10 @@ PeerProcess::PeerProcess(const std::function<bool()> &inChild, const char *progr
 }
 
 PeerProcess::~PeerProcess() {
+    // A test that threw has left the child anywhere.
+    if (pid_ > 0 && std::uncaught_exceptions() == 0) {
+        EXPECT_NO_THROW(EXPECT_EQ(Quit(), 0));
+    }
     KillAndWait();
     close(commands_);
     close(answers_);

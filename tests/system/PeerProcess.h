@@ -10,7 +10,8 @@
 namespace tarvo_test {
 
 // A child process that uses the library as a user does and obeys one line of text at a time (peers/peer.cpp).
-// Owns: the child and the two ends of its standard streams. Threads: one. Ends: kills the child if it still runs.
+// Owns: the child and the two ends of its standard streams. Threads: one. Ends: has a child that still runs end in the
+// orderly way, and fails the test when it does not.
 class PeerProcess {
 public:
     // `inChild` runs in the child between fork and exec, where the process has one thread: users, groups, environment.

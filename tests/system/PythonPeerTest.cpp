@@ -1,17 +1,14 @@
 // Programs over the library and the pure Python peer of the examples, each in both roles. The two share no code, so
 // what one of them takes for the wire format the other has understood from its description.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
-#include <memory>
 #include <string>
-#include <vector>
 
 #include "support/Eventually.h"
+#include "support/FifoEnds.h"
 #include "support/RawPeer.h"
 #include "system/Payload.h"
 #include "system/SystemTest.h"
@@ -19,25 +16,12 @@
 namespace tarvo_test {
 namespace {
 
-std::string Fd(int fd) { return " fd=" + std::to_string(fd) + " "; }
-
-std::string IdIn(const std::string &request) {
-    return request.substr(request.find("id="), request.rfind(' ') - request.find("id="));
-}
-
-const std::vector<std::size_t> SIZES = {1, 2, 31, 256, 1023, 3999, 4000};
-
 // The parameter: whether Python is the first peer, which serves or creates the files.
 class PythonPeerTest : public SystemTest, public testing::WithParamInterface<bool> {
 protected:
     void Start(const std::string &callback, const std::string &clientCallback = "none") {
         Serve(first_, Name("s"), "callback=" + callback);
         pair_ = Connect(first_, Name("s"), second_, Name("c"), "callback=" + clientCallback);
-    }
-
-    void QuitBoth() {
-        EXPECT_EQ(second_.Quit(), 0);
-        EXPECT_EQ(first_.Quit(), 0);
     }
 
     PeerProcess first_{nullptr, GetParam() ? PYTHON_PEER_PROGRAM : SYSTEM_PEER_PROGRAM};
@@ -51,7 +35,7 @@ INSTANTIATE_TEST_SUITE_P(Roles, PythonPeerTest, testing::Bool(), [](const testin
 
 TEST_P(PythonPeerTest, CallsOfEverySizeAreAnswered) {
     Start("echo", "echo");
-    for (const std::size_t size : SIZES) {
+    for (const std::size_t size : PAYLOAD_SIZES) {
         const std::string right = "0 " + FillDigest(size, 5);
         EXPECT_EQ(second_.Ask("call timeout=20000 " + FillWords(size, 5) + Fd(pair_.second)), right);
         EXPECT_EQ(first_.Ask("call timeout=20000 " + FillWords(size, 5) + Fd(pair_.first)), right);
@@ -59,12 +43,11 @@ TEST_P(PythonPeerTest, CallsOfEverySizeAreAnswered) {
     }
     EXPECT_EQ(second_.AskInt("call timeout=20000 fill=4001" + Fd(pair_.second)), -EINVAL);
     EXPECT_EQ(second_.AskInt("send fill=0" + Fd(pair_.second)), -EINVAL);
-    QuitBoth();
 }
 
 TEST_P(PythonPeerTest, OneWayRequestsArriveInOrderWithIdAndContent) {
     Start("report", "report");
-    for (const std::size_t size : SIZES) {
+    for (const std::size_t size : PAYLOAD_SIZES) {
         ASSERT_EQ(second_.AskInt("send id=-16 " + FillWords(size, 3) + Fd(pair_.second)), 0);
         EXPECT_EQ(first_.NextEvent(),
                   "request fd=" + std::to_string(pair_.first) + " id=4294967280 " + FillDigest(size, 3));
@@ -74,7 +57,6 @@ TEST_P(PythonPeerTest, OneWayRequestsArriveInOrderWithIdAndContent) {
         EXPECT_EQ(second_.NextEvent(),
                   "request fd=" + std::to_string(pair_.second) + " id=" + std::to_string(i) + " " + Digest("x"));
     }
-    QuitBoth();
 }
 
 TEST_P(PythonPeerTest, CallTimesOutAndItsLateAnswerIsDropped) {
@@ -84,7 +66,6 @@ TEST_P(PythonPeerTest, CallTimesOutAndItsLateAnswerIsDropped) {
     second_.Tell("call timeout=20000 text data=second" + Fd(pair_.second));
     EXPECT_EQ(first_.AskInt("respond data=right " + IdIn(first_.Await("request")) + Fd(pair_.first)), 0);
     EXPECT_EQ(second_.Reply(), "0 right");
-    QuitBoth();
 }
 
 TEST_P(PythonPeerTest, CallsGoBothWaysOnOnePipeAtTheSameTime) {
@@ -99,7 +80,6 @@ TEST_P(PythonPeerTest, CallsGoBothWaysOnOnePipeAtTheSameTime) {
         EXPECT_EQ(first_.Await("called tag=" + std::to_string(i) + " "), right);
         EXPECT_EQ(second_.Await("called tag=" + std::to_string(i) + " "), right);
     }
-    QuitBoth();
 }
 
 TEST_P(PythonPeerTest, ServerIsToldThatItsClientHasClosed) {
@@ -110,7 +90,6 @@ TEST_P(PythonPeerTest, ServerIsToldThatItsClientHasClosed) {
     EXPECT_EQ(HandleIn(first_.Await("gone")), pair_.first);
     AwaitFilesGone(Name("s"), Name("c") + "_" + std::to_string(second_.Pid()));
     EXPECT_EQ(first_.AskInt("send data=x" + Fd(pair_.first)), -ENOENT);
-    QuitBoth();
 }
 
 TEST_P(PythonPeerTest, ServerIsToldThatItsClientWasKilledAndServesTheNext) {
@@ -119,9 +98,7 @@ TEST_P(PythonPeerTest, ServerIsToldThatItsClientWasKilledAndServesTheNext) {
     EXPECT_EQ(HandleIn(first_.Await("gone")), pair_.first);
     PeerProcess next(nullptr, GetParam() ? SYSTEM_PEER_PROGRAM : PYTHON_PEER_PROGRAM);
     const Pair again = Connect(first_, Name("s"), next, Name("c"), "");
-    EXPECT_EQ(next.Ask("call text timeout=20000 data=again" + Fd(again.second)), "0 again");
-    EXPECT_EQ(next.Quit(), 0);
-    EXPECT_EQ(first_.Quit(), 0);
+    ExpectEcho(next, again.second, "again");
 }
 
 TEST_P(PythonPeerTest, CallerIsReleasedWhenTheServerIsKilled) {
@@ -136,7 +113,6 @@ TEST_P(PythonPeerTest, CallerIsReleasedWhenTheServerIsKilled) {
     EXPECT_EQ(second_.Reply(), std::to_string(-EPIPE));
     EXPECT_EQ(HandleIn(second_.Await("gone")), pair_.second);
     EXPECT_EQ(second_.AskInt("client timeout=20000 target=" + Name("s") + " self=" + Name("c")), -ENXIO);
-    EXPECT_EQ(second_.Quit(), 0);
 }
 
 TEST_P(PythonPeerTest, PipeByArrangementOpensWhoeverComesFirst) {
@@ -146,17 +122,15 @@ TEST_P(PythonPeerTest, PipeByArrangementOpensWhoeverComesFirst) {
     const int joiner = std::stoi(second_.Reply());
     ASSERT_GT(maker, 0);
     ASSERT_GT(joiner, 0);
-    EXPECT_EQ(second_.Ask("call text timeout=20000 data=there" + Fd(joiner)), "0 there");
-    EXPECT_EQ(first_.Ask("call text timeout=20000 data=back" + Fd(maker)), "0 back");
+    ExpectEcho(second_, joiner, "there");
+    ExpectEcho(first_, maker, "back");
     EXPECT_EQ(first_.AskInt("close" + Fd(maker)), 0);
     EXPECT_EQ(HandleIn(second_.Await("gone")), joiner);
-    QuitBoth();
 }
 
 TEST_P(PythonPeerTest, RemoteThatDoesNotComeIsWaitedForInVain) {
     EXPECT_EQ(first_.AskInt("open mode=0 timeout=30 self=" + Name("j") + " target=" + Name("m")), -ETIMEDOUT);
     EXPECT_EQ(first_.AskInt("client timeout=30 self=" + Name("j") + " target=" + Name("m")), -ENXIO);
-    QuitBoth();
 }
 
 TEST_P(PythonPeerTest, SenderIsToldThatTheFifoIsFull) {
@@ -170,7 +144,6 @@ TEST_P(PythonPeerTest, SenderIsToldThatTheFifoIsFull) {
     for (int id = 0; id < sent; ++id) {
         EXPECT_EQ(IdIn(first_.Await("request")), "id=" + std::to_string(id));
     }
-    QuitBoth();
 }
 
 // Python alone, against bytes written by hand.
@@ -203,7 +176,6 @@ TEST_F(PythonWireTest, GarbageInThePipeIsDroppedAndTheNextGoodFrameServed) {
     EXPECT_EQ(frame.type, 1U);
     EXPECT_EQ(frame.timeout, -1);
     EXPECT_EQ(frame.payload, Fill(4000, 4));
-    EXPECT_EQ(python_.Quit(), 0);
 }
 
 TEST_F(PythonWireTest, GarbageInTheServersFileIsSkipped) {
@@ -214,18 +186,13 @@ TEST_F(PythonWireTest, GarbageInTheServersFileIsSkipped) {
     WriteToRawServer(Name("s"), RawConnectPacket("../" + Name("climber"), 0, 1));
     WriteToRawServer(Name("s"), RawConnectPacket(Name("cut"), 0, 1).substr(0, 22));
     // Else the next packet could follow so soon that it is taken for the rest of the one cut off.
-    const int fifo = open((FifoDirectory() + Name("s")).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    ASSERT_GE(fifo, 0);
-    EXPECT_TRUE(Eventually([fifo] {
+    EXPECT_TRUE(Eventually([fifo = FifoDirectory() + Name("s")] {
         int unread = -1;
-        return ioctl(fifo, FIONREAD, &unread) == 0 && unread == 0;
+        return ioctl(ReadEnd(fifo).Get(), FIONREAD, &unread) == 0 && unread == 0;
     }));
-    close(fifo);
     PeerProcess client;
     const Pair pair = Connect(python_, Name("s"), client, Name("c"), "");
-    EXPECT_EQ(client.Ask("call text timeout=20000 data=fine" + Fd(pair.second)), "0 fine");
-    EXPECT_EQ(client.Quit(), 0);
-    EXPECT_EQ(python_.Quit(), 0);
+    ExpectEcho(client, pair.second, "fine");
 }
 
 TEST_F(PythonWireTest, ItsFramesAreTheLibrarys) {
@@ -245,7 +212,6 @@ TEST_F(PythonWireTest, ItsFramesAreTheLibrarys) {
     raw.Send(RawResponse(call.id + 1, "wrong"));
     raw.Send(RawResponse(call.id, "right"));
     EXPECT_EQ(python_.Reply(), "0 right");
-    EXPECT_EQ(python_.Quit(), 0);
 }
 
 } // namespace

@@ -1,8 +1,6 @@
 // A remote that closes again and again, and a pipe that is opened anew at once: nothing may be lost between the two.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -11,6 +9,7 @@
 #include <string>
 
 #include "support/Eventually.h"
+#include "support/FifoEnds.h"
 #include "support/LeakCheck.h"
 #include "support/Names.h"
 #include "support/Pipes.h"
@@ -68,7 +67,7 @@ protected:
         if (mode == TARVO_MODE_CLIENT) {
             // Reads on, so that an open never has to wait for it; with a writer of its own, so that it sees no hang-up.
             peer.CreateFiles();
-            keeper = open(peer.ReadFile().c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+            keeper = WriteEnd(peer.ReadFile());
         }
         auto remote = std::async(std::launch::async, [this, mode, rounds] { BeTheRemote(mode, rounds); });
         for (int round = 0; round < rounds; ++round) {
@@ -86,7 +85,7 @@ protected:
         TarvoClosePipe(fd);
         opened = rounds;
         EXPECT_NO_THROW(remote.get());
-        close(keeper);
+        keeper.Reset();
     }
 
     // In server mode the remote may not read yet.
@@ -104,7 +103,7 @@ protected:
     RawPeer peer{target, self};
     int fd = 0;
     std::atomic<int> opened{0};
-    int keeper = -1;
+    UniqueFd keeper;
 };
 
 TEST_F(ReopenStressTest, PipeInClientModeIsHeardAfterEachReopening) { OpenAfterEachClose(TARVO_MODE_CLIENT); }

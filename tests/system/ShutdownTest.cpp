@@ -17,8 +17,6 @@ namespace {
 constexpr int CLIENTS = 3;
 constexpr int THREADS = 2;
 
-std::string Fd(int fd) { return " fd=" + std::to_string(fd) + " "; }
-
 // What a caller may meet while either side goes down: closed, unknown, broken; or 0 without an answer for a call whose
 // pipe was closed between its send and its wait.
 bool IsSoftFailure(const std::string &result) {
@@ -65,7 +63,6 @@ TEST_F(ShutdownTest, ServerFinishesWithTrafficRunning) {
         EXPECT_EQ(client.Quit(), 0);
     }
     EXPECT_EQ(server_.AskInt("send data=x fd=2"), -ENOENT);
-    EXPECT_EQ(server_.Quit(), 0);
 }
 
 TEST_F(ShutdownTest, ClientsFinishWithTrafficRunning) {
@@ -78,7 +75,6 @@ TEST_F(ShutdownTest, ClientsFinishWithTrafficRunning) {
     for (int i = 0; i < CLIENTS; ++i) {
         server_.Await("gone");
     }
-    EXPECT_EQ(server_.Quit(), 0);
 }
 
 TEST_F(ShutdownTest, FinishWaitsForTheCallbackThatRuns) {
@@ -95,15 +91,13 @@ TEST_F(ShutdownTest, FinishWaitsForTheCallbackThatRuns) {
     server_.Await("unanswered");
     server_.Await("finished");
     EXPECT_EQ(server_.AskInt("exist"), 0);
-    EXPECT_EQ(clients_[0].Quit(), 0);
-    EXPECT_EQ(server_.Quit(), 0);
 }
 
 TEST_F(ShutdownTest, HandlerOfAFatalSignalRemovesAllFilesOfItsProcess) {
     Serve(server_, Name("s"), "callback=echo");
     for (PeerProcess &client : clients_) {
         const int fd = Connect(server_, Name("s"), client, Name("c"), "callback=report").second;
-        EXPECT_EQ(client.Ask("call text timeout=20000 data=x" + Fd(fd)), "0 x");
+        ExpectEcho(client, fd);
     }
     // Without a time-out nothing waits for the remote in the background, which would give the pipe up in the end.
     ASSERT_GT(server_.AskInt("open mode=1 timeout=0 self=" + Name("s") + " target=" + Name("never")), 0);
@@ -115,24 +109,19 @@ TEST_F(ShutdownTest, HandlerOfAFatalSignalRemovesAllFilesOfItsProcess) {
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGSEGV) << status;
     EXPECT_EQ(access((FifoDirectory() + Name("s")).c_str(), F_OK), -1);
     EXPECT_EQ(Files().size(), 2U) << "the files of others stay";
-    EXPECT_EQ(clients_[1].Ask("call text timeout=20000 data=on" + Fd(others.second)), "0 on");
+    ExpectEcho(clients_[1], others.second, "on");
     for (PeerProcess &client : clients_) {
         client.Await("gone");
     }
-    EXPECT_EQ(clients_[1].Quit(), 0);
-    EXPECT_EQ(clients_[2].Quit(), 0);
-    EXPECT_EQ(clients_[0].Quit(), 0);
 }
 
 TEST_F(ShutdownTest, HandlerLeavesOpenPipesUsable) {
     Serve(server_, Name("s"), "callback=echo");
     const int fd = Connect(server_, Name("s"), clients_[0], Name("c"), "").second;
-    EXPECT_EQ(clients_[0].Ask("call text timeout=20000 data=x" + Fd(fd)), "0 x");
+    ExpectEcho(clients_[0], fd);
     EXPECT_EQ(server_.Ask("handler signo=15"), "0");
     EXPECT_TRUE(Files().empty());
-    EXPECT_EQ(clients_[0].Ask("call text timeout=20000 data=on" + Fd(fd)), "0 on");
-    EXPECT_EQ(clients_[0].Quit(), 0);
-    EXPECT_EQ(server_.Quit(), 0);
+    ExpectEcho(clients_[0], fd, "on");
 }
 
 } // namespace

@@ -12,7 +12,7 @@ void SystemTest::SetUp() {
     ASSERT_EQ(access(FifoDirectory().c_str(), W_OK), 0) << FifoDirectory() << " must exist and be writable";
 }
 
-void SystemTest::TearDown() {
+SystemTest::~SystemTest() {
     for (const std::string &file : Files()) {
         // A server's own file outlives the server; those of a pipe do not outlive the pipe.
         if (file.find("__to__") != std::string::npos && !filesMayStay_) {
@@ -56,6 +56,12 @@ SystemTest::Pair SystemTest::Connect(PeerProcess &server, const std::string &ser
     return pair;
 }
 
+void SystemTest::ExpectEcho(PeerProcess &caller, int fd, const std::string &text) {
+    EXPECT_EQ(caller.Ask("call text timeout=20000 data=" + text + Fd(fd)), "0 " + text);
+}
+
+std::string Fd(int fd) { return " fd=" + std::to_string(fd) + " "; }
+
 std::string FillWords(std::size_t size, unsigned seed) {
     return "fill=" + std::to_string(size) + " seed=" + std::to_string(seed);
 }
@@ -65,6 +71,10 @@ std::string FillDigest(std::size_t size, unsigned seed) { return Digest(Fill(siz
 int HandleIn(const std::string &event) {
     const std::size_t at = event.find("fd=");
     return at == std::string::npos ? -1 : std::stoi(event.substr(at + 3));
+}
+
+std::string IdIn(const std::string &request) {
+    return request.substr(request.find("id="), request.rfind(' ') - request.find("id="));
 }
 
 } // namespace tarvo_test

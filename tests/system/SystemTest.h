@@ -14,8 +14,8 @@ namespace tarvo_test {
 // Base of the tests over real processes: names private to the test, and no FIFO file of a pipe left after it.
 class SystemTest : public ::testing::Test {
 protected:
+    ~SystemTest() override; // looks at the files: the peers of the fixture are gone then
     void SetUp() override;
-    void TearDown() override;
 
     // A name that no other test uses at the same time.
     static std::string Name(const std::string &role) { return NameTag() + role; }
@@ -41,9 +41,15 @@ protected:
     Pair Connect(PeerProcess &server, const std::string &serverName, PeerProcess &client, const std::string &clientName,
                  const std::string &more) const;
 
+    // A call over a pipe at whose other end the callback echoes.
+    static void ExpectEcho(PeerProcess &caller, int fd, const std::string &text = "ping");
+
 private:
     bool filesMayStay_ = false;
 };
+
+// The words of a command that name the pipe of a handle.
+std::string Fd(int fd);
 
 // The words of a command that name a payload of `size` bytes, and its digest.
 std::string FillWords(std::size_t size, unsigned seed);
@@ -51,6 +57,8 @@ std::string FillDigest(std::size_t size, unsigned seed);
 
 // The number after "fd=" in an event.
 int HandleIn(const std::string &event);
+// The words of a command that name the id in the event of a request.
+std::string IdIn(const std::string &request);
 
 } // namespace tarvo_test
 

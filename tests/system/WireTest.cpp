@@ -20,15 +20,10 @@ protected:
         raw_->OpenBoth();
     }
 
-    void TearDown() override {
-        EXPECT_EQ(peer_.Quit(), 0);
-        SystemTest::TearDown();
-    }
-
     std::string Fd() const { return " fd=" + std::to_string(fd_) + " "; }
 
-    PeerProcess peer_;
     std::unique_ptr<RawPeer> raw_;
+    PeerProcess peer_;
     int fd_ = -1;
 };
 
