@@ -1,6 +1,5 @@
 // tarvoctl bench.
 #include "support/Sanitized.h"
-#include "tools/Scratch.h"
 #include "tools/ToolTest.h"
 
 namespace tarvo_test {
@@ -108,8 +107,7 @@ TEST_F(BenchTest, InterruptEndsAllItsProcesses) {
     ToolProcess bench({"bench", "--duration", "600s"});
     const pid_t pid = bench.Pid();
     bench.AwaitErr("measuring");
-    bench.Signal(SIGINT);
-    const ToolResult result = bench.Wait(); // and so have its children, who hold its standard error
+    const ToolResult result = bench.Interrupt(); // and so have its children, who hold its standard error
     EXPECT_EQ(result.status, 130);
     EXPECT_THAT(result.out, IsEmpty());
     AwaitNoFiles(pid);

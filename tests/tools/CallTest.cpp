@@ -34,34 +34,27 @@ private:
 };
 
 TEST_F(CallTest, AnswerIsPassedOnByteForByte) {
-    const std::string name = UniqueName("srv");
     ToolServer server(name);
     const ToolResult result = RunTool({"call", name, "ping\n\n"});
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.out, "ping\n\n");
     EXPECT_THAT(result.err, IsEmpty());
-    server.Interrupt();
 }
 
 TEST_F(CallTest, RequestComesFromStandardInputOrAFile) {
-    const std::string name = UniqueName("srv");
     ToolServer server(name);
     EXPECT_EQ(RunTool({"call", name}, std::string("a\0b", 3)).out, std::string("a\0b", 3));
     EXPECT_EQ(RunTool({"call", name, "--file", "-"}, "dash").out, "dash");
     const ScratchFile file(std::string(4000, 'x'));
     EXPECT_EQ(RunTool({"call", name, "--file", file.Path()}).out, std::string(4000, 'x'));
-    server.Interrupt();
 }
 
 TEST_F(CallTest, HexIsTakenAndPrinted) {
-    const std::string name = UniqueName("srv");
     ToolServer server(name);
     EXPECT_EQ(RunTool({"call", name, "--hex", "DE:ad be ef"}).out, "deadbeef\n");
-    server.Interrupt();
 }
 
 TEST_F(CallTest, JsonHoldsTheAnswerAndItsTime) {
-    const std::string name = UniqueName("srv");
     ToolServer server(name);
     const std::vector<json> answers = RunTool({"call", name, "hello", "--json", "--repeat", "3"}).Json();
     ASSERT_EQ(answers.size(), 3U);
@@ -72,14 +65,11 @@ TEST_F(CallTest, JsonHoldsTheAnswerAndItsTime) {
         EXPECT_EQ(answer["size"], 5);
         EXPECT_GT(answer["time_us"].get<double>(), 0);
     }
-    server.Interrupt();
 }
 
 TEST_F(CallTest, RepeatedAnswersStandOnLines) {
-    const std::string name = UniqueName("srv");
     ToolServer server(name);
     EXPECT_EQ(RunTool({"call", name, "x", "--repeat", "3", "--interval", "1ms"}).out, "x\nx\nx\n");
-    server.Interrupt();
 }
 
 TEST_F(CallTest, MissingServerIsToldAtOnce) {
@@ -92,23 +82,18 @@ TEST_F(CallTest, MissingServerIsToldAtOnce) {
 }
 
 TEST_F(CallTest, SilentServerTimesOut) {
-    const std::string name = UniqueName("srv");
     ToolServer server(name, {"--count"});
     const ToolResult result = RunTool({"call", name, "x", "--timeout", "50ms"});
     EXPECT_EQ(result.status, 4);
     EXPECT_THAT(result.err, HasSubstr("did not answer in time"));
-    server.Interrupt();
 }
 
 TEST_F(CallTest, InterruptEndsAWaitingCall) {
-    const std::string name = UniqueName("srv");
     ToolServer server(name, {"--count", "--print"});
     ToolProcess call({"call", name, "patience", "--no-timeout"});
     server->AwaitOut("patience");
-    call.Signal(SIGINT);
-    EXPECT_EQ(call.Wait().status, 130);
+    EXPECT_EQ(call.Interrupt().status, 130);
     server->AwaitErr("closed");
-    server.Interrupt();
 }
 
 TEST_F(CallTest, InterruptEndsItWhileItWaitsForItsRequest) {
@@ -117,8 +102,7 @@ TEST_F(CallTest, InterruptEndsItWhileItWaitsForItsRequest) {
     for (const char *subcommand : {"call", "send"}) {
         ToolProcess tool({subcommand, UniqueName("nobody"), "--file", path});
         const int writer = open(path.c_str(), O_WRONLY | O_CLOEXEC); // returns once the tool opens it
-        tool.Signal(SIGINT);
-        EXPECT_EQ(tool.Wait().status, 130) << subcommand;
+        EXPECT_EQ(tool.Interrupt().status, 130) << subcommand;
         close(writer);
     }
     unlink(path.c_str());
@@ -126,21 +110,18 @@ TEST_F(CallTest, InterruptEndsItWhileItWaitsForItsRequest) {
 
 TEST_F(CallTest, InterruptEndsAnOpenThatNobodyMeets) {
     // A server's FIFO with a reader that never opens its end.
-    const std::string name = UniqueName("srv");
     const std::string path = FifoDirectory() + name;
     ASSERT_EQ(mkfifo(path.c_str(), 0660), 0);
     const int reader = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     ToolProcess call({"call", name, "x", "--open-timeout", "900s"});
     pollfd entry = {reader, POLLIN, 0};
     ASSERT_EQ(poll(&entry, 1, 60000), 1) << "the connect packet";
-    call.Signal(SIGINT);
-    EXPECT_EQ(call.Wait().status, 130);
+    EXPECT_EQ(call.Interrupt().status, 130);
     close(reader);
     unlink(path.c_str());
 }
 
 TEST_F(CallTest, ServerThatDiesMeanwhileIsTold) {
-    const std::string name = UniqueName("srv");
     ToolServer server(name);
     ToolProcess call({"call", name, "x", "--no-timeout", "--repeat", "1000000000"});
     call.AwaitOut("x\n"); // both ends of the pipe are open
@@ -153,7 +134,6 @@ TEST_F(CallTest, ServerThatDiesMeanwhileIsTold) {
 }
 
 TEST_F(CallTest, DataThatCannotBeSentIsRefused) {
-    const std::string name = UniqueName("srv");
     EXPECT_THAT(RunTool({"call", name, ""}).err, HasSubstr("1 to 4000 bytes, this one 0"));
     EXPECT_EQ(RunTool({"call", name}, std::string(4001, 'x')).status, 2);
     EXPECT_EQ(RunTool({"call", name, "--hex", "abc"}).status, 2);
@@ -172,7 +152,6 @@ TEST_F(CallTest, LibraryLinesAreShownOnRequest) {
 
 TEST_F(SendTest, EveryRequestIsReadBeforeItEnds) {
     // More than the pipe holds, and closed right after the last one.
-    const std::string name = UniqueName("srv");
     ToolServer server(name, {"--count", "--limit", "1000"});
     const ToolResult result =
         RunTool({"send", name, "--repeat", "1000", "--json", "--timeout", "60s"}, std::string(4000, 'x'));
@@ -184,27 +163,21 @@ TEST_F(SendTest, EveryRequestIsReadBeforeItEnds) {
 }
 
 TEST_F(SendTest, NothingIsPrinted) {
-    const std::string name = UniqueName("srv");
     ToolServer server(name);
     const ToolResult result = RunTool({"send", name, "x"});
     EXPECT_EQ(result.status, 0);
     EXPECT_THAT(result.out + result.err, IsEmpty());
-    server.Interrupt();
 }
 
 TEST_F(SendTest, InterruptEndsAWaitBetweenTwo) {
-    const std::string name = UniqueName("srv");
     ToolServer server(name, {"--print"});
     ToolProcess send({"send", name, "first", "--repeat", "2", "--interval", "900s"});
     server->AwaitOut("first");
-    send.Signal(SIGINT);
-    EXPECT_EQ(send.Wait().status, 130);
+    EXPECT_EQ(send.Interrupt().status, 130);
     server->AwaitErr("closed");
-    server.Interrupt();
 }
 
 TEST_F(SendTest, ServerThatDiesMeanwhileIsTold) {
-    const std::string name = UniqueName("srv");
     ToolServer server(name, {"--print"});
     ToolProcess send({"send", name, "x", "--repeat", "1000000000", "--interval", "1ms"});
     server->AwaitOut("x\n");
@@ -217,7 +190,6 @@ TEST_F(SendTest, ServerThatDiesMeanwhileIsTold) {
 }
 
 TEST_F(SendTest, DataThatCannotBeSentIsRefused) {
-    const std::string name = UniqueName("srv");
     EXPECT_THAT(RunTool({"send", name, ""}).err, HasSubstr("1 to 4000 bytes, this one 0"));
     EXPECT_EQ(RunTool({"send", name}, std::string(4001, 'x')).status, 2);
     EXPECT_EQ(RunTool({"send", name, "--hex", "abc"}).status, 2);
@@ -226,13 +198,11 @@ TEST_F(SendTest, DataThatCannotBeSentIsRefused) {
 }
 
 TEST_F(SendTest, ServerThatDoesNotReadIsTold) {
-    const std::string name = UniqueName("srv");
     ToolServer server(name);
     server->Signal(SIGSTOP);
     // The stopped server opens nothing.
     EXPECT_EQ(RunTool({"send", name, "x", "--open-timeout", "100ms"}).status, 4);
     server->Signal(SIGCONT);
-    server.Interrupt();
 }
 
 TEST_F(SendTest, MissingServerIsToldAtOnce) {

@@ -1,6 +1,5 @@
 // tarvoctl decode. The bytes are made by the hand-written peer of the tests, which shares no code with the tool.
 #include "support/RawFrame.h"
-#include "tools/Scratch.h"
 #include "tools/ToolTest.h"
 
 namespace tarvo_test {
@@ -10,9 +9,7 @@ using nlohmann::json;
 using DecodeTest = ToolTest;
 
 std::vector<json> Decoded(const std::string &bytes, int status, const std::vector<std::string> &more = {}) {
-    std::vector<std::string> arguments = {"decode", "--json"};
-    arguments.insert(arguments.end(), more.begin(), more.end());
-    const ToolResult result = RunTool(arguments, bytes);
+    const ToolResult result = RunTool(Joined({"decode", "--json"}, more), bytes);
     EXPECT_EQ(result.status, status) << result.err;
     return result.Json();
 }
@@ -97,19 +94,14 @@ TEST_F(DecodeTest, LengthThatIsNotValidIsNamed) {
 }
 
 TEST_F(DecodeTest, EveryCutIsReportedAndNothingReadBeyondIt) {
-    const std::string frame = RawRequest(1, "cut");
-    for (std::size_t size = 4; size < frame.size(); ++size) {
-        const std::vector<json> pieces = Decoded(frame.substr(0, size), 5, {"--kind", "frame"});
-        ASSERT_EQ(pieces.size(), 1U) << size;
-        EXPECT_EQ(pieces[0]["size"], size);
-        EXPECT_THAT(pieces[0]["fault"].get<std::string>(), HasSubstr("cut off")) << size;
-    }
-    const std::string packet = RawConnectPacket("ada_1", 1, 1);
-    for (std::size_t size = 4; size < packet.size(); ++size) {
-        const std::vector<json> pieces = Decoded(packet.substr(0, size), 5, {"--kind", "packet"});
-        ASSERT_EQ(pieces.size(), 1U) << size;
-        EXPECT_EQ(pieces[0]["size"], size);
-        EXPECT_THAT(pieces[0]["fault"].get<std::string>(), HasSubstr("cut off")) << size;
+    for (const auto &[kind, whole] :
+         {std::pair("frame", RawRequest(1, "cut")), std::pair("packet", RawConnectPacket("ada_1", 1, 1))}) {
+        for (std::size_t size = 4; size < whole.size(); ++size) {
+            const std::vector<json> pieces = Decoded(whole.substr(0, size), 5, {"--kind", kind});
+            ASSERT_EQ(pieces.size(), 1U) << size;
+            EXPECT_EQ(pieces[0]["size"], size);
+            EXPECT_THAT(pieces[0]["fault"].get<std::string>(), HasSubstr("cut off")) << size;
+        }
     }
 }
 
@@ -141,8 +133,7 @@ TEST_F(DecodeTest, InterruptEndsItWhileItWaitsForInput) {
     ToolProcess decode({"decode", path});
     const int writer = open(path.c_str(), O_WRONLY | O_CLOEXEC); // returns once the tool opens it
     ASSERT_GE(writer, 0);
-    decode.Signal(SIGINT);
-    const ToolResult result = decode.Wait();
+    const ToolResult result = decode.Interrupt();
     close(writer);
     EXPECT_EQ(result.status, 130);
     EXPECT_THAT(result.out, IsEmpty());

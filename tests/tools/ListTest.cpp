@@ -4,10 +4,7 @@
 #include <algorithm>
 #include <sstream>
 
-#include "support/Process.h"
-#include "support/Unprivileged.h"
 #include "tarvo.h"
-#include "tools/Scratch.h"
 #include "tools/ToolTest.h"
 
 namespace tarvo_test {
@@ -17,10 +14,8 @@ using nlohmann::json;
 using ListTest = ToolTest;
 using WatchTest = ToolTest;
 
-json ListOf(const std::vector<std::string> &more) {
-    std::vector<std::string> arguments = {"list", "--json"};
-    arguments.insert(arguments.end(), more.begin(), more.end());
-    const ToolResult result = RunTool(arguments);
+json ListOf(const std::vector<std::string> &more = {}) {
+    const ToolResult result = RunTool(Joined({"list", "--json"}, more));
     EXPECT_EQ(result.status, 0) << result.err;
     return result.Json().at(0);
 }
@@ -47,11 +42,10 @@ json PipeOf(const json &list, const std::string &name) {
 }
 
 TEST_F(ListTest, ServerAndPipeAreShownWithBothEnds) {
-    const std::string name = UniqueName("srv");
     ToolServer server(name);
     ToolProcess client({"ping", name, "-i", "10ms"});
     client.AwaitOut("time=");
-    const json list = ListOf(std::vector<std::string>());
+    const json list = ListOf();
     const json entry = Named(list["servers"], name);
     EXPECT_EQ(entry["state"], "live");
     EXPECT_EQ(entry["pipes"], 1);
@@ -72,13 +66,10 @@ TEST_F(ListTest, ServerAndPipeAreShownWithBothEnds) {
     EXPECT_EQ(pipe["ends"][1]["name"], "tarvoctl_" + std::to_string(client.Pid()));
     EXPECT_EQ(pipe["ends"][1]["processes"][0]["pid"], client.Pid());
     EXPECT_EQ(pipe["files"].size(), 2U);
-    client.Signal(SIGINT);
-    client.Wait();
-    server.Interrupt();
+    client.Interrupt();
 }
 
 TEST_F(ListTest, TableShowsTheSame) {
-    const std::string name = UniqueName("srv");
     ToolServer server(name);
     ToolProcess client({"ping", name, "-i", "10ms"});
     client.AwaitOut("time=");
@@ -91,9 +82,7 @@ TEST_F(ListTest, TableShowsTheSame) {
     EXPECT_THAT(result.out, HasSubstr(std::to_string(server->Pid()) + " tarvoctl ("));
     EXPECT_THAT(result.out, HasSubstr("rw-rw----"));
     EXPECT_THAT(result.out, Not(HasSubstr("\033[")));
-    client.Signal(SIGINT);
-    client.Wait();
-    server.Interrupt();
+    client.Interrupt();
 }
 
 TEST_F(ListTest, StatesFollowTheHolders) {
@@ -116,12 +105,10 @@ TEST_F(ListTest, StatesFollowTheHolders) {
 }
 
 TEST_F(ListTest, StoppedServerIsToldFromALivingOne) {
-    const std::string name = UniqueName("srv");
     ToolServer server(name);
-    EXPECT_EQ(Named(ListOf(std::vector<std::string>())["servers"], name)["state"], "live");
-    ASSERT_EQ(kill(server->Pid(), SIGSTOP), 0);
-    ASSERT_EQ(waitpid(server->Pid(), nullptr, WUNTRACED), server->Pid());
-    const json stopped = Named(ListOf(std::vector<std::string>())["servers"], name);
+    EXPECT_EQ(Named(ListOf()["servers"], name)["state"], "live");
+    server->Freeze();
+    const json stopped = Named(ListOf()["servers"], name);
     EXPECT_EQ(stopped["state"], "stopped");
     EXPECT_EQ(stopped["processes"][0]["stopped"], true);
     EXPECT_THAT(RunTool({"list"}).out, HasSubstr(std::to_string(server->Pid()) + " tarvoctl (" +
@@ -129,27 +116,19 @@ TEST_F(ListTest, StoppedServerIsToldFromALivingOne) {
     EXPECT_EQ(RunTool({"serve", name}).status, 1) << "its name is not free";
     ASSERT_EQ(kill(server->Pid(), SIGCONT), 0);
     ASSERT_EQ(waitpid(server->Pid(), nullptr, WCONTINUED), server->Pid());
-    EXPECT_EQ(Named(ListOf(std::vector<std::string>())["servers"], name)["state"], "live");
-    server.Interrupt();
+    EXPECT_EQ(Named(ListOf()["servers"], name)["state"], "live");
 }
 
 TEST_F(ListTest, StoppedServerOfAnotherUserIsToldAsWell) {
     TARVO_SKIP_UNLESS_ROOT();
-    const std::string name = UniqueName("srv");
     ToolServer server(name);
-    ASSERT_EQ(kill(server->Pid(), SIGSTOP), 0);
-    ASSERT_EQ(waitpid(server->Pid(), nullptr, WUNTRACED), server->Pid());
-    const int status = RunAs(65534, 65534, [&] {
+    server->Freeze();
+    ExpectRun(RunAsOtherUser([&] {
         const ToolResult result = RunTool({"list", "--json"});
-        if (result.status == 127) {
-            return 77; // the build tree is closed to this user
-        }
         EXPECT_EQ(Named(result.Json().at(0)["servers"], name)["state"], "stopped") << "its lock tells the process";
-        return testing::Test::HasFailure() ? 1 : 0;
-    });
+        return 0;
+    }));
     kill(server->Pid(), SIGCONT);
-    server.Interrupt();
-    EXPECT_TRUE(status == 0 || status == 77) << status;
 }
 
 // A process with a pipe that it has opened in server mode.
@@ -192,9 +171,9 @@ TEST_P(CrossedTest, PipeThatBothSidesOpenInServerModeIsToldFromALivingOne) {
     const std::string earlier = UniqueName("a");
     const std::string later = UniqueName("b");
     const WaitingSide first(earlier, later, GetParam());
-    EXPECT_EQ(PipeOf(ListOf(std::vector<std::string>()), earlier)["state"], "half") << "one side alone only waits";
+    EXPECT_EQ(PipeOf(ListOf(), earlier)["state"], "half") << "one side alone only waits";
     const WaitingSide second(later, earlier, GetParam());
-    const json pipe = PipeOf(ListOf(std::vector<std::string>()), earlier);
+    const json pipe = PipeOf(ListOf(), earlier);
     ASSERT_EQ(pipe["state"], "crossed");
     EXPECT_EQ(pipe["ends"][0]["processes"][0]["pid"], first.Pid());
     EXPECT_EQ(pipe["ends"][1]["processes"][0]["pid"], second.Pid());
@@ -255,38 +234,26 @@ TEST_F(ListTest, NamesInFoldersAreFound) {
 }
 
 TEST_F(ListTest, ReplacedServerIsUnreachable) {
-    const std::string name = UniqueName("srv");
     ToolServer first(name);
     ToolServer second(name, {"--replace"});
-    const json list = ListOf(std::vector<std::string>());
+    const json list = ListOf();
     EXPECT_EQ(Named(list["unreachable"], name)["processes"][0]["pid"], first->Pid());
     EXPECT_EQ(Named(list["servers"], name)["processes"][0]["pid"], second->Pid());
-    first.Interrupt();
-    second.Interrupt();
 }
 
 TEST_F(ListTest, OtherUserSeesServersByTheirLockAndClaimsNothingMore) {
     TARVO_SKIP_UNLESS_ROOT();
-    const std::string name = UniqueName("srv");
     ToolServer server(name);
     const pid_t pid = server->Pid();
-    const int status = RunAs(65534, 65534, [&] {
+    ExpectRun(RunAsOtherUser([&] {
         const ToolResult result = RunTool({"list", "--json"});
-        if (result.status == 127) {
-            return 77; // the build tree is closed to this user
-        }
         const json entry = Named(result.Json().at(0)["servers"], name);
         EXPECT_EQ(entry["state"], "live");
         EXPECT_EQ(entry["processes"][0]["pid"], pid);
         EXPECT_FALSE(result.Json().at(0)["complete"].get<bool>());
         EXPECT_THAT(result.err, HasSubstr("cannot be seen; root sees all"));
         return 0;
-    });
-    server.Interrupt();
-    if (status == 77) {
-        GTEST_SKIP() << "no other user may run the tool where it was built";
-    }
-    EXPECT_EQ(status, 0);
+    }));
 }
 
 TEST_F(ListTest, EmptyDirectoryIsNoFaultAndAMissingOneIs) {
@@ -341,8 +308,7 @@ TEST_F(WatchTest, ChangesAppear) {
     watch.AwaitOut("\"servers\":[]");
     directory.AddFifo("srv");
     watch.AwaitOut("\"stale\"");
-    watch.Signal(SIGINT);
-    EXPECT_EQ(watch.Wait().status, 0);
+    EXPECT_EQ(watch.Interrupt().status, 0);
 }
 
 TEST_F(WatchTest, MissingDirectoryIsAwaited) {

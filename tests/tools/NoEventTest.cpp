@@ -6,7 +6,6 @@
 
 #include "support/SyslogCapture.h"
 #include "tarvo.h"
-#include "tools/Scratch.h"
 #include "tools/ToolTest.h"
 
 namespace tarvo_test {
@@ -19,13 +18,13 @@ using testing::Le;
 
 // Each of them once.
 void Look(const std::vector<std::string> &more) {
-    for (std::vector<std::string> arguments : std::vector<std::vector<std::string>>{{"list"},
-                                                                                    {"list", "--json"},
-                                                                                    {"watch", "-c", "3", "-i", "1ms"},
-                                                                                    {"doctor"},
-                                                                                    {"clean", "--min-age", "0"}}) {
-        arguments.insert(arguments.end(), more.begin(), more.end());
-        const ToolResult result = RunTool(arguments);
+    for (const std::vector<std::string> &arguments :
+         std::vector<std::vector<std::string>>{{"list"},
+                                               {"list", "--json"},
+                                               {"watch", "-c", "3", "-i", "1ms"},
+                                               {"doctor"},
+                                               {"clean", "--min-age", "0"}}) {
+        const ToolResult result = RunTool(Joined(arguments, more));
         EXPECT_NE(result.status, 1) << result.err;
         EXPECT_NE(result.status, 2) << result.err;
     }
@@ -87,7 +86,6 @@ void CountAndAnswer(int pipe, TarvoRequest *request) {
 }
 
 TEST_F(NoEventTest, BusyServerSeesItsClientsOnly) {
-    const std::string name = UniqueName("srv");
     const SyslogCapture log;
     TarvoServerAttr attr;
     attr.selfName = name.c_str();
@@ -104,8 +102,7 @@ TEST_F(NoEventTest, BusyServerSeesItsClientsOnly) {
     client.AwaitOut("time_us", 100);
     // Notices of slow steps may come on a busy machine, and tell nothing of the tool.
     EXPECT_EQ(log.Count(LOG_ERR, "") + log.Count(LOG_WARNING, ""), 0U) << testing::PrintToString(log.Messages());
-    client.Signal(SIGINT);
-    const nlohmann::json summary = client.Wait().Json().back()["summary"];
+    const nlohmann::json summary = client.Interrupt().Json().back()["summary"];
     EXPECT_EQ(summary["lost"], 0);
     // The signal may have ended a call whose request the server has got.
     const int inFlight = requests.load() - summary["calls"].get<int>();

@@ -3,17 +3,13 @@
 
 #include <csignal>
 
-#include "support/Process.h"
 #include "support/Sanitized.h"
-#include "support/Unprivileged.h"
-#include "tools/Scratch.h"
 #include "tools/ToolTest.h"
 
 namespace tarvo_test {
 namespace {
 
 constexpr int NO_SANDBOX = 125;
-constexpr int SKIPPED = 77;
 
 // Most tests need a kernel that allows it to this user.
 class SandboxTest : public ToolTest {
@@ -29,19 +25,14 @@ protected:
 };
 
 std::vector<std::string> InSandbox(const std::vector<std::string> &command) {
-    std::vector<std::string> words = {"sandbox", "--"};
-    words.insert(words.end(), command.begin(), command.end());
-    return words;
+    return Joined({"sandbox", "--"}, command);
 }
 
 std::vector<std::string> ToolInSandbox(const std::vector<std::string> &arguments) {
-    std::vector<std::string> words = InSandbox({TARVOCTL_PROGRAM});
-    words.insert(words.end(), arguments.begin(), arguments.end());
-    return words;
+    return Joined(InSandbox({TARVOCTL_PROGRAM}), arguments);
 }
 
 TEST_F(SandboxTest, InsideAndOutsideDoNotMeet) {
-    const std::string name = UniqueName("srv");
     ToolServer outside(name);
     EXPECT_EQ(RunTool(InSandbox({"ls", FifoDirectory()})).out, "") << "it begins empty";
     EXPECT_EQ(RunTool(ToolInSandbox({"call", name, "x"})).status, 3);
@@ -51,8 +42,7 @@ TEST_F(SandboxTest, InsideAndOutsideDoNotMeet) {
     inside.AwaitErr("serving as '" + inner + "'");
     EXPECT_EQ(RunTool({"call", inner, "x"}).status, 3);
     EXPECT_FALSE(std::filesystem::exists(FifoDirectory() + inner));
-    inside.Signal(SIGINT);
-    EXPECT_EQ(inside.Wait().status, 0);
+    EXPECT_EQ(inside.Interrupt().status, 0);
 }
 
 TEST_F(SandboxTest, TwoOfThemServeUnderTheSameName) {
@@ -75,8 +65,7 @@ TEST_F(SandboxTest, ExitStatusAndSignalsArePassedOn) {
     EXPECT_EQ(RunTool({"sandbox", "sh", "-c", "kill -TERM $$"}).status, 128 + SIGTERM);
     ToolProcess command({"sandbox", "sh", "-c", "trap 'exit 9' INT; echo ready; while :; do read line; done"}, "\n");
     command.AwaitOut("ready");
-    command.Signal(SIGINT);
-    EXPECT_EQ(command.Wait().status, 9);
+    EXPECT_EQ(command.Interrupt().status, 9);
 }
 
 TEST_F(SandboxTest, SignalsAreForTheCommandAsTheyWereForTheTool) {
@@ -131,21 +120,17 @@ TEST_F(SandboxTest, OrdinaryUserStaysHimself) {
     if (EMULATED) {
         GTEST_SKIP() << "an emulator has threads of its own, and the kernel gives such processes no user namespace";
     }
-    const int status = RunAs(65534, 65534, [] {
+    ExpectRun(RunAsOtherUser([] {
         const ToolResult result = RunTool({"sandbox", "sh", "-c", "id -u; id -g; grep CapEff /proc/self/status"});
-        if (result.status == 127 || result.status == NO_SANDBOX) {
+        if (result.status == NO_SANDBOX) {
             return SKIPPED;
         }
         EXPECT_EQ(result.out, "65534\n65534\nCapEff:\t0000000000000000\n") << result.err;
         const std::string script = std::string(TARVOCTL_PROGRAM) + " serve hello --limit 1 & " + TARVOCTL_PROGRAM +
                                    " wait hello && " + TARVOCTL_PROGRAM + " call hello there && wait";
         EXPECT_EQ(RunTool({"sandbox", "sh", "-c", script}).out, "there");
-        return testing::Test::HasFailure() ? 1 : 0;
-    });
-    if (status == SKIPPED) {
-        GTEST_SKIP() << "the kernel allows no user namespaces, or no other user may run the tool where it was built";
-    }
-    EXPECT_EQ(status, 0);
+        return 0;
+    }));
 }
 
 // A user without rights in a root directory of his own, where the kernel makes no user namespaces.
@@ -154,28 +139,20 @@ TEST_F(SandboxTest, RefusalOfTheKernelIsToldWithARemedy) {
     if (EMULATED) {
         GTEST_SKIP() << "an emulator has threads of its own, for which the kernel refuses with another error";
     }
-    ChildProcess machine([](Channel &) {
+    ExpectRun(RunWithoutFifoDirectory([] {
         const char root[] = "/dev/shm/root";
-        if (!LoseFifoDirectory() || mkdir(root, 0755) != 0 ||
-            mount("/", root, nullptr, MS_BIND | MS_REC, nullptr) != 0 || chroot(root) != 0 || chdir("/") != 0) {
+        if (mkdir(root, 0755) != 0 || mount("/", root, nullptr, MS_BIND | MS_REC, nullptr) != 0 || chroot(root) != 0 ||
+            chdir("/") != 0) {
             return SKIPPED;
         }
-        return RunAs(65534, 65534, [] {
+        return RunAsOtherUser([] {
             const ToolResult result = RunTool({"sandbox", "true"});
-            if (result.status == 127) {
-                return SKIPPED;
-            }
             EXPECT_EQ(result.status, NO_SANDBOX);
             EXPECT_THAT(result.err, testing::MatchesRegex("tarvoctl: the kernel refuses to make namespaces for this "
                                                           "user: Operation not permitted \\(run it as root[^\n]*\n"));
-            return testing::Test::HasFailure() ? 1 : 0;
+            return 0;
         });
-    });
-    const int status = machine.Wait();
-    if (status == SKIPPED) {
-        GTEST_SKIP() << "no right to mount a file system, or no other user may run the tool where it was built";
-    }
-    EXPECT_EQ(status, 0);
+    }));
 }
 
 } // namespace

@@ -12,7 +12,6 @@ using nlohmann::json;
 using ServeTest = ToolTest;
 
 TEST_F(ServeTest, InterruptEndsItCleanlyAndLeavesNoFile) {
-    const std::string name = UniqueName("srv");
     ToolServer server(name);
     const ToolResult result = server.Interrupt();
     EXPECT_EQ(result.status, 0);
@@ -28,34 +27,27 @@ TEST_F(ServeTest, TerminationEndsItAsInterruptDoes) {
 }
 
 TEST_F(ServeTest, NameInUseIsLeftToItsServer) {
-    const std::string name = UniqueName("srv");
     ToolServer server(name);
     const ToolResult second = RunTool({"serve", name});
     EXPECT_EQ(second.status, 1);
     EXPECT_THAT(second.err,
                 HasSubstr("process " + std::to_string(server->Pid()) + " serves as '" + name + "' already"));
     EXPECT_EQ(RunTool({"call", name, "still there"}).out, "still there");
-    server.Interrupt();
 }
 
 TEST_F(ServeTest, ReplacedServerLeavesTheFileOfItsSuccessor) {
-    const std::string name = UniqueName("srv");
     ToolServer first(name);
     ToolServer second(name, {"--replace"});
     EXPECT_EQ(first.Interrupt().status, 0);
     EXPECT_EQ(RunTool({"call", name, "who is it"}).out, "who is it");
-    EXPECT_EQ(second.Interrupt().status, 0);
 }
 
 TEST_F(ServeTest, ExecAnswersWithWhatTheCommandPrints) {
-    const std::string name = UniqueName("srv");
     ToolServer server(name, {"--exec", "tr a-z A-Z; printf ' for %s' \"${TARVO_CLIENT%%_*}\""});
     EXPECT_EQ(RunTool({"call", name, "shout", "--as", "ada"}).out, "SHOUT for ada");
-    server.Interrupt();
 }
 
 TEST_F(ServeTest, FailedCommandAnswersNothingAndSaysSo) {
-    const std::string name = UniqueName("srv");
     ToolServer server(name, {"--exec", "echo half; exit 3"});
     EXPECT_EQ(RunTool({"call", name, "x", "--timeout", "200ms"}).status, 4);
     const ToolResult result = server.Interrupt();
@@ -63,23 +55,18 @@ TEST_F(ServeTest, FailedCommandAnswersNothingAndSaysSo) {
 }
 
 TEST_F(ServeTest, SlowCommandIsGivenUp) {
-    const std::string name = UniqueName("srv");
     ToolServer server(name, {"--exec", "exec sleep 1000", "--exec-timeout", "50ms"});
     EXPECT_EQ(RunTool({"call", name, "x", "--timeout", "200ms"}).status, 4);
     server->AwaitErr("took too long");
-    EXPECT_EQ(server.Interrupt().status, 0);
 }
 
 TEST_F(ServeTest, InterruptEndsARunningCommandToo) {
-    const std::string name = UniqueName("srv");
     ToolServer server(name, {"--exec", "echo started >&2; exec sleep 1000", "--exec-timeout", "900s"});
     EXPECT_EQ(RunTool({"send", name, "x"}).status, 0);
     server->AwaitErr("started");
-    EXPECT_EQ(server.Interrupt().status, 0);
 }
 
 TEST_F(ServeTest, CountAnswersNothingAndTellsWhatCame) {
-    const std::string name = UniqueName("srv");
     ToolServer server(name, {"--count", "--limit", "300"});
     EXPECT_EQ(RunTool({"send", name, "four", "--repeat", "300"}).status, 0);
     const ToolResult result = server->Wait();
@@ -88,7 +75,6 @@ TEST_F(ServeTest, CountAnswersNothingAndTellsWhatCame) {
 }
 
 TEST_F(ServeTest, JsonTellsEveryEvent) {
-    const std::string name = UniqueName("srv");
     ToolProcess server({"serve", name, "--json", "--print", "--limit", "1"});
     server.AwaitOut("\"serving\"");
     EXPECT_EQ(RunTool({"send", name, "--hex", "ff00", "--as", "ada"}).status, 0);
@@ -109,7 +95,6 @@ TEST_F(ServeTest, JsonTellsEveryEvent) {
 }
 
 TEST_F(ServeTest, PrintShowsEachRequestOnALine) {
-    const std::string name = UniqueName("srv");
     ToolServer server(name, {"--print", "--limit", "2"});
     EXPECT_EQ(RunTool({"call", name, "one"}).status, 0);
     EXPECT_EQ(RunTool({"call", name, "two\n"}).status, 0);
@@ -117,17 +102,14 @@ TEST_F(ServeTest, PrintShowsEachRequestOnALine) {
 }
 
 TEST_F(ServeTest, GroupOfTheFileIsTheOneAskedFor) {
-    const std::string name = UniqueName("srv");
     ToolServer server(name, {"--group", std::to_string(getgid())});
     struct stat state {};
     ASSERT_EQ(lstat((FifoDirectory() + name).c_str(), &state), 0);
     EXPECT_EQ(state.st_gid, getgid());
     EXPECT_EQ(state.st_mode & 07777U, 0660U);
-    server.Interrupt();
 }
 
 TEST_F(ServeTest, WrongUsageIsRefusedBeforeAnythingIsMade) {
-    const std::string name = UniqueName("srv");
     EXPECT_EQ(RunTool({"serve"}).status, 2);
     EXPECT_EQ(RunTool({"serve", name, "--echo", "--count"}).status, 2);
     EXPECT_EQ(RunTool({"serve", name, "--limit", "0"}).status, 2);

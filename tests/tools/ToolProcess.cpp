@@ -42,8 +42,7 @@ void ReadInto(int &fd, std::string &text) {
 
 [[noreturn]] void BecomeTool(const std::vector<std::string> &arguments) {
     prctl(PR_SET_PDEATHSIG, SIGKILL, 0UL, 0UL, 0UL);
-    std::vector<std::string> words = arguments;
-    words.insert(words.begin(), TARVOCTL_PROGRAM);
+    std::vector<std::string> words = Joined({TARVOCTL_PROGRAM}, arguments);
     std::vector<char *> argv;
     for (std::string &word : words) {
         argv.push_back(word.data());
@@ -54,6 +53,11 @@ void ReadInto(int &fd, std::string &text) {
 }
 
 } // namespace
+
+std::vector<std::string> Joined(std::vector<std::string> words, const std::vector<std::string> &more) {
+    words.insert(words.end(), more.begin(), more.end());
+    return words;
+}
 
 std::vector<nlohmann::json> ToolResult::Json() const {
     std::vector<nlohmann::json> values;
@@ -137,6 +141,13 @@ void ToolProcess::AwaitErr(const std::string &text, std::size_t times) { Await(r
 
 void ToolProcess::Signal(int signo) const { kill(pid_, signo); }
 
+void ToolProcess::Freeze() const {
+    Signal(SIGSTOP);
+    if (waitpid(pid_, nullptr, WUNTRACED) != pid_) {
+        throw std::runtime_error("the tool does not stop");
+    }
+}
+
 ToolResult ToolProcess::Wait() {
     while (ReadMore()) {
     }
@@ -146,6 +157,11 @@ ToolResult ToolProcess::Wait() {
     pid_ = -1;
     result_.status = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
     return result_;
+}
+
+ToolResult ToolProcess::Interrupt() {
+    Signal(SIGINT);
+    return Wait();
 }
 
 ToolResult RunTool(const std::vector<std::string> &arguments, const std::string &input) {

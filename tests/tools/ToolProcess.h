@@ -19,6 +19,9 @@ struct ToolResult {
     std::vector<nlohmann::json> Json() const;
 };
 
+// The words of a command line, and more of them.
+std::vector<std::string> Joined(std::vector<std::string> words, const std::vector<std::string> &more);
+
 // A run of the command line tool.
 // Owns: the process and its standard streams. Threads: one. Locks: none. Ends: kills the process if it still runs. All
 // waits end after 60 s with an exception.
@@ -30,12 +33,16 @@ public:
     ToolProcess(const ToolProcess &) = delete;
     ToolProcess &operator=(const ToolProcess &) = delete;
 
-    pid_t Pid() const { return pid_; }
+    pid_t Pid() const { return pid_; } // -1 once it has been waited for
     // Returns once standard output or standard error holds the text, so many times.
     void AwaitOut(const std::string &text, std::size_t times = 1);
     void AwaitErr(const std::string &text, std::size_t times = 1);
     void Signal(int signo) const;
+    // Stops it and returns once the kernel says that it is stopped.
+    void Freeze() const;
     ToolResult Wait();
+    // Ends it as Ctrl-C does.
+    ToolResult Interrupt();
 
 private:
     void Await(const std::string &stream, const std::string &text, std::size_t times);

@@ -4,11 +4,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <csignal>
+#include <exception>
+#include <functional>
 #include <string>
+#include <vector>
 
 #include "support/FifoWatch.h"
 #include "support/Names.h"
+#include "support/Process.h"
+#include "support/Unprivileged.h"
+#include "tools/Scratch.h"
 #include "tools/ToolProcess.h"
 
 namespace tarvo_test {
@@ -24,31 +29,57 @@ protected:
     void TearDown() override {
         AwaitFifoDirectory("no file of the test is left", [] { return OwnFifoFiles().empty(); });
     }
+
+    // For the server of the test.
+    const std::string name = UniqueName("srv");
 };
 
-// A run of `tarvoctl serve`, up and running.
+// A run of `tarvoctl serve`, up and running. One that still runs at its end is interrupted, and fails the test when it
+// does not end well.
 class ToolServer {
 public:
     explicit ToolServer(const std::string &name, const std::vector<std::string> &more = {})
-        : process_(Arguments(name, more)) {
+        : process_(Joined({"serve", name}, more)) {
         process_.AwaitErr("serving as '" + name + "'");
     }
-    ToolProcess *operator->() { return &process_; }
-    // Ends it as Ctrl-C does.
-    ToolResult Interrupt() {
-        process_.Signal(SIGINT);
-        return process_.Wait();
+    ~ToolServer() {
+        if (process_.Pid() > 0 && std::uncaught_exceptions() == 0) {
+            EXPECT_NO_THROW(EXPECT_EQ(process_.Interrupt().status, 0));
+        }
     }
+    ToolServer(const ToolServer &) = delete;
+    ToolServer &operator=(const ToolServer &) = delete;
+
+    ToolProcess *operator->() { return &process_; }
+    ToolResult Interrupt() { return process_.Interrupt(); }
 
 private:
-    static std::vector<std::string> Arguments(const std::string &name, const std::vector<std::string> &more) {
-        std::vector<std::string> arguments = {"serve", name};
-        arguments.insert(arguments.end(), more.begin(), more.end());
-        return arguments;
-    }
-
     ToolProcess process_;
 };
+
+// The result of a part of a test that the machine does not allow.
+constexpr int SKIPPED = 77;
+
+// As a user without rights.
+inline int RunAsOtherUser(const std::function<int()> &body) {
+    return RunAs(65534, 65534, [&body] {
+        const bool closed = RunTool({"--version"}).status == 127; // the build tree, to this user
+        return closed ? SKIPPED : body();
+    });
+}
+
+// On a machine that has no FIFO directory yet.
+inline int RunWithoutFifoDirectory(const std::function<int()> &body) {
+    return ChildProcess([&body](Channel &) { return LoseFifoDirectory() ? body() : SKIPPED; }).Wait();
+}
+
+// The result of one of those two.
+inline void ExpectRun(int status) {
+    if (status == SKIPPED) {
+        GTEST_SKIP() << "no right to mount a file system, or no other user may run the tool where it was built";
+    }
+    EXPECT_EQ(status, 0);
+}
 
 } // namespace tarvo_test
 

@@ -5,11 +5,8 @@
 
 #include <chrono>
 
-#include "support/Process.h"
 #include "support/SyslogCapture.h"
-#include "support/Unprivileged.h"
 #include "tarvo.h"
-#include "tools/Scratch.h"
 #include "tools/ToolTest.h"
 
 namespace tarvo_test {
@@ -18,7 +15,6 @@ namespace {
 using WaitTest = ToolTest;
 
 TEST_F(WaitTest, ServerThatIsThereEndsItAtOnce) {
-    const std::string name = UniqueName("srv");
     ToolServer server(name);
     const ToolResult result = RunTool({"wait", name});
     EXPECT_EQ(result.status, 0);
@@ -28,7 +24,6 @@ TEST_F(WaitTest, ServerThatIsThereEndsItAtOnce) {
     const nlohmann::json answer = RunTool({"wait", name, "--json"}).Json().at(0);
     EXPECT_EQ(answer["server"], name);
     EXPECT_GE(answer["time_us"].get<double>(), 0);
-    server.Interrupt();
 }
 
 // Returns once the tool has begun to wait.
@@ -54,17 +49,14 @@ void AwaitWaiting(pid_t pid) {
 }
 
 TEST_F(WaitTest, ServerThatComesLaterEndsIt) {
-    const std::string name = UniqueName("srv");
     ToolProcess wait({"wait", name});
     AwaitWaiting(wait.Pid());
     ToolServer server(name);
     EXPECT_EQ(wait.Wait().status, 0);
     EXPECT_EQ(RunTool({"call", name, "x"}).out, "x") << "it can be called right away";
-    server.Interrupt();
 }
 
 TEST_F(WaitTest, FileThatNobodyReadsIsNoServer) {
-    const std::string name = UniqueName("srv");
     const std::string path = FifoDirectory() + name;
     ASSERT_EQ(mkfifo(path.c_str(), 0660), 0);
     const ToolResult stale = RunTool({"wait", name, "--timeout", "10ms"});
@@ -80,7 +72,6 @@ TEST_F(WaitTest, FileThatNobodyReadsIsNoServer) {
 }
 
 TEST_F(WaitTest, OtherFilesAreNotOpened) {
-    const std::string name = UniqueName("srv");
     const std::string path = FifoDirectory() + name;
     std::ofstream(path) << "text";
     EXPECT_EQ(RunTool({"wait", name, "--timeout", "0"}).status, 4);
@@ -92,7 +83,6 @@ TEST_F(WaitTest, OtherFilesAreNotOpened) {
 
 TEST_F(WaitTest, TimeOutIsToldAndKept) {
     const auto start = std::chrono::steady_clock::now();
-    const std::string name = UniqueName("nobody");
     const ToolResult result = RunTool({"wait", name, "--timeout", "30ms"});
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(30));
     EXPECT_EQ(result.status, 4);
@@ -102,8 +92,7 @@ TEST_F(WaitTest, TimeOutIsToldAndKept) {
 TEST_F(WaitTest, InterruptEndsIt) {
     ToolProcess wait({"wait", UniqueName("nobody")});
     AwaitWaiting(wait.Pid());
-    wait.Signal(SIGINT);
-    EXPECT_EQ(wait.Wait().status, 130);
+    EXPECT_EQ(wait.Interrupt().status, 130);
 }
 
 TEST_F(WaitTest, WaitingWritesNoLines) {
@@ -113,7 +102,6 @@ TEST_F(WaitTest, WaitingWritesNoLines) {
 }
 
 TEST_F(WaitTest, ServerSeesNothingOfIt) {
-    const std::string name = UniqueName("srv");
     const SyslogCapture log;
     TarvoServerAttr attr;
     attr.selfName = name.c_str();
@@ -130,42 +118,25 @@ TEST_F(WaitTest, ServerSeesNothingOfIt) {
 
 TEST_F(WaitTest, DirectoryThatIsMadeLaterIsFound) {
     TARVO_SKIP_UNLESS_ROOT();
-    ChildProcess machine([](Channel &) {
-        if (!LoseFifoDirectory()) {
-            return 77;
-        }
+    ExpectRun(RunWithoutFifoDirectory([] {
         ToolProcess wait({"wait", "srv", "--timeout", "60s"});
         EXPECT_EQ(RunTool({"init", "--group", std::to_string(getgid())}).status, 0);
         ToolServer server("srv");
         EXPECT_EQ(wait.Wait().status, 0);
         EXPECT_EQ(server.Interrupt().status, 0);
         return 0;
-    });
-    const int status = machine.Wait();
-    if (status == 77) {
-        GTEST_SKIP() << "no right to mount a file system";
-    }
-    EXPECT_EQ(status, 0);
+    }));
 }
 
 TEST_F(WaitTest, MissingRightIsTold) {
     TARVO_SKIP_UNLESS_ROOT();
-    const std::string name = UniqueName("srv");
     ToolServer server(name, {"--group", "0"});
-    const int status = RunAs(65534, 65534, [&] {
+    ExpectRun(RunAsOtherUser([&] {
         const ToolResult result = RunTool({"wait", name, "--timeout", "10ms"});
-        if (result.status == 127) {
-            return 77;
-        }
         EXPECT_EQ(result.status, 1);
         EXPECT_EQ(result.err, "tarvoctl: no right to the FIFO of '" + name + "' so far (see: tarvoctl doctor)\n");
-        return testing::Test::HasFailure() ? 1 : 0;
-    });
-    server.Interrupt();
-    if (status == 77) {
-        GTEST_SKIP() << "no other user may run the tool where it was built";
-    }
-    EXPECT_EQ(status, 0);
+        return 0;
+    }));
 }
 
 TEST_F(WaitTest, NamesAreRefusedAsByTheLibrary) {
@@ -173,9 +144,9 @@ TEST_F(WaitTest, NamesAreRefusedAsByTheLibrary) {
     for (const char bad : std::string("|;><`&()$")) {
         names.push_back(std::string("a") + bad);
     }
-    for (const std::string &name : names) {
-        const bool refused = RunTool({"call", name, "x"}).status == 2;
-        EXPECT_EQ(RunTool({"wait", name, "--timeout", "0"}).status, refused ? 2 : 4) << name;
+    for (const std::string &given : names) {
+        const bool refused = RunTool({"call", given, "x"}).status == 2;
+        EXPECT_EQ(RunTool({"wait", given, "--timeout", "0"}).status, refused ? 2 : 4) << given;
     }
 }
 
