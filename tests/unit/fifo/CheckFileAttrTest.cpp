@@ -17,20 +17,18 @@ constexpr char TAG[] = "check_file_attr";
 class CheckFileAttr : public FifoTest {};
 
 TEST_F(CheckFileAttr, StateOfAFileIsThatOfTheFile) {
-    ASSERT_EQ(0, ::mkfifo(path.c_str(), 0600));
+    MakeFifo(path);
     struct stat state;
     EXPECT_EQ(0, GetFileState(path, state));
     EXPECT_TRUE(S_ISFIFO(state.st_mode));
     EXPECT_EQ(StateOf(path).st_ino, state.st_ino);
-    ::unlink(path.c_str());
 }
 
 TEST_F(CheckFileAttr, StateOfALinkIsThatOfTheLinkItself) {
-    ASSERT_EQ(0, ::symlink("/nowhere", path.c_str()));
+    MakeLink("/nowhere", path);
     struct stat state;
     EXPECT_EQ(0, GetFileState(path, state));
     EXPECT_TRUE(S_ISLNK(state.st_mode));
-    ::unlink(path.c_str());
 }
 
 TEST_F(CheckFileAttr, FailedStateIsTheErrnoAndAClearedResult) {
@@ -50,7 +48,7 @@ TEST_F(CheckFileAttr, FailedStateIsTheErrnoAndAClearedResult) {
 TEST_F(CheckFileAttr, WhatIsNoLinkPassesSilently) {
     const LogCalls log;
     EXPECT_EQ(0, IsLink("/"));
-    ASSERT_EQ(0, ::mkfifo(path.c_str(), 0600));
+    MakeFifo(path);
     EXPECT_EQ(0, IsLink(path));
     ::unlink(path.c_str());
     WriteFile(path, "text");
@@ -60,11 +58,10 @@ TEST_F(CheckFileAttr, WhatIsNoLinkPassesSilently) {
 }
 
 TEST_F(CheckFileAttr, ALinkIsRefused) {
-    ASSERT_EQ(0, ::symlink("/", path.c_str()));
+    MakeLink("/", path);
     const LogCalls log;
     EXPECT_EQ(-EINVAL, IsLink(path));
     EXPECT_THAT(log.All(), ElementsAre(ErrorLine(TAG, "File " + path + " is a symbolic link.")));
-    ::unlink(path.c_str());
 }
 
 TEST_F(CheckFileAttr, WhetherAMissingFileIsALinkCannotBeTold) {

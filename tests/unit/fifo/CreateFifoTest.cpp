@@ -3,11 +3,11 @@
 #include <cerrno>
 #include <chrono>
 #include <new>
-#include <thread>
 
 #include "fifo/velm_fifo.h"
 #include "support/AllocFaults.h"
 #include "support/FakeClock.h"
+#include "support/Threads.h"
 #include "unit/fifo/CallTrace.h"
 #include "unit/fifo/FifoTest.h"
 
@@ -23,8 +23,6 @@ constexpr char TAG[] = "velm_fifo";
 
 class CreateFifoTest : public FifoTest {
 protected:
-    ~CreateFifoTest() override { ::unlink(path.c_str()); }
-
     int Create(uint32_t gid = NO_GID) { return CreateFifo(path, gid, -1, TARVO_DOMAIN_LOCAL, ""); }
 
     // A group other than that of new files, where this user may give one.
@@ -65,7 +63,7 @@ TEST_F(CreateFifoTest, UnsetGroupLeavesTheGroup) {
 }
 
 TEST_F(CreateFifoTest, StaleFifoIsReplaced) {
-    ASSERT_EQ(0, ::mkfifo(path.c_str(), 0600));
+    MakeFifo(path);
     const ino_t stale = StateOf(path).st_ino;
     const LogCalls log;
     const CallTrace trace(path);
@@ -82,11 +80,10 @@ TEST_F(CreateFifoTest, StaleFileOfAnyKindIsReplaced) {
     WriteFile(path, "stale");
     EXPECT_EQ(0, Create());
     ::unlink(path.c_str());
-    ASSERT_EQ(0, ::symlink(target.c_str(), path.c_str()));
+    MakeLink(target, path);
     EXPECT_EQ(0, Create());
     EXPECT_TRUE(S_ISFIFO(StateOf(path).st_mode));
     EXPECT_TRUE(Exists(target));
-    ::unlink(target.c_str());
 }
 
 TEST_F(CreateFifoTest, StaleFileThatCannotBeRemovedIsNotReported) {
@@ -98,8 +95,7 @@ TEST_F(CreateFifoTest, StaleFileThatCannotBeRemovedIsNotReported) {
     EXPECT_EQ(-EACCES, Create());
     // What the name is taken by is only met when the FIFO is published.
     const LogCall first = log.UpTo(LOG_NOTICE).front();
-    EXPECT_EQ(ErrorLine("velm_fifo", Text("File %s(mode=%u) exists but is not fifo file.", path.c_str(), 0100644U)),
-              first);
+    EXPECT_EQ(NotAFifo(0100644), first);
     EXPECT_FALSE(Exists(path));
 }
 
@@ -242,16 +238,14 @@ TEST_F(CreateFifoTest, RunningOutOfMemoryLeavesNothing) {
 TEST_F(CreateFifoTest, CreatorsOfOneNameLeaveNoTemporaryFifo) {
     constexpr int rounds = 200;
     std::atomic<int> unexpected{0};
-    const auto create = [&] {
+    const auto create = [&](int) {
         for (int i = 0; i < rounds; ++i) {
             // A creator may also meet that another one is just removing what it took for stale.
             const int ret = Create();
             unexpected += ret != 0 && ret != -EACCES && ret != -EINVAL ? 1 : 0;
         }
     };
-    std::thread other(create);
-    create();
-    other.join();
+    OnThreads(2, create);
     EXPECT_EQ(0, unexpected);
     ::unlink(path.c_str());
     EXPECT_THAT(OwnFifoFiles(), IsEmpty());

@@ -288,7 +288,6 @@ TEST_F(FifoLabel, IsOnTheFileBeforeItIsPublished) {
     EXPECT_EQ(0, CreateFifo(path, NO_GID, 42, TARVO_DOMAIN_LOCAL, ""));
     EXPECT_THAT(labelled, ElementsAre("getpidcon 42", "setfilecon " + trace.TempName() + " peer_u:peer_r:peer_t:s0"));
     EXPECT_EQ(labelled, selinux.calls);
-    ::unlink(path.c_str());
 }
 
 TEST_F(FifoLabel, ThatFailsNeverKeepsAFifoFromBeingPublished) {
@@ -317,10 +316,7 @@ TEST_F(FifoLabel, ThatFailsNeverKeepsAFifoFromBeingPublished) {
 class OrlaFifo : public FifoLabel {
 protected:
     OrlaFifo() { switches.hostName = 2; }
-    ~OrlaFifo() override {
-        ::umask(previousMask);
-        ::unlink(path.c_str());
-    }
+    ~OrlaFifo() override { ::umask(previousMask); }
 
     const mode_t previousMask = ::umask(027);
 };
@@ -346,7 +342,7 @@ TEST_F(OrlaFifo, ToTheOtherDomainGetsModeAndGroup) {
 }
 
 TEST_F(OrlaFifo, AdoptedFifoKeepsItsGroup) {
-    const ScopedHook rival(Call::Link, [this](const CallInfo &) { ASSERT_EQ(0, ::mkfifo(path.c_str(), 0600)); });
+    const ScopedHook rival(Call::Link, [this](const CallInfo &) { MakeFifo(path); });
     const CallCounter groups(Call::Chown);
     EXPECT_EQ(0, CreateFifo(path, 4711, 42, TARVO_DOMAIN_LOCAL, ""));
     EXPECT_EQ(0U, groups.Count());

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "support/LeakCheck.h"
 #include "support/Names.h"
@@ -45,14 +46,35 @@ inline void WriteFile(const std::string &path, const std::string &text) {
     std::ofstream(path, std::ios::binary) << text;
 }
 
-// Leaves no file, descriptor or thread behind.
+inline void MakeFifo(const std::string &path) { ASSERT_EQ(0, ::mkfifo(path.c_str(), 0600)); }
+
+inline void MakeLink(const std::string &target, const std::string &path) {
+    ASSERT_EQ(0, ::symlink(target.c_str(), path.c_str()));
+}
+
+// Leaves no file, descriptor or thread behind. What stands under the test's own names goes with it, and nothing else.
 class FifoTest : public LeakCheckedTest {
 protected:
     FifoTest() : path(NewPath("fifo")) {}
+    ~FifoTest() override {
+        for (const std::string &own : paths) {
+            ::unlink(own.c_str());
+        }
+    }
 
     // In the directory whose files are checked for leaks.
-    static std::string NewPath(const std::string &purpose) { return FifoDirectory() + UniqueName(purpose); }
+    std::string NewPath(const std::string &purpose) {
+        return paths.emplace_back(FifoDirectory() + UniqueName(purpose));
+    }
 
+    LogCall NotAFifo(mode_t mode) const {
+        return ErrorLine("velm_fifo", Text("File %s(mode=%u) exists but is not fifo file.", path.c_str(), mode));
+    }
+
+private:
+    std::vector<std::string> paths;
+
+protected:
     const std::string path;
 };
 

@@ -19,18 +19,21 @@ constexpr char FILE_TAG[] = "check_file_attr";
 
 class PublicationRace : public FifoTest {
 protected:
-    ~PublicationRace() override { ::unlink(path.c_str()); }
-
     // Creates the FIFO while `rival` runs right before it is published.
     int CreateAgainst(std::function<void()> rival) {
         const ScopedHook hook(Call::Link, [rival = std::move(rival)](const CallInfo &) { rival(); });
         return CreateFifo(path, gid, -1, TARVO_DOMAIN_LOCAL, "");
     }
 
-    std::string NotAFifo(mode_t mode) const {
-        return Text("File %s(mode=%u) exists but is not fifo file.", path.c_str(), mode);
+    int CreateAgainstAFile() {
+        return CreateAgainst([this] {
+            WriteFile(path, "text");
+            ASSERT_EQ(0, ::chmod(path.c_str(), 0640));
+        });
     }
 
+    LogCall NoFifo() const { return ErrorLine(TAG, "Existing file " + path + " is not fifo file."); }
+    LogCall NoState() const { return ErrorLine(TAG, "Get file " + path + " state failed, ret=-2."); }
     LogCall Failure(const CallTrace &trace, int ret) const {
         return ErrorLine(TAG, Text("Link tmp fifo to real fifo failed tmpfifo=%s, realfifo=%s ret=%d.",
                                    trace.TempName().c_str(), path.c_str(), ret));
@@ -44,7 +47,7 @@ TEST_F(PublicationRace, RivalsFifoIsAdopted) {
     const LogCalls log;
     const CallTrace trace(path);
     EXPECT_EQ(0, CreateAgainst([&] {
-                  ASSERT_EQ(0, ::mkfifo(path.c_str(), 0600));
+                  MakeFifo(path);
                   rivals = StateOf(path).st_ino;
               }));
     const std::string group = std::to_string(gid);
@@ -64,7 +67,7 @@ TEST_F(PublicationRace, AdoptedFifoWhoseGroupStaysIsOnlyNoted) {
     const ScopedFault fault(Call::Chown, EPERM, Where().Nth(2));
     const LogCalls log;
     const CallTrace trace(path);
-    EXPECT_EQ(0, CreateAgainst([&] { ASSERT_EQ(0, ::mkfifo(path.c_str(), 0600)); }));
+    EXPECT_EQ(0, CreateAgainst([&] { MakeFifo(path); }));
     EXPECT_EQ(InfoLine(TAG, Text("Changes fifo %s's gid to %u, ret=1.", trace.TempName().c_str(), gid)),
               log.All().back());
     EXPECT_TRUE(Exists(path));
@@ -73,26 +76,20 @@ TEST_F(PublicationRace, AdoptedFifoWhoseGroupStaysIsOnlyNoted) {
 TEST_F(PublicationRace, RegularFileIsRefusedAndRemoved) {
     const LogCalls log;
     const CallTrace trace(path);
-    EXPECT_EQ(-EACCES, CreateAgainst([&] {
-        WriteFile(path, "text");
-        ASSERT_EQ(0, ::chmod(path.c_str(), 0640));
-    }));
-    EXPECT_THAT(log.UpTo(LOG_NOTICE),
-                ElementsAre(ErrorLine(TAG, NotAFifo(0100640)),
-                            ErrorLine(TAG, "Existing file " + path + " is not fifo file."), Failure(trace, -EACCES)));
+    EXPECT_EQ(-EACCES, CreateAgainstAFile());
+    EXPECT_THAT(log.UpTo(LOG_NOTICE), ElementsAre(NotAFifo(0100640), NoFifo(), Failure(trace, -EACCES)));
     EXPECT_THAT(OwnFifoFiles(), IsEmpty());
 }
 
 TEST_F(PublicationRace, LinkIsRefusedAndRemovedWhereverItPoints) {
     const std::string fifo = NewPath("target");
-    ASSERT_EQ(0, ::mkfifo(fifo.c_str(), 0600));
+    MakeFifo(fifo);
     for (const std::string &target : {fifo, std::string("/"), std::string("/nowhere")}) {
         const LogCalls log;
         const CallTrace trace(path);
-        EXPECT_EQ(-EINVAL, CreateAgainst([&] { ASSERT_EQ(0, ::symlink(target.c_str(), path.c_str())); }));
+        EXPECT_EQ(-EINVAL, CreateAgainst([&] { MakeLink(target, path); }));
         EXPECT_THAT(log.UpTo(LOG_NOTICE),
-                    ElementsAre(ErrorLine(TAG, NotAFifo(0120777)),
-                                ErrorLine(FILE_TAG, "File " + path + " is a symbolic link."),
+                    ElementsAre(NotAFifo(0120777), ErrorLine(FILE_TAG, "File " + path + " is a symbolic link."),
                                 ErrorLine(TAG, "Fifo file " + path + " is a symbolic link."), Failure(trace, -EINVAL)));
         EXPECT_EQ("unlink NAME", trace.Calls().back());
         EXPECT_FALSE(Exists(path));
@@ -114,9 +111,7 @@ TEST_F(PublicationRace, FifoThatVanishesAgainIsRefused) {
     const LogCalls log;
     const CallTrace trace(path);
     EXPECT_EQ(-EACCES, CreateFifo(path, gid, -1, TARVO_DOMAIN_LOCAL, ""));
-    EXPECT_THAT(log.UpTo(LOG_NOTICE), IsSupersetOf({ErrorLine(TAG, "Get file " + path + " state failed, ret=-2."),
-                                                    ErrorLine(TAG, "Existing file " + path + " is not fifo file."),
-                                                    Failure(trace, -EACCES)}));
+    EXPECT_THAT(log.UpTo(LOG_NOTICE), IsSupersetOf({NoState(), NoFifo(), Failure(trace, -EACCES)}));
     EXPECT_THAT(OwnFifoFiles(), IsEmpty());
 }
 
@@ -125,9 +120,7 @@ TEST_F(PublicationRace, FileThatVanishesAgainIsReportedAsNoFifoOnly) {
     const LogCalls log;
     const CallTrace trace(path);
     EXPECT_EQ(-EACCES, CreateFifo(path, gid, -1, TARVO_DOMAIN_LOCAL, ""));
-    EXPECT_THAT(log.UpTo(LOG_NOTICE),
-                ElementsAre(ErrorLine(TAG, "Get file " + path + " state failed, ret=-2."),
-                            ErrorLine(TAG, "Existing file " + path + " is not fifo file."), Failure(trace, -EACCES)));
+    EXPECT_THAT(log.UpTo(LOG_NOTICE), ElementsAre(NoState(), NoFifo(), Failure(trace, -EACCES)));
 }
 
 TEST_F(PublicationRace, FileThatVanishesAfterTheFirstLookIsReportedAsNoFifoOnly) {
@@ -135,13 +128,8 @@ TEST_F(PublicationRace, FileThatVanishesAfterTheFirstLookIsReportedAsNoFifoOnly)
         Call::Lstat, [this](const CallInfo &) { ::unlink(path.c_str()); }, Where().Path(path).Nth(2));
     const LogCalls log;
     const CallTrace trace(path);
-    EXPECT_EQ(-EACCES, CreateAgainst([&] {
-        WriteFile(path, "text");
-        ASSERT_EQ(0, ::chmod(path.c_str(), 0640));
-    }));
-    EXPECT_THAT(log.UpTo(LOG_NOTICE),
-                ElementsAre(ErrorLine(TAG, NotAFifo(0100640)),
-                            ErrorLine(TAG, "Existing file " + path + " is not fifo file."), Failure(trace, -EACCES)));
+    EXPECT_EQ(-EACCES, CreateAgainstAFile());
+    EXPECT_THAT(log.UpTo(LOG_NOTICE), ElementsAre(NotAFifo(0100640), NoFifo(), Failure(trace, -EACCES)));
 }
 
 TEST_F(PublicationRace, FifoWhoseStateCannotBeReadIsRefused) {
@@ -158,7 +146,7 @@ TEST_F(PublicationRace, FifoWhoseStateCannotBeReadIsRefused) {
     for (const auto &row : rows) {
         const ScopedFault fault(Call::Lstat, EIO, Where().Path(path).Nth(row.failing));
         const LogCalls log;
-        EXPECT_EQ(row.result, CreateAgainst([&] { ASSERT_EQ(0, ::mkfifo(path.c_str(), 0600)); }));
+        EXPECT_EQ(row.result, CreateAgainst([&] { MakeFifo(path); }));
         std::vector<std::string> messages;
         for (const LogCall &call : log.UpTo(LOG_ERR)) {
             messages.push_back(call.message);

@@ -62,12 +62,10 @@ class RealPath : public FifoTest {};
 TEST_F(RealPath, ReplacesAPathThroughLinks) {
     WriteFile(path, "text");
     const std::string link = NewPath("link");
-    ASSERT_EQ(0, ::symlink(path.c_str(), link.c_str()));
+    MakeLink(path, link);
     std::string resolved = FifoDirectory() + "../tarvo/" + link.substr(FifoDirectory().size());
     EXPECT_EQ(0, TransferToRealPath(resolved));
     EXPECT_EQ(std::filesystem::canonical(path), resolved);
-    ::unlink(link.c_str());
-    ::unlink(path.c_str());
 }
 
 TEST_F(RealPath, OfAMissingFileIsRefusedAndThePathUntouched) {
@@ -100,8 +98,6 @@ TEST_F(RealPath, EmptyOrUnterminatedResultIsRefused) {
 
 class SmallFile : public FifoTest {
 protected:
-    ~SmallFile() override { ::unlink(path.c_str()); }
-
     static LogCall Line(std::string message) { return {LOG_TYPE_VELM, LOG_ERR, TAG, std::move(message)}; }
 
     // The close is made and then reported as failed.
@@ -128,7 +124,7 @@ TEST_F(SmallFile, IsReadWhole) {
 TEST_F(SmallFile, IsReadByItsRealPathInChunks) {
     WriteFile(path, std::string(1024, 'x'));
     const std::string link = NewPath("link");
-    ASSERT_EQ(0, ::symlink(path.c_str(), link.c_str()));
+    MakeLink(path, link);
     std::string opened;
     std::vector<std::size_t> sizes;
     const ScopedHook openHook(Call::Open, [&](const CallInfo &call) {
@@ -140,7 +136,6 @@ TEST_F(SmallFile, IsReadByItsRealPathInChunks) {
     EXPECT_EQ(std::filesystem::canonical(path), opened);
     EXPECT_THAT(sizes, ElementsAre(1023U, 1023U, 1023U));
     EXPECT_EQ(1024U, out.str().size());
-    ::unlink(link.c_str());
 }
 
 TEST_F(SmallFile, TextOfAChunkEndsAtItsFirstZeroByte) {
