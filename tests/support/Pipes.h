@@ -28,6 +28,20 @@ inline TarvoAttr MakeAttr(const std::string &self, const std::string &target, Ta
     return attr;
 }
 
+// What TarvoCreateServer yields. The name must outlive the server.
+inline int CreateServer(const std::string &name, void (*callback)(int, TarvoRequest *) = nullptr) {
+    TarvoServerAttr attr;
+    attr.selfName = name.c_str();
+    attr.callback = callback;
+    return TarvoCreateServer(&attr);
+}
+
+// The handle of a client of that server.
+inline int CreateClient(const std::string &self, const std::string &server) {
+    TarvoAttr attr = MakeAttr(self, server, TARVO_MODE_CLIENT);
+    return TarvoCreateClient(&attr);
+}
+
 // Answers every request with its own bytes.
 inline void Echo(int fd, TarvoRequest *request) {
     if (request != nullptr) {

@@ -61,6 +61,12 @@ private:
     bool created_ = false;
 };
 
+// One that has both ends open, of a pipe whose files the other side has created.
+class JoinedRawPeer : public RawPeer {
+public:
+    JoinedRawPeer(const std::string &self, const std::string &remote) : RawPeer(self, remote) { OpenBoth(); }
+};
+
 } // namespace tarvo_test
 
 #endif // TARVO_SUPPORT_RAWPEER_H

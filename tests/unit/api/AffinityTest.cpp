@@ -55,13 +55,9 @@ std::vector<std::string> Strays() {
 }
 
 TEST_F(ApiTest, EveryThreadSetsItsAffinityAtItsStart) {
-    TarvoServerAttr server;
-    server.selfName = remote.c_str();
-    server.callback = Echo;
-    ASSERT_EQ(TarvoCreateServer(&server), 0);
-    TarvoAttr attr = MakeAttr(self, remote, TARVO_MODE_CLIENT);
+    ASSERT_EQ(CreateServer(remote, Echo), 0);
     // Passes through all three kinds.
-    ASSERT_EQ(Ask(TarvoCreateClient(&attr), "hello"), "hello");
+    ASSERT_EQ(Ask(CreateClient(self, remote), "hello"), "hello");
 
     // A thread that has just been started carries the name of the one that started it, and has passed nothing yet.
     EXPECT_TRUE(Eventually([] { return LibraryThreads().size() == 3 && Strays().empty(); }))

@@ -1,5 +1,4 @@
 // Calls that come when process exit has destroyed the library's state, or is about to.
-#include <sanitizer/lsan_interface.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,30 +10,11 @@
 #include <thread>
 
 #include "ApiFixture.h"
+#include "ExitChecks.h"
 #include "support/Faults.h"
-#include "support/Process.h"
-
-namespace {
-
-// A forked child has the objects of its parent, but not the stacks of its threads: what only a worker refers to at that
-// moment would be reported as leaked by the child.
-bool isForkedChild = false;
-
-} // namespace
-
-extern "C" int __lsan_is_turned_off() { return isForkedChild ? 1 : 0; }
 
 namespace tarvo_test {
 namespace {
-
-// Assertions of the test framework are of no use while statics die.
-#define CHECK_AT_EXIT(condition)                                                                                       \
-    do {                                                                                                               \
-        if (!(condition)) {                                                                                            \
-            std::fprintf(stderr, "%s:%d: not so at exit: %s\n", __FILE__, __LINE__, #condition);                       \
-            _exit(1);                                                                                                  \
-        }                                                                                                              \
-    } while (false)
 
 // Captures until the process is gone.
 SyslogCapture &LastLog() {
@@ -46,45 +26,45 @@ void CheckThatOpensFailSoftly() {
     TarvoAttr attr;
     attr.targetName = "somebody";
     attr.selfName = "me";
-    CHECK_AT_EXIT(TarvoOpen(&attr) == -ENOENT);
-    CHECK_AT_EXIT(TarvoOpen("somebody", nullptr, 10, TARVO_MODE_CLIENT) == -ENOENT);
-    CHECK_AT_EXIT(TarvoCreateClient(&attr) == -ENOENT);
-    CHECK_AT_EXIT(TarvoPipeTypeOpen(&attr, TARVO_SERVER_PIPE) == -ENOENT);
-    CHECK_AT_EXIT(TarvoOpen(nullptr) == -EINVAL);
-    CHECK_AT_EXIT(TarvoClosePipe(2) == -ENOENT);
-    CHECK_AT_EXIT(TarvoCleanPipe(2) == -ENOENT);
+    REQUIRE_THAT(TarvoOpen(&attr) == -ENOENT);
+    REQUIRE_THAT(TarvoOpen("somebody", nullptr, 10, TARVO_MODE_CLIENT) == -ENOENT);
+    REQUIRE_THAT(TarvoCreateClient(&attr) == -ENOENT);
+    REQUIRE_THAT(TarvoPipeTypeOpen(&attr, TARVO_SERVER_PIPE) == -ENOENT);
+    REQUIRE_THAT(TarvoOpen(nullptr) == -EINVAL);
+    REQUIRE_THAT(TarvoClosePipe(2) == -ENOENT);
+    REQUIRE_THAT(TarvoCleanPipe(2) == -ENOENT);
     char name[101];
-    CHECK_AT_EXIT(TarvoGetRemoteName(2, name, sizeof(name)) == -ENOENT);
-    CHECK_AT_EXIT(TarvoGetRemoteName(2, nullptr, 0) == -EINVAL);
+    REQUIRE_THAT(TarvoGetRemoteName(2, name, sizeof(name)) == -ENOENT);
+    REQUIRE_THAT(TarvoGetRemoteName(2, nullptr, 0) == -EINVAL);
 }
 
 void CheckThatSendsFailSoftly() {
     Blocks blocks;
     TarvoResponse response{};
-    CHECK_AT_EXIT(TarvoSendRequest(2, &blocks.request) == -ENOENT);
-    CHECK_AT_EXIT(TarvoSendResponse(2, &blocks.response) == -ENOENT);
-    CHECK_AT_EXIT(TarvoTimedRPCSync(2, &blocks.request, nullptr, 10) == -ENOENT);
+    REQUIRE_THAT(TarvoSendRequest(2, &blocks.request) == -ENOENT);
+    REQUIRE_THAT(TarvoSendResponse(2, &blocks.response) == -ENOENT);
+    REQUIRE_THAT(TarvoTimedRPCSync(2, &blocks.request, nullptr, 10) == -ENOENT);
     // Those above are told at a level that is not written, by intention.
-    CHECK_AT_EXIT(LastLog().Count(ANY_LEVEL, "destroyed") == 0);
-    CHECK_AT_EXIT(TarvoTimedRPCSync(2, &blocks.request, &response, 10) == -ENOENT);
-    CHECK_AT_EXIT(TarvoRPCSync(2, &blocks.request, &response) == -ENOENT);
-    CHECK_AT_EXIT(LastLog().CountExactly(LOG_ERR, "TarvoTimedRPCSync failed, because table is destroyed") == 2);
+    REQUIRE_THAT(LastLog().Count(ANY_LEVEL, "destroyed") == 0);
+    REQUIRE_THAT(TarvoTimedRPCSync(2, &blocks.request, &response, 10) == -ENOENT);
+    REQUIRE_THAT(TarvoRPCSync(2, &blocks.request, &response) == -ENOENT);
+    REQUIRE_THAT(LastLog().CountExactly(LOG_ERR, "TarvoTimedRPCSync failed, because table is destroyed") == 2);
     response.data = new char[1];
     DestroyResponse(&response);
-    CHECK_AT_EXIT(response.data == nullptr);
+    REQUIRE_THAT(response.data == nullptr);
 }
 
 void CheckThatTheWholeFailsSoftly() {
-    CHECK_AT_EXIT(TarvoServiceIsExist() == 0);
+    REQUIRE_THAT(TarvoServiceIsExist() == 0);
     TarvoServerAttr server;
     server.selfName = "me";
-    CHECK_AT_EXIT(TarvoCreateServer(&server) == -ENOENT);
-    CHECK_AT_EXIT(LastLog().ContainsExactly(LOG_ERR, "Pipe server init failed"));
+    REQUIRE_THAT(TarvoCreateServer(&server) == -ENOENT);
+    REQUIRE_THAT(LastLog().ContainsExactly(LOG_ERR, "Pipe server init failed"));
     TarvoCfgFinishServer();
-    CHECK_AT_EXIT(LastLog().ContainsExactly(LOG_ERR, "Pipe server finish failed."));
+    REQUIRE_THAT(LastLog().ContainsExactly(LOG_ERR, "Pipe server finish failed."));
     TarvoExceptionHandler(11);
-    CHECK_AT_EXIT(LastLog().ContainsExactly(LOG_ERR, "Recv a signal 11."));
-    CHECK_AT_EXIT(LastLog().ContainsExactly(LOG_ERR, "TarvoExceptionHandler failed, because table is destroyed."));
+    REQUIRE_THAT(LastLog().ContainsExactly(LOG_ERR, "Recv a signal 11."));
+    REQUIRE_THAT(LastLog().ContainsExactly(LOG_ERR, "TarvoExceptionHandler failed, because table is destroyed."));
 }
 
 void CheckAfterTheEnd() {
@@ -96,36 +76,27 @@ void CheckAfterTheEnd() {
 
 void UseEverything() {
     const PipePair pair(Echo, Echo);
-    CHECK_AT_EXIT(Ask(pair.far, "hello") == "hello");
+    REQUIRE_THAT(Ask(pair.far, "hello") == "hello");
     const std::string name = UniqueName("server");
     static char served[128];
     std::snprintf(served, sizeof(served), "%s", name.c_str());
     TarvoServerAttr server;
     server.selfName = served;
-    CHECK_AT_EXIT(TarvoCreateServer(&server) == 0);
+    REQUIRE_THAT(TarvoCreateServer(&server) == 0);
     TarvoExceptionHandler(SIGTERM);
 }
 
 class AfterExitTest : public testing::Test {
 protected:
     AfterExitTest() { FifoDirectory(); }
-
-    static int ExitCodeOf(const std::function<void()> &body) {
-        ChildProcess child([&](Channel &) -> int {
-            body();
-            std::exit(0);
-        });
-        return child.Wait();
-    }
 };
 
 TEST_F(AfterExitTest, ExitHandlerRegisteredBeforeTheFirstUseMeetsNoTable) {
-    EXPECT_EQ(ExitCodeOf([] {
-                  LastLog();
-                  std::atexit(CheckAfterTheEnd);
-                  UseEverything();
-              }),
-              0);
+    ExpectGoodExit([] {
+        LastLog();
+        std::atexit(CheckAfterTheEnd);
+        UseEverything();
+    });
 }
 
 struct CallsWhenItDies {
@@ -133,61 +104,57 @@ struct CallsWhenItDies {
 };
 
 TEST_F(AfterExitTest, DestructorOfAnOlderStaticMeetsNoTable) {
-    EXPECT_EQ(ExitCodeOf([] {
-                  LastLog();
-                  static const CallsWhenItDies older;
-                  UseEverything();
-              }),
-              0);
+    ExpectGoodExit([] {
+        LastLog();
+        static const CallsWhenItDies older;
+        UseEverything();
+    });
 }
 
 TEST_F(AfterExitTest, DisabledLibraryEndsAsSoftly) {
-    EXPECT_EQ(ExitCodeOf([] {
-                  LastLog();
-                  std::atexit(CheckAfterTheEnd);
-                  UseEverything();
-                  TarvoCfgFinishServer();
-              }),
-              0);
+    ExpectGoodExit([] {
+        LastLog();
+        std::atexit(CheckAfterTheEnd);
+        UseEverything();
+        TarvoCfgFinishServer();
+    });
 }
 
 TEST_F(AfterExitTest, ExitHandlerRegisteredAfterTheFirstUseStillHasTheTable) {
-    EXPECT_EQ(ExitCodeOf([] {
-                  UseEverything();
-                  std::atexit([] {
-                      CHECK_AT_EXIT(TarvoServiceIsExist() == 1);
-                      const PipePair pair(Echo, Echo);
-                      CHECK_AT_EXIT(Ask(pair.far, "hello") == "hello");
-                  });
-              }),
-              0);
+    ExpectGoodExit([] {
+        UseEverything();
+        std::atexit([] {
+            REQUIRE_THAT(TarvoServiceIsExist() == 1);
+            const PipePair pair(Echo, Echo);
+            REQUIRE_THAT(Ask(pair.far, "hello") == "hello");
+        });
+    });
 }
 
 TEST_F(AfterExitTest, FirstUseMayComeDuringExit) {
-    EXPECT_EQ(ExitCodeOf([] { std::atexit(UseEverything); }), 0);
+    ExpectGoodExit([] { std::atexit(UseEverything); });
 }
 
 // The server goes before the table: what runs between their ends sees one and not the other.
 TEST_F(AfterExitTest, ServerIsGoneBeforeTheTable) {
-    EXPECT_EQ(ExitCodeOf([] {
-                  LastLog();
-                  TarvoServiceIsExist();
-                  std::atexit([] {
-                      LastLog().Clear();
-                      CHECK_AT_EXIT(TarvoServiceIsExist() == 1);
-                      TarvoExceptionHandler(6);
-                      CHECK_AT_EXIT(LastLog().ContainsExactly(
-                          LOG_ERR, "TarvoExceptionHandler failed, because server is destroyed."));
-                      TarvoServerAttr server;
-                      server.selfName = "me";
-                      CHECK_AT_EXIT(TarvoCreateServer(&server) == -ENOENT);
-                      TarvoCfgFinishServer();
-                      CHECK_AT_EXIT(LastLog().ContainsExactly(LOG_ERR, "Pipe server finish failed."));
-                      CHECK_AT_EXIT(TarvoServiceIsExist() == 1);
-                  });
-                  UseEverything();
-              }),
-              0);
+    ExpectGoodExit([] {
+        LastLog();
+        TarvoServiceIsExist();
+        std::atexit([] {
+            LastLog().Clear();
+            REQUIRE_THAT(TarvoServiceIsExist() == 1);
+            TarvoExceptionHandler(6);
+            REQUIRE_THAT(
+                LastLog().ContainsExactly(LOG_ERR, "TarvoExceptionHandler failed, because server is destroyed."));
+            TarvoServerAttr server;
+            server.selfName = "me";
+            REQUIRE_THAT(TarvoCreateServer(&server) == -ENOENT);
+            TarvoCfgFinishServer();
+            REQUIRE_THAT(LastLog().ContainsExactly(LOG_ERR, "Pipe server finish failed."));
+            REQUIRE_THAT(TarvoServiceIsExist() == 1);
+        });
+        UseEverything();
+    });
 }
 
 std::atomic<bool> answered{false};
@@ -197,7 +164,7 @@ TEST_F(AfterExitTest, CallUnderWayWhenExitBeginsGetsItsAnswer) {
     const std::string self = UniqueName("self");
     const std::string remote = UniqueName("remote");
     ChildProcess child([&](Channel &channel) -> int {
-        std::atexit([] { CHECK_AT_EXIT(answered); });
+        std::atexit([] { REQUIRE_THAT(answered); });
         TarvoAttr attr = MakeAttr(self, remote, TARVO_MODE_SERVER);
         const int fd = TarvoOpen(&attr);
         static const ScopedHook &hook = *new ScopedHook(
@@ -212,8 +179,7 @@ TEST_F(AfterExitTest, CallUnderWayWhenExitBeginsGetsItsAnswer) {
         }
         std::exit(0);
     });
-    RawPeer peer(remote, self);
-    peer.OpenBoth();
+    JoinedRawPeer peer(remote, self);
     child.Signal(); // to ask
     const uint32_t id = peer.Receive().id;
     child.Signal(); // to exit
@@ -224,30 +190,25 @@ TEST_F(AfterExitTest, CallUnderWayWhenExitBeginsGetsItsAnswer) {
 
 // A forked child has copies of the objects, but neither the threads nor a right to the files.
 TEST_F(AfterExitTest, ExitOfAForkedChildLeavesItsParentAlone) {
-    EXPECT_EQ(ExitCodeOf([] {
-                  const std::string self = UniqueName("self");
-                  const std::string served = UniqueName("server");
-                  TarvoServerAttr server;
-                  server.selfName = served.c_str();
-                  server.callback = Echo;
-                  CHECK_AT_EXIT(TarvoCreateServer(&server) == 0);
-                  const PipePair pair(Echo, Echo);
-                  CHECK_AT_EXIT(Ask(pair.far, "before") == "before");
-                  const pid_t child = fork();
-                  if (child == 0) {
-                      isForkedChild = true;
-                      std::exit(0);
-                  }
-                  int status = -1;
-                  CHECK_AT_EXIT(waitpid(child, &status, 0) == child);
-                  CHECK_AT_EXIT(status == 0);
-                  CHECK_AT_EXIT(OwnFifoFiles().size() == 3);
-                  CHECK_AT_EXIT(Ask(pair.far, "after") == "after");
-                  TarvoAttr attr = MakeAttr(self, served, TARVO_MODE_CLIENT);
-                  CHECK_AT_EXIT(Ask(TarvoCreateClient(&attr), "served") == "served");
-                  TarvoExceptionHandler(SIGTERM);
-              }),
-              0);
+    ExpectGoodExit([] {
+        const std::string self = UniqueName("self");
+        const std::string served = UniqueName("server");
+        REQUIRE_THAT(CreateServer(served, Echo) == 0);
+        const PipePair pair(Echo, Echo);
+        REQUIRE_THAT(Ask(pair.far, "before") == "before");
+        const pid_t child = fork();
+        if (child == 0) {
+            isForkedChild = true;
+            std::exit(0);
+        }
+        int status = -1;
+        REQUIRE_THAT(waitpid(child, &status, 0) == child);
+        REQUIRE_THAT(status == 0);
+        REQUIRE_THAT(OwnFifoFiles().size() == 3);
+        REQUIRE_THAT(Ask(pair.far, "after") == "after");
+        REQUIRE_THAT(Ask(CreateClient(self, served), "served") == "served");
+        TarvoExceptionHandler(SIGTERM);
+    });
 }
 
 } // namespace

@@ -154,8 +154,7 @@ TEST_F(ApiTest, RemoteNameOfAServersPipeIsItsClients) {
         name.set_value(text);
     };
     ASSERT_EQ(TarvoCreateServer(&server), 0);
-    TarvoAttr attr = MakeAttr(self, remote, TARVO_MODE_CLIENT);
-    const int fd = TarvoCreateClient(&attr);
+    const int fd = CreateClient(self, remote);
     EXPECT_EQ(name.get_future().get(), self + "_" + std::to_string(getpid()));
     TarvoCfgFinishServer();
     char text[101] = "as before";

@@ -106,7 +106,7 @@ protected:
     Blocks blocks;
 };
 
-TEST_F(CancelTest, Opens) {
+TEST_F(CancelTest, CancelledOpensLeaveTheLibraryWorking) {
     TarvoAttr attr = MakeAttr(self, remote, TARVO_MODE_SERVER, Echo);
     attr.timeout = SOON_MS;
     CancelAtRandomMoments([&] { TarvoClosePipe(TarvoOpen(&attr)); });
@@ -117,7 +117,7 @@ TEST_F(CancelTest, Opens) {
     ExpectTheLibraryToWork();
 }
 
-TEST_F(CancelTest, OpensThatWait) {
+TEST_F(CancelTest, CancelledWaitsForTheRemoteLeaveThePipeToBeOpened) {
     SKIP_IF_SANITIZED();
     TarvoAttr attr = MakeAttr(self, remote, TARVO_MODE_CLIENT);
     attr.timeout = 0;
@@ -133,16 +133,13 @@ TEST_F(CancelTest, OpensThatWait) {
     }
 }
 
-TEST_F(CancelTest, OpensOfBothEnds) {
+TEST_F(CancelTest, CancelledOpensOfBothEndsLeaveTheLibraryWorking) {
     CancelAtRandomMoments([] { const PipePair pair(Echo, Echo); });
     ExpectTheLibraryToWork();
 }
 
-TEST_F(CancelTest, Clients) {
-    TarvoServerAttr server;
-    server.selfName = remote.c_str();
-    server.callback = Echo;
-    ASSERT_EQ(TarvoCreateServer(&server), 0);
+TEST_F(CancelTest, CancelledClientsLeaveTheServerServing) {
+    ASSERT_EQ(CreateServer(remote, Echo), 0);
     int count = 0;
     for (int i = 0; i < Cancellations(); ++i) {
         const std::string name = self + std::to_string(++count);
@@ -153,12 +150,11 @@ TEST_F(CancelTest, Clients) {
         });
         AwaitARandomMoment();
     }
-    TarvoAttr attr = MakeAttr(self, remote, TARVO_MODE_CLIENT);
-    EXPECT_EQ(Ask(TarvoCreateClient(&attr), "hello"), "hello");
+    EXPECT_EQ(Ask(CreateClient(self, remote), "hello"), "hello");
     TarvoExceptionHandler(SIGTERM);
 }
 
-TEST_F(CancelTest, Servers) {
+TEST_F(CancelTest, CancelledStartsLeaveAServerToBeStarted) {
     TarvoServerAttr server;
     server.selfName = remote.c_str();
     CancelAtRandomMoments([&] {
@@ -170,7 +166,7 @@ TEST_F(CancelTest, Servers) {
     TarvoExceptionHandler(SIGTERM);
 }
 
-TEST_F(CancelTest, Sends) {
+TEST_F(CancelTest, CancelledSendsLeaveTheLibraryWorking) {
     const PipePair pair;
     // Most find the FIFO full.
     CancelAtRandomMoments([&] { TarvoSendRequest(pair.far, &blocks.request); });
@@ -182,7 +178,7 @@ TEST_F(CancelTest, Sends) {
 }
 
 // Each opens the write end anew with its first send.
-TEST_F(CancelTest, FirstSends) {
+TEST_F(CancelTest, CancelledFirstSendsLeaveTheLibraryWorking) {
     CancelAtRandomMoments([this] {
         const auto pair = WithoutCancellation([] { return std::make_unique<PipePair>(Echo, Echo); });
         TarvoSendRequest(pair->near, &blocks.request);
@@ -191,7 +187,7 @@ TEST_F(CancelTest, FirstSends) {
     ExpectTheLibraryToWork();
 }
 
-TEST_F(CancelTest, Calls) {
+TEST_F(CancelTest, CancelledCallsLeaveThePipeAnswering) {
     SKIP_IF_SANITIZED();
     const PipePair pair(Echo, Echo);
     CancelAtRandomMoments([&] { Ask(pair.far, "with an answer"); });
@@ -199,7 +195,7 @@ TEST_F(CancelTest, Calls) {
     EXPECT_EQ(Ask(pair.far, "hello"), "hello");
 }
 
-TEST_F(CancelTest, CallsThatWait) {
+TEST_F(CancelTest, CancelledWaitsForAnAnswerLeaveTheLibraryWorking) {
     SKIP_IF_SANITIZED();
     const PipePair pair;
     CancelAtRandomMoments([&] { Ask(pair.far, "no answer", HOUR_MS); });
@@ -211,7 +207,7 @@ TEST_F(CancelTest, CallsThatWait) {
     ExpectTheLibraryToWork();
 }
 
-TEST_F(CancelTest, Closes) {
+TEST_F(CancelTest, CancelledClosesLeaveTheLibraryWorking) {
     CancelAtRandomMoments([] {
         const auto pair = WithoutCancellation([] { return std::make_unique<PipePair>(Echo, Echo); });
         TarvoCleanPipe(pair->far);
@@ -221,7 +217,7 @@ TEST_F(CancelTest, Closes) {
     ExpectTheLibraryToWork();
 }
 
-TEST_F(CancelTest, Questions) {
+TEST_F(CancelTest, CancelledQuestionsLeaveThePipeAnswering) {
     const PipePair pair(Echo, Echo);
     CancelAtRandomMoments([] {
         TarvoServiceIsExist();
@@ -242,17 +238,14 @@ TEST_F(CancelTest, Questions) {
 }
 
 // The end of all is there once: each time another process, whose callback runs when its end comes.
-TEST(CancelEndTest, OrderlyEnds) {
+TEST(CancelEndTest, CancelledOrderlyEndsCanBeRepeatedAndLeaveNothing) {
     FifoDirectory();
     for (int i = 0; i < Cancellations() && !testing::Test::HasFailure(); ++i) {
         ChildProcess child([](Channel &) {
             const ScopedLeakCheck check;
             {
                 const std::string name = UniqueName("server");
-                TarvoServerAttr server;
-                server.selfName = name.c_str();
-                server.callback = Echo;
-                EXPECT_EQ(TarvoCreateServer(&server), 0);
+                EXPECT_EQ(CreateServer(name, Echo), 0);
                 const PipePair pair(Echo, Echo);
                 EXPECT_EQ(Ask(pair.far, "hello"), "hello");
                 TarvoExceptionHandler(SIGTERM);

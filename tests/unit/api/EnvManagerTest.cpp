@@ -17,6 +17,7 @@
 
 #include "support/Faults.h"
 #include "support/Process.h"
+#include "support/Threads.h"
 
 namespace {
 
@@ -25,6 +26,7 @@ using tarvo_test::CallCounter;
 using tarvo_test::CallInfo;
 using tarvo_test::Channel;
 using tarvo_test::ChildProcess;
+using tarvo_test::OnThreads;
 using tarvo_test::Outcome;
 using tarvo_test::ScopedFault;
 using tarvo_test::ScopedHook;
@@ -34,18 +36,34 @@ constexpr char LIB[] = "/usr/lib64/libvelm.so.1";
 constexpr std::size_t LONGEST_NAME = 100;
 constexpr std::size_t LONGEST_PATH = 4096;
 
-// The name is resolved once in a process and the environment belongs to all of it: each test has a process of its own.
-// `body` may use assertions.
+void ClearEnvironment() {
+    for (const char *name : {"PROC_NAME", "VELM_STATUS", "LD_PRELOAD", "VELM_LIB_PATH", "KELDOR_RUN_MODE"}) {
+        unsetenv(name);
+    }
+}
+
+// The name is resolved once in a process and the environment belongs to all of it: each test needs a process of its
+// own.
+class EnvironmentTest : public testing::Test {
+protected:
+    EnvironmentTest() { ClearEnvironment(); }
+};
+
+using ProcName = EnvironmentTest;
+using SetProcNameTest = EnvironmentTest;
+using EnableDefaultProcNameTest = EnvironmentTest;
+using SetEnvTest = EnvironmentTest;
+using UpdateLdPreloadTest = EnvironmentTest;
+using EnvInit = EnvironmentTest;
+
+// For a test that needs several. `body` may use assertions.
 template <typename Body>
 void InFreshProcess(Body body) {
-    const int code =
-        ChildProcess([&](Channel &) {
-            for (const char *name : {"PROC_NAME", "VELM_STATUS", "LD_PRELOAD", "VELM_LIB_PATH", "KELDOR_RUN_MODE"}) {
-                unsetenv(name);
-            }
-            body();
-            return 0;
-        }).Wait();
+    const int code = ChildProcess([&](Channel &) {
+                         ClearEnvironment();
+                         body();
+                         return 0;
+                     }).Wait();
     EXPECT_EQ(code, 0);
 }
 
@@ -114,7 +132,7 @@ private:
     ScopedHook hook;
 };
 
-TEST(EnvManager, ConstantsOfThisBuild) {
+TEST(EnvManager, BuildIsForTheLocalHostAndItsDirectory) {
     EXPECT_EQ(EnvManager::HostName(), 1);
     EXPECT_FALSE(EnvManager::IsOrlaDomain());
     EXPECT_EQ(EnvManager::FifoPrefix(), "/dev/shm/velm/tarvo/");
@@ -123,79 +141,61 @@ TEST(EnvManager, ConstantsOfThisBuild) {
     EXPECT_EQ(&EnvManager::Instance(), &EnvManager::Instance());
 }
 
-TEST(ProcName, IsTheEnvironmentsIfItHasOne) {
-    InFreshProcess([] {
-        setenv("PROC_NAME", "from environment", 1);
-        EXPECT_STREQ(EnvManager::ProcName(), "from environment");
-    });
+TEST_F(ProcName, IsTheEnvironmentsIfItHasOne) {
+    setenv("PROC_NAME", "from environment", 1);
+    EXPECT_STREQ(EnvManager::ProcName(), "from environment");
 }
 
-TEST(ProcName, OfTheEnvironmentIsTakenAsItIs) {
-    InFreshProcess([] {
-        setenv("PROC_NAME", "process-manager", 1);
-        EXPECT_STREQ(EnvManager::ProcName(), "process-manager");
-    });
+TEST_F(ProcName, OfTheEnvironmentIsTakenAsItIs) {
+    setenv("PROC_NAME", "process-manager", 1);
+    EXPECT_STREQ(EnvManager::ProcName(), "process-manager");
 }
 
-TEST(ProcName, OfTheEnvironmentMayHave100Characters) {
-    InFreshProcess([] {
-        const std::string name(LONGEST_NAME, 'n');
-        setenv("PROC_NAME", name.c_str(), 1);
-        EXPECT_EQ(EnvManager::ProcName(), name);
-    });
+TEST_F(ProcName, OfTheEnvironmentMayHave100Characters) {
+    const std::string name(LONGEST_NAME, 'n');
+    setenv("PROC_NAME", name.c_str(), 1);
+    EXPECT_EQ(EnvManager::ProcName(), name);
 }
 
-TEST(ProcName, OfTheEnvironmentThatIsTooLongLeavesTheProcessNamelessForGood) {
-    InFreshProcess([] {
-        setenv("PROC_NAME", std::string(LONGEST_NAME + 1, 'n').c_str(), 1);
-        EXPECT_STREQ(EnvManager::ProcName(), "");
-        setenv("PROC_NAME", "short", 1);
-        EXPECT_STREQ(EnvManager::ProcName(), "");
-    });
+TEST_F(ProcName, OfTheEnvironmentThatIsTooLongLeavesTheProcessNamelessForGood) {
+    setenv("PROC_NAME", std::string(LONGEST_NAME + 1, 'n').c_str(), 1);
+    EXPECT_STREQ(EnvManager::ProcName(), "");
+    setenv("PROC_NAME", "short", 1);
+    EXPECT_STREQ(EnvManager::ProcName(), "");
 }
 
-TEST(ProcName, SetButEmptyInTheEnvironmentLeavesTheProcessNamelessForGood) {
-    InFreshProcess([] {
-        NameThisProcess("comm");
-        setenv("PROC_NAME", "", 1);
-        EXPECT_STREQ(EnvManager::ProcName(), "");
-        unsetenv("PROC_NAME");
-        EXPECT_STREQ(EnvManager::ProcName(), "");
-    });
+TEST_F(ProcName, SetButEmptyInTheEnvironmentLeavesTheProcessNamelessForGood) {
+    NameThisProcess("comm");
+    setenv("PROC_NAME", "", 1);
+    EXPECT_STREQ(EnvManager::ProcName(), "");
+    unsetenv("PROC_NAME");
+    EXPECT_STREQ(EnvManager::ProcName(), "");
 }
 
-TEST(ProcName, IsElseThatOfTheProcess) {
-    InFreshProcess([] {
-        NameThisProcess("my-process");
-        EXPECT_STREQ(EnvManager::ProcName(), "my-process");
-        NameThisProcess("other");
-        EXPECT_STREQ(EnvManager::ProcName(), "my-process");
-    });
+TEST_F(ProcName, IsElseThatOfTheProcess) {
+    NameThisProcess("my-process");
+    EXPECT_STREQ(EnvManager::ProcName(), "my-process");
+    NameThisProcess("other");
+    EXPECT_STREQ(EnvManager::ProcName(), "my-process");
 }
 
-TEST(ProcName, OfTheProcessManagerIsItsOwn) {
-    InFreshProcess([] {
-        NameThisProcess("process-manager");
-        EXPECT_STREQ(EnvManager::ProcName(), "PROCMGR");
-    });
+TEST_F(ProcName, OfTheProcessManagerIsItsOwn) {
+    NameThisProcess("process-manager");
+    EXPECT_STREQ(EnvManager::ProcName(), "PROCMGR");
 }
 
-TEST(ProcName, OfTheProcessEndsAtABlank) {
-    InFreshProcess([] {
-        NameThisProcess(" \t two words");
-        EXPECT_STREQ(EnvManager::ProcName(), "two");
-    });
+TEST_F(ProcName, OfTheProcessEndsAtABlank) {
+    NameThisProcess(" \t two words");
+    EXPECT_STREQ(EnvManager::ProcName(), "two");
 }
 
-TEST(ProcName, OfTheProcessMayHave16Characters) {
-    InFreshProcess([] {
-        const FakeComm comm("sixteen-is-fine-\n");
-        EXPECT_STREQ(EnvManager::ProcName(), "sixteen-is-fine-");
-        EXPECT_GE(comm.Reads(), 1U);
-    });
+TEST_F(ProcName, OfTheProcessMayHave16Characters) {
+    const FakeComm comm("sixteen-is-fine-\n");
+    EXPECT_STREQ(EnvManager::ProcName(), "sixteen-is-fine-");
+    EXPECT_GE(comm.Reads(), 1U);
 }
 
-TEST(ProcName, OfTheProcessOf17CharactersIsNotTaken) {
+TEST_F(ProcName, OfTheProcessOf17CharactersIsNotTaken) {
     for (const std::size_t length : {17U, 60U, 1000U}) {
         InFreshProcess([length] {
             const FakeComm comm(std::string(length, 'c') + "\n");
@@ -205,28 +205,24 @@ TEST(ProcName, OfTheProcessOf17CharactersIsNotTaken) {
     }
 }
 
-TEST(ProcName, IsEmptyWhenTheProcesssCannotBeReadAndIsNotTriedAgain) {
-    InFreshProcess([] {
-        NameThisProcess("my-process");
-        {
-            const ScopedFault fault(Call::Open, EACCES, Where().Path("/proc/" + std::to_string(getpid()) + "/comm"));
-            EXPECT_STREQ(EnvManager::ProcName(), "");
-            EXPECT_EQ(fault.Hits(), 1U);
-        }
-        EXPECT_STREQ(EnvManager::ProcName(), "");
-    });
-}
-
-TEST(ProcName, IsEmptyWhenReadingTheProcesssFails) {
-    InFreshProcess([] {
-        NameThisProcess("my-process");
-        const ScopedFault fault(Call::Read, EIO);
+TEST_F(ProcName, IsEmptyWhenTheProcesssCannotBeReadAndIsNotTriedAgain) {
+    NameThisProcess("my-process");
+    {
+        const ScopedFault fault(Call::Open, EACCES, Where().Path("/proc/" + std::to_string(getpid()) + "/comm"));
         EXPECT_STREQ(EnvManager::ProcName(), "");
         EXPECT_EQ(fault.Hits(), 1U);
-    });
+    }
+    EXPECT_STREQ(EnvManager::ProcName(), "");
 }
 
-TEST(ProcName, SetBeforehandIsKept) {
+TEST_F(ProcName, IsEmptyWhenReadingTheProcesssFails) {
+    NameThisProcess("my-process");
+    const ScopedFault fault(Call::Read, EIO);
+    EXPECT_STREQ(EnvManager::ProcName(), "");
+    EXPECT_EQ(fault.Hits(), 1U);
+}
+
+TEST_F(ProcName, SetBeforehandIsKept) {
     InFreshProcess([] {
         setenv("PROC_NAME", "environment", 1);
         EXPECT_EQ(SetProcName("beforehand"), 0);
@@ -239,83 +235,65 @@ TEST(ProcName, SetBeforehandIsKept) {
     });
 }
 
-TEST(ProcName, CanBeSetAfterwards) {
-    InFreshProcess([] {
-        setenv("PROC_NAME", "environment", 1);
-        EXPECT_STREQ(EnvManager::ProcName(), "environment");
-        EXPECT_EQ(SetProcName("afterwards"), 0);
-        EXPECT_STREQ(EnvManager::ProcName(), "afterwards");
-    });
+TEST_F(ProcName, CanBeSetAfterwards) {
+    setenv("PROC_NAME", "environment", 1);
+    EXPECT_STREQ(EnvManager::ProcName(), "environment");
+    EXPECT_EQ(SetProcName("afterwards"), 0);
+    EXPECT_STREQ(EnvManager::ProcName(), "afterwards");
 }
 
-TEST(ProcName, IsResolvedOnceForAllThreads) {
-    InFreshProcess([] {
-        NameThisProcess("my-process");
-        const CallCounter opened(Call::Open, Where().PathHas("/comm"));
-        std::atomic<int> right{0};
-        std::vector<std::thread> threads;
-        for (int i = 0; i < 4; ++i) {
-            threads.emplace_back([&] { right += std::strcmp(EnvManager::ProcName(), "my-process") == 0 ? 1 : 0; });
-        }
-        for (std::thread &thread : threads) {
-            thread.join();
-        }
-        EXPECT_EQ(right, 4);
-        EXPECT_EQ(opened.Count(), 1U);
-    });
+TEST_F(ProcName, IsResolvedOnceForAllThreads) {
+    NameThisProcess("my-process");
+    const CallCounter opened(Call::Open, Where().PathHas("/comm"));
+    std::atomic<int> right{0};
+    OnThreads(4, [&](int) { right += std::strcmp(EnvManager::ProcName(), "my-process") == 0 ? 1 : 0; });
+    EXPECT_EQ(right, 4);
+    EXPECT_EQ(opened.Count(), 1U);
 }
 
-TEST(ProcName, IsResolvedUnderTheEnvironmentMutex) {
-    InFreshProcess([] {
-        bool free = true;
-        const ScopedHook hook(
-            Call::Open, [&](const CallInfo &) { free = EnvironmentIsFree(); }, Where().PathHas("/comm"));
-        EnvManager::ProcName();
-        EXPECT_EQ(hook.Hits(), 1U);
-        EXPECT_FALSE(free);
-        EXPECT_TRUE(EnvironmentIsFree());
-    });
+TEST_F(ProcName, IsResolvedUnderTheEnvironmentMutex) {
+    bool free = true;
+    const ScopedHook hook(
+        Call::Open, [&](const CallInfo &) { free = EnvironmentIsFree(); }, Where().PathHas("/comm"));
+    EnvManager::ProcName();
+    EXPECT_EQ(hook.Hits(), 1U);
+    EXPECT_FALSE(free);
+    EXPECT_TRUE(EnvironmentIsFree());
 }
 
-TEST(SetProcName, TakesUpTo100CharactersAndEmptiesTheNameElse) {
-    InFreshProcess([] {
-        EXPECT_EQ(SetProcName(std::string(LONGEST_NAME, 'n')), 0);
-        EXPECT_EQ(EnvManager::ProcName(), std::string(LONGEST_NAME, 'n'));
-        EXPECT_EQ(EnvManager::ProcName()[LONGEST_NAME], '\0');
-        EXPECT_EQ(SetProcName(std::string(LONGEST_NAME + 1, 'n')), ERANGE);
-        EXPECT_STREQ(EnvManager::ProcName(), "");
-        EXPECT_EQ(SetProcName(std::string(5000, 'n')), ERANGE);
-        EXPECT_STREQ(EnvManager::ProcName(), "");
-        EXPECT_EQ(SetProcName(""), 0);
-        EXPECT_STREQ(EnvManager::ProcName(), "");
-        EXPECT_EQ(SetProcName(std::string("cut\0here", 8)), 0);
-        EXPECT_STREQ(EnvManager::ProcName(), "cut");
-    });
+TEST_F(SetProcNameTest, TakesUpTo100CharactersAndEmptiesTheNameElse) {
+    EXPECT_EQ(SetProcName(std::string(LONGEST_NAME, 'n')), 0);
+    EXPECT_EQ(EnvManager::ProcName(), std::string(LONGEST_NAME, 'n'));
+    EXPECT_EQ(EnvManager::ProcName()[LONGEST_NAME], '\0');
+    EXPECT_EQ(SetProcName(std::string(LONGEST_NAME + 1, 'n')), ERANGE);
+    EXPECT_STREQ(EnvManager::ProcName(), "");
+    EXPECT_EQ(SetProcName(std::string(5000, 'n')), ERANGE);
+    EXPECT_STREQ(EnvManager::ProcName(), "");
+    EXPECT_EQ(SetProcName(""), 0);
+    EXPECT_STREQ(EnvManager::ProcName(), "");
+    EXPECT_EQ(SetProcName(std::string("cut\0here", 8)), 0);
+    EXPECT_STREQ(EnvManager::ProcName(), "cut");
 }
 
-TEST(EnableDefaultProcName, ReplacesTheName) {
-    InFreshProcess([] {
-        NameThisProcess("my-process");
-        SetProcName("before");
+TEST_F(EnableDefaultProcNameTest, ReplacesTheName) {
+    NameThisProcess("my-process");
+    SetProcName("before");
+    EnableDefaultProcName();
+    EXPECT_STREQ(EnvManager::ProcName(), "my-process");
+}
+
+TEST_F(EnableDefaultProcNameTest, LeavesTheNameWhenItCannotHaveTheProcesss) {
+    SetProcName("before");
+    {
+        const FakeComm comm("seventeen-is-long\n");
         EnableDefaultProcName();
-        EXPECT_STREQ(EnvManager::ProcName(), "my-process");
-    });
-}
-
-TEST(EnableDefaultProcName, LeavesTheNameWhenItCannotHaveTheProcesss) {
-    InFreshProcess([] {
-        SetProcName("before");
-        {
-            const FakeComm comm("seventeen-is-long\n");
-            EnableDefaultProcName();
-            EXPECT_GE(comm.Reads(), 1U);
-        }
-        EXPECT_STREQ(EnvManager::ProcName(), "before");
-        const ScopedFault fault(Call::Open, EMFILE, Where().PathHas("/comm"));
-        EnableDefaultProcName();
-        EXPECT_STREQ(EnvManager::ProcName(), "before");
-        EXPECT_EQ(fault.Hits(), 1U);
-    });
+        EXPECT_GE(comm.Reads(), 1U);
+    }
+    EXPECT_STREQ(EnvManager::ProcName(), "before");
+    const ScopedFault fault(Call::Open, EMFILE, Where().PathHas("/comm"));
+    EnableDefaultProcName();
+    EXPECT_STREQ(EnvManager::ProcName(), "before");
+    EXPECT_EQ(fault.Hits(), 1U);
 }
 
 TEST(GetRunMode, IsReadUntilItIsSetAndThenKept) {
@@ -406,17 +384,11 @@ TEST(GetRunMode, IsTheSameForAllThreads) {
     InFreshProcess([] {
         setenv("KELDOR_RUN_MODE", "a mode that is too long to be kept in place", 1);
         std::atomic<int> right{0};
-        std::vector<std::thread> threads;
-        for (int i = 0; i < 4; ++i) {
-            threads.emplace_back([&] {
-                for (int round = 0; round < 100; ++round) {
-                    right += EnvManager::GetRunMode() == getenv("KELDOR_RUN_MODE") ? 1 : 0;
-                }
-            });
-        }
-        for (std::thread &thread : threads) {
-            thread.join();
-        }
+        OnThreads(4, [&](int) {
+            for (int round = 0; round < 100; ++round) {
+                right += EnvManager::GetRunMode() == getenv("KELDOR_RUN_MODE") ? 1 : 0;
+            }
+        });
         EXPECT_EQ(right, 400);
     });
 }
@@ -471,64 +443,54 @@ TEST(CheckEnvPreparation, WantsTheNameAndTheStatusOrThePreload) {
     }
 }
 
-TEST(SetEnv, SetsAndReplaces) {
-    InFreshProcess([] {
-        EXPECT_EQ(SetEnv("TARVO_TEST_VARIABLE", "one"), 0);
-        EXPECT_STREQ(getenv("TARVO_TEST_VARIABLE"), "one");
-        EXPECT_EQ(SetEnv("TARVO_TEST_VARIABLE", "two"), 0);
-        EXPECT_STREQ(getenv("TARVO_TEST_VARIABLE"), "two");
-        EXPECT_EQ(SetEnv("TARVO_TEST_VARIABLE", ""), 0);
-        EXPECT_STREQ(getenv("TARVO_TEST_VARIABLE"), "");
-    });
+TEST_F(SetEnvTest, LaterValueReplacesTheEarlierEvenWithNothing) {
+    EXPECT_EQ(SetEnv("TARVO_TEST_VARIABLE", "one"), 0);
+    EXPECT_STREQ(getenv("TARVO_TEST_VARIABLE"), "one");
+    EXPECT_EQ(SetEnv("TARVO_TEST_VARIABLE", "two"), 0);
+    EXPECT_STREQ(getenv("TARVO_TEST_VARIABLE"), "two");
+    EXPECT_EQ(SetEnv("TARVO_TEST_VARIABLE", ""), 0);
+    EXPECT_STREQ(getenv("TARVO_TEST_VARIABLE"), "");
 }
 
-TEST(SetEnv, RefusesWhatIsNoName) {
-    InFreshProcess([] {
-        EXPECT_EQ(SetEnv("", "x"), -EINVAL);
-        EXPECT_EQ(SetEnv("A=B", "x"), -EINVAL);
-    });
+TEST_F(SetEnvTest, RefusesWhatIsNoName) {
+    EXPECT_EQ(SetEnv("", "x"), -EINVAL);
+    EXPECT_EQ(SetEnv("A=B", "x"), -EINVAL);
 }
 
-TEST(SetEnv, UnsetsFirstAndNeverOverwrites) {
-    InFreshProcess([] {
-        const CallCounter unset(Call::Unsetenv, Where().Path("TARVO_TEST_VARIABLE"));
-        const CallCounter set(Call::Setenv, Where().Path("TARVO_TEST_VARIABLE").Number(0));
-        EXPECT_EQ(SetEnv("TARVO_TEST_VARIABLE", "x"), 0);
-        EXPECT_EQ(unset.Count(), 1U);
-        EXPECT_EQ(set.Count(), 1U);
-    });
+TEST_F(SetEnvTest, UnsetsFirstAndNeverOverwrites) {
+    const CallCounter unset(Call::Unsetenv, Where().Path("TARVO_TEST_VARIABLE"));
+    const CallCounter set(Call::Setenv, Where().Path("TARVO_TEST_VARIABLE").Number(0));
+    EXPECT_EQ(SetEnv("TARVO_TEST_VARIABLE", "x"), 0);
+    EXPECT_EQ(unset.Count(), 1U);
+    EXPECT_EQ(set.Count(), 1U);
 }
 
-TEST(SetEnv, ReportsTheFailureOfEitherStep) {
-    InFreshProcess([] {
-        setenv("PROC_NAME", "old", 1);
-        SetProcName("old");
-        {
-            const ScopedFault fault(Call::Unsetenv, EPERM);
-            EXPECT_EQ(SetEnv("PROC_NAME", "new"), -EPERM);
-            EXPECT_STREQ(getenv("PROC_NAME"), "old");
-        }
-        const ScopedFault fault(Call::Setenv, ENOMEM);
-        EXPECT_EQ(SetEnv("PROC_NAME", "new"), -ENOMEM);
-        EXPECT_EQ(getenv("PROC_NAME"), nullptr);
-        EXPECT_STREQ(EnvManager::ProcName(), "old");
-    });
+TEST_F(SetEnvTest, ReportsTheFailureOfEitherStep) {
+    setenv("PROC_NAME", "old", 1);
+    SetProcName("old");
+    {
+        const ScopedFault fault(Call::Unsetenv, EPERM);
+        EXPECT_EQ(SetEnv("PROC_NAME", "new"), -EPERM);
+        EXPECT_STREQ(getenv("PROC_NAME"), "old");
+    }
+    const ScopedFault fault(Call::Setenv, ENOMEM);
+    EXPECT_EQ(SetEnv("PROC_NAME", "new"), -ENOMEM);
+    EXPECT_EQ(getenv("PROC_NAME"), nullptr);
+    EXPECT_STREQ(EnvManager::ProcName(), "old");
 }
 
-TEST(SetEnv, NamesTheProcessWithItsVariable) {
-    InFreshProcess([] {
-        EXPECT_EQ(SetEnv("PROC_NAME", "first"), 0);
-        EXPECT_STREQ(EnvManager::ProcName(), "first");
-        EXPECT_EQ(SetEnv("PROC_NAME2", "second"), 0);
-        EXPECT_STREQ(EnvManager::ProcName(), "first");
-        const std::string tooLong(LONGEST_NAME + 1, 'n');
-        EXPECT_EQ(SetEnv("PROC_NAME", tooLong), 0);
-        EXPECT_STREQ(EnvManager::ProcName(), "");
-        EXPECT_EQ(getenv("PROC_NAME"), tooLong);
-    });
+TEST_F(SetEnvTest, NamesTheProcessWithItsVariable) {
+    EXPECT_EQ(SetEnv("PROC_NAME", "first"), 0);
+    EXPECT_STREQ(EnvManager::ProcName(), "first");
+    EXPECT_EQ(SetEnv("PROC_NAME2", "second"), 0);
+    EXPECT_STREQ(EnvManager::ProcName(), "first");
+    const std::string tooLong(LONGEST_NAME + 1, 'n');
+    EXPECT_EQ(SetEnv("PROC_NAME", tooLong), 0);
+    EXPECT_STREQ(EnvManager::ProcName(), "");
+    EXPECT_EQ(getenv("PROC_NAME"), tooLong);
 }
 
-TEST(UpdateLdPreload, PutsTheLibraryInFront) {
+TEST_F(UpdateLdPreloadTest, PutsTheLibraryInFront) {
     struct Row {
         const char *preload;
         const char *libPath;
@@ -569,34 +531,28 @@ TEST(UpdateLdPreload, PutsTheLibraryInFront) {
     }
 }
 
-TEST(UpdateLdPreload, AddsTheLibraryOnce) {
-    InFreshProcess([] {
-        setenv("LD_PRELOAD", "/lib/other.so", 1);
-        EXPECT_EQ(UpdateLdPreload(), 0);
-        EXPECT_EQ(UpdateLdPreload(), 0);
-        EXPECT_STREQ(getenv("LD_PRELOAD"), "/usr/lib64/libvelm.so.1 /lib/other.so");
-    });
+TEST_F(UpdateLdPreloadTest, AddsTheLibraryOnce) {
+    setenv("LD_PRELOAD", "/lib/other.so", 1);
+    EXPECT_EQ(UpdateLdPreload(), 0);
+    EXPECT_EQ(UpdateLdPreload(), 0);
+    EXPECT_STREQ(getenv("LD_PRELOAD"), "/usr/lib64/libvelm.so.1 /lib/other.so");
 }
 
-TEST(UpdateLdPreload, ReportsThatItCouldNotSetIt) {
-    InFreshProcess([] {
-        const ScopedFault fault(Call::Setenv, ENOMEM, Where().Path("LD_PRELOAD"));
-        EXPECT_EQ(UpdateLdPreload(), -ENOMEM);
-    });
+TEST_F(UpdateLdPreloadTest, ReportsThatItCouldNotSetIt) {
+    const ScopedFault fault(Call::Setenv, ENOMEM, Where().Path("LD_PRELOAD"));
+    EXPECT_EQ(UpdateLdPreload(), -ENOMEM);
 }
 
-TEST(EnvInit, PreparesTheEnvironmentOfAChild) {
-    InFreshProcess([] {
-        EXPECT_EQ(EnvManager::EnvInit("child"), 0);
-        EXPECT_STREQ(getenv("PROC_NAME"), "child");
-        EXPECT_STREQ(getenv("VELM_STATUS"), "READY");
-        EXPECT_STREQ(getenv("LD_PRELOAD"), "/usr/lib64/libvelm.so.1 ");
-        EXPECT_STREQ(EnvManager::ProcName(), "child");
-        EXPECT_TRUE(EnvManager::CheckEnvPreparation());
-    });
+TEST_F(EnvInit, PreparesTheEnvironmentOfAChild) {
+    EXPECT_EQ(EnvManager::EnvInit("child"), 0);
+    EXPECT_STREQ(getenv("PROC_NAME"), "child");
+    EXPECT_STREQ(getenv("VELM_STATUS"), "READY");
+    EXPECT_STREQ(getenv("LD_PRELOAD"), "/usr/lib64/libvelm.so.1 ");
+    EXPECT_STREQ(EnvManager::ProcName(), "child");
+    EXPECT_TRUE(EnvManager::CheckEnvPreparation());
 }
 
-TEST(EnvInit, EndsAtTheFirstStepThatFails) {
+TEST_F(EnvInit, EndsAtTheFirstStepThatFails) {
     for (const char *variable : {"PROC_NAME", "VELM_STATUS", "LD_PRELOAD"}) {
         InFreshProcess([variable] {
             const ScopedFault fault(Call::Setenv, ENOMEM, Where().Path(variable));
@@ -616,19 +572,17 @@ TEST(EnvInit, EndsAtTheFirstStepThatFails) {
     });
 }
 
-TEST(EnvInit, HoldsTheEnvironmentMutexThroughout) {
-    InFreshProcess([] {
-        unsigned sets = 0;
-        bool everFree = false;
-        const ScopedHook hook(Call::Setenv, [&](const CallInfo &) {
-            ++sets;
-            everFree = everFree || EnvironmentIsFree();
-        });
-        EXPECT_EQ(EnvManager::EnvInit("child"), 0);
-        EXPECT_EQ(sets, 3U);
-        EXPECT_FALSE(everFree);
-        EXPECT_TRUE(EnvironmentIsFree());
+TEST_F(EnvInit, HoldsTheEnvironmentMutexThroughout) {
+    unsigned sets = 0;
+    bool everFree = false;
+    const ScopedHook hook(Call::Setenv, [&](const CallInfo &) {
+        ++sets;
+        everFree = everFree || EnvironmentIsFree();
     });
+    EXPECT_EQ(EnvManager::EnvInit("child"), 0);
+    EXPECT_EQ(sets, 3U);
+    EXPECT_FALSE(everFree);
+    EXPECT_TRUE(EnvironmentIsFree());
 }
 
 } // namespace

@@ -45,15 +45,11 @@ TEST(ExecTest, ProgramInheritsNoDescriptorOfTheLibrary) {
     ASSERT_EQ(pipe2(listing, O_CLOEXEC), 0);
     ChildProcess child([&](Channel &) -> int {
         const std::string served = UniqueName("server");
-        TarvoServerAttr server;
-        server.selfName = served.c_str();
-        server.callback = Echo;
-        EXPECT_EQ(TarvoCreateServer(&server), 0);
+        EXPECT_EQ(CreateServer(served, Echo), 0);
         static const PipePair pair(Echo, Echo);
         EXPECT_EQ(Ask(pair.far, "hello"), "hello");
         const std::string self = UniqueName("self");
-        TarvoAttr attr = MakeAttr(self, served, TARVO_MODE_CLIENT);
-        EXPECT_EQ(Ask(TarvoCreateClient(&attr), "hello"), "hello");
+        EXPECT_EQ(Ask(CreateClient(self, served), "hello"), "hello");
         // Two of the server, two ends each of four pipes, the epoll sets of the server and the receive thread, and the
         // counter that stops the latter.
         int open = 0;

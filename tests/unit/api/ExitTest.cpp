@@ -120,7 +120,7 @@ TEST(ExitTest, CallAndOpenWithoutATimeLimitEnd) {
     });
 }
 
-TEST(ExitTest, OpensAndClosesGoOn) {
+TEST(ExitTest, OpensAndClosesUnderWayDoNotHoldItUp) {
     ExitUnderTraffic(
         [] {
             for (int i = 0; i < 3; ++i) {
@@ -171,7 +171,7 @@ TEST(ExitTest, BackgroundOpensAreGivenUp) {
     });
 }
 
-TEST(ExitTest, ServerWithClientsComingAndGoing) {
+TEST(ExitTest, ClientsThatComeAndGoDoNotHoldItUp) {
     ExitUnderTraffic(
         [] {
             static const std::string &name = *new std::string(UniqueName("server"));
@@ -196,7 +196,7 @@ TEST(ExitTest, ServerWithClientsComingAndGoing) {
         MAY_LEAVE_FILES);
 }
 
-TEST(ExitTest, OrderlyEndOnAnotherThreadAtTheSameTime) {
+TEST(ExitTest, OrderlyEndOnAnotherThreadAtTheSameTimeIsNoHarm) {
     ExitUnderTraffic([] {
         CallForever(Pair(EchoAndCount, EchoAndCount));
         AwaitProgress(ENOUGH);
@@ -204,7 +204,7 @@ TEST(ExitTest, OrderlyEndOnAnotherThreadAtTheSameTime) {
     });
 }
 
-TEST(ExitTest, EveryFunctionIsCalledAllTheTime) {
+TEST(ExitTest, NoFunctionUnderWayHoldsItUp) {
     ExitUnderTraffic(
         [] {
             const PipePair &pair = Pair(EchoAndCount, EchoAndCount);
@@ -224,7 +224,7 @@ TEST(ExitTest, EveryFunctionIsCalledAllTheTime) {
         MAY_LEAVE_FILES);
 }
 
-TEST(ExitTest, ThreadOtherThanMainExits) {
+TEST(ExitTest, ThreadOtherThanMainMayExit) {
     ExitUnderTraffic(
         [] {
             CallForever(Pair(EchoAndCount, EchoAndCount));

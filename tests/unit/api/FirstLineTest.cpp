@@ -46,10 +46,7 @@ public:
         fd = TarvoOpen(&attr);
         EXPECT_GT(fd, 0);
         peer.OpenBoth();
-        TarvoServerAttr server;
-        server.selfName = served.c_str();
-        server.callback = Echo;
-        EXPECT_EQ(TarvoCreateServer(&server), 0);
+        EXPECT_EQ(CreateServer(served, Echo), 0);
     }
 
     const std::string self = UniqueName("self");
@@ -139,8 +136,7 @@ TEST(FirstLineTest, BurstsOfAnEmptyHeapEndNoThread) {
             while (peers.peer.Receive().id != 4711) {
             }
             const std::string self = UniqueName("self");
-            TarvoAttr attr = MakeAttr(self, peers.served, TARVO_MODE_CLIENT);
-            EXPECT_EQ(Ask(TarvoCreateClient(&attr), "hello"), "hello");
+            EXPECT_EQ(Ask(CreateClient(self, peers.served), "hello"), "hello");
         });
     }
 }

@@ -1,5 +1,4 @@
 // Children of fork: the library belongs to the process in which its first thread, pipe or file came into being.
-#include <sanitizer/lsan_interface.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,40 +12,13 @@
 #include <thread>
 
 #include "ApiFixture.h"
+#include "ExitChecks.h"
 #include "diag/velm_syslog.h"
 #include "support/LeakCheck.h"
-#include "support/Process.h"
 #include "support/Sanitized.h"
-
-namespace {
-
-// A forked child has the objects of its parent, but not the stacks of its threads: what only a worker refers to at that
-// moment would be reported as leaked by the child.
-bool isForkedChild = false;
-
-} // namespace
-
-extern "C" int __lsan_is_turned_off() { return isForkedChild ? 1 : 0; }
 
 namespace tarvo_test {
 namespace {
-
-// Assertions of the test framework are of no use while statics die.
-void Require(bool condition, int line) {
-    if (!condition) {
-        std::fprintf(stderr, "%s:%d: not so\n", __FILE__, line);
-        _exit(1);
-    }
-}
-#define REQUIRE_THAT(condition) Require(condition, __LINE__)
-
-int ExitCodeOf(const std::function<void()> &body) {
-    ChildProcess child([&](Channel &) -> int {
-        body();
-        std::exit(0);
-    });
-    return child.Wait();
-}
 
 // What a child of the calling process ends with; by a bare system call, of which no handler is told, if wanted.
 int ForkAndRun(const std::function<void()> &body, bool bare = false) {
@@ -64,15 +36,11 @@ int ForkAndRun(const std::function<void()> &body, bool bare = false) {
 
 // A server, a pipe that carries calls and a client of the server.
 void UseAll(const std::string &served) {
-    TarvoServerAttr server;
-    server.selfName = served.c_str();
-    server.callback = Echo;
-    REQUIRE_THAT(TarvoCreateServer(&server) == 0);
+    REQUIRE_THAT(CreateServer(served, Echo) == 0);
     static const PipePair &pair = *new PipePair(Echo, Echo);
     REQUIRE_THAT(Ask(pair.far, "hello") == "hello");
     const std::string self = UniqueName("self");
-    TarvoAttr attr = MakeAttr(self, served, TARVO_MODE_CLIENT);
-    REQUIRE_THAT(Ask(TarvoCreateClient(&attr), "served") == "served");
+    REQUIRE_THAT(Ask(CreateClient(self, served), "served") == "served");
 }
 
 void CheckThatEverythingFails() {
@@ -110,75 +78,67 @@ protected:
 
 // As a daemon does that asked early.
 TEST_F(ForkTest, ChildOfAProcessThatOnlyAskedOwnsWhatItOpens) {
-    EXPECT_EQ(ExitCodeOf([] {
-                  std::atexit([] { REQUIRE_THAT(TarvoServiceIsExist() == 0); });
-                  REQUIRE_THAT(TarvoServiceIsExist() == 1);
-                  TarvoExceptionHandler(0);
-                  const std::string served = UniqueName("server");
-                  REQUIRE_THAT(ForkAndRun([&] { UseAll(served); }) == 0);
-                  // The server's own file stays, as always.
-                  REQUIRE_THAT(OwnFifoFiles() == std::vector<std::string>{served});
-                  _exit(0);
-              }),
-              0);
+    ExpectGoodExit([] {
+        std::atexit([] { REQUIRE_THAT(TarvoServiceIsExist() == 0); });
+        REQUIRE_THAT(TarvoServiceIsExist() == 1);
+        TarvoExceptionHandler(0);
+        const std::string served = UniqueName("server");
+        REQUIRE_THAT(ForkAndRun([&] { UseAll(served); }) == 0);
+        // The server's own file stays, as always.
+        REQUIRE_THAT(OwnFifoFiles() == std::vector<std::string>{served});
+        _exit(0);
+    });
 }
 
 TEST_F(ForkTest, ProcessThatOnlyAskedAndItsChildrenUseTheLibraryEachByItself) {
-    EXPECT_EQ(ExitCodeOf([] {
-                  REQUIRE_THAT(TarvoServiceIsExist() == 1);
-                  REQUIRE_THAT(ForkAndRun([] { UseAll(UniqueName("first")); }) == 0);
-                  REQUIRE_THAT(ForkAndRun([] { UseAll(UniqueName("second")); }) == 0);
-                  UseAll(UniqueName("parent"));
-                  TarvoExceptionHandler(0);
-              }),
-              0);
+    ExpectGoodExit([] {
+        REQUIRE_THAT(TarvoServiceIsExist() == 1);
+        REQUIRE_THAT(ForkAndRun([] { UseAll(UniqueName("first")); }) == 0);
+        REQUIRE_THAT(ForkAndRun([] { UseAll(UniqueName("second")); }) == 0);
+        UseAll(UniqueName("parent"));
+        TarvoExceptionHandler(0);
+    });
 }
 
 TEST_F(ForkTest, ChildOfAnOwnerHarmsNeitherItNorItself) {
-    EXPECT_EQ(ExitCodeOf([] {
-                  static const std::string served = UniqueName("server");
-                  TarvoServerAttr server;
-                  server.selfName = served.c_str();
-                  server.callback = Echo;
-                  REQUIRE_THAT(TarvoCreateServer(&server) == 0);
-                  const PipePair pair(Echo, Echo);
-                  REQUIRE_THAT(Ask(pair.far, "before") == "before");
-                  const auto files = OwnFifoFiles();
-                  REQUIRE_THAT(files.size() == 3);
-                  REQUIRE_THAT(ForkAndRun([] {
-                                   const auto descriptors = OpenDescriptors();
-                                   CheckThatEverythingFails();
-                                   REQUIRE_THAT(OpenDescriptors() == descriptors);
-                                   REQUIRE_THAT(ForkAndRun(CheckThatEverythingFails) == 0);
-                               }) == 0);
-                  REQUIRE_THAT(OwnFifoFiles() == files);
-                  REQUIRE_THAT(Ask(pair.far, "after") == "after");
-                  const std::string self = UniqueName("self");
-                  TarvoAttr attr = MakeAttr(self, served, TARVO_MODE_CLIENT);
-                  REQUIRE_THAT(Ask(TarvoCreateClient(&attr), "served") == "served");
-                  TarvoExceptionHandler(0);
-              }),
-              0);
+    ExpectGoodExit([] {
+        static const std::string served = UniqueName("server");
+        REQUIRE_THAT(CreateServer(served, Echo) == 0);
+        const PipePair pair(Echo, Echo);
+        REQUIRE_THAT(Ask(pair.far, "before") == "before");
+        const auto files = OwnFifoFiles();
+        REQUIRE_THAT(files.size() == 3);
+        REQUIRE_THAT(ForkAndRun([] {
+                         const auto descriptors = OpenDescriptors();
+                         CheckThatEverythingFails();
+                         REQUIRE_THAT(OpenDescriptors() == descriptors);
+                         REQUIRE_THAT(ForkAndRun(CheckThatEverythingFails) == 0);
+                     }) == 0);
+        REQUIRE_THAT(OwnFifoFiles() == files);
+        REQUIRE_THAT(Ask(pair.far, "after") == "after");
+        const std::string self = UniqueName("self");
+        REQUIRE_THAT(Ask(CreateClient(self, served), "served") == "served");
+        TarvoExceptionHandler(0);
+    });
 }
 
 // Its exit and the functions that do not come with each message look at the process id.
 TEST_F(ForkTest, ChildOfABareSystemCallLeavesItsParentAlone) {
-    EXPECT_EQ(ExitCodeOf([] {
-                  const PipePair pair(Echo, Echo);
-                  REQUIRE_THAT(Ask(pair.far, "before") == "before");
-                  const auto files = OwnFifoFiles();
-                  REQUIRE_THAT(ForkAndRun([] {}, true) == 0);
-                  REQUIRE_THAT(ForkAndRun([] { TarvoExceptionHandler(0); }, true) == 0);
-                  REQUIRE_THAT(ForkAndRun(
-                                   [] {
-                                       TarvoCfgFinishServer();
-                                       CheckThatEverythingFails();
-                                   },
-                                   true) == 0);
-                  REQUIRE_THAT(OwnFifoFiles() == files);
-                  REQUIRE_THAT(Ask(pair.far, "after") == "after");
-              }),
-              0);
+    ExpectGoodExit([] {
+        const PipePair pair(Echo, Echo);
+        REQUIRE_THAT(Ask(pair.far, "before") == "before");
+        const auto files = OwnFifoFiles();
+        REQUIRE_THAT(ForkAndRun([] {}, true) == 0);
+        REQUIRE_THAT(ForkAndRun([] { TarvoExceptionHandler(0); }, true) == 0);
+        REQUIRE_THAT(ForkAndRun(
+                         [] {
+                             TarvoCfgFinishServer();
+                             CheckThatEverythingFails();
+                         },
+                         true) == 0);
+        REQUIRE_THAT(OwnFifoFiles() == files);
+        REQUIRE_THAT(Ask(pair.far, "after") == "after");
+    });
 }
 
 // Other threads ask, log and call while the process forks: what they hold at that moment nobody would give back.
@@ -187,30 +147,29 @@ TEST_F(ForkTest, ChildDoesNotWaitForLocksOfItsParentsThreads) {
     GTEST_SKIP() << "the sanitizer's allocator has locks of its own, which it does not give back in a forked child";
 #endif
     for (const bool owner : {false, true}) {
-        EXPECT_EQ(ExitCodeOf([owner] {
-                      if (owner) {
-                          UseAll(UniqueName("server"));
-                      }
-                      for (int i = 0; i < 2; ++i) {
-                          std::thread([] {
-                              for (;;) {
-                                  TarvoServiceIsExist();
-                                  TarvoOpen(nullptr);
-                                  VelmSyslog(LOG_TYPE_TARVO_RESTRAINED, LOG_ERR, 1, "fork", "line");
-                              }
-                          }).detach();
-                      }
-                      for (int i = 0; i < Rounds(20, 5); ++i) {
-                          REQUIRE_THAT(ForkAndRun([owner] {
-                                           REQUIRE_THAT(TarvoServiceIsExist() == (owner ? 0 : 1));
-                                           TarvoOpen(nullptr);
-                                           VelmSyslog(LOG_TYPE_TARVO_RESTRAINED, LOG_ERR, 1, "fork", "line");
-                                       }) == 0);
-                      }
-                      TarvoExceptionHandler(0);
-                      _exit(0);
-                  }),
-                  0);
+        ExpectGoodExit([owner] {
+            if (owner) {
+                UseAll(UniqueName("server"));
+            }
+            for (int i = 0; i < 2; ++i) {
+                std::thread([] {
+                    for (;;) {
+                        TarvoServiceIsExist();
+                        TarvoOpen(nullptr);
+                        VelmSyslog(LOG_TYPE_TARVO_RESTRAINED, LOG_ERR, 1, "fork", "line");
+                    }
+                }).detach();
+            }
+            for (int i = 0; i < Rounds(20, 5); ++i) {
+                REQUIRE_THAT(ForkAndRun([owner] {
+                                 REQUIRE_THAT(TarvoServiceIsExist() == (owner ? 0 : 1));
+                                 TarvoOpen(nullptr);
+                                 VelmSyslog(LOG_TYPE_TARVO_RESTRAINED, LOG_ERR, 1, "fork", "line");
+                             }) == 0);
+            }
+            TarvoExceptionHandler(0);
+            _exit(0);
+        });
     }
 }
 

@@ -2,11 +2,11 @@
 #include <array>
 #include <atomic>
 #include <future>
-#include <thread>
 #include <vector>
 
 #include "HandleFixture.h"
 #include "support/Eventually.h"
+#include "support/Threads.h"
 
 namespace tarvo_test {
 namespace {
@@ -42,19 +42,13 @@ TEST_F(HandleTest, CallbackWithStateIsOneObjectOnAConcurrentPipeToo) {
     constexpr int calls = 50;
     std::atomic<int> alive{0};
     OpenBoth(tarvo::Options().Concurrent().OnRequest(Counter(alive)));
-    std::vector<std::thread> callers;
     std::array<std::atomic<int>, threads * calls + 1> seen{};
-    for (int i = 0; i < threads; ++i) {
-        callers.emplace_back([&] {
-            for (int call = 0; call < calls; ++call) {
-                const tarvo::Response answer = far.Call("count", PATIENCE);
-                ++seen.at(static_cast<std::size_t>(std::stoi(std::string(answer.Bytes()))));
-            }
-        });
-    }
-    for (std::thread &caller : callers) {
-        caller.join();
-    }
+    OnThreads(threads, [&](int) {
+        for (int call = 0; call < calls; ++call) {
+            const tarvo::Response answer = far.Call("count", PATIENCE);
+            ++seen.at(static_cast<std::size_t>(std::stoi(std::string(answer.Bytes()))));
+        }
+    });
     for (std::size_t i = 1; i < seen.size(); ++i) {
         EXPECT_EQ(seen.at(i), 1) << "the count " << i;
     }

@@ -50,6 +50,11 @@ protected:
         far = tarvo::Pipe::Open(self, farOptions.As(remote).Timeout(PATIENCE));
     }
 
+    // A client of the server under the name `remote`.
+    tarvo::Pipe Connect(const std::string &name) const {
+        return tarvo::Pipe::Connect(remote, tarvo::Options().As(name).Timeout(PATIENCE));
+    }
+
     // A server's file outlives it.
     void TearDown() override {
         tarvo::Finish();

@@ -11,6 +11,7 @@
 
 #include "HandleFixture.h"
 #include "support/Eventually.h"
+#include "support/Threads.h"
 
 namespace tarvo_test {
 namespace {
@@ -39,20 +40,14 @@ TEST_F(HandleTest, OnClientHasReturnedBeforeTheFirstRequestOfItsPipe) {
                                  }
                                  request.Reply(request.Bytes());
                              }));
-    std::vector<std::thread> callers;
-    for (int i = 0; i < threads; ++i) {
-        callers.emplace_back([&, name = self + std::to_string(i) + "_"] {
-            for (int client = 0; client < clients; ++client) {
-                const tarvo::Pipe pipe =
-                    tarvo::Pipe::Connect(remote, tarvo::Options().As(name + std::to_string(client)).Timeout(PATIENCE));
-                const tarvo::Response response = pipe.Call("first", PATIENCE);
-                EXPECT_EQ(response.Bytes(), "first");
-            }
-        });
-    }
-    for (std::thread &caller : callers) {
-        caller.join();
-    }
+    OnThreads(threads, [&](int number) {
+        const std::string name = self + std::to_string(number) + "_";
+        for (int client = 0; client < clients; ++client) {
+            const tarvo::Pipe pipe = Connect(name + std::to_string(client));
+            const tarvo::Response response = pipe.Call("first", PATIENCE);
+            EXPECT_EQ(response.Bytes(), "first");
+        }
+    });
     EXPECT_EQ(early, 0) << "of " << threads * clients << " first requests";
     EXPECT_EQ(twice, 0);
     // The server's thread may still be at the last one.
@@ -79,7 +74,7 @@ TEST_F(HandleTest, FirstRequestWaitsForASlowOnClient) {
                                  early = !left;
                                  return "ok";
                              }));
-    const tarvo::Pipe pipe = tarvo::Pipe::Connect(remote, tarvo::Options().As(self).Timeout(PATIENCE));
+    const tarvo::Pipe pipe = Connect(self);
     auto call = std::async(std::launch::async, [&] { return pipe.Call("first", PATIENCE); });
     entered.get_future().wait();
     leave.set_value();
@@ -113,7 +108,7 @@ TEST_F(HandleTest, ClientNameIsRightInEveryCallback) {
     const std::string suffix = "_" + std::to_string(getpid());
     for (int i = 0; i < 100; ++i) {
         const std::string name = self + std::to_string(i);
-        const tarvo::Pipe pipe = tarvo::Pipe::Connect(remote, tarvo::Options().As(name).Timeout(PATIENCE));
+        const tarvo::Pipe pipe = Connect(name);
         EXPECT_EQ(pipe.Call("first", PATIENCE).Text(), name + suffix);
         EXPECT_EQ(pipe.Call("second", PATIENCE).Text(), name + suffix);
     }

@@ -1,11 +1,12 @@
 // Opens that would share a pipe, or that no server could answer: told at once, and never silent.
+#include <array>
 #include <atomic>
 #include <future>
-#include <thread>
 #include <vector>
 
 #include "HandleFixture.h"
 #include "support/Eventually.h"
+#include "support/Threads.h"
 
 namespace tarvo_test {
 namespace {
@@ -79,25 +80,20 @@ TEST_F(HandleTest, OnlyOneOfManyOpensAtTheSameTimeGetsThePipe) {
     for (int round = 0; round < 50; ++round) {
         std::atomic<int> waiting{0};
         std::atomic<int> opened{0};
-        std::vector<std::thread> openers;
-        std::vector<tarvo::Pipe> pipes(4);
-        for (tarvo::Pipe &pipe : pipes) {
-            openers.emplace_back([&] {
-                auto options = tarvo::Options().As(self).Mode(TARVO_MODE_SERVER);
-                if (&pipe == &pipes.front()) {
-                    options.OnRequest(Ignore);
-                }
-                for (++waiting; waiting < 4;) {
-                }
-                std::error_code error;
-                pipe = tarvo::Pipe::Open(remote, options, error);
-                EXPECT_TRUE(pipe ? !error : error == EXISTS) << error.message();
-                opened += pipe ? 1 : 0;
-            });
-        }
-        for (std::thread &opener : openers) {
-            opener.join();
-        }
+        std::array<tarvo::Pipe, 4> pipes;
+        OnThreads(4, [&](int number) {
+            auto options = tarvo::Options().As(self).Mode(TARVO_MODE_SERVER);
+            if (number == 0) {
+                options.OnRequest(Ignore);
+            }
+            for (++waiting; waiting < 4;) {
+            }
+            std::error_code error;
+            tarvo::Pipe &pipe = pipes.at(static_cast<std::size_t>(number));
+            pipe = tarvo::Pipe::Open(remote, options, error);
+            EXPECT_TRUE(pipe ? !error : error == EXISTS) << error.message();
+            opened += pipe ? 1 : 0;
+        });
         ASSERT_EQ(opened, 1);
     }
 }

@@ -249,7 +249,7 @@ TEST_F(HandleTest, ServerTellsOfClientsAnswersThemAndSeesThemGo) {
                              })
                              .OnClosed([&](tarvo::PipeView) { gone.set_value(); }));
     {
-        const tarvo::Pipe pipe = tarvo::Pipe::Connect(remote, tarvo::Options().As(self).Timeout(PATIENCE));
+        const tarvo::Pipe pipe = Connect(self);
         EXPECT_EQ(pipe.Call("to the server", PATIENCE).Text(), "to the server");
         EXPECT_EQ(client.get_future().get(), self + "_" + std::to_string(getpid()));
     }
@@ -267,7 +267,7 @@ TEST_F(HandleTest, SecondServerIsRefusedAndTheFirstKeepsItsCallbacks) {
         tarvo::ServerOptions().As(remote).OnRequest([](const tarvo::Request &request) { request.Reply("second"); }),
         error);
     EXPECT_EQ(error, std::errc::file_exists);
-    const tarvo::Pipe pipe = tarvo::Pipe::Connect(remote, tarvo::Options().As(self).Timeout(PATIENCE));
+    const tarvo::Pipe pipe = Connect(self);
     EXPECT_EQ(pipe.Call("who", PATIENCE).Text(), "first");
 }
 
@@ -277,7 +277,7 @@ TEST_F(HandleTest, ServerThatCouldNotStartCanBeStartedBetter) {
     EXPECT_EQ(Thrown([] { tarvo::Server::Start(tarvo::ServerOptions().As(std::string("a\0b", 3))); }), invalid);
     EXPECT_EQ(Thrown([] { tarvo::Server::Start(tarvo::ServerOptions().Priority(TARVO_PRIORITY_NONE)); }), invalid);
     tarvo::Server::Start(tarvo::ServerOptions().As(remote).OnRequest(ReplyEcho));
-    const tarvo::Pipe pipe = tarvo::Pipe::Connect(remote, tarvo::Options().As(self).Timeout(PATIENCE));
+    const tarvo::Pipe pipe = Connect(self);
     EXPECT_EQ(pipe.Call("now", PATIENCE).Text(), "now");
 }
 

@@ -59,10 +59,7 @@ TEST_F(MemoryTest, OpenFailsSoftlyAndCanBeRepeated) {
             TarvoAttr attr = MakeAttr(own, remote, TARVO_MODE_SERVER, Echo);
             fd = TarvoOpen(&attr);
             EXPECT_GT(fd, 1);
-            {
-                RawPeer peer(remote, own);
-                peer.OpenBoth();
-            }
+            { const JoinedRawPeer peer(remote, own); }
             TarvoClosePipe(fd);
             own = UniqueName("own");
             ++failures;
@@ -73,27 +70,19 @@ TEST_F(MemoryTest, OpenFailsSoftlyAndCanBeRepeated) {
 
 TEST_F(MemoryTest, ClientFailsSoftlyAndCanBeRepeated) {
     const std::string serverName = UniqueName("server");
-    TarvoServerAttr server;
-    server.selfName = serverName.c_str();
-    server.callback = Echo;
-    ASSERT_EQ(TarvoCreateServer(&server), 0);
+    ASSERT_EQ(CreateServer(serverName, Echo), 0);
     unsigned failures = 0;
     std::string own = UniqueName("own");
     int fd = 0;
-    FailEachAllocation(
-        [&] {
-            TarvoAttr attr = MakeAttr(own, serverName, TARVO_MODE_CLIENT);
-            return fd = TarvoCreateClient(&attr);
-        },
-        [&](int result) {
-            EXPECT_TRUE(result == -ENOMEM || result > 1) << result;
-            TarvoAttr attr = MakeAttr(own, serverName, TARVO_MODE_CLIENT);
-            fd = TarvoCreateClient(&attr);
-            EXPECT_EQ(Ask(fd, "hello"), "hello");
-            TarvoClosePipe(fd);
-            own = UniqueName("own");
-            ++failures;
-        });
+    FailEachAllocation([&] { return fd = CreateClient(own, serverName); },
+                       [&](int result) {
+                           EXPECT_TRUE(result == -ENOMEM || result > 1) << result;
+                           fd = CreateClient(own, serverName);
+                           EXPECT_EQ(Ask(fd, "hello"), "hello");
+                           TarvoClosePipe(fd);
+                           own = UniqueName("own");
+                           ++failures;
+                       });
     TarvoClosePipe(fd);
     EXPECT_GT(failures, 10U);
     TarvoExceptionHandler(SIGTERM);

@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <csignal>
 #include <future>
-#include <thread>
 #include <vector>
 
 #include "ApiFixture.h"
@@ -13,6 +12,7 @@
 #include "support/FakeClock.h"
 #include "support/Faults.h"
 #include "support/FifoWatch.h"
+#include "support/Threads.h"
 
 namespace tarvo_test {
 namespace {
@@ -48,10 +48,7 @@ TEST_F(ApiTest, ShortOpenWithoutAFunctionHasNoCallback) {
     char own[64] = "";
     ASSERT_GT(readlink("/proc/self/exe", own, sizeof(own) - 1), -1);
     // A remote close without a callback closes the pipe silently; an empty wrapper would be called and end the process.
-    {
-        RawPeer peer(remote, std::string(program_invocation_short_name).substr(0, 15));
-        peer.OpenBoth();
-    }
+    { const JoinedRawPeer peer(remote, std::string(program_invocation_short_name).substr(0, 15)); }
     AwaitFifoDirectory("the close", [] { return OwnFifoFiles().empty(); });
 }
 
@@ -61,8 +58,7 @@ TEST_F(ApiTest, ShortOpenCallsTheFunction) {
     EXPECT_EQ(TarvoOpen(
                   remote.c_str(), [](int, TarvoRequest *) { ++shortCallbacks; }, 0, TARVO_MODE_SERVER),
               2);
-    RawPeer peer(remote, std::string(program_invocation_short_name).substr(0, 15));
-    peer.OpenBoth();
+    JoinedRawPeer peer(remote, std::string(program_invocation_short_name).substr(0, 15));
     peer.Send(RawRequest(1, "hello"));
     EXPECT_TRUE(Eventually([] { return shortCallbacks == 1; }));
 }
@@ -124,10 +120,7 @@ TEST_F(ApiTest, RemoteCloseReachesTheCallbackAndThenThePipeIsGone) {
         }
     });
     const int fd = TarvoOpen(&attr);
-    {
-        RawPeer peer(remote, self);
-        peer.OpenBoth();
-    }
+    { const JoinedRawPeer peer(remote, self); }
     EXPECT_EQ(told.get_future().get(), fd);
     Blocks blocks;
     EXPECT_TRUE(Eventually([&] { return TarvoSendRequest(fd, &blocks.request) == -ENOENT; }));
@@ -147,8 +140,7 @@ TEST_F(ApiTest, CallbackMayCloseItsOwnPipe) {
         });
         const int fd = TarvoOpen(&attr);
         {
-            RawPeer peer(remote, self);
-            peer.OpenBoth();
+            JoinedRawPeer peer(remote, self);
             peer.Send(RawRequest(1, "hello"));
             if (!onRemoteClose) {
                 closed.get_future().get();
@@ -189,31 +181,27 @@ TEST_F(ApiTest, ClientAndServerOfOneProcessTalk) {
     server.openCallback = TellOfClient;
     EXPECT_EQ(TarvoCreateServer(&server), 0);
     EXPECT_EQ(TarvoCreateServer(&server), -EEXIST);
-    TarvoAttr attr = MakeAttr(self, remote, TARVO_MODE_CLIENT);
-    const int fd = TarvoCreateClient(&attr);
+    const int fd = CreateClient(self, remote);
     EXPECT_EQ(fd, 2);
     EXPECT_EQ(openedClient.get_future().get(), "3 " + self + "_" + std::to_string(getpid()));
     EXPECT_EQ(Ask(fd, "hello"), "hello");
     // The same pipe, announced once more.
-    EXPECT_EQ(TarvoCreateClient(&attr), fd);
+    EXPECT_EQ(CreateClient(self, remote), fd);
     EXPECT_TRUE(Eventually([] { return openedClients == 2; }));
     EXPECT_EQ(Ask(fd, "again"), "again");
     TarvoExceptionHandler(SIGSEGV);
 }
 
-TEST_F(ApiTest, ClientOfNoServerIsTold) {
-    TarvoAttr attr = MakeAttr(self, remote, TARVO_MODE_CLIENT);
-    EXPECT_EQ(TarvoCreateClient(&attr), -ENXIO);
-}
+TEST_F(ApiTest, ClientOfNoServerIsTold) { EXPECT_EQ(CreateClient(self, remote), -ENXIO); }
 
 TEST_F(ApiTest, FinishingEndsEverythingWithTrafficRunning) {
     std::atomic<bool> stop{false};
     std::atomic<int> answered{0};
     const PipePair serial(Echo, Echo);
     const PipePair concurrent(Echo, Echo, true);
-    std::vector<std::thread> threads;
+    Threads threads;
     for (const int fd : {serial.near, serial.far, concurrent.near, concurrent.far}) {
-        threads.emplace_back([&, fd] {
+        threads.Start([&, fd] {
             while (!stop) {
                 answered += Ask(fd, "hello") == "hello" ? 1 : 0;
             }
@@ -224,9 +212,7 @@ TEST_F(ApiTest, FinishingEndsEverythingWithTrafficRunning) {
     TarvoCfgFinishServer();
     EXPECT_EQ(TarvoServiceIsExist(), 0);
     stop = true;
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
+    threads.Join();
     Blocks blocks;
     for (const int fd : {serial.near, serial.far, concurrent.near, concurrent.far}) {
         EXPECT_EQ(TarvoSendRequest(fd, &blocks.request), -ENOENT);
@@ -236,9 +222,7 @@ TEST_F(ApiTest, FinishingEndsEverythingWithTrafficRunning) {
 }
 
 TEST_F(ApiTest, FinishingStopsTheServerBeforeItClosesThePipes) {
-    TarvoServerAttr server;
-    server.selfName = remote.c_str();
-    ASSERT_EQ(TarvoCreateServer(&server), 0);
+    ASSERT_EQ(CreateServer(remote), 0);
     const PipePair pair;
     std::vector<std::string> ended;
     {
@@ -261,9 +245,7 @@ TEST_F(ApiTest, FinishingReleasesACallerThatWaits) {
 }
 
 TEST_F(ApiTest, ExceptionHandlerRemovesTheFilesOfPipesAndServer) {
-    TarvoServerAttr server;
-    server.selfName = remote.c_str();
-    ASSERT_EQ(TarvoCreateServer(&server), 0);
+    ASSERT_EQ(CreateServer(remote), 0);
     const PipePair pair(Echo);
     // Opens the write end of the other side.
     EXPECT_EQ(Ask(pair.far, "hello"), "hello");

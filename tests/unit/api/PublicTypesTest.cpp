@@ -14,7 +14,7 @@ std::size_t OffsetOf(const Block &block, const Field &field) {
     return static_cast<std::size_t>(reinterpret_cast<const char *>(&field) - reinterpret_cast<const char *>(&block));
 }
 
-TEST(PublicTypes, AttributeOfAPipe) {
+TEST(PublicTypes, FieldsOfAPipesAttributeAreWhereProgramsHaveThem) {
     const TarvoAttr attr;
     const std::size_t callback = sizeof(std::function<void(int, TarvoRequest *)>);
     EXPECT_EQ(OffsetOf(attr, attr.targetName), 0U);
@@ -35,7 +35,7 @@ TEST(PublicTypes, AttributeOfAPipe) {
     static_assert(std::is_same_v<decltype(attr.isConcur), bool>);
 }
 
-TEST(PublicTypes, UnsetFieldsOfAnAttribute) {
+TEST(PublicTypes, UnsetFieldsOfAnAttributeHaveTheirDefaults) {
     const TarvoAttr attr;
     EXPECT_FALSE(attr.callback);
     EXPECT_EQ(attr.gid, 4294967295U);
@@ -47,7 +47,7 @@ TEST(PublicTypes, UnsetFieldsOfAnAttribute) {
     EXPECT_EQ(attr.targetCon, nullptr);
 }
 
-TEST(PublicTypes, AttributeOfAServer) {
+TEST(PublicTypes, FieldsOfAServersAttributeAreWhereProgramsHaveThem) {
     static_assert(std::is_standard_layout_v<TarvoServerAttr>);
     EXPECT_EQ(offsetof(TarvoServerAttr, openCallback), 0U);
     EXPECT_EQ(offsetof(TarvoServerAttr, callback), 8U);

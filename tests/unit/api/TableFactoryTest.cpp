@@ -5,13 +5,13 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <thread>
 #include <vector>
 
 #include "ApiFixture.h"
 #include "support/AllocFaults.h"
 #include "support/Faults.h"
 #include "support/Process.h"
+#include "support/Threads.h"
 #include "table/TarvoTable.h"
 
 namespace tarvo_test {
@@ -29,13 +29,7 @@ TEST_F(ApiTest, FirstCallOfAllMakesTheTable) {
 TEST_F(ApiTest, EverybodyGetsTheSameTable) {
     constexpr int THREADS = 16;
     std::vector<std::shared_ptr<TarvoTable>> tables(THREADS);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < THREADS; ++i) {
-        threads.emplace_back([&tables, i] { tables[static_cast<std::size_t>(i)] = TableFactory::GetInstance(); });
-    }
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
+    OnThreads(THREADS, [&](int number) { tables[static_cast<std::size_t>(number)] = TableFactory::GetInstance(); });
     ASSERT_TRUE(tables.front());
     EXPECT_EQ(std::count(tables.begin(), tables.end(), tables.front()), THREADS);
 }

@@ -53,6 +53,12 @@ protected:
         return messages;
     }
 
+    // The lines of a check that has refused something.
+    void ExpectRefused(int result, const std::vector<std::string> &lines) {
+        EXPECT_EQ(-EINVAL, result);
+        EXPECT_EQ(lines, Messages());
+    }
+
     const std::string empty = "Length of process name is invalid, value=0, range(0, 100]";
     const std::string tooLong = "Length of process name is invalid, value=101, range(0, 100]";
     SyslogCapture log;
@@ -70,17 +76,15 @@ TEST_F(SelfNameAndPriority, ValidOnesPass) {
 }
 
 TEST_F(SelfNameAndPriority, NameOfBadLengthIsRefused) {
-    EXPECT_EQ(-EINVAL, CheckInputSelfNameAndPriority("", TARVO_PRIORITY_NORMAL));
-    EXPECT_THAT(Messages(), ElementsAre(empty, "Intput selfName is not valid."));
+    ExpectRefused(CheckInputSelfNameAndPriority("", TARVO_PRIORITY_NORMAL), {empty, "Intput selfName is not valid."});
     for (const std::size_t length : {101U, 102U, 5000U}) {
-        EXPECT_EQ(-EINVAL, CheckInputSelfNameAndPriority(std::string(length, 'x').c_str(), TARVO_PRIORITY_NORMAL));
-        EXPECT_THAT(Messages(), ElementsAre(tooLong, "Intput selfName is not valid."));
+        ExpectRefused(CheckInputSelfNameAndPriority(std::string(length, 'x').c_str(), TARVO_PRIORITY_NORMAL),
+                      {tooLong, "Intput selfName is not valid."});
     }
 }
 
 TEST_F(SelfNameAndPriority, BlackListedNameIsRefused) {
-    EXPECT_EQ(-EINVAL, CheckInputSelfNameAndPriority("a$b", TARVO_PRIORITY_NORMAL));
-    EXPECT_THAT(Messages(), ElementsAre("Intput selfName=a$b is not valid."));
+    ExpectRefused(CheckInputSelfNameAndPriority("a$b", TARVO_PRIORITY_NORMAL), {"Intput selfName=a$b is not valid."});
 }
 
 TEST_F(SelfNameAndPriority, NullStandsForTheProcessName) {
@@ -93,15 +97,14 @@ TEST_F(SelfNameAndPriority, NullStandsForTheProcessName) {
     EXPECT_THAT(Messages(), ElementsAre(empty, "Intput selfName is not valid."));
 
     SetProcessName("a|b");
-    EXPECT_EQ(-EINVAL, CheckInputSelfNameAndPriority(nullptr, TARVO_PRIORITY_NORMAL));
-    EXPECT_THAT(Messages(), ElementsAre("Intput selfName=(null) is not valid."));
+    ExpectRefused(CheckInputSelfNameAndPriority(nullptr, TARVO_PRIORITY_NORMAL),
+                  {"Intput selfName=(null) is not valid."});
 }
 
 TEST_F(SelfNameAndPriority, PriorityOutOfRangeIsRefused) {
     for (const int priority : {3, 100, -1, INT32_MIN}) {
-        EXPECT_EQ(-EINVAL, CheckInputSelfNameAndPriority("name", static_cast<TarvoPriority>(priority)));
-        EXPECT_THAT(Messages(),
-                    ElementsAre("Intput attr priority is not valid, prio=" + std::to_string(priority) + "."));
+        ExpectRefused(CheckInputSelfNameAndPriority("name", static_cast<TarvoPriority>(priority)),
+                      {"Intput attr priority is not valid, prio=" + std::to_string(priority) + "."});
     }
 }
 
@@ -133,11 +136,9 @@ TEST_F(PipeAttr, NothingElseIsChecked) {
 
 TEST_F(PipeAttr, TargetIsRequired) {
     attr.targetName = nullptr;
-    EXPECT_EQ(-EINVAL, CheckInputPipeAttr(attr));
-    EXPECT_THAT(Messages(), ElementsAre("Intput targetName is not valid."));
+    ExpectRefused(CheckInputPipeAttr(attr), {"Intput targetName is not valid."});
     attr.targetName = "";
-    EXPECT_EQ(-EINVAL, CheckInputPipeAttr(attr));
-    EXPECT_THAT(Messages(), ElementsAre(empty, "Intput targetName is not valid."));
+    ExpectRefused(CheckInputPipeAttr(attr), {empty, "Intput targetName is not valid."});
 }
 
 TEST_F(PipeAttr, TargetHasUpToAHundredCharacters) {
@@ -146,15 +147,13 @@ TEST_F(PipeAttr, TargetHasUpToAHundredCharacters) {
     EXPECT_EQ(0, CheckInputPipeAttr(attr));
     const std::string longer(101, 'x');
     attr.targetName = longer.c_str();
-    EXPECT_EQ(-EINVAL, CheckInputPipeAttr(attr));
-    EXPECT_THAT(Messages(), ElementsAre(tooLong, "Intput targetName is not valid."));
+    ExpectRefused(CheckInputPipeAttr(attr), {tooLong, "Intput targetName is not valid."});
 }
 
 TEST_F(PipeAttr, BlackListedTargetIsRefused) {
     for (const std::string name : {"a..b", "a|b", "a$b", "(a)"}) {
         attr.targetName = name.c_str();
-        EXPECT_EQ(-EINVAL, CheckInputPipeAttr(attr));
-        EXPECT_THAT(Messages(), ElementsAre("Intput targetName=" + name + " is not valid."));
+        ExpectRefused(CheckInputPipeAttr(attr), {"Intput targetName=" + name + " is not valid."});
     }
     attr.targetName = "a.b/c";
     EXPECT_EQ(0, CheckInputPipeAttr(attr));
@@ -163,8 +162,7 @@ TEST_F(PipeAttr, BlackListedTargetIsRefused) {
 TEST_F(PipeAttr, ModeOutOfRangeIsRefused) {
     for (const int mode : {2, -1, INT32_MAX}) {
         attr.mode = static_cast<TarvoMode>(mode);
-        EXPECT_EQ(-EINVAL, CheckInputPipeAttr(attr));
-        EXPECT_THAT(Messages(), ElementsAre("Intput mode=" + std::to_string(mode) + " is not valid."));
+        ExpectRefused(CheckInputPipeAttr(attr), {"Intput mode=" + std::to_string(mode) + " is not valid."});
     }
 }
 
@@ -173,17 +171,13 @@ TEST_F(PipeAttr, OnlyTheFirstFailureIsReported) {
     attr.mode = static_cast<TarvoMode>(2);
     attr.selfName = "";
     attr.priority = static_cast<TarvoPriority>(3);
-    EXPECT_EQ(-EINVAL, CheckInputPipeAttr(attr));
-    EXPECT_THAT(Messages(), ElementsAre("Intput targetName=a|b is not valid."));
+    ExpectRefused(CheckInputPipeAttr(attr), {"Intput targetName=a|b is not valid."});
     attr.targetName = "target";
-    EXPECT_EQ(-EINVAL, CheckInputPipeAttr(attr));
-    EXPECT_THAT(Messages(), ElementsAre("Intput mode=2 is not valid."));
+    ExpectRefused(CheckInputPipeAttr(attr), {"Intput mode=2 is not valid."});
     attr.mode = TARVO_MODE_CLIENT;
-    EXPECT_EQ(-EINVAL, CheckInputPipeAttr(attr));
-    EXPECT_THAT(Messages(), ElementsAre(empty, "Intput selfName is not valid."));
+    ExpectRefused(CheckInputPipeAttr(attr), {empty, "Intput selfName is not valid."});
     attr.selfName = "self";
-    EXPECT_EQ(-EINVAL, CheckInputPipeAttr(attr));
-    EXPECT_THAT(Messages(), ElementsAre("Intput attr priority is not valid, prio=3."));
+    ExpectRefused(CheckInputPipeAttr(attr), {"Intput attr priority is not valid, prio=3."});
 }
 
 class ServerAttr : public InputCheck {};
@@ -203,12 +197,10 @@ TEST_F(ServerAttr, NameAndPriorityAreChecked) {
     EXPECT_EQ(-EINVAL, CheckInputServerAttr(attr));
     EXPECT_THAT(Messages(), ElementsAre("Intput selfName=a;b is not valid."));
     attr.selfName = "";
-    EXPECT_EQ(-EINVAL, CheckInputServerAttr(attr));
-    EXPECT_THAT(Messages(), ElementsAre(empty, "Intput selfName is not valid."));
+    ExpectRefused(CheckInputServerAttr(attr), {empty, "Intput selfName is not valid."});
     attr.selfName = nullptr;
     attr.priority = static_cast<TarvoPriority>(3);
-    EXPECT_EQ(-EINVAL, CheckInputServerAttr(attr));
-    EXPECT_THAT(Messages(), ElementsAre("Intput attr priority is not valid, prio=3."));
+    ExpectRefused(CheckInputServerAttr(attr), {"Intput attr priority is not valid, prio=3."});
 }
 
 } // namespace
