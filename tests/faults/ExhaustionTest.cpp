@@ -126,8 +126,7 @@ TEST(Exhaustion, RequestForWhichThereIsNoThreadIsDroppedAndTheNextIsServed) {
         Inbox inbox;
         TarvoAttr attr = MakeAttr(self, remote, TARVO_MODE_SERVER, inbox.Receiver());
         const int fd = TarvoOpen(&attr);
-        RawPeer peer(remote, self);
-        peer.OpenBoth();
+        JoinedRawPeer peer(remote, self);
         AllowThreads(1);
         peer.Send(RawRequest(1, "dropped"));
         EXPECT_TRUE(log.WaitFor(LOG_ERR, "Observer handle request failed"));
@@ -169,8 +168,7 @@ TEST(Exhaustion, PipesOfTwoPagesCarryWholeFrames) {
         TarvoAttr attr = MakeAttr(self, remote, TARVO_MODE_SERVER, Echo);
         const int fd = TarvoOpen(&attr);
         EXPECT_GT(fd, 0);
-        RawPeer peer(remote, self);
-        peer.OpenBoth();
+        JoinedRawPeer peer(remote, self);
         const std::string longest(4000, 'x');
         for (int round = 0; round < 3; ++round) {
             int sent = 0;

@@ -139,9 +139,7 @@ private:
 class End : public OpenPipe {
 public:
     explicit End(void (*endFunction)()) : OpenPipe(true, false), end(endFunction) {
-        TarvoServerAttr attr;
-        attr.selfName = server.c_str();
-        EXPECT_EQ(TarvoCreateServer(&attr), 0);
+        EXPECT_EQ(CreateServer(server), 0);
     }
 
     int Act() override {

@@ -36,8 +36,7 @@ public:
     void GoOn(int) override {
         const int fd = Open();
         ASSERT_GT(fd, 0);
-        RawPeer peer(remote, self);
-        peer.OpenBoth();
+        JoinedRawPeer peer(remote, self);
         TalkAndClose(fd, peer, inbox);
     }
 
@@ -158,8 +157,7 @@ public:
     void GoOn(int result) override {
         EXPECT_EQ(Create(), result == 0 ? -EEXIST : 0);
         WriteToRawServer(name, RawConnectPacket(remote, 0xFFFFFFFFU, getpid()));
-        RawPeer peer(remote, name);
-        peer.OpenBoth();
+        JoinedRawPeer peer(remote, name);
         EXPECT_EQ(client.get_future().get(), remote);
         // The server leaves its file behind for the next one of its name, so only this removes it.
         TarvoExceptionHandler(0);

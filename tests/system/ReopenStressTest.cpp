@@ -136,16 +136,12 @@ TEST(OrdinaryCloseStressTest, WritesNoLineAtEitherEnd) {
 // must be free again as soon as the pipe has its write end or is closed.
 TEST(BriefClientsStressTest, ServerNeedsAHandfulOfThreads) {
     const std::string server = UniqueName("server");
-    TarvoServerAttr serverAttr;
-    serverAttr.selfName = server.c_str();
-    serverAttr.callback = Echo;
-    ASSERT_EQ(TarvoCreateServer(&serverAttr), 0);
+    ASSERT_EQ(CreateServer(server, Echo), 0);
     const int rounds = StressRounds(300);
     std::size_t most = 0;
     for (int round = 0; round < rounds; ++round) {
         const std::string self = UniqueName("brief");
-        TarvoAttr attr = MakeAttr(self, server, TARVO_MODE_CLIENT);
-        const int fd = TarvoCreateClient(&attr);
+        const int fd = CreateClient(self, server);
         ASSERT_GT(fd, 0) << "round " << round;
         ASSERT_EQ(Ask(fd, "x"), "x");
         most = std::max(most, ThreadCount());
