@@ -37,8 +37,7 @@ TEST_F(TableTest, DisablingClosesEveryPipeAndEndsEveryThread) {
     const std::string remote = UniqueName("remote");
     std::promise<void> called;
     const int fd = Open(MakeAttr(self, remote, TARVO_MODE_SERVER, [&](int, TarvoRequest *) { called.set_value(); }));
-    RawPeer peer(remote, self);
-    peer.OpenBoth();
+    JoinedRawPeer peer(remote, self);
     peer.Send(RawRequest(1, "hello"));
     called.get_future().get();
     OpenNew(TARVO_PRIORITY_URGENT);
@@ -76,8 +75,7 @@ TEST_F(TableTest, DisablingGoesThroughThePipesInTheOrderOfTheirHandles) {
 TEST_F(TableTest, DisablingWakesThoseWhoWaitForAnAnswer) {
     const std::string remote = UniqueName("remote");
     const int fd = Open(MakeAttr(self, remote, TARVO_MODE_SERVER));
-    RawPeer peer(remote, self);
-    peer.OpenBoth();
+    JoinedRawPeer peer(remote, self);
     const auto pipe = table->GetPipe(fd);
     const FakeClock clock;
     auto waiting = std::async(std::launch::async, [&] { return CallThrough(*pipe); });
@@ -118,8 +116,7 @@ TEST_F(TableTest, DisablingWaitsForTheCallbackThatRuns) {
         leave.get_future().get();
         left = true;
     }));
-    RawPeer peer(remote, self);
-    peer.OpenBoth();
+    JoinedRawPeer peer(remote, self);
     peer.Send(RawRequest(1, "hello"));
     entered.get_future().get();
     auto disabled = std::async(std::launch::async, [&] {
@@ -150,8 +147,7 @@ TEST_F(TableTest, PipeOpenedAfterwardsReceivesNothingAndHangsNobody) {
     TarvoAttr attr = MakeAttr(self, remote, TARVO_MODE_SERVER, [&](int, TarvoRequest *) { called = true; });
     attr.timeout = PIPE_OPEN_TIMEOUT_MS;
     EXPECT_EQ(Open(attr), 2);
-    RawPeer peer(remote, self);
-    peer.OpenBoth();
+    JoinedRawPeer peer(remote, self);
     peer.Send(RawRequest(1, "hello"));
     // The background open by this thread, then the request by the monitor's.
     EXPECT_TRUE(log.WaitFor(LOG_ERR, "Observer handle request failed(-13) for readFd(", 2));

@@ -303,8 +303,7 @@ TEST_F(TableTest, RequestsOfASerialPipeRunOnTheWorkerNamedByItsHandle) {
     std::promise<void> called;
     const std::string remote = UniqueName("remote");
     const int fd = Open(MakeAttr(self, remote, TARVO_MODE_SERVER, [&](int, TarvoRequest *) { called.set_value(); }));
-    RawPeer peer(remote, self);
-    peer.OpenBoth();
+    JoinedRawPeer peer(remote, self);
     peer.Send(RawRequest(1, "hello"));
     called.get_future().get();
     EXPECT_NE(workers->WorkerOf(std::to_string(fd)), nullptr);
@@ -318,10 +317,7 @@ TEST_F(TableTest, RemoteCloseWithoutACallbackKeepsThePipeRegistered) {
     const std::string remote = UniqueName("remote");
     const int fd = Open(MakeAttr(self, remote, TARVO_MODE_SERVER));
     const CallCounter removals(Call::EpollCtl, Where().Number(EPOLL_CTL_DEL));
-    {
-        RawPeer peer(remote, self);
-        peer.OpenBoth();
-    }
+    { const JoinedRawPeer peer(remote, self); }
     // The creator removes its files when it closes.
     AwaitFifoDirectory("the close", [&] { return OwnFifoFiles().empty(); });
     EXPECT_EQ(removals.Count(), 1U) << "before that it leaves its monitor";
@@ -341,10 +337,7 @@ TEST_F(TableTest, PipeClosedByItsOwnRemoteCloseNoticeGivesItsWorkerBackByItself)
             keptItsWorker.set_value(workers->WorkerOf(std::to_string(handle)) != nullptr);
         }
     }));
-    {
-        RawPeer peer(remote, self);
-        peer.OpenBoth();
-    }
+    { const JoinedRawPeer peer(remote, self); }
     EXPECT_TRUE(keptItsWorker.get_future().get());
     EXPECT_TRUE(Eventually([&] { return workers->WorkerOf(std::to_string(fd)) == nullptr; }));
     EXPECT_EQ(table->Size(), 0U);
