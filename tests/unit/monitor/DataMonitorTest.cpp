@@ -76,7 +76,6 @@ TEST_F(DataMonitorTest, FailedJoinIsReportedAndTheRestEnded) {
         EXPECT_EQ(closes.Count(), 2U);
     }
     EXPECT_TRUE(log.Contains(LOG_ERR, "Join recv routine failed, system error: Resource deadlock avoided."));
-    monitor.Destroy();
 }
 
 TEST_F(DataMonitorTest, ThreadCanBeCancelledInItsWaitOnly) {
@@ -141,7 +140,6 @@ TEST_F(DataMonitorTest, MonitorWithoutMemoryForItsEventsIsReported) {
     }
     EXPECT_TRUE(log.ContainsExactly(LOG_ERR, "start RecThread failed."));
     EXPECT_EQ(Init(), 0);
-    monitor.Destroy();
 }
 
 TEST_F(DataMonitorTest, PriorityWithoutASchedulingClassIsRefused) {
@@ -157,7 +155,6 @@ TEST_F(DataMonitorTest, MonitorWhoseInitFailedCanBeTriedAgain) {
         EXPECT_EQ(Init(), -ENFILE);
     }
     EXPECT_EQ(Init(), 0);
-    monitor.Destroy();
 }
 
 // ---- Adding and removing ----
@@ -198,7 +195,6 @@ TEST_F(DataMonitorTest, EntryWithoutAPipeIsTakenOutAgain) {
     EXPECT_TRUE(log.ContainsExactly(LOG_ERR, "DataMonitorImpl AddItemToTable failed. pipeIdx = 2, readFd = " +
                                                  std::to_string(fd) + ", removeFd ret 0"));
     close(fd);
-    monitor.Destroy();
 }
 
 TEST_F(DataMonitorTest, FailingRemovalLeavesTheEntry) {

@@ -46,6 +46,20 @@ protected:
         std::shared_ptr<TarvoPipeImpl> pipe;
     };
 
+    // One that the monitor watches as long as it lives.
+    struct WatchedLine : Line {
+        WatchedLine(MonitorTest &test, int index) : Line(test, index), owner(test) {
+            EXPECT_EQ(owner.monitor.Add(handle, readFd, pipe), 0);
+        }
+        ~WatchedLine() { EXPECT_EQ(owner.monitor.Remove(handle), 0); }
+        WatchedLine(const WatchedLine &) = delete;
+        WatchedLine &operator=(const WatchedLine &) = delete;
+
+        MonitorTest &owner;
+    };
+
+    ~MonitorTest() override { monitor.Destroy(); }
+
     int Init(TarvoPriority priority = TARVO_PRIORITY_NORMAL, DataMonitorType type = NORMAL_LOCAL) {
         return monitor.Init(priority, EXIT_ID, type);
     }

@@ -24,19 +24,15 @@ class MonitorThreadTest : public MonitorTest {};
 
 TEST_F(MonitorThreadTest, MessageOfARegisteredPipeIsHandled) {
     ASSERT_EQ(Init(), 0);
-    Line line(*this, 2);
-    ASSERT_EQ(monitor.Add(2, line.readFd, line.pipe), 0);
+    WatchedLine line(*this, 2);
     line.peer.Send(RawRequest(1, "x"));
     EXPECT_TRUE(observer.WaitFor(Report::RequestIn));
-    EXPECT_EQ(monitor.Remove(2), 0);
-    monitor.Destroy();
 }
 
 TEST_F(MonitorThreadTest, MessageTakesOneWaitAndTwoReads) {
     const CallCounter waits(Call::EpollWait);
     ASSERT_EQ(Init(), 0);
-    Line line(*this, 2);
-    ASSERT_EQ(monitor.Add(2, line.readFd, line.pipe), 0);
+    WatchedLine line(*this, 2);
     const CallCounter reads(Call::Read, Where().Fd(line.readFd));
     constexpr unsigned MESSAGES = 50;
     ASSERT_TRUE(waits.WaitFor(1));
@@ -47,18 +43,13 @@ TEST_F(MonitorThreadTest, MessageTakesOneWaitAndTwoReads) {
     EXPECT_EQ(reads.Count(), 2 * MESSAGES);
     EXPECT_EQ(waits.Count(), MESSAGES + 1);
     EXPECT_EQ(observer.Count(Report::RequestIn), MESSAGES);
-    EXPECT_EQ(monitor.Remove(2), 0);
-    monitor.Destroy();
 }
 
 TEST_F(MonitorThreadTest, MessagesWrittenTogetherAreHandledOneAfterTheOther) {
     ASSERT_EQ(Init(), 0);
-    Line line(*this, 2);
-    ASSERT_EQ(monitor.Add(2, line.readFd, line.pipe), 0);
+    WatchedLine line(*this, 2);
     line.peer.Send(RawRequest(1, "x") + RawRequest(2, "y") + RawRequest(3, "z"));
     EXPECT_TRUE(observer.WaitFor(Report::RequestIn, 3));
-    EXPECT_EQ(monitor.Remove(2), 0);
-    monitor.Destroy();
 }
 
 // "name=value" in a line.
@@ -196,8 +187,7 @@ TEST_F(MonitorReopenTest, SecondEventOfABatchDoesNotCloseThePipeOpenedAnew) {
 
 TEST_F(MonitorThreadTest, RemoteThatStopsReadingIsStillHeard) {
     ASSERT_EQ(Init(), 0);
-    Line line(*this, 2);
-    ASSERT_EQ(monitor.Add(2, line.readFd, line.pipe), 0);
+    WatchedLine line(*this, 2);
     line.peer.Send(RawRequest(1, "x"));
     ASSERT_TRUE(observer.WaitFor(Report::RequestIn));
     line.peer.CloseRead();
@@ -205,8 +195,6 @@ TEST_F(MonitorThreadTest, RemoteThatStopsReadingIsStillHeard) {
         line.peer.Send(RawRequest(i, "x"));
         ASSERT_TRUE(observer.WaitFor(Report::RequestIn, i));
     }
-    EXPECT_EQ(monitor.Remove(2), 0);
-    monitor.Destroy();
 }
 
 TEST_F(MonitorThreadTest, RemoteThatStopsReadingBeforeItsFirstWordIsStillHeard) {
@@ -271,8 +259,7 @@ TEST_F(MonitorThreadTest, OrdinaryEndOfARemoteWritesNoLine) {
 
 TEST_F(MonitorThreadTest, EventOfAnUnknownPipeIsReportedAndSkipped) {
     ASSERT_EQ(Init(), 0);
-    Line line(*this, 2);
-    ASSERT_EQ(monitor.Add(2, line.readFd, line.pipe), 0);
+    WatchedLine line(*this, 2);
     // The index that comes with the first event is another one.
     const ScopedHook hook(
         Call::EpollWait,
@@ -289,21 +276,16 @@ TEST_F(MonitorThreadTest, EventOfAnUnknownPipeIsReportedAndSkipped) {
     EXPECT_TRUE(observer.WaitFor(Report::RequestIn, 2));
     EXPECT_TRUE(
         log.WaitFor(LOG_ERR, "DataMonitorImpl RecvRoutine pipe == nullptr, i=0, pipeIdx=77, events=1.").has_value());
-    EXPECT_EQ(monitor.Remove(2), 0);
-    monitor.Destroy();
 }
 
 TEST_F(MonitorThreadTest, FailingWaitIsReportedAndRepeated) {
     const ScopedFault fault(Call::EpollWait, EBADF, Where().Nth(1).Times(3));
     ASSERT_EQ(Init(), 0);
-    Line line(*this, 2);
-    ASSERT_EQ(monitor.Add(2, line.readFd, line.pipe), 0);
+    WatchedLine line(*this, 2);
     line.peer.Send(RawRequest(1, "x"));
     EXPECT_TRUE(observer.WaitFor(Report::RequestIn));
     EXPECT_EQ(log.CountExactly(LOG_ERR, "Monitor failed, ret = -1, errno(9): Bad file descriptor"), 1U)
         << "three times the same, restrained";
-    EXPECT_EQ(monitor.Remove(2), 0);
-    monitor.Destroy();
 }
 
 TEST_F(MonitorThreadTest, InterruptedWaitIsRepeatedSilently) {
@@ -360,7 +342,6 @@ TEST_F(MonitorStopTest, EventfdThatCannotBeReadDoesNotStopTheThread) {
     }
     // The message is still there, and read by the next round.
     EXPECT_TRUE(log.WaitFor(LOG_NOTICE, "DataMonitorImpl RecvRoutine end").has_value());
-    monitor.Destroy();
 }
 
 TEST_F(MonitorStopTest, ErrnoOfAnEarlierCallDecidesOnlyTheLogLine) {
@@ -384,7 +365,6 @@ TEST_F(MonitorStopTest, ExitIsNotifiedOnceMoreInVainWhenTheEventfdIsFull) {
         monitor.NotifyDataMonitorExit();
     }
     EXPECT_TRUE(log.ContainsExactly(LOG_ERR, "NotifyDataMonitorExit (EVENTS_IN) failed: ret = -1, errno = 11."));
-    monitor.Destroy();
 }
 
 TEST_F(MonitorStopTest, ClosedEventfdCountsAsAStop) { EXPECT_TRUE(monitor.ClearEventFd()); }
@@ -438,7 +418,7 @@ TEST_F(MonitorStopTest, DestroyWhileEventsArriveEnds) {
 
 // ---- Many pipes, and none that have anything to say ----
 
-TEST_F(MonitorThreadTest, ThousandPipesOnOneMonitor) {
+TEST_F(MonitorThreadTest, OneMonitorHearsAThousandPipesOnceEach) {
     ASSERT_EQ(Init(), 0);
     std::vector<std::unique_ptr<Line>> lines;
     for (int i = 0; i < 1000; ++i) {
