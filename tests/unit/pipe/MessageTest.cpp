@@ -57,7 +57,7 @@ TEST(MessageTest, OneToFourThousandBytesAreValid) {
     EXPECT_EQ(InMessage(1, MSG_TYPE_REQUEST, 0xFFFFFFFFU).Size(), 0xFFFFFFFFULL + 32U);
 }
 
-TEST(MessageTest, ChecksumOfTheDocumentedExample) {
+TEST(MessageTest, ChecksumOfTheDocumentedExampleIsTheDocumentedOne) {
     std::string payload = "\xff";
     OutMessage msg(1, Request(1, payload), 5);
     EXPECT_EQ(msg.Checksum(), 0xA6B7C9DAU);

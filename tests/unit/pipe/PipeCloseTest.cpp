@@ -77,7 +77,7 @@ TEST_F(PipeCloseTest, SideThatCreatedTheFilesRemovesThem) {
     EXPECT_TRUE(OwnFifoFiles().empty());
 }
 
-TEST_F(PipeCloseTest, OtherSideLeavesThem) {
+TEST_F(PipeCloseTest, SideThatFoundTheFilesLeavesThem) {
     const Pipe pipe = OpenPipe(Attr(TARVO_MODE_CLIENT));
     const CallCounter removals(Call::Unlink);
     EXPECT_EQ(pipe->CloseFd(), 0);

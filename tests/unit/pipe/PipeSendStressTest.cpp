@@ -7,10 +7,10 @@
 #include <array>
 #include <atomic>
 #include <random>
-#include <thread>
 
 #include "PipeFixture.h"
 #include "support/Sanitized.h"
+#include "support/Threads.h"
 
 namespace tarvo_test {
 namespace {
@@ -77,14 +77,8 @@ protected:
 
 TEST_F(PipeSendStressTest, FramesOfEightThreadsAreNeverTorn) {
     const Pipe pipe = OpenPipe(Attr(TARVO_MODE_SERVER));
-    std::vector<std::thread> threads;
-    for (uint32_t thread = 0; thread < THREADS; ++thread) {
-        threads.emplace_back([this, &pipe, thread] { SendAll(pipe, thread); });
-    }
+    const Threads senders(THREADS, [&](int number) { SendAll(pipe, static_cast<uint32_t>(number)); });
     ReceiveAll();
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
 }
 
 } // namespace

@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <thread>
 #include <vector>
 
 #include "TableFixture.h"
@@ -16,6 +15,7 @@
 #include "support/AllocFaults.h"
 #include "support/Faults.h"
 #include "support/Process.h"
+#include "support/Threads.h"
 
 namespace tarvo_test {
 namespace {
@@ -55,13 +55,7 @@ TEST_F(TableTest, EveryTypeHasAMonitorOfItsOwnAndAllEndWithTheTable) {
 
 TEST_F(TableTest, OpensOfANewKindAtOnceMakeOneMonitor) {
     constexpr int THREADS = 8;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < THREADS; ++i) {
-        threads.emplace_back([this] { EXPECT_GT(OpenNew(), 1); });
-    }
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
+    OnThreads(THREADS, [this](int) { EXPECT_GT(OpenNew(), 1); });
     EXPECT_TRUE(MonitorThreadsBecome(1));
     EXPECT_EQ(table->Size(), 8U);
     EXPECT_EQ(table->AllocateFd(), THREADS + 2);

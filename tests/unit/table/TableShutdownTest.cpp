@@ -6,7 +6,6 @@
 #include <atomic>
 #include <cerrno>
 #include <future>
-#include <thread>
 #include <vector>
 
 #include "TableFixture.h"
@@ -14,6 +13,7 @@
 #include "support/FakeClock.h"
 #include "support/Faults.h"
 #include "support/RawPeer.h"
+#include "support/Threads.h"
 
 namespace tarvo_test {
 namespace {
@@ -218,26 +218,21 @@ TEST_F(TableTest, ExceptionHandlerRemovesTheFilesOfEveryPipeAndNothingElse) {
 
 TEST_F(TableTest, OpensAndClosesDuringDisablingNeitherHangNorCrash) {
     std::atomic<bool> stop{false};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&, i] {
-            const std::string own = self + std::to_string(i);
-            const std::string remote = UniqueName("remote");
-            while (!stop) {
-                TarvoAttr attr = MakeAttr(own, remote, TARVO_MODE_SERVER, [](int, TarvoRequest *) {});
-                attr.timeout = HOUR_MS;
-                attr.priority = i % 2 == 0 ? TARVO_PRIORITY_NORMAL : TARVO_PRIORITY_URGENT;
-                const int fd = Open(attr);
-                table->CloseTarvoPipe(fd);
-            }
-        });
-    }
+    Threads threads(4, [&](int number) {
+        const std::string own = self + std::to_string(number);
+        const std::string remote = UniqueName("remote");
+        while (!stop) {
+            TarvoAttr attr = MakeAttr(own, remote, TARVO_MODE_SERVER, [](int, TarvoRequest *) {});
+            attr.timeout = HOUR_MS;
+            attr.priority = number % 2 == 0 ? TARVO_PRIORITY_NORMAL : TARVO_PRIORITY_URGENT;
+            const int fd = Open(attr);
+            table->CloseTarvoPipe(fd);
+        }
+    });
     ASSERT_TRUE(Eventually([&] { return table->AllocateFd() > 100; }));
     table->DisableTarvoTable();
     stop = true;
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
+    threads.Join();
     table.reset();
 }
 

@@ -60,7 +60,7 @@ protected:
     TarvoThread thread;
 };
 
-TEST_F(TarvoThreadTest, JoinableFromCreateToJoin) {
+TEST_F(TarvoThreadTest, ThreadIsJoinableFromCreateToJoin) {
     EXPECT_FALSE(thread.Joinable());
     Start();
     EXPECT_TRUE(thread.Joinable());

@@ -166,7 +166,7 @@ TEST_F(WorkerPoolDestroyTest, ATaskQueuedBehindAnotherOnAnAnonymousWorkerIsDropp
     ExpectNoThreadLeft();
 }
 
-TEST_F(WorkerPoolDestroyTest, NamedAndAnonymousWorkersTogether) {
+TEST_F(WorkerPoolDestroyTest, NamedAndAnonymousWorkersEndTogether) {
     Worker *anonymous = pool.GetWorker();
     Worker *named = pool.TryGetNamedWorker("a");
     ASSERT_NE(pool.GetWorker(), nullptr);
