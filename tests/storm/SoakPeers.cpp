@@ -5,10 +5,10 @@
 
 #include <csignal>
 #include <optional>
-#include <thread>
 #include <vector>
 
 #include "storm/Call.h"
+#include "support/Threads.h"
 
 namespace storm {
 
@@ -166,18 +166,12 @@ int SoakConcurrentCaller(SoakBoard &board, const std::string &self, const std::s
     if (fd < 0) {
         return 1;
     }
-    std::vector<std::thread> callers;
-    for (unsigned i = 0; i < threads; ++i) {
-        callers.emplace_back([&board, fd, i, threads] {
-            for (uint32_t number = i; !Finished(board); number += threads) {
-                CallOnce(board, fd, number);
-                poll(nullptr, 0, PACE_MS);
-            }
-        });
-    }
-    for (std::thread &caller : callers) {
-        caller.join();
-    }
+    tarvo_test::OnThreads(static_cast<int>(threads), [&board, fd, threads](int first) {
+        for (auto number = static_cast<uint32_t>(first); !Finished(board); number += threads) {
+            CallOnce(board, fd, number);
+            poll(nullptr, 0, PACE_MS);
+        }
+    });
     TarvoCfgFinishServer();
     return 0;
 }

@@ -15,6 +15,7 @@
 #include "support/Names.h"
 #include "support/Process.h"
 #include "support/SyslogCapture.h"
+#include "support/Threads.h"
 #include "tarvo.hpp"
 
 using namespace std::chrono_literals;
@@ -108,10 +109,7 @@ int RunClient(const Settings &settings, Channel &parent) {
     tarvo::Client client(
         settings.server, tarvo::Options().As("c"),
         tarvo::ClientOptions().OnUp([&](tarvo::PipeView) { ++ups; }).OnDown([&] { ++downs; }).Waits(1ms, 50ms));
-    std::vector<std::thread> callers;
-    for (int i = 0; i < settings.threads; ++i) {
-        callers.emplace_back([&, i] { CallUntil(end, client, i, tally); });
-    }
+    tarvo_test::Threads callers(settings.threads, [&](int number) { CallUntil(end, client, number, tally); });
     bool isWedged = false;
     // The parent says whose answer it wants next; another word ends the client.
     for (auto next = parent.Receive(); !isWedged && next && *next != "end"; next = parent.Receive()) {
@@ -123,9 +121,7 @@ int RunClient(const Settings &settings, Channel &parent) {
         parent.Send(isWedged ? "wedged" : "answered");
     }
     end = true;
-    for (std::thread &caller : callers) {
-        caller.join();
-    }
+    callers.Join();
     const double perKill = static_cast<double>(CountLines(log)) / settings.kills;
     fmt::print("{} kills: {} calls answered, {} refused while nobody served, {} broken off, {} timed out, {} wrong; "
                "{} connections, {} times down; {:.3f} log lines of other things a kill\n",

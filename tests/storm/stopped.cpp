@@ -21,6 +21,7 @@
 #include "storm/SoakPeers.h"
 #include "support/Names.h"
 #include "support/Process.h"
+#include "support/Threads.h"
 
 namespace storm {
 namespace {
@@ -31,7 +32,7 @@ using tarvo_test::ChildProcess;
 constexpr int OPEN_TIMEOUT_MS = 30000;
 constexpr int CALL_TIMEOUT_MS = 100;
 constexpr uint32_t CALL_SIZE = 24;
-constexpr unsigned CALLERS = 2;
+constexpr int CALLERS = 2;
 
 struct Options {
     double seconds = 3;
@@ -125,24 +126,19 @@ private:
     double Rate(const std::function<void(const std::atomic<bool> &)> &beside) {
         std::atomic<bool> over{false};
         std::atomic<uint64_t> calls{0};
-        std::vector<std::thread> threads;
-        for (unsigned i = 0; i < CALLERS; ++i) {
-            threads.emplace_back([&] {
-                while (!over) {
-                    Check(Ask(fds[2], Question(), CALL_SIZE, OPEN_TIMEOUT_MS).right, "a call of the running server");
-                    ++calls;
-                }
-            });
-        }
+        tarvo_test::Threads threads(CALLERS, [&](int) {
+            while (!over) {
+                Check(Ask(fds[2], Question(), CALL_SIZE, OPEN_TIMEOUT_MS).right, "a call of the running server");
+                ++calls;
+            }
+        });
         if (beside) {
-            threads.emplace_back([&] { beside(over); });
+            threads.Start([&] { beside(over); });
         }
         const int64_t start = Now();
         poll(nullptr, 0, static_cast<int>(options.seconds * 1000));
         over = true;
-        for (std::thread &thread : threads) {
-            thread.join();
-        }
+        threads.Join();
         return static_cast<double>(calls) / (Milliseconds(start) / 1000);
     }
 
@@ -164,20 +160,14 @@ private:
 
     // Calls of a stopped server with room in its FIFO end at their time-out.
     void CallSilent(const std::atomic<bool> &over) {
-        std::vector<std::thread> callers;
-        for (unsigned i = 0; i < CALLERS; ++i) {
-            callers.emplace_back([&] {
-                while (!over) {
-                    const int64_t start = Now();
-                    const int result = Ask(fds[1], Question(), CALL_SIZE, CALL_TIMEOUT_MS).result;
-                    lateness.Add(Milliseconds(start) - CALL_TIMEOUT_MS);
-                    Check(result == -ETIMEDOUT, "a call of a stopped server returned " + std::to_string(result));
-                }
-            });
-        }
-        for (std::thread &caller : callers) {
-            caller.join();
-        }
+        tarvo_test::OnThreads(CALLERS, [&](int) {
+            while (!over) {
+                const int64_t start = Now();
+                const int result = Ask(fds[1], Question(), CALL_SIZE, CALL_TIMEOUT_MS).result;
+                lateness.Add(Milliseconds(start) - CALL_TIMEOUT_MS);
+                Check(result == -ETIMEDOUT, "a call of a stopped server returned " + std::to_string(result));
+            }
+        });
     }
 
     void Report(double before, double during, double after) {

@@ -52,7 +52,7 @@ protected:
     PeerProcess clients_[CLIENTS];
 };
 
-TEST_F(ShutdownTest, ServerFinishesWithTrafficRunning) {
+TEST_F(ShutdownTest, ServerThatFinishesUnderTrafficEndsItsClientsCallsSoftly) {
     StartTraffic();
     EXPECT_EQ(server_.AskInt("exist"), 1);
     EXPECT_EQ(server_.Ask("finish"), "0");
@@ -65,7 +65,7 @@ TEST_F(ShutdownTest, ServerFinishesWithTrafficRunning) {
     EXPECT_EQ(server_.AskInt("send data=x fd=2"), -ENOENT);
 }
 
-TEST_F(ShutdownTest, ClientsFinishWithTrafficRunning) {
+TEST_F(ShutdownTest, ClientsThatFinishUnderTrafficEndTheirCallsSoftly) {
     StartTraffic();
     for (PeerProcess &client : clients_) {
         EXPECT_EQ(client.Ask("finish"), "0");

@@ -16,6 +16,7 @@
 #include "support/Asleep.h"
 #include "support/Eventually.h"
 #include "support/Reach.h"
+#include "support/Threads.h"
 
 namespace tarvo_test {
 
@@ -154,27 +155,20 @@ TEST_F(SharedMutexTest, ReadersSeeWhatWritersLeaveWhole) {
     int64_t first = 0;
     int64_t second = 0;
     std::atomic<bool> whole{true};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < WRITERS; ++i) {
-        threads.emplace_back([&] {
-            for (int round = 0; round < ROUNDS; ++round) {
-                const WriteLock lock(mutex);
-                ++first;
-                ++second;
-            }
-        });
-    }
-    for (int i = 0; i < READERS; ++i) {
-        threads.emplace_back([&] {
-            for (int round = 0; round < ROUNDS; ++round) {
-                const ReadLock lock(mutex);
-                whole = whole && first == second;
-            }
-        });
-    }
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
+    Threads writers(WRITERS, [&](int) {
+        for (int round = 0; round < ROUNDS; ++round) {
+            const WriteLock lock(mutex);
+            ++first;
+            ++second;
+        }
+    });
+    OnThreads(READERS, [&](int) {
+        for (int round = 0; round < ROUNDS; ++round) {
+            const ReadLock lock(mutex);
+            whole = whole && first == second;
+        }
+    });
+    writers.Join();
     EXPECT_TRUE(whole);
     EXPECT_EQ(first, WRITERS * ROUNDS);
     EXPECT_EQ(second, WRITERS * ROUNDS);

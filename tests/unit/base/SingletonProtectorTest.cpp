@@ -7,15 +7,16 @@
 #include <cstdlib>
 #include <future>
 #include <optional>
-#include <thread>
 #include <vector>
 
 #include "support/Process.h"
+#include "support/Threads.h"
 
 namespace {
 
 using tarvo_test::Channel;
 using tarvo_test::ChildProcess;
+using tarvo_test::Threads;
 
 struct Guarded {
     explicit Guarded(std::atomic<int> &count) : destroyed(count) {}
@@ -77,43 +78,33 @@ TEST_F(SingletonProtectorTest, ReadersMeetItsDisablingInAnyState) {
     std::atomic<bool> disabled{false};
     std::promise<void> go;
     const std::shared_future<void> start = go.get_future().share();
-    std::vector<std::thread> readers;
-    for (int i = 0; i < 3; ++i) {
-        readers.emplace_back([&, start] {
-            start.wait();
-            for (bool got = true; got;) {
-                const bool after = disabled;
-                got = protector->Get() != nullptr;
-                sawLate = sawLate || (after && got);
-            }
-        });
-    }
+    Threads readers(3, [&, start](int) {
+        start.wait();
+        for (bool got = true; got;) {
+            const bool after = disabled;
+            got = protector->Get() != nullptr;
+            sawLate = sawLate || (after && got);
+        }
+    });
     go.set_value();
     protector->Disable();
     disabled = true;
-    for (std::thread &reader : readers) {
-        reader.join();
-    }
+    readers.Join();
     EXPECT_FALSE(sawLate);
 }
 
 TEST_F(SingletonProtectorTest, ReadersMeetTheEndOfTheObjectInAnyState) {
     std::promise<void> go;
     const std::shared_future<void> start = go.get_future().share();
-    std::vector<std::thread> readers;
-    for (int i = 0; i < 3; ++i) {
-        readers.emplace_back([&, start] {
-            start.wait();
-            while (const auto held = protector->Get()) {
-                EXPECT_EQ(held->destroyed, 0);
-            }
-        });
-    }
+    Threads readers(3, [&, start](int) {
+        start.wait();
+        while (const auto held = protector->Get()) {
+            EXPECT_EQ(held->destroyed, 0);
+        }
+    });
     go.set_value();
     owner.reset();
-    for (std::thread &reader : readers) {
-        reader.join();
-    }
+    readers.Join();
     EXPECT_EQ(destroyed, 1);
 }
 

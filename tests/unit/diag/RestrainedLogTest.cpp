@@ -7,7 +7,6 @@
 #include <future>
 #include <mutex>
 #include <new>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -15,6 +14,7 @@
 #include "support/AllocFaults.h"
 #include "support/Faults.h"
 #include "support/Process.h"
+#include "support/Threads.h"
 #include "unit/diag/LogFixture.h"
 
 namespace {
@@ -194,26 +194,20 @@ TEST_F(RestrainedLogTest, TheLinesOneToNineShareOneLimit) {
 }
 
 TEST_F(RestrainedLogTest, EachThreadHasItsOwnLimit) {
-    constexpr unsigned count = 4;
+    constexpr int count = 4;
     std::mutex mutex;
     std::condition_variable allDone;
-    unsigned done = 0;
-    std::vector<std::thread> threads;
-    for (unsigned i = 0; i < count; ++i) {
-        threads.emplace_back([&] {
-            VelmSyslog(LOG_TYPE_TARVO_RESTRAINED, LOG_ERR, 40, "threads", "restrained");
-            VelmSyslog(LOG_TYPE_TARVO_RESTRAINED, LOG_ERR, 40, "threads", "restrained");
-            // The thread id is part of the key: nobody ends before all have written, lest an id be used again.
-            std::unique_lock<std::mutex> lock(mutex);
-            ++done;
-            allDone.notify_all();
-            allDone.wait(lock, [&] { return done == count; });
-        });
-    }
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(LineCount(), count);
+    int done = 0;
+    tarvo_test::OnThreads(count, [&](int) {
+        VelmSyslog(LOG_TYPE_TARVO_RESTRAINED, LOG_ERR, 40, "threads", "restrained");
+        VelmSyslog(LOG_TYPE_TARVO_RESTRAINED, LOG_ERR, 40, "threads", "restrained");
+        // The thread id is part of the key: nobody ends before all have written, lest an id be used again.
+        std::unique_lock<std::mutex> lock(mutex);
+        ++done;
+        allDone.notify_all();
+        allDone.wait(lock, [&] { return done == count; });
+    });
+    EXPECT_EQ(LineCount(), static_cast<std::size_t>(count));
     EXPECT_TRUE(Writes(40, "threads"));
 }
 
@@ -263,17 +257,11 @@ TEST_F(RestrainedLogTest, AnInsertReadsTheWallClockOnce) {
 TEST_F(RestrainedLogTest, OneOfManyThreadsWithTheSameKeyWrites) {
     ZoVelm::VelmRestrainedLog limiter;
     std::atomic<int> written{0};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&] {
-            for (unsigned long key = 0; key < 500; ++key) {
-                written += limiter.PrintTableInsert(key) == 0 ? 1 : 0;
-            }
-        });
-    }
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
+    tarvo_test::OnThreads(4, [&](int) {
+        for (unsigned long key = 0; key < 500; ++key) {
+            written += limiter.PrintTableInsert(key) == 0 ? 1 : 0;
+        }
+    });
     EXPECT_EQ(written, 500);
 }
 
@@ -315,7 +303,7 @@ TEST_F(RestrainedLogTest, SwitchedOffItStaysOff) {
     EXPECT_EQ(ChildProcess([](Channel &) { return SwitchOff(true); }).Wait(), 0);
 }
 
-TEST_F(RestrainedLogTest, MaySwitchOffBeforeTheFirstLine) {
+TEST_F(RestrainedLogTest, LogMayBeSwitchedOffBeforeTheFirstLine) {
     EXPECT_EQ(ChildProcess([](Channel &) { return SwitchOff(false); }).Wait(), 0);
 }
 
@@ -323,20 +311,14 @@ TEST_F(RestrainedLogTest, SwitchingOffMeetsWritersInAnyState) {
     const int code = ChildProcess([](Channel &) {
                          std::promise<void> go;
                          const std::shared_future<void> start = go.get_future().share();
-                         std::vector<std::thread> threads;
-                         for (int i = 0; i < 3; ++i) {
-                             threads.emplace_back([start] {
-                                 start.wait();
-                                 for (int line = 10; line < 300; ++line) {
-                                     VelmSyslog(LOG_TYPE_TARVO_RESTRAINED, LOG_ERR, line, "racing", "m");
-                                 }
-                             });
-                         }
+                         const tarvo_test::Threads threads(3, [start](int) {
+                             start.wait();
+                             for (int line = 10; line < 300; ++line) {
+                                 VelmSyslog(LOG_TYPE_TARVO_RESTRAINED, LOG_ERR, line, "racing", "m");
+                             }
+                         });
                          go.set_value();
                          VelmLogGetInstance(false);
-                         for (std::thread &thread : threads) {
-                             thread.join();
-                         }
                          return 0;
                      }).Wait();
     EXPECT_EQ(code, 0);

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "support/Faults.h"
+#include "support/Threads.h"
 #include "unit/diag/LogFixture.h"
 
 namespace {
@@ -270,17 +271,11 @@ TEST_F(VelmSyslogTest, LinesOfManyThreadsAreWrittenOneAtATimeAndWhole) {
         std::this_thread::yield();
         --writing;
     });
-    std::vector<std::thread> writers;
-    for (int i = 0; i < threads; ++i) {
-        writers.emplace_back([i] {
-            for (int n = 0; n < lines; ++n) {
-                VelmSyslog(LOG_TYPE_TARVO, LOG_ERR, n, "unit", "thread %d line %d", i, n);
-            }
-        });
-    }
-    for (std::thread &writer : writers) {
-        writer.join();
-    }
+    tarvo_test::OnThreads(threads, [](int number) {
+        for (int n = 0; n < lines; ++n) {
+            VelmSyslog(LOG_TYPE_TARVO, LOG_ERR, n, "unit", "thread %d line %d", number, n);
+        }
+    });
     EXPECT_EQ(overlaps, 0);
     EXPECT_EQ(log.Lines().size(), static_cast<std::size_t>(threads * lines));
     for (int i = 0; i < threads; ++i) {

@@ -24,6 +24,7 @@
 #include "diag/velm_syslog.h"
 #include "support/Names.h"
 #include "support/SyslogCapture.h"
+#include "support/Threads.h"
 
 namespace tarvo_test {
 namespace {
@@ -290,19 +291,13 @@ TEST(Faults, UnarmedFunctionsAreTheRealOnes) {
 
 TEST(Faults, ManyThreadsMayArmAndCall) {
     std::atomic<unsigned> failures{0};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&] {
-            for (int round = 0; round < 200; ++round) {
-                const ScopedFault fault(Call::Access, EACCES, Where().ThisThread());
-                failures += access("/", F_OK) == -1 ? 1 : 0;
-                failures += access("/", F_OK) == -1 ? 1 : 0;
-            }
-        });
-    }
-    for (std::thread &thread : threads) {
-        thread.join();
-    }
+    OnThreads(4, [&](int) {
+        for (int round = 0; round < 200; ++round) {
+            const ScopedFault fault(Call::Access, EACCES, Where().ThisThread());
+            failures += access("/", F_OK) == -1 ? 1 : 0;
+            failures += access("/", F_OK) == -1 ? 1 : 0;
+        }
+    });
     EXPECT_EQ(failures, 800U);
 }
 
