@@ -218,9 +218,7 @@ TEST_F(PipeCloseStressTest, OpenAndCloseAtOnceLeaveNothingBehind) {
         pipe->DeInitPipe();
         EXPECT_EQ(badCloses, 0);
         EXPECT_EQ(OwnFifoFiles(), std::vector<std::string>());
-        TarvoRequest request{};
-        TarvoResponse response{};
-        EXPECT_EQ(pipe->RecordOutRequest(request, response, 100), -EPIPE);
+        EXPECT_EQ(TryCall(pipe), -EPIPE);
         observer.DropTasks();
         log.Clear();
     }

@@ -65,8 +65,7 @@ TEST_F(PipeCloseTest, SecondCloseDoesNothing) {
         EXPECT_EQ(writeEnd.Count(), 1U);
         EXPECT_EQ(accesses.Count(), 0U);
         EXPECT_EQ(Troubles(), std::vector<std::string>());
-        peer.CloseRead();
-        peer.CloseWrite();
+        CloseRemote();
     }
 }
 
@@ -124,8 +123,7 @@ TEST_F(PipeCloseTest, FileThatCannotBeRemovedIsTold) {
         EXPECT_TRUE(log.ContainsExactly(LOG_WARNING, CleanLine(*file, EPERM)));
         EXPECT_EQ(OwnFifoFiles().size(), 1U);
         RemoveOwnFifoFiles();
-        peer.CloseRead();
-        peer.CloseWrite();
+        CloseRemote();
     }
 }
 
@@ -136,8 +134,7 @@ TEST_F(PipeCloseTest, FileThatIsGoneAlreadyIsNoTrouble) {
         EXPECT_EQ(pipe->CloseFd(), file == &writeFile ? -1 : 0);
         EXPECT_EQ(Troubles(), std::vector<std::string>());
         EXPECT_TRUE(OwnFifoFiles().empty());
-        peer.CloseRead();
-        peer.CloseWrite();
+        CloseRemote();
     }
 }
 
@@ -168,8 +165,7 @@ TEST_F(PipeCloseTest, CleanPipeRemovesTheFilesOfTheRemote) {
     EXPECT_TRUE(OwnFifoFiles().empty());
     EXPECT_EQ(Troubles(), std::vector<std::string>());
     // The pipe stays open.
-    char data[] = "still";
-    EXPECT_EQ(pipe->Send(TarvoRequest{1, data, 5}, 0), 0);
+    EXPECT_EQ(SendText(pipe, "still"), 0);
     EXPECT_EQ(peer.Receive().payload, "still");
     pipe->CleanPipe();
     EXPECT_EQ(removed.size(), 2U);
@@ -204,10 +200,8 @@ TEST_F(PipeCloseTest, ExceptionHandlerRemovesTheFilesOfEitherMode) {
         EXPECT_TRUE(OwnFifoFiles().empty());
         EXPECT_EQ(Troubles(), std::vector<std::string>());
         // Nothing is closed.
-        char data[] = "still";
-        EXPECT_EQ(pipe->Send(TarvoRequest{1, data, 5}, 0), 0);
-        peer.CloseRead();
-        peer.CloseWrite();
+        EXPECT_EQ(SendText(pipe, "still"), 0);
+        CloseRemote();
     }
 }
 
@@ -231,9 +225,7 @@ TEST_F(PipeCloseTest, CloseWakesEveryCallerThatWaits) {
     }
     EXPECT_EQ(log.CountExactly(LOG_ERR, "Self=" + self + ", Remote=" + remote + " failed. Caught exception."),
               static_cast<std::size_t>(CALLERS));
-    TarvoRequest request{};
-    TarvoResponse response{};
-    EXPECT_EQ(pipe->RecordOutRequest(request, response, 100), -EPIPE);
+    EXPECT_EQ(TryCall(pipe), -EPIPE);
 }
 
 TEST_F(PipeCloseTest, LastReferenceClosesThePipe) {

@@ -212,6 +212,25 @@ void PipeTest::OpenWithRemote(const Pipe &pipe, TarvoMode mode) {
     ASSERT_TRUE(observer.RunTask());
 }
 
+int PipeTest::TryCall(const Pipe &pipe) {
+    TarvoRequest request{};
+    TarvoResponse response{};
+    const int ret = pipe->RecordOutRequest(request, response, 100);
+    if (ret == 0) {
+        pipe->RemoveRequest(request);
+    }
+    return ret;
+}
+
+int PipeTest::SendText(const Pipe &pipe, std::string text) {
+    return pipe->Send(TarvoRequest{1, text.data(), static_cast<uint32_t>(text.size())}, 0);
+}
+
+void PipeTest::CloseRemote() {
+    peer.CloseRead();
+    peer.CloseWrite();
+}
+
 std::vector<std::string> PipeTest::Troubles() const {
     std::vector<std::string> messages;
     for (const LogLine &line : log.Lines()) {

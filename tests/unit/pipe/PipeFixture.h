@@ -104,6 +104,12 @@ protected:
     // The same for a pipe that is there already; `mode` must be its own.
     void OpenWithRemote(const Pipe &pipe, TarvoMode mode);
 
+    // What a call that is registered gets; one that was accepted is taken back.
+    static int TryCall(const Pipe &pipe);
+    // What sending a request with that text yields.
+    static int SendText(const Pipe &pipe, std::string text);
+    void CloseRemote();
+
     // The messages of warnings and errors, in order. The reports of slow operations are notices: whether there are any
     // depends on how busy the machine is.
     std::vector<std::string> Troubles() const;

@@ -75,8 +75,7 @@ TEST_F(PipeNamesTest, PathOf254CharactersIsUsed) {
     RawPeer longPeer(longName, self);
     longPeer.OpenBoth();
     ASSERT_TRUE(observer.RunTask());
-    char data[] = "far";
-    EXPECT_EQ(pipe->Send(TarvoRequest{1, data, 3}, 0), 0);
+    EXPECT_EQ(SendText(pipe, "far"), 0);
     EXPECT_EQ(longPeer.Receive().payload, "far");
     EXPECT_EQ(Troubles(), std::vector<std::string>());
 }
@@ -116,8 +115,7 @@ TEST_F(PipeNamesTest, PathsThatCouldNotBeFormedAreFormedAgainByTheOpen) {
     EXPECT_EQ(OpenDescriptors().at(ReadFd()), FifoPath(longName, self));
     RawPeer longPeer(longName, self);
     longPeer.OpenBoth();
-    char data[] = "far";
-    EXPECT_EQ(pipe->Send(TarvoRequest{1, data, 3}, 0), 0);
+    EXPECT_EQ(SendText(pipe, "far"), 0);
     EXPECT_EQ(longPeer.Receive().payload, "far");
 }
 

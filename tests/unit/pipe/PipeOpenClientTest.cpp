@@ -166,8 +166,7 @@ TEST_F(PipeOpenClientTest, RemoteThatComesLateIsWaitedFor) {
     peer.CreateFiles();
     EXPECT_EQ(opening.get(), 0);
     peer.OpenWrite();
-    char data[] = "late";
-    EXPECT_EQ(pipe->Send(TarvoRequest{1, data, 4}, 0), 0);
+    EXPECT_EQ(SendText(pipe, "late"), 0);
     EXPECT_EQ(peer.Receive().payload, "late");
 }
 

@@ -37,6 +37,13 @@ protected:
         }
         return false;
     }
+
+    // The background task of `pipe` on a thread; it sleeps by the clock when this returns.
+    static std::future<int> StartTask(const Pipe &pipe, const FakeClock &clock) {
+        auto task = std::async(std::launch::async, [pipe] { return TarvoPipeImpl::HandleServerOpen(pipe); });
+        EXPECT_TRUE(clock.WaitUntilWaiting(1));
+        return task;
+    }
 };
 
 TEST_F(PipeOpenServerTest, CreatesBothFilesAndWaitsForNobody) {
@@ -146,8 +153,7 @@ TEST_F(PipeOpenServerTest, RefusedBackgroundTaskLeavesThePipeOpen) {
     EXPECT_EQ(observer.Count(Report::OpenFailed), 0U);
     // The first send opens the write end then.
     peer.OpenBoth();
-    char data[] = "x";
-    EXPECT_EQ(pipe->Send(TarvoRequest{1, data, 1}, 0), 0);
+    EXPECT_EQ(SendText(pipe, "x"), 0);
 }
 
 TEST_F(PipeOpenServerTest, BackgroundTaskTriesEveryHalfSecondWithinTheBudget) {
@@ -228,8 +234,7 @@ TEST_F(PipeOpenServerTest, CloseEndsTheBackgroundTaskAtOnce) {
     const FakeClock frozen(FakeClock::Mode::Frozen);
     const Pipe pipe = MakePipe(Server(2000));
     EXPECT_EQ(pipe->TimedOpen(0), 0);
-    auto task = std::async(std::launch::async, [&] { return TarvoPipeImpl::HandleServerOpen(pipe); });
-    ASSERT_TRUE(frozen.WaitUntilWaiting(1));
+    auto task = StartTask(pipe, frozen);
     pipe->DeInitPipe();
     EXPECT_EQ(task.get(), -1);
     EXPECT_EQ(Troubles(), std::vector<std::string>());
@@ -239,11 +244,9 @@ TEST_F(PipeOpenServerTest, SendThatOpensTheWriteEndEndsTheBackgroundTask) {
     const FakeClock frozen(FakeClock::Mode::Frozen);
     const Pipe pipe = MakePipe(Server(2000));
     EXPECT_EQ(pipe->TimedOpen(0), 0);
-    auto task = std::async(std::launch::async, [&] { return TarvoPipeImpl::HandleServerOpen(pipe); });
-    ASSERT_TRUE(frozen.WaitUntilWaiting(1));
+    auto task = StartTask(pipe, frozen);
     peer.OpenBoth();
-    char data[] = "x";
-    EXPECT_EQ(pipe->Send(TarvoRequest{1, data, 1}, 0), 0);
+    EXPECT_EQ(SendText(pipe, "x"), 0);
     const int fd = task.get();
     EXPECT_EQ(OpenDescriptors().at(fd), writeFile);
 }
@@ -252,15 +255,13 @@ TEST_F(PipeOpenServerTest, BackgroundTaskOfAnEarlierOpeningEndsAndClosesNothing)
     const FakeClock frozen(FakeClock::Mode::Frozen);
     const Pipe pipe = MakePipe(Server(2000));
     EXPECT_EQ(pipe->TimedOpen(0), 0);
-    auto task = std::async(std::launch::async, [&] { return TarvoPipeImpl::HandleServerOpen(pipe); });
-    ASSERT_TRUE(frozen.WaitUntilWaiting(1));
+    auto task = StartTask(pipe, frozen);
     // The task sees neither: the pipe is open again before it has got the mutex.
     pipe->DeInitPipe();
     EXPECT_EQ(pipe->TimedOpen(0), 0);
     EXPECT_EQ(task.get(), -1);
     peer.OpenBoth();
-    char data[] = "x";
-    EXPECT_EQ(pipe->Send(TarvoRequest{1, data, 1}, 0), 0);
+    EXPECT_EQ(SendText(pipe, "x"), 0);
 }
 
 TEST_F(PipeOpenServerTest, FilesOfAnEarlierRunAreReplaced) {
@@ -309,8 +310,7 @@ TEST_F(PipeOpenServerTest, ProcessWithoutSpareDescriptorsOpensOnceItHasOne) {
     EXPECT_EQ(observer.Calls()[0].fd, HANDLE);
 
     OpenWithRemote(pipe, TARVO_MODE_SERVER);
-    char data[] = "recovered";
-    EXPECT_EQ(pipe->Send(TarvoRequest{1, data, 9}, 0), 0);
+    EXPECT_EQ(SendText(pipe, "recovered"), 0);
     EXPECT_EQ(peer.Receive().payload, "recovered");
 }
 
@@ -339,17 +339,11 @@ TEST_F(PipeOpenServerTest, RefusedRegistrationFailsTheOpen) {
 TEST_F(PipeOpenServerTest, CallsAreAcceptedFromTheOpenOn) {
     const FreshRestrainedLines fresh;
     const Pipe pipe = MakePipe(Server());
-    TarvoRequest request{};
-    TarvoResponse response{};
     // Before the pipe is known to others, whose calls would be refused.
-    observer.Do(Report::PipeOpened, [&](const ObserverCall &) {
-        EXPECT_EQ(pipe->RecordOutRequest(request, response, 100), 0);
-        pipe->RemoveRequest(request);
-    });
-    EXPECT_EQ(pipe->RecordOutRequest(request, response, 100), -EPIPE);
+    observer.Do(Report::PipeOpened, [&](const ObserverCall &) { EXPECT_EQ(TryCall(pipe), 0); });
+    EXPECT_EQ(TryCall(pipe), -EPIPE);
     EXPECT_EQ(pipe->TimedOpen(100), 0);
-    EXPECT_EQ(pipe->RecordOutRequest(request, response, 100), 0);
-    pipe->RemoveRequest(request);
+    EXPECT_EQ(TryCall(pipe), 0);
 }
 
 // With the file's name in front, as the two records are told apart by it.

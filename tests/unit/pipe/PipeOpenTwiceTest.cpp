@@ -29,8 +29,7 @@ protected:
     }
 
     void ExpectTraffic(const Pipe &pipe) {
-        char data[] = "traffic";
-        EXPECT_EQ(pipe->Send(TarvoRequest{1, data, 7}, 0), 0);
+        EXPECT_EQ(SendText(pipe, "traffic"), 0);
         EXPECT_EQ(peer.Receive().payload, "traffic");
     }
 };
@@ -45,8 +44,7 @@ TEST_F(PipeOpenTwiceTest, OpenPipeIsLeftAsItIs) {
         EXPECT_EQ(opens.Count() + creations.Count(), 0U);
         EXPECT_EQ(observer.Calls().size(), reports);
         ExpectTraffic(pipe);
-        peer.CloseRead();
-        peer.CloseWrite();
+        CloseRemote();
         EXPECT_EQ(pipe->CloseFd(), 0);
     }
 }
@@ -62,8 +60,7 @@ TEST_F(PipeOpenTwiceTest, ClosedPipeCanBeOpenedAgain) {
             EXPECT_EQ(pipe->RecordOutRequest(request, response, 100), 0);
             pipe->DeInitPipe();
             EXPECT_EQ(pipe->RecordOutRequest(request, response, 100), -EPIPE);
-            peer.CloseRead();
-            peer.CloseWrite();
+            CloseRemote();
         }
     }
     EXPECT_EQ(observer.Count(Report::PipeOpened), 6U);
@@ -159,9 +156,7 @@ TEST_F(PipeOpenTwiceTest, CloseWhileTheReadEndIsOpenedLeavesNothingBehind) {
         for (const auto &[fd, file] : OpenDescriptors()) {
             EXPECT_NE(file, mode == TARVO_MODE_SERVER ? writeFile : "");
         }
-        TarvoRequest request{};
-        TarvoResponse response{};
-        EXPECT_EQ(pipe->RecordOutRequest(request, response, 100), -EPIPE);
+        EXPECT_EQ(TryCall(pipe), -EPIPE);
     }
     EXPECT_EQ(observer.Count(Report::OpenFailed), 2U);
 }
@@ -197,8 +192,7 @@ TEST_F(PipeOpenTwiceTest, DescriptorIsNotClosedWhileItIsBeingRegistered) {
 
 TEST_F(PipeOpenTwiceTest, OpenDuringACloseComesAfterIt) {
     const Pipe pipe = OpenPipe(Attr(TARVO_MODE_SERVER));
-    peer.CloseRead();
-    peer.CloseWrite();
+    CloseRemote();
     std::future<int> opening;
     {
         // The close has closed its descriptors and is about to remove the files.
@@ -210,10 +204,7 @@ TEST_F(PipeOpenTwiceTest, OpenDuringACloseComesAfterIt) {
     }
     EXPECT_EQ(opening.get(), 0);
     EXPECT_EQ(OwnFifoFiles().size(), 2U);
-    TarvoRequest request{};
-    TarvoResponse response{};
-    EXPECT_EQ(pipe->RecordOutRequest(request, response, 100), 0);
-    pipe->RemoveRequest(request);
+    EXPECT_EQ(TryCall(pipe), 0);
 }
 
 } // namespace

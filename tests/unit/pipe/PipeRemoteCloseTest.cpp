@@ -34,11 +34,6 @@ protected:
                     [this](const ObserverCall &call) { steps.push_back("free " + call.worker); });
     }
 
-    void CloseRemote() {
-        peer.CloseRead();
-        peer.CloseWrite();
-    }
-
     std::vector<std::string> steps;
 };
 
@@ -61,8 +56,7 @@ TEST_F(PipeRemoteCloseTest, WithoutCallbackThePipeIsClosedAtOnce) {
     EXPECT_TRUE(PublicCloses().empty());
     EXPECT_TRUE(OwnFifoFiles().empty());
     EXPECT_EQ(Troubles(), std::vector<std::string>());
-    char data[] = "x";
-    EXPECT_EQ(pipe->Send(TarvoRequest{1, data, 1}, 0), -1);
+    EXPECT_EQ(SendText(pipe, "x"), -1);
 }
 
 TEST_F(PipeRemoteCloseTest, WithoutCallbackWaitingCallersAreWoken) {
@@ -285,20 +279,17 @@ TEST_F(PipeRemoteCloseTest, EndOfOneOpeningDoesNotCloseTheNext) {
     for (const TarvoMode mode : {TARVO_MODE_SERVER, TARVO_MODE_CLIENT}) {
         const Pipe pipe = OpenPipe(Attr(mode));
         const uint32_t before = pipe->Opening();
-        peer.CloseRead();
-        peer.CloseWrite();
+        CloseRemote();
         HandleNextEvent(pipe);
         OpenWithRemote(pipe, mode);
         ASSERT_NE(pipe->Opening(), before);
         const std::size_t reported = observer.Count(Report::RemoteClosed);
         pipe->HandleRemoteClosed(before);
         EXPECT_EQ(observer.Count(Report::RemoteClosed), reported);
-        char data[] = "still open";
-        EXPECT_EQ(pipe->Send(TarvoRequest{1, data, 10}, 0), 0);
+        EXPECT_EQ(SendText(pipe, "still open"), 0);
         EXPECT_EQ(peer.Receive().payload, "still open");
         pipe->DeInitPipe();
-        peer.CloseRead();
-        peer.CloseWrite();
+        CloseRemote();
     }
 }
 
@@ -314,8 +305,7 @@ TEST_F(PipeRemoteCloseTest, OpenDuringARemoteCloseComesAfterIt) {
             ASSERT_TRUE(asks.WaitFor(1));
             EXPECT_EQ(observer.Count(Report::PipeOpened), opened);
         });
-        peer.CloseRead();
-        peer.CloseWrite();
+        CloseRemote();
         HandleNextEvent(pipe);
         observer.Do(Report::RemoteClosed, nullptr);
         if (mode == TARVO_MODE_CLIENT) {
@@ -384,13 +374,9 @@ TEST_F(PipeRemoteCloseTest, ReopenedPipeWorksWithTheRemotesNextRun) {
     CloseRemote();
     HandleNextEvent(pipe);
     OpenWithRemote(pipe, TARVO_MODE_SERVER);
-    char data[] = "anew";
-    EXPECT_EQ(pipe->Send(TarvoRequest{1, data, 4}, 0), 0);
+    EXPECT_EQ(SendText(pipe, "anew"), 0);
     EXPECT_EQ(peer.Receive().payload, "anew");
-    TarvoRequest request{};
-    TarvoResponse response{};
-    EXPECT_EQ(pipe->RecordOutRequest(request, response, 100), 0);
-    pipe->RemoveRequest(request);
+    EXPECT_EQ(TryCall(pipe), 0);
 }
 
 // The remote is another process with the library: it opens its end, sends a request, and stays until it is told.

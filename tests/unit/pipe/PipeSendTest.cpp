@@ -66,8 +66,7 @@ TEST_F(PipeSendTest, FramesArriveOverPipesOfBothModes) {
         EXPECT_EQ(response.timeout, -1);
         EXPECT_EQ(response.payload, "answer");
         pipe->CloseFd();
-        peer.CloseRead();
-        peer.CloseWrite();
+        CloseRemote();
     }
 }
 
