@@ -58,7 +58,16 @@ protected:
         }
     }
 
+    // Ends the tasks that run and waits for Destroy.
+    void LetDestroyEnd() {
+        released.Open();
+        destroyed.Wait();
+    }
+
     void ExpectNoThreadLeft() {
+        if (destroyer) {
+            destroyer->Join();
+        }
         EXPECT_EQ(pool.NumWorkers(), 0U);
         ExpectThreadsAsBefore();
     }
@@ -107,10 +116,8 @@ TEST_F(WorkerPoolDestroyTest, ABusyAnonymousWorkerIsWaitedFor) {
     ASSERT_TRUE(joins.WaitFor(1)); // Destroy waits for the thread
     EXPECT_FALSE(destroyed.IsOpen());
     EXPECT_EQ(pool.NumWorkers(), 1U);
-    released.Open();
-    destroyed.Wait();
+    LetDestroyEnd();
     EXPECT_EQ(finished, 1);
-    destroyer->Join();
     ExpectNoThreadLeft();
 }
 
@@ -124,10 +131,8 @@ TEST_F(WorkerPoolDestroyTest, EveryBusyAnonymousWorkerIsWaitedFor) {
     BeginDestroy();
     ASSERT_TRUE(joins.WaitFor(1));
     EXPECT_FALSE(destroyed.IsOpen());
-    released.Open();
-    destroyed.Wait();
+    LetDestroyEnd();
     EXPECT_EQ(finished, workers);
-    destroyer->Join();
     ExpectNoThreadLeft();
 }
 
@@ -141,12 +146,10 @@ TEST_F(WorkerPoolDestroyTest, TheQueuesOfNamedWorkersAreDroppedAndTheirRunningTa
     BeginDestroy();
     ASSERT_TRUE(joins.WaitFor(1));
     EXPECT_FALSE(destroyed.IsOpen());
-    released.Open();
-    destroyed.Wait();
+    LetDestroyEnd();
     EXPECT_EQ(finished, 3);
     EXPECT_EQ(ran, 0);
     EXPECT_EQ(gone, 3 * QUEUED);
-    destroyer->Join();
     ExpectNoThreadLeft();
 }
 
@@ -157,12 +160,10 @@ TEST_F(WorkerPoolDestroyTest, ATaskQueuedBehindAnotherOnAnAnonymousWorkerIsDropp
     ASSERT_EQ(pool.GetWorker(), worker); // behind the task of the former name
     Queue(*worker);
     BeginDestroy();
-    released.Open();
-    destroyed.Wait();
+    LetDestroyEnd();
     EXPECT_EQ(finished, 1);
     EXPECT_EQ(ran, 0);
     EXPECT_EQ(gone, QUEUED);
-    destroyer->Join();
     ExpectNoThreadLeft();
 }
 
@@ -174,12 +175,10 @@ TEST_F(WorkerPoolDestroyTest, NamedAndAnonymousWorkersEndTogether) {
     Occupy(*named);
     Queue(*named);
     BeginDestroy();
-    released.Open();
-    destroyed.Wait();
+    LetDestroyEnd();
     EXPECT_EQ(finished, 2);
     EXPECT_EQ(ran, 0);
     EXPECT_EQ(gone, QUEUED);
-    destroyer->Join();
     ExpectNoThreadLeft();
 }
 
@@ -227,8 +226,7 @@ TEST_F(WorkerPoolDestroyTest, DroppedTasksMayComeBackToThePool) {
                                })] {}),
               0);
     BeginDestroy();
-    released.Open();
-    destroyed.Wait();
+    LetDestroyEnd();
     EXPECT_EQ(gone, 1);
 }
 
@@ -241,8 +239,7 @@ TEST_F(WorkerPoolDestroyTest, ARunningTaskMayComeBackToThePool) {
         EXPECT_EQ(pool.AllocWorker("b"), -EACCES);
     });
     BeginDestroy();
-    released.Open();
-    destroyed.Wait();
+    LetDestroyEnd();
     EXPECT_EQ(finished, 1);
 }
 
@@ -274,8 +271,7 @@ TEST_F(WorkerPoolDestroyTest, AnInterruptedWaitIsRepeated) {
     const ScopedFault interrupted(Call::SemWait, EINTR, Where().Times(3));
     BeginDestroy();
     ASSERT_TRUE(joins.WaitFor(1)); // the worker was found busy
-    released.Open();
-    destroyed.Wait();
+    LetDestroyEnd();
     EXPECT_EQ(finished, 1);
     EXPECT_EQ(waits.Count(), 4U);
 }

@@ -19,6 +19,27 @@ using testing::ElementsAre;
 
 namespace {
 
+// A thread that asks the pool for a worker.
+class Request {
+public:
+    explicit Request(WorkerPool &pool)
+        : thread([this, &pool] {
+              worker = pool.GetWorker();
+              served.Open();
+          }) {}
+
+    bool IsServed() { return served.IsOpen(); }
+    Worker *Await() {
+        served.Wait();
+        return worker;
+    }
+
+private:
+    Worker *worker = nullptr;
+    Gate served;
+    ScopedThread thread;
+};
+
 class WorkerPoolWaitTest : public LeakCheckedTest {
 protected:
     CallCounter waits{Call::SemWait};
@@ -28,17 +49,11 @@ TEST_F(WorkerPoolWaitTest, ARequestWaitsUntilASlotIsGivenBack) {
     WorkerPool pool(2, 0);
     Worker *first = pool.GetWorker();
     ASSERT_NE(pool.GetWorker(), nullptr);
-    Worker *third = nullptr;
-    Gate got;
-    ScopedThread waiter([&] {
-        third = pool.GetWorker();
-        got.Open();
-    });
+    Request third(pool);
     ASSERT_TRUE(waits.WaitFor(1));
-    EXPECT_FALSE(got.IsOpen());
+    EXPECT_FALSE(third.IsServed());
     EXPECT_EQ(pool.FreeWorker(*first), 0);
-    got.Wait();
-    EXPECT_EQ(third, first);
+    EXPECT_EQ(third.Await(), first);
 }
 
 TEST_F(WorkerPoolWaitTest, TheUrgentReserveIsThereWhileNormalRequestsWait) {
@@ -50,28 +65,22 @@ TEST_F(WorkerPoolWaitTest, TheUrgentReserveIsThereWhileNormalRequestsWait) {
         workers.push_back(pool.GetWorker());
     }
     EXPECT_EQ(pool.NumWorkers(), normal);
-    Worker *late = nullptr;
-    Gate got;
-    ScopedThread waiter([&] {
-        late = pool.GetWorker();
-        got.Open();
-    });
+    Request late(pool);
     ASSERT_TRUE(waits.WaitFor(1));
     for (unsigned slot = normal; slot < normal + urgent; ++slot) {
         workers.push_back(pool.GetUrgentWorker());
         EXPECT_EQ(pool.NumWorkers(), slot + 1); // the slot is the next one
     }
-    EXPECT_FALSE(got.IsOpen());
+    EXPECT_FALSE(late.IsServed());
     EXPECT_EQ(std::set<Worker *>(workers.begin(), workers.end()).size(), normal + urgent);
 
     // A release of an urgent slot is no help to a normal request.
     EXPECT_EQ(pool.FreeWorker(*workers.back()), 0);
     ASSERT_TRUE(waits.WaitFor(2));
-    EXPECT_FALSE(got.IsOpen());
+    EXPECT_FALSE(late.IsServed());
 
     EXPECT_EQ(pool.FreeWorker(*workers[700]), 0);
-    got.Wait();
-    EXPECT_EQ(late, workers[700]);
+    EXPECT_EQ(late.Await(), workers[700]);
     EXPECT_EQ(pool.NumWorkers(), normal + urgent);
 
     for (Worker *worker : workers) {
@@ -90,16 +99,12 @@ TEST_F(WorkerPoolWaitTest, AStaleReleaseLeadsToAnotherWait) {
     Worker *worker = pool.GetWorker();
     EXPECT_EQ(pool.FreeWorker(*worker), 0); // posted, and nobody waits
     ASSERT_EQ(pool.GetWorker(), worker);
-    Gate got;
-    ScopedThread waiter([&] {
-        EXPECT_EQ(pool.GetWorker(), worker);
-        got.Open();
-    });
+    Request request(pool);
     ASSERT_TRUE(waits.WaitFor(2)); // the first ended at once
-    EXPECT_FALSE(got.IsOpen());
+    EXPECT_FALSE(request.IsServed());
     EXPECT_EQ(log.CountExactly(LOG_ERR, "Find free slot failed: err = -28"), 1U); // restrained: written once
     EXPECT_EQ(pool.FreeWorker(*worker), 0);
-    got.Wait();
+    EXPECT_EQ(request.Await(), worker);
     EXPECT_EQ(log.Lines().size(), 1U);
 }
 
@@ -121,14 +126,10 @@ TEST_F(WorkerPoolWaitTest, AFailedWaitIsReportedAndTheRequestGoesOn) {
         EXPECT_EQ(pool.WaitForFreeWorker(), -EINVAL);
     }
     const ScopedFault failed(Call::SemWait, EINVAL);
-    Gate got;
-    ScopedThread waiter([&] {
-        EXPECT_EQ(pool.GetWorker(), worker);
-        got.Open();
-    });
+    Request request(pool);
     ASSERT_TRUE(log.WaitFor(LOG_ERR, "Wait for free worker failed: err = -22"));
     EXPECT_EQ(pool.FreeWorker(*worker), 0);
-    got.Wait();
+    EXPECT_EQ(request.Await(), worker);
     EXPECT_EQ(log.CountExactly(LOG_ERR, "Wait for free worker failed: err = -22"), 1U);
 }
 
