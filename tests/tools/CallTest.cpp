@@ -112,25 +112,29 @@ TEST_F(CallTest, InterruptEndsAnOpenThatNobodyMeets) {
     // A server's FIFO with a reader that never opens its end.
     const std::string path = FifoDirectory() + name;
     ASSERT_EQ(mkfifo(path.c_str(), 0660), 0);
-    const int reader = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    const Opened reader(path, O_RDONLY);
     ToolProcess call({"call", name, "x", "--open-timeout", "900s"});
-    pollfd entry = {reader, POLLIN, 0};
+    pollfd entry = {reader.Fd(), POLLIN, 0};
     ASSERT_EQ(poll(&entry, 1, 60000), 1) << "the connect packet";
     EXPECT_EQ(call.Interrupt().status, 130);
-    close(reader);
     unlink(path.c_str());
+}
+
+// The server dies now, and the client ends and says so.
+void ExpectToldOfDeath(ToolProcess &client, ToolServer &server, const std::string &told) {
+    server->Signal(SIGKILL);
+    const ToolResult result = client.Wait();
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.err, HasSubstr(told));
+    server->Wait();
+    RemoveOwnFifoFiles(); // of the server, which had no time to
 }
 
 TEST_F(CallTest, ServerThatDiesMeanwhileIsTold) {
     ToolServer server(name);
     ToolProcess call({"call", name, "x", "--no-timeout", "--repeat", "1000000000"});
     call.AwaitOut("x\n"); // both ends of the pipe are open
-    server->Signal(SIGKILL);
-    const ToolResult result = call.Wait();
-    EXPECT_EQ(result.status, 1);
-    EXPECT_THAT(result.err, HasSubstr("has closed the pipe or is gone"));
-    server->Wait();
-    RemoveOwnFifoFiles(); // of the server, which had no time to
+    ExpectToldOfDeath(call, server, "has closed the pipe or is gone");
 }
 
 TEST_F(CallTest, DataThatCannotBeSentIsRefused) {
@@ -181,12 +185,7 @@ TEST_F(SendTest, ServerThatDiesMeanwhileIsTold) {
     ToolServer server(name, {"--print"});
     ToolProcess send({"send", name, "x", "--repeat", "1000000000", "--interval", "1ms"});
     server->AwaitOut("x\n");
-    server->Signal(SIGKILL);
-    const ToolResult result = send.Wait();
-    EXPECT_EQ(result.status, 1);
-    EXPECT_THAT(result.err, HasSubstr("has closed the pipe or is gone; sent "));
-    server->Wait();
-    RemoveOwnFifoFiles(); // of the server, which had no time to
+    ExpectToldOfDeath(send, server, "has closed the pipe or is gone; sent ");
 }
 
 TEST_F(SendTest, DataThatCannotBeSentIsRefused) {
