@@ -29,24 +29,11 @@ namespace {
 constexpr int ASSERTION_FAILED = 99;
 constexpr int SIGNAL_BASE = 128;
 
-bool WriteAll(int fd, const char *data, std::size_t size) {
+// Repeats read or write until all the bytes have passed; false when it fails or ends before.
+template <typename Pass, typename Byte>
+bool PassAll(Pass pass, int fd, Byte *data, std::size_t size) {
     while (size > 0) {
-        const ssize_t count = ::write(fd, data, size);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count <= 0) {
-            return false;
-        }
-        data += count;
-        size -= static_cast<std::size_t>(count);
-    }
-    return true;
-}
-
-bool ReadAll(int fd, char *data, std::size_t size) {
-    while (size > 0) {
-        const ssize_t count = ::read(fd, data, size);
+        const ssize_t count = pass(fd, data, size);
         if (count < 0 && errno == EINTR) {
             continue;
         }
@@ -93,16 +80,17 @@ Channel::~Channel() {
 
 bool Channel::Send(const std::string &text) {
     const auto size = static_cast<uint32_t>(text.size());
-    return WriteAll(out, reinterpret_cast<const char *>(&size), sizeof(size)) && WriteAll(out, text.data(), size);
+    return PassAll(::write, out, reinterpret_cast<const char *>(&size), sizeof(size)) &&
+           PassAll(::write, out, text.data(), size);
 }
 
 std::optional<std::string> Channel::Receive() {
     uint32_t size = 0;
-    if (!ReadAll(in, reinterpret_cast<char *>(&size), sizeof(size))) {
+    if (!PassAll(::read, in, reinterpret_cast<char *>(&size), sizeof(size))) {
         return std::nullopt;
     }
     std::string text(size, '\0');
-    if (!ReadAll(in, text.data(), size)) {
+    if (!PassAll(::read, in, text.data(), size)) {
         return std::nullopt;
     }
     return text;
