@@ -4,62 +4,75 @@ set -euo pipefail
 
 usage() {
     cat <<'TEXT'
-Usage: scripts/bench.sh [--smoke] [--json FILE] [--svg FILE] [BENCH_PROCESS_OPTION...]
+Usage: scripts/bench.sh [--smoke | --quick | --whole] [--output DIR] [OPTION...]
 
-Installs what is missing, builds the benchmarks optimised and runs them: whole calls, of the library and of the other
-messaging systems that are installed, as a table of medians and ratios; then the single steps of a message. About half
-an hour on two cores; leave the machine alone meanwhile.
+Installs what is missing, builds the benchmarks optimised and runs them: whole calls, of the library, of the least
+programs of its topology and of the other messaging systems that are installed; urgent calls under stress; the single
+steps of a message. Leave the machine alone meanwhile. It prints how far it is and what is left.
 
-  --smoke      seconds, without the other systems: shows that everything runs, gives no figures worth keeping
-  --json FILE  the figures of the whole calls (default: build/bench/figures.json)
-  --svg FILE   a plot of them (default: build/bench/figures.svg)
+  --quick       about 40 minutes on two cores; the default
+  --whole       some four hours: more rounds, other systems in every scenario, 10 minutes of each kind under stress
+  --smoke       under 40 seconds once it is built: every scenario and contestant works; gives no figures
+  --output DIR  where figures.json, tables.txt, steps.txt and the plots go (default: build/bench/FORM)
+  --tables FILE print the tables of a figures.json and do nothing else
 
-Other options go to bench_process and leave the single steps out, for example:
+Other options choose what is measured and leave the single steps out, for example:
 
-  scripts/bench.sh --rounds 9 --contestants tarvo --scenarios call64,callers8 --cores one
+  scripts/bench.sh --rounds 9 --contestants tarvo --scenarios call64,callers8 --cores one --no-urgent
+  scripts/bench.sh --before ../other/build/release/src --contestants tarvo,tarvo-before
+  scripts/bench.sh --help-options
 TEXT
 }
 
 absolute() { case $1 in /*) echo "$1" ;; *) echo "$PWD/$1" ;; esac; }
 
-smoke=false json='' svg='' options=()
+form=quick output='' tables='' options=()
 while [[ $# -gt 0 ]]; do
     case $1 in
     -h | --help) usage && exit 0 ;;
-    --smoke) smoke=true ;;
-    --json | --svg)
+    --smoke | --quick | --whole) form=${1#--} ;;
+    --output | --tables | --before)
         [[ $# -ge 2 ]] || { usage >&2 && exit 2; }
-        printf -v "${1#--}" %s "$(absolute "$2")"
+        [[ $1 == --before ]] && options+=("$1" "$(absolute "$2")")
+        [[ $1 == --before ]] || printf -v "${1#--}" %s "$(absolute "$2")"
         shift
         ;;
+    --help-options) options=(--help) ;;
     *) options+=("$1") ;;
     esac
     shift
 done
 cd "$(dirname "$0")/.."
 
-build=build/bench peers=ON groups=(base bench peers) programs=(bench_process bench_library bench_worker bench_handle)
-if $smoke; then
-    peers=OFF groups=(base bench)
+build=build/bench output=${output:-$PWD/build/bench/$form}
+python=/usr/bin/python3 # the distribution's, which the modules are installed for
+scripts/install-deps.sh base bench peers
+if [[ -n $tables ]]; then
+    exec $python bench/run/tables.py "$tables"
 fi
-scripts/install-deps.sh "${groups[@]}"
 scripts/fifo-directory.sh
 mkdir -p $build
 echo "Building (log: $build.log)"
-{ cmake --preset release -B $build -DTARVO_BUILD_BENCH=ON -DTARVO_BENCH_PEERS=$peers -DTARVO_BUILD_TESTS=OFF \
+{ cmake --preset release -B $build -DTARVO_BUILD_BENCH=ON -DTARVO_BENCH_PEERS=ON -DTARVO_BUILD_TESTS=OFF \
     -DTARVO_BUILD_EXAMPLES=OFF -DTARVO_BUILD_TOOLS=OFF &&
-    cmake --build $build --target "${programs[@]}"; } >$build.log 2>&1 || { tail -n 50 $build.log >&2 && exit 1; }
+    cmake --build $build --target bench_contestants bench_steps; } >$build.log 2>&1 ||
+    { tail -n 50 $build.log >&2 && exit 1; }
 
-steps=(--benchmark_counters_tabular=true)
-if $smoke; then
-    options=(--quick "${options[@]}")
-    steps+=(--benchmark_min_time=0.001)
-elif [[ ${#options[@]} -gt 0 ]]; then
-    programs=(bench_process)
+# System calls are counted through the tracing file system, which not every machine has mounted: here, it is for the run.
+traced=()
+if [[ $EUID -eq 0 && ! -d /sys/kernel/tracing/events ]]; then
+    # shellcheck disable=SC2016 # for the inner shell
+    traced=(unshare --mount bash -c 'mount -t tracefs tracefs /sys/kernel/tracing || true; exec "$@"' bash)
 fi
-$build/bench/process/bench_process --json "${json:-$build/figures.json}" --svg "${svg:-$build/figures.svg}" \
-    "${options[@]}"
-for program in "${programs[@]:1}"; do
-    printf '\n== %s\n' "$program"
-    $build/bench/"$program" "${steps[@]}"
-done
+$python -m unittest discover -s bench/run -p 'test_*.py' >$build.tests.log 2>&1 || { cat $build.tests.log && exit 1; }
+"${traced[@]}" $python bench/run/bench.py --programs $build/bench/process --form "$form" --output "$output" "${options[@]}"
+
+[[ $form == smoke || ${#options[@]} -eq 0 ]] || exit 0
+steps=(--benchmark_counters_tabular=true)
+[[ $form != smoke ]] || steps+=(--benchmark_min_time=0.001)
+for program in $build/bench/bench_*; do
+    if [[ -f $program && -x $program ]]; then
+        printf '\n== %s\n' "${program##*/}"
+        "$program" "${steps[@]}"
+    fi
+done 2>&1 | tee "$output/steps.txt"

@@ -34,7 +34,8 @@ packages_of() {
     arm64) echo g++-aarch64-linux-gnu qemu-user-static libc6:arm64 libstdc++6:arm64 libselinux1-dev:arm64 \
         libgtest-dev:arm64 libgmock-dev:arm64 libfmt-dev:arm64 ;;
     tools) echo clang-format clang-tidy python3 ;;
-    bench) echo libbenchmark-dev nlohmann-json3-dev ;;
+    bench) echo libbenchmark-dev libcli11-dev nlohmann-json3-dev python3-matplotlib python3-numpy stress-ng rt-tests \
+        valgrind ;;
     peers) echo libzmq3-dev libnng-dev libsystemd-dev dbus-daemon libcapnp-dev capnproto libgrpc++-dev libprotobuf-dev \
         protobuf-compiler protobuf-compiler-grpc ;;
     packages) echo adduser dpkg-dev file groff-base lintian man-db mandoc systemd ;;

@@ -1,86 +1,52 @@
 #include "Contestant.h"
 
+#include <poll.h>
+
 #include <algorithm>
-#include <atomic>
 #include <cstring>
+
+#include "OneWayCount.h"
 
 namespace bench {
 
-namespace {
+void Server::Run(int stop) { AwaitReadable(stop); }
 
-std::atomic<uint64_t> oneWayMessages{0};
-
-} // namespace
-
-const std::vector<Contestant> &Contestants() {
-    static const std::vector<Contestant> found = {
-        TarvoContestant(),     FloorContestant(), FifoContestant(),
-#ifdef BENCH_WITH_ZEROMQ
-        ZeroMqContestant(),
-#endif
-#ifdef BENCH_WITH_NNG
-        NngContestant(),
-#endif
-#ifdef BENCH_WITH_SDBUS
-        SdBusContestant(),
-#endif
-#ifdef BENCH_WITH_DBUS
-        DbusContestant(),
-#endif
-#ifdef BENCH_WITH_CAPNPROTO
-        CapnProtoContestant(),
-#endif
-#ifdef BENCH_WITH_GRPC
-        GrpcContestant(),
-#endif
-    };
-    return found;
+bool Client::Call(std::size_t, const char *data, std::size_t size, uint64_t &word) {
+    std::vector<Answered> answers;
+    if (!Start(0, data, size)) {
+        return false;
+    }
+    while (answers.empty()) {
+        if (!Await(answers, NO_LIMIT)) {
+            return false;
+        }
+    }
+    word = answers.front().word;
+    return true;
 }
 
-const std::vector<const char *> &AbsentContestants() {
-    static const std::vector<const char *> absent = {
-#ifndef BENCH_WITH_ZEROMQ
-        "ZeroMQ",
-#endif
-#ifndef BENCH_WITH_NNG
-        "nng",
-#endif
-#ifndef BENCH_WITH_SDBUS
-        "sd-bus",
-#endif
-#ifndef BENCH_WITH_DBUS
-        "D-Bus daemon",
-#endif
-#ifndef BENCH_WITH_CAPNPROTO
-        "Cap'n Proto",
-#endif
-#ifndef BENCH_WITH_GRPC
-        "gRPC",
-#endif
-    };
-    return absent;
-}
+bool Client::Send(const char *, std::size_t) { return false; }
+bool Client::Start(uint64_t, const char *, std::size_t) { return false; }
+bool Client::Await(std::vector<Answered> &, int64_t) { return false; }
 
-Answer HandleMessage(const char *data, std::size_t size, uint64_t &countBuffer) {
-    if (size == 0) {
+Answer HandleMessage(const char *data, std::size_t size) {
+    if (size == 0 || data[0] == OP_ONE_WAY) {
+        OneWayCount::Handled();
         return {nullptr, 0};
     }
-    switch (data[0]) {
-    case OP_ECHO:
-        return {data, size};
-    case OP_COUNT:
-        countBuffer = oneWayMessages.load(std::memory_order_relaxed);
-        return {reinterpret_cast<const char *>(&countBuffer), sizeof(countBuffer)};
-    default:
-        oneWayMessages.fetch_add(1, std::memory_order_relaxed);
-        return {nullptr, 0};
-    }
+    return {data, size};
 }
 
 uint64_t FirstWord(const char *data, std::size_t size) {
     uint64_t word = 0;
     std::memcpy(&word, data, std::min(size, sizeof(word)));
     return word;
+}
+
+void AwaitReadable(int fd) {
+    pollfd event{fd, POLLIN, 0};
+    while (poll(&event, 1, -1) < 0) {
+    }
 }
 
 } // namespace bench

@@ -119,14 +119,15 @@ std::unique_ptr<Client> Connect(const std::string &endpoint, std::size_t lanes) 
 
 } // namespace
 
-Contestant DbusContestant() {
-    return {
-        "dbus",
-        "sd-bus through a dbus-daemon of its own, one server thread, a connection for each caller",
-        [](const std::string &endpoint) -> std::unique_ptr<Server> { return std::make_unique<DbusServer>(endpoint); },
-        [](const std::string &endpoint, const std::string &, std::size_t lanes) { return Connect(endpoint, lanes); },
-        true,
-        true};
+Contestant TheContestant() {
+    return {"dbus",
+            "sd-bus through a dbus-daemon of its own, one server thread, a connection for each caller",
+            BENCH_VERSION,
+            LANES | ONE_WAY | WINDOW | CONNECTS | MANY_CLIENTS,
+            "threads",
+            false,
+            [](const Place &place) -> std::unique_ptr<Server> { return std::make_unique<DbusServer>(place.endpoint); },
+            [](const Place &place) { return Connect(place.endpoint, place.lanes); }};
 }
 
 } // namespace bench

@@ -43,8 +43,7 @@ private:
         char buffer[MAX_PAYLOAD];
         for (;;) {
             const ssize_t size = read(in, buffer, sizeof(buffer));
-            uint64_t count = 0;
-            const Answer answer = HandleMessage(buffer, size > 0 ? static_cast<std::size_t>(size) : 0, count);
+            const Answer answer = HandleMessage(buffer, size > 0 ? static_cast<std::size_t>(size) : 0);
             if (answer.size > 0 && write(out, answer.data, answer.size) < 0) {
                 return;
             }
@@ -76,9 +75,6 @@ public:
         return true;
     }
 
-    // Without a head the reader could not tell one message from the next.
-    bool Send(const char *, std::size_t) override { return false; }
-
 private:
     const int out;
     const int in;
@@ -86,16 +82,15 @@ private:
 
 } // namespace
 
-Contestant FifoContestant() {
-    return {
-        "fifo",
-        "two processes, blocking read and write, one message under way",
-        [](const std::string &endpoint) -> std::unique_ptr<Server> { return std::make_unique<FifoServer>(endpoint); },
-        [](const std::string &endpoint, const std::string &, std::size_t) -> std::unique_ptr<Client> {
-            return std::make_unique<FifoClient>(endpoint);
-        },
-        false,
-        false};
+Contestant TheContestant() {
+    return {"fifo",
+            "two processes, blocking read and write, one message under way",
+            "",
+            0,
+            "threads",
+            false,
+            [](const Place &place) -> std::unique_ptr<Server> { return std::make_unique<FifoServer>(place.endpoint); },
+            [](const Place &place) -> std::unique_ptr<Client> { return std::make_unique<FifoClient>(place.endpoint); }};
 }
 
 } // namespace bench

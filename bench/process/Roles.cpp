@@ -1,55 +1,26 @@
 #include "Roles.h"
 
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
-#include <cinttypes>
-#include <cmath>
-#include <cstdio>
-#include <cstring>
-#include <ctime>
+#include <fstream>
+#include <iostream>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
-#include <thread>
 
-#include "Contestant.h"
+#include "OneWayCount.h"
 #include "SyscallCount.h"
+#include "Time.h"
 
 namespace bench {
 
 namespace {
 
-constexpr std::size_t WARM_UP_CALLS = 200;
-constexpr std::size_t UNANSWERED_MESSAGES = 500;
-// One operation in so many is done once more, for its system calls; at least these.
-constexpr std::size_t COUNTED_PART = 10;
-constexpr std::size_t LEAST_COUNTED = 10;
+using nlohmann::json;
 
-const Contestant &Find(const std::string &name) {
-    for (const Contestant &contestant : Contestants()) {
-        if (name == contestant.name) {
-            return contestant;
-        }
-    }
-    throw std::runtime_error("no such contestant: " + name);
-}
-
-int64_t Nanoseconds(clockid_t clock) {
-    timespec now{};
-    clock_gettime(clock, &now);
-    return now.tv_sec * INT64_C(1000000000) + now.tv_nsec;
-}
-
-// User and system time of some processes, all threads.
-int64_t ProcessorTime(const std::vector<pid_t> &processes) {
-    int64_t sum = 0;
-    for (const pid_t process : processes) {
-        clockid_t clock = CLOCK_PROCESS_CPUTIME_ID;
-        sum += clock_getcpuclockid(process, &clock) == 0 ? Nanoseconds(clock) : 0;
-    }
-    return sum;
-}
+void Say(const json &what) { std::cout << what.dump() << std::endl; }
 
 void RaiseDescriptorLimit() {
     rlimit limit{};
@@ -58,232 +29,95 @@ void RaiseDescriptorLimit() {
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-void SayReady(const std::vector<pid_t> &processes = {}) {
-    std::printf("ready");
-    for (const pid_t process : processes) {
-        std::printf(" %d", process);
+void LockMemory(const Role &role) {
+    if (role.lockMemory && mlockall(MCL_CURRENT | MCL_FUTURE | MCL_ONFAULT) != 0) {
+        throw std::runtime_error("no right to lock memory");
     }
-    std::printf("\n");
-    std::fflush(stdout);
 }
 
-// Blocks until the parent says go; false when it is gone.
-bool AwaitLine() {
-    char letter = 0;
-    while (read(STDIN_FILENO, &letter, 1) == 1) {
-        if (letter == '\n') {
-            return true;
-        }
+void WriteSamples(const std::string &path, const std::vector<int64_t> &samples) {
+    std::ofstream file(path, std::ios::binary);
+    file.write(reinterpret_cast<const char *>(samples.data()),
+               static_cast<std::streamsize>(samples.size() * sizeof(int64_t)));
+    if (!file.flush()) {
+        throw std::runtime_error("cannot write " + path);
     }
-    return false;
 }
 
-struct Outcome {
-    std::vector<int64_t> latencies; // ns
-    int64_t begin = 0;
-    int64_t end = 0;
-    std::size_t operations = 0;
-};
-
-class Session {
-public:
-    Session(const Contestant &owner, const ChildOptions &childOptions)
-        : contestant(owner), options(childOptions), payload(MAX_PAYLOAD, '\x5A') {}
-
-    void Connect() {
-        for (std::size_t i = 0; i < options.task.pipes; ++i) {
-            clients.push_back(
-                contestant.connect(options.endpoint, options.self + "p" + std::to_string(i), options.task.lanes));
-        }
+void Report(const Role &role, const Outcome &outcome) {
+    if (!role.samples.empty()) {
+        WriteSamples(role.samples, outcome.latencies);
     }
-
-    Outcome Run(std::size_t count) {
-        const std::string &kind = options.task.kind;
-        return kind == "oneway" ? OneWay(count) : kind == "connect" ? Connects(count) : Calls(count);
+    if (!role.samples.empty() && !outcome.services.empty()) {
+        WriteSamples(role.samples + ".services", outcome.services);
     }
-
-    Outcome Calls(std::size_t count) {
-        Outcome outcome;
-        std::vector<std::vector<int64_t>> perLane(options.task.lanes);
-        outcome.begin = Nanoseconds(CLOCK_MONOTONIC);
-        if (options.task.lanes == 1) {
-            CallFrom(0, count, perLane[0]);
-        } else {
-            outcome.begin = CallFromThreads(count, perLane);
-        }
-        outcome.end = Nanoseconds(CLOCK_MONOTONIC);
-        for (const std::vector<int64_t> &lane : perLane) {
-            outcome.latencies.insert(outcome.latencies.end(), lane.begin(), lane.end());
-        }
-        outcome.operations = outcome.latencies.size();
-        return outcome;
-    }
-
-    // Ends when the server has counted every message.
-    Outcome OneWay(std::size_t count) {
-        Outcome outcome;
-        const uint64_t expected = Count() + count;
-        payload[0] = OP_ONE_WAY;
-        outcome.begin = Nanoseconds(CLOCK_MONOTONIC);
-        for (std::size_t i = 0; i < count; ++i) {
-            Require(clients.back()->Send(payload.data(), options.task.size));
-            if (i % UNANSWERED_MESSAGES == UNANSWERED_MESSAGES - 1) {
-                Count(); // as senders have to: a worker's queue takes 1000, and what comes on top is dropped
-            }
-        }
-        while (Count() < expected) {
-            std::this_thread::yield();
-        }
-        outcome.end = Nanoseconds(CLOCK_MONOTONIC);
-        outcome.operations = count;
-        return outcome;
-    }
-
-    Outcome Connects(std::size_t count) {
-        Outcome outcome;
-        outcome.begin = Nanoseconds(CLOCK_MONOTONIC);
-        for (std::size_t i = 0; i < count; ++i) {
-            const int64_t start = Nanoseconds(CLOCK_MONOTONIC);
-            clients.push_back(
-                contestant.connect(options.endpoint, options.self + "c" + std::to_string(clients.size()), 1));
-            CallOnce(0);
-            outcome.latencies.push_back(Nanoseconds(CLOCK_MONOTONIC) - start);
-        }
-        outcome.end = Nanoseconds(CLOCK_MONOTONIC);
-        outcome.operations = count;
-        return outcome;
-    }
-
-private:
-    static void Require(bool succeeded) {
-        if (!succeeded) {
-            throw std::runtime_error("a call failed");
-        }
-    }
-
-    uint64_t CallOnce(std::size_t lane) {
-        uint64_t word = 0;
-        Require(clients.back()->Call(lane, payload.data(), options.task.size, word));
-        return word;
-    }
-
-    uint64_t Count() {
-        uint64_t word = 0;
-        const char question[8] = {OP_COUNT};
-        Require(clients.back()->Call(0, question, sizeof(question), word));
-        return word;
-    }
-
-    // When the calls began, which is when every thread had made one: contestants may set a thread up then.
-    int64_t CallFromThreads(std::size_t count, std::vector<std::vector<int64_t>> &perLane) {
-        std::atomic<std::size_t> prepared{0};
-        std::atomic<bool> go{false};
-        std::vector<std::thread> threads;
-        for (std::size_t lane = 0; lane < options.task.lanes; ++lane) {
-            threads.emplace_back([this, lane, count, &perLane, &prepared, &go] {
-                CallOnce(lane);
-                ++prepared;
-                while (!go) {
-                    std::this_thread::yield();
-                }
-                CallFrom(lane, count, perLane[lane]);
-            });
-        }
-        while (prepared < options.task.lanes) {
-            std::this_thread::yield();
-        }
-        const int64_t begin = Nanoseconds(CLOCK_MONOTONIC);
-        go = true;
-        for (std::thread &thread : threads) {
-            thread.join();
-        }
-        return begin;
-    }
-
-    void CallFrom(std::size_t lane, std::size_t count, std::vector<int64_t> &latencies) {
-        latencies.resize(count); // the memory is touched before the measurement
-        const uint64_t expected = FirstWord(payload.data(), options.task.size);
-        for (std::size_t i = 0; i < count; ++i) {
-            const int64_t start = Nanoseconds(CLOCK_MONOTONIC);
-            const uint64_t word = CallOnce(lane);
-            latencies[i] = Nanoseconds(CLOCK_MONOTONIC) - start;
-            Require(word == expected);
-        }
-    }
-
-    const Contestant &contestant;
-    const ChildOptions &options;
-    std::vector<char> payload;
-    std::vector<std::unique_ptr<Client>> clients;
-
-public:
-    void UseEcho() { payload[0] = OP_ECHO; }
-};
-
-int64_t Percentile(const std::vector<int64_t> &sorted, double part) {
-    if (sorted.empty()) {
-        return 0;
-    }
-    const auto index = static_cast<std::size_t>(std::ceil(part * static_cast<double>(sorted.size()))) - 1;
-    return sorted[std::min(index, sorted.size() - 1)];
-}
-
-void Print(Outcome &outcome, int64_t processorTime) {
-    std::sort(outcome.latencies.begin(), outcome.latencies.end());
-    std::printf("operations=%zu begin=%" PRId64 " end=%" PRId64 " p50=%" PRId64 " p99=%" PRId64 " p999=%" PRId64
-                " cpu=%" PRId64 "\n",
-                outcome.operations, outcome.begin, outcome.end, Percentile(outcome.latencies, 0.5),
-                Percentile(outcome.latencies, 0.99), Percentile(outcome.latencies, 0.999), processorTime);
-    std::fflush(stdout);
+    Say({{"operations", outcome.operations},
+         {"begin", outcome.begin},
+         {"end", outcome.end},
+         {"own_time", outcome.ownTime},
+         {"server_time", outcome.serverTime}});
 }
 
 // In a run of its own: a counter slows every system call of the machine down.
-void CountSyscalls(Session &session, std::size_t count, const std::vector<pid_t> &processes) {
+void CountSyscalls(const Role &role, Session &session, std::size_t count) {
+    std::vector<pid_t> processes = role.servers;
+    processes.push_back(getpid());
     const SyscallCount syscalls(processes);
-    const Outcome outcome = session.Run(count);
-    std::printf("operations=%zu syscalls=%" PRId64 "\n", outcome.operations, syscalls.Read());
-    std::fflush(stdout);
+    const Outcome outcome = session.RunExactly(count);
+    Say({{"operations", outcome.operations}, {"syscalls", syscalls.Read()}});
 }
 
 } // namespace
 
-int RunServer(const ChildOptions &options) {
-    RaiseDescriptorLimit();
-    const std::unique_ptr<Server> server = Find(options.contestant).serve(options.endpoint);
-    std::vector<pid_t> processes = server->Helpers();
-    processes.push_back(getpid());
-    SayReady(processes);
-    AwaitLine();
+int Describe() {
+    const Contestant contestant = TheContestant();
+    Say({{"name", contestant.name},
+         {"remark", contestant.remark},
+         {"version", contestant.version},
+         {"abilities", contestant.abilities},
+         {"design", contestant.design},
+         {"floor", contestant.floor},
+         {"build", BENCH_BUILD}});
     return 0;
 }
 
-int RunClient(const ChildOptions &options) {
+int RunServer(const Role &role) {
     RaiseDescriptorLimit();
-    const Contestant &contestant = Find(options.contestant);
-    Session session(contestant, options);
-    session.UseEcho();
-    const std::string &kind = options.task.kind;
-    if (kind != "connect") {
-        session.Connect();
-        session.Calls(WARM_UP_CALLS);
-    }
-    SayReady();
-    if (!AwaitLine()) {
-        return 1;
-    }
-    std::vector<pid_t> processes = options.serverPids;
+    OneWayCount::Create(role.place.endpoint);
+    LockMemory(role);
+    const std::unique_ptr<Server> server = TheContestant().serve(role.place);
+    std::vector<pid_t> processes = server->Helpers();
     processes.push_back(getpid());
-    const int64_t before = ProcessorTime(processes);
-    Outcome outcome = session.Run(options.task.count);
-    const int64_t after = ProcessorTime(processes);
-    Print(outcome, after - before);
-    // The connections stay until all have measured.
-    if (AwaitLine()) {
-        CountSyscalls(session, std::max(options.task.count / COUNTED_PART, LEAST_COUNTED), processes);
-        AwaitLine();
+    Say({{"processes", processes}});
+    server->Run(STDIN_FILENO);
+    OneWayCount::Remove(role.place.endpoint);
+    return 0;
+}
+
+int RunClient(const Role &role) {
+    RaiseDescriptorLimit();
+    LockMemory(role);
+    const Contestant contestant = TheContestant();
+    Session session(contestant, role.place, role.task, role.servers);
+    session.Connect();
+    session.WarmUp();
+    Say({{"ready", true}});
+    std::string command;
+    int64_t argument = 0;
+    while (std::cin >> command >> argument) {
+        if (command == "run") {
+            Report(role, session.Run(argument));
+        } else if (command == "count") {
+            CountSyscalls(role, session, static_cast<std::size_t>(argument));
+        }
     }
     // Not through the destructors: receive threads of the contestants may still be at work on the connections.
     _exit(0);
+}
+
+int RunBusy() {
+    for (volatile unsigned i = 0;; i = i + 1) {
+    }
 }
 
 } // namespace bench

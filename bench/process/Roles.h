@@ -1,38 +1,35 @@
-// The child processes of the benchmark.
+// The child processes of the benchmark, which scripts of bench/run start.
 #ifndef TARVO_BENCH_PROCESS_ROLES_H
 #define TARVO_BENCH_PROCESS_ROLES_H
 
 #include <sys/types.h>
 
-#include <cstddef>
 #include <string>
 #include <vector>
 
+#include "Contestant.h"
+#include "Task.h"
+
 namespace bench {
 
-// What one client process does.
-struct ClientTask {
-    std::string kind; // "call", "oneway" or "connect"
-    std::size_t size = 64;
-    std::size_t count = 1000;
-    std::size_t lanes = 1;
-    std::size_t pipes = 1; // open at the same time, the calls going over the last one
+struct Role {
+    Place place;
+    Task task;
+    std::vector<pid_t> servers;
+    bool oneCore = false;    // on the last core that this process may use
+    bool lockMemory = false; // as a real-time program does
+    std::string samples;     // the file that takes a client's latencies, and with ".services" added the other ones
 };
 
-struct ChildOptions {
-    std::string role;
-    std::string contestant;
-    std::string endpoint;
-    std::string self;
-    std::vector<pid_t> serverPids;
-    ClientTask task;
-};
-
-// Both write a line "ready" to standard output when they are set up; the server adds the process ids of those that
-// work for it, and its own. It ends when its standard input does; the
-// client then waits for a line on it, runs its task and writes one line of `key=value` words. Exit status.
-int RunServer(const ChildOptions &options);
-int RunClient(const ChildOptions &options);
+// One line of JSON that says what the contestant is.
+int Describe();
+// Says {"processes": [...]}, which work for it, and serves until its standard input ends.
+int RunServer(const Role &role);
+// Connects, says {"ready": true} and waits for lines on its standard input: "run T" runs the task from the moment T of
+// the monotonic clock, "count N" runs N operations and counts their system calls. Each is answered with a line of JSON.
+int RunClient(const Role &role);
+// Uses its core until it is killed.
+int RunBusy();
 
 } // namespace bench
 

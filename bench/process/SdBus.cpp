@@ -1,5 +1,10 @@
 #include "SdBus.h"
 
+#include <algorithm>
+#include <memory>
+
+#include "Time.h"
+
 namespace bench {
 
 namespace {
@@ -7,7 +12,14 @@ namespace {
 constexpr char OBJECT[] = "/bench";
 constexpr char INTERFACE[] = "bench.Echo";
 constexpr char MEMBER[] = "Call";
-constexpr uint64_t NO_LIMIT = UINT64_MAX;
+constexpr uint64_t NO_LIMIT_USEC = UINT64_MAX;
+
+uint64_t WordOf(sd_bus_message *reply) {
+    const void *answer = nullptr;
+    std::size_t size = 0;
+    sd_bus_message_read_array(reply, 'y', &answer, &size);
+    return FirstWord(static_cast<const char *>(answer), size);
+}
 
 int OnMessage(sd_bus_message *message, void *, sd_bus_error *) {
     if (sd_bus_message_is_method_call(message, INTERFACE, MEMBER) <= 0) {
@@ -16,8 +28,7 @@ int OnMessage(sd_bus_message *message, void *, sd_bus_error *) {
     const void *data = nullptr;
     std::size_t size = 0;
     sd_bus_message_read_array(message, 'y', &data, &size);
-    uint64_t count = 0;
-    const Answer answer = HandleMessage(static_cast<const char *>(data), size, count);
+    const Answer answer = HandleMessage(static_cast<const char *>(data), size);
     if (answer.size == 0) {
         return 1;
     }
@@ -35,11 +46,17 @@ void ServeSdBus(sd_bus *bus) {
     sd_bus_add_filter(bus, nullptr, OnMessage, nullptr);
     for (;;) {
         const int ret = sd_bus_process(bus, nullptr);
-        if (ret < 0 || (ret == 0 && sd_bus_wait(bus, NO_LIMIT) < 0)) {
+        if (ret < 0 || (ret == 0 && sd_bus_wait(bus, NO_LIMIT_USEC) < 0)) {
             break;
         }
     }
     sd_bus_close_unref(bus);
+}
+
+SdBusClient::~SdBusClient() {
+    for (sd_bus *bus : buses) {
+        sd_bus_close_unref(bus);
+    }
 }
 
 bool SdBusClient::Call(std::size_t lane, const char *data, std::size_t size, uint64_t &word) {
@@ -50,12 +67,36 @@ bool SdBusClient::Call(std::size_t lane, const char *data, std::size_t size, uin
     if (ret < 0) {
         return false;
     }
-    const void *answer = nullptr;
-    std::size_t answerSize = 0;
-    sd_bus_message_read_array(reply, 'y', &answer, &answerSize);
-    word = FirstWord(static_cast<const char *>(answer), answerSize);
+    word = WordOf(reply);
     sd_bus_message_unref(reply);
     return true;
+}
+
+bool SdBusClient::Start(uint64_t token, const char *data, std::size_t size) {
+    sd_bus_message *message = Message(0, data, size);
+    const int ret = sd_bus_call_async(buses[0], nullptr, message, OnAnswer, new Started{this, token}, NO_LIMIT_USEC);
+    sd_bus_message_unref(message);
+    return ret >= 0;
+}
+
+int SdBusClient::OnAnswer(sd_bus_message *reply, void *context, sd_bus_error *) {
+    const std::unique_ptr<Started> started(static_cast<Started *>(context));
+    started->client->failed = started->client->failed || sd_bus_message_is_method_error(reply, nullptr) > 0;
+    started->client->answered.push_back({started->token, WordOf(reply)});
+    return 1;
+}
+
+bool SdBusClient::Await(std::vector<Answered> &answers, int64_t until) {
+    while (answered.empty() && !failed && Now() < until) {
+        const int processed = sd_bus_process(buses[0], nullptr);
+        const auto left = static_cast<uint64_t>(std::max(int64_t{0}, until - Now()) / 1000);
+        if (processed < 0 || (processed == 0 && sd_bus_wait(buses[0], until == NO_LIMIT ? NO_LIMIT_USEC : left) < 0)) {
+            return false;
+        }
+    }
+    answers.insert(answers.end(), answered.begin(), answered.end());
+    answered.clear();
+    return !failed;
 }
 
 bool SdBusClient::Send(const char *data, std::size_t size) {

@@ -38,7 +38,8 @@ public:
     explicit SdBusServer(const std::string &endpoint) {
         const sockaddr_un address = Address(endpoint);
         const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0 || listen(fd, 64) != 0) {
+        if (bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0 ||
+            listen(fd, SOMAXCONN) != 0) {
             throw std::runtime_error("bind");
         }
         std::thread([fd] {
@@ -77,14 +78,15 @@ std::unique_ptr<Client> Connect(const std::string &endpoint, std::size_t lanes) 
 
 } // namespace
 
-Contestant SdBusContestant() {
-    return {
-        "sd-bus",
-        "point to point, a connection and a server thread for each caller",
-        [](const std::string &endpoint) -> std::unique_ptr<Server> { return std::make_unique<SdBusServer>(endpoint); },
-        [](const std::string &endpoint, const std::string &, std::size_t lanes) { return Connect(endpoint, lanes); },
-        true,
-        true};
+Contestant TheContestant() {
+    return {"sd-bus",
+            "point to point, a connection and a server thread for each caller",
+            BENCH_VERSION,
+            LANES | ONE_WAY | WINDOW | CONNECTS | MANY_CLIENTS,
+            "threads",
+            false,
+            [](const Place &place) -> std::unique_ptr<Server> { return std::make_unique<SdBusServer>(place.endpoint); },
+            [](const Place &place) { return Connect(place.endpoint, place.lanes); }};
 }
 
 } // namespace bench

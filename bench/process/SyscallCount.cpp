@@ -30,6 +30,7 @@ int OpenCounter(int64_t tracepoint, pid_t thread) {
     attr.type = PERF_TYPE_TRACEPOINT;
     attr.size = sizeof(attr);
     attr.config = static_cast<uint64_t>(tracepoint);
+    attr.inherit = 1; // threads that the thread starts count with it
     return static_cast<int>(syscall(SYS_perf_event_open, &attr, thread, -1, -1, PERF_FLAG_FD_CLOEXEC));
 }
 

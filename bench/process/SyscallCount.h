@@ -8,8 +8,9 @@
 
 namespace bench {
 
-// Counts the system calls that all present threads of some processes make, with the kernel's own counter of the
-// raw_syscalls:sys_enter tracepoint: nothing is stopped or traced, so the counted program runs as it always does.
+// Counts the system calls of some processes, of all their present threads and of those they start meanwhile, with the
+// kernel's own counter of the raw_syscalls:sys_enter tracepoint: nothing is stopped or traced, so the counted program
+// runs as it always does.
 // Owns: the counters. Threads: one. Locks: none. Ends: any time.
 class SyscallCount {
 public:

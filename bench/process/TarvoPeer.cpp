@@ -18,8 +18,7 @@ void OnRequest(int fd, TarvoRequest *request) {
     if (request == nullptr) {
         return;
     }
-    uint64_t count = 0;
-    const Answer answer = HandleMessage(request->data, request->size, count);
+    const Answer answer = HandleMessage(request->data, request->size);
     if (answer.size == 0) {
         return;
     }
@@ -27,11 +26,14 @@ void OnRequest(int fd, TarvoRequest *request) {
     TarvoSendResponse(fd, &response);
 }
 
+TarvoPriority PriorityOf(const Place &place) { return place.urgent ? TARVO_PRIORITY_URGENT : TARVO_PRIORITY_NORMAL; }
+
 class TarvoServer : public Server {
 public:
-    explicit TarvoServer(const std::string &endpoint) : name(endpoint) {
+    explicit TarvoServer(const Place &place) : name(place.endpoint) {
         TarvoServerAttr attr;
         attr.callback = OnRequest;
+        attr.priority = PriorityOf(place);
         attr.selfName = name.c_str();
         const int ret = TarvoCreateServer(&attr);
         if (ret != 0) {
@@ -46,10 +48,11 @@ private:
 
 class TarvoClient : public Client {
 public:
-    TarvoClient(const std::string &endpoint, const std::string &self) {
+    explicit TarvoClient(const Place &place) {
         TarvoAttr attr;
-        attr.targetName = endpoint.c_str();
-        attr.selfName = self.c_str();
+        attr.targetName = place.endpoint.c_str();
+        attr.selfName = place.self.c_str();
+        attr.priority = PriorityOf(place);
         attr.timeout = CONNECT_TIMEOUT_MS;
         fd = TarvoCreateClient(&attr);
         if (fd < 0) {
@@ -85,16 +88,15 @@ private:
 
 } // namespace
 
-Contestant TarvoContestant() {
-    return {
-        "tarvo",
-        "TarvoTimedRPCSync with a time-out, TarvoSendRequest; serial callbacks",
-        [](const std::string &endpoint) -> std::unique_ptr<Server> { return std::make_unique<TarvoServer>(endpoint); },
-        [](const std::string &endpoint, const std::string &self, std::size_t) -> std::unique_ptr<Client> {
-            return std::make_unique<TarvoClient>(endpoint, self);
-        },
-        true,
-        true};
+Contestant TheContestant() {
+    return {"tarvo",
+            "TarvoTimedRPCSync with a time-out, TarvoSendRequest; serial callbacks",
+            BENCH_VERSION,
+            LANES | ONE_WAY | CONNECTS | MANY_CLIENTS | MANY_PIPES | URGENT,
+            "threads",
+            false,
+            [](const Place &place) -> std::unique_ptr<Server> { return std::make_unique<TarvoServer>(place); },
+            [](const Place &place) -> std::unique_ptr<Client> { return std::make_unique<TarvoClient>(place); }};
 }
 
 } // namespace bench

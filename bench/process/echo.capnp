@@ -2,4 +2,5 @@
 
 interface Echo {
   call @0 (data :Data) -> (data :Data);
+  push @1 (data :Data) -> stream;
 }
