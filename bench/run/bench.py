@@ -12,10 +12,13 @@ import time
 from datetime import datetime, timezone
 
 import machine
+import plots
 import tables
 from figures import Results
-from measure import Contestant, Failure, discover, measure
+from measure import Contestant, discover, measure
+from processes import Failure
 from scenarios import FORMS, LEAST_SAMPLES, SCENARIOS
+from urgent import measure_urgent
 
 AGAIN = "tarvo-again"
 KNOWN = ["tarvo", "fifo", "floor", "floor-sem", "floor-shared", "zeromq", "nng", "sd-bus", "dbus", "capnproto", "grpc"]
@@ -30,7 +33,8 @@ def arguments():
     parser.add_argument("--form", choices=FORMS, default="quick")
     parser.add_argument("--before", help="a folder with another build of the library: measured too, as tarvo-before")
     parser.add_argument("--contestants", type=names, help="only these (and the floors, for the ratios)")
-    parser.add_argument("--scenarios", type=names, help="only these: " + ", ".join(one.name for one in SCENARIOS))
+    parser.add_argument("--scenarios", type=names, help="only these, without calls under stress: " +
+                        ", ".join(one.name for one in SCENARIOS))
     parser.add_argument("--cores", type=names, default={"one", "all"}, help="only one, or all")
     parser.add_argument("--rounds", type=int, help="instead of the form's")
     parser.add_argument("--seconds", type=float, help="of each measurement at least, instead of the form's")
@@ -142,6 +146,21 @@ class Run:
                       .replace("one cores", "one core"), flush=True)
                 self.step(number, scenario, mode, chosen)
 
+    def urgent(self):
+        """The library under stress; [] when that is not asked for."""
+        seconds = self.form.urgent
+        if not seconds or self.options.no_urgent or self.options.scenarios or "tarvo" not in self.contestants:
+            return []
+        print(f"calls under stress over urgent and normal pipes, about {2 * (seconds + 5) / 60:.0f} minutes", flush=True)
+        order = [True, False]
+        self.random.shuffle(order)
+        try:
+            return measure_urgent(self.contestants["tarvo"], seconds, order, self.options.output)
+        except Failure as failure:
+            self.results.failures.append(f"under stress: {failure}")
+            print(f"FAILED: {self.results.failures[-1]}", flush=True)
+            return []
+
     def progress(self):
         """How much is done, and how long the rest takes at the pace so far."""
         elapsed = time.monotonic() - self.begun
@@ -171,13 +190,15 @@ def main():
     os.makedirs(options.output, exist_ok=True)
     run = Run(options)
     run.all()
-    document = run.document()
+    urgent = run.urgent()
+    document = {**run.document(), "urgent": urgent}
     with open(os.path.join(options.output, "figures.json"), "w", encoding="utf-8") as file:
         json.dump(document, file, indent=1)
     report = tables.text(document)
     with open(os.path.join(options.output, "tables.txt"), "w", encoding="utf-8") as file:
         file.write(report + "\n")
     print(report)
+    plots.draw(document, options.output)
     sys.exit(1 if run.results.failures else 0)
 
 

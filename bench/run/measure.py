@@ -90,7 +90,7 @@ def measure(contestant, scenario, mode, seconds, least, rate=0.0, urgent=False, 
             clients = _connect(group, contestant, scenario, endpoint, common + task, folder)
             if scenario.kind == "idle":
                 return _idle(processes + [client.pid for client in clients], seconds)
-            return _run(contestant, scenario, mode, clients, processes, folder)
+            return _run(contestant, scenario, mode, clients, processes, folder, seconds)
     except (BrokenPipeError, ValueError, OSError) as error:
         raise Failure(f"{contestant.name}: {error}") from error
     finally:
@@ -126,14 +126,14 @@ def _idle(processes, seconds):
     return Measured(numpy.empty(0), seconds, {"wakeups": switches(processes) - before})
 
 
-def _run(contestant, scenario, mode, clients, servers, folder):
+def _run(contestant, scenario, mode, clients, servers, folder, seconds):
     with Busy(contestant.program, scenario.busy, mode == "one"):
         held = {} if scenario.clients == 1 else facts(servers[-1])
         before = switches(servers)
         begin = monotonic_ns() + (0 if scenario.clients == 1 else 20_000_000 + 1_000_000 * scenario.clients)
         for client in clients:
             client.tell(f"run {begin}")
-        results = [client.answer() for client in clients]
+        results = [client.answer(seconds) for client in clients]
         switched = switches(servers) - before
     operations = sum(result["operations"] for result in results)
     if operations == 0:

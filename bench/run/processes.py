@@ -27,8 +27,8 @@ class Child:
         self.process.stdin.write(line + "\n")
         self.process.stdin.flush()
 
-    def answer(self):
-        ready, _, _ = select.select([self.process.stdout], [], [], SILENCE)
+    def answer(self, patience=0):
+        ready, _, _ = select.select([self.process.stdout], [], [], SILENCE + patience)
         line = self.process.stdout.readline() if ready else ""
         if not line:
             raise Failure(f"{os.path.basename(self.process.args[0])} {self.process.args[1]} " +
