@@ -1,4 +1,5 @@
 // tarvoctl doctor.
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,6 +18,8 @@ using DoctorTest = ToolTest;
 ToolResult Examine(const std::string &path, const std::vector<std::string> &more = {}) {
     return RunTool(Joined({"doctor", "--json", "--directory", path}, more));
 }
+
+constexpr int LOCKED_THREADS = 3;
 
 // The level of the finding of that check whose text holds `part`; empty without one.
 std::string LevelOf(const ToolResult &result, const std::string &check, const std::string &part) {
@@ -180,6 +183,39 @@ TEST_F(DoctorTest, SigpipeIsHarmlessWhereItIsHandledOrNoThreadTakesIt) {
     const HoldingProcess process(path, BlockSigpipeTooLate);
     EXPECT_EQ(LevelOf(Examine(directory.Path()), "processes", process.Part() + "unit"), "");
     EXPECT_EQ(LevelOf(Examine(directory.Path()), "processes", "does not ignore SIGPIPE"), "warning");
+}
+
+// As long as the process lives, and without a lock that a child could inherit.
+void StartThreads() {
+    for (int i = 0; i < LOCKED_THREADS; ++i) {
+        std::thread([] { pause(); }).detach();
+    }
+}
+
+TEST_F(DoctorTest, ProcessWithStacksLockedWholeIsNamed) {
+    if (SLOW) {
+        GTEST_SKIP() << "sanitizers lock no memory, and the emulator's own stacks are not the program's";
+    }
+    if (mlockall(MCL_FUTURE | MCL_ONFAULT) != 0) {
+        GTEST_SKIP() << "this user may not lock memory";
+    }
+    munlockall();
+    const ScratchDirectory directory;
+    const std::string path = directory.AddFifo("srv");
+    {
+        const HoldingProcess process(path, [] {
+            mlockall(MCL_FUTURE);
+            StartThreads();
+        });
+        EXPECT_EQ(LevelOf(Examine(directory.Path()), "memory", process.Part()), "warning");
+        EXPECT_EQ(LevelOf(Examine(directory.Path()), "memory", "the stacks of " + std::to_string(LOCKED_THREADS)),
+                  "warning");
+    }
+    const HoldingProcess frugal(path, [] {
+        mlockall(MCL_FUTURE | MCL_ONFAULT);
+        StartThreads();
+    });
+    EXPECT_EQ(LevelOf(Examine(directory.Path()), "memory", ""), "");
 }
 
 TEST_F(DoctorTest, StoppedProcessIsNamed) {

@@ -74,6 +74,7 @@ int RunDoctor(const DoctorOptions &options) {
     CheckFiles(patient, findings);
     CheckPipes(patient, findings);
     CheckProcesses(patient, findings);
+    CheckMemory(patient, findings);
     CheckPipeLimits(patient, findings);
     CheckProcessLimits(findings);
     CheckScheduling(findings);

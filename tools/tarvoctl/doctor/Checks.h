@@ -38,6 +38,8 @@ void CheckFiles(const Patient &patient, Findings &findings);
 void CheckPipes(const Patient &patient, Findings &findings);
 // The holders: servers that nobody reaches, processes that are stopped or that a lost peer would end.
 void CheckProcesses(const Patient &patient, Findings &findings);
+// Memory that the holders have locked for nothing.
+void CheckMemory(const Patient &patient, Findings &findings);
 // What the kernel allows FIFOs to hold.
 void CheckPipeLimits(const Patient &patient, Findings &findings);
 // Descriptors and threads.
