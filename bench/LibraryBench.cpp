@@ -1,15 +1,12 @@
-// What single steps of a message cost: its frame, its checksum, a log line that is not written, a look at the table.
+// What single steps of a message cost: its checksum, a log line that is not written, a look at the table.
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstring>
 #include <memory>
 #include <string>
 
-#include "AllocationCount.h"
 #include "api/TableFactory.h"
-#include "diag/run_time_record.h"
 #include "diag/velm_syslog.h"
 #include "pipe/MagicReceiver.h"
 #include "pipe/Message.h"
@@ -52,30 +49,6 @@ void ChecksumByteByByte(benchmark::State &state) {
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * state.range(0));
 }
 BENCHMARK(ChecksumByteByByte)->Apply(Sizes);
-
-// All that is done to a frame before it is written.
-void BuildFrame(benchmark::State &state) {
-    std::string payload(static_cast<std::size_t>(state.range(0)), '\xA5');
-    const uint64_t before = AllocationCount();
-    for (auto _ : state) {
-        OutMessage message(1, Request(payload), 100);
-        const auto frame = std::make_unique<char[]>(message.Size());
-        MsgHead head{MagicReceiver::MAGIC,
-                     message.id,
-                     message.type,
-                     message.payloadLen,
-                     message.Checksum(),
-                     message.timeout,
-                     static_cast<int64_t>(Tarvo::GetCurrentTime())};
-        std::memcpy(frame.get(), &head, sizeof(head));
-        std::memcpy(frame.get() + sizeof(head), message.GetData(), message.payloadLen);
-        benchmark::DoNotOptimize(frame.get());
-        benchmark::ClobberMemory();
-    }
-    state.counters["allocs"] =
-        benchmark::Counter(static_cast<double>(AllocationCount() - before), benchmark::Counter::kAvgIterations);
-}
-BENCHMARK(BuildFrame)->Arg(64)->Arg(1000)->Arg(4000);
 
 void DiscardedLogLine(benchmark::State &state) {
     for (auto _ : state) {

@@ -11,10 +11,12 @@ programs of its topology and of the other messaging systems that are installed; 
 steps of a message. Leave the machine alone meanwhile. It prints how far it is and what is left.
 
   --quick       about 40 minutes on two cores; the default
-  --whole       some four hours: more rounds, other systems in every scenario, 10 minutes of each kind under stress
+  --whole       about three hours: more rounds, other systems in every scenario, 10 minutes of each kind under stress
   --smoke       under 40 seconds once it is built: every scenario and contestant works; gives no figures
-  --output DIR  where figures.json, tables.txt, steps.txt and the plots go (default: build/bench/FORM)
-  --tables FILE print the tables of a figures.json and do nothing else
+  --output DIR  where figures.json, figures.txt, tables.md, steps.txt and plots go (default: build/bench/FORM)
+  --inside      what a call executes: instructions, heap blocks, cache lines, the kernel's share; some 10 minutes
+  --locked      how much memory a server locks, with each way to do it
+  --tables FILE print the tables of the page from a figures.json, and do nothing else
 
 Other options choose what is measured and leave the single steps out, for example:
 
@@ -26,11 +28,12 @@ TEXT
 
 absolute() { case $1 in /*) echo "$1" ;; *) echo "$PWD/$1" ;; esac; }
 
-form=quick output='' tables='' options=()
+form=quick output='' tables='' alone='' options=()
 while [[ $# -gt 0 ]]; do
     case $1 in
     -h | --help) usage && exit 0 ;;
     --smoke | --quick | --whole) form=${1#--} ;;
+    --inside | --locked) alone=${1#--} ;;
     --output | --tables | --before)
         [[ $# -ge 2 ]] || { usage >&2 && exit 2; }
         [[ $1 == --before ]] && options+=("$1" "$(absolute "$2")")
@@ -48,7 +51,7 @@ build=build/bench output=${output:-$PWD/build/bench/$form}
 python=/usr/bin/python3 # the distribution's, which the modules are installed for
 scripts/install-deps.sh base bench peers
 if [[ -n $tables ]]; then
-    exec $python bench/run/tables.py "$tables"
+    exec $python bench/run/page.py "$tables"
 fi
 scripts/fifo-directory.sh
 mkdir -p $build
@@ -57,6 +60,10 @@ echo "Building (log: $build.log)"
     -DTARVO_BUILD_EXAMPLES=OFF -DTARVO_BUILD_TOOLS=OFF &&
     cmake --build $build --target bench_contestants bench_steps; } >$build.log 2>&1 ||
     { tail -n 50 $build.log >&2 && exit 1; }
+
+if [[ -n $alone ]]; then
+    exec $python "bench/run/$alone.py" $build/bench/process
+fi
 
 # System calls are counted through the tracing file system, which not every machine has mounted: here, it is for the run.
 traced=()

@@ -42,12 +42,11 @@ public:
         bool enough = false;
     };
 
-    // Room for the samples of one part, so that their memory is there before the run: no contestant makes more calls.
-    std::size_t Room() const {
-        constexpr std::size_t callsPerSecond = 400000;
-        constexpr std::size_t most = 4000000;
-        const auto seconds = static_cast<std::size_t>((earliest - Now()) / SECOND + 1);
-        return exact > 0 ? exact : std::min(least + callsPerSecond * seconds, most) / parts + least;
+    // Room for the samples of one part, so that their memory is there before the run begins.
+    static std::size_t Room(const Task &task, std::size_t parts) {
+        constexpr double most = 4000000;
+        const auto expected = static_cast<std::size_t>(std::min(task.fastest * task.seconds, most));
+        return task.count > 0 ? task.count : expected / parts + task.samples;
     }
 
 private:

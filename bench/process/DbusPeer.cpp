@@ -20,11 +20,14 @@ constexpr char BUS_NAME[] = "bench.Echo";
 
 std::string SocketPath(const std::string &endpoint) { return "/dev/shm/" + endpoint + ".sock"; }
 
-// A bus on which everybody may do everything, in a file without a name.
+// A bus on which everybody may do everything, however many they are, in a file without a name.
 int ConfigFile(const std::string &endpoint) {
     const std::string text = "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
                              " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
-                             "<busconfig><type>session</type><listen>unix:path=" +
+                             "<busconfig><limit name=\"max_connections_per_user\">10000</limit>"
+                             "<limit name=\"max_completed_connections\">10000</limit>"
+                             "<limit name=\"max_incomplete_connections\">10000</limit>"
+                             "<type>session</type><listen>unix:path=" +
                              SocketPath(endpoint) +
                              "</listen><policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>"
                              "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n";

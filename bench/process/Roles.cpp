@@ -30,7 +30,8 @@ void RaiseDescriptorLimit() {
 }
 
 void LockMemory(const Role &role) {
-    if (role.lockMemory && mlockall(MCL_CURRENT | MCL_FUTURE | MCL_ONFAULT) != 0) {
+    const int flags = MCL_CURRENT | MCL_FUTURE | (role.lock == "onfault" ? MCL_ONFAULT : 0);
+    if (!role.lock.empty() && mlockall(flags) != 0) {
         throw std::runtime_error("no right to lock memory");
     }
 }

@@ -16,9 +16,9 @@ struct Role {
     Place place;
     Task task;
     std::vector<pid_t> servers;
-    bool oneCore = false;    // on the last core that this process may use
-    bool lockMemory = false; // as a real-time program does
-    std::string samples;     // the file that takes a client's latencies, and with ".services" added the other ones
+    bool oneCore = false; // on the last core that this process may use
+    std::string lock;     // "whole": mlockall for all that is and comes, "onfault": for what is touched
+    std::string samples;  // the file that takes a client's latencies, and with ".services" added the other ones
 };
 
 // One line of JSON that says what the contestant is.

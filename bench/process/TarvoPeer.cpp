@@ -13,6 +13,7 @@ namespace bench {
 namespace {
 
 constexpr int CONNECT_TIMEOUT_MS = 10000;
+constexpr int CALL_TIMEOUT_MS = 60000; // a thousand clients may start at the same time
 
 void OnRequest(int fd, TarvoRequest *request) {
     if (request == nullptr) {
@@ -64,7 +65,7 @@ public:
     bool Call(std::size_t, const char *data, std::size_t size, uint64_t &word) override {
         TarvoRequest request{0, const_cast<char *>(data), static_cast<uint32_t>(size)};
         TarvoResponse response{};
-        if (TarvoTimedRPCSync(fd, &request, &response, CONNECT_TIMEOUT_MS) != 0) {
+        if (TarvoTimedRPCSync(fd, &request, &response, CALL_TIMEOUT_MS) != 0) {
             return false;
         }
         word = FirstWord(response.data, response.size);

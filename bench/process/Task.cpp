@@ -11,7 +11,6 @@ namespace bench {
 
 namespace {
 
-constexpr std::size_t WARM_UP_CALLS = 500;
 constexpr std::size_t CONNECTIONS_AT_ONCE = 50;
 constexpr std::size_t MESSAGES_BETWEEN_LOOKS = 32;
 
@@ -48,20 +47,18 @@ void Session::Connect() {
 
 void Session::WarmUp() {
     if (task.kind == "oneway" || task.kind == "window") {
-        RunExactly(WARM_UP_CALLS);
+        RunExactly(task.warmUp);
     } else if (task.kind != "connect") {
         const Task timed = task;
         task.kind = "call";
-        RunExactly(WARM_UP_CALLS * place.lanes);
+        RunExactly(task.warmUp * place.lanes);
         task = timed;
     }
 }
 
 Outcome Session::Run(int64_t begin) {
-    if (begin > Now()) {
-        SleepUntil(begin);
-    }
     Outcome outcome;
+    outcome.begin = begin;
     const std::string &kind = task.kind;
     kind == "oneway"    ? OneWay(outcome)
     : kind == "connect" ? Connects(outcome)
@@ -80,6 +77,9 @@ Outcome Session::RunExactly(std::size_t count) {
 }
 
 void Session::Begin(Outcome &outcome) const {
+    if (outcome.begin > Now()) {
+        SleepUntil(outcome.begin);
+    }
     outcome.serverTime = -ProcessorTime(servers);
     outcome.ownTime = -Nanoseconds(CLOCK_PROCESS_CPUTIME_ID);
     outcome.begin = Now();
@@ -102,9 +102,9 @@ void Session::Calls(Outcome &outcome) {
         CallFromLanes(outcome);
         return;
     }
-    Budget budget(task, 1, Now());
-    outcome.latencies = RoomFor(budget.Room());
+    outcome.latencies = RoomFor(Budget::Room(task, 1));
     Begin(outcome);
+    Budget budget(task, 1, outcome.begin);
     CallFrom(0, budget, outcome.latencies);
     End(outcome);
     outcome.operations = outcome.latencies.size();
@@ -128,7 +128,7 @@ void Session::CallFromLanes(Outcome &outcome) {
     std::atomic<std::size_t> prepared{0};
     std::atomic<Budget *> go{nullptr};
     std::vector<std::thread> threads;
-    const std::size_t room = Budget(task, place.lanes, Now()).Room();
+    const std::size_t room = Budget::Room(task, place.lanes);
     for (std::size_t lane = 0; lane < place.lanes; ++lane) {
         threads.emplace_back([&, lane] {
             perLane[lane] = RoomFor(room);
@@ -143,8 +143,8 @@ void Session::CallFromLanes(Outcome &outcome) {
     while (prepared < place.lanes) {
         std::this_thread::yield();
     }
-    Budget budget(task, place.lanes, Now());
     Begin(outcome);
+    Budget budget(task, place.lanes, outcome.begin);
     go = &budget;
     for (std::thread &thread : threads) {
         thread.join();
@@ -159,9 +159,7 @@ void Session::CallFromLanes(Outcome &outcome) {
 // So many calls outstanding from one thread: each answer starts the next one.
 void Session::Window(Outcome &outcome) {
     Client &client = *clients.back();
-    Budget budget(task, 1, Now());
-    Budget::Part part(budget);
-    outcome.latencies = RoomFor(budget.Room());
+    outcome.latencies = RoomFor(Budget::Room(task, 1));
     std::vector<int64_t> started(task.window);
     std::vector<Answered> answers;
     const uint64_t expected = FirstWord(payload.data(), task.size);
@@ -170,6 +168,8 @@ void Session::Window(Outcome &outcome) {
         Require(client.Start(token, payload.data(), task.size));
     };
     Begin(outcome);
+    Budget budget(task, 1, outcome.begin);
+    Budget::Part part(budget);
     for (uint64_t token = 0; token < task.window; ++token) {
         start(token);
     }
@@ -194,11 +194,11 @@ void Session::Window(Outcome &outcome) {
 // fit; half of it is free again before the sender goes on.
 void Session::OneWay(Outcome &outcome) {
     Client &client = *clients.back();
-    Budget budget(task, 1, Now());
-    Budget::Part part(budget);
     const uint64_t before = OneWayCount::Read();
     std::size_t sent = 0;
     Begin(outcome);
+    Budget budget(task, 1, outcome.begin);
+    Budget::Part part(budget);
     while (sent % MESSAGES_BETWEEN_LOOKS != 0 || part.GoesOn(sent, Now())) {
         Require(client.Send(payload.data(), task.size));
         ++sent;

@@ -14,9 +14,11 @@ namespace bench {
 struct Task {
     std::string kind = "call"; // "call", "window", "oneway", "connect" or "open"
     std::size_t size = 64;
+    std::size_t warmUp = 500;
     std::size_t pipes = 1;   // open at the same time, the calls going over the last one
     std::size_t window = 1;  // calls outstanding, or one-way messages unhandled
     double rate = 0;         // calls a second, for "open"
+    double fastest = 4e5;    // calls a second that nobody exceeds: samples for so many have their memory beforehand
     double seconds = 0;      // goes on for at least so long,
     std::size_t samples = 0; // and so often,
     double limit = 60;       // but no longer than this

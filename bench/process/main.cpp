@@ -29,7 +29,8 @@ void AddPlace(CLI::App &app, bench::Role &role) {
     app.add_option("--endpoint", role.place.endpoint, "name of the server, unique on this machine")->required();
     app.add_flag("--urgent", role.place.urgent, "with the contestant's real-time priority");
     app.add_flag("--one-core", role.oneCore, "on the last core only");
-    app.add_flag("--lock-memory", role.lockMemory, "mlockall");
+    app.add_option("--lock", role.lock, "mlockall, in full or for what is touched")
+        ->check(CLI::IsMember({"whole", "onfault"}));
 }
 
 void AddTask(CLI::App &app, bench::Role &role) {
@@ -40,9 +41,11 @@ void AddTask(CLI::App &app, bench::Role &role) {
     app.add_option("--samples", role.samples, "file for the latencies: ns, 64-bit numbers of this machine");
     app.add_option("--kind", task.kind)->check(CLI::IsMember({"call", "window", "oneway", "connect", "open"}));
     app.add_option("--size", task.size, "bytes of a message")->check(CLI::Range(std::size_t{1}, bench::MAX_PAYLOAD));
+    app.add_option("--warm-up", task.warmUp, "calls of each thread before it is ready");
     app.add_option("--pipes", task.pipes, "connections that are open, the last one in use");
     app.add_option("--window", task.window, "calls outstanding, or one-way messages not yet handled");
     app.add_option("--rate", task.rate, "calls a second, for --kind open");
+    app.add_option("--fastest", task.fastest, "calls a second of this process for which there is memory");
     app.add_option("--seconds", task.seconds, "goes on for at least so long,");
     app.add_option("--least", task.samples, "and at least so often,");
     app.add_option("--limit", task.limit, "but for no more seconds than this");

@@ -12,17 +12,18 @@ import time
 from datetime import datetime, timezone
 
 import machine
+import page
 import plots
 import tables
 from figures import Results
 from measure import Contestant, discover, measure
-from processes import Failure
+from processes import Failure, raise_descriptor_limit
 from scenarios import FORMS, LEAST_SAMPLES, SCENARIOS
 from urgent import measure_urgent
 
 AGAIN = "tarvo-again"
 KNOWN = ["tarvo", "fifo", "floor", "floor-sem", "floor-shared", "zeromq", "nng", "sd-bus", "dbus", "capnproto", "grpc"]
-OVERHEAD = 0.6         # seconds that the processes of a measurement take to start and end
+OVERHEAD = 0.4          # seconds that the processes of a measurement take to start and end
 START_OF_CLIENT = 0.02  # and each further client
 
 
@@ -107,7 +108,7 @@ class Run:
 
     def cost(self, scenario):
         """About how many seconds a measurement takes."""
-        rate = {"connect": 1500, "open": 3000 * scenario.load if scenario.load else 1}.get(scenario.kind, 15000)
+        rate = {"connect": 1500, "open": 15000 * scenario.load}.get(scenario.kind, 15000)
         return (max(self.seconds(scenario), self.least(scenario) / rate) + OVERHEAD +
                 START_OF_CLIENT * scenario.clients)
 
@@ -187,6 +188,7 @@ class Run:
 
 def main():
     options = arguments()
+    raise_descriptor_limit()
     os.makedirs(options.output, exist_ok=True)
     run = Run(options)
     run.all()
@@ -194,10 +196,10 @@ def main():
     document = {**run.document(), "urgent": urgent}
     with open(os.path.join(options.output, "figures.json"), "w", encoding="utf-8") as file:
         json.dump(document, file, indent=1)
-    report = tables.text(document)
-    with open(os.path.join(options.output, "tables.txt"), "w", encoding="utf-8") as file:
-        file.write(report + "\n")
-    print(report)
+    for name, content in (("figures.txt", tables.text(document)), ("tables.md", page.page(document))):
+        with open(os.path.join(options.output, name), "w", encoding="utf-8") as file:
+            file.write(content + "\n")
+    print(tables.text(document))
     plots.draw(document, options.output)
     sys.exit(1 if run.results.failures else 0)
 

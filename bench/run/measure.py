@@ -10,6 +10,8 @@ import numpy
 
 from processes import Busy, Child, Failure, Group, facts, monotonic_ns, switches
 
+FASTEST = 400_000  # calls a second, of all clients together
+WARM_UP = 500
 COUNTED_CALLS, COUNTED_CONNECTS = 500, 50
 CLIENTS_AT_ONCE = 32  # that are started before the first of them has to be ready
 
@@ -79,7 +81,7 @@ def measure(contestant, scenario, mode, seconds, least, rate=0.0, urgent=False, 
     """Starts a server and its clients, measures, ends them. Raises Failure when the contestant fails."""
     endpoint = _endpoint()
     common = ["--endpoint", endpoint] + (["--one-core"] if mode == "one" else []) + (
-        ["--urgent"] if urgent else []) + (["--lock-memory"] if scenario.kind == "periodic" else [])
+        ["--urgent"] if urgent else []) + (["--lock", "onfault"] if scenario.kind == "periodic" else [])
     try:
         with tempfile.TemporaryDirectory(prefix="tarvo-bench") as folder, Group() as group:
             server = group.add(Child([contestant.program, "server", *common], contestant.environment))
@@ -101,6 +103,8 @@ def _task(scenario, seconds, least, rate, count):
     kind = {"idle": "call", "periodic": "open"}.get(scenario.kind, scenario.kind)
     task = ["--kind", kind, "--size", scenario.size, "--lanes", scenario.lanes, "--pipes", scenario.pipes, "--window",
             scenario.window, "--seconds", seconds, "--rate", rate, "--count", count,
+            "--fastest", FASTEST // scenario.clients,
+            "--warm-up", WARM_UP if scenario.clients == 1 else max(WARM_UP // scenario.clients, 2),
             # Several clients measure in one window of time, one until it has enough.
             "--least", least if scenario.clients == 1 else 0]
     if scenario.kind == "periodic":

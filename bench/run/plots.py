@@ -48,10 +48,11 @@ class Document:
 
 
 def save(figure, folder, name):
-    for axes in figure.axes:
-        if axes.get_legend_handles_labels()[0] and axes is figure.axes[0]:
-            axes.legend(fontsize=7, ncol=2)
-    figure.tight_layout()
+    handles = {label: handle for axes in figure.axes for handle, label in zip(*axes.get_legend_handles_labels())}
+    height = 0.35 * (1 + len(handles) // 6) / figure.get_figheight() if handles else 0
+    if handles:
+        figure.legend(handles.values(), handles.keys(), loc="lower center", ncol=6, fontsize=8)
+    figure.tight_layout(rect=(0, height, 1, 1))
     figure.savefig(os.path.join(folder, name), metadata={"Date": None})
     pyplot.close(figure)
     print(f"wrote {os.path.join(folder, name)}")

@@ -3,6 +3,7 @@ import ctypes
 import json
 import os
 import re
+import resource
 import select
 import signal
 import subprocess
@@ -28,7 +29,9 @@ class Child:
         self.process.stdin.flush()
 
     def answer(self, patience=0):
-        ready, _, _ = select.select([self.process.stdout], [], [], SILENCE + patience)
+        poll = select.poll()  # select(2) knows no more than 1024 descriptors
+        poll.register(self.process.stdout, select.POLLIN)
+        ready = poll.poll((SILENCE + patience) * 1000)
         line = self.process.stdout.readline() if ready else ""
         if not line:
             raise Failure(f"{os.path.basename(self.process.args[0])} {self.process.args[1]} " +
@@ -119,7 +122,14 @@ def facts(pid):
     return {"threads": int(re.search(r"Threads:\s+(\d+)", status)[1]),
             "descriptors": len(os.listdir(f"/proc/{pid}/fd")),
             "private_kb": private,
+            "locked_kb": int(re.search(r"^Locked:\s+(\d+)", rollup, re.M)[1]),
             "virtual_kb": int(re.search(r"VmSize:\s+(\d+)", status)[1])}
+
+
+def raise_descriptor_limit():
+    """Each child takes two."""
+    _, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
+    resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
 
 
 def monotonic_ns():

@@ -3,7 +3,7 @@ import json
 import sys
 
 METRICS = {"p50": "p50 us", "p99": "p99 us", "p999": "p99.9 us", "rate": "per second", "cpu": "cpu us",
-           "syscalls": "syscalls"}
+           "syscalls": "syscalls", "wakeups": "wake-ups in 5 s", "threads": "threads", "private_kb": "private kB"}
 AGAIN = "tarvo-again"
 
 
