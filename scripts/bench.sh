@@ -16,7 +16,8 @@ steps of a message. Leave the machine alone meanwhile. It prints how far it is a
   --output DIR  where figures.json, figures.txt, tables.md, steps.txt and plots go (default: build/bench/FORM)
   --inside      what a call executes: instructions, heap blocks, cache lines, the kernel's share; some 10 minutes
   --locked      how much memory a server locks, with each way to do it
-  --tables FILE print the tables of the page from a figures.json, and do nothing else
+  --fifos       what the FIFOs of an ordinary user hold once he has many
+  --page DIR    put the tables and plots of a run's output into docs/PERFORMANCE.md; measures nothing
 
 Other options choose what is measured and leave the single steps out, for example:
 
@@ -28,13 +29,13 @@ TEXT
 
 absolute() { case $1 in /*) echo "$1" ;; *) echo "$PWD/$1" ;; esac; }
 
-form=quick output='' tables='' alone='' options=()
+form=quick output='' page='' alone='' options=()
 while [[ $# -gt 0 ]]; do
     case $1 in
     -h | --help) usage && exit 0 ;;
     --smoke | --quick | --whole) form=${1#--} ;;
-    --inside | --locked) alone=${1#--} ;;
-    --output | --tables | --before)
+    --inside | --locked | --fifos) alone=${1#--} ;;
+    --output | --page | --before)
         [[ $# -ge 2 ]] || { usage >&2 && exit 2; }
         [[ $1 == --before ]] && options+=("$1" "$(absolute "$2")")
         [[ $1 == --before ]] || printf -v "${1#--}" %s "$(absolute "$2")"
@@ -46,18 +47,19 @@ while [[ $# -gt 0 ]]; do
     shift
 done
 cd "$(dirname "$0")/.."
+. scripts/lib.sh
 
 build=build/bench output=${output:-$PWD/build/bench/$form}
 python=/usr/bin/python3 # the distribution's, which the modules are installed for
 scripts/install-deps.sh base bench peers
-if [[ -n $tables ]]; then
-    exec $python bench/run/page.py "$tables"
+if [[ -n $page ]]; then
+    exec $python bench/run/page.py "$page" docs/PERFORMANCE.md
 fi
 scripts/fifo-directory.sh
 mkdir -p $build
 echo "Building (log: $build.log)"
 { cmake --preset release -B $build -DTARVO_BUILD_BENCH=ON -DTARVO_BENCH_PEERS=ON -DTARVO_BUILD_TESTS=OFF \
-    -DTARVO_BUILD_EXAMPLES=OFF -DTARVO_BUILD_TOOLS=OFF &&
+    -DTARVO_BUILD_EXAMPLES=OFF -DTARVO_BUILD_TOOLS=OFF $(cache_option) &&
     cmake --build $build --target bench_contestants bench_steps; } >$build.log 2>&1 ||
     { tail -n 50 $build.log >&2 && exit 1; }
 

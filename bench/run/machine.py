@@ -28,7 +28,7 @@ def describe():
         "commit": _run("git", "describe", "--always", "--dirty", "--abbrev=12"),
         "processor": processor[1] if processor else platform.machine(),
         "cores": len(os.sched_getaffinity(0)),
-        "virtual": _run("systemd-detect-virt") or "unknown",
+        "virtual": _run("systemd-detect-virt", "--vm") or "no virtual machine",
         "kernel": f"{platform.release()} {platform.version()}",
         "governor": ", ".join(sorted(governors)),
         "idle_driver": _read("/sys/devices/system/cpu/cpuidle/current_driver", "none"),

@@ -4,11 +4,12 @@ import os
 import subprocess
 import tempfile
 import time
-from dataclasses import dataclass, field
+from dataclasses import dataclass, field, replace
 
 import numpy
 
 from processes import Busy, Child, Failure, Group, facts, monotonic_ns, switches
+from scenarios import LANES
 
 FASTEST = 400_000  # calls a second, of all clients together
 WARM_UP = 500
@@ -86,6 +87,8 @@ def measure(contestant, scenario, mode, seconds, least, rate=0.0, urgent=False, 
         with tempfile.TemporaryDirectory(prefix="tarvo-bench") as folder, Group() as group:
             server = group.add(Child([contestant.program, "server", *common], contestant.environment))
             processes = server.answer()["processes"]
+            if not contestant.abilities & LANES:
+                scenario = replace(scenario, lanes=1)  # its one thread starts the calls as they are due
             task = _task(scenario, seconds, least, rate, count)
             for process in processes:
                 task += ["--server", str(process)]
@@ -148,7 +151,8 @@ def _run(contestant, scenario, mode, clients, servers, folder, seconds):
     if scenario.kind != "connect":  # what closing takes is in the length
         figures["rate"] = operations / length
     if scenario.clients == 1 and scenario.kind not in ("open", "periodic"):
-        counted = clients[0].ask(f"count {COUNTED_CONNECTS if scenario.kind == 'connect' else COUNTED_CALLS}")
+        operations = COUNTED_CONNECTS if scenario.kind == "connect" else COUNTED_CALLS * scenario.lanes
+        counted = clients[0].ask(f"count {operations}")
         if counted["syscalls"] >= 0:
             figures["syscalls"] = counted["syscalls"] / counted["operations"]
     samples = [numpy.fromfile(os.path.join(folder, str(index)), numpy.int64) for index in range(len(clients))]

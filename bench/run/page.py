@@ -1,11 +1,18 @@
-"""The tables of docs/PERFORMANCE.md, from the JSON file of one run: python3 page.py figures.json"""
+"""The tables of docs/PERFORMANCE.md, from the JSON file of one run.
+
+python3 page.py FIGURES.JSON      prints them
+python3 page.py FOLDER PAGE.MD    puts them between the two marks of the page, and the plots into figures/ beside it
+"""
 import json
+import os
+import shutil
 import sys
 
 from scenarios import FAN_IN
 from tables import AGAIN, by_scenario, number, resolution
 
 CORES = {"one": "one", "all": "all"}
+BEGIN, END = "<!-- figures of one run -->", "<!-- end of the figures -->"
 
 
 def table(head, rows):
@@ -94,7 +101,7 @@ def pipes(document):
 
 
 def quotient(entry, base, metric):
-    if metric not in entry["values"] or metric not in base["values"]:
+    if not entry or not base or metric not in entry["values"] or metric not in base["values"]:
         return ""
     return f"{entry['values'][metric]['median'] / base['values'][metric]['median']:.2f}"
 
@@ -130,17 +137,81 @@ def idle(document):
                   if "wakeups" in entry["values"] and entry["contestant"] != AGAIN])
 
 
-def page(document):
-    parts = {"Machine": about, "Library and floor": against_floor, "Against other systems": against_peers,
-             "Many pipes": pipes, "Fan-in": fan_in, "Urgent pipes under stress": urgent, "Idle": idle}
-    lines = []
-    for title, part in parts.items():
-        lines += [f"### {title}", "", *part(document)]
+def part_of_peer(document):
+    """How long the library takes as a part of what each of the others takes; below 1 is faster."""
+    names = [name for name in document["contestants"] if name not in ("tarvo", AGAIN)]
+    rows = []
+    for (scenario, cores), entries in by_scenario(document).items():
+        own = find(entries, "tarvo")
+        if not own or document["scenarios"][scenario]["group"] not in ("main", "more"):
+            continue
+        metric = "p50" if scenario.startswith(("call", "connect")) and scenario != "callers8" else "rate"
+        rows.append([name_of(document, scenario), CORES[cores],
+                     *(quotient(own, other, metric) if metric == "p50" else quotient(other, own, metric)
+                       for other in (find(entries, name) for name in names))])
+    return table(["", "cores", *names], rows)
+
+
+# What stands in the page: title, plots, text, table.
+PARTS = [
+    ("Urgent pipes under stress", ["urgent.svg"],
+     "A thread with `SCHED_FIFO` calls once in a millisecond, both processes lock their memory, and stress-ng keeps every "
+     "core, the memory and the disk busy. \"From when it was due\" adds what the caller's own wake-up was late by. "
+     "cyclictest, at a priority above the library's, shows what the machine adds at the same time. A user may rely on the "
+     "library adding what lies between the two lines, and on no more of the machine than the machine itself keeps.",
+     urgent),
+    ("Library and floor", ["ratios.svg", "calls.svg"],
+     "The median over the rounds of the ratios to the lowest floor, with the least and the greatest. Below 1.00 is faster "
+     "than the floor, except for the rate, where it is slower. Differences up to the resolution, by which the library "
+     "differs from itself in the same run, mean nothing.", against_floor),
+    ("Against other systems", [], "Median of a call in us, or calls or messages a second.", against_peers),
+    ("", [], "The library's time as a part of the other's: below 1.00 the library is faster.", part_of_peer),
+    ("Open load", ["open-load.svg"],
+     "Eight callers whose calls are due at fixed moments, at 10 to 95 % of the rate that the same system reaches when "
+     "each caller calls as soon as it can; a call that is made late has waited since it was due.", lambda _: []),
+    ("Many clients", ["fan-in.svg", "fan-in-server.svg"], "The library's server and so many client processes.", fan_in),
+    ("Many pipes", [], "A call on one of so many open pipes, as a multiple of the cost with one.", pipes),
+    ("Size of a message", ["payload.svg"], "Calls of 1 to 4000 bytes.", lambda _: []),
+    ("Idle", [], "Context switches of server and client together, connected, with nothing to do.", idle),
+]
+
+
+def page(document, plots=()):
+    """Everything between the two marks of the page."""
+    lines = about(document)
+    for title, pictures, text, part in PARTS:
+        found, shown = part(document), [name for name in pictures if name in plots]
+        if found or shown:
+            lines += ([f"### {title}", ""] if title else []) + [text, ""]
+            for name in shown:
+                lines += [f"![{title}](figures/{name})", ""]
+            lines += found
     if "tarvo-loop" in document["contestants"]:
         lines += ["### Loop and its floor", "", *against_floor(document, "tarvo-loop")]
     return "\n".join(lines)
 
 
+def write(folder, target):
+    """Puts the figures of a run's folder into the page, and its plots beside it."""
+    with open(os.path.join(folder, "figures.json"), encoding="utf-8") as source:
+        document = json.load(source)
+    plots = sorted(name for name in os.listdir(folder) if name.endswith(".svg"))
+    pictures = os.path.join(os.path.dirname(target), "figures")
+    os.makedirs(pictures, exist_ok=True)
+    for name in plots:
+        shutil.copy(os.path.join(folder, name), pictures)
+    with open(target, encoding="utf-8") as file:
+        before, found, rest = file.read().partition(BEGIN)
+    _, ended, after = rest.partition(END)
+    if not found or not ended:
+        sys.exit(f"page.py: {target} has no place for figures")
+    with open(target, "w", encoding="utf-8") as file:
+        file.write(f"{before}{BEGIN}\n\n{page(document, plots).rstrip()}\n\n{END}{after}")
+
+
 if __name__ == "__main__":
-    with open(sys.argv[1], encoding="utf-8") as source:
-        print(page(json.load(source)))
+    if len(sys.argv) == 3:
+        write(sys.argv[1], sys.argv[2])
+    else:
+        with open(sys.argv[1], encoding="utf-8") as given:
+            print(page(json.load(given)))

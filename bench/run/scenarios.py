@@ -22,8 +22,9 @@ class Scenario:
     clients: int = 1
     busy: int = 0       # processes that use a core, beside it
     needs: int = 0      # abilities of a contestant that takes part
+    either: int = 0     # abilities of which one is enough
     group: str = "main"  # which plot and which of a form's lists it belongs to
-    load: float = 0     # "open": the part of the capacity, which is that of `callers8`, that is asked for
+    load: float = 0     # "open": the part of the capacity that is asked for
     seconds: float = 0  # instead of the form's
     modes: tuple = ("one", "all")
 
@@ -44,8 +45,8 @@ def pipes(number, busy=0):
 
 
 def open_load(percent):
-    return Scenario(f"open{percent}", f"8 callers, calls due at {percent} % of the rate of callers8", kind="open",
-                    lanes=8, needs=LANES, group="open", load=percent / 100)
+    return Scenario(f"open{percent}", f"calls of 8 callers due at {percent} % of the rate that they can reach",
+                    kind="open", lanes=8, either=LANES | WINDOW, group="open", load=percent / 100)
 
 
 SCENARIOS = [
@@ -93,6 +94,10 @@ class Form:
 
     def wants(self, contestant, scenario):
         peer = contestant.peer
+        if contestant.name == "floor-shared" and scenario.clients == 1:
+            return False  # one worker is what the others have then
+        if scenario.either and not scenario.either & contestant.abilities:
+            return False
         if scenario.needs & ~contestant.abilities or scenario.clients > self.most_clients["peer" if peer else "own"]:
             return False
         return self.groups[scenario.group][1] == "every" or not peer
