@@ -4,6 +4,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -45,7 +46,7 @@ SyscallCount::SyscallCount(const std::vector<pid_t> &processes) {
     for (const pid_t process : processes) {
         for (const auto &entry : std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/task")) {
             const int fd = OpenCounter(tracepoint, std::atoi(entry.path().filename().c_str()));
-            complete = complete && fd >= 0;
+            complete = complete && (fd >= 0 || errno == ESRCH); // a thread that has ended counts nothing
             if (fd >= 0) {
                 counters.push_back(fd);
             }

@@ -76,6 +76,7 @@ class Run:
         self.seed = options.seed if options.seed is not None else random.randrange(1 << 32)
         self.random = random.Random(self.seed)
         self.results = Results()
+        self.loads = {one.name: one.load for one in SCENARIOS}
         self.begun = time.monotonic()
         self.estimated = 0.0
         self.done = 0.0
@@ -183,6 +184,8 @@ class Run:
         for key in self.results.rounds:
             design = self.contestants[key[2]].design
             floors = [one.name for one in self.contestants.values() if one.floor and one.design == design]
+            if self.loads[key[0]]:
+                floors = []  # each is asked for a part of its own capacity: nothing to divide by
             document["results"].append(self.results.entry(key, floors))
         return document
 

@@ -9,7 +9,7 @@ from dataclasses import dataclass, field, replace
 import numpy
 
 from processes import Busy, Child, Failure, Group, facts, monotonic_ns, switches
-from scenarios import LANES
+from scenarios import LANES, MANY_CLIENTS
 
 FASTEST = 400_000  # calls a second, of all clients together
 WARM_UP = 500
@@ -135,7 +135,7 @@ def _idle(processes, seconds):
 
 def _run(contestant, scenario, mode, clients, servers, folder, seconds):
     with Busy(contestant.program, scenario.busy, mode == "one"):
-        held = {} if scenario.clients == 1 else facts(servers[-1])
+        held = facts(servers[-1]) if scenario.needs & MANY_CLIENTS else {}
         before = switches(servers)
         begin = monotonic_ns() + (0 if scenario.clients == 1 else 20_000_000 + 1_000_000 * scenario.clients)
         for client in clients:

@@ -9,7 +9,7 @@ import shutil
 import sys
 
 from scenarios import FAN_IN
-from tables import AGAIN, by_scenario, number, resolution
+from tables import AGAIN, by_scenario, cell, number, resolution
 
 CORES = {"one": "one", "all": "all"}
 BEGIN, END = "<!-- figures of one run -->", "<!-- end of the figures -->"
@@ -37,6 +37,11 @@ def find(entries, name):
 
 
 def median(entry, metric):
+    """With the least and the greatest of the rounds."""
+    return cell(entry["values"].get(metric)) if entry else ""
+
+
+def plain(entry, metric):
     value = entry and entry["values"].get(metric)
     return number(value["median"]) if value else ""
 
@@ -64,7 +69,7 @@ def against_floor(document, name="tarvo"):
             continue
         main = "p50" if "p50" in own["ratios"] else "rate"
         floor = own["ratios"].get(main, {}).get("floor")
-        calls = "/".join(filter(None, (median(own, "syscalls"), median(find(entries, floor), "syscalls"))))
+        calls = "/".join(filter(None, (plain(own, "syscalls"), plain(find(entries, floor), "syscalls"))))
         apart = resolution(entries, main) if name == "tarvo" else None
         rows.append([name_of(document, scenario), CORES[cores], f"{median(find(entries, floor), main)} ({floor})",
                      *(spread(own["ratios"].get(metric)) for metric in ("p50", "p99", "p999", "rate", "cpu")), calls,

@@ -37,9 +37,11 @@ class Document:
         found = entry and entry["values"].get(metric)
         return found["median"] if found else None
 
-    def modes(self, scenarios):
+    def modes(self, scenarios, least=1):
+        """One core and all, as far as so many of the scenarios were measured there."""
         return [mode for mode in CORES
-                if any(scenario in scenarios and cores == mode for scenario, cores, _ in self.entries)]
+                if len({scenario for scenario, cores, _ in self.entries if scenario in scenarios and cores == mode})
+                >= least]
 
     def style(self, name):
         own = name.startswith("tarvo")
@@ -71,7 +73,7 @@ def tail(axes, bins, **style):
 
 def by(document, folder, name, scenarios, xs, metrics, xlabel, xscale):
     """A row of panels for each mode, a panel for each metric, a line for each contestant."""
-    modes = document.modes(scenarios)
+    modes = document.modes(scenarios, least=2)
     if not modes:
         return
     figure, grid = pyplot.subplots(len(modes), len(metrics), figsize=(4.2 * len(metrics), 3.2 * len(modes)),
@@ -104,7 +106,8 @@ def calls(document, folder):
 
 def ratios(document, folder):
     """Bars: time of a call as a multiple of the lowest floor's, or of a message, from the rate."""
-    chosen = [name for name, about in document.document["scenarios"].items() if about["group"] == "main"]
+    chosen = [name for name, about in document.document["scenarios"].items()
+              if about["group"] == "main" and document.modes([name])]
     modes = document.modes(chosen)
     if not modes:
         return

@@ -34,13 +34,13 @@ def calls(size, group):
 
 
 def clients(number):
-    return Scenario(f"clients{number}", f"{number} client processes, 64 bytes", clients=number, needs=MANY_CLIENTS,
+    return Scenario(f"clients{number}", f"{number} client process{'es' if number > 1 else ''}, 64 bytes", clients=number, needs=MANY_CLIENTS,
                     group="main" if number == 16 else "fan-in")
 
 
 def pipes(number, busy=0):
     return Scenario(f"pipes{number}" + ("busy" if busy else ""),
-                    f"call of 64 bytes, {number} pipes open" + (", two busy foreign processes" if busy else ""),
+                    f"call of 64 bytes, {number} pipe{'s' if number > 1 else ''} open" + (", two busy foreign processes" if busy else ""),
                     pipes=number, needs=MANY_PIPES, busy=busy, group="pipes")
 
 

@@ -54,7 +54,8 @@ def text(document):
                 cells.append(f"{METRICS[metric]} {cell(entry['values'].get(metric)) or '-'}" +
                              (f" /{ratio['median']:.2f}" if ratio else ""))
             lines.append(f"  {entry['contestant']:13}" + ", ".join(cells))
-        told = [f"{METRICS[metric]} {resolution(entries, metric) * 100:.1f} %" for metric in metrics
+        apart = metrics if not document["scenarios"][scenario]["load"] else []  # at different rates
+        told = [f"{METRICS[metric]} {resolution(entries, metric) * 100:.1f} %" for metric in apart
                 if resolution(entries, metric) is not None]
         lines += [f"  resolution (the library against itself): {', '.join(told)}", ""] if told else [""]
     return "\n".join(lines)

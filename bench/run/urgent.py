@@ -10,7 +10,7 @@ import time
 from figures import PERCENTILES, histogram, percentile
 from measure import measure
 from processes import Failure, die_with_parent
-from scenarios import Scenario
+from scenarios import LEAST_ABOVE, LEAST_SAMPLES, Scenario
 
 RATE = 1000
 SCENARIO = Scenario("periodic", "calls of 64 bytes at 1 kHz under stress", kind="periodic")
@@ -65,7 +65,7 @@ def of_cyclictest(path):
         seen = 0
         for latency, count in sorted(counts.items()):
             seen += count
-            if seen >= part * total and total * (1 - part) >= 100:
+            if seen >= part * total and total >= LEAST_SAMPLES and total * (1 - part) >= LEAST_ABOVE:
                 found[name] = latency
                 break
     return found
