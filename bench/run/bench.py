@@ -186,7 +186,7 @@ class Run:
             floors = [one.name for one in self.contestants.values() if one.floor and one.design == design]
             if self.loads[key[0]]:
                 floors = []  # each is asked for a part of its own capacity: nothing to divide by
-            document["results"].append(self.results.entry(key, floors))
+            document["results"].append(self.results.entry(key, floors, "tarvo" if key[2] == AGAIN else None))
         return document
 
 

@@ -81,8 +81,14 @@ class Results:
             return None
         return (max if metric in BETTER_HIGH else min)(medians, key=medians.get)
 
-    def entry(self, key, floors):
-        """One contestant in one scenario, as it stands in the JSON file."""
+    def resolution(self, key, same):
+        """By metric, how far at most two that are the same were apart in a round: less than that means nothing."""
+        found = {metric: self.ratio(key, same, metric) for metric in METRICS}
+        return {metric: max(abs(ratio.get(end, ratio["median"]) - 1) for end in ("min", "max"))
+                for metric, ratio in found.items() if ratio}
+
+    def entry(self, key, floors, same=None):
+        """One contestant in one scenario, as it stands in the JSON file; `same`: whose twin it is."""
         scenario, mode, contestant = key
         entry = {"scenario": scenario, "cores": mode, "contestant": contestant, "values": {}, "ratios": {},
                  "rounds": list(self.rounds[key].values())}
@@ -94,6 +100,8 @@ class Results:
             ratio = floor and self.ratio(key, (scenario, mode, floor), metric)
             if ratio:
                 entry["ratios"][metric] = {"floor": floor, **ratio}
+        if same:
+            entry["resolution"] = self.resolution(key, (scenario, mode, same))
         samples = numpy.concatenate(self._pools[key][0])
         if len(samples):
             entry["histogram_us"] = histogram(samples)

@@ -168,7 +168,7 @@ PARTS = [
     ("Library and floor", ["ratios.svg", "calls.svg"],
      "The median over the rounds of the ratios to the lowest floor, with the least and the greatest. Below 1.00 is faster "
      "than the floor, except for the rate, where it is slower. Differences up to the resolution, by which the library "
-     "differs from itself in the same run, mean nothing.", against_floor),
+     "differs from itself in a round of the same run, mean nothing.", against_floor),
     ("Against other systems", [], "Median of a call in us, or calls or messages a second.", against_peers),
     ("", [], "The library's time as a part of the other's: below 1.00 the library is faster.", part_of_peer),
     ("Open load", ["open-load.svg"],

@@ -33,12 +33,8 @@ def by_scenario(document):
 
 
 def resolution(entries, metric):
-    """The library divided by itself: differences up to this mean nothing."""
-    values = {entry["contestant"]: entry["values"].get(metric) for entry in entries}
-    first, second = values.get("tarvo"), values.get(AGAIN)
-    if not first or not second or not first["median"]:
-        return None
-    return abs(second["median"] / first["median"] - 1)
+    """The library divided by itself, the worst of the rounds: differences up to this mean nothing."""
+    return next((entry["resolution"].get(metric) for entry in entries if entry["contestant"] == AGAIN), None)
 
 
 def text(document):

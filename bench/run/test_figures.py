@@ -55,6 +55,17 @@ class Rounds(unittest.TestCase):
         self.assertIsNone(results.ratio(("s", "one", "tarvo"), ("s", "one", "floor"), "cpu"))
 
 
+class Resolution(unittest.TestCase):
+    def test_is_the_widest_gap_of_two_that_are_the_same(self):
+        results = Results()
+        for number, (first, second) in enumerate(((1.0, 1.02), (1.0, 0.95), (1.0, 1.0))):
+            results.add(("s", "one", "tarvo"), number, measured([], cpu=first))
+            results.add(("s", "one", "tarvo-again"), number, measured([], cpu=second))
+        found = results.resolution(("s", "one", "tarvo-again"), ("s", "one", "tarvo"))
+        self.assertEqual(list(found), ["cpu"])
+        self.assertAlmostEqual(found["cpu"], 0.05)
+
+
 class LowestFloor(unittest.TestCase):
     def test_is_the_cheapest_and_of_rates_the_highest(self):
         results = Results()
