@@ -54,7 +54,7 @@ void BuildFrame(benchmark::State &state) {
         failed = TarvoSendRequest(ends.client, &request) != 0 || failed;
     }
     swallowing = false;
-    if (failed || swallowed < state.iterations() * payload.size()) {
+    if (failed || swallowed < static_cast<std::size_t>(state.iterations()) * payload.size()) {
         state.SkipWithError("the frames did not come out at the write");
     }
     state.counters["allocs"] =
