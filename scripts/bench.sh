@@ -67,14 +67,15 @@ if [[ -n $alone ]]; then
     exec $python "bench/run/$alone.py" $build/bench/process
 fi
 
-# System calls are counted through the tracing file system, which not every machine has mounted: here, it is for the run.
+# System calls are counted through the tracing file system. Where it is not mounted, it is for the run.
 traced=()
 if [[ $EUID -eq 0 && ! -d /sys/kernel/tracing/events ]]; then
     # shellcheck disable=SC2016 # for the inner shell
     traced=(unshare --mount bash -c 'mount -t tracefs tracefs /sys/kernel/tracing || true; exec "$@"' bash)
 fi
 $python -m unittest discover -s bench/run -p 'test_*.py' >$build.tests.log 2>&1 || { cat $build.tests.log && exit 1; }
-"${traced[@]}" $python bench/run/bench.py --programs $build/bench/process --form "$form" --output "$output" "${options[@]}"
+"${traced[@]}" $python bench/run/bench.py --programs $build/bench/process --form "$form" --output "$output" \
+    "${options[@]}"
 
 [[ $form == smoke || ${#options[@]} -eq 0 ]] || exit 0
 steps=(--benchmark_counters_tabular=true)

@@ -142,7 +142,8 @@ class Run:
     def all(self):
         steps = self.plan()
         self.estimated = sum(self.cost(scenario) * len(chosen) for _, scenario, _, chosen in steps)
-        print(f"{sum(len(step[3]) for step in steps)} measurements, about {self.estimated / 60:.0f} minutes", flush=True)
+        number = sum(len(chosen) for _, _, _, chosen in steps)
+        print(f"{number} measurements, about {self.estimated / 60:.0f} minutes", flush=True)
         for number, scenario, mode, chosen in steps:
             if chosen:
                 print(f"[{self.progress()}] round {number + 1}: {scenario.text}, {mode} cores"
@@ -154,7 +155,8 @@ class Run:
         seconds = self.form.urgent
         if not seconds or self.options.no_urgent or self.options.scenarios or "tarvo" not in self.contestants:
             return []
-        print(f"calls under stress over urgent and normal pipes, about {2 * (seconds + 5) / 60:.0f} minutes", flush=True)
+        minutes = 2 * (seconds + 5) / 60
+        print(f"calls under stress over urgent and normal pipes, about {minutes:.0f} minutes", flush=True)
         order = [True, False]
         self.random.shuffle(order)
         try:

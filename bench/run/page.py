@@ -162,8 +162,8 @@ PARTS = [
     ("Urgent pipes under stress", ["urgent.svg"],
      "A thread with `SCHED_FIFO` calls once in a millisecond, both processes lock their memory, and stress-ng keeps every "
      "core, the memory and the disk busy. \"From when it was due\" adds what the caller's own wake-up was late by. "
-     "cyclictest, at a priority above the library's, shows what the machine adds at the same time. A user may rely on the "
-     "library adding what lies between the two lines, and on no more of the machine than the machine itself keeps.",
+     "cyclictest, at a priority above the library's, shows at the same time how late this machine wakes a single thread. "
+     "A call has four such wake-ups. How slow the slowest can be is a property of the machine: measure your own.",
      urgent),
     ("Library and floor", ["ratios.svg", "calls.svg"],
      "The median over the rounds of the ratios to the lowest floor, with the least and the greatest. Below 1.00 is faster "
@@ -200,16 +200,16 @@ def write(folder, target):
     """Puts the figures of a run's folder into the page, and its plots beside it."""
     with open(os.path.join(folder, "figures.json"), encoding="utf-8") as source:
         document = json.load(source)
-    plots = sorted(name for name in os.listdir(folder) if name.endswith(".svg"))
-    pictures = os.path.join(os.path.dirname(target), "figures")
-    os.makedirs(pictures, exist_ok=True)
-    for name in plots:
-        shutil.copy(os.path.join(folder, name), pictures)
     with open(target, encoding="utf-8") as file:
         before, found, rest = file.read().partition(BEGIN)
     _, ended, after = rest.partition(END)
     if not found or not ended:
         sys.exit(f"page.py: {target} has no place for figures")
+    plots = sorted(name for name in os.listdir(folder) if name.endswith(".svg"))
+    pictures = os.path.join(os.path.dirname(target), "figures")
+    os.makedirs(pictures, exist_ok=True)
+    for name in plots:
+        shutil.copy(os.path.join(folder, name), pictures)
     with open(target, "w", encoding="utf-8") as file:
         file.write(f"{before}{BEGIN}\n\n{page(document, plots).rstrip()}\n\n{END}{after}")
 

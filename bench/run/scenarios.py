@@ -29,19 +29,23 @@ class Scenario:
     modes: tuple = ("one", "all")
 
 
+def plural(number, one, ending="s"):
+    return f"{number} {one}{ending if number > 1 else ''}"
+
+
 def calls(size, group):
-    return Scenario(f"call{size}", f"call of {size} bytes" if size > 1 else "call of 1 byte", size=size, group=group)
+    return Scenario(f"call{size}", f"call of {plural(size, 'byte')}", size=size, group=group)
 
 
 def clients(number):
-    return Scenario(f"clients{number}", f"{number} client process{'es' if number > 1 else ''}, 64 bytes", clients=number, needs=MANY_CLIENTS,
-                    group="main" if number == 16 else "fan-in")
+    return Scenario(f"clients{number}", f"{plural(number, 'client process', 'es')}, 64 bytes", clients=number,
+                    needs=MANY_CLIENTS, group="main" if number == 16 else "fan-in")
 
 
 def pipes(number, busy=0):
-    return Scenario(f"pipes{number}" + ("busy" if busy else ""),
-                    f"call of 64 bytes, {number} pipe{'s' if number > 1 else ''} open" + (", two busy foreign processes" if busy else ""),
-                    pipes=number, needs=MANY_PIPES, busy=busy, group="pipes")
+    text = f"call of 64 bytes, {plural(number, 'pipe')} open" + (", two busy foreign processes" if busy else "")
+    return Scenario(f"pipes{number}" + ("busy" if busy else ""), text, pipes=number, needs=MANY_PIPES, busy=busy,
+                    group="pipes")
 
 
 def open_load(percent):
