@@ -210,8 +210,9 @@ def write(folder, target):
     os.makedirs(pictures, exist_ok=True)
     for name in plots:
         shutil.copy(os.path.join(folder, name), pictures)
+    text = page(document, plots).rstrip()  # before the page is opened: a failure leaves it as it is
     with open(target, "w", encoding="utf-8") as file:
-        file.write(f"{before}{BEGIN}\n\n{page(document, plots).rstrip()}\n\n{END}{after}")
+        file.write(f"{before}{BEGIN}\n\n{text}\n\n{END}{after}")
 
 
 if __name__ == "__main__":
