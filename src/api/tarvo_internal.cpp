@@ -33,6 +33,8 @@ bool IsCrossDomainPipe(const TarvoDomain &domain) { return domain != TARVO_DOMAI
 
 int TarvoPipeTypeOpen(TarvoAttr *attr, TarvoPipeType type) {
     return NoThrow([attr, type] {
+        // Also on the way from TarvoOpen, which has checked it: programs call this function too, and the two lines tell
+        // operators which of them refused.
         if (attr == nullptr || CheckInputPipeAttr(*attr) != 0) {
             TARVO_LOG(LOG_ERR, "Input variables error.");
             return -EINVAL;

@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 
 #include "base/HasSymbol.h"
@@ -97,7 +98,8 @@ public:
     const char *dataOut;
 };
 
-class RequestTask;
+class TarvoPipeImpl;
+class TarvoTask;
 
 // An incoming request that waits for its callback or is being handled by it.
 // Owns: the payload taken over from the message. Threads: one at a time. Locks: none. Ends: after the callback.
@@ -109,8 +111,12 @@ public:
     InRequest(const InRequest &) = delete;
     InRequest &operator=(const InRequest &) = delete;
 
-    // Itself where it was made to be its own task, else null.
-    virtual RequestTask *AsTask() { return nullptr; }
+    // Itself as the task that hands it to a copy of a pipe's callback, where it was made to be one, else null. Once,
+    // before it is queued.
+    virtual const TarvoTask *Bind(const std::shared_ptr<TarvoPipeImpl> &,
+                                  const std::function<void(int, TarvoRequest *)> &) {
+        return nullptr;
+    }
 
     uint32_t id;
     std::unique_ptr<char[]> data;

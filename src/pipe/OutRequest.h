@@ -48,8 +48,6 @@ protected:
 // list nor the caller refers to it.
 class OutTimedRequest : public OutRequest {
 public:
-    OutTimedRequest(const std::shared_ptr<TarvoPipeImpl> &owner, uint32_t requestId, int timeoutMs)
-        : OutTimedRequest(std::weak_ptr<TarvoPipeImpl>(owner), requestId, timeoutMs) {}
     OutTimedRequest(std::weak_ptr<TarvoPipeImpl> &&owner, uint32_t requestId, int timeoutMs)
         : OutRequest(requestId), pipe(std::move(owner)), timeout(timeoutMs) {}
 

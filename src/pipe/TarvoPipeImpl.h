@@ -170,7 +170,6 @@ protected:
     PipeObserver &observer;
 
 private:
-    class CallbackTask;
     friend class RequestTask;
 
     // 0, or -ECANCELED once the pipe is retired.
@@ -188,18 +187,14 @@ private:
     template <typename Receive>
     void HandleReceived(Receive receive);
     std::optional<InMessage> RecvPayload(const MsgHead &head, Tarvo::EpollTimeRecord &rec);
-    // HandleRequest for a request of the remote, whose delivery time nobody asks for when it is dropped.
-    void HandOver(std::shared_ptr<InRequest> req, const ServiceHandler &handler);
-    // HandleRequest for the notice of a remote close.
+    // HandleRequest for the notice of a remote close, made before. Null: there was no memory for it.
     int HandleNotice(const std::shared_ptr<const TarvoTask> &notice);
     // 0 when a callback may be submitted now.
     int RefuseCallback();
-    // Null: there was no memory for the task.
-    int Submit(std::shared_ptr<const TarvoTask> task);
-    int SubmitConcurrent(std::shared_ptr<const TarvoTask> &&task);
-    int SubmitSerial(std::shared_ptr<const TarvoTask> &&task);
-    // Null when memory has run out. Copies the user's callback: not under a lock.
+    // The task that calls `handler` with `req`, or with the notice of a remote close; null when memory has run out.
+    // Copies the user's callback: not under a lock.
     std::shared_ptr<const TarvoTask> MakeTask(std::shared_ptr<InRequest> &&req, const ServiceHandler &handler);
+    int Submit(std::shared_ptr<const TarvoTask> &&task);
     void RunCallback(const ServiceHandler &handler, const InRequest *req);
     // CheckEpollTime for the few pipes that it concerns. Apart, so that others need no room for it with each message.
     __attribute__((noinline)) bool RecordTimes(const MsgHead &head, const Tarvo::EpollTimeRecord &rec)

@@ -32,33 +32,19 @@ bool MakeBuffer(InMessage &msg) {
 
 } // namespace
 
-// A callback that waits for the worker of its pipe. Owns: a reference to the pipe, which thereby outlives its queued
-// callbacks, a copy of the user's callback and the request, null for the notice of a remote close. Threads, Locks,
-// Ends: as TarvoTask.
-class TarvoPipeImpl::CallbackTask : public TarvoTask {
-public:
-    CallbackTask(std::shared_ptr<TarvoPipeImpl> owner, const ServiceHandler &callback, std::shared_ptr<InRequest> req)
-        : TarvoTask(nullptr), pipe(std::move(owner)), handler(callback), request(std::move(req)) {}
-
-    void operator()() const override { pipe->RunCallback(handler, request.get()); }
-
-private:
-    const std::shared_ptr<TarvoPipeImpl> pipe;
-    const ServiceHandler handler;
-    const std::shared_ptr<InRequest> request;
-};
-
-// A request off the wire that is its own CallbackTask, so that a message takes one block less from the heap.
-// Owns: once bound, what a CallbackTask owns. Threads, Locks, Ends: as InRequest, then as TarvoTask.
+// A request off the wire while it waits for its worker. It is the task itself, so that a message takes one block less
+// from the heap.
+// Owns: once bound, a reference to the pipe, which thereby outlives its queued callbacks, and a copy of the user's
+// callback. Threads, Locks, Ends: as InRequest, then as TarvoTask.
 class RequestTask : public InRequest, public TarvoTask {
 public:
     explicit RequestTask(InMessage &msg) : InRequest(msg), TarvoTask(nullptr) {}
 
-    RequestTask *AsTask() override { return this; }
-    // Once, before it is queued.
-    void Bind(std::shared_ptr<TarvoPipeImpl> owner, const TarvoPipeImpl::ServiceHandler &callback) {
-        pipe = std::move(owner);
+    const TarvoTask *Bind(const std::shared_ptr<TarvoPipeImpl> &owner,
+                          const TarvoPipeImpl::ServiceHandler &callback) override {
         handler = callback;
+        pipe = owner;
+        return this;
     }
     void operator()() const override { pipe->RunCallback(handler, this); }
 
@@ -188,14 +174,16 @@ void TarvoPipeImpl::ProcessMessage(InMessage &msg) {
 }
 
 void TarvoPipeImpl::ProcessRequest(InMessage &msg) {
-    std::shared_ptr<InRequest> req = std::make_shared<RequestTask>(msg);
     // Not copied here: each task gets its copy.
     if (serviceHandler) {
+        auto req = std::make_shared<RequestTask>(msg);
         ProcessCachedRequests(serviceHandler);
-        HandOver(std::move(req), serviceHandler);
+        if (HandleRequest(std::move(req), serviceHandler) != 0) {
+            EraseTimeRecord(msg.id, msg.timed);
+        }
         return;
     }
-    CacheRequest(req);
+    CacheRequest(std::make_shared<InRequest>(msg));
     const ServiceHandler installed = GetServiceHandler();
     if (installed) {
         ProcessCachedRequests(installed);
@@ -219,18 +207,13 @@ void TarvoPipeImpl::ProcessCachedRequests(const ServiceHandler &handler) {
     }
     MutexLock lock(inRequestMutex);
     for (const std::shared_ptr<InRequest> &req : inRequests) {
-        HandOver(req, handler);
+        // Whose delivery time nobody asks for when it is dropped.
+        if (HandleRequest(req, handler) != 0) {
+            EraseTimeRecord(req->id, req->timed);
+        }
     }
     inRequests.clear();
     cachedRequests = 0;
-}
-
-void TarvoPipeImpl::HandOver(std::shared_ptr<InRequest> req, const ServiceHandler &handler) {
-    const uint32_t id = req->id;
-    const bool timed = req->timed;
-    if (HandleRequest(std::move(req), handler) != 0) {
-        EraseTimeRecord(id, timed);
-    }
 }
 
 int TarvoPipeImpl::HandleRequest(std::shared_ptr<InRequest> req, const ServiceHandler &handler) {
@@ -240,7 +223,7 @@ int TarvoPipeImpl::HandleRequest(std::shared_ptr<InRequest> req, const ServiceHa
 
 int TarvoPipeImpl::HandleNotice(const std::shared_ptr<const TarvoTask> &notice) {
     const int refused = RefuseCallback();
-    return refused != 0 ? refused : Submit(notice);
+    return refused != 0 ? refused : Submit(std::shared_ptr<const TarvoTask>(notice));
 }
 
 int TarvoPipeImpl::RefuseCallback() {
@@ -256,11 +239,21 @@ int TarvoPipeImpl::RefuseCallback() {
     return 0;
 }
 
-int TarvoPipeImpl::Submit(std::shared_ptr<const TarvoTask> task) {
+int TarvoPipeImpl::Submit(std::shared_ptr<const TarvoTask> &&task) {
     int ret = -ENOMEM;
     try {
-        if (task) {
-            ret = isConcur ? SubmitConcurrent(std::move(task)) : SubmitSerial(std::move(task));
+        if (task && isConcur) {
+            // Taken back by the finished callback only: a refused submission keeps its place.
+            concurrentCallbacks.fetch_add(1, std::memory_order_relaxed);
+            // By reference to the task: whoever copies this function under a lock does not copy the user's callback.
+            ret = observer.OnAsyncRequestIn([task = std::move(task)] { (*task)(); }, priority);
+        } else if (task) {
+            ret = observer.OnTaskIn(workerName, std::move(task), priority);
+            if (IsClosing()) {
+                // A close since the test in RefuseCallback has given the pipe's worker back already; the submission
+                // allocated one anew, which nobody else would ever give back.
+                observer.OnFreeSelfWorker(workerName);
+            }
         }
     } catch (const std::bad_alloc &) {
         ret = -ENOMEM;
@@ -272,38 +265,22 @@ int TarvoPipeImpl::Submit(std::shared_ptr<const TarvoTask> task) {
     return ret;
 }
 
-int TarvoPipeImpl::SubmitConcurrent(std::shared_ptr<const TarvoTask> &&task) {
-    // Taken back by the finished callback only: a refused submission keeps its place.
-    concurrentCallbacks.fetch_add(1, std::memory_order_relaxed);
-    // By reference to the task: whoever copies this function under a lock does not copy the user's callback.
-    return observer.OnAsyncRequestIn([task = std::move(task)] { (*task)(); }, priority);
-}
-
-int TarvoPipeImpl::SubmitSerial(std::shared_ptr<const TarvoTask> &&task) {
-    const int ret = observer.OnTaskIn(workerName, std::move(task), priority);
-    if (IsClosing()) {
-        // A close between the test above and here has given the pipe's worker back already; the submission allocated
-        // one anew, which nobody else would ever give back.
-        observer.OnFreeSelfWorker(workerName);
-    }
-    return ret;
-}
-
 std::shared_ptr<const TarvoTask> TarvoPipeImpl::MakeTask(std::shared_ptr<InRequest> &&req,
                                                          const ServiceHandler &handler) {
-    RequestTask *task = req ? req->AsTask() : nullptr;
     try {
-        if (task == nullptr) {
-            return std::make_shared<const CallbackTask>(shared_from_this(), handler, std::move(req));
+        std::shared_ptr<TarvoPipeImpl> self = shared_from_this();
+        if (const TarvoTask *const task = req ? req->Bind(self, handler) : nullptr) {
+            std::shared_ptr<const TarvoTask> bound(req, task);
+            // The user's callback goes with the task: on the worker, and not here after the task has run.
+            req.reset();
+            return bound;
         }
-        task->Bind(shared_from_this(), handler);
+        return std::make_shared<const SyncTask>([self = std::move(self), callback = handler, req = std::move(req)] {
+            self->RunCallback(callback, req.get());
+        });
     } catch (const std::bad_alloc &) {
         return nullptr;
     }
-    std::shared_ptr<const TarvoTask> bound(req, task);
-    // The user's callback goes with the task: on the worker, and not here after the task has run.
-    req.reset();
-    return bound;
 }
 
 void TarvoPipeImpl::RunCallback(const ServiceHandler &handler, const InRequest *req) {

@@ -67,8 +67,6 @@ public:
     std::size_t WaitingTasks() EXCLUDES(taskMutex);
     bool ExitCheck() const REQUIRES(taskMutex);
 
-    Mutex &TaskMutex() RETURN_CAPABILITY(taskMutex) { return taskMutex; }
-
 private:
     bool Restart() REQUIRES(taskMutex);
     int Enqueue(std::shared_ptr<const TarvoTask> &task) REQUIRES(taskMutex);

@@ -85,7 +85,6 @@ public:
     int FreeWorker(const Worker &worker) EXCLUDES(namedMutex, workersMutex, stateMutex);
     // Forgets the name of a slot.
     void FreeWorker(unsigned slot) REQUIRES(namedMutex);
-    SharedMutex &NamedMutex() RETURN_CAPABILITY(namedMutex) { return namedMutex; }
 
     // Whether a task runs on any worker; gives back the slots of all others. Part of Destroy.
     bool HasBusyWorker() EXCLUDES(workersMutex, stateMutex);
