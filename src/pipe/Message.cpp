@@ -55,6 +55,15 @@ uint32_t Message::Checksum() {
 char *InMessage::GetData() {
     if (SizeValid() && !data) {
         data = std::make_unique<char[]>(payloadLen);
+        room = false;
+    }
+    return data.get();
+}
+
+char *InMessage::MakeBuffer(bool withRoom) {
+    if (SizeValid() && !data) {
+        data.reset(new char[payloadLen + (withRoom ? ROOM : 0)]);
+        room = withRoom;
     }
     return data.get();
 }

@@ -73,13 +73,23 @@ public:
     // The buffer to receive into: allocated on first use, null when the payload length is not valid.
     char *GetData();
 
+    // The same for a receiver that fills all of it or drops the message: not cleared, and with ROOM bytes more behind
+    // the payload if `withRoom`.
+    char *MakeBuffer(bool withRoom);
+    // Whether there is that room.
+    bool HasRoom() const { return room && data; }
+
     // Hands the buffer to the caller, who frees it with array delete.
     HAS_SYMBOL char *ReleaseData() { return data.release(); }
+
+    // For the request itself while it waits for its worker, so that both are one block of the heap.
+    static constexpr std::size_t ROOM = 176;
 
     // Whether the pipe's record of its times is this message's own, and not that of an earlier one with its id.
     bool timed = false;
 
 private:
+    bool room = false;
     std::unique_ptr<char[]> data;
 };
 

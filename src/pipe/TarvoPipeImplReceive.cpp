@@ -21,9 +21,9 @@ constexpr int64_t LATE_US = 2000000;
 
 // Whether the message has its payload buffer, or is to have none as its length is not valid: false when memory has run
 // out.
-bool MakeBuffer(InMessage &msg) {
+bool MakeBuffer(InMessage &msg, bool withRoom) {
     try {
-        msg.GetData();
+        msg.MakeBuffer(withRoom);
         return true;
     } catch (const std::bad_alloc &) {
         return false;
@@ -32,13 +32,22 @@ bool MakeBuffer(InMessage &msg) {
 
 } // namespace
 
-// A request off the wire while it waits for its worker. It is the task itself, so that a message takes one block less
-// from the heap.
+// A request off the wire while it waits for its worker. It is the task itself, and lies behind its payload where the
+// message has room, so that a message takes one block from the heap and not three.
 // Owns: once bound, a reference to the pipe, which thereby outlives its queued callbacks, and a copy of the user's
 // callback. Threads, Locks, Ends: as InRequest, then as TarvoTask.
 class RequestTask : public InRequest, public TarvoTask {
 public:
-    explicit RequestTask(InMessage &msg) : InRequest(msg), TarvoTask(nullptr) {}
+    static std::shared_ptr<RequestTask> Make(InMessage &msg);
+
+    // `behindPayload`: the payload's block is this object's own, and is freed after it and not by it.
+    RequestTask(InMessage &msg, bool behindPayload) noexcept
+        : InRequest(msg), TarvoTask(nullptr), sharesBlock(behindPayload) {}
+    ~RequestTask() override {
+        if (sharesBlock) {
+            static_cast<void>(data.release());
+        }
+    }
 
     const TarvoTask *Bind(const std::shared_ptr<TarvoPipeImpl> &owner,
                           const TarvoPipeImpl::ServiceHandler &callback) override {
@@ -51,7 +60,54 @@ public:
 private:
     std::shared_ptr<TarvoPipeImpl> pipe;
     TarvoPipeImpl::ServiceHandler handler;
+    const bool sharesBlock;
 };
+
+namespace {
+
+// Where a shared object lies that is made behind a message's payload; frees the block of both.
+// Owns: the block, from allocate() to deallocate(). Threads: one at a time. Locks: none. Ends: any time.
+template <typename T>
+class BehindPayload {
+public:
+    using value_type = T;
+
+    BehindPayload(char *payload, std::size_t payloadLength) : block(payload), length(payloadLength) {}
+    template <typename U>
+    explicit BehindPayload(const BehindPayload<U> &other) : block(other.block), length(other.length) {}
+
+    T *allocate(std::size_t) {
+        static_assert(sizeof(T) + alignof(T) <= InMessage::ROOM, "fits behind the payload, wherever that ends");
+        static_assert(alignof(T) <= alignof(std::max_align_t), "the block is aligned for it");
+        return reinterpret_cast<T *>(block + (length + alignof(T) - 1) / alignof(T) * alignof(T));
+    }
+    void deallocate(T *, std::size_t) { delete[] block; }
+
+    template <typename U>
+    bool operator==(const BehindPayload<U> &other) const {
+        return block == other.block;
+    }
+    template <typename U>
+    bool operator!=(const BehindPayload<U> &other) const {
+        return block != other.block;
+    }
+
+private:
+    template <typename U>
+    friend class BehindPayload;
+
+    char *block;
+    std::size_t length;
+};
+
+} // namespace
+
+std::shared_ptr<RequestTask> RequestTask::Make(InMessage &msg) {
+    if (!msg.HasRoom()) {
+        return std::make_shared<RequestTask>(msg, false);
+    }
+    return std::allocate_shared<RequestTask>(BehindPayload<RequestTask>(msg.GetData(), msg.payloadLen), msg, true);
+}
 
 int TarvoPipeImpl::Recv(void *buf, unsigned long len) {
     if (buf == nullptr) {
@@ -140,7 +196,7 @@ std::optional<InMessage> TarvoPipeImpl::RecvPayload(const MsgHead &head, Tarvo::
     }
     std::optional<InMessage> msg(std::in_place, head.id, head.type, head.payloadLen);
     int ret = -ENOMEM;
-    if (MakeBuffer(*msg)) {
+    if (MakeBuffer(*msg, head.type == MSG_TYPE_REQUEST && serviceHandler)) {
         ret = Recv(msg->GetData(), head.payloadLen);
     } else {
         // The payload has to leave the FIFO all the same: the next read expects a head.
@@ -176,7 +232,7 @@ void TarvoPipeImpl::ProcessMessage(InMessage &msg) {
 void TarvoPipeImpl::ProcessRequest(InMessage &msg) {
     // Not copied here: each task gets its copy.
     if (serviceHandler) {
-        auto req = std::make_shared<RequestTask>(msg);
+        auto req = RequestTask::Make(msg);
         ProcessCachedRequests(serviceHandler);
         if (HandleRequest(std::move(req), serviceHandler) != 0) {
             EraseTimeRecord(msg.id, msg.timed);

@@ -207,7 +207,7 @@ TEST_F(PipeReceiveTest, FrameForWhichMemoryRunsOutIsDroppedWhole) {
     constexpr uint32_t LENGTH = 3131; // no other allocation has this size
     const RawFrame frame = MakeRawFrame(1, 0, std::string(LENGTH, 'x'));
     const std::string bytes = EncodeRawFrame(frame);
-    const AllocFault fault(1, LENGTH);
+    const AllocFault fault(1, LENGTH + InMessage::ROOM);
     ExpectRefused(pipe, bytes, FailedPayload(LENGTH, frame, -ENOMEM));
     EXPECT_TRUE(fault.Hit());
 }
