@@ -34,6 +34,10 @@ public:
         return OnRequestIn(
             std::move(workerName), [task = std::move(task)] { (*task)(); }, priority);
     }
+    // OnAsyncRequestIn with such a task.
+    virtual int OnAsyncTaskIn(std::shared_ptr<const TarvoTask> task, TarvoPriority priority) const {
+        return OnAsyncRequestIn([task = std::move(task)] { (*task)(); }, priority);
+    }
 };
 
 #endif // TARVO_PIPE_PIPEOBSERVER_H

@@ -301,8 +301,7 @@ int TarvoPipeImpl::Submit(std::shared_ptr<const TarvoTask> &&task) {
         if (task && isConcur) {
             // Taken back by the finished callback only: a refused submission keeps its place.
             concurrentCallbacks.fetch_add(1, std::memory_order_relaxed);
-            // By reference to the task: whoever copies this function under a lock does not copy the user's callback.
-            ret = observer.OnAsyncRequestIn([task = std::move(task)] { (*task)(); }, priority);
+            ret = observer.OnAsyncTaskIn(std::move(task), priority);
         } else if (task) {
             ret = observer.OnTaskIn(workerName, std::move(task), priority);
             if (IsClosing()) {

@@ -253,6 +253,10 @@ int TarvoTable::OnAsyncRequestIn(const std::function<void()> &task, TarvoPriorit
     return callbackPool->DropAsyncTask(task, priority);
 }
 
+int TarvoTable::OnAsyncTaskIn(std::shared_ptr<const TarvoTask> task, TarvoPriority priority) const {
+    return callbackPool->DropTask(std::move(task), priority);
+}
+
 void TarvoTable::OnOpenFailed(int) {}
 
 void TarvoTable::OnFreeSelfWorker(std::string workerName) { callbackPool->FreeWorker(workerName); }

@@ -81,6 +81,7 @@ public:
     int OnRequestIn(std::string workerName, const std::function<void()> &task, TarvoPriority priority) const override;
     int OnTaskIn(std::string workerName, std::shared_ptr<const TarvoTask> task, TarvoPriority priority) const override;
     int OnAsyncRequestIn(const std::function<void()> &task, TarvoPriority priority) const override;
+    int OnAsyncTaskIn(std::shared_ptr<const TarvoTask> task, TarvoPriority priority) const override;
     int OnPipeOpened(int readFd, int fd, std::shared_ptr<TarvoPipeImpl> pipe) override EXCLUDES(monitorMutex);
     void OnOpenFailed(int fd) override;
     void OnPipeRemoteClosed(int fd) override EXCLUDES(tableLock, monitorMutex);

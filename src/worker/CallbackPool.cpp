@@ -81,11 +81,20 @@ int CallbackPool::DropAsyncTask(const std::function<void()> &callback, TarvoPrio
     }
     std::shared_ptr<const TarvoTask> task;
     const Turnstile::Passage submitting(submitters);
-    return submitting ? AssignAnywhere(std::move(own), priority, task) : RefuseTask();
+    return submitting ? AssignAnywhere<OneShotTask>(std::move(own), priority, task) : RefuseTask();
 }
 
-int CallbackPool::AssignAnywhere(std::function<void()> &&callback, TarvoPriority priority,
-                                 std::shared_ptr<const TarvoTask> &task) {
+int CallbackPool::DropTask(std::shared_ptr<const TarvoTask> callback, TarvoPriority priority) {
+    if (destroyed || RefusesTasks()) {
+        return RefuseTask();
+    }
+    std::shared_ptr<const TarvoTask> task;
+    const Turnstile::Passage submitting(submitters);
+    return submitting ? AssignAnywhere<OneShotOfTask>(std::move(callback), priority, task) : RefuseTask();
+}
+
+template <typename Task, typename Callback>
+int CallbackPool::AssignAnywhere(Callback &&callback, TarvoPriority priority, std::shared_ptr<const TarvoTask> &task) {
     Worker *worker = priority == TARVO_PRIORITY_URGENT ? pool->GetUrgentWorker() : pool->GetWorker();
     if (worker == nullptr) {
         return -ENOMEM;
@@ -96,7 +105,7 @@ int CallbackPool::AssignAnywhere(std::function<void()> &&callback, TarvoPriority
     if (ret != 0) {
         return ret;
     }
-    ret = AssignTask<OneShotTask>(*worker, task, std::move(callback), *this, *worker);
+    ret = AssignTask<Task>(*worker, task, std::forward<Callback>(callback), *this, *worker);
     if (ret == -ENOMEM) {
         pool->FreeWorker(*worker);
     }

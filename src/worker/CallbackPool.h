@@ -34,6 +34,8 @@ public:
     // Results as DropTo, and -EACCES after RefuseTasks or Destroy. With a bad priority, or a thread that could not be
     // started, the worker is not given back.
     int DropAsyncTask(const std::function<void()> &callback, TarvoPriority priority);
+    // The same for a callback that is a task already.
+    int DropTask(std::shared_ptr<const TarvoTask> callback, TarvoPriority priority);
 
     // The worker of `name`, allocated if needed; waits while none is free. Null only when there was no memory for it.
     Worker *FindWorker(const std::string &name) EXCLUDES(findMutex);
@@ -63,9 +65,9 @@ public:
     std::size_t NumUrgentWorkers() const;
 
 private:
-    // Runs `callback` on any free worker. It is in `task` when it has not been queued.
-    int AssignAnywhere(std::function<void()> &&callback, TarvoPriority priority,
-                       std::shared_ptr<const TarvoTask> &task);
+    // Runs `callback` on any free worker, as a `Task`. It is in `task` when it has not been queued.
+    template <typename Task, typename Callback>
+    int AssignAnywhere(Callback &&callback, TarvoPriority priority, std::shared_ptr<const TarvoTask> &task);
 
     std::shared_ptr<WorkerPool> pool;
     Mutex findMutex ACQUIRED_AFTER(lock_order::submission) ACQUIRED_BEFORE(lock_order::slots);

@@ -2,6 +2,7 @@
 #define TARVO_WORKER_TARVOTASK_H
 
 #include <functional>
+#include <memory>
 #include <utility>
 
 class Worker;
@@ -63,6 +64,26 @@ public:
     const Worker *GetExecutor() const override { return &worker; }
 
 private:
+    TarvoTaskObserver &observer;
+    const Worker &worker;
+};
+
+// A OneShotTask for a callback that is a task already, which takes no other memory than its own. Owns: the task.
+// Threads, Locks, Ends: as OneShotTask.
+class OneShotOfTask : public TarvoTask {
+public:
+    OneShotOfTask(std::shared_ptr<const TarvoTask> &&inner, TarvoTaskObserver &finishObserver, const Worker &executor)
+        : TarvoTask(nullptr), task(std::move(inner)), observer(finishObserver), worker(executor) {}
+
+    void operator()() const override {
+        (*task)();
+        observer.OnTaskFinished(*this);
+    }
+
+    const Worker *GetExecutor() const override { return &worker; }
+
+private:
+    const std::shared_ptr<const TarvoTask> task;
     TarvoTaskObserver &observer;
     const Worker &worker;
 };

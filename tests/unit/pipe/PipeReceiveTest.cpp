@@ -383,20 +383,27 @@ public:
         references = task.use_count();
         return RecordingObserver::OnTaskIn(std::move(workerName), std::move(task), priority);
     }
+    int OnAsyncTaskIn(std::shared_ptr<const TarvoTask> task, TarvoPriority priority) const override {
+        references = task.use_count();
+        return RecordingObserver::OnAsyncTaskIn(std::move(task), priority);
+    }
 
     mutable long references = 0;
 };
 
 TEST_F(PipeReceiveTest, WorkerIsTheLastToLetGoOfATask) {
-    ReferenceObserver alone;
-    TarvoAttr attr = Attr(TARVO_MODE_CLIENT);
-    attr.callback = [](int, TarvoRequest *) {};
-    const Pipe pipe = std::make_shared<TarvoPipeImpl>(attr, alone);
-    InMessage message(1, MSG_TYPE_REQUEST, 4);
-    std::memcpy(message.GetData(), "ping", 4);
-    pipe->ProcessRequest(message);
-    EXPECT_EQ(alone.references, 1);
-    EXPECT_EQ(alone.RunTasks(), 1U);
+    for (const bool concurrent : {false, true}) {
+        ReferenceObserver alone;
+        TarvoAttr attr = Attr(TARVO_MODE_CLIENT);
+        attr.callback = [](int, TarvoRequest *) {};
+        attr.isConcur = concurrent;
+        const Pipe pipe = std::make_shared<TarvoPipeImpl>(attr, alone);
+        InMessage message(1, MSG_TYPE_REQUEST, 4);
+        std::memcpy(message.GetData(), "ping", 4);
+        pipe->ProcessRequest(message);
+        EXPECT_EQ(alone.references, 1) << concurrent;
+        EXPECT_EQ(alone.RunTasks(), 1U);
+    }
 }
 
 // ---- Delivery times of heartbeat pipes ----

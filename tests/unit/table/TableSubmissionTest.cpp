@@ -82,6 +82,15 @@ TEST_F(SubmissionTest, ConcurrentCallbackThatComesTooLateIsReportedByThePool) {
     EXPECT_EQ(log.CountExactly(LOG_ERR, "Input parameter invalid"), 1U);
 }
 
+TEST_F(SubmissionTest, ConcurrentTaskThatComesTooLateIsReportedByThePool) {
+    table->DisableTarvoTable();
+    const auto task = std::make_shared<const SyncTask>(Nothing);
+    EXPECT_EQ(table->OnAsyncTaskIn(task, TARVO_PRIORITY_NORMAL), -EACCES);
+    EXPECT_EQ(table->OnAsyncTaskIn(task, TARVO_PRIORITY_URGENT), -EACCES);
+    EXPECT_EQ(log.CountExactly(LOG_WARNING, TOO_LATE), 2U);
+    EXPECT_EQ(task.use_count(), 1);
+}
+
 TEST_F(SubmissionTest, SerialCallbackThatComesTooLateIsReportedByThePoolAndWaitsForNothing) {
     table->DisableTarvoTable();
     EXPECT_EQ(table->OnRequestIn("7", Nothing, TARVO_PRIORITY_NORMAL), -EACCES);

@@ -112,6 +112,18 @@ TEST_F(OneWorkerTest, AWorkerIsFreeAgainOnceItsCallbackHasReturned) {
     EXPECT_EQ(pool.NumWorkers(), 1U);
 }
 
+TEST_F(OneWorkerTest, AWorkerIsFreeAgainOnceATaskMadeBeforeHasRun) {
+    Tally done;
+    const auto task = std::make_shared<const SyncTask>([&] { done.Add(); });
+    for (int i = 0; i < 100; ++i) {
+        ASSERT_EQ(pool.DropTask(task, NORMAL), 0);
+    }
+    done.WaitFor(100);
+    EXPECT_EQ(pool.NumWorkers(), 1U);
+    pool.Destroy();
+    EXPECT_EQ(task.use_count(), 1);
+}
+
 TEST_F(CallbackPoolTest, UrgentCallbacksRunWhileAllNormalWorkersAreTaken) {
     for (int slot = 0; slot < 1024; ++slot) { // without their threads, which are of no interest here
         ASSERT_EQ(workers->GetFreeSlot(1024), slot);

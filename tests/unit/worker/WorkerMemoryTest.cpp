@@ -110,6 +110,16 @@ TEST_F(WorkerMemoryTest, AConcurrentSubmissionSurvivesEveryFailedAllocation) {
     });
 }
 
+TEST_F(WorkerMemoryTest, AConcurrentTaskSurvivesEveryFailedAllocation) {
+    FailEachAllocation([](CallbackPool &pool, const std::function<void()> &callback) {
+        try {
+            return pool.DropTask(std::make_shared<const SyncTask>(callback), TARVO_PRIORITY_NORMAL);
+        } catch (const std::bad_alloc &) {
+            return -ENOMEM;
+        }
+    });
+}
+
 TEST_F(WorkerMemoryTest, AQueueThatCannotGrowRefusesTheTaskAndKeepsTheOthers) {
     const UnrestrainedYet fresh;
     const SyslogCapture log;
