@@ -18,6 +18,7 @@
 #include "base/LockOrder.h"
 #include "base/ProcessObject.h"
 #include "base/bounded.h"
+#include "diag/WrittenSites.h"
 
 namespace {
 
@@ -70,6 +71,7 @@ void ReleaseInParent() {
 }
 
 void ReleaseInChild() {
+    WrittenSites::ForgetParents();
     logLock.ReleaseInChild(logMutex);
     forkComing = false;
     forkLock.ReleaseInChild(forkMutex);
@@ -93,9 +95,17 @@ bool AppendDigits(LineBuffer &text, uint64_t number) {
 
 // Whether the call site (thread, line digits, file) may write a restrained line now.
 bool MayWriteRestrained(int line, const char *file) {
+    if (file == nullptr) {
+        return false;
+    }
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    if (WrittenSites::WroteSince(line, file, now.tv_sec - RESTRAINED_SECONDS)) {
+        return false;
+    }
     LineBuffer key{};
     const bool built = AppendDigits(key, static_cast<uint64_t>(pthread_self())) &&
-                       AppendDigits(key, static_cast<uint64_t>(static_cast<int64_t>(line))) && file != nullptr &&
+                       AppendDigits(key, static_cast<uint64_t>(static_cast<int64_t>(line))) &&
                        strcat_s(key.data(), key.size(), file) == 0;
     if (!built) {
         return false;
@@ -103,7 +113,11 @@ bool MayWriteRestrained(int line, const char *file) {
     try {
         const std::size_t hash = std::hash<std::string>{}(key.data());
         const std::shared_ptr<ZoVelm::VelmRestrainedLog> limiter = ZoVelm::VelmRestrainedLog::GetInstance(true);
-        return limiter && limiter->PrintTableInsert(hash) == 0;
+        if (!limiter || limiter->PrintTableInsert(hash) != 0) {
+            return false;
+        }
+        WrittenSites::Remember(line, file, now.tv_sec);
+        return true;
     } catch (const std::bad_alloc &) {
         // A line that the limiter cannot remember could flood the log.
         return false;

@@ -72,6 +72,44 @@ TEST_F(RestrainedLogTest, SuppressedLinesDoNotProlongTheLimit) {
     EXPECT_TRUE(Writes(40, "prolong"));
 }
 
+TEST_F(RestrainedLogTest, PlacesThatTakeTurnsKeepTheirLimits) {
+    for (int line = 40; line < 45; ++line) {
+        EXPECT_TRUE(Writes(line, "turns"));
+    }
+    for (int turn = 0; turn < 5; ++turn) {
+        clock.AdvanceWall(119s);
+        for (int line = 40; line < 45; ++line) {
+            EXPECT_FALSE(Writes(line, "turns")) << line;
+        }
+    }
+    clock.AdvanceWall(5s);
+    for (int line = 40; line < 45; ++line) {
+        EXPECT_TRUE(Writes(line, "turns")) << line;
+        EXPECT_FALSE(Writes(line, "turns")) << line;
+    }
+}
+
+TEST_F(RestrainedLogTest, APlaceIsKnownByTheTextOfItsFile) {
+    char file[] = "text_a";
+    EXPECT_TRUE(Writes(40, file));
+    EXPECT_FALSE(Writes(40, file));
+    file[5] = 'b';
+    EXPECT_TRUE(Writes(40, file));
+}
+
+TEST_F(RestrainedLogTest, AForkedChildHasLimitsOfItsOwn) {
+    EXPECT_TRUE(Writes(40, "forked"));
+    EXPECT_FALSE(Writes(40, "forked"));
+    EXPECT_EQ(ChildProcess([](Channel &) {
+                  const tarvo_test::SyslogCapture childs;
+                  VelmSyslog(LOG_TYPE_TARVO_RESTRAINED, LOG_ERR, 40, "forked", "in the child");
+                  VelmSyslog(LOG_TYPE_TARVO_RESTRAINED, LOG_ERR, 40, "forked", "and once more");
+                  EXPECT_THAT(childs.Messages(), ElementsAre("in the child"));
+                  return testing::Test::HasFailure() ? 1 : 0;
+              }).Wait(),
+              0);
+}
+
 TEST_F(RestrainedLogTest, OnlyWholeSecondsCount) {
     const std::string file = NewFile("fixed");
     clock.SetWall(1000s + 999ms);
