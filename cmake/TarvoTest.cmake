@@ -1,7 +1,13 @@
-# tarvo_add_test(NAME source... [LIBS target...] [TIMEOUT seconds])
+# tarvo_add_test(NAME source... [LIBS target...] [TIMEOUT seconds] [PORTABLE] [JOINED])
 #
 # A GoogleTest program over the library and the test support. CTest runs each of its tests in a process of its own, so
 # that every test meets the process-wide objects of the library fresh.
+#
+# PORTABLE puts it among the tests of what another processor may do otherwise (layouts, atomics, real processes), which
+# each change must pass on arm64 too: the label `portable`, and the target `tests_portable`. A folder of such tests sets
+# TARVO_TESTS_PORTABLE instead.
+# JOINED compiles several sources as one, in half the time. Names that are each one's own in two of them clash then;
+# write them once, or leave this out.
 
 # tarvo_skip_test(NAME reason)
 #
@@ -10,8 +16,10 @@
 find_package(GTest REQUIRED)
 include(GoogleTest)
 
+add_custom_target(tests_portable)
+
 function(tarvo_add_test name)
-  cmake_parse_arguments(arg "" "TIMEOUT" "LIBS" ${ARGN})
+  cmake_parse_arguments(arg "PORTABLE;JOINED" "TIMEOUT" "LIBS" ${ARGN})
   if(NOT arg_TIMEOUT)
     set(arg_TIMEOUT 120)
   endif()
@@ -28,9 +36,14 @@ function(tarvo_add_test name)
   # library under test is built as the preset says.
   target_compile_options(${name} PRIVATE -O0)
   # The library must find the functions that the program defines in front of the C library's.
-  set_target_properties(${name} PROPERTIES ENABLE_EXPORTS ON)
+  set_target_properties(${name} PROPERTIES ENABLE_EXPORTS ON UNITY_BUILD ${arg_JOINED} UNITY_BUILD_BATCH_SIZE 6)
+  set(labels "")
+  if(arg_PORTABLE OR TARVO_TESTS_PORTABLE)
+    set(labels LABELS portable)
+    add_dependencies(tests_portable ${name})
+  endif()
   gtest_discover_tests(${name} TEST_PREFIX ${name}. DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
-                       PROPERTIES TIMEOUT ${arg_TIMEOUT})
+                       PROPERTIES TIMEOUT ${arg_TIMEOUT} ${labels})
 endfunction()
 
 function(tarvo_skip_test name reason)

@@ -50,6 +50,10 @@ cd "$(dirname "$0")/.."
 . scripts/lib.sh
 
 build=build/bench output=${output:-$PWD/build/bench/$form}
+trees=(-DTARVO_BUILD_TESTS=OFF -DTARVO_BUILD_EXAMPLES=OFF -DTARVO_BUILD_TOOLS=OFF)
+if [[ $form == smoke ]]; then
+    build=build/release trees=() # the library is there already
+fi
 python=/usr/bin/python3 # the distribution's, which the modules are installed for
 scripts/install-deps.sh base bench peers
 if [[ -n $page ]]; then
@@ -57,11 +61,10 @@ if [[ -n $page ]]; then
 fi
 scripts/fifo-directory.sh
 mkdir -p $build
-echo "Building (log: $build.log)"
-{ cmake --preset release -B $build -DTARVO_BUILD_BENCH=ON -DTARVO_BENCH_PEERS=ON -DTARVO_BUILD_TESTS=OFF \
-    -DTARVO_BUILD_EXAMPLES=OFF -DTARVO_BUILD_TOOLS=OFF $(cache_option) &&
-    cmake --build $build --target bench_contestants bench_steps; } >$build.log 2>&1 ||
-    { tail -n 50 $build.log >&2 && exit 1; }
+log=$build/bench.log
+echo "Building (log: $log)"
+{ configure release -B $build -DTARVO_BUILD_BENCH=ON -DTARVO_BENCH_PEERS=ON "${trees[@]}" &&
+    cmake --build $build --target bench_contestants bench_steps; } >$log 2>&1 || { tail -n 50 $log >&2 && exit 1; }
 
 if [[ -n $alone ]]; then
     exec $python "bench/run/$alone.py" $build/bench/process
@@ -73,7 +76,7 @@ if [[ $EUID -eq 0 && ! -d /sys/kernel/tracing/events ]]; then
     # shellcheck disable=SC2016 # for the inner shell
     traced=(unshare --mount bash -c 'mount -t tracefs tracefs /sys/kernel/tracing || true; exec "$@"' bash)
 fi
-$python -m unittest discover -s bench/run -p 'test_*.py' >$build.tests.log 2>&1 || { cat $build.tests.log && exit 1; }
+$python -m unittest discover -s bench/run -p 'test_*.py' >$build/bench-tests.log 2>&1 || { cat $build/bench-tests.log && exit 1; }
 "${traced[@]}" $python bench/run/bench.py --programs $build/bench/process --form "$form" --output "$output" \
     "${options[@]}"
 

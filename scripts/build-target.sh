@@ -17,7 +17,7 @@ shift
 scripts/install-deps.sh base
 log=$(mktemp)
 trap 'rm -f "$log"' EXIT
-if ! { cmake --preset "$preset" $(cache_option) && cmake --build --preset "$preset" --target "$@"; } >"$log" 2>&1; then
+if ! { configure "$preset" && cmake --build --preset "$preset" --target "$@"; } >"$log" 2>&1; then
     cat "$log" >&2
     exit 1
 fi

@@ -44,7 +44,7 @@ make_packages() {
     mkdir -p "build/$preset"
     rm -rf "build/$preset/packages"
     # A tree may have been configured when the folder of the libraries was chosen in another way.
-    if ! { cmake --preset "$preset" -U CMAKE_INSTALL_LIBDIR $(cache_option) &&
+    if ! { configure "$preset" -U CMAKE_INSTALL_LIBDIR &&
         cmake --build --preset "$preset" --target packages; } >"$log" 2>&1; then
         cat "$log" >&2
         return 1
@@ -129,10 +129,10 @@ check_documentation() {
         cmp "$file" "$folder/$file" || fail "${deb##*/}: $file is missing or differs"
     done
     for page in "$folder"/docs/*.md; do
-        for target in $(grep -oE '\]\([^)#: ]+[)#]' "$page" | sed 's/^](\(.*\).$/\1/'); do
+        while read -r target; do
             # The manual pages are in the packages of what they tell of.
             [[ ${target%/} == man || -e ${page%/*}/$target ]] || fail "${deb##*/}: ${page##*/} refers to $target"
-        done
+        done < <(grep -oE '\]\([^)#: ]+[)#]' "$page" | sed 's/^](\(.*\).$/\1/')
     done
     rm -r "$root"
 }
@@ -155,6 +155,7 @@ install_and_use() {
     local root=$scratch/machine
     mkdir "$root" "$scratch/layers"
     cp tests/packaging/installed.sh packaging/systemd/tarvo-example.service "$scratch/inside/"
+    # shellcheck disable=SC2016 # the inner shell's
     unshare --mount --propagation private -- bash -euo pipefail -c '
         root=$1 layers=$2 inside=$3
         mount -t tmpfs tmpfs "$layers"
@@ -170,6 +171,7 @@ install_and_use() {
 }
 
 can_overlay() {
+    # shellcheck disable=SC2016 # the inner shell's
     [[ $EUID -eq 0 ]] && mkdir -p "$scratch/try" &&
         unshare --mount --propagation private -- bash -euo pipefail -c '
             mount -t tmpfs tmpfs "$1" && mkdir "$1/upper" "$1/work" "$1/root" &&

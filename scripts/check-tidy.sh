@@ -1,17 +1,50 @@
 #!/usr/bin/env bash
-# Runs clang-tidy (.clang-tidy) over the product's sources, two at a time, or over the ones named as arguments. Needs
-# the clang preset configured, whose compile database it reads.
+# Runs clang-tidy (.clang-tidy) over the product's sources, two at a time.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-database=build/clang
-if [[ ! -f $database/compile_commands.json ]]; then
-    cmake --preset clang >/dev/null
+usage() {
+    cat <<'TEXT'
+Usage: scripts/check-tidy.sh [--separate] [SOURCE...]
+
+Runs clang-tidy over all sources of the library, the tool and the examples, joined to a few units since most of the time
+goes into what they include, or over the named sources, each by itself.
+
+  --separate  all sources, each by itself too
+TEXT
+}
+
+database=build/tidy units=build/tidy/units
+# Where joined, the sources are files that a unit includes, which the analyzer would not follow by itself.
+joined=('--header-filter=/(src|include|tools|examples)/[^.]*\.(h|hpp|cpp)$' --checks=-bugprone-suspicious-include
+    --extra-arg=-Xclang --extra-arg=-analyzer-opt-analyze-headers)
+separate=false
+while [[ ${1:-} == -* ]]; do
+    case $1 in
+    -h | --help) usage && exit 0 ;;
+    --separate) separate=true ;;
+    *) usage >&2 && exit 2 ;;
+    esac
+    shift
+done
+
+mkdir -p $database
+# Without precompiled headers, which hide what a source forgets to include.
+if ! cmake --preset clang -B $database -DTARVO_BUILD_TESTS=OFF -DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON \
+    >$database/configure.log 2>&1; then
+    cat $database/configure.log >&2
+    exit 1
 fi
 if [[ $# -gt 0 ]]; then
-    files=("$@")
+    files=("$@") options=(-p "$database")
 else
     mapfile -t files < <(git ls-files -- 'src/*.cpp' 'tools/*.cpp' 'examples/*.cpp')
+    options=(-p "$database")
+    if ! $separate; then
+        list=$(scripts/tidy-units.py "$database" "$units" 22 "${files[@]}")
+        mapfile -t files <<<"$list"
+        options=(-p "$units" "${joined[@]}")
+    fi
 fi
 # clang-tidy counts the suppressed warnings of system headers on standard error; only its findings are of interest.
-printf '%s\0' "${files[@]}" | xargs -0 -P2 -n1 clang-tidy --quiet -p "$database" 2> >(grep -v 'warnings\? generated' >&2)
+printf '%s\0' "${files[@]}" | xargs -0 -P2 -n1 clang-tidy --quiet "${options[@]}" 2> >(grep -v 'warnings\? generated' >&2)

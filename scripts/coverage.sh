@@ -1,35 +1,60 @@
 #!/usr/bin/env bash
-# Runs the tests in the coverage preset and prints what of src/ they reach: a line for each file, then the totals.
+# Runs the tests in the checked preset and prints what of src/ they reach: a line for each file, then the totals.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 usage() {
     cat <<'TEXT'
-Usage: scripts/coverage.sh [--line PERCENT] [--branch PERCENT] [--html FILE]
+Usage: scripts/coverage.sh [--line PERCENT] [--branch PERCENT] [--html DIRECTORY] [--tests-only | --report-only]
 
   --line PERCENT, --branch PERCENT  fail when fewer of the lines or branches of src/ are reached
-  --html FILE                       write a report with the sources, FILE being its first page
+  --html DIRECTORY                  write a report with the sources; its first page is index.html there
+  --tests-only                      run the tests that scripts/test.sh --build-only checked has built
+  --report-only                     of the last run
 TEXT
 }
 
-report=()
+line=0 branch=0 html='' run=(scripts/test.sh checked)
 while [[ $# -gt 0 ]]; do
     case $1 in
     -h | --help) usage && exit 0 ;;
-    --line) report+=(--fail-under-line "${2:?}") ;;
-    --branch) report+=(--fail-under-branch "${2:?}") ;;
-    --html) report+=(--html-details "$(realpath -m "${2:?}")") && mkdir -p "$(dirname "$2")" ;;
+    --line) line=${2:?} && shift ;;
+    --branch) branch=${2:?} && shift ;;
+    --html) html=${2:?} && shift ;;
+    --tests-only) run=(scripts/test.sh --tests-only checked) ;;
+    --report-only) run=() ;;
     *) usage >&2 && exit 2 ;;
     esac
-    shift 2
+    shift
 done
 
-# Counts of an earlier run would be added to those of this one.
-find build/coverage -name '*.gcda' -delete 2>/dev/null || true
-scripts/test.sh coverage
+build=build/checked
+counts=$build/profile library=$build/src/libtarvo.so merged=$build/coverage.profdata
+failed=0
+if [[ ${#run[@]} -gt 0 ]]; then
+    # Counts of an earlier run would be added to those of this one. Some tests run as other users.
+    rm -rf $counts
+    mkdir -p $counts
+    chmod 1777 $counts
+    "${run[@]}" || failed=1
+fi
 
-# Branches that only an exception takes, and those of code that the compiler found unreachable, are not the sources'.
-# Processes that end while their threads run write counts that do not add up, and a branch that is computed from others
-# may then be negative, which gcovr takes for an unknown line; such a branch is left out.
-gcovr --root . --filter src/ --exclude-throw-branches --exclude-unreachable-branches --gcov-ignore-parse-errors \
-    --txt --print-summary "${report[@]}" build/coverage
+llvm-profdata merge --sparse --failure-mode=all -o $merged $counts/*.profraw
+sources=("$PWD/src")
+llvm-cov report "$library" "--instr-profile=$merged" --show-region-summary=false "${sources[@]}"
+if [[ -n $html ]]; then
+    llvm-cov show "$library" "--instr-profile=$merged" --format=html --show-branches=count "--output-dir=$html" "${sources[@]}"
+fi
+llvm-cov export "$library" "--instr-profile=$merged" --summary-only "${sources[@]}" | python3 -c '
+import json, sys
+totals = json.load(sys.stdin)["data"][0]["totals"]
+missed = False
+for kind, limit in ("lines", sys.argv[1]), ("branches", sys.argv[2]):
+    found = totals[kind]
+    percent, reached, there = found["percent"], found["covered"], found["count"]
+    print(f"{kind}: {percent:.1f}% ({reached} out of {there})")
+    if percent < float(limit):
+        print(f"coverage.sh: fewer than {limit} % of the {kind} are reached", file=sys.stderr)
+        missed = True
+sys.exit(missed)' "$line" "$branch" || failed=1
+exit $failed

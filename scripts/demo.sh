@@ -34,7 +34,7 @@ set_up() {
     scripts/fifo-directory.sh
     say "Building the library and the examples"
     mkdir -p build/release
-    cmake --preset release $(cache_option) >build/release/configure.log 2>&1 ||
+    configure release >build/release/configure.log 2>&1 ||
         { cat build/release/configure.log >&2 && fail "cannot configure"; }
     if [[ -t 1 ]]; then
         cmake --build --preset release --target tarvo_examples

@@ -21,7 +21,7 @@ TEXT
 build() {
     local preset=$1 log=build/$1/build.log
     mkdir -p "build/$preset"
-    if ! { cmake --preset "$preset" $(cache_option) && cmake --build --preset "$preset" --target system_exit; } \
+    if ! { configure "$preset" && cmake --build --preset "$preset" --target system_exit; } \
         >"$log" 2>&1; then
         cat "$log" >&2
         return 1
@@ -30,11 +30,11 @@ build() {
 
 # Runs of one way; the slowest one's time is left in `slowest`.
 run_piece() {
-    local preset=$1 way=$2 runs=$3 limit=$4 log=$5 found
-    local filter=Ways/ExitTest.*/${way/#_/underscore_}
+    local preset=$1 way=$2 runs=$3 limit=$4 log=$5 found prefix
+    local filter="Ways/ExitTest.*/${way/#_/underscore_}"
     [[ $limit -eq 0 ]] || export TARVO_EXIT_LIMIT_MS=$limit
-    # shellcheck disable=SC2046 # a command with its argument, or nothing
-    if ! TARVO_EXIT_RUNS=$runs $(without_randomisation "$preset") "build/$preset/tests/system/system_exit" \
+    mapfile -t prefix < <(without_randomisation "$preset")
+    if ! env "TARVO_EXIT_RUNS=$runs" "${prefix[@]}" "build/$preset/tests/system/system_exit" \
         "--gtest_filter=$filter" >"$log" 2>&1; then
         cat "$log" >&2
         return 1

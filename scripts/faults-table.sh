@@ -2,6 +2,7 @@
 # Writes what the fault tests find to docs/FAULTS.md.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+. scripts/lib.sh
 
 if [[ ${1:-} == -h || ${1:-} == --help ]]; then
     cat <<'TEXT'
@@ -15,7 +16,7 @@ fi
 scripts/fifo-directory.sh
 scripts/install-deps.sh base
 mkdir -p build
-if ! { cmake --preset release && cmake --build --preset release --target faults_calls faults_directory; } >build/faults-table.log 2>&1; then
+if ! { configure release && cmake --build --preset release --target faults_calls faults_directory; } >build/faults-table.log 2>&1; then
     cat build/faults-table.log >&2
     exit 1
 fi

@@ -31,7 +31,7 @@ TEXT
 build() {
     local log=build/fuzz/build.log
     mkdir -p build/fuzz
-    if ! { cmake --preset fuzz $(cache_option) && cmake --build --preset fuzz; } >"$log" 2>&1; then
+    if ! { configure fuzz && cmake --build --preset fuzz; } >"$log" 2>&1; then
         cat "$log" >&2
         return 1
     fi
@@ -53,13 +53,13 @@ program_of() {
 # Runs one target. Its output goes to a file; one line tells how it ended.
 run_target() {
     local target=$1 seconds=$2 kept=tests/fuzz/corpus/$1 gathered=build/fuzz/corpus/$1 log=build/fuzz/$1.log
-    local dictionary=tests/fuzz/$1.dict options=() status=0
+    local dictionary=tests/fuzz/$1.dict options=() status=0 prefix
     mkdir -p "$gathered"
     # Leaks are looked for once, when the process ends. libFuzzer would look after single inputs too, and LeakSanitizer
     # takes for leaked what another thread holds that is at work meanwhile (google/sanitizers issue 757).
     [[ ! -e $dictionary ]] || options=("-dict=$dictionary")
-    # shellcheck disable=SC2046 # a command with its argument, or nothing
-    $(without_randomisation fuzz) "$(program_of "$target")" "-max_total_time=$seconds" "-max_len=$(longest_input "$target")" \
+    mapfile -t prefix < <(without_randomisation fuzz)
+    "${prefix[@]}" "$(program_of "$target")" "-max_total_time=$seconds" "-max_len=$(longest_input "$target")" \
         -detect_leaks=0 -timeout=150 -rss_limit_mb=4096 -print_final_stats=1 "-artifact_prefix=$kept/found-" "${options[@]}" \
         "$gathered" "$kept" >"$log" 2>&1 || status=$?
     summarise "$target" "$status" "$log"
@@ -78,9 +78,9 @@ summarise() {
 
 # The smallest set of the gathered inputs that reaches what the kept ones do not.
 keep() {
-    local target=$1
-    # shellcheck disable=SC2046 # a command with its argument, or nothing
-    $(without_randomisation fuzz) "$(program_of "$target")" -merge=1 -timeout=150 -rss_limit_mb=4096 \
+    local target=$1 prefix
+    mapfile -t prefix < <(without_randomisation fuzz)
+    "${prefix[@]}" "$(program_of "$target")" -merge=1 -timeout=150 -rss_limit_mb=4096 \
         "tests/fuzz/corpus/$target" "build/fuzz/corpus/$target" >"build/fuzz/$target-merge.log" 2>&1
 }
 

@@ -10,14 +10,15 @@ Installs what is missing of the named groups (default: base). Needs Debian 12, a
 missing; says nothing otherwise.
 
   base      build and test with gcc
-  clang     the clang preset, and clang's sanitizer and fuzzer runtimes
+  clang     the presets with clang, its sanitizer and fuzzer runtimes, and coverage
   arm64     cross build for 64-bit Arm and its emulator
-  tools     format, tidy and include checks
+  tools     format, tidy, include and shell checks
   bench     the benchmarks
   peers     the messaging systems that the benchmarks compare with
-  packages  Debian packages, manual pages and their checks
+  man       the check of the manual pages
+  packages  Debian packages and their checks, and those of the manual pages
   abi       the check of the binary interface
-  coverage  line and branch coverage
+  bare      a bare system to try everything on
   all       everything above
 
   --list    print the packages of the groups and install nothing
@@ -28,20 +29,21 @@ packages_of() {
     case $1 in
     base) echo g++ cmake ninja-build pkg-config libselinux1-dev libgtest-dev libgmock-dev libcli11-dev libfmt-dev \
         nlohmann-json3-dev python3 ;;
-    clang) echo clang libclang-rt-14-dev ;;
+    clang) echo clang libclang-rt-14-dev llvm ;;
     # Only the cross compiler comes as a package of this machine's architecture. Headers and libraries come from the
     # foreign one, with the loader and the C++ runtime that the tests need under emulation.
     arm64) echo g++-aarch64-linux-gnu qemu-user-static libc6:arm64 libstdc++6:arm64 libselinux1-dev:arm64 \
         libgtest-dev:arm64 libgmock-dev:arm64 libfmt-dev:arm64 ;;
-    tools) echo clang-format clang-tidy python3 ;;
+    tools) echo clang-format clang-tidy python3 shellcheck ;;
     bench) echo libbenchmark-dev libcli11-dev nlohmann-json3-dev python3-matplotlib python3-numpy stress-ng rt-tests \
         valgrind ;;
     peers) echo libzmq3-dev libnng-dev libsystemd-dev dbus-daemon libcapnp-dev capnproto libgrpc++-dev libprotobuf-dev \
         protobuf-compiler protobuf-compiler-grpc ;;
-    packages) echo adduser dpkg-dev file groff-base lintian man-db mandoc systemd ;;
+    man) echo binutils groff-base man-db mandoc ;;
+    packages) packages_of man && echo adduser dpkg-dev file lintian systemd ;;
     abi) echo abigail-tools ;;
-    coverage) echo gcovr ;;
-    all) for group in base clang arm64 tools bench peers packages abi coverage; do packages_of "$group"; done ;;
+    bare) echo debootstrap ;;
+    all) for group in base clang arm64 tools bench peers man packages abi bare; do packages_of "$group"; done ;;
     *)
         echo "install-deps.sh: no such group: $1" >&2
         usage >&2

@@ -1,18 +1,20 @@
+# shellcheck shell=bash
 # Functions that several scripts of this folder need; to be sourced.
 
-# The CMake option for a compiler cache, where there is one. In CI each file is compiled once, and precompiled headers,
-# which a cache excludes, save more.
-cache_option() {
-    [[ -z ${CI:-} ]] && command -v ccache >/dev/null && echo -DCMAKE_CXX_COMPILER_LAUNCHER=ccache
-    return 0
+# configure PRESET [OPTION...]: with a compiler cache, where there is one. In CI each file is compiled once, and
+# precompiled headers, which a cache excludes, save more.
+configure() {
+    local cache=()
+    [[ -n ${CI:-} ]] || ! command -v ccache >/dev/null || cache=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+    cmake --preset "$1" "${cache[@]}" "${@:2}"
 }
 
-# The prefix for programs of a preset. The sanitizers of this compiler generation cannot place their shadow memory when
-# the kernel randomises more than 28 bits of a mapping's address; without randomisation they always can.
+# The prefix for programs of a preset, a word a line. The sanitizers of this compiler generation cannot place their shadow
+# memory when the kernel randomises more than 28 bits of a mapping's address; without randomisation they always can.
 without_randomisation() {
     local bits
     bits=$(cat /proc/sys/vm/mmap_rnd_bits 2>/dev/null || echo 28)
-    [[ $1 =~ ^([at]san|fuzz)$ && $bits -gt 28 ]] && echo setarch -R
+    [[ $1 =~ ^([at]san|checked|fuzz)$ && $bits -gt 28 ]] && printf '%s\n' setarch -R
     return 0
 }
 

@@ -4,14 +4,14 @@
 set -uo pipefail
 cd "$(dirname "$0")/.." || exit
 
-STEPS=(kills comeback stopped reconnect twins reopen soak fuzz ends races cancels)
+STEPS=(kills comeback stopped reconnect twins reopen soak fuzz ends races cancels clang asan arm64 tidy bare)
 
 usage() {
     cat <<'TEXT'
 Usage: scripts/nightly.sh [--kills N] [--reconnects N] [--twins N] [--reopenings N] [--soak-minutes N] [--fuzz-seconds N]
                           [--ends N] [--repeats N] [--seed N] [STEP...]
 
-Runs the long proofs, all of them (about three hours) or the named steps:
+Runs the long proofs, all of them (about four hours) or the named steps:
 
   kills    20000 kills of servers and clients, restarted at once: nobody wedged, an answer within 1 s (99th percentile)
   comeback 1000 kills of the server of a tarvo::Client, on all processors and on one: no call lost, no line per attempt
@@ -27,6 +27,11 @@ Runs the long proofs, all of them (about three hours) or the named steps:
   ends     1000 ends of a process with traffic, of each kind, under each sanitizer
   races    the tests of threads that meet, 50 times under the thread sanitizer
   cancels  400 cancellations of a thread inside each function: no abort, no lock kept, no descriptor lost
+  clang    all tests with clang, optimised as gcc's are
+  asan     all tests under gcc's sanitizers of memory and undefined behaviour
+  arm64    all tests on arm64, of which each change runs a part
+  tidy     clang-tidy on each source by itself
+  bare     scripts/test.sh and scripts/demo.sh on a system that has nothing yet
 
 Everything a step prints is in build/nightly/STEP.log. Installs what is missing.
 TEXT
@@ -94,6 +99,12 @@ step_cancels() {
     run cancels "400 cancellations of each" env TARVO_CANCELLATIONS=400 scripts/test.sh release -- -R unit_api_cancel \
         --output-on-failure
 }
+
+step_clang() { run clang "all tests with clang" scripts/test.sh clang; }
+step_asan() { run asan "all tests under gcc's asan" scripts/test.sh asan; }
+step_arm64() { run arm64 "all tests on arm64" scripts/test.sh arm64; }
+step_tidy() { run tidy "clang-tidy, source by source" scripts/check-tidy.sh --separate; }
+step_bare() { run bare "tests and demo on a bare system" scripts/bare-system.sh; }
 
 main() {
     local selected=() step

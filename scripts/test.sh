@@ -6,10 +6,15 @@ cd "$(dirname "$0")/.."
 
 usage() {
     cat <<'TEXT'
-Usage: scripts/test.sh [PRESET...] [-- CTEST_ARGUMENT...]
+Usage: scripts/test.sh [--part NAME] [--build-only | --tests-only] [PRESET...] [-- CTEST_ARGUMENT...]
 
-Installs what is missing, configures, builds and tests each preset (default: release): release, debug, asan, tsan,
-clang, coverage, arm64. Arguments after -- go to ctest, whose output is then shown whole.
+Installs what is missing, configures, builds and tests each preset (default: release): release, debug, checked, asan,
+tsan, clang, arm64. Arguments after -- go to ctest, whose output is then shown whole.
+
+  --part NAME   build and run one part of the tests: portable, what another processor may do otherwise
+  --build-only  leave the tests for later
+  --tests-only  run what --build-only has built
+
 Where the kernel allows it, tests get a FIFO directory of their own, and several of these runs do not meet.
 
   scripts/test.sh tsan -- -R unit_fifo --repeat until-fail:100
@@ -18,10 +23,9 @@ TEXT
 
 groups_of() {
     case $1 in
-    clang) echo base clang ;;
-    arm64) echo base arm64 ;;
-    coverage) echo base coverage ;;
-    *) echo base ;;
+    checked | clang) echo base clang man ;;
+    arm64) echo base arm64 man ;;
+    *) echo base man ;;
     esac
 }
 
@@ -48,27 +52,29 @@ quietly() {
 }
 
 configure_and_build() {
-    local preset=$1
+    local preset=$1 target=()
+    [[ -z $part ]] || target=(--target "tests_$part")
     mkdir -p "build/$preset"
-    quietly "build/$preset/configure.log" cmake --preset "$preset" $(cache_option) || return 1
+    quietly "build/$preset/configure.log" configure "$preset" || return 1
     if [[ -t 1 ]]; then
-        cmake --build --preset "$preset"
+        cmake --build --preset "$preset" "${target[@]}"
     else
-        quietly "build/$preset/build.log" cmake --build --preset "$preset"
+        quietly "build/$preset/build.log" cmake --build --preset "$preset" "${target[@]}"
     fi
 }
 
 run_tests() {
-    local preset=$1 prefix
+    local preset=$1 prefix label=()
     shift
-    prefix=$(without_randomisation "$preset")
+    [[ -z $part ]] || label=(-L "^$part\$")
+    mapfile -t prefix < <(without_randomisation "$preset")
     if [[ $# -gt 0 ]]; then
-        in_sandbox $prefix ctest --preset "$preset" "$@"
+        in_sandbox "${prefix[@]}" ctest --preset "$preset" "${label[@]}" "$@"
     elif [[ -t 1 ]]; then
-        in_sandbox $prefix ctest --preset "$preset" --progress
+        in_sandbox "${prefix[@]}" ctest --preset "$preset" "${label[@]}" --progress
     else
         # Whatever is not the start or the success of one test: failures with their output, and the closing lines.
-        in_sandbox $prefix ctest --preset "$preset" 2>&1 |
+        in_sandbox "${prefix[@]}" ctest --preset "$preset" "${label[@]}" 2>&1 |
             awk '!/^ *Start +[0-9]+: / && !/^ *[0-9]+\/[0-9]+ Test +#[0-9]+: .* +Passed +[0-9.]+ sec$/ && NF'
     fi
 }
@@ -81,10 +87,14 @@ print_skipped() {
 }
 
 main() {
-    local presets=() failed=0 groups
+    local presets=() failed=0 groups build=true tests=true
+    part=''
     while [[ $# -gt 0 ]]; do
         case $1 in
         -h | --help) usage && return 0 ;;
+        --part) part=${2:?name} && shift ;;
+        --build-only) tests=false ;;
+        --tests-only) build=false ;;
         --)
             shift
             break
@@ -95,11 +105,11 @@ main() {
         shift
     done
     for preset in "${presets[@]:-release}"; do
-        groups=$(groups_of "$preset")
-        # shellcheck disable=SC2086 # a list of words
-        scripts/install-deps.sh $groups
+        read -ra groups < <(groups_of "$preset")
+        scripts/install-deps.sh "${groups[@]}"
         [[ $preset != arm64 ]] || prepare_emulation
-        configure_and_build "$preset"
+        ! $build || configure_and_build "$preset"
+        $tests || continue
         run_tests "$preset" "$@" || failed=$?
         print_skipped "$preset"
         [[ $failed -eq 0 ]] || return $failed

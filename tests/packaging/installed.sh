@@ -29,7 +29,7 @@ echo "consumers of the CMake package and of the pkg-config file run"
 pages=(tarvo TarvoOpen TarvoRPCSync)
 ! command -v tarvoctl >/dev/null || pages+=(tarvo-errors tarvo-log)
 for page in "${pages[@]}"; do
-    MANWIDTH=80 man $page >page.txt 2>/dev/null || { echo "there is no page $page" && exit 1; }
+    MANWIDTH=80 man "$page" >page.txt 2>/dev/null || { echo "there is no page $page" && exit 1; }
     grep -qw "$page" page.txt || { echo "the page $page tells nothing of it" && exit 1; }
 done
 
@@ -53,6 +53,6 @@ fi
 dpkg --install ./*.deb >dpkg.log 2>&1 || { cat dpkg.log && exit 1; }
 mkfifo $fifo_directory/in_use
 dpkg --purge tarvo-tools libtarvo-doc libtarvo-dev libtarvo1 >dpkg.log 2>&1 || { cat dpkg.log && exit 1; }
-[[ -p $fifo_directory/in_use ]] && getent group tarvo >/dev/null || { echo "the purge took what is in use" && exit 1; }
+{ [[ -p $fifo_directory/in_use ]] && getent group tarvo >/dev/null; } || { echo "the purge took what is in use" && exit 1; }
 ! ldconfig -p | grep libtarvo >/dev/null || { echo "the loader still knows libtarvo" && exit 1; }
 echo "purged: running processes keep their FIFOs and their group"

@@ -60,9 +60,9 @@ done
 
 # Every option that the page describes is one of the tool.
 known=$(for subcommand in "${subcommands[@]}"; do options_of "$subcommand"; done; echo --version)
-for option in $(grep -oE '\\-\\-[a-z-]+(\\-[a-z]+)*' "$page" | sed 's/\\//g' | sort -u); do
+while read -r option; do
     grep -qx -- "$option" <<<"$known" || fail "the manual page has $option, and the tool has not"
-done
+done < <(grep -oE '\\-\\-[a-z-]+(\\-[a-z]+)*' "$page" | sed 's/\\//g' | sort -u)
 
 if command -v groff >/dev/null; then
     warnings=$(groff -man -ww -z "$page" 2>&1)
