@@ -323,7 +323,8 @@ TEST_F(EpollSet, ReportsTheDataOfAnAddedDescriptor) {
         epoll_event event{};
         ASSERT_EQ(1, ::epoll_wait(epfd, &event, 1, 0));
         EXPECT_EQ(data, event.data.fd);
-        EXPECT_EQ(static_cast<uint32_t>(data), event.data.u64);
+        const uint64_t whole = event.data.u64; // a packed structure: no reference to its place
+        EXPECT_EQ(static_cast<uint32_t>(data), whole);
         EXPECT_EQ(static_cast<uint32_t>(EPOLLIN), event.events);
         EXPECT_EQ(0, RemoveFdFromEpoll(epfd, fd));
         EXPECT_EQ(InfoLine(TAG, Text("Remove fd success. epoll_fd = %d, fd = %d, ret = 0.", epfd, fd)),
