@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdint>
 #include <cstdlib>
 #include <fstream>
 #include <future>
@@ -271,7 +272,8 @@ TEST(Faults, UnarmedFunctionsAreTheRealOnes) {
     EXPECT_EQ(epoll_ctl(epoll, EPOLL_CTL_ADD, event, &wanted), 0);
     epoll_event got{};
     EXPECT_EQ(epoll_wait(epoll, &got, 1, 0), 1);
-    EXPECT_EQ(got.data.u64, 77U);
+    const uint64_t data = got.data.u64; // a packed structure: no reference to its place
+    EXPECT_EQ(data, 77U);
     EXPECT_EQ(flock(epoll, LOCK_UN), 0);
     close(event);
     close(epoll);
