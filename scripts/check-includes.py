@@ -39,7 +39,7 @@ EXTRA = {
     "pipe": {"worker/TarvoTask.h"},
     "table": {"server/TarvoClientPipe.h"},
     "server/PipeServer": {"api/TableFactory.h", "table/TarvoTable.h"},
-    "loop": {"pipe/MagicReceiver.h", "pipe/Message.h", "server/PipeServerMessage.h"},
+    "loop": {"api/tarvo_check.h", "pipe/MagicReceiver.h", "pipe/Message.h", "server/PipeServerMessage.h"},
 }
 
 # Formats, limits and names that other processes rely on: nothing with a behaviour of its own. And the one owner of a

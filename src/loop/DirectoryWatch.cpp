@@ -1,0 +1,95 @@
+#include "loop/DirectoryWatch.h"
+
+#include <sys/inotify.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include "api/EnvManager.h"
+#include "diag/velm_syslog.h"
+#include "loop/Loop.h"
+
+namespace {
+
+constexpr char LOG_TAG[] = "DirectoryWatch";
+constexpr uint32_t CHANGES = IN_CREATE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE;
+constexpr std::size_t BUFFER_SIZE = 4096;
+
+} // namespace
+
+bool DirectoryWatch::Add(FileWaiter &waiter) {
+    if (!waiter.waits) {
+        waiter.waits = true;
+        waiter.previous = nullptr;
+        waiter.next = first;
+        if (first != nullptr) {
+            first->previous = &waiter;
+        }
+        first = &waiter;
+    }
+    return fd.Get() >= 0 || Begin();
+}
+
+bool DirectoryWatch::Begin() {
+    UniqueFd made(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    int ret = made.Get() < 0 ? -errno : 0;
+    if (ret == 0 && inotify_add_watch(made.Get(), EnvManager::FifoPrefix().c_str(), CHANGES | IN_ONLYDIR) < 0) {
+        ret = -errno;
+    }
+    if (ret == 0) {
+        ret = loop.Events().Add(made.Get(), EPOLLIN, *this, 0, watch);
+    }
+    if (ret != 0) {
+        TARVO_LOG_RESTRAINED(LOG_WARNING, "Watch the FIFO directory failed, ret=%d: looking from time to time.", ret);
+        return false;
+    }
+    fd = std::move(made);
+    return true;
+}
+
+void DirectoryWatch::Remove(FileWaiter &waiter) {
+    if (!waiter.waits) {
+        return;
+    }
+    waiter.waits = false;
+    if (nextToTell == &waiter) {
+        nextToTell = waiter.next;
+    }
+    (waiter.previous != nullptr ? waiter.previous->next : first) = waiter.next;
+    if (waiter.next != nullptr) {
+        waiter.next->previous = waiter.previous;
+    }
+    if (first == nullptr) {
+        End();
+    }
+}
+
+void DirectoryWatch::End() {
+    loop.Events().Remove(watch);
+    fd.Reset();
+}
+
+void DirectoryWatch::Tell(std::string_view name) {
+    FileWaiter *waiter = first;
+    while (waiter != nullptr) {
+        nextToTell = waiter->next;
+        waiter->OnFileChanged(name);
+        waiter = nextToTell;
+    }
+    nextToTell = nullptr;
+}
+
+void DirectoryWatch::OnEvents(uint32_t /*what*/, uint32_t /*events*/) {
+    alignas(inotify_event) std::array<char, BUFFER_SIZE> buffer;
+    const ssize_t size = read(fd.Get(), buffer.data(), buffer.size());
+    // Nobody may wait any more after one of them, and the descriptor is closed then.
+    for (ssize_t at = 0; at < size && first != nullptr;) {
+        inotify_event event{};
+        std::memcpy(&event, buffer.data() + at, sizeof(event));
+        const char *const name = buffer.data() + at + sizeof(event);
+        at += static_cast<ssize_t>(sizeof(event) + event.len);
+        // An overflow has no name, and concerns everybody.
+        Tell(event.len > 0 ? std::string_view(name) : std::string_view());
+    }
+}

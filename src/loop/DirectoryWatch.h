@@ -1,0 +1,59 @@
+#ifndef TARVO_LOOP_DIRECTORYWATCH_H
+#define TARVO_LOOP_DIRECTORYWATCH_H
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "base/UniqueFd.h"
+#include "loop/Poller.h"
+
+struct TarvoLoop;
+
+// Somebody who waits for files. Owns: nothing. Threads: that of the loop. Locks: none. Ends: in no DirectoryWatch.
+class FileWaiter {
+public:
+    FileWaiter() = default;
+    virtual ~FileWaiter() = default;
+    FileWaiter(const FileWaiter &) = delete;
+    FileWaiter &operator=(const FileWaiter &) = delete;
+
+    // A file of this name in the FIFO directory has come or gone; empty: some have.
+    virtual void OnFileChanged(std::string_view name) = 0;
+
+private:
+    friend class DirectoryWatch;
+    FileWaiter *next = nullptr;
+    FileWaiter *previous = nullptr;
+    bool waits = false;
+};
+
+// Tells those who wait for files in the FIFO directory of its changes. Has a descriptor only while there are any.
+// Owns: that descriptor. Threads: that of the loop. Locks: none. Ends: before the loop's epoll set.
+class DirectoryWatch final : public Watcher {
+public:
+    explicit DirectoryWatch(TarvoLoop &owner) : loop(owner) {}
+    ~DirectoryWatch() override = default;
+
+    // From now on `waiter` is told. False when the system has no watch for it: it has to look by itself. Either way it
+    // is taken out with Remove.
+    bool Add(FileWaiter &waiter);
+    void Remove(FileWaiter &waiter);
+
+    int Fd() const { return fd.Get(); }
+
+    void OnEvents(uint32_t what, uint32_t events) override;
+
+private:
+    bool Begin();
+    void End();
+    void Tell(std::string_view name);
+
+    TarvoLoop &loop;
+    UniqueFd fd;
+    Watch watch;
+    FileWaiter *first = nullptr;
+    FileWaiter *nextToTell = nullptr; // those before it have been told
+};
+
+#endif // TARVO_LOOP_DIRECTORYWATCH_H

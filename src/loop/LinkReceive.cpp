@@ -1,0 +1,173 @@
+// Receiving: one large read in a turn, and the callbacks of what it has brought.
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "diag/velm_syslog.h"
+#include "loop/Link.h"
+#include "loop/Service.h"
+
+namespace {
+
+constexpr char LOG_TAG[] = "LinkReceive";
+
+} // namespace
+
+bool TarvoLink::Serve(int share, int &ran) {
+    mayRead = true;
+    Step step = Step::AGAIN;
+    while (ran < share && step != Step::NOTHING && !loop.Interrupted()) {
+        step = ServeOne();
+        ran += step == Step::RAN ? 1 : 0;
+    }
+    // What has no room elsewhere is delivered now, for the bytes have to go: more than the share then.
+    while (state != State::CLOSED && reader.HasNext() && !reader.Stash() && ServeOne() != Step::NOTHING) {
+        ++ran;
+    }
+    const bool more = calls.HasEnds() || HasMore();
+    if (more && step == Step::NOTHING) {
+        // What there is, is for the next round.
+        loop.Queue(*this);
+        return false;
+    }
+    return more;
+}
+
+bool TarvoLink::HasMore() {
+    return state != State::CLOSED &&
+           (openEnded || writable || readable || (gone && state == State::OPEN) || !kept.Empty() || reader.HasNext());
+}
+
+TarvoLink::Step TarvoLink::ServeOne() {
+    const Step ends = ServeEnds();
+    if (ends != Step::AGAIN) {
+        return ends;
+    }
+    if (state == State::CLOSED) {
+        loop.Bury(*this);
+        return Step::NOTHING;
+    }
+    if (openEnded) {
+        return TellOpened();
+    }
+    if (writable) {
+        return TellWritable();
+    }
+    Frame frame;
+    if (NextFrame(frame)) {
+        return Deliver(frame);
+    }
+    if (readable && mayRead) {
+        Read();
+        return Step::AGAIN;
+    }
+    if (gone) {
+        return TellClosed();
+    }
+    return Step::NOTHING;
+}
+
+// AGAIN: no end is to be told.
+TarvoLink::Step TarvoLink::ServeEnds() {
+    if (!calls.HasEnds()) {
+        return Step::AGAIN;
+    }
+    CallEnd end{};
+    if (!calls.NextEnd(loop.Round(), end)) {
+        return Step::NOTHING;
+    }
+    end.done(end.context, end.result, {nullptr, 0});
+    return Step::RAN;
+}
+
+TarvoLink::Step TarvoLink::TellOpened() {
+    openEnded = false;
+    opening.reset();
+    if (spec.service != nullptr && !announced) {
+        if (state == State::FAILED) {
+            Close();
+            return Step::NOTHING;
+        }
+        announced = true;
+        return spec.service->TellClient(*this) ? Step::RAN : Step::AGAIN;
+    }
+    if (spec.callbacks.opened == nullptr) {
+        return Step::AGAIN;
+    }
+    spec.callbacks.opened(spec.context, this, openResult);
+    return Step::RAN;
+}
+
+TarvoLink::Step TarvoLink::TellWritable() {
+    writable = false;
+    full = false;
+    if (spec.callbacks.writable == nullptr) {
+        return Step::AGAIN;
+    }
+    spec.callbacks.writable(spec.context, this);
+    return Step::RAN;
+}
+
+TarvoLink::Step TarvoLink::Deliver(const Frame &frame) {
+    const TarvoBytes payload{frame.data, frame.size};
+    if (frame.type == MSG_TYPE_RESPONSE) {
+        CallEnd end{};
+        if (!calls.Answer(frame.id, end)) {
+            return Step::AGAIN;
+        }
+        end.done(end.context, 0, payload);
+        return Step::RAN;
+    }
+    if (spec.callbacks.request == nullptr) {
+        return Step::AGAIN;
+    }
+    uint32_t number = 0;
+    if (!requests.Add(frame.id, number)) {
+        TARVO_LOG(LOG_ERR, "Add InRequest failed, out of space");
+        return Step::AGAIN;
+    }
+    spec.callbacks.request(spec.context, this, number, payload);
+    return Step::RAN;
+}
+
+void TarvoLink::Read() {
+    readable = false;
+    mayRead = false;
+    const ssize_t count = read(readFd.Get(), loop.Scratch(), TarvoLoop::SCRATCH_SIZE);
+    if (count > 0) {
+        heard = true;
+        reader.Feed(loop.Scratch(), static_cast<std::size_t>(count));
+        return;
+    }
+    if (count < 0 && (errno == EAGAIN || errno == EINTR)) {
+        return;
+    }
+    OnRemoteGone();
+}
+
+void TarvoLink::OnRemoteGone() {
+    gone = true;
+    reader.End();
+    loop.Events().Remove(readWatch);
+}
+
+TarvoLink::Step TarvoLink::TellClosed() {
+    if (state != State::OPEN) {
+        return Step::NOTHING;
+    }
+    calls.EndAll(-EPIPE, 0);
+    if (calls.HasEnds()) {
+        // They are told first.
+        return Step::AGAIN;
+    }
+    state = State::GONE;
+    Step step = Step::AGAIN;
+    if (spec.callbacks.closed != nullptr) {
+        spec.callbacks.closed(spec.context, this);
+        step = Step::RAN;
+    }
+    if (announced) {
+        Close();
+    }
+    return step;
+}

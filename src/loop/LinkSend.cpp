@@ -1,0 +1,170 @@
+// Sending: frames into the batch, and the batch into the FIFO in one write.
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "diag/run_time_record.h"
+#include "diag/velm_syslog.h"
+#include "loop/Link.h"
+
+namespace {
+
+constexpr char LOG_TAG[] = "LinkSend";
+constexpr int64_t MICROSECONDS_PER_MILLISECOND = 1000;
+// Five hours: a process stopped in a debugger must not time out.
+constexpr int PATIENT_TIMEOUT_MS = 18000000;
+// Nobody waits for the answer.
+constexpr int32_t NO_TIMEOUT = -1;
+
+} // namespace
+
+int TarvoLink::CheckSend(TarvoBytes payload) const {
+    if (payload.data == nullptr || payload.size == 0 || payload.size > TARVO_LOOP_MAX_PAYLOAD) {
+        return -EINVAL;
+    }
+    if (state == State::OPENING || state == State::FAILED) {
+        return -ENOTCONN;
+    }
+    if (state != State::OPEN || broken) {
+        return -EPIPE;
+    }
+    return full ? -EAGAIN : 0;
+}
+
+int TarvoLink::Send(TarvoBytes payload) {
+    const int ret = CheckSend(payload);
+    return ret != 0 ? ret : Enqueue(calls.OneWayId(), MSG_TYPE_REQUEST, NO_TIMEOUT, payload);
+}
+
+int64_t TarvoLink::Call(TarvoBytes payload, int timeoutMs, TarvoDone done, void *context) {
+    const int refused = CheckSend(payload);
+    if (refused != 0) {
+        return refused;
+    }
+    int64_t deadline = -1;
+    if (timeoutMs >= 0) {
+        timeoutMs = loop.IsPatient() ? PATIENT_TIMEOUT_MS : timeoutMs;
+        deadline = static_cast<int64_t>(Tarvo::GetCurrentTime()) + timeoutMs * MICROSECONDS_PER_MILLISECOND;
+    }
+    const int64_t call = calls.Begin(done, context, deadline);
+    if (call < 0) {
+        return call;
+    }
+    const int ret = Enqueue(Calls::WireId(call), MSG_TYPE_REQUEST, timeoutMs, payload);
+    if (ret != 0) {
+        calls.Undo(call);
+        return ret;
+    }
+    loop.SettleTimers();
+    return call;
+}
+
+int TarvoLink::Cancel(int64_t call) {
+    if (call <= 0 || !calls.End(call, -ECANCELED, loop.Round())) {
+        return -ENOENT;
+    }
+    loop.Queue(*this);
+    return 0;
+}
+
+int TarvoLink::Reply(uint32_t request, TarvoBytes payload) {
+    const int refused = CheckSend(payload);
+    if (refused != 0) {
+        return refused;
+    }
+    uint32_t id = 0;
+    if (!requests.Find(request, id)) {
+        return -ENOENT;
+    }
+    const int ret = Enqueue(id, MSG_TYPE_RESPONSE, NO_TIMEOUT, payload);
+    if (ret == 0) {
+        requests.Remove(request);
+    }
+    return ret;
+}
+
+int TarvoLink::Enqueue(uint32_t id, MsgType type, int32_t timeoutMs, TarvoBytes payload) {
+    if (!batch.HasRoomFor(payload.size)) {
+        const int ret = FlushNow();
+        if (ret != 0) {
+            full = ret == -EAGAIN;
+            return ret;
+        }
+    }
+    const int ret = batch.Add(id, type, timeoutMs, payload);
+    if (ret != 0) {
+        return ret;
+    }
+    if (loop.InRound()) {
+        if (!flushQueued) {
+            flushQueued = true;
+            loop.FlushLater(*this);
+        }
+        return 0;
+    }
+    if (held) {
+        return 0;
+    }
+    const int sent = FlushNow();
+    return sent == -EAGAIN ? 0 : sent;
+}
+
+int TarvoLink::Flush() {
+    held = false;
+    if (state == State::OPENING || state == State::FAILED) {
+        return -ENOTCONN;
+    }
+    if (state != State::OPEN || broken) {
+        return -EPIPE;
+    }
+    return FlushNow();
+}
+
+int TarvoLink::FlushNow() {
+    if (batch.Empty()) {
+        return 0;
+    }
+    return blocked ? -EAGAIN : WriteBatch();
+}
+
+int TarvoLink::WriteBatch() {
+    const TarvoBytes frames = batch.Stamped();
+    const ssize_t written = write(writeFd.Get(), frames.data, frames.size);
+    if (written == static_cast<ssize_t>(frames.size)) {
+        batch.Clear();
+        return 0;
+    }
+    const int error = written < 0 ? errno : EIO;
+    if (error == EAGAIN && loop.Events().Modify(writeWatch, EPOLLOUT | EPOLLONESHOT) == 0) {
+        blocked = true;
+        return -EAGAIN;
+    }
+    TARVO_LOG_RESTRAINED(LOG_ERR, "write failed, errno = %d for readFd(%d) remote(%s)", error, readFd.Get(),
+                         origin.remote.c_str());
+    broken = true;
+    DropBatch();
+    return -error;
+}
+
+// The calls in it have been accepted, and end here.
+void TarvoLink::DropBatch() {
+    const TarvoBytes frames = batch.Stamped();
+    for (std::size_t at = 0; at < frames.size;) {
+        MsgHead head;
+        std::memcpy(&head, frames.data + at, sizeof(head));
+        at += sizeof(head) + head.payloadLen;
+        if (head.type == MSG_TYPE_REQUEST && calls.EndByWireId(head.id, -EPIPE, loop.Round())) {
+            loop.Queue(*this);
+        }
+    }
+    batch.Clear();
+}
+
+void TarvoLink::OnRoom() {
+    blocked = false;
+    if (FlushNow() == 0 && full) {
+        writable = true;
+        loop.Queue(*this);
+    }
+}

@@ -1,0 +1,149 @@
+// The rounds of a loop: events become marks, then callbacks run, then what they have sent is written.
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+
+#include "diag/run_time_record.h"
+#include "loop/Link.h"
+#include "loop/Loop.h"
+
+namespace {
+
+constexpr int64_t MICROSECONDS_PER_MILLISECOND = 1000;
+
+int64_t Now() { return static_cast<int64_t>(Tarvo::GetCurrentTime()); }
+
+// Milliseconds until `deadlineUs`, rounded up.
+int LeftMs(int64_t deadlineUs) {
+    const int64_t left = deadlineUs - Now();
+    if (left <= 0) {
+        return 0;
+    }
+    return static_cast<int>((left + MICROSECONDS_PER_MILLISECOND - 1) / MICROSECONDS_PER_MILLISECOND);
+}
+
+} // namespace
+
+class TarvoLoop::RoundScope {
+public:
+    explicit RoundScope(TarvoLoop &owner) : loop(owner) { loop.inRound = true; }
+    // Also where the thread is cancelled in its sleep or in a callback.
+    ~RoundScope() {
+        loop.inRound = false;
+        loop.running = false;
+        if (!loop.ready.Empty() && !loop.destroyed) {
+            loop.posts.Wake();
+        }
+    }
+    RoundScope(const RoundScope &) = delete;
+    RoundScope &operator=(const RoundScope &) = delete;
+
+private:
+    TarvoLoop &loop;
+};
+
+int TarvoLoop::Dispatch(int max) {
+    int ran = 0;
+    int ret = 0;
+    {
+        const RoundScope scope(*this);
+        ret = RunRound(0, max, ran);
+    }
+    return Finish(ret < 0 ? ret : ran);
+}
+
+int TarvoLoop::Run(int timeoutMs) {
+    if (stop.exchange(false)) {
+        return 0;
+    }
+    const int64_t deadline = timeoutMs < 0 ? -1 : Now() + timeoutMs * MICROSECONDS_PER_MILLISECOND;
+    int ret = 0;
+    {
+        const RoundScope scope(*this);
+        running = true;
+        bool more = true;
+        while (more) {
+            int wait = deadline < 0 ? -1 : LeftMs(deadline);
+            const bool last = wait == 0;
+            wait = ready.Empty() ? wait : 0;
+            int ran = 0;
+            ret = RunRound(wait, INT_MAX, ran);
+            if (destroyed || ret < 0 || stop.exchange(false)) {
+                more = false;
+            } else if (last) {
+                ret = -ETIMEDOUT;
+                more = false;
+            }
+        }
+    }
+    return Finish(ret);
+}
+
+int TarvoLoop::Finish(int result) {
+    if (destroyed) {
+        delete this;
+        return -ECANCELED;
+    }
+    return result;
+}
+
+int TarvoLoop::RunRound(int waitMs, int max, int &ran) {
+    const int ret = poller.Poll(waitMs);
+    if (ret < 0) {
+        return ret;
+    }
+    ++round;
+    ServeAll(max, ran);
+    FlushAll();
+    FreeBuried();
+    timers.Settle();
+    return 0;
+}
+
+void TarvoLoop::ServeAll(int max, int &ran) {
+    current.Take(ready);
+    ServeQueue(max, ran);
+    // After the links have read what was there: an answer that has come in time counts, however late this round is.
+    WorkQueue later;
+    later.Take(ready);
+    timers.Expire();
+    current.Take(ready);
+    ServeQueue(max, ran);
+    // What has no share left comes first in the next round.
+    WorkQueue fresh;
+    fresh.Take(ready);
+    ready.Take(current);
+    ready.Take(later);
+    ready.Take(fresh);
+}
+
+void TarvoLoop::ServeQueue(int max, int &ran) {
+    while (!current.Empty() && ran < max && !Interrupted()) {
+        const auto waiting = static_cast<int>(std::min<std::size_t>(current.Size(), INT_MAX));
+        Work &work = current.Pop();
+        const int share = std::max((max - ran) / waiting, 1);
+        int served = 0;
+        const bool more = work.Serve(share, served);
+        ran += served;
+        if (more) {
+            current.Append(work);
+        }
+    }
+}
+
+void TarvoLoop::FlushAll() {
+    while (firstToFlush != nullptr) {
+        TarvoLink &link = *firstToFlush;
+        firstToFlush = link.nextToFlush;
+        link.FlushAtRoundEnd();
+    }
+}
+
+void TarvoLoop::OnEvents(uint32_t what, uint32_t /*events*/) {
+    if (what == TIMERS) {
+        timers.Fired();
+        return;
+    }
+    posts.Clear();
+    ready.Append(posts);
+}

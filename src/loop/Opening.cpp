@@ -1,0 +1,282 @@
+#include "loop/Opening.h"
+
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <new>
+#include <utility>
+
+#include "diag/run_time_record.h"
+#include "diag/velm_syslog.h"
+#include "fifo/velm_fifo.h"
+#include "loop/Files.h"
+#include "loop/Loop.h"
+#include "server/PipeServerMessage.h"
+
+namespace {
+
+constexpr char LOG_TAG[] = "Opening";
+constexpr int64_t MICROSECONDS_PER_MILLISECOND = 1000;
+constexpr int64_t FIRST_RETRY_US = 50;
+constexpr int64_t LONGEST_RETRY_US = 20000;
+// How long the files of an earlier link may keep the next one of the same names waiting.
+constexpr int64_t LEFTOVER_LIMIT_US = 100000;
+
+int64_t Now() { return static_cast<int64_t>(Tarvo::GetCurrentTime()); }
+
+bool Exists(const std::string &file) { return access(file.c_str(), F_OK) == 0; }
+
+// Whether `name` is the last part of the path `file`.
+bool IsNameOf(std::string_view name, const std::string &file) {
+    return file.size() > name.size() && file[file.size() - name.size() - 1] == '/' &&
+           file.compare(file.size() - name.size(), name.size(), name) == 0;
+}
+
+} // namespace
+
+Opening::Opening(TarvoLoop &owner, OpeningPlan &&openingPlan, Listener &openingListener)
+    : loop(owner), plan(std::move(openingPlan)), listener(openingListener), retryUs(FIRST_RETRY_US),
+      deadline(*this, &Opening::OnDeadline), retry(*this, &Opening::OnRetry) {}
+
+Opening::~Opening() { Abandon(); }
+
+// A step that runs out of memory fails like one that the system refuses.
+template <typename Body>
+void Opening::Guarded(Body body) {
+    int ret = -ENOMEM;
+    try {
+        ret = body();
+    } catch (const std::bad_alloc &) {
+        ret = -ENOMEM;
+    }
+    if (ret < 0 && step != Step::DONE) {
+        Fail(ret);
+    }
+    loop.SettleTimers();
+}
+
+void Opening::Begin() {
+    Guarded([this] { return Start(); });
+}
+
+int Opening::Start() {
+    if (plan.timeoutMs >= 0 && !loop.Clock().Arm(deadline, Now() + plan.timeoutMs * MICROSECONDS_PER_MILLISECOND)) {
+        return -ENOMEM;
+    }
+    if (plan.makesFiles) {
+        return MakeFiles();
+    }
+    if (!plan.serverFile.empty() && IsFifoFile(plan.serverFile) != 0) {
+        return -ENXIO;
+    }
+    return StartWaiting();
+}
+
+int Opening::StartWaiting() {
+    // Before the first look: what comes between that and the wait is told.
+    watched =
+        loop.Directory().Add(*this) && plan.readFile.find('/', plan.readFile.rfind("__to__")) == std::string::npos;
+    step = plan.serverFile.empty() ? Step::FILES : Step::LEFTOVERS;
+    leftoverEnd = Now() + LEFTOVER_LIMIT_US;
+    Advance();
+    return 0;
+}
+
+// Goes on as far as it can.
+void Opening::Advance() {
+    Guarded([this] {
+        int ret = 0;
+        if (step == Step::LEFTOVERS) {
+            if (!LeftoversGone()) {
+                return RetryLater();
+            }
+            step = Step::ANNOUNCE;
+        }
+        if (step == Step::ANNOUNCE) {
+            ret = Announce();
+            if (ret != 0) {
+                return ret == -EAGAIN ? RetryLater() : ret;
+            }
+            step = Step::FILES;
+            retryUs = FIRST_RETRY_US;
+            return watched ? 0 : RetryLater();
+        }
+        if (step == Step::FILES) {
+            return TryFiles();
+        }
+        return step == Step::WRITE_END ? TryWriteEnd() : 0;
+    });
+}
+
+bool Opening::LeftoversGone() {
+    // The remote makes this file first and removes it last.
+    return !Exists(plan.readFile) || Now() >= leftoverEnd;
+}
+
+int Opening::Announce() {
+    const int fd = OpenPublishedFifo(plan.serverFile, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) {
+        // Gone since it was looked for.
+        return fd == -ENOENT ? -ENXIO : fd;
+    }
+    const UniqueFd server(fd);
+    PipeServerMessage message(PIPE_SERVER_MSG_CONNECT, plan.announced);
+    const int ret = message.Init();
+    if (ret != 0) {
+        return ret;
+    }
+    const ssize_t written = write(server.Get(), message.GetData(), message.Size());
+    if (written < 0) {
+        return -errno;
+    }
+    return written == static_cast<ssize_t>(message.Size()) ? 0 : -EIO;
+}
+
+int Opening::MakeFiles() {
+    // The remote waits for the second.
+    int ret = CreateFifo(plan.writeFile, plan.gid, plan.targetPid, TARVO_DOMAIN_LOCAL, "");
+    if (ret != 0) {
+        return ret;
+    }
+    filesMade = true;
+    ret = CreateFifo(plan.readFile, plan.gid, plan.targetPid, TARVO_DOMAIN_LOCAL, "");
+    if (ret != 0) {
+        return ret;
+    }
+    const int fd = OpenPublishedFifo(plan.readFile, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) {
+        return fd;
+    }
+    readEnd = UniqueFd(fd);
+    step = Step::WRITE_END;
+    return TryWriteEnd();
+}
+
+int Opening::TryFiles() {
+    if (!Exists(plan.writeFile) || !Exists(plan.readFile)) {
+        return watched ? 0 : RetryLater();
+    }
+    const int fd = OpenPublishedFifo(plan.readFile, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd == -ENOENT) {
+        return RetryLater();
+    }
+    if (fd < 0) {
+        return fd;
+    }
+    readEnd = UniqueFd(fd);
+    step = Step::WRITE_END;
+    retryUs = FIRST_RETRY_US;
+    return TryWriteEnd();
+}
+
+bool Opening::ReadEndIsPublished() const { return plan.makesFiles || StandsUnder(readEnd.Get(), plan.readFile); }
+
+int Opening::TryWriteEnd() {
+    const int fd = OpenPublishedFifo(plan.writeFile, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd == -ENXIO || fd == -ENOENT) {
+        return AwaitReader();
+    }
+    if (fd < 0) {
+        return fd;
+    }
+    UniqueFd writeEnd(fd);
+    if (!ReadEndIsPublished()) {
+        // That of an earlier remote, which this one has replaced.
+        if (readEndWatched) {
+            listener.UnwatchReadEnd();
+            readEndWatched = false;
+        }
+        readEnd.Reset();
+        step = Step::FILES;
+        return TryFiles();
+    }
+    Finish(std::move(writeEnd));
+    return 0;
+}
+
+int Opening::AwaitReader() {
+    if (!readEndWatched) {
+        const int ret = listener.WatchReadEnd(readEnd.Get());
+        if (ret != 0) {
+            return ret;
+        }
+        readEndWatched = true;
+    }
+    return RetryLater();
+}
+
+int Opening::RetryLater() {
+    int64_t wait = retryUs;
+    if (step == Step::LEFTOVERS && watched) {
+        wait = std::max<int64_t>(leftoverEnd - Now(), 0);
+    }
+    retryUs = std::min(retryUs * 2, LONGEST_RETRY_US);
+    return loop.Clock().Arm(retry, Now() + wait) ? 0 : -ENOMEM;
+}
+
+void Opening::OnRetry() { Advance(); }
+
+void Opening::OnDeadline() {
+    if (step != Step::DONE) {
+        Fail(-ETIMEDOUT);
+    }
+}
+
+void Opening::OnFileChanged(std::string_view name) {
+    const bool concerned = step == Step::LEFTOVERS || step == Step::FILES;
+    if (concerned && (name.empty() || IsNameOf(name, plan.readFile) || IsNameOf(name, plan.writeFile))) {
+        Advance();
+    }
+}
+
+void Opening::OnReadEnd(bool hangUp) {
+    if (step != Step::WRITE_END) {
+        return;
+    }
+    Advance();
+    if (step != Step::WRITE_END || !hangUp) {
+        return;
+    }
+    int left = 0;
+    if (ioctl(readEnd.Get(), FIONREAD, &left) == 0 && left > 0) {
+        Finish(UniqueFd());
+    } else {
+        Fail(-EPIPE);
+    }
+}
+
+void Opening::Finish(UniqueFd writeEnd) {
+    StopWaiting();
+    filesMade = false;
+    listener.OnEndsOpen(std::move(readEnd), std::move(writeEnd));
+}
+
+void Opening::Fail(int result) {
+    TARVO_LOG_RESTRAINED(LOG_ERR, "Open %s failed, ret = %d.", plan.readFile.c_str(), result);
+    Abandon();
+    listener.OnOpenFailed(result);
+}
+
+void Opening::StopWaiting() {
+    step = Step::DONE;
+    loop.Directory().Remove(*this);
+    loop.Clock().Disarm(deadline);
+    loop.Clock().Disarm(retry);
+}
+
+void Opening::Abandon() {
+    StopWaiting();
+    if (readEndWatched) {
+        listener.UnwatchReadEnd();
+        readEndWatched = false;
+    }
+    if (filesMade) {
+        RemoveOwnFile(readEnd.Get(), plan.readFile);
+        unlink(plan.writeFile.c_str());
+        filesMade = false;
+    }
+    readEnd.Reset();
+}

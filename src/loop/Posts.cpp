@@ -1,0 +1,62 @@
+#include "loop/Posts.h"
+
+#include <sys/eventfd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <new>
+
+#include "loop/Loop.h"
+
+int Posts::Init() {
+    fd = UniqueFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+    return fd.Get() < 0 ? -errno : 0;
+}
+
+int Posts::Post(void (*function)(void *), void *context) {
+    try {
+        MutexLock lock(mutex);
+        incoming.push_back({function, context});
+    } catch (const std::bad_alloc &) {
+        return -ENOMEM;
+    }
+    Wake();
+    return 0;
+}
+
+void Posts::Wake() {
+    if (signalled.exchange(true)) {
+        return;
+    }
+    const int error = errno;
+    const uint64_t one = 1;
+    // It cannot fail: the counter is 0 or 1.
+    static_cast<void>(!write(fd.Get(), &one, sizeof(one)));
+    errno = error;
+}
+
+void Posts::Clear() {
+    uint64_t count = 0;
+    static_cast<void>(!read(fd.Get(), &count, sizeof(count)));
+    signalled.exchange(false);
+}
+
+bool Posts::Refill() {
+    taken.clear();
+    position = 0;
+    MutexLock lock(mutex);
+    taken.swap(incoming);
+    return !taken.empty();
+}
+
+bool Posts::Serve(int share, int &ran) {
+    if (position == taken.size() && !Refill()) {
+        return false;
+    }
+    while (ran < share && position < taken.size() && !loop.Interrupted()) {
+        const Posted posted = taken[position++];
+        ++ran;
+        posted.function(posted.context);
+    }
+    return position < taken.size();
+}
