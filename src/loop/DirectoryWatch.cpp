@@ -13,7 +13,7 @@
 namespace {
 
 constexpr char LOG_TAG[] = "DirectoryWatch";
-constexpr uint32_t CHANGES = IN_CREATE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE;
+constexpr uint32_t CHANGES = IN_CREATE | IN_MOVED_TO;
 constexpr std::size_t BUFFER_SIZE = 4096;
 
 } // namespace

@@ -18,7 +18,7 @@ public:
     FileWaiter(const FileWaiter &) = delete;
     FileWaiter &operator=(const FileWaiter &) = delete;
 
-    // A file of this name in the FIFO directory has come or gone; empty: some have.
+    // A file of this name has come into the FIFO directory; empty: some have.
     virtual void OnFileChanged(std::string_view name) = 0;
 
 private:
@@ -28,7 +28,7 @@ private:
     bool waits = false;
 };
 
-// Tells those who wait for files in the FIFO directory of its changes. Has a descriptor only while there are any.
+// Tells those who wait for files in the FIFO directory of those that come. Has a descriptor only while there are any.
 // Owns: that descriptor. Threads: that of the loop. Locks: none. Ends: before the loop's epoll set.
 class DirectoryWatch final : public Watcher {
 public:

@@ -22,6 +22,7 @@ constexpr char LOG_TAG[] = "Opening";
 constexpr int64_t MICROSECONDS_PER_MILLISECOND = 1000;
 constexpr int64_t FIRST_RETRY_US = 50;
 constexpr int64_t LONGEST_RETRY_US = 20000;
+constexpr int64_t LONGEST_LEFTOVER_RETRY_US = 2000;
 // How long the files of an earlier link may keep the next one of the same names waiting.
 constexpr int64_t LEFTOVER_LIMIT_US = 100000;
 
@@ -209,11 +210,9 @@ int Opening::AwaitReader() {
 }
 
 int Opening::RetryLater() {
-    int64_t wait = retryUs;
-    if (step == Step::LEFTOVERS && watched) {
-        wait = std::max<int64_t>(leftoverEnd - Now(), 0);
-    }
-    retryUs = std::min(retryUs * 2, LONGEST_RETRY_US);
+    const int64_t wait = retryUs;
+    // The end of a file is not told of: it mostly comes at once.
+    retryUs = std::min(retryUs * 2, step == Step::LEFTOVERS ? LONGEST_LEFTOVER_RETRY_US : LONGEST_RETRY_US);
     return loop.Clock().Arm(retry, Now() + wait) ? 0 : -ENOMEM;
 }
 
@@ -251,6 +250,7 @@ void Opening::OnReadEnd(bool hangUp) {
 void Opening::Finish(UniqueFd writeEnd) {
     StopWaiting();
     filesMade = false;
+    readEndWatched = false;
     listener.OnEndsOpen(std::move(readEnd), std::move(writeEnd));
 }
 
