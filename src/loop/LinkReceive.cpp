@@ -24,6 +24,10 @@ bool TarvoLink::Serve(int share, int &ran) {
     while (state != State::CLOSED && reader.HasNext() && !reader.Stash() && ServeOne() != Step::NOTHING) {
         ++ran;
     }
+    if (state == State::CLOSED && !calls.HasEnds()) {
+        loop.Bury(*this);
+        return false;
+    }
     const bool more = calls.HasEnds() || HasMore();
     if (more && step == Step::NOTHING) {
         // What there is, is for the next round.
@@ -44,7 +48,6 @@ TarvoLink::Step TarvoLink::ServeOne() {
         return ends;
     }
     if (state == State::CLOSED) {
-        loop.Bury(*this);
         return Step::NOTHING;
     }
     if (openEnded) {

@@ -59,7 +59,7 @@ void Timers::Disarm(Timer &timer) {
 }
 
 void Timers::Expire() {
-    if (heap.empty()) {
+    if (setTo != FIRED || heap.empty()) {
         return;
     }
     const auto now = static_cast<int64_t>(Tarvo::GetCurrentTime());

@@ -45,7 +45,7 @@ public:
     // The descriptor has become readable: Settle() has to set it again.
     void Fired() { setTo = FIRED; }
 
-    // Wakes all whose moment has come.
+    // After Fired(): wakes all whose moment has come. At other times there is nobody to wake, nor is the clock read.
     void Expire();
 
     // Sets the timerfd where that is needed. After changes, before the thread sleeps.
