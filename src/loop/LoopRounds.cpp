@@ -145,5 +145,7 @@ void TarvoLoop::OnEvents(uint32_t what, uint32_t /*events*/) {
         return;
     }
     posts.Clear();
-    ready.Append(posts);
+    if (posts.HasAny()) {
+        ready.Append(posts);
+    }
 }

@@ -41,6 +41,14 @@ void Posts::Clear() {
     signalled.exchange(false);
 }
 
+bool Posts::HasAny() {
+    if (position < taken.size()) {
+        return true;
+    }
+    MutexLock lock(mutex);
+    return !incoming.empty();
+}
+
 bool Posts::Refill() {
     taken.clear();
     position = 0;

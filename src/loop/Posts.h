@@ -30,6 +30,9 @@ public:
     // The eventfd is readable: clears it. What was done before a Wake() is seen by whoever looks after this.
     void Clear();
 
+    // Whether functions wait to be run.
+    bool HasAny() EXCLUDES(mutex);
+
     bool Serve(int share, int &ran) override EXCLUDES(mutex);
 
 private:
