@@ -1,5 +1,6 @@
-# What `cmake --install` puts where, for users with CMake (find_package(tarvo), target tarvo::tarvo) and with pkg-config.
-# Components: library (to run programs), development (to build them), tool (the command line tool).
+# What `cmake --install` puts where, for users with CMake (find_package(tarvo), targets tarvo::tarvo and tarvo::loop)
+# and with pkg-config.
+# Components: library and loop (to run programs), development (to build them), tool (the command line tool).
 
 include(CMakePackageConfigHelpers)
 
@@ -7,13 +8,15 @@ set(TARVO_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/tarvo)
 
 install(TARGETS tarvo EXPORT tarvoTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT development)
+install(TARGETS tarvo_loop EXPORT tarvoTargets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT loop NAMELINK_COMPONENT development)
 # systemd reads this folder below /usr and below /usr/local, whatever the architecture.
 install(FILES packaging/tmpfiles.d/tarvo.conf DESTINATION lib/tmpfiles.d COMPONENT library)
 install(FILES packaging/systemd/tarvo-example.service DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libtarvo1/examples
         COMPONENT library)
 
 install(FILES include/tarvo.h include/tarvo.hpp include/tarvo_announcements.hpp include/tarvo_basics.hpp
-              include/tarvo_client.hpp include/tarvo_names.hpp include/tarvo_owners.hpp include/tarvo_pipe.hpp
+              include/tarvo_client.hpp include/tarvo_loop.h include/tarvo_names.hpp include/tarvo_owners.hpp include/tarvo_pipe.hpp
               include/tarvo_request.hpp include/tarvo_server.hpp
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 install(EXPORT tarvoTargets NAMESPACE tarvo:: DESTINATION ${TARVO_CMAKE_DIR} COMPONENT development)
@@ -26,5 +29,8 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tarvoConfig.cmake ${CMAKE_CURRENT_BINA
 
 # Relative to where the file is found, so that an installation can be moved.
 file(RELATIVE_PATH TARVO_PC_TO_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
-configure_file(cmake/tarvo.pc.in ${CMAKE_CURRENT_BINARY_DIR}/tarvo.pc @ONLY)
-install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tarvo.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+foreach(name IN ITEMS tarvo tarvo-loop)
+  configure_file(cmake/${name}.pc.in ${CMAKE_CURRENT_BINARY_DIR}/${name}.pc @ONLY)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+          COMPONENT development)
+endforeach()

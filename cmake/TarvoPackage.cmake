@@ -1,8 +1,9 @@
-# Debian packages: the target `packages` makes libtarvo1, libtarvo-dev, libtarvo-doc and, where the tool is built,
+# Debian packages: the target `packages` makes libtarvo1, libtarvo-loop1, libtarvo-dev, libtarvo-doc and, where the tool is built,
 # tarvo-tools in the folder packages/ of the build tree. scripts/check-packages.sh makes and checks them.
 
 set(TARVO_DEBIAN_DIR ${PROJECT_SOURCE_DIR}/packaging/debian)
 set(TARVO_RUNTIME_PACKAGE libtarvo${PROJECT_VERSION_MAJOR})
+set(TARVO_LOOP_PACKAGE libtarvo-loop${PROJECT_VERSION_MAJOR})
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME tarvo)
@@ -31,10 +32,10 @@ endif()
 set(CPACK_PROJECT_CONFIG_FILE ${PROJECT_SOURCE_DIR}/cmake/package/cpack.cmake)
 
 # What the programs of a package need is read off their links to shared libraries. The tool's link to ours is found in
-# the build tree, which belongs to no package: that dependency is stated.
+# the build tree, which belongs to no package: that dependency is stated, here and for the other library.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SHLIBDEPS OFF)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/src)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/src ${PROJECT_BINARY_DIR}/src/loop)
 
 # tarvo_package(COMPONENT NAME [SECTION name] [DEPENDS packages] [SUGGESTS packages] [EXTRA control files]
 #               DESCRIPTION first line, then lines)
@@ -70,14 +71,24 @@ tarvo_package(
               ""
               "There is no broker and no configuration file: each pipe is a pair of FIFOs in"
               "shared memory. Members of the group tarvo may use them.")
+configure_file(${TARVO_DEBIAN_DIR}/loop-shlibs.in ${PROJECT_BINARY_DIR}/packaging/loop/shlibs @ONLY)
+tarvo_package(
+  loop ${TARVO_LOOP_PACKAGE}
+  SECTION libs
+  DEPENDS ${TARVO_SAME_VERSION}
+  EXTRA ${TARVO_DEBIAN_DIR}/triggers ${PROJECT_BINARY_DIR}/packaging/loop/shlibs
+  DESCRIPTION "messaging between the processes of one Linux machine - for event loops"
+              "Servers, pipes and asynchronous calls on the program's own thread: one"
+              "descriptor for any event loop, and no thread of the library. It reaches the"
+              "same processes as libtarvo does.")
 tarvo_package(
   development libtarvo-dev
   SECTION libdevel
-  DEPENDS ${TARVO_SAME_VERSION}
+  DEPENDS "${TARVO_SAME_VERSION}, ${TARVO_LOOP_PACKAGE} (= ${PROJECT_VERSION})"
   SUGGESTS "libtarvo-doc, tarvo-tools"
   DESCRIPTION "messaging between the processes of one Linux machine - development files"
               "Headers, the CMake package (find_package(tarvo)), the pkg-config file and the"
-              "manual pages of the functions of libtarvo.")
+              "manual pages of the functions of libtarvo and libtarvo-loop.")
 tarvo_package(
   documentation libtarvo-doc
   SECTION doc
@@ -89,7 +100,7 @@ tarvo_package(
               "files of this package.")
 set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_SHLIBDEPS OFF)
-set(CPACK_COMPONENTS_ALL library development documentation)
+set(CPACK_COMPONENTS_ALL library loop development documentation)
 
 # As in the sources, so that the pages find what they refer to. Other installations have them there.
 set(doc_folder ${CMAKE_INSTALL_DATADIR}/doc/libtarvo-doc)
@@ -117,7 +128,7 @@ include(CPack)
 # The target of cpack's own module would build the tests, too.
 add_custom_target(packages COMMAND ${CMAKE_CPACK_COMMAND} --config ${PROJECT_BINARY_DIR}/CPackConfig.cmake
                   WORKING_DIRECTORY ${PROJECT_BINARY_DIR} USES_TERMINAL VERBATIM)
-add_dependencies(packages tarvo)
+add_dependencies(packages tarvo tarvo_loop)
 foreach(optional IN ITEMS tarvoctl tarvo_man)
   if(TARGET ${optional})
     add_dependencies(packages ${optional})

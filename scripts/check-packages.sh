@@ -93,15 +93,25 @@ check_postinst() {
     rm -r "$stubs"
 }
 
+check_loop() {
+    local deb=$1 libdir=$2 major=${3%%.*}
+    expect_field "$deb" Multi-Arch same
+    expect_field "$deb" Depends "libtarvo$major (= $3), libc6 (>= *libstdc++6 (>= *"
+    expect_file "$deb" "^-rw-r--r-- root/root .* \./$libdir/libtarvo-loop\.so\.$3\$"
+    expect_file "$deb" "^lrwxrwxrwx root/root .* \./$libdir/libtarvo-loop\.so\.$major -> libtarvo-loop\.so\.$3\$"
+}
+
 check_development() {
     local deb=$1 libdir=$2 major=${3%%.*} file
     expect_field "$deb" Multi-Arch same
-    expect_field "$deb" Depends "libtarvo$major (= $3)"
-    expect_file "$deb" "^lrwxrwxrwx root/root .* \./$libdir/libtarvo\.so -> libtarvo\.so\.$major\$"
+    expect_field "$deb" Depends "libtarvo$major (= $3), libtarvo-loop$major (= $3)"
+    for file in libtarvo libtarvo-loop; do
+        expect_file "$deb" "^lrwxrwxrwx root/root .* \./$libdir/$file\.so -> $file\.so\.$major\$"
+    done
     for file in include/*; do
         expect_file "$deb" "^-rw-r--r-- root/root .* \./usr/include/${file##*/}\$"
     done
-    for file in "$libdir"/{pkgconfig/tarvo.pc,cmake/tarvo/tarvoConfig.cmake} usr/share/man/man3/TarvoOpen.3.gz; do
+    for file in "$libdir"/{pkgconfig/tarvo.pc,pkgconfig/tarvo-loop.pc,cmake/tarvo/tarvoConfig.cmake} usr/share/man/man3/TarvoOpen.3.gz; do
         expect_file "$deb" "^-rw-r--r-- root/root .* \./$file\$"
     done
 }
@@ -215,6 +225,7 @@ check() {
         expect_field "$deb" Version "$version"
     done
     check_library "$packages/libtarvo${version%%.*}_${version}_$arch.deb" "$libdir" "$version"
+    check_loop "$packages/libtarvo-loop${version%%.*}_${version}_$arch.deb" "$libdir" "$version"
     check_development "$packages/libtarvo-dev_${version}_$arch.deb" "$libdir" "$version"
     check_documentation "$packages/libtarvo-doc_${version}_all.deb"
     [[ ! -d tools/tarvoctl ]] || check_tool "$packages/tarvo-tools_${version}_$arch.deb" "$libdir" "$version"

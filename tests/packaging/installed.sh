@@ -16,7 +16,10 @@ if command -v systemd-tmpfiles >/dev/null; then
 else
     echo "installed: no systemd-tmpfiles here to make the FIFO directory"
 fi
-ldconfig -p | grep 'libtarvo\.so\.1 .*=> /lib/' >/dev/null || { echo "the loader does not know libtarvo.so.1" && exit 1; }
+for library in libtarvo libtarvo-loop; do
+    ldconfig -p | grep "$library\.so\.1 .*=> /lib/" >/dev/null ||
+        { echo "the loader does not know $library.so.1" && exit 1; }
+done
 
 cmake -S consumer -B build-cmake >/dev/null
 cmake --build build-cmake >/dev/null
@@ -52,7 +55,7 @@ fi
 # What was asked for twice changes nothing, and what is removed takes nothing from processes that still run.
 dpkg --install ./*.deb >dpkg.log 2>&1 || { cat dpkg.log && exit 1; }
 mkfifo $fifo_directory/in_use
-dpkg --purge tarvo-tools libtarvo-doc libtarvo-dev libtarvo1 >dpkg.log 2>&1 || { cat dpkg.log && exit 1; }
+dpkg --purge tarvo-tools libtarvo-doc libtarvo-dev libtarvo-loop1 libtarvo1 >dpkg.log 2>&1 || { cat dpkg.log && exit 1; }
 { [[ -p $fifo_directory/in_use ]] && getent group tarvo >/dev/null; } || { echo "the purge took what is in use" && exit 1; }
 ! ldconfig -p | grep libtarvo >/dev/null || { echo "the loader still knows libtarvo" && exit 1; }
 echo "purged: running processes keep their FIFOs and their group"
