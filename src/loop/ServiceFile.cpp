@@ -30,8 +30,13 @@ int ServiceFile::Open(const std::string &path, uint32_t gid, bool replace) {
         }
         if (HoldsBothEnds()) {
             // Two processes that start at the same moment can end up on the same file; the lock leaves it to one.
-            if (flock(readEnd.Get(), LOCK_EX | LOCK_NB) == 0) {
+            const int locked = flock(readEnd.Get(), LOCK_EX | LOCK_NB) == 0 ? 0 : -errno;
+            if (locked == 0) {
                 return 0;
+            }
+            if (locked != -EWOULDBLOCK) {
+                Close();
+                return locked;
             }
             break;
         }
