@@ -28,24 +28,34 @@ bool DirectoryWatch::Add(FileWaiter &waiter) {
         }
         first = &waiter;
     }
-    return fd.Get() >= 0 || Begin();
+    return directory >= 0 || Begin();
 }
 
 bool DirectoryWatch::Begin() {
-    UniqueFd made(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
-    int ret = made.Get() < 0 ? -errno : 0;
-    if (ret == 0 && inotify_add_watch(made.Get(), EnvManager::FifoPrefix().c_str(), CHANGES | IN_ONLYDIR) < 0) {
-        ret = -errno;
+    int ret = 0;
+    if (fd.Get() < 0) {
+        fd = UniqueFd(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+        ret = fd.Get() < 0 ? -errno : 0;
+    } else {
+        Forget();
     }
     if (ret == 0) {
-        ret = loop.Events().Add(made.Get(), EPOLLIN, *this, 0, watch);
+        directory = inotify_add_watch(fd.Get(), EnvManager::FifoPrefix().c_str(), CHANGES | IN_ONLYDIR);
+        ret = directory < 0 ? -errno : loop.Events().Add(fd.Get(), EPOLLIN, *this, 0, watch);
     }
     if (ret != 0) {
         TARVO_LOG_RESTRAINED(LOG_WARNING, "Watch the FIFO directory failed, ret=%d: looking from time to time.", ret);
+        End();
         return false;
     }
-    fd = std::move(made);
     return true;
+}
+
+// What came after the end of an earlier watch, and of its end.
+void DirectoryWatch::Forget() {
+    std::array<char, BUFFER_SIZE> buffer;
+    while (read(fd.Get(), buffer.data(), buffer.size()) > 0) {
+    }
 }
 
 void DirectoryWatch::Remove(FileWaiter &waiter) {
@@ -67,7 +77,11 @@ void DirectoryWatch::Remove(FileWaiter &waiter) {
 
 void DirectoryWatch::End() {
     loop.Events().Remove(watch);
-    fd.Reset();
+    // Closing the descriptor would wait for all processors: many milliseconds.
+    if (directory >= 0) {
+        inotify_rm_watch(fd.Get(), directory);
+    }
+    directory = -1;
 }
 
 void DirectoryWatch::Tell(std::string_view name) {
@@ -83,7 +97,7 @@ void DirectoryWatch::Tell(std::string_view name) {
 void DirectoryWatch::OnEvents(uint32_t /*what*/, uint32_t /*events*/) {
     alignas(inotify_event) std::array<char, BUFFER_SIZE> buffer;
     const ssize_t size = read(fd.Get(), buffer.data(), buffer.size());
-    // Nobody may wait any more after one of them, and the descriptor is closed then.
+    // Nobody may wait any more after one of them.
     for (ssize_t at = 0; at < size && first != nullptr;) {
         inotify_event event{};
         std::memcpy(&event, buffer.data() + at, sizeof(event));

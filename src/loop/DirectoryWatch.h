@@ -28,8 +28,8 @@ private:
     bool waits = false;
 };
 
-// Tells those who wait for files in the FIFO directory of those that come. Has a descriptor only while there are any.
-// Owns: that descriptor. Threads: that of the loop. Locks: none. Ends: before the loop's epoll set.
+// Tells those who wait for files in the FIFO directory of those that come. Watches it only while there are any.
+// Owns: its descriptor. Threads: that of the loop. Locks: none. Ends: before the loop's epoll set.
 class DirectoryWatch final : public Watcher {
 public:
     explicit DirectoryWatch(TarvoLoop &owner) : loop(owner) {}
@@ -40,17 +40,20 @@ public:
     bool Add(FileWaiter &waiter);
     void Remove(FileWaiter &waiter);
 
-    int Fd() const { return fd.Get(); }
+    // Readable when there is news; -1: nobody waits.
+    int Fd() const { return watch.fd; }
 
     void OnEvents(uint32_t what, uint32_t events) override;
 
 private:
     bool Begin();
+    void Forget();
     void End();
     void Tell(std::string_view name);
 
     TarvoLoop &loop;
-    UniqueFd fd;
+    UniqueFd fd; // once there was a first watch
+    int directory = -1;
     Watch watch;
     FileWaiter *first = nullptr;
     FileWaiter *nextToTell = nullptr; // those before it have been told

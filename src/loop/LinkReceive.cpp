@@ -158,6 +158,8 @@ TarvoLink::Step TarvoLink::TellClosed() {
     if (state != State::OPEN) {
         return Step::NOTHING;
     }
+    // Nor may a new call begin in the end of one.
+    broken = true;
     calls.EndAll(-EPIPE, 0);
     if (calls.HasEnds()) {
         // They are told first.

@@ -130,15 +130,21 @@ int TarvoLink::FlushNow() {
 
 int TarvoLink::WriteBatch() {
     const TarvoBytes frames = batch.Stamped();
-    const ssize_t written = write(writeFd.Get(), frames.data, frames.size);
+    ssize_t written = 0;
+    do {
+        written = write(writeFd.Get(), frames.data, frames.size);
+    } while (written < 0 && errno == EINTR);
     if (written == static_cast<ssize_t>(frames.size)) {
         batch.Clear();
         return 0;
     }
-    const int error = written < 0 ? errno : EIO;
-    if (error == EAGAIN && loop.Events().Modify(writeWatch, EPOLLOUT | EPOLLONESHOT) == 0) {
-        blocked = true;
-        return -EAGAIN;
+    int error = written < 0 ? errno : EIO;
+    if (error == EAGAIN) {
+        error = -loop.Events().Modify(writeWatch, EPOLLOUT | EPOLLONESHOT);
+        if (error == 0) {
+            blocked = true;
+            return -EAGAIN;
+        }
     }
     TARVO_LOG_RESTRAINED(LOG_ERR, "write failed, errno = %d for readFd(%d) remote(%s)", error, readFd.Get(),
                          origin.remote.c_str());

@@ -1,6 +1,8 @@
 // A loop's life, and what it keeps for its members.
 #include "loop/Loop.h"
 
+#include <sched.h>
+
 #include <cerrno>
 
 #include "api/EnvManager.h"
@@ -16,6 +18,9 @@ constexpr char PATIENT_RUN_MODE[] = "1";
 TarvoLoop::TarvoLoop() : thread(pthread_self()), posts(*this), directory(*this) {}
 
 TarvoLoop::~TarvoLoop() {
+    while (visitors.load() > 0) {
+        sched_yield();
+    }
     while (members != nullptr) {
         Member &member = *members;
         Unlist(member);
@@ -59,8 +64,17 @@ int TarvoLoop::Check() const {
 }
 
 void TarvoLoop::Stop() {
+    visitors.fetch_add(1);
     stop.store(true);
     posts.Wake();
+    visitors.fetch_sub(1);
+}
+
+int TarvoLoop::Post(void (*function)(void *), void *context) {
+    visitors.fetch_add(1);
+    const int ret = posts.Post(function, context);
+    visitors.fetch_sub(1);
+    return ret;
 }
 
 void TarvoLoop::Destroy() {

@@ -61,7 +61,7 @@ public:
     int Dispatch(int max);
     int Run(int timeoutMs);
     void Stop();
-    int Post(void (*function)(void *), void *context) { return posts.Post(function, context); }
+    int Post(void (*function)(void *), void *context);
     // Frees the loop, or has the round free it that is under way.
     void Destroy();
 
@@ -112,6 +112,8 @@ private:
     bool destroyed = false;
     bool patient = false;
     std::atomic<bool> stop{false};
+    // Threads inside Post and Stop: what they do may end the loop's thread before they have left.
+    std::atomic<int> visitors{0};
     uint64_t round = 1;
 
     Poller poller;

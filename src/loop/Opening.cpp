@@ -103,7 +103,8 @@ void Opening::Advance() {
             }
             step = Step::FILES;
             retryUs = FIRST_RETRY_US;
-            return watched ? 0 : RetryLater();
+            // Leftovers that stay are no news, and may be what the server goes on with.
+            return watched && !Exists(plan.readFile) ? 0 : RetryLater();
         }
         if (step == Step::FILES) {
             return TryFiles();

@@ -14,25 +14,32 @@ int Posts::Init() {
 }
 
 int Posts::Post(void (*function)(void *), void *context) {
+    MutexLock lock(mutex);
     try {
-        MutexLock lock(mutex);
         incoming.push_back({function, context});
     } catch (const std::bad_alloc &) {
         return -ENOMEM;
     }
-    Wake();
-    return 0;
+    const int ret = Wake();
+    if (ret != 0) {
+        incoming.pop_back();
+    }
+    return ret;
 }
 
-void Posts::Wake() {
+int Posts::Wake() {
     if (signalled.exchange(true)) {
-        return;
+        return 0;
     }
-    const int error = errno;
+    const int before = errno;
     const uint64_t one = 1;
-    // It cannot fail: the counter is 0 or 1.
-    static_cast<void>(!write(fd.Get(), &one, sizeof(one)));
-    errno = error;
+    int ret = 0;
+    if (write(fd.Get(), &one, sizeof(one)) < 0) {
+        ret = -errno;
+        signalled.store(false);
+    }
+    errno = before;
+    return ret;
 }
 
 void Posts::Clear() {

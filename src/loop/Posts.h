@@ -21,11 +21,11 @@ public:
     int Init();
     int Fd() const { return fd.Get(); }
 
-    // Any thread. 0 or -ENOMEM.
+    // Any thread. 0 or a negated errno.
     int Post(void (*function)(void *), void *context) EXCLUDES(mutex);
 
-    // Makes the eventfd readable, unless it is. Any thread, and signal handlers.
-    void Wake();
+    // Makes the eventfd readable, unless it is. Any thread, and signal handlers. 0 or a negated errno.
+    int Wake();
 
     // The eventfd is readable: clears it. What was done before a Wake() is seen by whoever looks after this.
     void Clear();
