@@ -2,30 +2,17 @@
 #ifndef TARVO_LOOP_FILES_H
 #define TARVO_LOOP_FILES_H
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <string>
 
-inline bool IsSameFile(const struct stat &one, const struct stat &other) {
-    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
-}
+// Opens the FIFO that stands under `name` itself, never through a link, without blocking and closed by exec. `flags` is
+// O_RDONLY or O_WRONLY. The descriptor; -EACCES for anything but a FIFO, or a negated errno: -ENXIO as long as nobody
+// reads, -ENOENT when it is not there.
+int OpenEnd(const std::string &name, int flags);
 
 // Whether `fd` is open and its file stands under `name` itself.
-inline bool StandsUnder(int fd, const std::string &name) {
-    struct stat opened {};
-    struct stat named {};
-    return fd >= 0 && fstat(fd, &opened) == 0 && lstat(name.c_str(), &named) == 0 && IsSameFile(opened, named);
-}
+bool StandsUnder(int fd, const std::string &name);
 
 // Removes the file of `fd`, unless it is seen that another one has its name by now.
-inline void RemoveOwnFile(int fd, const std::string &name) {
-    struct stat opened {};
-    struct stat named {};
-    const bool seen = fd >= 0 && fstat(fd, &opened) == 0 && lstat(name.c_str(), &named) == 0;
-    if (!seen || IsSameFile(opened, named)) {
-        unlink(name.c_str());
-    }
-}
+void RemoveOwnFile(int fd, const std::string &name);
 
 #endif // TARVO_LOOP_FILES_H

@@ -9,6 +9,7 @@
 #include <new>
 #include <utility>
 
+#include "api/EnvManager.h"
 #include "diag/run_time_record.h"
 #include "diag/velm_syslog.h"
 #include "fifo/velm_fifo.h"
@@ -21,6 +22,8 @@ namespace {
 constexpr char LOG_TAG[] = "Opening";
 constexpr int64_t MICROSECONDS_PER_MILLISECOND = 1000;
 constexpr int64_t FIRST_RETRY_US = 50;
+// A remote that speaks first is heard before that.
+constexpr int64_t FIRST_SERVER_RETRY_US = 500;
 constexpr int64_t LONGEST_RETRY_US = 20000;
 constexpr int64_t LONGEST_LEFTOVER_RETRY_US = 2000;
 // How long the files of an earlier link may keep the next one of the same names waiting.
@@ -29,6 +32,9 @@ constexpr int64_t LEFTOVER_LIMIT_US = 100000;
 int64_t Now() { return static_cast<int64_t>(Tarvo::GetCurrentTime()); }
 
 bool Exists(const std::string &file) { return access(file.c_str(), F_OK) == 0; }
+
+// Names may lead into directories below it.
+bool IsInFifoDirectory(const std::string &file) { return file.rfind('/') + 1 == EnvManager::FifoPrefix().size(); }
 
 // Whether `name` is the last part of the path `file`.
 bool IsNameOf(std::string_view name, const std::string &file) {
@@ -78,8 +84,8 @@ int Opening::Start() {
 
 int Opening::StartWaiting() {
     // Before the first look: what comes between that and the wait is told.
-    watched =
-        loop.Directory().Add(*this) && plan.readFile.find('/', plan.readFile.rfind("__to__")) == std::string::npos;
+    const bool told = loop.Directory().Add(*this);
+    watched = told && IsInFifoDirectory(plan.readFile) && IsInFifoDirectory(plan.writeFile);
     step = plan.serverFile.empty() ? Step::FILES : Step::LEFTOVERS;
     leftoverEnd = Now() + LEFTOVER_LIMIT_US;
     Advance();
@@ -119,7 +125,7 @@ bool Opening::LeftoversGone() {
 }
 
 int Opening::Announce() {
-    const int fd = OpenPublishedFifo(plan.serverFile, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    const int fd = OpenEnd(plan.serverFile, O_WRONLY);
     if (fd < 0) {
         // Gone since it was looked for.
         return fd == -ENOENT ? -ENXIO : fd;
@@ -148,12 +154,13 @@ int Opening::MakeFiles() {
     if (ret != 0) {
         return ret;
     }
-    const int fd = OpenPublishedFifo(plan.readFile, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    const int fd = OpenEnd(plan.readFile, O_RDONLY);
     if (fd < 0) {
         return fd;
     }
     readEnd = UniqueFd(fd);
     step = Step::WRITE_END;
+    retryUs = FIRST_SERVER_RETRY_US;
     return TryWriteEnd();
 }
 
@@ -161,7 +168,7 @@ int Opening::TryFiles() {
     if (!Exists(plan.writeFile) || !Exists(plan.readFile)) {
         return watched ? 0 : RetryLater();
     }
-    const int fd = OpenPublishedFifo(plan.readFile, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    const int fd = OpenEnd(plan.readFile, O_RDONLY);
     if (fd == -ENOENT) {
         return RetryLater();
     }
@@ -177,7 +184,7 @@ int Opening::TryFiles() {
 bool Opening::ReadEndIsPublished() const { return plan.makesFiles || StandsUnder(readEnd.Get(), plan.readFile); }
 
 int Opening::TryWriteEnd() {
-    const int fd = OpenPublishedFifo(plan.writeFile, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    const int fd = OpenEnd(plan.writeFile, O_WRONLY);
     if (fd == -ENXIO || fd == -ENOENT) {
         return AwaitReader();
     }

@@ -52,7 +52,7 @@ bool ServiceFile::IsServed() const {
     if (access(name.c_str(), F_OK) != 0) {
         return false;
     }
-    const UniqueFd reader(OpenPublishedFifo(name, O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+    const UniqueFd reader(OpenEnd(name, O_WRONLY));
     return reader.Get() >= 0;
 }
 
@@ -61,7 +61,7 @@ int ServiceFile::Publish(uint32_t gid) {
     if (ret != 0) {
         return ret;
     }
-    int fd = OpenPublishedFifo(name, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    int fd = OpenEnd(name, O_RDONLY);
     if (fd < 0) {
         if (fd != -ENOENT) {
             unlink(name.c_str());
@@ -69,7 +69,7 @@ int ServiceFile::Publish(uint32_t gid) {
         return fd == -ENOENT ? 0 : fd;
     }
     readEnd = UniqueFd(fd);
-    fd = OpenPublishedFifo(name, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    fd = OpenEnd(name, O_WRONLY);
     // Without a reader or gone, the file that was found is not the one whose read end we have.
     if (fd >= 0 || fd == -ENXIO || fd == -ENOENT) {
         writeEnd = UniqueFd(fd < 0 ? -1 : fd);

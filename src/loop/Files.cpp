@@ -1,0 +1,60 @@
+#include "loop/Files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "diag/velm_syslog.h"
+
+namespace {
+
+constexpr char LOG_TAG[] = "Files";
+
+bool IsSameFile(const struct stat &one, const struct stat &other) {
+    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
+int RefuseFile(const std::string &name) {
+    TARVO_LOG_RESTRAINED(LOG_ERR, "File %s exists but is not fifo file.", name.c_str());
+    return -EACCES;
+}
+
+// What a failed open tells of a file that is no FIFO: a link, a directory that was to be written, a socket.
+int VerdictOf(int error, const std::string &name) {
+    struct stat state {};
+    const bool maybeSocket = error == ENXIO && lstat(name.c_str(), &state) == 0 && !S_ISFIFO(state.st_mode);
+    return error == ELOOP || error == EISDIR || maybeSocket ? RefuseFile(name) : -error;
+}
+
+} // namespace
+
+int OpenEnd(const std::string &name, int flags) {
+    const int fd = open(name.c_str(), flags | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW);
+    if (fd < 0) {
+        return VerdictOf(errno, name);
+    }
+    struct stat state {};
+    const int ret = fstat(fd, &state) == 0 ? 0 : -errno;
+    if (ret == 0 && S_ISFIFO(state.st_mode)) {
+        return fd;
+    }
+    close(fd);
+    return ret != 0 ? ret : RefuseFile(name);
+}
+
+bool StandsUnder(int fd, const std::string &name) {
+    struct stat opened {};
+    struct stat named {};
+    return fd >= 0 && fstat(fd, &opened) == 0 && lstat(name.c_str(), &named) == 0 && IsSameFile(opened, named);
+}
+
+void RemoveOwnFile(int fd, const std::string &name) {
+    struct stat opened {};
+    struct stat named {};
+    const bool seen = fd >= 0 && fstat(fd, &opened) == 0 && lstat(name.c_str(), &named) == 0;
+    if (!seen || IsSameFile(opened, named)) {
+        unlink(name.c_str());
+    }
+}
