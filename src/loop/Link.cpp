@@ -161,10 +161,10 @@ void TarvoLink::Close() {
     if (state == State::CLOSED) {
         return;
     }
+    calls.EndAll(-ECANCELED, loop.Round());
     Shut();
     state = State::CLOSED;
     WorkQueue::Remove(*this);
-    calls.EndAll(-ECANCELED, loop.Round());
     if (spec.service != nullptr && !announced) {
         spec.service->Forget(*this);
     }
@@ -180,6 +180,8 @@ void TarvoLink::Shut() {
     if (opening) {
         opening->Abandon();
     }
+    // There may be room by now.
+    blocked = false;
     FlushNow();
     loop.Events().Remove(readWatch);
     loop.Events().Remove(writeWatch);

@@ -112,10 +112,7 @@ int TarvoLink::Enqueue(uint32_t id, MsgType type, int32_t timeoutMs, TarvoBytes 
 
 int TarvoLink::Flush() {
     held = false;
-    if (state == State::OPENING || state == State::FAILED) {
-        return -ENOTCONN;
-    }
-    if (state != State::OPEN || broken) {
+    if (state == State::GONE || broken) {
         return -EPIPE;
     }
     return FlushNow();

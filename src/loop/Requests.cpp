@@ -11,38 +11,44 @@ constexpr std::size_t FIRST_SIZE = 64;
 } // namespace
 
 bool Requests::Add(uint32_t id, uint32_t &number) {
-    if ((table.empty() || At(next).waits) && table.size() < TARVO_LOOP_MAX_REQUESTS && !Grow()) {
+    const bool crowded = ids.empty() || waiting[IndexOf(next)];
+    if (crowded && ids.size() < TARVO_LOOP_MAX_REQUESTS && !Grow()) {
         return false;
     }
     number = next++;
-    At(number) = {number, id, true};
+    ids[IndexOf(number)] = id;
+    waiting[IndexOf(number)] = true;
     return true;
 }
+
+// Those that are older than the table is long have been answered, or are too old for that.
+bool Requests::Waits(uint32_t number) const { return next - 1 - number < ids.size() && waiting[IndexOf(number)]; }
 
 bool Requests::Find(uint32_t number, uint32_t &id) const {
-    if (table.empty()) {
+    if (!Waits(number)) {
         return false;
     }
-    const Entry &entry = table[number & (table.size() - 1)];
-    if (entry.number != number || !entry.waits) {
-        return false;
-    }
-    id = entry.id;
+    id = ids[IndexOf(number)];
     return true;
 }
 
-void Requests::Remove(uint32_t number) { At(number).waits = false; }
+void Requests::Remove(uint32_t number) { waiting[IndexOf(number)] = false; }
 
 bool Requests::Grow() {
-    std::vector<Entry> larger;
+    Requests larger;
+    const std::size_t size = ids.empty() ? FIRST_SIZE : 2 * ids.size();
     try {
-        larger.resize(table.empty() ? FIRST_SIZE : 2 * table.size());
+        larger.ids.resize(size);
+        larger.waiting.resize(size);
     } catch (const std::bad_alloc &) {
         return false;
     }
-    larger.swap(table);
-    for (const Entry &entry : larger) {
-        At(entry.number) = entry;
+    for (std::size_t age = 1; age <= ids.size(); ++age) {
+        const uint32_t number = next - static_cast<uint32_t>(age);
+        larger.ids[larger.IndexOf(number)] = ids[IndexOf(number)];
+        larger.waiting[larger.IndexOf(number)] = waiting[IndexOf(number)];
     }
+    ids.swap(larger.ids);
+    waiting.swap(larger.waiting);
     return true;
 }

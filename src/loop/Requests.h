@@ -21,16 +21,14 @@ public:
     void Remove(uint32_t number);
 
 private:
-    struct Entry {
-        uint32_t number;
-        uint32_t id;
-        bool waits;
-    };
-
-    Entry &At(uint32_t number) { return table[number & (table.size() - 1)]; }
+    std::size_t IndexOf(uint32_t number) const { return number & (ids.size() - 1); }
+    bool Waits(uint32_t number) const;
     bool Grow();
 
-    std::vector<Entry> table; // a power of two
+    // Of the last requests, by the low bits of their numbers: their ids, and whether they wait. Small, as a stream of
+    // one-way requests goes through all of it.
+    std::vector<uint32_t> ids; // a power of two
+    std::vector<bool> waiting;
     uint32_t next = 1;
 };
 
