@@ -63,18 +63,34 @@ int TarvoLoop::Check() const {
     return pthread_equal(thread, pthread_self()) != 0 ? 0 : -EDEADLK;
 }
 
+// Also where the thread is cancelled in the system call. Owns: a place among the visitors. Threads: its own. Locks:
+// none. Ends: before the loop.
+class TarvoLoop::Visit {
+public:
+    explicit Visit(TarvoLoop &visited) : loop(visited) { loop.visitors.fetch_add(1); }
+    ~Visit() { loop.visitors.fetch_sub(1); }
+    Visit(const Visit &) = delete;
+    Visit &operator=(const Visit &) = delete;
+
+private:
+    TarvoLoop &loop;
+};
+
 void TarvoLoop::Stop() {
-    visitors.fetch_add(1);
+    const Visit visit(*this);
     stop.store(true);
     posts.Wake();
-    visitors.fetch_sub(1);
 }
 
 int TarvoLoop::Post(void (*function)(void *), void *context) {
-    visitors.fetch_add(1);
-    const int ret = posts.Post(function, context);
-    visitors.fetch_sub(1);
-    return ret;
+    if (pthread_equal(thread, pthread_self()) != 0 && inRound) {
+        // The end of the round sees to it that the descriptor is readable.
+        const int ret = posts.Add(function, context);
+        ready.Append(posts);
+        return ret;
+    }
+    const Visit visit(*this);
+    return posts.Post(function, context);
 }
 
 void TarvoLoop::Destroy() {

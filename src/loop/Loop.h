@@ -95,6 +95,8 @@ public:
 private:
     enum What : uint32_t { POSTS, TIMERS };
 
+    class Visit;
+
     // Owns: that the loop is in a round. Threads, Locks, Ends: as TarvoLoop.
     class RoundScope;
 
@@ -102,6 +104,7 @@ private:
     void ServeAll(int max, int &ran);
     void ServeQueue(int max, int &ran);
     void FlushAll();
+    void EndRound();
     void FreeBuried();
     void Unlist(Member &member);
     int Finish(int result);
@@ -125,6 +128,7 @@ private:
 
     WorkQueue ready;   // for the next round
     WorkQueue current; // of this round
+    WorkQueue later;   // what has come up in it, while timers are looked at
     TarvoLink *firstToFlush = nullptr;
     Member *members = nullptr;
     Member *graveyard = nullptr;

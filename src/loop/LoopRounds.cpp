@@ -29,6 +29,8 @@ public:
     explicit RoundScope(TarvoLoop &owner) : loop(owner) { loop.inRound = true; }
     // Also where the thread is cancelled in its sleep or in a callback.
     ~RoundScope() {
+        // Otherwise it is done already.
+        loop.EndRound();
         loop.inRound = false;
         loop.running = false;
         if (!loop.ready.Empty() && !loop.destroyed) {
@@ -94,27 +96,30 @@ int TarvoLoop::RunRound(int waitMs, int max, int &ran) {
     }
     ++round;
     ServeAll(max, ran);
-    FlushAll();
-    FreeBuried();
-    timers.Settle();
+    EndRound();
     return 0;
 }
 
-void TarvoLoop::ServeAll(int max, int &ran) {
-    current.Take(ready);
-    ServeQueue(max, ran);
-    // After the links have read what was there: an answer that has come in time counts, however late this round is.
-    WorkQueue later;
-    later.Take(ready);
-    timers.Expire();
-    current.Take(ready);
-    ServeQueue(max, ran);
+void TarvoLoop::EndRound() {
     // What has no share left comes first in the next round.
     WorkQueue fresh;
     fresh.Take(ready);
     ready.Take(current);
     ready.Take(later);
     ready.Take(fresh);
+    FlushAll();
+    FreeBuried();
+    timers.Settle();
+}
+
+void TarvoLoop::ServeAll(int max, int &ran) {
+    current.Take(ready);
+    ServeQueue(max, ran);
+    // After the links have read what was there: an answer that has come in time counts, however late this round is.
+    later.Take(ready);
+    timers.Expire();
+    current.Take(ready);
+    ServeQueue(max, ran);
 }
 
 void TarvoLoop::ServeQueue(int max, int &ran) {

@@ -13,6 +13,16 @@ int Posts::Init() {
     return fd.Get() < 0 ? -errno : 0;
 }
 
+int Posts::Add(void (*function)(void *), void *context) {
+    try {
+        MutexLock lock(mutex);
+        incoming.push_back({function, context});
+    } catch (const std::bad_alloc &) {
+        return -ENOMEM;
+    }
+    return 0;
+}
+
 int Posts::Post(void (*function)(void *), void *context) {
     MutexLock lock(mutex);
     try {
@@ -73,5 +83,9 @@ bool Posts::Serve(int share, int &ran) {
         ++ran;
         posted.function(posted.context);
     }
-    return position < taken.size();
+    const bool more = position < taken.size();
+    if (!more && HasAny()) {
+        loop.Queue(*this);
+    }
+    return more;
 }

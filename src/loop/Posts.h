@@ -21,6 +21,8 @@ public:
     int Init();
     int Fd() const { return fd.Get(); }
 
+    // The loop's thread, in a round: nobody has to be woken. 0 or -ENOMEM.
+    int Add(void (*function)(void *), void *context) EXCLUDES(mutex);
     // Any thread. 0 or a negated errno.
     int Post(void (*function)(void *), void *context) EXCLUDES(mutex);
 
