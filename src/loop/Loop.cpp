@@ -22,10 +22,13 @@ TarvoLoop::~TarvoLoop() {
         sched_yield();
     }
     while (members != nullptr) {
-        Member &member = *members;
-        Unlist(member);
-        member.OnLoopDestroyed();
-        delete &member;
+        Member *const member = members;
+        members = member->nextMember;
+        if (members != nullptr) {
+            members->previousMember = nullptr;
+        }
+        member->OnLoopDestroyed();
+        delete member;
     }
     FreeBuried();
 }

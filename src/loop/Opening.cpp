@@ -192,17 +192,26 @@ int Opening::TryWriteEnd() {
         return fd;
     }
     UniqueFd writeEnd(fd);
-    if (!ReadEndIsPublished()) {
-        // That of an earlier remote, which this one has replaced.
-        if (readEndWatched) {
-            listener.UnwatchReadEnd();
-            readEndWatched = false;
-        }
-        readEnd.Reset();
-        step = Step::FILES;
-        return TryFiles();
+    // Not closed again whatever comes: the remote would take that for the end of the link.
+    const int ret = ReadEndIsPublished() ? 0 : ReopenReadEnd();
+    if (ret != 0) {
+        return ret;
     }
     Finish(std::move(writeEnd));
+    return 0;
+}
+
+// What it holds is the file of an earlier remote, which this one has replaced before it made the other file.
+int Opening::ReopenReadEnd() {
+    const int fd = OpenEnd(plan.readFile, O_RDONLY);
+    if (fd < 0) {
+        return fd;
+    }
+    if (readEndWatched) {
+        listener.UnwatchReadEnd();
+        readEndWatched = false;
+    }
+    readEnd = UniqueFd(fd);
     return 0;
 }
 

@@ -81,6 +81,7 @@ private:
     int MakeFiles();
     int TryFiles();
     int TryWriteEnd();
+    int ReopenReadEnd();
     int AwaitReader();
     bool ReadEndIsPublished() const;
     int RetryLater();

@@ -54,7 +54,8 @@ int Posts::Wake() {
 
 void Posts::Clear() {
     uint64_t count = 0;
-    static_cast<void>(!read(fd.Get(), &count, sizeof(count)));
+    const ssize_t cleared = read(fd.Get(), &count, sizeof(count));
+    static_cast<void>(cleared);
     signalled.exchange(false);
 }
 

@@ -131,7 +131,7 @@ int TarvoLoopStop(TarvoLoop *loop) {
     if (loop == nullptr) {
         return -EINVAL;
     }
-    if (loop->IsInherited()) {
+    if (TarvoLoop::IsInherited()) {
         return -ENOENT;
     }
     loop->Stop();
@@ -142,7 +142,7 @@ int TarvoLoopPost(TarvoLoop *loop, void (*function)(void *context), void *contex
     if (loop == nullptr || function == nullptr) {
         return -EINVAL;
     }
-    return loop->IsInherited() ? -ENOENT : loop->Post(function, context);
+    return TarvoLoop::IsInherited() ? -ENOENT : loop->Post(function, context);
 }
 
 int TarvoServiceOpen(TarvoLoop *loop, const TarvoServiceOptions *options, TarvoService **service) {
