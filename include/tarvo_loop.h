@@ -85,7 +85,7 @@ TARVO_LOOP_API int TarvoLoopDispatch(TarvoLoop *loop, int max);
 TARVO_LOOP_API int TarvoLoopRun(TarvoLoop *loop, int timeoutMs);
 
 // Makes TarvoLoopRun return after the callback that runs, or the next one return at once. Any thread, and signal
-// handlers. Returns 0.
+// handlers; the loop's thread may destroy it as soon as its run has returned. Returns 0.
 TARVO_LOOP_API int TarvoLoopStop(TarvoLoop *loop);
 
 // Has the loop call `function` with `context`, once, after what was posted before. Any thread; the loop must not be

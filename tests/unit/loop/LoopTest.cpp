@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <thread>
 
 #include "LoopKit.h"
@@ -200,6 +201,27 @@ TEST_F(LoopTest, AForkedChildIsRefusedEverything) {
     });
     EXPECT_EQ(child.Wait(), 0);
     EXPECT_EQ(OwnFifoFiles().size(), 3U);
+}
+
+// The variable is looked up when the loop is made.
+TEST(PatientLoopTest, CallsOfAProcessInADebuggerGetTheirTime) {
+    ChildProcess child([](Channel &) {
+        setenv("KELDOR_RUN_MODE", "1", 1);
+        TarvoLoop *loop = nullptr;
+        EXPECT_EQ(TarvoLoopCreate(&loop), 0);
+        setenv("KELDOR_RUN_MODE", "0", 1);
+        const std::string name = UniqueName("srv");
+        Server server(loop, name);
+        Recorder client;
+        TarvoLink *const link = OpenLink(loop, client, name);
+        EXPECT_TRUE(Until(loop, [&] { return client.opened; }));
+        EXPECT_GT(TarvoLinkCall(link, Bytes("x"), 1, Recorder::Done, &client), 0);
+        EXPECT_EQ(TarvoLoopRun(loop, 50), -ETIMEDOUT);
+        EXPECT_EQ(client.done, 0);
+        TarvoLoopDestroy(loop);
+        return 0;
+    });
+    EXPECT_EQ(child.Wait(), 0);
 }
 
 } // namespace

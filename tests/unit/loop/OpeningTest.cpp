@@ -194,5 +194,31 @@ TEST_F(OpeningTest, ARemoteThatOnlyWritesIsHeard) {
     ASSERT_TRUE(Wait([this] { return client.closed == 1; }));
 }
 
+TEST_F(OpeningTest, LeftoversOfAnEarlierLinkAreWaitedForAMomentOnly) {
+    Server server(loop, name);
+    const std::string own = self + "_" + std::to_string(getpid());
+    const std::string stale[2] = {FifoPath(name, own), FifoPath(own, name)};
+    for (const std::string &file : stale) {
+        ASSERT_EQ(mkfifo(file.c_str(), 0660), 0);
+    }
+    TarvoLink *const link = Open(TARVO_LINK_TO_SERVER);
+    Drain(loop);
+    EXPECT_FALSE(client.opened);
+    ASSERT_TRUE(Opened());
+    EXPECT_EQ(client.result, 0);
+    TarvoLinkSend(link, Bytes("x"));
+    ASSERT_TRUE(Wait([&] { return server.links.requests.size() == 1; }));
+}
+
+TEST_F(OpeningTest, FlushAndHoldMeanNothingWhileItOpens) {
+    TarvoLink *const link = Open(TARVO_LINK_ARRANGED_CLIENT);
+    EXPECT_EQ(TarvoLinkHold(link), 0);
+    EXPECT_EQ(TarvoLinkFlush(link), 0);
+    uint32_t size = 0;
+    EXPECT_EQ(TarvoLinkReply(link, 1, Bytes("x")), -ENOTCONN);
+    EXPECT_EQ(TarvoLinkCancel(link, 1), -ENOENT);
+    EXPECT_EQ(TarvoLinkCallSync(link, Bytes("x"), 0, nullptr, &size), -ETIMEDOUT);
+}
+
 } // namespace
 } // namespace tarvo_test
