@@ -2,13 +2,20 @@
 #
 #  - Multi-Arch (the packages of several architectures beside each other), which cross builds need of the libraries; the
 #    programs serve every architecture.
-#  - Only the trigger runs ldconfig; the script that cpack adds for the removal would run it once more.
+#  - Only the trigger runs ldconfig; the scripts that cpack adds for the removal, and for the installation where the
+#    package has none of its own, would run it once more.
 
 foreach(package IN LISTS CPACK_PACKAGE_FILES)
   set(tree ${CPACK_TEMPORARY_DIRECTORY}/finish)
   file(REMOVE_RECURSE ${tree})
   execute_process(COMMAND dpkg-deb --raw-extract ${package} ${tree} COMMAND_ERROR_IS_FATAL ANY)
   file(REMOVE ${tree}/DEBIAN/postrm)
+  if(EXISTS ${tree}/DEBIAN/postinst)
+    file(READ ${tree}/DEBIAN/postinst postinst)
+    if(postinst MATCHES "ldconfig")
+      file(REMOVE ${tree}/DEBIAN/postinst)
+    endif()
+  endif()
   file(READ ${tree}/DEBIAN/control control)
   string(REGEX REPLACE "\n+$" "\n" control "${control}")
   if(control MATCHES "\nSection: lib")
