@@ -4,7 +4,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/lib.sh
 
-targets=(frames packets names contexts loadfile sequence)
+targets=(frames slices packets names contexts loadfile sequence)
 
 usage() {
     cat <<TEXT
@@ -14,6 +14,7 @@ Builds the fuzz targets with clang's address and undefined-behaviour sanitizers 
 30), so many at a time (default 1). Installs what is missing. Targets (default: all):
 
   frames    the frame reader, through a real FIFO
+  slices    the frame reader of large reads, cut anywhere
   packets   the server's packet reader, through its FIFO
   names     names, through every check
   contexts  conversions of security contexts
@@ -39,7 +40,7 @@ build() {
 
 longest_input() {
     case $1 in
-    frames) echo 16384 ;;
+    frames | slices) echo 16384 ;;
     packets) echo 4096 ;;
     loadfile) echo 8192 ;;
     *) echo 512 ;;

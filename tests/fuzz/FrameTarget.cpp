@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "api/TableFactory.h"
+#include "fuzz/FrameModel.h"
 #include "fuzz/Honest.h"
 #include "fuzz/Target.h"
 #include "support/Pipes.h"
@@ -23,13 +24,11 @@ namespace {
 
 using Delivered = std::pair<uint32_t, std::string>;
 
-constexpr std::size_t MAX_PAYLOAD = 4000;
 // What a worker, the cache of a pipe without a callback, and the callbacks of a concurrent pipe hold at most.
 constexpr std::size_t WORKER_ROOM = 1000;
 constexpr std::size_t CACHE_ROOM = 1000;
 constexpr std::size_t CONCURRENT_ROOM = 200;
 constexpr uint32_t REQUEST = 0;
-constexpr uint32_t RESPONSE = 1;
 // The one call of a new pipe.
 constexpr uint32_t CALL_ID = 0;
 
@@ -44,25 +43,10 @@ struct Options {
 };
 
 // What must become of one piece, which lies in the FIFO as a whole before any of it is read.
-void ReadAsDocumented(const std::string &bytes, std::vector<Delivered> &requests, std::vector<Delivered> &responses) {
-    std::size_t at = 0;
-    while (bytes.size() - at >= RAW_HEAD_SIZE) {
-        const RawFrame head = DecodeRawHead(bytes.substr(at, RAW_HEAD_SIZE));
-        at += RAW_HEAD_SIZE;
-        if (head.magic != RAW_MAGIC || head.length == 0 || head.length > MAX_PAYLOAD) {
-            continue;
-        }
-        const std::string payload = bytes.substr(at, head.length);
-        at += payload.size();
-        if (payload.size() != head.length || head.checksum != RawChecksum(head.id, head.type, payload)) {
-            continue;
-        }
-        if (head.type == REQUEST) {
-            requests.emplace_back(head.id, payload);
-        } else if (head.type == RESPONSE) {
-            responses.emplace_back(head.id, payload);
-        }
-    }
+void ReadPiece(const std::string &bytes, std::vector<Delivered> &requests, std::vector<Delivered> &responses) {
+    ReadAsDocumented(bytes, [&](const RawFrame &head, const std::string &payload) {
+        (head.type == REQUEST ? requests : responses).emplace_back(head.id, payload);
+    });
 }
 
 // What the callback was given.
@@ -110,7 +94,7 @@ public:
     void Feed(const std::string &bytes) {
         for (std::size_t at = 0; at < bytes.size();) {
             const std::size_t written = peer.SendSome(bytes.substr(at));
-            ReadAsDocumented(bytes.substr(at, written), requests, responses);
+            ReadPiece(bytes.substr(at, written), requests, responses);
             // One receive thread reads a message of each pipe in turn: a call takes it past the garbage at least once.
             TheHonestClient().CallWhileUnread(peer.WriteDescriptor(), written);
             // It may be in the middle of the last message, but not any more when it has read something later.
