@@ -1,0 +1,5 @@
+// asio_client [SERVER]: has the lines server count letters, from within an io_context of Boost.Asio.
+#include "asio_watch.h"
+#include "lines_client.h"
+
+int main(int argc, char **argv) { return RunLinesClient<AsioWatch>("asio_client", argc > 1 ? argv[1] : "lines", 1000); }
