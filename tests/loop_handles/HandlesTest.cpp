@@ -1,4 +1,5 @@
 // Calls, sends and replies through the handles; both styles of error; time-outs.
+#include <future>
 #include <limits>
 #include <map>
 #include <set>
@@ -128,26 +129,22 @@ TEST_F(HandlesTest, CallCanBeCanceledOnce) {
 }
 
 TEST_F(HandlesTest, CallThatWaitsHasTheAnswerInEitherForm) {
-    ServeEcho();
     // The service answers from a loop of another thread: this one only waits.
-    service.Close();
-    std::thread server([this] {
+    std::promise<void> serves;
+    std::thread server([&] {
         tarvo::Loop other = tarvo::Loop::Create();
         const tarvo::Service echo =
             tarvo::Service::Open(other, name, {},
                                  tarvo::ServiceHandlers()
                                      .OnRequest([](const tarvo::LinkRequest &request) { return request.Bytes(); })
                                      .OnClosed([&other](tarvo::LinkView) { other.Stop(); }));
+        serves.set_value();
         EXPECT_FALSE(other.Run(PATIENCE));
     });
+    serves.get_future().wait();
     tarvo::Link link = tarvo::Link::Connect(loop, name, As("client"), tarvo::LinkHandlers());
     std::string answer;
-    std::error_code error = link.CallSync("first", PATIENCE, answer);
-    while (error == std::errc::no_such_device_or_address) { // the server has not started yet
-        link = tarvo::Link();
-        link = tarvo::Link::Connect(loop, name, As("client"), tarvo::LinkHandlers());
-        error = link.CallSync("first", PATIENCE, answer);
-    }
+    const std::error_code error = link.CallSync("first", PATIENCE, answer);
     EXPECT_FALSE(error);
     EXPECT_EQ(answer, "first");
     char room[6];

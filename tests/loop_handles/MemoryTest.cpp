@@ -9,24 +9,34 @@ namespace {
 
 class MemoryTest : public LoopHandlesTest {};
 
-// Fails each allocation of `attempt` in turn, until it needs no more: every failure is told.
+// Fails each allocation of `attempt` in turn, until it needs no more: it either does without that memory, or says that
+// there is none. What it yields besides its error ends with memory.
 template <typename Attempt>
 void FailEachAllocation(Attempt attempt) {
     for (unsigned nth = 1;; ++nth) {
-        std::error_code error;
         bool hit = false;
-        {
+        const auto [error, result] = [&] {
             const AllocFault fault(nth);
-            error = attempt();
+            auto tried = attempt();
             hit = fault.Hit();
-        }
+            return tried;
+        }();
+        EXPECT_EQ(static_cast<bool>(result), !error);
         if (!hit) {
             EXPECT_FALSE(error);
             return;
         }
-        EXPECT_EQ(error, std::errc::not_enough_memory) << "allocation " << nth;
+        if (error) {
+            EXPECT_EQ(error, std::errc::not_enough_memory) << "allocation " << nth;
+        }
     }
 }
+
+template <typename Result>
+std::pair<std::error_code, Result> With(std::error_code error, Result result) {
+    return {error, std::move(result)};
+}
+std::pair<std::error_code, bool> Alone(std::error_code error) { return {error, !error}; }
 
 TEST_F(MemoryTest, CallsTakeNoMemoryAfterTheFirstOnes) {
     ServeEcho();
@@ -59,25 +69,22 @@ TEST_F(MemoryTest, OpensWithoutMemoryFailAndLeaveNothing) {
     int alive = 0;
     FailEachAllocation([&] {
         std::error_code error;
-        const tarvo::Link link = tarvo::Link::Connect(
+        tarvo::Link link = tarvo::Link::Connect(
             loop, name, options, tarvo::LinkHandlers().OnClosed([counted = Counted(alive)](tarvo::LinkView) {}), error);
-        EXPECT_EQ(static_cast<bool>(link), !error);
-        return error;
+        return With(error, std::move(link));
     });
     EXPECT_EQ(alive, 0);
     FailEachAllocation([&] {
         std::error_code error;
-        const tarvo::Service opened = tarvo::Service::Open(
+        tarvo::Service opened = tarvo::Service::Open(
             loop, name, {}, tarvo::ServiceHandlers().OnClosed([counted = Counted(alive)](tarvo::LinkView) {}), error);
-        EXPECT_EQ(static_cast<bool>(opened), !error);
-        return error;
+        return With(error, std::move(opened));
     });
     EXPECT_EQ(alive, 0);
     FailEachAllocation([&] {
         std::error_code error;
-        const tarvo::Loop created = tarvo::Loop::Create(error);
-        EXPECT_EQ(static_cast<bool>(created), !error);
-        return error;
+        tarvo::Loop created = tarvo::Loop::Create(error);
+        return With(error, std::move(created));
     });
 }
 
@@ -87,17 +94,18 @@ TEST_F(MemoryTest, CallsAndPostsWithoutMemoryFailAndRunNothing) {
     int alive = 0;
     int runs = 0;
     FailEachAllocation([&] {
-        return link.Call("x", PATIENCE, [&, counted = Counted(alive)](std::error_code, std::string_view) { ++runs; });
+        return Alone(
+            link.Call("x", PATIENCE, [&, counted = Counted(alive)](std::error_code, std::string_view) { ++runs; }));
     });
     FailEachAllocation([&] {
-        return link.Call(
-            "x", PATIENCE,
-            [&, counted = Counted(alive), room = std::array<char, 500>()](std::error_code, std::string_view) {
-                (void)room;
-                ++runs;
-            });
+        return Alone(
+            link.Call("x", PATIENCE,
+                      [&, counted = Counted(alive), room = std::array<char, 500>()](std::error_code, std::string_view) {
+                          (void)room;
+                          ++runs;
+                      }));
     });
-    FailEachAllocation([&] { return loop.Post([&, counted = Counted(alive)] { ++runs; }); });
+    FailEachAllocation([&] { return Alone(loop.Post([&, counted = Counted(alive)] { ++runs; })); });
     Until([&] { return runs == 3; });
     EXPECT_EQ(alive, 0);
     Drain();
