@@ -16,8 +16,10 @@ install(FILES packaging/systemd/tarvo-example.service DESTINATION ${CMAKE_INSTAL
         COMPONENT library)
 
 install(FILES include/tarvo.h include/tarvo.hpp include/tarvo_announcements.hpp include/tarvo_basics.hpp
-              include/tarvo_client.hpp include/tarvo_loop.h include/tarvo_names.hpp include/tarvo_owners.hpp include/tarvo_pipe.hpp
-              include/tarvo_request.hpp include/tarvo_server.hpp
+              include/tarvo_client.hpp include/tarvo_coro.hpp include/tarvo_event_loop.hpp include/tarvo_link.hpp
+              include/tarvo_link_handlers.hpp include/tarvo_link_view.hpp include/tarvo_loop.h include/tarvo_loop.hpp
+              include/tarvo_loop_parts.hpp include/tarvo_names.hpp include/tarvo_owners.hpp include/tarvo_pipe.hpp
+              include/tarvo_request.hpp include/tarvo_server.hpp include/tarvo_service.hpp
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 install(EXPORT tarvoTargets NAMESPACE tarvo:: DESTINATION ${TARVO_CMAKE_DIR} COMPONENT development)
 

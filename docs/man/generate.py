@@ -1,16 +1,18 @@
 #!/usr/bin/env python3
-"""Makes the manual pages of sections 3 and 7 out of the public header's comments, which are the contracts, and of pages.
+"""Makes the manual pages of sections 3 and 7 out of the public headers' comments, which are the contracts, and of pages.
 
 A page of section 3 for each group of functions or types below, a page that refers to it for each further name of the
-group, tarvo(7) out of its template, and tarvo-errors(7) and tarvo-log(7) out of docs/. With --check, writes nothing, and fails when a declaration of the header belongs to
-no page, when a page names what the header does not declare, and when the header raises an error that tarvo(7) does not
-explain: a test's business, so that the header can be worked on without the pages.
+group, tarvo(7) and tarvo-loop(7) out of their templates, and tarvo-errors(7) and tarvo-log(7) out of docs/. With --check,
+writes nothing, and fails when a declaration of a header belongs to no page, when a page names what the header does not
+declare, and when the header raises an error that its overview does not explain: a test's business, so that the headers
+can be worked on without the pages.
 """
 
 import argparse
 import pathlib
 import re
 import sys
+from dataclasses import dataclass
 
 import header
 import markdown
@@ -37,6 +39,42 @@ PAGES = [
      ["TarvoOpen", "TarvoCreateClient"]),
     (["TarvoServerAttr"], "how a process serves", ["TarvoCreateServer", "TarvoAttr"]),
     (["TarvoRequest", "TarvoResponse"], "a request and its answer", ["TarvoSendRequest", "TarvoTimedRPCSync"]),
+]
+
+LOOP_PAGES = [
+    (["TarvoLoopCreate", "TarvoLoopDestroy"], "create or destroy a loop on the program's own thread", []),
+    (["TarvoLoopFd", "TarvoLoopDispatch"], "run a loop inside another event loop", ["TarvoLoopRun"]),
+    (["TarvoLoopRun", "TarvoLoopStop"], "run a loop by itself, and stop it", ["TarvoLoopDispatch"]),
+    (["TarvoLoopPost"], "have a loop call a function, from any thread", ["TarvoLoopRun"]),
+    (["TarvoServiceOpen", "TarvoServiceClose", "TarvoServiceOptions"], "serve under a name on a loop",
+     ["TarvoLinkCallbacks"]),
+    (["TarvoLinkOpen", "TarvoLinkOptions", "TarvoLinkKind"], "open a link on a loop", ["TarvoLinkCallbacks"]),
+    (["TarvoLinkCallbacks"], "what a link calls", ["TarvoLinkOpen", "TarvoServiceOpen"]),
+    (["TarvoLinkSend", "TarvoBytes"], "send a one-way request over a link", ["TarvoLinkCall", "TarvoLinkHold"]),
+    (["TarvoLinkCall", "TarvoLinkCancel", "TarvoDone"], "send a request over a link, with a callback for its answer",
+     ["TarvoLinkCallSync"]),
+    (["TarvoLinkCallSync"], "send a request over a link and wait for its answer", ["TarvoLinkCall"]),
+    (["TarvoLinkReply"], "answer a request that came over a link", ["TarvoLinkCallbacks"]),
+    (["TarvoLinkHold", "TarvoLinkFlush"], "gather what is sent over a link in one write", ["TarvoLinkSend"]),
+    (["TarvoLinkPeer", "TarvoLinkSetContext"], "tell who is at the other end of a link, or replace its context", []),
+    (["TarvoLinkClose"], "close a link", ["TarvoLinkOpen"]),
+]
+
+
+@dataclass
+class Book:
+    """The pages of one library."""
+
+    name: str  # of its overview in section 7
+    header: str
+    library: str
+    pages: list
+    example: str  # the file with the first program
+
+
+BOOKS = [
+    Book("tarvo", "tarvo.h", "tarvo", PAGES, "README.md"),
+    Book("tarvo-loop", "tarvo_loop.h", "tarvo-loop", LOOP_PAGES, "docs/loop.md"),
 ]
 
 # Pages of docs/ that who looks after a machine wants at hand: name, source, and its line in indexes.
@@ -121,9 +159,11 @@ def fold(code, width=78):
     return "\n".join(lines + [current.rstrip()])
 
 
-def synopsis(group):
-    lines = ["#include <tarvo.h>", ""]
-    for one in group:
+def synopsis(group, include):
+    lines = [f"#include <{include}>", ""]
+    for number, one in enumerate(group):
+        if number > 0 and one.kind != "function" and group[number - 1].kind == "function":
+            lines.append("")
         lines += fold(one.code).split("\n") + ([""] if one.kind != "function" else [])
     return [".SH SYNOPSIS", ".nf"] + [f"\\fB{escape(line)}\\fP" if line else "" for line in lines] + [".fi"]
 
@@ -136,7 +176,8 @@ def members(declaration, markup):
         if member.paragraphs or kinds:
             lines += [".TP", f"\\fB{escape(member.code)}\\fP"]
         for number, paragraph in enumerate(member.paragraphs):
-            text = paragraph if paragraph.endswith((".", ":")) else f"{paragraph[0].upper()}{paragraph[1:]}."
+            first = paragraph[0] if re.match(r"\w+\(", paragraph) else paragraph[0].upper()  # code stays as it is
+            text = paragraph if paragraph.endswith((".", ":")) else f"{first}{paragraph[1:]}."
             lines += ([".IP"] if number else []) + [markup(text)]
         if kinds and not member.paragraphs:
             markup.mentioned.add(kinds[0])
@@ -144,7 +185,7 @@ def members(declaration, markup):
     return lines
 
 
-def page(names, line, see, declared, version):
+def page(book, names, line, see, declared, version):
     markup = Markup(declared)
     group = [one for name in names for one in declared if one.name == name]
     description, results = [], []
@@ -161,39 +202,39 @@ def page(names, line, see, declared, version):
             results.append(markup(paragraph))
     others = sorted((markup.mentioned | set(see)) - set(names), key=str.lower)
     lines = [f'.TH {names[0]} 3 {DATE} "tarvo {version}" "Library Functions Manual"', ".SH NAME",
-             f"{', '.join(names)} \\- {escape(line)}", ".SH LIBRARY", "tarvo (\\fIlibtarvo\\fP, \\fI\\-ltarvo\\fP)"]
-    lines += synopsis(group) + [".SH DESCRIPTION"] + description
+             f"{', '.join(names)} \\- {escape(line)}", ".SH LIBRARY", f"tarvo (\\fIlib{escape(book.library)}\\fP, \\fI\\-l{escape(book.library)}\\fP)"]
+    lines += synopsis(group, book.header) + [".SH DESCRIPTION"] + description
     if results:
         lines += [".SH RETURN VALUE"] + results
-    references = [f".BR {name} (3)" for name in others] + [".BR tarvo (7)"]
+    references = [f".BR {name} (3)" for name in others] + [f".BR {escape(book.name)} (7)"]
     return "\n".join(lines + [".SH SEE ALSO"] + [one + " ," for one in references[:-1]] + references[-1:]) + "\n"
 
 
-def overview(template, text, readme, declared, version):
+def overview(book, template, text, example_page, declared, version):
     markup = Markup(declared)
     blocks = header.preamble(text)
     common = []
     for block in blocks[blocks.index("Common to all functions:") + 1:]:
         common += [".IP \\(bu 3", markup(block[2:])]
     functions = []
-    for names, line, _ in PAGES:
+    for names, line, _ in book.pages:
         functions += [".TP"] + [", ".join(f"\\fB{name}\\fP(3)" for name in names), escape(line[0].upper() + line[1:]) + "."]
-    example = re.search(r"```cpp\n(.*?)```", readme, re.DOTALL)
+    example = re.search(r"```cpp\n(.*?)```", example_page, re.DOTALL)
     if not example:
-        sys.exit("generate.py: the README has no example")
+        sys.exit(f"generate.py: {book.example} has no example")
     parts = {"DATE": DATE, "VERSION": version, "COMMON": "\n".join(common), "FUNCTIONS": "\n".join(functions),
              "EXAMPLE": escape(example[1].rstrip())}
     return re.sub(r"@([A-Z]+)@", lambda match: parts[match[1]], template)
 
 
-def drift(declared, text, template):
+def drift(book, declared, text, template):
     """What the pages and the header do not have in common."""
-    in_pages = {name for names, _, _ in PAGES for name in names}
+    in_pages = {name for names, _, _ in book.pages for name in names}
     in_header = {one.name for one in declared}
     codes = set(re.findall(r"-E[A-Z]+", text)) - set(re.findall(r"-E[A-Z]+", template.replace("\\-", "-")))
-    return ([f"no page for {name}: add it to PAGES" for name in sorted(in_header - in_pages)]
-            + [f"the header does not declare {name}" for name in sorted(in_pages - in_header)]
-            + [f"tarvo(7) does not explain {code}" for code in sorted(codes)])
+    return ([f"no page for {name}: add it to the pages of {book.name}" for name in sorted(in_header - in_pages)]
+            + [f"{book.header} does not declare {name}" for name in sorted(in_pages - in_header)]
+            + [f"{book.name}(7) does not explain {code}" for code in sorted(codes)])
 
 
 def main():
@@ -205,23 +246,25 @@ def main():
     parser.add_argument("--check", action="store_true", help="compare the pages with the header and write none")
     parser.add_argument("--list", action="store_true", help="print the names of the files and write none")
     arguments = parser.parse_args()
-    files = [f"man3/{name}.3" for names, _, _ in PAGES for name in names] + ["man7/tarvo.7"]
-    files += [f"man7/{name}.7" for name, _, _ in GUIDES]
+    files = [f"man3/{name}.3" for book in BOOKS for names, _, _ in book.pages for name in names]
+    files += [f"man7/{name}.7" for name in [book.name for book in BOOKS] + [guide[0] for guide in GUIDES]]
     if arguments.list:
         print(";".join(files), end="")
         return
-    text = (arguments.source / "include/tarvo.h").read_text(encoding="utf-8")
-    declared = header.declarations(text)
-    template = (arguments.source / "docs/man/tarvo.7.in").read_text(encoding="utf-8")
+    contents, faults = {}, []
+    for book in BOOKS:
+        text = (arguments.source / "include" / book.header).read_text(encoding="utf-8")
+        declared = header.declarations(text)
+        template = (arguments.source / f"docs/man/{book.name}.7.in").read_text(encoding="utf-8")
+        faults += drift(book, declared, text, template)
+        for names, line, see in book.pages:
+            contents[f"man3/{names[0]}.3"] = page(book, names, line, see, declared, arguments.version)
+            for name in names[1:]:
+                contents[f"man3/{name}.3"] = f".so man3/{names[0]}.3\n"
+        example = (arguments.source / book.example).read_text(encoding="utf-8")
+        contents[f"man7/{book.name}.7"] = overview(book, template, text, example, declared, arguments.version)
     if arguments.check:
-        sys.exit("\n".join(drift(declared, text, template)) or None)
-    contents = {}
-    for names, line, see in PAGES:
-        contents[f"man3/{names[0]}.3"] = page(names, line, see, declared, arguments.version)
-        for name in names[1:]:
-            contents[f"man3/{name}.3"] = f".so man3/{names[0]}.3\n"
-    readme = (arguments.source / "README.md").read_text(encoding="utf-8")
-    contents["man7/tarvo.7"] = overview(template, text, readme, declared, arguments.version)
+        sys.exit("\n".join(faults) or None)
     for name, source, purpose in GUIDES:
         guide = (arguments.source / source).read_text(encoding="utf-8")
         see = ["tarvo"] + [other for other, _, _ in GUIDES if other != name]

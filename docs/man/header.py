@@ -1,4 +1,4 @@
-"""Reads the declarations of tarvo.h with the comments that stand above and beside them."""
+"""Reads the declarations of a public header with the comments that stand above and beside them."""
 
 import re
 from dataclasses import dataclass, field
@@ -16,7 +16,7 @@ class Member:
 
 @dataclass
 class Declaration:
-    kind: str  # "function", "struct" or "enum"
+    kind: str  # "function", "struct", "enum" or "callback" (the type of one)
     name: str
     code: str  # without comments
     paragraphs: list
@@ -84,20 +84,25 @@ def declarations(text):
     found, comment, lines = [], [], text.splitlines()
     at = 0
     while at < len(lines):
-        line = lines[at]
+        line = lines[at].removeprefix("TARVO_LOOP_API ")
         at += 1
+        if line.startswith("// ---"):
+            comment = []
+            continue
         if line.startswith("//"):
             comment.append(comment_text(line))
             continue
-        match = re.match(r"(struct|enum) (\w+).*\{$", line)
+        match = re.match(r"(?:typedef )?(struct|enum) (\w+).*\{$", line)
         if match:
-            end = lines.index("};", at)
+            end = next(number for number in range(at, len(lines)) if lines[number].startswith("}"))
             body = lines[at:end]
             members = parse_members(body)
             mark = ";" if match[1] == "struct" else ","
-            code = "\n".join([line] + [f"    {member.code}{mark}" for member in members] + ["};"])
+            code = "\n".join([line] + [f"    {member.code}{mark}" for member in members] + [lines[end]])
             found.append(Declaration(match[1], match[2], code, paragraphs_of(comment), members))
             at = end + 1
+        elif match := re.match(r"typedef .*\(\*(\w+)\)\(", line):
+            found.append(Declaration("callback", match[1], line, paragraphs_of(comment)))
         elif match := re.match(r"\w[\w ]*[ *](\w+)\(", line):
             while not lines[at - 1].endswith(";"):
                 line += " " + lines[at].strip()

@@ -6,6 +6,7 @@ A note is a comment above a block, invisible on the rendered page:
     <!-- test: file NAME -->        written to NAME before the next blocks run; a C++ program is compiled too
     <!-- test: fragment -->         C++ statements, compiled inside a function that has a `pipe` and a `request`
     <!-- test: declarations -->     C++ outside of functions, without a main
+    <!-- test: loop -->             the same over the loop's handles, with `Task` as the type of a coroutine
     <!-- test: background -->       sh that serves until the page ends, then gets SIGINT
     <!-- test: exit CODE -->        sh that ends with this code
     <!-- test: alone -->            needs a /dev/shm of its own; not run where the kernel refuses one
@@ -16,7 +17,7 @@ from typing import NamedTuple
 
 FENCE = re.compile(r"^```(\S*)\s*$")
 NOTE = re.compile(r"^<!-- test: (\S+)\s*(.*?) -->$")
-NOTES = {"skip", "file", "fragment", "declarations", "background", "exit", "alone"}
+NOTES = {"skip", "file", "fragment", "declarations", "loop", "background", "exit", "alone"}
 
 
 class Block(NamedTuple):

@@ -37,6 +37,21 @@ PRELUDE = """\
 using namespace std::chrono_literals;
 """
 
+LOOP_PRELUDE = """\
+#include <tarvo_coro.hpp>
+#include <iostream>
+using namespace std::chrono_literals;
+struct Task {
+    struct promise_type {
+        Task get_return_object() { return {}; }
+        std::suspend_never initial_suspend() noexcept { return {}; }
+        std::suspend_never final_suspend() noexcept { return {}; }
+        void return_void() {}
+        void unhandled_exception() {}
+    };
+};
+"""
+
 
 class Failure(Exception):
     """A block does not do what the page says."""
@@ -108,13 +123,18 @@ class Page:
             text = text.replace("{\n", "{\n(void)pipe; (void)request;\n", 1)
         elif "declarations" in block.notes:
             text = PRELUDE + text
+        elif "loop" in block.notes:
+            text = LOOP_PRELUDE + text
         elif not program:
             raise Failure("neither a program nor noted as a fragment")
         source.write_text(text)
         unused = ["-Wno-unused"] if not program else []
         link = ["-o", source.with_suffix(""), f"-L{self.build}/src", "-ltarvo", f"-Wl,-rpath,{self.build}/src"]
+        if "tarvo_loop.h" in text:
+            link[2:2] = [f"-L{self.build}/src/loop", "-ltarvo-loop", f"-Wl,-rpath,{self.build}/src/loop"]
         output = link if program else ["-c", "-o", "/dev/null"]
-        self.check([self.compiler, *FLAGS, *unused, f"-I{ROOT}/include", source, *output])
+        standard = ["-std=c++20"] if "loop" in block.notes else []
+        self.check([self.compiler, *FLAGS, *standard, *unused, f"-I{ROOT}/include", source, *output])
         return "compiled"
 
     def check(self, command):
