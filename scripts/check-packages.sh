@@ -111,7 +111,7 @@ check_development() {
     for file in include/*; do
         expect_file "$deb" "^-rw-r--r-- root/root .* \./usr/include/${file##*/}\$"
     done
-    for file in "$libdir"/{pkgconfig/tarvo.pc,pkgconfig/tarvo-loop.pc,cmake/tarvo/tarvoConfig.cmake} usr/share/man/man3/TarvoOpen.3.gz; do
+    for file in "$libdir"/{pkgconfig/tarvo.pc,pkgconfig/tarvo-loop.pc,cmake/tarvo/tarvoConfig.cmake} usr/share/man/man3/Tarvo{Open,LinkCall}.3.gz; do
         expect_file "$deb" "^-rw-r--r-- root/root .* \./$file\$"
     done
 }
@@ -121,7 +121,7 @@ check_tool() {
     expect_field "$deb" Multi-Arch foreign
     expect_field "$deb" Depends "libtarvo$major (= $3), libc6 (>= *"
     expect_file "$deb" "^-rwxr-xr-x root/root .* \./usr/bin/tarvoctl\$"
-    for file in share/man/man1/tarvoctl.1.gz share/man/man7/tarvo{,-errors,-log}.7.gz \
+    for file in share/man/man1/tarvoctl.1.gz share/man/man7/tarvo{,-errors,-log,-loop}.7.gz \
         share/bash-completion/completions/tarvoctl; do
         expect_file "$deb" "^-rw-r--r-- root/root .* \./usr/$file\$"
     done
@@ -134,7 +134,7 @@ check_documentation() {
     expect_field "$deb" Depends ''
     dpkg-deb --extract "$deb" "$root"
     folder=$root/usr/share/doc/libtarvo-doc
-    for file in README.md docs/*.md docs/*.svg examples/*.cpp examples/*.h examples/python/*.py \
+    for file in README.md docs/*.md docs/*.svg examples/*.cpp examples/*.h examples/loop/*.cpp examples/loop/*.h examples/python/*.py \
         examples/python/*/*.py; do
         cmp "$file" "$folder/$file" || fail "${deb##*/}: $file is missing or differs"
     done
@@ -204,10 +204,15 @@ unpack_and_use() {
     cmake -S tests/packaging/consumer -B "$scratch/cmake" -DCMAKE_PREFIX_PATH="$root/usr" "${options[@]}" >/dev/null
     cmake --build "$scratch/cmake" >/dev/null
     LD_LIBRARY_PATH=$libdir "${run[@]}" "$scratch/cmake/consumer"
+    LD_LIBRARY_PATH=$libdir "${run[@]}" "$scratch/cmake/loop_consumer"
     # shellcheck disable=SC2046 # a list of options
     "$cxx" -std=c++17 -o "$scratch/consumer" tests/packaging/consumer/consumer.cpp \
         $(PKG_CONFIG_LIBDIR=$libdir/pkgconfig pkg-config --cflags --libs tarvo)
     LD_LIBRARY_PATH=$libdir "${run[@]}" "$scratch/consumer"
+    # shellcheck disable=SC2046
+    "$cxx" -std=c++17 -o "$scratch/loop_consumer" tests/packaging/consumer/loop_consumer.cpp \
+        $(PKG_CONFIG_LIBDIR=$libdir/pkgconfig pkg-config --cflags --libs tarvo-loop)
+    LD_LIBRARY_PATH=$libdir "${run[@]}" "$scratch/loop_consumer"
     rm -rf "$root" "$scratch/cmake"
     echo "$preset: consumers of the CMake package and of the pkg-config file run"
 }
@@ -230,7 +235,8 @@ check() {
     check_documentation "$packages/libtarvo-doc_${version}_all.deb"
     [[ ! -d tools/tarvoctl ]] || check_tool "$packages/tarvo-tools_${version}_$arch.deb" "$libdir" "$version"
     check_with_lintian "$packages"/*.deb
-    tests/packaging/man-test.sh "build/$preset/man" "build/$preset/src/libtarvo.so"
+    tests/packaging/man-test.sh "build/$preset/man" "build/$preset/src/libtarvo.so" \
+        "build/$preset/src/loop/libtarvo-loop.so"
 
     rm -rf "$scratch/inside"
     mkdir "$scratch/inside"

@@ -14,6 +14,7 @@ cmake --install "$build" --prefix "$scratch/root" >/dev/null
 cmake -S "$consumer" -B "$scratch/cmake" -G Ninja -DCMAKE_PREFIX_PATH="$scratch/root" -DCMAKE_CXX_COMPILER="$cxx" >/dev/null
 cmake --build "$scratch/cmake" >/dev/null
 "$scratch/cmake/consumer"
+"$scratch/cmake/loop_consumer"
 echo "a consumer of the CMake package runs"
 
 pc=$(find "$scratch/root" -name tarvo.pc)
@@ -22,9 +23,17 @@ libdir=$(pkg-config --variable=libdir tarvo)
 # shellcheck disable=SC2046 # a list of options
 "$cxx" -std=c++17 -o "$scratch/consumer" "$consumer/consumer.cpp" $(pkg-config --cflags --libs tarvo)
 LD_LIBRARY_PATH=$libdir "$scratch/consumer"
-[[ $(pkg-config --modversion tarvo) == 1.0.0 ]]
+# shellcheck disable=SC2046 # a list of options
+"$cxx" -std=c++17 -o "$scratch/loop_consumer" "$consumer/loop_consumer.cpp" $(pkg-config --cflags --libs tarvo-loop)
+LD_LIBRARY_PATH=$libdir "$scratch/loop_consumer"
+# shellcheck disable=SC2046 # a list of options
+cc -std=c11 -o "$scratch/loop_consumer_c" "$consumer/loop_consumer.c" $(pkg-config --cflags --libs tarvo-loop)
+LD_LIBRARY_PATH=$libdir "$scratch/loop_consumer_c"
+[[ $(pkg-config --modversion tarvo tarvo-loop) == $'1.0.0\n1.0.0' ]]
 echo "a consumer of the pkg-config file runs"
 
-soname=$(readelf -d "$libdir/libtarvo.so" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')
-[[ $soname == libtarvo.so.1 ]]
-echo "the library is $soname"
+for library in libtarvo libtarvo-loop; do
+    soname=$(readelf -d "$libdir/$library.so" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')
+    [[ $soname == $library.so.1 ]]
+    echo "the library is $soname"
+done

@@ -27,10 +27,17 @@ build-cmake/consumer
 # shellcheck disable=SC2046 # a list of options
 g++ -std=c++17 -o consumer-pc consumer/consumer.cpp $(pkg-config --cflags --libs tarvo)
 ./consumer-pc
+build-cmake/loop_consumer
+# shellcheck disable=SC2046 # a list of options
+g++ -std=c++17 -o loop-consumer-pc consumer/loop_consumer.cpp $(pkg-config --cflags --libs tarvo-loop)
+./loop-consumer-pc
+# shellcheck disable=SC2046 # a list of options
+cc -std=c11 -o loop-consumer-c consumer/loop_consumer.c $(pkg-config --cflags --libs tarvo-loop)
+./loop-consumer-c
 echo "consumers of the CMake package and of the pkg-config file run"
 
-pages=(tarvo TarvoOpen TarvoRPCSync)
-! command -v tarvoctl >/dev/null || pages+=(tarvo-errors tarvo-log)
+pages=(tarvo TarvoOpen TarvoRPCSync TarvoLoopCreate TarvoLinkCall)
+! command -v tarvoctl >/dev/null || pages+=(tarvo-errors tarvo-log tarvo-loop)
 for page in "${pages[@]}"; do
     MANWIDTH=80 man "$page" >page.txt 2>/dev/null || { echo "there is no page $page" && exit 1; }
     grep -qw "$page" page.txt || { echo "the page $page tells nothing of it" && exit 1; }
