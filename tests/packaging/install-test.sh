@@ -14,7 +14,8 @@ cmake --install "$build" --prefix "$scratch/root" >/dev/null
 cmake -S "$consumer" -B "$scratch/cmake" -G Ninja -DCMAKE_PREFIX_PATH="$scratch/root" -DCMAKE_CXX_COMPILER="$cxx" >/dev/null
 cmake --build "$scratch/cmake" >/dev/null
 "$scratch/cmake/consumer"
-"$scratch/cmake/loop_consumer"
+# The loader finds the library below the loop's only where it searches by itself, or is told to.
+LD_LIBRARY_PATH=$(dirname "$(find "$scratch/root" -name libtarvo.so.1)") "$scratch/cmake/loop_consumer"
 echo "a consumer of the CMake package runs"
 
 pc=$(find "$scratch/root" -name tarvo.pc)
