@@ -4,6 +4,6 @@
 
 namespace tarvo_test {
 
-INSTANTIATE_TYPED_TEST_SUITE_P(AsioWatch, ForeignLoopTest, AsioWatch);
+INSTANTIATE_TYPED_TEST_SUITE_P(AsioWatch, ForeignLoopTest, AsioWatch, );
 
 } // namespace tarvo_test

@@ -4,6 +4,6 @@
 
 namespace tarvo_test {
 
-INSTANTIATE_TYPED_TEST_SUITE_P(EpollWatch, ForeignLoopTest, EpollWatch);
+INSTANTIATE_TYPED_TEST_SUITE_P(EpollWatch, ForeignLoopTest, EpollWatch, );
 
 } // namespace tarvo_test

@@ -7,6 +7,7 @@ trap 'rm -rf "$scratch"' EXIT
 emulator=${TARVO_EMULATOR:-}
 
 mkdir -p /dev/shm/velm/tarvo
+: >"$scratch/server" # for tail, which may be quicker than the server
 # shellcheck disable=SC2086 # an emulator may come with options
 $emulator "$1" "$name" >"$scratch/server" 2>&1 &
 server=$!

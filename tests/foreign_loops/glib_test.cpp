@@ -14,6 +14,6 @@ class DefaultContext : public testing::Environment {
 
 } // namespace
 
-INSTANTIATE_TYPED_TEST_SUITE_P(GlibWatch, ForeignLoopTest, GlibWatch);
+INSTANTIATE_TYPED_TEST_SUITE_P(GlibWatch, ForeignLoopTest, GlibWatch, );
 
 } // namespace tarvo_test

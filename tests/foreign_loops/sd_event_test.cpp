@@ -4,6 +4,6 @@
 
 namespace tarvo_test {
 
-INSTANTIATE_TYPED_TEST_SUITE_P(SdEventWatch, ForeignLoopTest, SdEventWatch);
+INSTANTIATE_TYPED_TEST_SUITE_P(SdEventWatch, ForeignLoopTest, SdEventWatch, );
 
 } // namespace tarvo_test

@@ -43,17 +43,22 @@ TEST_F(EndsTest, LinkMayBeClosedByItsView) {
 }
 
 TEST_F(EndsTest, LinkMayEndInsideItsOwnClosed) {
-    service = tarvo::Service::Open(loop, name, {}, tarvo::ServiceHandlers().OnClient([](tarvo::LinkView link, auto) {
-        EXPECT_FALSE(link.Close());
-    }));
+    service =
+        tarvo::Service::Open(loop, name, {}, tarvo::ServiceHandlers().OnRequest([](const tarvo::LinkRequest &request) {
+            tarvo::LinkView link = request.From();
+            EXPECT_FALSE(link.Close());
+        }));
     int alive = 0;
     bool ended = false;
-    tarvo::Link link = tarvo::Link::Connect(loop, name, As("client"),
-                                            tarvo::LinkHandlers().OnClosed([&, counted = Counted(alive)](auto) {
-                                                link = tarvo::Link();
-                                                EXPECT_EQ(alive, 1);
-                                                ended = true;
-                                            }));
+    tarvo::Link link = tarvo::Link::Connect(
+        loop, name, As("client"),
+        tarvo::LinkHandlers()
+            .OnOpened([](tarvo::LinkView opened, std::error_code) { EXPECT_FALSE(opened.Send("close")); })
+            .OnClosed([&, counted = Counted(alive)](tarvo::LinkView) {
+                link = tarvo::Link();
+                EXPECT_EQ(alive, 1);
+                ended = true;
+            }));
     Until([&] { return ended; });
     EXPECT_EQ(alive, 0);
 }

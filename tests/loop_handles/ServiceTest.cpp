@@ -59,8 +59,10 @@ TEST_F(ServiceTest, CallablesEndWithTheLastClientThatTheServerCloses) {
 
 TEST_F(ServiceTest, ClientMayBeClosedInsideItsOwnCallbacks) {
     int ends = 0;
+    int clients = 0;
     service = tarvo::Service::Open(loop, name, {},
                                    tarvo::ServiceHandlers()
+                                       .OnClient([&](tarvo::LinkView, std::string_view) { ++clients; })
                                        .OnRequest([counted = Counted(alive)](const tarvo::LinkRequest &request) {
                                            tarvo::LinkView from = request.From();
                                            if (request.Bytes() == "close") {
@@ -73,6 +75,7 @@ TEST_F(ServiceTest, ClientMayBeClosedInsideItsOwnCallbacks) {
                                        }));
     const tarvo::Link closedHere = Connected("one");
     tarvo::Link closedThere = Connected("other");
+    Until([&] { return clients == 2; });
     EXPECT_FALSE(closedHere.Send("close"));
     Drain();
     EXPECT_FALSE(closedThere.Close());
