@@ -83,7 +83,7 @@ $python -m unittest discover -s bench/run -p 'test_*.py' >$build/bench-tests.log
 [[ $form == smoke || ${#options[@]} -eq 0 ]] || exit 0
 steps=(--benchmark_counters_tabular=true)
 [[ $form != smoke ]] || steps+=(--benchmark_min_time=0.001)
-for program in $build/bench/bench_*; do
+for program in "$build"/bench/bench_*; do
     if [[ -f $program && -x $program ]]; then
         printf '\n== %s\n' "${program##*/}"
         "$program" "${steps[@]}"

@@ -24,6 +24,7 @@ int LeftMs(int64_t deadlineUs) {
 
 } // namespace
 
+// The length of a round. Owns: nothing. Threads: that of the loop. Locks: none. Ends: before the loop may be freed.
 class TarvoLoop::RoundScope {
 public:
     explicit RoundScope(TarvoLoop &owner) : loop(owner) { loop.inRound = true; }

@@ -21,6 +21,7 @@ public:
 };
 
 // The place of a descriptor in a Poller; none as long as `fd` is -1.
+// Owns: nothing. Threads: that of the loop. Locks: none. Ends: after Poller::Remove().
 struct Watch {
     int fd = -1;
     uint32_t place = 0;
