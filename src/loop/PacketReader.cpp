@@ -80,3 +80,12 @@ PacketReader::Found PacketReader::Next(ConnectPacket &packet) {
     }
     return Found::NOTHING;
 }
+
+void PacketReader::EndOfRead() {
+    // The magic number is read byte by byte, and then fields of four bytes.
+    const bool between = carried <= NAME_OFFSET && (carried % sizeof(uint32_t) == 0 || carried < sizeof(uint32_t));
+    if (!between) {
+        TARVO_LOG(LOG_ERR, "Read of a packet failed after %zu bytes.", carried);
+        carried = 0;
+    }
+}

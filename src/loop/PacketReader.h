@@ -29,6 +29,10 @@ public:
     // NOTHING: all that was fed is used up.
     Found Next(ConnectPacket &packet);
 
+    // What was fed last left the FIFO empty. A field that it breaks off in is dropped with its packet, so that whoever
+    // writes next is not taken for its rest; a packet that ends between two fields may go on.
+    void EndOfRead();
+
 private:
     static constexpr std::size_t NAME_OFFSET = sizeof(PipeServerMsgHead) + sizeof(uint32_t);
 

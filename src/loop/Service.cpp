@@ -10,12 +10,15 @@
 #include "api/EnvManager.h"
 #include "api/tarvo_check.h"
 #include "diag/velm_syslog.h"
+#include "fifo/velm_check.h"
 #include "loop/Link.h"
 
 namespace {
 
 constexpr char LOG_TAG[] = "Service";
 
+// Of a name that is good for a pipe; packets hold longer ones.
+constexpr std::size_t MAX_NAME_LENGTH = 100;
 // How long the link of a client may take to open, in ms; five hours when a debugger may hold the client.
 constexpr int32_t OPEN_TIMEOUT = 2000;
 constexpr int32_t PATIENT_OPEN_TIMEOUT = 18000000;
@@ -57,6 +60,9 @@ void TarvoService::ReadPackets() {
         }
         OpenLink(packet);
     }
+    if (static_cast<std::size_t>(count) < TarvoLoop::SCRATCH_SIZE) {
+        packets.EndOfRead();
+    }
 }
 
 void TarvoService::OpenLink(const ConnectPacket &packet) {
@@ -73,7 +79,8 @@ void TarvoService::OpenLink(const ConnectPacket &packet) {
                       callbacks,
                       this};
         ret = -EINVAL;
-        if (!spec.target.empty() && !BlackListCheck(spec.target.c_str())) {
+        if (CheckInputName(spec.target.c_str(), spec.target.size(), MAX_NAME_LENGTH) == 0 &&
+            !BlackListCheck(spec.target.c_str())) {
             ret = TarvoLink::OpenForClient(loop, std::move(spec), firstOpening);
         }
     } catch (const std::bad_alloc &) {
