@@ -32,6 +32,10 @@ enum class Call {
     EpollWait,
     Poll,
     Eventfd,
+    InotifyInit, // inotify_init1
+    InotifyAddWatch,
+    TimerfdCreate,
+    TimerfdSettime,
     Prctl,
     PthreadCreate,
     PthreadJoin,

@@ -4,7 +4,9 @@
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/file.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <cstdarg>
@@ -184,6 +186,26 @@ int eventfd(unsigned int initial, int flags) noexcept {
     CallInfo info = FdCall(Call::Eventfd, -1, static_cast<int>(initial));
     info.size = static_cast<size_t>(flags);
     return Forward<int>(info, [&] { return TARVO_NEXT(eventfd)(initial, flags); });
+}
+
+int inotify_init1(int flags) noexcept {
+    return Forward<int>(FdCall(Call::InotifyInit, -1, flags), [&] { return TARVO_NEXT(inotify_init1)(flags); });
+}
+
+int inotify_add_watch(int fd, const char *path, uint32_t mask) noexcept {
+    CallInfo info = PathCall(Call::InotifyAddWatch, path, static_cast<int>(mask));
+    info.fd = fd;
+    return Forward<int>(info, [&] { return TARVO_NEXT(inotify_add_watch)(fd, path, mask); });
+}
+
+int timerfd_create(int clock, int flags) noexcept {
+    return Forward<int>(FdCall(Call::TimerfdCreate, -1, flags),
+                        [&] { return TARVO_NEXT(timerfd_create)(clock, flags); });
+}
+
+int timerfd_settime(int fd, int flags, const struct itimerspec *value, struct itimerspec *before) noexcept {
+    return Forward<int>(FdCall(Call::TimerfdSettime, fd, flags),
+                        [&] { return TARVO_NEXT(timerfd_settime)(fd, flags, value, before); });
 }
 
 } // extern "C"
