@@ -4,7 +4,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/lib.sh
 
-targets=(frames slices packets names contexts loadfile sequence)
+targets=(frames slices packets names contexts loadfile sequence engines loop_packets loop_sequence)
 
 usage() {
     cat <<TEXT
@@ -20,6 +20,11 @@ Builds the fuzz targets with clang's address and undefined-behaviour sanitizers 
   contexts  conversions of security contexts
   loadfile  LoadFile
   sequence  calls of the exported functions over two ends in one process
+  engines   one stream of frames through both engines, which must deliver the same
+  loop_packets
+            the packet reader of the loop's services
+  loop_sequence
+            calls of the functions of the loop, outside of callbacks and inside them
 
 Inputs that reach new code gather in build/fuzz/corpus/TARGET, from where the next run goes on; --keep adds a minimal
 set of them to tests/fuzz/corpus/TARGET. An input that breaks a promise goes to tests/fuzz/corpus/TARGET/found-HASH, and
@@ -40,10 +45,19 @@ build() {
 
 longest_input() {
     case $1 in
-    frames | slices) echo 16384 ;;
-    packets) echo 4096 ;;
+    frames | slices | engines) echo 16384 ;;
+    packets | loop_packets) echo 4096 ;;
     loadfile) echo 8192 ;;
     *) echo 512 ;;
+    esac
+}
+
+# Where the kept inputs of a target are: two of them read what others read, too.
+kept_of() {
+    case $1 in
+    engines) echo tests/fuzz/corpus/frames ;;
+    loop_packets) echo tests/fuzz/corpus/packets ;;
+    *) echo "tests/fuzz/corpus/$1" ;;
     esac
 }
 
@@ -53,8 +67,9 @@ program_of() {
 
 # Runs one target. Its output goes to a file; one line tells how it ended.
 run_target() {
-    local target=$1 seconds=$2 kept=tests/fuzz/corpus/$1 gathered=build/fuzz/corpus/$1 log=build/fuzz/$1.log
+    local target=$1 seconds=$2 kept gathered=build/fuzz/corpus/$1 log=build/fuzz/$1.log
     local dictionary=tests/fuzz/$1.dict options=() status=0 prefix
+    kept=$(kept_of "$target")
     mkdir -p "$gathered"
     # Leaks are looked for once, when the process ends. libFuzzer would look after single inputs too, and LeakSanitizer
     # takes for leaked what another thread holds that is at work meanwhile (google/sanitizers issue 757).
@@ -82,7 +97,7 @@ keep() {
     local target=$1 prefix
     mapfile -t prefix < <(without_randomisation fuzz)
     "${prefix[@]}" "$(program_of "$target")" -merge=1 -timeout=150 -rss_limit_mb=4096 \
-        "tests/fuzz/corpus/$target" "build/fuzz/corpus/$target" >"build/fuzz/$target-merge.log" 2>&1
+        "$(kept_of "$target")" "build/fuzz/corpus/$target" >"build/fuzz/$target-merge.log" 2>&1
 }
 
 main() {
