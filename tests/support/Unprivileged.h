@@ -6,8 +6,10 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <functional>
 
+#include "support/Coverage.h"
 #include "support/Process.h"
 
 namespace tarvo_test {
@@ -20,6 +22,10 @@ inline int RunAs(uid_t user, gid_t group, const std::function<int()> &body) {
     ChildProcess child([&](Channel &) {
         if (setgroups(0, nullptr) != 0 || setgid(group) != 0 || setuid(user) != 0) {
             return COULD_NOT_CHANGE_USER;
+        }
+        if (LibraryCounts()) {
+            // The files of the counts are the first user's.
+            setenv("LLVM_PROFILE_FILE", "/dev/null", 1);
         }
         return body();
     });
