@@ -23,6 +23,10 @@ check_include_file_cxx(boost/asio/io_context.hpp TARVO_HAS_ASIO)
 if(TARVO_HAS_ASIO)
   add_library(tarvo_foreign_asio INTERFACE)
   target_link_libraries(tarvo_foreign_asio INTERFACE Threads::Threads)
+  if(TARVO_SANITIZE MATCHES "thread")
+    # The sanitizer does not know fences, and gcc refuses them. What they are for, its locks do as well.
+    target_compile_definitions(tarvo_foreign_asio INTERFACE BOOST_ASIO_DISABLE_FENCED_BLOCK)
+  endif()
 endif()
 
 foreach(kind asio glib sd_event)
