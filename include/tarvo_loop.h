@@ -31,6 +31,7 @@
 #ifndef TARVO_LOOP_H
 #define TARVO_LOOP_H
 
+// NOLINTBEGIN(modernize-deprecated-headers,modernize-use-using): plain C
 #include <stdint.h>
 
 #ifdef __cplusplus
@@ -207,5 +208,7 @@ TARVO_LOOP_API int TarvoLinkClose(TarvoLink *link);
 #ifdef __cplusplus
 } // extern "C"
 #endif
+
+// NOLINTEND(modernize-deprecated-headers,modernize-use-using)
 
 #endif // TARVO_LOOP_H

@@ -16,7 +16,7 @@ TEXT
 
 database=build/tidy units=build/tidy/units
 # Where joined, the sources are files that a unit includes, which the analyzer would not follow by itself.
-joined=('--header-filter=/(src|include|tools|examples)/[^.]*\.(h|hpp|cpp)$' --checks=-bugprone-suspicious-include
+joined=('--header-filter=/((src|tools|examples)/[^.]*\.(h|hpp|cpp)|include/(tarvo\.h|[^.]*\.hpp))$' --checks=-bugprone-suspicious-include
     --extra-arg=-Xclang --extra-arg=-analyzer-opt-analyze-headers)
 separate=false
 while [[ ${1:-} == -* ]]; do
@@ -31,6 +31,7 @@ done
 mkdir -p $database
 # Without precompiled headers, which hide what a source forgets to include.
 if ! cmake --preset clang -B $database -DTARVO_BUILD_TESTS=OFF -DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON \
+    -DCMAKE_UNITY_BUILD=OFF \
     >$database/configure.log 2>&1; then
     cat $database/configure.log >&2
     exit 1

@@ -131,13 +131,14 @@ public:
             held = true;
             TarvoLinkHold(link);
         }
-        if (token >= calls.size()) {
-            calls.resize(token + 1);
-            for (std::size_t i = 0; i < calls.size(); ++i) {
-                calls[i] = std::make_unique<Begun>(Begun{this, i});
-            }
+        while (calls.size() <= token) {
+            calls.push_back(std::make_unique<Begun>(Begun{this, calls.size()}));
         }
-        return TarvoLinkCall(link, {data, static_cast<uint32_t>(size)}, CALL_TIMEOUT_MS, Done, calls[token].get()) > 0;
+        int64_t call = 0;
+        while ((call = Begin(token, data, size)) == -EAGAIN && into != nullptr) {
+            DispatchOnce(-1);
+        }
+        return call > 0;
     }
 
     bool Await(std::vector<Answered> &answers, int64_t until) override {
@@ -146,14 +147,14 @@ public:
             held = false;
             TarvoLinkFlush(link);
         }
-        const std::size_t before = answers.size();
         // As under a foreign loop: everything that has come is taken at once.
-        while (answers.size() == before && !failed) {
+        while (!answered && !failed) {
             const int64_t left = until == NO_LIMIT ? -1 : std::max<int64_t>((until - Now()) / NS_PER_MS, 0);
             if (!DispatchOnce(static_cast<int>(left))) {
                 break;
             }
         }
+        answered = false;
         return !failed;
     }
 
@@ -162,6 +163,10 @@ private:
         LoopClient *client;
         uint64_t token;
     };
+
+    int64_t Begin(uint64_t token, const char *data, std::size_t size) {
+        return TarvoLinkCall(link, {data, static_cast<uint32_t>(size)}, CALL_TIMEOUT_MS, Done, calls[token].get());
+    }
 
     // Sleeps for so many ms at most, until there is something to do. False: there is not.
     static bool DispatchOnce(int limitMs) {
@@ -181,6 +186,7 @@ private:
         client.failed = client.failed || result != 0;
         if (result == 0) {
             client.into->push_back({call.token, FirstWord(answer.data, answer.size)});
+            client.answered = true;
         }
     }
 
@@ -188,8 +194,9 @@ private:
     int opened = 1;
     bool held = false;
     bool failed = false;
+    bool answered = false; // since the last Await
     std::vector<Answered> *into = nullptr;
-    std::vector<std::unique_ptr<Begun>> calls; // by token; none is outstanding while they are made
+    std::vector<std::unique_ptr<Begun>> calls; // by token
 };
 
 } // namespace

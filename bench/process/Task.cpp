@@ -98,7 +98,7 @@ void Session::CallOnce(Client &client, std::size_t lane) {
 }
 
 void Session::Calls(Outcome &outcome) {
-    if (place.lanes > 1) {
+    if (place.lanes > 1 && (contestant.abilities & LANES) != 0) {
         CallFromLanes(outcome);
         return;
     }

@@ -116,7 +116,9 @@ void TarvoService::Close() {
     StopListening();
     file.Close();
     while (firstOpening != nullptr) {
-        firstOpening->Close();
+        TarvoLink &link = *firstOpening;
+        Forget(link);
+        link.Close();
     }
     loop.Bury(*this);
 }
