@@ -112,16 +112,12 @@ struct CoState {
     static void Wake(std::initializer_list<Chained *> rings) {
         Chained awake;
         for (Chained *const ring : rings) {
-            while (!ring->Alone()) {
-                Chained &entry = *ring->after;
-                entry.Leave();
-                entry.Join(awake);
+            while (Chained *const entry = ring->TakeFirst()) {
+                entry->Join(awake);
             }
         }
-        while (!awake.Alone()) {
-            auto &waiter = static_cast<Waiter &>(*awake.after);
-            waiter.Leave();
-            waiter.waiting.resume();
+        while (auto *const waiter = static_cast<Waiter *>(awake.TakeFirst())) {
+            waiter->waiting.resume();
         }
     }
 

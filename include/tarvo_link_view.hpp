@@ -45,7 +45,7 @@ public:
                       "tarvo: Call takes a callable for (std::error_code, std::string_view)");
         if constexpr (detail::FITS_CONTEXT<Stored>) {
             return Start(payload, timeout, DoneOfContext<Stored>, detail::ToContext<Stored>(done), call);
-        } else if constexpr (sizeof(Stored) <= detail::CallNode::ROOM && alignof(Stored) <= alignof(std::max_align_t)) {
+        } else if constexpr (detail::CallNode::HOLDS<Stored>) {
             return CallKept<Stored>(payload, timeout, std::forward<Done>(done), call);
         } else {
             // Its address fits.
@@ -234,7 +234,7 @@ struct LinkAccess {
     template <typename Stored>
     static std::error_code Call(LinkView link, Payload payload, std::chrono::milliseconds timeout, Stored &&done,
                                 int64_t &call, Stored *&where) noexcept {
-        return link.CallKept<Stored>(payload, timeout, std::move(done), call, &where);
+        return link.CallKept<Stored>(payload, timeout, std::forward<Stored>(done), call, &where);
     }
 };
 

@@ -72,6 +72,18 @@ struct Chained {
     }
     [[nodiscard]] bool Alone() const noexcept { return after == this; }
 
+    // Takes the first entry out of the ring of which this is the head; null when there is none.
+    Chained *TakeFirst() noexcept {
+        Chained *const first = after;
+        if (first == this) {
+            return nullptr;
+        }
+        after = first->after;
+        after->before = this;
+        first->before = first->after = first;
+        return first;
+    }
+
     Chained *before;
     Chained *after;
 };
@@ -125,6 +137,8 @@ struct Block : Chained {
 // the loop's.
 struct CallNode : Chained {
     static constexpr std::size_t ROOM = 64;
+    template <typename Function>
+    static constexpr bool HOLDS = sizeof(Function) <= ROOM &&std::alignment_of_v<Function> <= alignof(std::max_align_t);
 
     LoopState *loop = nullptr;
     void (*destroy)(CallNode &) noexcept = nullptr;
@@ -149,21 +163,17 @@ public:
 
     // The loop has been destroyed.
     ~LoopState() {
-        while (!calls_.Alone()) {
-            auto *const node = static_cast<CallNode *>(calls_.after);
+        while (auto *const node = static_cast<CallNode *>(calls_.TakeFirst())) {
             node->destroy(*node);
-            node->Leave();
             delete node;
         }
         while (free_ != nullptr) {
             delete std::exchange(free_, free_->next);
         }
-        while (!posts_.Alone()) {
-            delete static_cast<PostNode *>(posts_.after);
+        while (auto *const node = static_cast<PostNode *>(posts_.TakeFirst())) {
+            delete node;
         }
-        while (!blocks_.Alone()) {
-            auto *const block = static_cast<Block *>(blocks_.after);
-            block->Leave();
+        while (auto *const block = static_cast<Block *>(blocks_.TakeFirst())) {
             block->loop = nullptr;
             block->link = nullptr;
             block->service = nullptr;
@@ -181,7 +191,7 @@ public:
     // A node that holds `function`; null when there is no memory.
     template <typename Stored, typename Function>
     CallNode *Keep(Function &&function) {
-        static_assert(sizeof(Stored) <= CallNode::ROOM && alignof(Stored) <= alignof(std::max_align_t));
+        static_assert(CallNode::HOLDS<Stored>);
         CallNode *const node = free_ != nullptr ? std::exchange(free_, free_->next) : new (std::nothrow) CallNode;
         if (node == nullptr) {
             return nullptr;
