@@ -15,9 +15,6 @@ TEXT
 }
 
 database=build/tidy units=build/tidy/units
-# Where joined, the sources are files that a unit includes, which the analyzer would not follow by itself.
-joined=('--header-filter=/((src|tools|examples)/[^.]*\.(h|hpp|cpp)|include/(tarvo\.h|[^.]*\.hpp))$' --checks=-bugprone-suspicious-include
-    --extra-arg=-Xclang --extra-arg=-analyzer-opt-analyze-headers)
 separate=false
 while [[ ${1:-} == -* ]]; do
     case $1 in
@@ -44,8 +41,10 @@ else
     if ! $separate; then
         list=$(scripts/tidy-units.py "$database" "$units" 22 "${files[@]}")
         mapfile -t files <<<"$list"
-        options=(-p "$units" "${joined[@]}")
+        options=(-p "$units")
     fi
 fi
 # clang-tidy counts the suppressed warnings of system headers on standard error; only its findings are of interest.
-printf '%s\0' "${files[@]}" | xargs -0 -P2 -n1 clang-tidy --quiet "${options[@]}" 2> >(grep -v 'warnings\? generated' >&2)
+printf '%s\0' "${files[@]}" |
+    xargs -0 -P2 -n1 clang-tidy --quiet "${options[@]}" 2> >(grep -v 'warnings\? generated' >&2) |
+    scripts/tidy-units.py --locate

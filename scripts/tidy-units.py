@@ -2,11 +2,18 @@
 """Joins sources into units for clang-tidy, which spends most of its time on what the sources include.
 
     tidy-units.py DATABASE FOLDER SIZE FILE...
+    tidy-units.py --locate
 
 Writes units of up to SIZE sources that are compiled alike, and their compile database, to FOLDER, and prints what
 clang-tidy is to be run on: the units, then the sources that cannot share one (a name that is each one's own in two of
 them, or an error) and stand alone.
+
+A unit holds the text of its sources and does not include them: the analyzer looks at the functions of a unit itself,
+and would have to be told to look at those of all headers, the system's too, for the same findings in five times the time.
+
+--locate copies standard input to standard output, with the places in units replaced by those in their sources.
 """
+import functools
 import json
 import re
 import shlex
@@ -28,11 +35,35 @@ def arguments(entry):
     return kept
 
 
+BEGIN = "// From line 1 of "
+
+
 def text(sources):
-    """Most sources have a LOG_TAG of their own."""
+    """The sources one after another. Most have a LOG_TAG of their own."""
     return "".join(
-        f'#define LOG_TAG LOG_TAG_{number}\n#include "{source}"\n#undef LOG_TAG\n' for number, source in enumerate(sources)
+        f"#define LOG_TAG LOG_TAG_{number}\n{BEGIN}{source}\n{Path(source).read_text()}\n#undef LOG_TAG\n"
+        for number, source in enumerate(sources)
     )
+
+
+@functools.lru_cache(maxsize=None)
+def origins(unit):
+    """For each line of a unit its source and line there."""
+    source, line, found = unit, 0, []
+    for content in Path(unit).read_text().split("\n"):
+        found.append((source, line))
+        line += 1
+        if content.startswith(BEGIN):
+            source, line = content[len(BEGIN) :], 1
+    return found
+
+
+def located(message):
+    def origin(match):
+        source, line = origins(match[1])[int(match[2]) - 1]
+        return f"{source}:{line}"
+
+    return re.sub(r"(/\S*/unit_\d+\.cpp):(\d+)", origin, message)
 
 
 def misfits(command, unit, sources):
@@ -40,7 +71,8 @@ def misfits(command, unit, sources):
     result = subprocess.run([*command, "-w", "-ferror-limit=0", "-fsyntax-only", str(unit)], capture_output=True, text=True)
     if result.returncode == 0:
         return set()
-    named = set(re.findall(r"^(/[^:\n]+):\d+:\d+: (?:fatal )?error:", result.stderr, re.MULTILINE))
+    complaints = re.findall(r"^.*: (?:fatal )?error:", result.stderr, re.MULTILINE)
+    named = {located(complaint).partition(":")[0] for complaint in complaints}
     return named & set(sources) or set(sources)
 
 
@@ -49,6 +81,7 @@ def join(command, unit, sources):
     alone = []
     while len(sources) > 1:
         unit.write_text(text(sources))
+        origins.cache_clear()
         unfit = misfits(command, unit, sources)
         if not unfit:
             return alone
@@ -67,10 +100,16 @@ def groups(database, wanted, size):
     for (command, directory), sources in alike.items():
         count = -(-len(sources) // size)
         for index in range(count):
-            yield list(command), directory, sorted(sources)[index::count]
+            chosen = sorted(sources)[index::count]
+            beside = sorted({f"-iquote{Path(source).parent}" for source in chosen})
+            yield [*command, *beside], directory, chosen
 
 
 def main():
+    if sys.argv[1:] == ["--locate"]:
+        for line in sys.stdin:
+            print(located(line), end="", flush=True)
+        return
     database, folder, size = Path(sys.argv[1]), Path(sys.argv[2]).resolve(), int(sys.argv[3])
     wanted = {str(Path(name).resolve()) for name in sys.argv[4:]}
     entries = json.loads((database / "compile_commands.json").read_text())
