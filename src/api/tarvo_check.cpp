@@ -13,7 +13,6 @@
 namespace {
 
 constexpr char LOG_TAG[] = "tarvo_check";
-constexpr std::size_t MAX_NAME_LENGTH = 100;
 
 // Substrings, not characters. Some contain others: intended, the list is kept as it was agreed.
 constexpr std::array<std::string_view, 13> BLACK_LIST = {"|",  ";", ">", "<", ">>", "`", "||",

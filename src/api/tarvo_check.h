@@ -4,7 +4,12 @@
 #ifndef TARVO_API_TARVO_CHECK_H
 #define TARVO_API_TARVO_CHECK_H
 
+#include <cstddef>
+
 #include "tarvo.h"
+
+// Of a name that is good for a pipe or a server; packets hold longer ones.
+constexpr std::size_t MAX_NAME_LENGTH = 100;
 
 // Whether `name`, which must not be null, holds a shell metacharacter or climbs in the path.
 bool BlackListCheck(const char *name);

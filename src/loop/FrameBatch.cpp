@@ -3,8 +3,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "diag/run_time_record.h"
 #include "loop/FrameView.h"
+#include "loop/Moments.h"
 #include "pipe/MagicReceiver.h"
 
 int FrameBatch::Add(uint32_t id, MsgType type, int32_t timeoutMs, TarvoBytes payload) {
@@ -23,7 +23,7 @@ int FrameBatch::Add(uint32_t id, MsgType type, int32_t timeoutMs, TarvoBytes pay
 }
 
 TarvoBytes FrameBatch::Stamped() {
-    const auto now = static_cast<int64_t>(Tarvo::GetCurrentTime());
+    const auto now = Now();
     for (std::size_t at = 0; at < used;) {
         uint32_t payloadLen = 0;
         std::memcpy(&payloadLen, bytes.data() + at + offsetof(MsgHead, payloadLen), sizeof(payloadLen));

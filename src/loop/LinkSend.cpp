@@ -4,16 +4,13 @@
 #include <cerrno>
 #include <cstring>
 
-#include "diag/run_time_record.h"
 #include "diag/velm_syslog.h"
 #include "loop/Link.h"
+#include "loop/Moments.h"
 
 namespace {
 
 constexpr char LOG_TAG[] = "LinkSend";
-constexpr int64_t MICROSECONDS_PER_MILLISECOND = 1000;
-// Five hours: a process stopped in a debugger must not time out.
-constexpr int PATIENT_TIMEOUT_MS = 18000000;
 // Nobody waits for the answer.
 constexpr int32_t NO_TIMEOUT = -1;
 
@@ -42,12 +39,8 @@ int64_t TarvoLink::Call(TarvoBytes payload, int timeoutMs, TarvoDone done, void 
     if (refused != 0) {
         return refused;
     }
-    int64_t deadline = -1;
-    if (timeoutMs >= 0) {
-        timeoutMs = loop.IsPatient() ? PATIENT_TIMEOUT_MS : timeoutMs;
-        deadline = static_cast<int64_t>(Tarvo::GetCurrentTime()) + timeoutMs * MICROSECONDS_PER_MILLISECOND;
-    }
-    const int64_t call = calls.Begin(done, context, deadline);
+    timeoutMs = loop.Patient(timeoutMs);
+    const int64_t call = calls.Begin(done, context, DeadlineIn(timeoutMs));
     if (call < 0) {
         return call;
     }

@@ -7,29 +7,15 @@
 #include <climits>
 #include <cstring>
 
-#include "diag/run_time_record.h"
 #include "diag/velm_syslog.h"
 #include "loop/Link.h"
+#include "loop/Moments.h"
 
 namespace {
 
 constexpr char LOG_TAG[] = "LinkSync";
-constexpr int64_t MICROSECONDS_PER_MILLISECOND = 1000;
-constexpr int64_t NO_DEADLINE = -1;
-constexpr int PATIENT_TIMEOUT_MS = 18000000;
 // KeepFrames: the answer is not among them.
 constexpr int NOT_YET = 1;
-
-int64_t Now() { return static_cast<int64_t>(Tarvo::GetCurrentTime()); }
-
-// Milliseconds that are left, rounded up; -1 without a limit.
-int LeftMs(int64_t deadlineUs) {
-    if (deadlineUs == NO_DEADLINE) {
-        return -1;
-    }
-    const int64_t left = deadlineUs - Now();
-    return left <= 0 ? 0 : static_cast<int>((left + MICROSECONDS_PER_MILLISECOND - 1) / MICROSECONDS_PER_MILLISECOND);
-}
 
 // 0 when one of them is ready or a signal has come, -ETIMEDOUT, or a negated errno.
 template <std::size_t Count>
@@ -44,11 +30,8 @@ int Wait(std::array<pollfd, Count> &fds, int64_t deadlineUs) {
 } // namespace
 
 int TarvoLink::CallSync(TarvoBytes payload, int timeoutMs, char *answer, uint32_t &size) {
-    int64_t deadline = NO_DEADLINE;
-    if (timeoutMs >= 0) {
-        timeoutMs = loop.IsPatient() ? PATIENT_TIMEOUT_MS : timeoutMs;
-        deadline = Now() + timeoutMs * MICROSECONDS_PER_MILLISECOND;
-    }
+    timeoutMs = loop.Patient(timeoutMs);
+    const int64_t deadline = DeadlineIn(timeoutMs);
     int ret = state == State::OPENING ? AwaitOpen(deadline) : 0;
     if (ret == 0) {
         ret = CheckSend(payload);

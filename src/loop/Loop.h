@@ -43,6 +43,7 @@ private:
 struct TarvoLoop final : public Watcher {
 public:
     static constexpr std::size_t SCRATCH_SIZE = 65536;
+    static constexpr int PATIENT_TIMEOUT_MS = 18000000;
 
     TarvoLoop();
     ~TarvoLoop() override;
@@ -79,8 +80,8 @@ public:
     void FlushLater(TarvoLink &link);
     // After a timer was armed.
     void SettleTimers();
-    // What timeouts of calls and of clients are in a process that waits for a debugger.
-    bool IsPatient() const { return patient; }
+    // A limit as it holds in this process: five hours where its remotes may be stopped in a debugger. None stays none.
+    int Patient(int timeoutMs) const { return patient && timeoutMs >= 0 ? PATIENT_TIMEOUT_MS : timeoutMs; }
     char *Scratch() { return scratch.get(); }
 
     void Adopt(Member &member);

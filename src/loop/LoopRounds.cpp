@@ -3,26 +3,9 @@
 #include <cerrno>
 #include <climits>
 
-#include "diag/run_time_record.h"
 #include "loop/Link.h"
 #include "loop/Loop.h"
-
-namespace {
-
-constexpr int64_t MICROSECONDS_PER_MILLISECOND = 1000;
-
-int64_t Now() { return static_cast<int64_t>(Tarvo::GetCurrentTime()); }
-
-// Milliseconds until `deadlineUs`, rounded up.
-int LeftMs(int64_t deadlineUs) {
-    const int64_t left = deadlineUs - Now();
-    if (left <= 0) {
-        return 0;
-    }
-    return static_cast<int>((left + MICROSECONDS_PER_MILLISECOND - 1) / MICROSECONDS_PER_MILLISECOND);
-}
-
-} // namespace
+#include "loop/Moments.h"
 
 // The length of a round. Owns: nothing. Threads: that of the loop. Locks: none. Ends: before the loop may be freed.
 class TarvoLoop::RoundScope {
@@ -59,14 +42,14 @@ int TarvoLoop::Run(int timeoutMs) {
     if (stop.exchange(false)) {
         return 0;
     }
-    const int64_t deadline = timeoutMs < 0 ? -1 : Now() + timeoutMs * MICROSECONDS_PER_MILLISECOND;
+    const int64_t deadline = DeadlineIn(timeoutMs);
     int ret = 0;
     {
         const RoundScope scope(*this);
         running = true;
         bool more = true;
         while (more) {
-            int wait = deadline < 0 ? -1 : LeftMs(deadline);
+            int wait = LeftMs(deadline);
             const bool last = wait == 0;
             wait = ready.Empty() ? wait : 0;
             int ran = 0;

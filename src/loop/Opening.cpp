@@ -10,17 +10,16 @@
 #include <utility>
 
 #include "api/EnvManager.h"
-#include "diag/run_time_record.h"
 #include "diag/velm_syslog.h"
 #include "fifo/velm_fifo.h"
 #include "loop/Files.h"
 #include "loop/Loop.h"
+#include "loop/Moments.h"
 #include "server/PipeServerMessage.h"
 
 namespace {
 
 constexpr char LOG_TAG[] = "Opening";
-constexpr int64_t MICROSECONDS_PER_MILLISECOND = 1000;
 constexpr int64_t FIRST_RETRY_US = 50;
 // A remote that speaks first is heard before that.
 constexpr int64_t FIRST_SERVER_RETRY_US = 500;
@@ -28,8 +27,6 @@ constexpr int64_t LONGEST_RETRY_US = 20000;
 constexpr int64_t LONGEST_LEFTOVER_RETRY_US = 2000;
 // How long the files of an earlier link may keep the next one of the same names waiting.
 constexpr int64_t LEFTOVER_LIMIT_US = 100000;
-
-int64_t Now() { return static_cast<int64_t>(Tarvo::GetCurrentTime()); }
 
 bool Exists(const std::string &file) { return access(file.c_str(), F_OK) == 0; }
 
@@ -70,7 +67,7 @@ void Opening::Begin() {
 }
 
 int Opening::Start() {
-    if (plan.timeoutMs >= 0 && !loop.Clock().Arm(deadline, Now() + plan.timeoutMs * MICROSECONDS_PER_MILLISECOND)) {
+    if (plan.timeoutMs >= 0 && !loop.Clock().Arm(deadline, DeadlineIn(plan.timeoutMs))) {
         return -ENOMEM;
     }
     if (plan.makesFiles) {

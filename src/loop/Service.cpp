@@ -17,11 +17,8 @@ namespace {
 
 constexpr char LOG_TAG[] = "Service";
 
-// Of a name that is good for a pipe; packets hold longer ones.
-constexpr std::size_t MAX_NAME_LENGTH = 100;
-// How long the link of a client may take to open, in ms; five hours when a debugger may hold the client.
+// How long the link of a client may take to open, in ms.
 constexpr int32_t OPEN_TIMEOUT = 2000;
-constexpr int32_t PATIENT_OPEN_TIMEOUT = 18000000;
 
 } // namespace
 
@@ -74,7 +71,7 @@ void TarvoService::OpenLink(const ConnectPacket &packet) {
                       false,
                       packet.gid,
                       packet.pid,
-                      loop.IsPatient() ? PATIENT_OPEN_TIMEOUT : OPEN_TIMEOUT,
+                      loop.Patient(OPEN_TIMEOUT),
                       options.context,
                       callbacks,
                       this};

@@ -6,8 +6,8 @@
 #include <cerrno>
 #include <new>
 
-#include "diag/run_time_record.h"
 #include "diag/velm_syslog.h"
+#include "loop/Moments.h"
 
 namespace {
 
@@ -62,7 +62,7 @@ void Timers::Expire() {
     if (setTo != FIRED || heap.empty()) {
         return;
     }
-    const auto now = static_cast<int64_t>(Tarvo::GetCurrentTime());
+    const auto now = Now();
     while (!heap.empty() && heap.front().deadline <= now) {
         Timer &timer = *heap.front().timer;
         Disarm(timer);

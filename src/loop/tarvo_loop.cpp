@@ -20,7 +20,6 @@
 
 namespace {
 
-constexpr std::size_t MAX_NAME_LENGTH = 100;
 constexpr int32_t NO_PROCESS = -1;
 
 template <typename Body>
