@@ -1,4 +1,4 @@
-# tarvo_add_test(NAME source... [LIBS target...] [TIMEOUT seconds] [PORTABLE] [JOINED])
+# tarvo_add_test(NAME source... [LIBS target...] [TIMEOUT seconds] [PORTABLE] [SEPARATE])
 #
 # A GoogleTest program over the library and the test support. CTest runs each of its tests in a process of its own, so
 # that every test meets the process-wide objects of the library fresh.
@@ -6,8 +6,8 @@
 # PORTABLE puts it among the tests of what another processor may do otherwise (layouts, atomics, real processes), which
 # each change must pass on arm64 too: the label `portable`, and the target `tests_portable`. A folder of such tests sets
 # TARVO_TESTS_PORTABLE instead.
-# JOINED compiles several sources as one, in half the time. Names that are each one's own in two of them clash then;
-# write them once, or leave this out.
+# Its sources are compiled several at a time, in half the time. A name that is each one's own in two of them clashes;
+# write it once. SEPARATE compiles them one by one.
 
 # tarvo_skip_test(NAME reason)
 #
@@ -19,7 +19,7 @@ include(GoogleTest)
 add_custom_target(tests_portable)
 
 function(tarvo_add_test name)
-  cmake_parse_arguments(arg "PORTABLE;JOINED" "TIMEOUT" "LIBS" ${ARGN})
+  cmake_parse_arguments(arg "PORTABLE;SEPARATE" "TIMEOUT" "LIBS" ${ARGN})
   if(NOT arg_TIMEOUT)
     set(arg_TIMEOUT 120)
   endif()
@@ -36,7 +36,10 @@ function(tarvo_add_test name)
   # library under test is built as the preset says.
   target_compile_options(${name} PRIVATE -O0)
   # The library must find the functions that the program defines in front of the C library's.
-  set_target_properties(${name} PROPERTIES ENABLE_EXPORTS ON UNITY_BUILD ${arg_JOINED} UNITY_BUILD_BATCH_SIZE 6)
+  set_target_properties(${name} PROPERTIES ENABLE_EXPORTS ON UNITY_BUILD_BATCH_SIZE 8)
+  if(NOT arg_SEPARATE)
+    set_target_properties(${name} PROPERTIES UNITY_BUILD ON)
+  endif()
   set(labels "")
   if(arg_PORTABLE OR TARVO_TESTS_PORTABLE)
     set(labels LABELS portable)

@@ -17,6 +17,9 @@
 
 namespace tarvo_test {
 
+// Longer than any test waits.
+constexpr int HOUR_MS = 3600000;
+
 // Ends all communication of the process after the test, so that the leak check sees what is left then: each test needs
 // a process of its own.
 class ApiTest : public LeakCheckedTest {

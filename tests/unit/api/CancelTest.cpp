@@ -22,7 +22,6 @@ namespace tarvo_test {
 namespace {
 
 constexpr int SOON_MS = 50;
-constexpr int HOUR_MS = 3600000;
 
 // How often each function is cancelled; scripts/nightly.sh asks for more.
 int Cancellations() {

@@ -11,8 +11,6 @@
 namespace tarvo_test {
 namespace {
 
-constexpr int HOUR_MS = 3600000;
-
 // A pipe whose remote is played by hand, and whose callback tells that all before it has been read.
 class PendingCallTest : public ApiTest {
 protected:

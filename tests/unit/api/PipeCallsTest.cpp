@@ -17,8 +17,6 @@
 namespace tarvo_test {
 namespace {
 
-constexpr int HOUR_MS = 3600000;
-
 TEST_F(ApiTest, FirstPipeOfAProcessHasHandleTwo) {
     const PipePair pair;
     EXPECT_EQ(pair.near, 2);

@@ -12,7 +12,7 @@ using testing::IsEmpty;
 
 namespace {
 
-constexpr char TAG[] = "check_file_attr";
+constexpr char CHECK_FILE_ATTR_TAG[] = "check_file_attr";
 
 class CheckFileAttr : public FifoTest {};
 
@@ -61,7 +61,7 @@ TEST_F(CheckFileAttr, ALinkIsRefused) {
     MakeLink("/", path);
     const LogCalls log;
     EXPECT_EQ(-EINVAL, IsLink(path));
-    EXPECT_THAT(log.All(), ElementsAre(ErrorLine(TAG, "File " + path + " is a symbolic link.")));
+    EXPECT_THAT(log.All(), ElementsAre(ErrorLine(CHECK_FILE_ATTR_TAG, "File " + path + " is a symbolic link.")));
 }
 
 TEST_F(CheckFileAttr, WhetherAMissingFileIsALinkCannotBeTold) {
@@ -69,8 +69,9 @@ TEST_F(CheckFileAttr, WhetherAMissingFileIsALinkCannotBeTold) {
     EXPECT_EQ(-ENOENT, IsLink(path));
     const ScopedFault fault(Call::Lstat, EACCES, Where().Path(path));
     EXPECT_EQ(-EACCES, IsLink(path));
-    EXPECT_THAT(log.All(), ElementsAre(ErrorLine(TAG, "Get the state of file " + path + " failed, ret=-2."),
-                                       ErrorLine(TAG, "Get the state of file " + path + " failed, ret=-13.")));
+    EXPECT_THAT(log.All(),
+                ElementsAre(ErrorLine(CHECK_FILE_ATTR_TAG, "Get the state of file " + path + " failed, ret=-2."),
+                            ErrorLine(CHECK_FILE_ATTR_TAG, "Get the state of file " + path + " failed, ret=-13.")));
 }
 
 } // namespace

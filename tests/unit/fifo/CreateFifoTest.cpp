@@ -19,8 +19,6 @@ using testing::IsSupersetOf;
 
 namespace {
 
-constexpr char TAG[] = "velm_fifo";
-
 class CreateFifoTest : public FifoTest {
 protected:
     int Create(uint32_t gid = NO_GID) { return CreateFifo(path, gid, -1, TARVO_DOMAIN_LOCAL, ""); }
@@ -43,7 +41,7 @@ TEST_F(CreateFifoTest, PublishesACompleteFifo) {
     EXPECT_EQ(1U, state.st_nlink);
     EXPECT_THAT(OwnFifoFiles(), testing::SizeIs(1));
     EXPECT_THAT(log.UpTo(LOG_NOTICE), IsEmpty());
-    EXPECT_EQ(InfoLine(TAG, "Create fifo success, file name=" + path + "."), log.All().back());
+    EXPECT_EQ(InfoLine(VELM_FIFO_TAG, "Create fifo success, file name=" + path + "."), log.All().back());
 }
 
 TEST_F(CreateFifoTest, ModeIsTheSameUnderEveryUmask) {
@@ -144,8 +142,8 @@ TEST_F(CreateFifoTest, FailedMkfifoIsReportedUnderBothNames) {
         EXPECT_EQ(-error, Create());
         EXPECT_THAT(trace.Calls(), ElementsAre("access NAME", "mkfifo TEMP 660"));
         const std::string end = " failed, ret=" + std::to_string(-error) + ".";
-        EXPECT_THAT(log.All(), ElementsAre(ErrorLine(TAG, "Make fifo " + trace.TempName() + end),
-                                           ErrorLine(TAG, "Make fifo " + path + end)));
+        EXPECT_THAT(log.All(), ElementsAre(ErrorLine(VELM_FIFO_TAG, "Make fifo " + trace.TempName() + end),
+                                           ErrorLine(VELM_FIFO_TAG, "Make fifo " + path + end)));
     }
 }
 
@@ -164,9 +162,10 @@ TEST_F(CreateFifoTest, FailedChmodRemovesTheTemporaryFifo) {
     EXPECT_EQ(-EPERM, Create());
     EXPECT_THAT(trace.Calls(),
                 ElementsAre("access NAME", "mkfifo TEMP 660", "chmod TEMP 660", "unlink TEMP", "unlink TEMP"));
-    EXPECT_THAT(log.All(),
-                ElementsAre(ErrorLine(TAG, "Change the mode of fifo " + trace.TempName() + " failed, ret=-1."),
-                            ErrorLine(TAG, "Set fifo permission failed fifo=" + path + ", ret=-1.")));
+    EXPECT_THAT(
+        log.All(),
+        ElementsAre(ErrorLine(VELM_FIFO_TAG, "Change the mode of fifo " + trace.TempName() + " failed, ret=-1."),
+                    ErrorLine(VELM_FIFO_TAG, "Set fifo permission failed fifo=" + path + ", ret=-1.")));
     EXPECT_THAT(OwnFifoFiles(), IsEmpty());
 }
 
@@ -176,7 +175,7 @@ TEST_F(CreateFifoTest, FailedChownsAreOnlyNoted) {
     const CallTrace trace(path);
     EXPECT_EQ(0, Create(4294967294U));
     EXPECT_EQ(2U, fault.Hits());
-    const LogCall line = InfoLine(TAG, "Changes fifo " + trace.TempName() + "'s gid to 4294967294, ret=1.");
+    const LogCall line = InfoLine(VELM_FIFO_TAG, "Changes fifo " + trace.TempName() + "'s gid to 4294967294, ret=1.");
     const std::vector<LogCall> all = log.All();
     EXPECT_EQ(2, std::count(all.begin(), all.end(), line));
     EXPECT_EQ(line, all.back());
@@ -195,9 +194,10 @@ TEST_F(CreateFifoTest, FailedPublicationLeavesNothing) {
                                 "link TEMP NAME", "unlink TEMP", "unlink NAME"));
         const std::string ret = std::to_string(-error) + ".";
         EXPECT_THAT(log.UpTo(LOG_NOTICE),
-                    ElementsAre(ErrorLine(TAG, "Link fifo " + trace.TempName() + " to " + path + " failed, ret=" + ret),
-                                ErrorLine(TAG, "Link tmp fifo to real fifo failed tmpfifo=" + trace.TempName() +
-                                                   ", realfifo=" + path + " ret=" + ret)));
+                    ElementsAre(ErrorLine(VELM_FIFO_TAG,
+                                          "Link fifo " + trace.TempName() + " to " + path + " failed, ret=" + ret),
+                                ErrorLine(VELM_FIFO_TAG, "Link tmp fifo to real fifo failed tmpfifo=" +
+                                                             trace.TempName() + ", realfifo=" + path + " ret=" + ret)));
         EXPECT_THAT(OwnFifoFiles(), IsEmpty());
     }
 }
@@ -219,7 +219,7 @@ TEST_F(CreateFifoTest, LabellingIsOffByDefault) {
         const CallTrace trace(path);
         EXPECT_EQ(0, CreateFifo(path, NO_GID, ::getpid(), row.domain, row.targetCon));
         const std::string subject = row.stop.back() == ' ' ? trace.TempName() + "." : "";
-        EXPECT_THAT(log.All(), IsSupersetOf({InfoLine(TAG, row.stop + subject)}));
+        EXPECT_THAT(log.All(), IsSupersetOf({InfoLine(VELM_FIFO_TAG, row.stop + subject)}));
         EXPECT_THAT(log.All(), Each(testing::Field(&LogCall::level, LOG_INFO)));
         EXPECT_EQ(0U, policyLookups.Count());
     }

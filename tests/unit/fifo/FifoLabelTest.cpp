@@ -19,12 +19,11 @@ using testing::Not;
 
 namespace {
 
-constexpr char TAG[] = "velm_fifo";
 constexpr mode_t READABLE = S_IFDIR | 0755;
 
-LogCall Info(std::string message) { return InfoLine(TAG, std::move(message)); }
-LogCall Error(std::string message) { return ErrorLine(TAG, std::move(message)); }
-LogCall Warning(std::string message) { return {LOG_TYPE_TARVO, LOG_WARNING, TAG, std::move(message)}; }
+LogCall Info(std::string message) { return InfoLine(VELM_FIFO_TAG, std::move(message)); }
+LogCall Error(std::string message) { return ErrorLine(VELM_FIFO_TAG, std::move(message)); }
+LogCall Warning(std::string message) { return {LOG_TYPE_TARVO, LOG_WARNING, VELM_FIFO_TAG, std::move(message)}; }
 
 class FifoLabel : public FifoTest {
 protected:
@@ -143,9 +142,9 @@ TEST_F(SingleDomain, PeerWithoutAContextIsReported) {
         const LogCalls log;
         LabelFifo("/f", 42, TARVO_DOMAIN_LOCAL, "");
         EXPECT_THAT(selinux.calls, ElementsAre("getpidcon 42"));
-        ExpectSingle(
-            log, 1, 42, "",
-            {{LOG_TYPE_VELM, LOG_ERR, TAG, "[single domain] Get pid context failed, inName=/f, targetPid=42."}});
+        ExpectSingle(log, 1, 42, "",
+                     {{LOG_TYPE_VELM, LOG_ERR, VELM_FIFO_TAG,
+                       "[single domain] Get pid context failed, inName=/f, targetPid=42."}});
     }
 }
 

@@ -11,6 +11,8 @@
 
 namespace tarvo_test {
 
+constexpr char VELM_FIFO_TAG[] = "velm_fifo";
+
 struct LogCall {
     VELMLogType type;
     int level;

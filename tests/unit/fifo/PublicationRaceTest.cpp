@@ -14,7 +14,6 @@ using testing::IsSupersetOf;
 
 namespace {
 
-constexpr char TAG[] = "velm_fifo";
 constexpr char FILE_TAG[] = "check_file_attr";
 
 class PublicationRace : public FifoTest {
@@ -32,11 +31,11 @@ protected:
         });
     }
 
-    LogCall NoFifo() const { return ErrorLine(TAG, "Existing file " + path + " is not fifo file."); }
-    LogCall NoState() const { return ErrorLine(TAG, "Get file " + path + " state failed, ret=-2."); }
+    LogCall NoFifo() const { return ErrorLine(VELM_FIFO_TAG, "Existing file " + path + " is not fifo file."); }
+    LogCall NoState() const { return ErrorLine(VELM_FIFO_TAG, "Get file " + path + " state failed, ret=-2."); }
     LogCall Failure(const CallTrace &trace, int ret) const {
-        return ErrorLine(TAG, Text("Link tmp fifo to real fifo failed tmpfifo=%s, realfifo=%s ret=%d.",
-                                   trace.TempName().c_str(), path.c_str(), ret));
+        return ErrorLine(VELM_FIFO_TAG, Text("Link tmp fifo to real fifo failed tmpfifo=%s, realfifo=%s ret=%d.",
+                                             trace.TempName().c_str(), path.c_str(), ret));
     }
 
     const uint32_t gid = ::geteuid() == 0 ? 4711 : ::getegid();
@@ -59,7 +58,7 @@ TEST_F(PublicationRace, RivalsFifoIsAdopted) {
     EXPECT_EQ(gid, state.st_gid);
     EXPECT_EQ(0600U, state.st_mode & PERMISSION_BITS);
     EXPECT_THAT(log.UpTo(LOG_NOTICE), IsEmpty());
-    EXPECT_EQ(InfoLine(TAG, "Fifo file " + path + " already exists."), log.All().back());
+    EXPECT_EQ(InfoLine(VELM_FIFO_TAG, "Fifo file " + path + " already exists."), log.All().back());
     EXPECT_THAT(OwnFifoFiles(), testing::SizeIs(1));
 }
 
@@ -68,7 +67,7 @@ TEST_F(PublicationRace, AdoptedFifoWhoseGroupStaysIsOnlyNoted) {
     const LogCalls log;
     const CallTrace trace(path);
     EXPECT_EQ(0, CreateAgainst([&] { MakeFifo(path); }));
-    EXPECT_EQ(InfoLine(TAG, Text("Changes fifo %s's gid to %u, ret=1.", trace.TempName().c_str(), gid)),
+    EXPECT_EQ(InfoLine(VELM_FIFO_TAG, Text("Changes fifo %s's gid to %u, ret=1.", trace.TempName().c_str(), gid)),
               log.All().back());
     EXPECT_TRUE(Exists(path));
 }
@@ -90,7 +89,8 @@ TEST_F(PublicationRace, LinkIsRefusedAndRemovedWhereverItPoints) {
         EXPECT_EQ(-EINVAL, CreateAgainst([&] { MakeLink(target, path); }));
         EXPECT_THAT(log.UpTo(LOG_NOTICE),
                     ElementsAre(NotAFifo(0120777), ErrorLine(FILE_TAG, "File " + path + " is a symbolic link."),
-                                ErrorLine(TAG, "Fifo file " + path + " is a symbolic link."), Failure(trace, -EINVAL)));
+                                ErrorLine(VELM_FIFO_TAG, "Fifo file " + path + " is a symbolic link."),
+                                Failure(trace, -EINVAL)));
         EXPECT_EQ("unlink NAME", trace.Calls().back());
         EXPECT_FALSE(Exists(path));
     }

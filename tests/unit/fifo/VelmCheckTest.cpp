@@ -16,7 +16,7 @@ using testing::IsEmpty;
 
 namespace {
 
-constexpr char TAG[] = "velm_check";
+constexpr char VELM_CHECK_TAG[] = "velm_check";
 
 class InputName : public FifoTest {
 protected:
@@ -32,29 +32,31 @@ TEST_F(InputName, OfTheStatedLengthPasses) {
 
 TEST_F(InputName, NullIsRefused) {
     EXPECT_EQ(-EINVAL, CheckInputName(nullptr, 3, 10));
-    EXPECT_THAT(log.All(), ElementsAre(ErrorLine(TAG, "The input parameter target process-name is NULL.")));
+    EXPECT_THAT(log.All(), ElementsAre(ErrorLine(VELM_CHECK_TAG, "The input parameter target process-name is NULL.")));
 }
 
 TEST_F(InputName, LengthZeroIsRefused) {
     EXPECT_EQ(-EINVAL, CheckInputName("abc", 0, 10));
     EXPECT_EQ(-EINVAL, CheckInputName("", 0, 10));
-    const LogCall line = ErrorLine(TAG, "Length of process name is invalid, value=0, range(0, 10]");
+    const LogCall line = ErrorLine(VELM_CHECK_TAG, "Length of process name is invalid, value=0, range(0, 10]");
     EXPECT_THAT(log.All(), ElementsAre(line, line));
 }
 
 TEST_F(InputName, LengthAboveTheMaximumIsRefused) {
     EXPECT_EQ(-EINVAL, CheckInputName("abcd", 4, 3));
-    EXPECT_THAT(log.All(), ElementsAre(ErrorLine(TAG, "Length of process name is invalid, value=4, range(0, 3]")));
+    EXPECT_THAT(log.All(),
+                ElementsAre(ErrorLine(VELM_CHECK_TAG, "Length of process name is invalid, value=4, range(0, 3]")));
 }
 
 TEST_F(InputName, LengthThatIsNotTheNamesIsRefused) {
     EXPECT_EQ(-EINVAL, CheckInputName("abc", 4, 10));
     EXPECT_EQ(-EINVAL, CheckInputName("abc", 2, 10));
-    EXPECT_THAT(log.All(),
-                ElementsAre(ErrorLine(TAG, "Length of process name(value=4) is not equal to the length of target "
-                                           "process(value=3)"),
-                            ErrorLine(TAG, "Length of process name(value=2) is not equal to the length of target "
-                                           "process(value=3)")));
+    EXPECT_THAT(
+        log.All(),
+        ElementsAre(ErrorLine(VELM_CHECK_TAG, "Length of process name(value=4) is not equal to the length of target "
+                                              "process(value=3)"),
+                    ErrorLine(VELM_CHECK_TAG, "Length of process name(value=2) is not equal to the length of target "
+                                              "process(value=3)")));
 }
 
 class RealPath : public FifoTest {};
@@ -98,7 +100,7 @@ TEST_F(RealPath, EmptyOrUnterminatedResultIsRefused) {
 
 class SmallFile : public FifoTest {
 protected:
-    static LogCall Line(std::string message) { return {LOG_TYPE_VELM, LOG_ERR, TAG, std::move(message)}; }
+    static LogCall Line(std::string message) { return {LOG_TYPE_VELM, LOG_ERR, VELM_CHECK_TAG, std::move(message)}; }
 
     // The close is made and then reported as failed.
     static ScopedHook FailingClose() {

@@ -20,8 +20,6 @@ using testing::IsEmpty;
 
 namespace {
 
-constexpr char TAG[] = "velm_fifo";
-
 class OpenFifoTest : public FifoTest {
 protected:
     OpenFifoTest() { EXPECT_EQ(0, ::mkfifo(path.c_str(), 0600)); }
@@ -59,8 +57,8 @@ TEST_F(OpenFifoTest, MissingFifoFailsBeforeTheOpen) {
     const LogCalls log;
     EXPECT_EQ(-ENOENT, OpenFifo(missing, O_RDONLY | O_NONBLOCK));
     EXPECT_EQ(0U, opens.Count());
-    EXPECT_THAT(log.All(),
-                ElementsAre(RestrainedLine(TAG, "Transfer real path fail, path name=" + missing + ", ret=-2.")));
+    EXPECT_THAT(log.All(), ElementsAre(RestrainedLine(VELM_FIFO_TAG,
+                                                      "Transfer real path fail, path name=" + missing + ", ret=-2.")));
 }
 
 TEST_F(OpenFifoTest, MissingReaderIsSilent) {
@@ -74,8 +72,8 @@ TEST_F(OpenFifoTest, OtherFailuresAreReported) {
         const ScopedFault fault(Call::Open, error, Where().Path(path));
         const LogCalls log;
         EXPECT_EQ(-error, OpenFifo(path, O_RDONLY | O_NONBLOCK));
-        EXPECT_THAT(log.All(), ElementsAre(RestrainedLine(
-                                   TAG, "Open fifo " + path + " fail, fd=-1, errno=" + std::to_string(error) + ".")));
+        EXPECT_THAT(log.All(), ElementsAre(RestrainedLine(VELM_FIFO_TAG, "Open fifo " + path + " fail, fd=-1, errno=" +
+                                                                             std::to_string(error) + ".")));
     }
 }
 
@@ -267,7 +265,7 @@ TEST_F(OpenPublishedFifoTest, FailuresAreThoseOfTheOpen) {
     const LogCalls log;
     EXPECT_EQ(-ENOENT, Open());
     EXPECT_THAT(log.All(),
-                ElementsAre(RestrainedLine(TAG, "Transfer real path fail, path name=" + path + ", ret=-2.")));
+                ElementsAre(RestrainedLine(VELM_FIFO_TAG, "Transfer real path fail, path name=" + path + ", ret=-2.")));
 }
 
 class FifoFile : public FifoTest {};
@@ -298,8 +296,8 @@ TEST_F(FifoFile, MissingFileIsRefused) {
     EXPECT_EQ(-ENOENT, IsFifoFile(path));
     const ScopedFault fault(Call::Lstat, EACCES, Where().Path(path));
     EXPECT_EQ(-EACCES, IsFifoFile(path));
-    EXPECT_THAT(log.All(), ElementsAre(ErrorLine(TAG, "Get file " + path + " state failed, ret=-2."),
-                                       ErrorLine(TAG, "Get file " + path + " state failed, ret=-13.")));
+    EXPECT_THAT(log.All(), ElementsAre(ErrorLine(VELM_FIFO_TAG, "Get file " + path + " state failed, ret=-2."),
+                                       ErrorLine(VELM_FIFO_TAG, "Get file " + path + " state failed, ret=-13.")));
 }
 
 class EpollSet : public FifoTest {
@@ -318,8 +316,9 @@ TEST_F(EpollSet, ReportsTheDataOfAnAddedDescriptor) {
     for (const int data : {0, 7, INT_MAX, -1}) {
         const LogCalls log;
         EXPECT_EQ(0, AddFdToEpoll(epfd, fd, data, EPOLLIN));
-        EXPECT_THAT(log.All(),
-                    ElementsAre(InfoLine(TAG, Text("Insert to epoll fd(%d) success: fd = %d, ret = 0.", epfd, fd))));
+        EXPECT_THAT(
+            log.All(),
+            ElementsAre(InfoLine(VELM_FIFO_TAG, Text("Insert to epoll fd(%d) success: fd = %d, ret = 0.", epfd, fd))));
         epoll_event event{};
         ASSERT_EQ(1, ::epoll_wait(epfd, &event, 1, 0));
         EXPECT_EQ(data, event.data.fd);
@@ -327,7 +326,7 @@ TEST_F(EpollSet, ReportsTheDataOfAnAddedDescriptor) {
         EXPECT_EQ(static_cast<uint32_t>(data), whole);
         EXPECT_EQ(static_cast<uint32_t>(EPOLLIN), event.events);
         EXPECT_EQ(0, RemoveFdFromEpoll(epfd, fd));
-        EXPECT_EQ(InfoLine(TAG, Text("Remove fd success. epoll_fd = %d, fd = %d, ret = 0.", epfd, fd)),
+        EXPECT_EQ(InfoLine(VELM_FIFO_TAG, Text("Remove fd success. epoll_fd = %d, fd = %d, ret = 0.", epfd, fd)),
                   log.All().back());
         EXPECT_EQ(0, ::epoll_wait(epfd, &event, 1, 0));
     }
@@ -360,7 +359,7 @@ TEST_F(EpollSet, RemovesWithoutAnEvent) {
 
 TEST_F(EpollSet, FailedAddIsReported) {
     const auto failure = [this](int error) {
-        return ErrorLine(TAG, Text("Insert fd=%d to epoll-fd=%d failed, ret=-1, errno=%d.", fd, epfd, error));
+        return ErrorLine(VELM_FIFO_TAG, Text("Insert fd=%d to epoll-fd=%d failed, ret=-1, errno=%d.", fd, epfd, error));
     };
     ASSERT_EQ(0, AddFdToEpoll(epfd, fd, 1, EPOLLIN));
     const LogCalls log;
@@ -372,7 +371,8 @@ TEST_F(EpollSet, FailedAddIsReported) {
 
 TEST_F(EpollSet, FailedRemovalIsReported) {
     const auto failure = [this](int error) {
-        return ErrorLine(TAG, Text("Remove fd=%d from epoll-fd=%d failed, ret=-1, errno=%d.", fd, epfd, error));
+        return ErrorLine(VELM_FIFO_TAG,
+                         Text("Remove fd=%d from epoll-fd=%d failed, ret=-1, errno=%d.", fd, epfd, error));
     };
     const LogCalls log;
     EXPECT_EQ(-ENOENT, RemoveFdFromEpoll(epfd, fd));

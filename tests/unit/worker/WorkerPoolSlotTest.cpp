@@ -7,57 +7,52 @@
 
 #include "support/Faults.h"
 #include "support/LeakCheck.h"
+#include "unit/worker/WorkerTestKit.h"
 #include "worker/WorkerPool.h"
 #include "worker/WorkerPoolState.h"
 
 using namespace tarvo_test;
+using namespace worker_test;
 
 namespace {
 
-constexpr unsigned NORMAL = 1024;
-constexpr unsigned URGENT = 20;
-constexpr unsigned ALL = NORMAL + URGENT;
-
-bool HasAllocated(WorkerPool &pool) {
-    MutexLock lock(pool.StateMutex());
-    return pool.HasAllocatedWorker();
-}
+constexpr unsigned ALL_SLOTS = NORMAL_SLOTS + URGENT_SLOTS;
 
 class SlotTest : public LeakCheckedTest {};
 
 TEST_F(SlotTest, TheLowestFreeSlotIsHandedOut) {
-    WorkerPool pool(NORMAL, URGENT);
+    WorkerPool pool(NORMAL_SLOTS, URGENT_SLOTS);
     for (int slot = 0; slot < 200; ++slot) {
-        ASSERT_EQ(pool.GetFreeSlot(NORMAL), slot);
+        ASSERT_EQ(pool.GetFreeSlot(NORMAL_SLOTS), slot);
     }
     for (const unsigned slot : {130U, 64U, 63U, 5U}) {
         pool.FreeWorkerSlot(slot);
     }
     for (const int slot : {5, 63, 64, 130, 200}) {
-        EXPECT_EQ(pool.GetFreeSlot(NORMAL), slot);
+        EXPECT_EQ(pool.GetFreeSlot(NORMAL_SLOTS), slot);
     }
     EXPECT_EQ(pool.NumWorkers(), 0U);
 }
 
 TEST_F(SlotTest, UrgentSlotsLieBehindAllNormalOnesAndNothingLiesBehindThem) {
-    WorkerPool pool(NORMAL, URGENT);
-    for (int slot = 0; slot < static_cast<int>(NORMAL); ++slot) {
-        ASSERT_EQ(pool.GetFreeSlot(NORMAL), slot);
+    WorkerPool pool(NORMAL_SLOTS, URGENT_SLOTS);
+    for (int slot = 0; slot < static_cast<int>(NORMAL_SLOTS); ++slot) {
+        ASSERT_EQ(pool.GetFreeSlot(NORMAL_SLOTS), slot);
     }
-    EXPECT_EQ(pool.GetFreeSlot(NORMAL), -ENOSPC);
-    for (int slot = NORMAL; slot < static_cast<int>(ALL); ++slot) {
-        ASSERT_EQ(pool.GetFreeSlot(ALL), slot);
+    EXPECT_EQ(pool.GetFreeSlot(NORMAL_SLOTS), -ENOSPC);
+    for (int slot = NORMAL_SLOTS; slot < static_cast<int>(ALL_SLOTS); ++slot) {
+        ASSERT_EQ(pool.GetFreeSlot(ALL_SLOTS), slot);
     }
     // The bits above the last slot are set and stay so.
     for (int round = 0; round < 100; ++round) {
-        EXPECT_EQ(pool.GetFreeSlot(ALL), -ENOSPC);
-        EXPECT_EQ(pool.GetFreeSlot(ALL + 500), -ENOSPC);
+        EXPECT_EQ(pool.GetFreeSlot(ALL_SLOTS), -ENOSPC);
+        EXPECT_EQ(pool.GetFreeSlot(ALL_SLOTS + 500), -ENOSPC);
     }
     pool.FreeWorkerSlot(1040);
-    EXPECT_EQ(pool.GetFreeSlot(NORMAL), -ENOSPC);
-    EXPECT_EQ(pool.GetFreeSlot(ALL), 1040);
+    EXPECT_EQ(pool.GetFreeSlot(NORMAL_SLOTS), -ENOSPC);
+    EXPECT_EQ(pool.GetFreeSlot(ALL_SLOTS), 1040);
     EXPECT_TRUE(HasAllocated(pool));
-    for (unsigned slot = 0; slot < ALL; ++slot) {
+    for (unsigned slot = 0; slot < ALL_SLOTS; ++slot) {
         pool.FreeWorkerSlot(slot);
     }
     EXPECT_FALSE(HasAllocated(pool));
@@ -111,13 +106,13 @@ TEST_F(SlotTest, AnInterruptedPostIsRepeated) {
 }
 
 TEST_F(SlotTest, AfterDestroyThereIsNoSlot) {
-    WorkerPool pool(NORMAL, URGENT);
-    ASSERT_EQ(pool.GetFreeSlot(NORMAL), 0);
+    WorkerPool pool(NORMAL_SLOTS, URGENT_SLOTS);
+    ASSERT_EQ(pool.GetFreeSlot(NORMAL_SLOTS), 0);
     pool.FreeWorkerSlot(0);
     pool.Destroy();
-    EXPECT_EQ(pool.GetFreeSlot(NORMAL), -EACCES);
-    EXPECT_EQ(pool.GetFreeSlot(ALL), -EACCES);
-    EXPECT_EQ(pool.PickupWorker(NORMAL), -EACCES);
+    EXPECT_EQ(pool.GetFreeSlot(NORMAL_SLOTS), -EACCES);
+    EXPECT_EQ(pool.GetFreeSlot(ALL_SLOTS), -EACCES);
+    EXPECT_EQ(pool.PickupWorker(NORMAL_SLOTS), -EACCES);
     EXPECT_EQ(pool.AllocWorker("1"), -EACCES);
     EXPECT_EQ(pool.TryGetNamedWorker("1"), nullptr);
 }

@@ -19,14 +19,6 @@ using testing::IsEmpty;
 
 namespace {
 
-constexpr unsigned NORMAL = 1024;
-constexpr unsigned URGENT = 20;
-
-bool HasAllocated(WorkerPool &pool) {
-    MutexLock lock(pool.StateMutex());
-    return pool.HasAllocatedWorker();
-}
-
 class WorkerPoolTest : public LeakCheckedTest {
 protected:
     void TearDown() override { released.Open(); }
@@ -48,25 +40,25 @@ protected:
 };
 
 TEST_F(WorkerPoolTest, WorkersComeWithTheirSlots) {
-    WorkerPool pool(NORMAL, URGENT);
+    WorkerPool pool(NORMAL_SLOTS, URGENT_SLOTS);
     const CallCounter threads(Call::PthreadCreate);
     for (int slot = 0; slot < 5; ++slot) {
-        ASSERT_EQ(pool.GetFreeSlot(NORMAL), slot);
+        ASSERT_EQ(pool.GetFreeSlot(NORMAL_SLOTS), slot);
     }
     EXPECT_EQ(pool.NumWorkers(), 0U);
     EXPECT_EQ(threads.Count(), 0U);
-    EXPECT_EQ(pool.PickupWorker(NORMAL), 5);
+    EXPECT_EQ(pool.PickupWorker(NORMAL_SLOTS), 5);
     EXPECT_EQ(pool.NumWorkers(), 6U);
     EXPECT_EQ(threads.Count(), 6U);
     pool.FreeWorkerSlot(2);
-    EXPECT_EQ(pool.PickupWorker(NORMAL), 2); // exists already
+    EXPECT_EQ(pool.PickupWorker(NORMAL_SLOTS), 2); // exists already
     EXPECT_EQ(pool.NumWorkers(), 6U);
     EXPECT_EQ(threads.Count(), 6U);
 }
 
 TEST_F(WorkerPoolTest, FillWorkersToKeepsToTheMaximum) {
     const SyslogCapture log;
-    WorkerPool pool(NORMAL, URGENT);
+    WorkerPool pool(NORMAL_SLOTS, URGENT_SLOTS);
     pool.FillWorkersTo(1045);
     EXPECT_EQ(pool.NumWorkers(), 0U);
     pool.FillWorkersTo(3);
@@ -105,7 +97,7 @@ TEST_F(WorkerPoolTest, AWorkerWhoseThreadCannotStartIsThereAllTheSame) {
 }
 
 TEST_F(WorkerPoolTest, ANameKeepsItsWorkerUntilItIsFreed) {
-    WorkerPool pool(NORMAL, URGENT);
+    WorkerPool pool(NORMAL_SLOTS, URGENT_SLOTS);
     EXPECT_EQ(pool.WorkerOf("a"), nullptr);
     ASSERT_EQ(pool.AllocWorker("a"), 0);
     ASSERT_EQ(pool.AllocWorker("b"), 0);
@@ -123,7 +115,7 @@ TEST_F(WorkerPoolTest, ANameKeepsItsWorkerUntilItIsFreed) {
 }
 
 TEST_F(WorkerPoolTest, AnExistingNameIsNotReplaced) {
-    WorkerPool pool(NORMAL, URGENT);
+    WorkerPool pool(NORMAL_SLOTS, URGENT_SLOTS);
     ASSERT_EQ(pool.AllocWorker("a"), 0);
     Worker *first = pool.WorkerOf("a");
     EXPECT_EQ(pool.AllocWorker("a"), 0);
@@ -153,13 +145,13 @@ TEST_F(WorkerPoolTest, WithoutAFreeSlotANameIsRefused) {
 
 TEST_F(WorkerPoolTest, FreeingAnUnknownNameIsNoFault) {
     const SyslogCapture log;
-    WorkerPool pool(NORMAL, URGENT);
+    WorkerPool pool(NORMAL_SLOTS, URGENT_SLOTS);
     EXPECT_EQ(pool.FreeWorker("nobody"), 0);
     EXPECT_THAT(log.Messages(), IsEmpty()); // reported at a level that is not written
 }
 
 TEST_F(WorkerPoolTest, FreeingANameDropsItsQueueAndNotTheTaskThatRuns) {
-    WorkerPool pool(NORMAL, URGENT);
+    WorkerPool pool(NORMAL_SLOTS, URGENT_SLOTS);
     Worker *worker = pool.TryGetNamedWorker("a");
     ASSERT_NE(worker, nullptr);
     Occupy(*worker);
@@ -240,7 +232,7 @@ TEST_F(WorkerPoolTest, BusyWorkersAreToldAndIdleOnesGivenBack) {
 
 TEST_F(WorkerPoolTest, CountsTheWorkersThatWereAskedToBeUrgent) {
     const ScopedFault refused(Call::PthreadSetschedparam, EPERM, Where().Always());
-    WorkerPool pool(NORMAL, URGENT);
+    WorkerPool pool(NORMAL_SLOTS, URGENT_SLOTS);
     Worker *first = pool.GetWorker();
     Worker *second = pool.GetUrgentWorker();
     EXPECT_EQ(pool.NumWorkers(), 2U);

@@ -21,8 +21,18 @@
 #include "support/Interpose.h"
 #include "worker/TarvoTask.h"
 #include "worker/Worker.h"
+#include "worker/WorkerPool.h"
 
 namespace worker_test {
+
+// Of the library's own pool.
+constexpr unsigned NORMAL_SLOTS = 1024;
+constexpr unsigned URGENT_SLOTS = 20;
+
+inline bool HasAllocated(WorkerPool &pool) {
+    MutexLock lock(pool.StateMutex());
+    return pool.HasAllocatedWorker();
+}
 
 // Opens once; waiters pass from then on.
 class Gate {
