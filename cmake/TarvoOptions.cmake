@@ -16,7 +16,7 @@ endif()
 if(TARVO_SANITIZE)
   add_compile_options(-fsanitize=${TARVO_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${TARVO_SANITIZE})
-  if(TARVO_SANITIZE MATCHES "address" AND NOT TARVO_SANITIZE MATCHES "fuzzer" AND CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+  if(TARVO_SANITIZE MATCHES "address" AND CMAKE_CXX_COMPILER_ID MATCHES "Clang")
     # As gcc does by itself: functions that a test program defines in front of the C library's pass calls on to the next
     # library, which must be the sanitizer's. In the program itself it would see nothing of the threads that they start.
     execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-resource-dir OUTPUT_VARIABLE resources

@@ -10,7 +10,7 @@ usage() {
     cat <<TEXT
 Usage: scripts/fuzz.sh [--seconds N] [--jobs N] [--keep] [TARGET...]
 
-Builds the fuzz targets with clang's address and undefined-behaviour sanitizers and runs each for N seconds (default
+Builds the fuzz targets in the checked preset and runs each for N seconds (default
 30), so many at a time (default 1). Installs what is missing. Targets (default: all):
 
   frames    the frame reader, through a real FIFO
@@ -30,14 +30,14 @@ Inputs that reach new code gather in build/fuzz/corpus/TARGET, from where the ne
 set of them to tests/fuzz/corpus/TARGET. An input that breaks a promise goes to tests/fuzz/corpus/TARGET/found-HASH, and
 the status is then 1. One input again, with all it says:
 
-  build/fuzz/tests/fuzz/fuzz_TARGET FILE
+  build/checked/tests/fuzz/fuzz_TARGET FILE
 TEXT
 }
 
 build() {
     local log=build/fuzz/build.log
     mkdir -p build/fuzz
-    if ! { configure fuzz && cmake --build --preset fuzz; } >"$log" 2>&1; then
+    if ! { configure checked && cmake --build --preset checked --target fuzz; } >"$log" 2>&1; then
         cat "$log" >&2
         return 1
     fi
@@ -62,7 +62,7 @@ kept_of() {
 }
 
 program_of() {
-    echo "build/fuzz/tests/fuzz/fuzz_$1"
+    echo "build/checked/tests/fuzz/fuzz_$1"
 }
 
 # Runs one target. Its output goes to a file; one line tells how it ended.
@@ -74,7 +74,7 @@ run_target() {
     # Leaks are looked for once, when the process ends. libFuzzer would look after single inputs too, and LeakSanitizer
     # takes for leaked what another thread holds that is at work meanwhile (google/sanitizers issue 757).
     [[ ! -e $dictionary ]] || options=("-dict=$dictionary")
-    mapfile -t prefix < <(without_randomisation fuzz)
+    mapfile -t prefix < <(without_randomisation checked)
     "${prefix[@]}" "$(program_of "$target")" "-max_total_time=$seconds" "-max_len=$(longest_input "$target")" \
         -detect_leaks=0 -timeout=150 -rss_limit_mb=4096 -print_final_stats=1 "-artifact_prefix=$kept/found-" "${options[@]}" \
         "$gathered" "$kept" >"$log" 2>&1 || status=$?
@@ -95,7 +95,7 @@ summarise() {
 # The smallest set of the gathered inputs that reaches what the kept ones do not.
 keep() {
     local target=$1 prefix
-    mapfile -t prefix < <(without_randomisation fuzz)
+    mapfile -t prefix < <(without_randomisation checked)
     "${prefix[@]}" "$(program_of "$target")" -merge=1 -timeout=150 -rss_limit_mb=4096 \
         "$(kept_of "$target")" "build/fuzz/corpus/$target" >"build/fuzz/$target-merge.log" 2>&1
 }

@@ -1,7 +1,7 @@
 // What a fuzz target is, and what all of them use.
 //
 // A target is one function that takes bytes, does with the library what they say, and ends the process when a promise
-// is broken. Under the preset "fuzz" libFuzzer feeds it; in every other build Replay.cpp feeds it the kept inputs.
+// is broken. In the preset "checked" libFuzzer feeds it; in every other build Replay.cpp feeds it the kept inputs.
 #ifndef TARVO_FUZZ_TARGET_H
 #define TARVO_FUZZ_TARGET_H
 
