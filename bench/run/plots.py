@@ -113,7 +113,7 @@ def ratios(document, folder):
         return
     figure, grid = pyplot.subplots(len(chosen), len(modes), figsize=(5 * len(modes), 2.1 * len(chosen)), squeeze=False)
     for row, scenario in zip(grid, chosen):
-        metric = "p50" if scenario in ("call64", "connect") else "rate"
+        metric = document.document["scenarios"][scenario]["metric"]
         for axes, mode in zip(row, modes):
             bars = []
             for name in reversed(document.names):
