@@ -69,7 +69,8 @@ def against_floor(document, name="tarvo"):
         floor = own["ratios"].get(main, {}).get("floor")
         calls = "/".join(filter(None, (plain(own, "syscalls"), plain(find(entries, floor), "syscalls"))))
         apart = resolution(entries, main) if name == "tarvo" else None
-        rows.append([name_of(document, scenario), CORES[cores], f"{median(find(entries, floor), main)} ({floor})",
+        rows.append([name_of(document, scenario), CORES[cores],
+                     f"{median(find(entries, floor), main)} ({floor})" if floor else "",
                      *(spread(own["ratios"].get(metric)) for metric in ("p50", "p99", "p999", "rate", "cpu")), calls,
                      f"{apart * 100:.1f} %" if apart is not None else ""])
     return table(["", "cores", "lowest floor, us or a second", "median", "99th", "99.9th", "rate", "processor time",

@@ -62,6 +62,10 @@ class Verdict(unittest.TestCase):
         self.assertEqual(verdict(Goal("t", "s", "rate", least=1.50), 1.20), "missed by 20 %")
         self.assertEqual(verdict(Goal("t", "s", "p50", most=1.10), 1.104), "missed by less than 1 %")
 
+    def test_of_system_calls_leaves_out_those_of_the_count_itself(self):
+        self.assertEqual(verdict(Goal("t", "s", "syscalls", most=6), 6.02), "met")
+        self.assertEqual(verdict(Goal("t", "s", "syscalls", most=6), 6.1), "missed by 2 %")
+
     def test_is_not_met_when_nothing_was_measured(self):
         self.assertEqual(verdict(Goal("t", "s", "p50", most=1.0), None), "not measured")
 
