@@ -14,7 +14,7 @@ steps of a message. Leave the machine alone meanwhile. It prints how far it is a
   --whole       about two and a half hours: more rounds, other systems in every scenario, 10 minutes of each kind under
                 stress
   --smoke       half a minute once it is built: every kind of scenario and every contestant works; gives no figures
-  --minutes N   begin nothing after so many minutes (--quick: 38), before the single steps, which take one more; what
+  --minutes N   begin nothing after so many minutes (--quick: 37), before the single steps, which take one more; what
                 matters most comes first, and the tables say what is missing
   --output DIR  where figures.json, figures.txt, tables.md, steps.txt, inside.json and plots go (default: build/bench/FORM)
   --steps       only the single steps of a message, two minutes; what follows goes to Google Benchmark

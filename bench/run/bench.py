@@ -147,13 +147,20 @@ class Run:
         return value["median"]
 
     def step(self, number, scenario, mode, contestants):
+        text = f"round {number + 1}: {scenario.text}, {'one core' if mode == 'one' else 'all cores'}"
+        if any(self.in_time(number, scenario, one) for one in contestants):
+            print(f"[{self.progress()}] {text}", flush=True)
         for contestant in contestants:
-            cost = self.cost(scenario, contestant)
-            if time.monotonic() - self.begun + cost > self.limit - self.reserved(number):
-                self.left_out[scenario.name, mode] = self.left_out.get((scenario.name, mode), 0) + 1
-            else:
+            if self.in_time(number, scenario, contestant):
                 self.one(number, scenario, mode, contestant)
-            self.done += cost
+            else:
+                self.left_out[scenario.name, mode] = self.left_out.get((scenario.name, mode), 0) + 1
+            self.done += self.cost(scenario, contestant)
+
+    def in_time(self, number, scenario, contestant):
+        """The first round leaves room for the calls under stress, which come after it."""
+        reserved = self.cost_of_urgent() if number == 0 else 0
+        return time.monotonic() - self.begun + self.cost(scenario, contestant) + reserved <= self.limit
 
     def one(self, number, scenario, mode, contestant):
         key = (scenario.name, mode, contestant.name)
@@ -180,8 +187,6 @@ class Run:
         self.announce(sum(self.planned.values()))
         for number in range(max((step[0] for step in steps), default=0) + 1):
             for _, scenario, mode, chosen in (step for step in steps if step[0] == number):
-                print(f"[{self.progress()}] round {number + 1}: {scenario.text}, {mode} cores"
-                      .replace("one cores", "one core"), flush=True)
                 self.step(number, scenario, mode, chosen)
             if number == 0:
                 self.measure_urgent()
@@ -199,10 +204,6 @@ class Run:
         one = self.options
         asked = self.form.urgent and not one.no_urgent and not one.scenarios and "tarvo" in self.contestants
         return 2 * (self.form.urgent + AROUND_STRESS) if asked else 0
-
-    def reserved(self, number):
-        """What the first round leaves of the limit for the calls under stress, which come after it."""
-        return self.cost_of_urgent() if number == 0 else 0
 
     def measure_urgent(self):
         """The library under stress."""

@@ -245,7 +245,9 @@ def engines(document):
                  for name, scenario in zip(ENGINES, scenarios)]
         if any(found):
             rows.append([text, CORES[cores], *found])
-    return about(document)[:1] + [""] + table(["", "cores", *ENGINES.values()], rows)
+    machine = document["machine"]
+    return [f"Side by side on {machine['cores']} cores ({machine['processor']}), in the run that "
+            "[PERFORMANCE.md](PERFORMANCE.md) tells:", "", *table(["", "cores", *ENGINES.values()], rows)]
 
 
 def inside(document):

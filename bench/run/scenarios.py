@@ -152,7 +152,7 @@ FORMS = {
                   {"main": Part(3, "every", BOTH, peer_rounds=2), "more": Part(3, "own", BOTH),
                    "window": Part(1, "every", BOTH), "idle": Part(1, "every", ALL), "opens": Part(1, "own", ALL),
                    "fan-in": Part(1, "own", ALL), "open": Part(1, "every", ALL), "payload": Part(1, "own", BOTH),
-                   "pipes": Part(1, "engines", BOTH)}, 110, {"own": 1000, "peer": 16}, minutes=38),
+                   "pipes": Part(1, "engines", BOTH)}, 110, {"own": 1000, "peer": 16}, minutes=37),
     "whole": Form("whole", LENGTH, LEAST_SAMPLES,
                   {"main": Part(7, "every", BOTH), "more": Part(5, "every", BOTH), "window": Part(5, "every", BOTH),
                    "idle": Part(1, "every", ALL), "opens": Part(3, "own", ALL), "fan-in": Part(3, "every", BOTH),

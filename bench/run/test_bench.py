@@ -88,7 +88,7 @@ class Announcement(unittest.TestCase):
         machine = Machine(1)
         machine.run()
         self.assertRegex(machine.said, r"^\d+ measurements, about \d+ minutes, 3\.8 of them under stress; nothing more begins "
-                                       r"after 38\n")
+                                       r"after 37\n")
 
 
 class Rounds(unittest.TestCase):
