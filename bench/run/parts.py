@@ -39,7 +39,8 @@ def about(document):
     machine = document["machine"]
     versions = [f"{name} {one['version']}" for name, one in document["contestants"].items() if one["version"] and
                 name != AGAIN]
-    return [f"Measured {document['when'][:10]} by `scripts/bench.sh --{document['form']}` at commit "
+    other = " --before ..." if BEFORE in document["contestants"] else ""
+    return [f"Measured {document['when'][:10]} by `scripts/bench.sh --{document['form']}{other}` at commit "
             f"`{machine['commit']}`: {machine['processor']}, {machine['cores']} cores ({machine['virtual']}), Linux "
             f"{machine['kernel'].split()[0]}, governor {machine['governor']}. {', '.join(sorted(versions))}.", "",
             *missing(document)]

@@ -123,10 +123,11 @@ def ratios(document, folder):
             if bars:
                 axes.barh(*zip(*bars), color=[document.colours[name] for name, _ in bars])
                 axes.bar_label(axes.containers[0], fmt="%.2f", fontsize=7)
+            axes.set_visible(bool(bars))
             axes.axvline(1, color="black", linewidth=0.8)
             axes.set_title(f"{document.document['scenarios'][scenario]['text']}, {CORES[mode]}", fontsize=9)
             axes.tick_params(labelsize=7)
-    figure.suptitle("times the lowest floor")
+    figure.suptitle("times the lowest floor; for the loop, its own")
     save(figure, folder, "ratios.svg")
 
 
