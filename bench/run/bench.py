@@ -21,8 +21,8 @@ from processes import Failure, raise_descriptor_limit
 from scenarios import AGAIN, BEFORE, FORMS, LANES, LEAST_SAMPLES, SCENARIOS, TOLD_TWICE
 from urgent import measure_urgent
 
-KNOWN = ["tarvo", "tarvo-loop", "fifo", "floor", "floor-sem", "floor-shared", "loop-floor", "zeromq", "nng", "sd-bus", "dbus", "capnproto",
-         "grpc"]
+KNOWN = ["tarvo", "tarvo-loop", "fifo", "floor", "floor-sem", "floor-shared", "loop-floor", "zeromq", "nng", "sd-bus", "dbus",
+         "capnproto", "grpc"]
 # For the estimate: calls and connections a second that the slowest reach, the seconds that the processes of a
 # measurement take to start and end, and each further client.
 CALLS, CONNECTS = {True: 15_000, False: 40_000}, 1500

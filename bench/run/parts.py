@@ -5,6 +5,7 @@ from tables import by_scenario, cell, number, resolution, table
 
 CORES = {"one": "one", "all": "all"}
 ENGINES = {"tarvo": "library", "tarvo-loop": "loop"}
+WHOLE = {"threads", "descriptors", "private_kb", "virtual_kb", "wakeups"}  # are counts
 
 
 def spread(value):
@@ -22,12 +23,14 @@ def find(entries, name):
 
 def median(entry, metric):
     """With the least and the greatest of the rounds."""
-    return cell(entry["values"].get(metric)) if entry else ""
+    return plain(entry, metric) if metric in WHOLE else cell(entry["values"].get(metric)) if entry else ""
 
 
 def plain(entry, metric):
     value = entry and entry["values"].get(metric)
-    return number(value["median"]) if value else ""
+    if not value:
+        return ""
+    return f"{value['median']:.0f}" if metric in WHOLE else number(value["median"])
 
 
 def name_of(document, scenario):
@@ -127,7 +130,8 @@ def pipes(document):
 def quotient(entry, base, metric):
     if not entry or not base or metric not in entry["values"] or metric not in base["values"]:
         return ""
-    return f"{entry['values'][metric]['median'] / base['values'][metric]['median']:.2f}"
+    found = entry["values"][metric]["median"] / base["values"][metric]["median"]
+    return f"{found:.2f}" if found >= 0.1 else f"{found:.3f}"
 
 
 def fan_in(document):
@@ -149,7 +153,7 @@ def opens(document):
     rows = [[scenario[len("opens"):], entry["contestant"],
              f"{sum(one['failures'] for one in entry['rounds'])} of {int(scenario[len('opens'):]) * len(entry['rounds'])}",
              f"{entry['max'] / 1e3:.0f}", median(entry, "rate")]
-            for scenario in OPENS for entry in groups.get((scenario, "all"), [])]
+            for scenario in OPENS for entry in groups.get((scenario, "all"), []) if entry["contestant"] != AGAIN]
     return table(["clients", "", "failures", "slowest ms", "opens a second"], rows)
 
 
@@ -158,7 +162,8 @@ def urgent(document):
     for one in document.get("urgent", []):
         for what, found in (("call", one["call"]), ("from when it was due", one["from_due"]),
                             ("cyclictest meanwhile", one["cyclictest"])):
-            rows.append([f"{one['pipes']} pipes: {what}", *(number(found[name]) if found.get(name) is not None else ""
+            seconds = one["call"]["samples"] // 1000  # one call in a millisecond
+            rows.append([f"{one['pipes']} pipes, {seconds} s: {what}", *(number(found[name]) if found.get(name) is not None else ""
                                                             for name in ("p50", "p99", "p999", "max")),
                          str(found["samples"])])
     return table(["us", "median", "99th", "99.9th", "slowest", "samples"], rows)

@@ -5,6 +5,7 @@ import tempfile
 import unittest
 
 import page
+import parts
 from figures import Results
 from measure import Measured
 from scenarios import SCENARIOS
@@ -39,6 +40,18 @@ class Tables(unittest.TestCase):
 
     def test_hide_the_twin(self):
         self.assertNotIn("tarvo-again", page.page(document()))
+
+    def test_tell_counts_as_whole_numbers_and_small_parts_with_three_digits(self):
+        one = {"values": {"threads": {"median": 2.0}, "rate": {"median": 1.0}}}
+        self.assertEqual(parts.median(one, "threads"), "2")
+        self.assertEqual(parts.quotient(one, {"values": {"rate": {"median": 64.0}}}, "rate"), "0.016")
+
+    def test_count_the_failures_of_opens_in_all_rounds(self):
+        stormed = document()
+        stormed["results"].append({"scenario": "opens64", "cores": "all", "contestant": "tarvo", "ratios": {}, "max": 574_000.0,
+                                   "values": {"rate": {"median": 200.0}},
+                                   "rounds": [{"round": 0, "failures": 2}, {"round": 1, "failures": 1}]})
+        self.assertIn("| 64 | tarvo | 3 of 128 | 574 | 200 |", page.page(stormed))
 
     def test_say_nothing_is_missing_only_when_nothing_is(self):
         self.assertNotIn("Left out", page.page(document()))
