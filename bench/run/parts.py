@@ -160,12 +160,12 @@ def opens(document):
 def urgent(document):
     rows = []
     for one in document.get("urgent", []):
+        length = one["call"]["samples"] // 1000  # seconds: one call in a millisecond
         for what, found in (("call", one["call"]), ("from when it was due", one["from_due"]),
                             ("cyclictest meanwhile", one["cyclictest"])):
-            seconds = one["call"]["samples"] // 1000  # one call in a millisecond
-            rows.append([f"{one['pipes']} pipes, {seconds} s: {what}", *(number(found[name]) if found.get(name) is not None else ""
-                                                            for name in ("p50", "p99", "p999", "max")),
-                         str(found["samples"])])
+            figures = (found.get(name) for name in ("p50", "p99", "p999", "max"))
+            rows.append([f"{one['pipes']} pipes, {length} s: {what}",
+                         *(number(figure) if figure is not None else "" for figure in figures), str(found["samples"])])
     return table(["us", "median", "99th", "99.9th", "slowest", "samples"], rows)
 
 
