@@ -14,6 +14,7 @@ missing; says nothing otherwise.
   arm64     cross build for 64-bit Arm and its emulator
   tools     format, tidy, include and shell checks
   bench     the benchmarks
+  plots     the plots of the benchmarks and of the soak
   peers     the messaging systems that the benchmarks compare with
   man       the check of the manual pages
   packages  Debian packages and their checks, and those of the manual pages
@@ -35,8 +36,8 @@ packages_of() {
     arm64) echo g++-aarch64-linux-gnu qemu-user-static libc6:arm64 libstdc++6:arm64 libselinux1-dev:arm64 \
         libgtest-dev:arm64 libgmock-dev:arm64 libfmt-dev:arm64 ;;
     tools) echo clang-format clang-tidy python3 shellcheck ;;
-    bench) echo libbenchmark-dev libcli11-dev nlohmann-json3-dev python3-matplotlib python3-numpy stress-ng rt-tests \
-        valgrind ;;
+    plots) echo python3-matplotlib python3-numpy ;;
+    bench) packages_of plots && echo libbenchmark-dev libcli11-dev nlohmann-json3-dev stress-ng rt-tests valgrind ;;
     peers) echo libzmq3-dev libnng-dev libsystemd-dev dbus-daemon libcapnp-dev capnproto libgrpc++-dev libprotobuf-dev \
         protobuf-compiler protobuf-compiler-grpc ;;
     man) echo binutils groff-base man-db mandoc ;;

@@ -30,6 +30,7 @@ main() {
         esac
         shift
     done
+    scripts/install-deps.sh plots
     scripts/build-target.sh release storm_soak
     scripts/fifo-directory.sh
     mkdir -p "$out"

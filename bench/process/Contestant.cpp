@@ -26,6 +26,7 @@ bool Client::Call(std::size_t, const char *data, std::size_t size, uint64_t &wor
 }
 
 bool Client::Send(const char *, std::size_t) { return false; }
+bool Client::Flush() { return true; }
 bool Client::Start(uint64_t, const char *, std::size_t) { return false; }
 bool Client::Await(std::vector<Answered> &, int64_t) { return false; }
 

@@ -63,6 +63,8 @@ public:
     virtual bool Call(std::size_t lane, const char *data, std::size_t size, uint64_t &word);
     // Sends one-way, waiting while the way is full. False when it failed.
     virtual bool Send(const char *data, std::size_t size);
+    // Before the sender waits for what it has sent to be handled: nothing stays behind. False when it failed.
+    virtual bool Flush();
 
     // Starts a call and does not wait for its answer. False when it failed.
     virtual bool Start(uint64_t token, const char *data, std::size_t size);

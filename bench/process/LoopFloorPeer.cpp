@@ -207,10 +207,8 @@ public:
         unlink(inPath.c_str());
     }
 
-    bool Send(const char *data, std::size_t size) override {
-        batch.Add(0, REQUEST, data, size);
-        return batch.Write(out);
-    }
+    bool Send(const char *data, std::size_t size) override { return Start(0, data, size); }
+    bool Flush() override { return batch.Write(out); }
 
     bool Start(uint64_t token, const char *data, std::size_t size) override {
         if (!batch.Fits(size) && !batch.Write(out)) {

@@ -4,9 +4,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <ctime>
+#include <deque>
 #include <memory>
 #include <stdexcept>
+#include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "Contestant.h"
@@ -37,11 +40,41 @@ TarvoLoop *TheLoop() {
     return loop;
 }
 
-void OnRequest(void *, TarvoLink *link, uint32_t request, TarvoBytes payload) {
+// Answers that did not fit into the FIFO of a client with many calls outstanding, in their order. Owns: their bytes.
+// Threads: the loop's. Locks: none. Ends: with its link.
+class Waiting {
+public:
+    void Add(uint32_t request, const Answer &answer) {
+        answers.push_back({request, std::string(answer.data, answer.size)});
+    }
+    bool Empty() const { return answers.empty(); }
+    void Send(TarvoLink *link) {
+        while (!answers.empty()) {
+            const auto &[request, bytes] = answers.front();
+            if (TarvoLinkReply(link, request, {bytes.data(), static_cast<uint32_t>(bytes.size())}) == -EAGAIN) {
+                return;
+            }
+            answers.pop_front();
+        }
+    }
+
+private:
+    std::deque<std::pair<uint32_t, std::string>> answers;
+};
+
+void OnClient(void *, TarvoService *, TarvoLink *link, const char *) { TarvoLinkSetContext(link, new Waiting); }
+void OnClosed(void *context, TarvoLink *) { delete static_cast<Waiting *>(context); }
+void OnWritable(void *context, TarvoLink *link) { static_cast<Waiting *>(context)->Send(link); }
+
+void OnRequest(void *context, TarvoLink *link, uint32_t request, TarvoBytes payload) {
+    Waiting &waiting = *static_cast<Waiting *>(context);
     const Answer answer = HandleMessage(payload.data, payload.size);
-    if (answer.size > 0) {
-        // Callers wait for their answers before they ask on: there is always room.
-        TarvoLinkReply(link, request, {answer.data, static_cast<uint32_t>(answer.size)});
+    if (answer.size == 0) {
+        return;
+    }
+    const TarvoBytes bytes{answer.data, static_cast<uint32_t>(answer.size)};
+    if (!waiting.Empty() || TarvoLinkReply(link, request, bytes) == -EAGAIN) {
+        waiting.Add(request, answer);
     }
 }
 
@@ -51,10 +84,13 @@ public:
         TarvoLinkCallbacks callbacks = {};
         callbacks.size = sizeof(callbacks);
         callbacks.request = OnRequest;
+        callbacks.closed = OnClosed;
+        callbacks.writable = OnWritable;
         TarvoServiceOptions options = {};
         options.size = sizeof(options);
         options.name = endpoint.c_str();
         options.gid = TARVO_LOOP_ANY_GROUP;
+        options.client = OnClient;
         options.callbacks = &callbacks;
         Check(TarvoServiceOpen(TheLoop(), &options, &service), "TarvoServiceOpen");
     }
@@ -112,25 +148,28 @@ public:
         return true;
     }
 
+    // What is sent between two waits goes out together, as in the rounds of a loop.
     bool Send(const char *data, std::size_t size) override {
+        Hold();
         int result = 0;
         while ((result = TarvoLinkSend(link, {data, static_cast<uint32_t>(size)})) == -EAGAIN) {
             DispatchOnce(-1);
         }
-        // Whoever sends may wait for the server to have handled it, without this loop.
-        while (result == 0 && (result = TarvoLinkFlush(link)) == -EAGAIN) {
+        return result == 0;
+    }
+
+    bool Flush() override {
+        held = false;
+        int result = 0;
+        while ((result = TarvoLinkFlush(link)) == -EAGAIN) {
             DispatchOnce(-1);
-            result = 0;
         }
         return result == 0;
     }
 
     // What is started between two waits goes out together.
     bool Start(uint64_t token, const char *data, std::size_t size) override {
-        if (!held) {
-            held = true;
-            TarvoLinkHold(link);
-        }
+        Hold();
         while (calls.size() <= token) {
             calls.push_back(std::make_unique<Begun>(Begun{this, calls.size()}));
         }
@@ -163,6 +202,13 @@ private:
         LoopClient *client;
         uint64_t token;
     };
+
+    void Hold() {
+        if (!held) {
+            held = true;
+            TarvoLinkHold(link);
+        }
+    }
 
     int64_t Begin(uint64_t token, const char *data, std::size_t size) {
         return TarvoLinkCall(link, {data, static_cast<uint32_t>(size)}, CALL_TIMEOUT_MS, Done, calls[token].get());

@@ -53,6 +53,7 @@ void Report(const Role &role, const Outcome &outcome) {
         WriteSamples(role.samples + ".services", outcome.services);
     }
     Say({{"operations", outcome.operations},
+         {"failures", outcome.failures},
          {"begin", outcome.begin},
          {"end", outcome.end},
          {"own_time", outcome.ownTime},

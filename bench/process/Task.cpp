@@ -1,5 +1,6 @@
 #include "Task.h"
 
+#include <cstdio>
 #include <stdexcept>
 #include <thread>
 
@@ -38,7 +39,8 @@ Session::Session(const Contestant &owner, const Place &where, const Task &work, 
 }
 
 void Session::Connect() {
-    for (std::size_t i = 0; task.kind != "connect" && i < task.pipes; ++i) {
+    const bool later = task.kind == "connect" || task.kind == "opens";
+    for (std::size_t i = 0; !later && i < task.pipes; ++i) {
         Place one = place;
         one.self += "p" + std::to_string(i);
         clients.push_back(contestant.connect(one));
@@ -48,7 +50,7 @@ void Session::Connect() {
 void Session::WarmUp() {
     if (task.kind == "oneway" || task.kind == "window") {
         RunExactly(task.warmUp);
-    } else if (task.kind != "connect") {
+    } else if (!clients.empty()) {
         const Task timed = task;
         task.kind = "call";
         RunExactly(task.warmUp * place.lanes);
@@ -62,6 +64,7 @@ Outcome Session::Run(int64_t begin) {
     const std::string &kind = task.kind;
     kind == "oneway"    ? OneWay(outcome)
     : kind == "connect" ? Connects(outcome)
+    : kind == "opens"   ? ConnectOnce(outcome)
     : kind == "window"  ? Window(outcome)
     : kind == "open"    ? Open(outcome)
                         : Calls(outcome);
@@ -203,9 +206,11 @@ void Session::OneWay(Outcome &outcome) {
         Require(client.Send(payload.data(), task.size));
         ++sent;
         if (before + sent - OneWayCount::Read() >= task.window) {
+            Require(client.Flush());
             OneWayCount::Await(before + sent - task.window / 2);
         }
     }
+    Require(client.Flush());
     OneWayCount::Await(before + sent);
     End(outcome);
     outcome.operations = sent;
@@ -236,6 +241,21 @@ void Session::Connects(Outcome &outcome) {
         }
     }
     outcome.end = Now();
+}
+
+// One connect and first call, at the same moment as those of many other processes; a failure counts.
+void Session::ConnectOnce(Outcome &outcome) {
+    Begin(outcome);
+    try {
+        clients.push_back(contestant.connect(place));
+        CallOnce(*clients.back(), 0);
+    } catch (const std::runtime_error &error) {
+        std::fprintf(stderr, "%s: %s\n", place.self.c_str(), error.what());
+        outcome.failures = 1;
+    }
+    End(outcome);
+    outcome.operations = 1;
+    outcome.latencies.push_back(outcome.end - outcome.begin);
 }
 
 } // namespace bench

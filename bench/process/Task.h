@@ -12,7 +12,7 @@
 namespace bench {
 
 struct Task {
-    std::string kind = "call"; // "call", "window", "oneway", "connect" or "open"
+    std::string kind = "call"; // "call", "window", "oneway", "connect", "opens" or "open"
     std::size_t size = 64;
     std::size_t warmUp = 500;
     std::size_t pipes = 1;   // open at the same time, the calls going over the last one
@@ -35,6 +35,7 @@ struct Outcome {
     int64_t ownTime = 0; // processor time of this process, and of the server's
     int64_t serverTime = 0;
     std::size_t operations = 0;
+    std::size_t failures = 0; // "opens": connections that were refused, or whose first call failed
 };
 
 class Budget;
@@ -58,6 +59,7 @@ private:
     void Window(Outcome &outcome);
     void OneWay(Outcome &outcome);
     void Connects(Outcome &outcome);
+    void ConnectOnce(Outcome &outcome);
     void Open(Outcome &outcome);
     void OpenFromLanes(Outcome &outcome, std::size_t total);
     void OpenFromOneThread(Outcome &outcome, std::size_t total);

@@ -39,7 +39,7 @@ void AddTask(CLI::App &app, bench::Role &role) {
     app.add_option("--lanes", role.place.lanes, "threads that call at the same time");
     app.add_option("--server", role.servers, "process whose time and system calls count as the server's");
     app.add_option("--samples", role.samples, "file for the latencies: ns, 64-bit numbers of this machine");
-    app.add_option("--kind", task.kind)->check(CLI::IsMember({"call", "window", "oneway", "connect", "open"}));
+    app.add_option("--kind", task.kind)->check(CLI::IsMember({"call", "window", "oneway", "connect", "opens", "open"}));
     app.add_option("--size", task.size, "bytes of a message")->check(CLI::Range(std::size_t{1}, bench::MAX_PAYLOAD));
     app.add_option("--warm-up", task.warmUp, "calls of each thread before it is ready");
     app.add_option("--pipes", task.pipes, "connections that are open, the last one in use");

@@ -5,8 +5,8 @@ import os
 import shutil
 import tempfile
 
-from page import table
 from processes import raise_descriptor_limit
+from tables import table
 
 NOBODY = 65534
 FIFOS = 1100

@@ -91,8 +91,8 @@ class Results:
         """One contestant in one scenario, as it stands in the JSON file; `same`: whose twin it is."""
         scenario, mode, contestant = key
         entry = {"scenario": scenario, "cores": mode, "contestant": contestant, "values": {}, "ratios": {},
-                 "rounds": list(self.rounds[key].values())}
-        for metric in sorted({name for one in entry["rounds"] for name in one} - {"samples", "seconds"}):
+                 "rounds": [{"round": number, **one} for number, one in self.rounds[key].items()]}
+        for metric in sorted({name for one in self.rounds[key].values() for name in one} - {"samples", "seconds"}):
             value = self.value(key, metric)
             if value:
                 entry["values"][metric] = value

@@ -1,53 +1,56 @@
 #!/usr/bin/python3
-"""What a call executes: instructions, heap blocks and places in memory, and the kernel's share of its time.
+"""What a call executes outside the kernel: instructions, heap blocks and places in memory.
 
 scripts/bench.sh --inside builds the programs and runs this. The counts are valgrind's and those of single calls, from the
-difference between a run with many calls and one with few; a busy machine does not change them. The kernel's share does
-need an idle machine.
+difference between a run with many calls and one with few; a busy machine does not change them.
 """
+import argparse
+import json
 import os
 import re
 import subprocess
 import sys
 import tempfile
 
-from measure import discover
-from page import table
+import machine
+from measure import Contestant, discover
+from parts import inside
 from processes import Child, Group
+from scenarios import BEFORE
 
 FEW, MANY = 500, 1500
-SECONDS = 10  # of the calls whose time is divided
-CONTESTANTS = ["tarvo", "floor", "floor-sem"]
+CONTESTANTS = [BEFORE, "tarvo", "floor", "floor-sem", "tarvo-loop", "loop-floor"]
 KINDS = {"call of 64 bytes": ["--kind", "call"], "one-way, 64 bytes": ["--kind", "oneway", "--window", "500"]}
 LINE, PAGE = 6, 12  # bits of an address
 
 _number = 0
 
 
-def run(program, task, command, before_server=(), before_client=()):
-    """A server and a client, each perhaps below another program; gives the processes to `command`."""
+def run(contestant, task, command, before_server=(), before_client=()):
+    """A server and a client, each perhaps below another program; `command` tells the client what to do."""
     global _number
     _number += 1
     common = ["--endpoint", f"tvi{os.getpid()}_{_number}"]
     with Group() as group:
-        server = group.add(Child([*before_server, program, "server", *common]))
+        server = group.add(Child([*before_server, contestant.program, "server", *common], contestant.environment))
         server.answer(60)
-        client = group.add(Child([*before_client, program, "client", *common, "--self", common[1] + "c", *task]))
+        client = group.add(Child([*before_client, contestant.program, "client", *common, "--self", common[1] + "c", *task],
+                                 contestant.environment))
         client.answer(60)
-        return command(server, client)
+        client.ask(command)
 
 
 def below_valgrind(tool, log, *options):
     return ["valgrind", f"--tool={tool}", f"--log-file={log}", *options]
 
 
-def per_call(program, task, tool, pattern, *options):
+def per_call(contestant, task, tool, pattern):
     """How much of what valgrind counts an operation takes, both processes together."""
     totals = []
     for calls in (FEW, MANY):
         with tempfile.TemporaryDirectory() as folder:
             logs = [os.path.join(folder, name) for name in ("server", "client")]
-            run(program, task, lambda _, client: client.ask(f"count {calls}"),
+            run(contestant, task, f"count {calls}",
                 *(below_valgrind(tool, log, f"--callgrind-out-file={log}.out" if tool == "callgrind" else "-v")
                   for log in logs))
             totals.append(0)
@@ -58,13 +61,13 @@ def per_call(program, task, tool, pattern, *options):
     return (totals[1] - totals[0]) / (MANY - FEW)
 
 
-def touched(program, task):
+def touched(contestant, task):
     """Cache lines and pages that the client touches in a call: those of 50 calls in a row before the last 20."""
     lengths, traces = [], []
     with tempfile.TemporaryDirectory() as folder:
         for calls in (200, 1000):
             log = os.path.join(folder, str(calls))
-            run(program, task, lambda _, client: client.ask(f"count {calls}"),
+            run(contestant, task, f"count {calls}",
                 before_client=below_valgrind("lackey", log, "--trace-mem=yes"))
             traces.append(log)
             with open(log, "rb") as file:
@@ -85,42 +88,43 @@ def touched(program, task):
     return len(lines), len(pages)
 
 
-def times(pid):
-    """User and system time of a process in ticks."""
-    with open(f"/proc/{pid}/stat", encoding="utf-8") as file:
-        fields = file.read().rpartition(")")[2].split()
-    return int(fields[11]), int(fields[12])
+def counted(contestant, kind, task):
+    found = {"kind": kind, "contestant": contestant.name,
+             "instructions": per_call(contestant, task, "callgrind", r"Collected : (\d+)"),
+             "blocks": per_call(contestant, task, "memcheck", r"total heap usage: ([\d,]+) allocs")}
+    if "call" in kind:
+        found["lines"], found["pages"] = touched(contestant, task)
+    return found
 
 
-def kernel_share(program, task):
-    def command(server, client):
-        pids = (server.pid, client.pid)
-        before = [times(pid) for pid in pids]
-        client.tell("run 0")
-        client.answer(SECONDS)
-        used = [(after[0] - start[0], after[1] - start[1]) for start, after in zip(before, map(times, pids))]
-        user, system = map(sum, zip(*used))
-        return system / (user + system)
-
-    return run(program, [*task, "--one-core", "--seconds", str(SECONDS)], command,
-               before_server=["taskset", "-c", str(max(os.sched_getaffinity(0)))])
+def arguments():
+    parser = argparse.ArgumentParser(prog="scripts/bench.sh --inside", description=__doc__)
+    parser.add_argument("--programs", required=True, help="folder of the contestants' programs")
+    parser.add_argument("--output", required=True, help="folder for inside.json")
+    parser.add_argument("--before", help="a folder with another build of the library: counted too, as tarvo-before")
+    parser.add_argument("--contestants", type=lambda text: text.split(","), default=CONTESTANTS)
+    return parser.parse_args()
 
 
 def main():
-    contestants = discover(sys.argv[1])
+    options = arguments()
+    contestants = discover(options.programs)
+    if options.before:
+        tarvo = contestants["tarvo"]
+        contestants[BEFORE] = Contestant(BEFORE, tarvo.program, tarvo.described,
+                                         {"LD_LIBRARY_PATH": os.path.abspath(options.before)})
     subprocess.run(["valgrind", "--version"], check=True, stdout=subprocess.DEVNULL)
     rows = []
     for kind, task in KINDS.items():
-        for name in CONTESTANTS:
-            program = contestants[name].program
-            instructions = per_call(program, task, "callgrind", r"Collected : (\d+)")
-            blocks = per_call(program, task, "memcheck", r"total heap usage: ([\d,]+) allocs")
-            lines, pages = touched(program, task) if "call" in kind else ("", "")
-            rows.append([kind, name, f"{instructions:.0f}", f"{blocks:.1f}", str(lines), str(pages),
-                         f"{100 * kernel_share(program, task):.0f} %"])
-            print(rows[-1], file=sys.stderr, flush=True)
-    print("\n".join(table(["", "", "instructions outside the kernel", "heap blocks", "cache lines of the client",
-                           "pages of the client", "kernel's share of the time"], rows)))
+        for name in options.contestants:
+            if name in contestants:
+                rows.append(counted(contestants[name], kind, task))
+                print(rows[-1], file=sys.stderr, flush=True)
+    document = {"commit": machine.describe()["commit"], "rows": rows}
+    os.makedirs(options.output, exist_ok=True)
+    with open(os.path.join(options.output, "inside.json"), "w", encoding="utf-8") as file:
+        json.dump(document, file, indent=1)
+    print("\n".join(inside(document)))
 
 
 if __name__ == "__main__":

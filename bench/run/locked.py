@@ -6,8 +6,8 @@ scripts/bench.sh --locked builds the programs and runs this.
 import sys
 
 from measure import discover
-from page import table
 from processes import Child, Group, facts
+from tables import table
 
 CLIENTS = 64
 # What it is called, what the server asks for, its limit of stacks in bytes (empty: as it is).

@@ -8,7 +8,7 @@ from dataclasses import dataclass, field, replace
 
 import numpy
 
-from processes import Busy, Child, Failure, Group, facts, monotonic_ns, switches
+from processes import Busy, Child, Failure, Group, facts, monotonic_ns, processor_time, switches
 from scenarios import LANES, MANY_CLIENTS
 
 FASTEST = 400_000  # calls a second, of all clients together
@@ -134,29 +134,45 @@ def _idle(processes, seconds):
 
 
 def _run(contestant, scenario, mode, clients, servers, folder, seconds):
+    watched = servers + [clients[0].pid]
     with Busy(contestant.program, scenario.busy, mode == "one"):
-        held = facts(servers[-1]) if scenario.needs & MANY_CLIENTS else {}
-        before = switches(servers)
+        held = facts(servers[-1]) if scenario.needs & MANY_CLIENTS and scenario.kind != "opens" else {}
+        before = switches(servers), processor_time(watched)
         begin = monotonic_ns() + (0 if scenario.clients == 1 else 20_000_000 + 1_000_000 * scenario.clients)
         for client in clients:
             client.tell(f"run {begin}")
         results = [client.answer(seconds) for client in clients]
-        switched = switches(servers) - before
+        after = switches(servers), processor_time(watched)
     operations = sum(result["operations"] for result in results)
     if operations == 0:
         raise Failure(f"{contestant.name}: not one call within the time")
     length = (max(result["end"] for result in results) - min(result["begin"] for result in results)) / 1e9
-    time_used = sum(result["own_time"] for result in results) + results[0]["server_time"]
-    figures = {"cpu": time_used / operations / 1e3, "switches": switched / operations, **held}
+    figures = {"switches": (after[0] - before[0]) / operations, **held}
+    if scenario.kind == "opens":
+        figures["failures"] = sum(result["failures"] for result in results)
+    else:  # the moments in between of one client are not those of another there
+        time_used = sum(result["own_time"] for result in results) + results[0]["server_time"]
+        figures["cpu"] = time_used / operations / 1e3
     if scenario.kind != "connect":  # what closing takes is in the length
         figures["rate"] = operations / length
     if scenario.clients == 1 and scenario.kind not in ("open", "periodic"):
+        figures.update(_kernel(before[1], after[1]))
         operations = COUNTED_CONNECTS if scenario.kind == "connect" else COUNTED_CALLS * scenario.lanes
         counted = clients[0].ask(f"count {operations}")
         if counted["syscalls"] >= 0:
             figures["syscalls"] = counted["syscalls"] / counted["operations"]
     samples = [numpy.fromfile(os.path.join(folder, str(index)), numpy.int64) for index in range(len(clients))]
     services = os.path.join(folder, "0.services")
-    return Measured(numpy.concatenate(samples).astype(numpy.uint32 if scenario.kind != "periodic" else numpy.int64),
-                    length, figures,
+    return Measured(_small(numpy.concatenate(samples)), length, figures,
                     numpy.fromfile(services, numpy.int64) if os.path.exists(services) else None)
+
+
+def _small(samples):
+    """In half the memory, where no sample is longer than 4 s."""
+    return samples.astype(numpy.uint32) if len(samples) and samples.max() < 1 << 32 else samples
+
+
+def _kernel(before, after):
+    """The kernel's part of the processor time in percent, from ticks: nothing for less than a second."""
+    own, kernel = (now - then for now, then in zip(after, before))
+    return {"kernel": 100 * kernel / (own + kernel)} if own + kernel >= os.sysconf("SC_CLK_TCK") else {}

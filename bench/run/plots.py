@@ -113,7 +113,7 @@ def ratios(document, folder):
         return
     figure, grid = pyplot.subplots(len(chosen), len(modes), figsize=(5 * len(modes), 2.1 * len(chosen)), squeeze=False)
     for row, scenario in zip(grid, chosen):
-        metric = "p50" if scenario in ("call64", "connect") else "rate"
+        metric = document.document["scenarios"][scenario]["metric"]
         for axes, mode in zip(row, modes):
             bars = []
             for name in reversed(document.names):
@@ -123,10 +123,11 @@ def ratios(document, folder):
             if bars:
                 axes.barh(*zip(*bars), color=[document.colours[name] for name, _ in bars])
                 axes.bar_label(axes.containers[0], fmt="%.2f", fontsize=7)
+            axes.set_visible(bool(bars))
             axes.axvline(1, color="black", linewidth=0.8)
             axes.set_title(f"{document.document['scenarios'][scenario]['text']}, {CORES[mode]}", fontsize=9)
             axes.tick_params(labelsize=7)
-    figure.suptitle("times the lowest floor")
+    figure.suptitle("times the lowest floor; for the loop, its own")
     save(figure, folder, "ratios.svg")
 
 

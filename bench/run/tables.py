@@ -2,9 +2,11 @@
 import json
 import sys
 
+from scenarios import AGAIN
+
 METRICS = {"p50": "p50 us", "p99": "p99 us", "p999": "p99.9 us", "rate": "per second", "cpu": "cpu us",
-           "syscalls": "syscalls", "wakeups": "wake-ups in 5 s", "threads": "threads", "private_kb": "private kB"}
-AGAIN = "tarvo-again"
+           "syscalls": "syscalls", "kernel": "kernel %", "failures": "failures", "wakeups": "wake-ups in 5 s",
+           "threads": "threads", "private_kb": "private kB"}
 
 
 def number(value):
@@ -18,6 +20,14 @@ def cell(value):
     if value.get("rounds", 1) < 2:
         return number(value["median"])
     return f"{number(value['median'])} [{number(value['min'])}-{number(value['max'])}]"
+
+
+def table(head, rows):
+    """Markdown; nothing for a table without rows."""
+    if not rows:
+        return []
+    return ["| " + " | ".join(head) + " |", "|" + "---|" * len(head),
+            *("| " + " | ".join(row) + " |" for row in rows), ""]
 
 
 def by_scenario(document):
