@@ -194,7 +194,7 @@ TARVO_LOOP_API int TarvoLinkHold(TarvoLink *link);
 // Sends the batch and ends the hold. Returns 0, -EAGAIN (it goes out when there is room), -EPIPE.
 TARVO_LOOP_API int TarvoLinkFlush(TarvoLink *link);
 
-// The name of the remote, valid until the link is closed; null for a null link.
+// The name of the remote, valid until the link is closed; null where other functions refuse the link.
 TARVO_LOOP_API const char *TarvoLinkPeer(const TarvoLink *link);
 
 // Replaces the context of the link's callbacks. Returns 0.

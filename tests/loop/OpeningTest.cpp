@@ -1,10 +1,13 @@
 // Links that open, in each way, with every remote that comes late, never, or wrong.
 #include <fcntl.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
+#include <fstream>
 
 #include "loop/LoopFixture.h"
 #include "support/Faults.h"
@@ -378,6 +381,35 @@ TEST_F(OpeningTest, LinkThatWaitsForItsFilesIsNotWokenByTheClock) {
     EXPECT_EQ(timers.Count(), 0U) << "a watch tells when the files come";
     loop.RunBeside([&] { peer.CreateFiles(); });
     EXPECT_TRUE(link.Await("opened 0"));
+}
+
+// Ends the watch of this process's only inotify descriptor, as the end of the directory does.
+bool EndWatch() {
+    for (const auto &[fd, target] : OpenDescriptors()) {
+        int watch = 0;
+        std::ifstream info("/proc/self/fdinfo/" + std::to_string(fd));
+        for (std::string line; target.find("inotify") != std::string::npos && std::getline(info, line);) {
+            if (std::sscanf(line.c_str(), "inotify wd:%d", &watch) == 1) {
+                return inotify_rm_watch(fd, watch) == 0;
+            }
+        }
+    }
+    return false;
+}
+
+TEST_F(OpeningTest, WatchThatEndsLeavesItToTheTimer) {
+    ASSERT_EQ(link.Open(TARVO_LINK_ARRANGED_CLIENT, remote, self), 0);
+    loop.RunWhileReadable();
+    ASSERT_TRUE(EndWatch());
+    loop.RunWhileReadable();
+    EXPECT_EQ(link.events, Strings());
+    loop.RunBeside([&] {
+        peer.CreateFiles();
+        peer.OpenWrite();
+    });
+    EXPECT_TRUE(link.Await("opened 0"));
+    link.events.clear();
+    ExpectAlive();
 }
 
 // ---- Everything at once ----

@@ -1,0 +1,68 @@
+// The blocking call while others want something of the loop's thread, too.
+#include <poll.h>
+
+#include <cerrno>
+
+#include "loop/LoopFixture.h"
+#include "support/Faults.h"
+
+namespace tarvo_test {
+namespace {
+
+class BlockingTest : public LoopTest {
+protected:
+    void SetUp() override { OpenLink(TARVO_LINK_ARRANGED_SERVER); }
+
+    static int Ask(TarvoLink *asked, int timeoutMs) {
+        char room[16];
+        uint32_t size = sizeof(room);
+        return TarvoLinkCallSync(asked, {"x", 1}, timeoutMs, room, &size);
+    }
+};
+
+// So many that there is always one to read when it looks.
+TEST_F(BlockingTest, RemoteThatSendsWithoutEndDoesNotHoldItUpBeyondItsTime) {
+    constexpr unsigned MANY = 2000;
+    unsigned sent = 0;
+    {
+        const ScopedHook beforeEachLook(
+            Call::Poll,
+            [&](const CallInfo &) {
+                if (sent < MANY) {
+                    peer.Send(RawRequest(++sent, "more"));
+                }
+                poll(nullptr, 0, 1);
+            },
+            Where().Always().ThisThread());
+        EXPECT_EQ(Ask(link.link, 50), -ETIMEDOUT);
+    }
+    EXPECT_GT(sent, 1U);
+    EXPECT_LT(sent, MANY);
+    EXPECT_TRUE(link.AwaitCount(sent)) << "nothing of it is lost";
+    EXPECT_EQ(link.events.back(), "request more");
+}
+
+// As in a round, which reads first and looks at the clock then.
+TEST_F(BlockingTest, AnswerThatHasComeInTimeCountsWhileAnotherLinkIsWaitedFor) {
+    ASSERT_GT(link.Call("question", "call", 30), 0);
+    peer.Send(RawResponse(peer.Receive().id, "in time"));
+    Probe opening(loop);
+    ASSERT_EQ(opening.Open(TARVO_LINK_ARRANGED_CLIENT, UniqueName("nobody"), self), 0);
+    EXPECT_EQ(Ask(opening.link, 60), -ETIMEDOUT);
+    EXPECT_EQ(link.events, Strings());
+    loop.RunWhileReadable();
+    EXPECT_EQ(link.events, Strings{"done call 0 in time"});
+}
+
+TEST_F(BlockingTest, OpenThatFailsInItsTimeEndsIt) {
+    Probe opening(loop);
+    ASSERT_EQ(opening.Open(TARVO_LINK_ARRANGED_CLIENT, UniqueName("nobody"), self, 20), 0);
+    EXPECT_EQ(Ask(opening.link, 30000), -ENOTCONN);
+    EXPECT_EQ(opening.events, Strings());
+    EXPECT_TRUE(loop.Readable());
+    loop.RunWhileReadable();
+    EXPECT_EQ(opening.events, Strings{"opened " + std::to_string(-ETIMEDOUT)});
+}
+
+} // namespace
+} // namespace tarvo_test
