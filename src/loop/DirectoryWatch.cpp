@@ -63,9 +63,6 @@ void DirectoryWatch::Remove(FileWaiter &waiter) {
         return;
     }
     waiter.waits = false;
-    if (nextToTell == &waiter) {
-        nextToTell = waiter.next;
-    }
     (waiter.previous != nullptr ? waiter.previous->next : first) = waiter.next;
     if (waiter.next != nullptr) {
         waiter.next->previous = waiter.previous;
@@ -87,11 +84,11 @@ void DirectoryWatch::End() {
 void DirectoryWatch::Tell(std::string_view name) {
     FileWaiter *waiter = first;
     while (waiter != nullptr) {
-        nextToTell = waiter->next;
+        // It may not wait any more after that; the others still do.
+        FileWaiter *const next = waiter->next;
         waiter->OnFileChanged(name);
-        waiter = nextToTell;
+        waiter = next;
     }
-    nextToTell = nullptr;
 }
 
 void DirectoryWatch::OnEvents(uint32_t /*what*/, uint32_t /*events*/) {

@@ -18,7 +18,7 @@ public:
     FileWaiter(const FileWaiter &) = delete;
     FileWaiter &operator=(const FileWaiter &) = delete;
 
-    // A file of this name has come into the FIFO directory; empty: some have.
+    // A file of this name has come into the FIFO directory; empty: some have. Takes nobody else out.
     virtual void OnFileChanged(std::string_view name) = 0;
 
 private:
@@ -59,7 +59,6 @@ private:
     int directory = -1;
     Watch watch;
     FileWaiter *first = nullptr;
-    FileWaiter *nextToTell = nullptr; // those before it have been told
 };
 
 #endif // TARVO_LOOP_DIRECTORYWATCH_H

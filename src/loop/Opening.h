@@ -61,8 +61,6 @@ public:
 
     void OnFileChanged(std::string_view name) override;
 
-    const OpeningPlan &Plan() const { return plan; }
-
 private:
     enum class Step { LEFTOVERS, ANNOUNCE, FILES, WRITE_END, DONE };
 

@@ -2,6 +2,7 @@
 #include <poll.h>
 
 #include <cerrno>
+#include <thread>
 
 #include "loop/LoopFixture.h"
 #include "support/Faults.h"
@@ -62,6 +63,57 @@ TEST_F(BlockingTest, OpenThatFailsInItsTimeEndsIt) {
     EXPECT_TRUE(loop.Readable());
     loop.RunWhileReadable();
     EXPECT_EQ(opening.events, Strings{"opened " + std::to_string(-ETIMEDOUT)});
+}
+
+// ---- A FIFO that is full when it begins ----
+
+// As many of the longest requests as a FIFO and the link's batch take, and not the one that would be refused.
+constexpr int FILLING = 17;
+
+class FullBlockingTest : public BlockingTest {
+protected:
+    void SetUp() override {
+        BlockingTest::SetUp();
+        for (int i = 0; i < FILLING; ++i) {
+            ASSERT_EQ(link.Send(std::string(3900, 'x')), 0);
+        }
+    }
+};
+
+TEST_F(FullBlockingTest, WaitsForRoomAndForTheAnswer) {
+    std::thread beside([&] {
+        for (int i = 0; i < FILLING; ++i) {
+            peer.Receive();
+        }
+        peer.Send(RawResponse(peer.Receive().id, "answer"));
+    });
+    EXPECT_EQ(Ask(link.link, 30000), 0);
+    beside.join();
+    EXPECT_EQ(link.events, Strings());
+}
+
+TEST_F(FullBlockingTest, RemoteThatStopsReadingEndsIt) {
+    std::thread beside([&] { peer.CloseRead(); });
+    EXPECT_EQ(Ask(link.link, 30000), -EPIPE);
+    beside.join();
+    ExpectAlive("still heard");
+}
+
+// ---- What may fail ----
+
+TEST_F(BlockingTest, FailureOfTheSystemIsToldAndTheLinkGoesOn) {
+    {
+        const ScopedFault fault(Call::Poll, ENOMEM, Where().ThisThread());
+        EXPECT_EQ(Ask(link.link, 30000), -ENOMEM);
+    }
+    EXPECT_EQ(peer.Receive().payload, "x");
+    {
+        const ScopedFault fault(Call::Poll, EINTR, Where().ThisThread());
+        std::thread beside([&] { peer.Send(RawResponse(peer.Receive().id, "answer")); });
+        EXPECT_EQ(Ask(link.link, 30000), 0);
+        beside.join();
+    }
+    ExpectAlive();
 }
 
 } // namespace

@@ -337,6 +337,19 @@ TEST_F(OpeningTest, OptionsAreTheCallersAgainOnceTheOpenReturns) {
     EXPECT_STREQ(TarvoLinkPeer(link.link), remote.c_str());
 }
 
+TEST_F(OpeningTest, RemoteThatSpeaksBeforeItListensIsHeardOnceItDoes) {
+    ASSERT_EQ(link.Open(TARVO_LINK_ARRANGED_SERVER, remote, self), 0);
+    peer.OpenWrite();
+    peer.Send(RawRequest(1, "early"));
+    // It comes to an end: bytes that cannot be delivered yet do not keep the descriptor readable.
+    loop.RunWhileReadable();
+    EXPECT_EQ(link.events, Strings());
+    loop.RunBeside([&] { peer.OpenRead(); });
+    EXPECT_TRUE(link.Await("request early"));
+    EXPECT_EQ(link.Take(), (Strings{"opened 0", "request early"}));
+    ExpectAlive();
+}
+
 // ---- Without a watch ----
 
 class UnwatchedTest : public OpeningTest, public testing::WithParamInterface<int> {};

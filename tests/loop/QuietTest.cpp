@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "loop/LoopFixture.h"
@@ -144,6 +145,36 @@ TEST_F(QuietTest, CallCostsSixSystemCallsAtBothEndsTogether) {
     // twice. Two reads and two writes remain, and now and then the timer.
     EXPECT_LE(total(), CALLS * 4 + CALLS / 50);
     EXPECT_LE(waits.Count(), static_cast<unsigned>(CALLS * 4));
+}
+
+// What has come besides is lost then, as a request is for which the other engine has no memory.
+TEST_F(QuietTest, BlockingCallHasItsAnswerAlsoWithoutMemoryForWhatElseComes) {
+    const std::string self = UniqueName("self");
+    const std::string remote = UniqueName("remote");
+    RawPeer peer(remote, self);
+    Probe link(loop);
+    ASSERT_EQ(link.Open(TARVO_LINK_ARRANGED_SERVER, remote, self), 0);
+    loop.RunBeside([&] { peer.OpenBoth(); });
+    ASSERT_TRUE(link.Await("opened 0"));
+    std::optional<AllocFault> fault;
+    char room[16];
+    uint32_t size = sizeof(room);
+    {
+        const ScopedHook answer(
+            Call::Poll,
+            [&](const CallInfo &) {
+                peer.Send(RawRequest(1, std::string(100, 'x')) + RawResponse(peer.Receive().id, "answer"));
+                fault.emplace(1U);
+            },
+            Where().ThisThread());
+        EXPECT_EQ(TarvoLinkCallSync(link.link, {"ask", 3}, 30000, room, &size), 0);
+    }
+    EXPECT_TRUE(fault->Hit());
+    fault.reset();
+    EXPECT_EQ(std::string(room, size), "answer");
+    peer.Send(RawRequest(2, "next"));
+    EXPECT_TRUE(link.Await("request next"));
+    EXPECT_EQ(link.events, (Strings{"opened 0", "request next"}));
 }
 
 TEST_F(QuietTest, NothingHappensWhileNothingIsToBeDone) {

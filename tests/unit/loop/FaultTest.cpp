@@ -199,6 +199,26 @@ TEST_F(FaultTest, WithoutADirectoryWatchTheTimerLooks) {
     EXPECT_EQ(fault.Hits(), 1U);
 }
 
+TEST_F(LoopTest, APostInsideACallbackWithoutMemoryIsRefused) {
+    struct Poster {
+        TarvoLoop *loop;
+        int refused = 0;
+        int runs = 0;
+    } poster{loop};
+    const auto post = [](void *context) {
+        auto &self = *static_cast<Poster *>(context);
+        ++self.runs;
+        const AllocFault fault(1);
+        self.refused = TarvoLoopPost(
+            self.loop, [](void *) { FAIL(); }, &self);
+    };
+    ASSERT_EQ(TarvoLoopPost(loop, post, &poster), 0);
+    Drain(loop);
+    EXPECT_EQ(poster.refused, -ENOMEM);
+    EXPECT_EQ(poster.runs, 1);
+    EXPECT_EQ(TarvoLoopDispatch(loop, 10), 0);
+}
+
 // What a round has read and not delivered is kept elsewhere at its end, or delivered where there is no memory for that.
 TEST_F(LinkTest, ADestroyedLoopDeliversNothingMoreAlsoWithoutMemory) {
     std::optional<AllocFault> fault;
