@@ -1,5 +1,7 @@
 // The blocking call while others want something of the loop's thread, too.
 #include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <thread>
@@ -63,6 +65,48 @@ TEST_F(BlockingTest, OpenThatFailsInItsTimeEndsIt) {
     EXPECT_TRUE(loop.Readable());
     loop.RunWhileReadable();
     EXPECT_EQ(opening.events, Strings{"opened " + std::to_string(-ETIMEDOUT)});
+}
+
+TEST_F(BlockingTest, DirectoryThatIsNeverStillDoesNotHoldItUpBeyondItsTime) {
+    constexpr unsigned MANY = 2000;
+    unsigned files = 0;
+    Probe opening(loop);
+    ASSERT_EQ(opening.Open(TARVO_LINK_ARRANGED_CLIENT, UniqueName("nobody"), self), 0);
+    const std::string file = FifoDirectory() + UniqueName("news");
+    const auto makeNews = [&] {
+        if (++files < MANY) {
+            EXPECT_EQ(mkfifo(file.c_str(), 0660), 0);
+            EXPECT_EQ(unlink(file.c_str()), 0);
+        }
+    };
+    makeNews();
+    const ScopedHook beforeEachLook(
+        Call::Read,
+        [&](const CallInfo &) {
+            makeNews();
+            poll(nullptr, 0, 1);
+        },
+        Where().Always().ThisThread());
+    EXPECT_EQ(Ask(opening.link, 50), -ETIMEDOUT);
+    EXPECT_GT(files, 1U);
+    EXPECT_LT(files, MANY);
+}
+
+TEST_F(BlockingTest, RemoteThatSpeaksBeforeItListensIsWaitedFor) {
+    const std::string late = UniqueName("late");
+    RawPeer speaker(late, self);
+    Probe opening(loop);
+    ASSERT_EQ(opening.Open(TARVO_LINK_ARRANGED_SERVER, late, self), 0);
+    std::thread beside([&] {
+        speaker.OpenWrite();
+        speaker.Send(RawRequest(1, "early"));
+        speaker.OpenRead();
+        speaker.Send(RawResponse(speaker.Receive().id, "answer"));
+    });
+    EXPECT_EQ(Ask(opening.link, 30000), 0);
+    beside.join();
+    loop.RunWhileReadable();
+    EXPECT_EQ(opening.events, (Strings{"opened 0", "request early"}));
 }
 
 // ---- A FIFO that is full when it begins ----
