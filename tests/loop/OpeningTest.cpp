@@ -183,6 +183,16 @@ TEST_F(OpeningTest, OneDeadlineCoversEveryStep) {
     RemoveOwnFifoFiles();
 }
 
+TEST_F(OpeningTest, OpenWithoutAnyTimeEndsInTheNextRoundUnlessEverythingIsThere) {
+    const HandServer server(remote);
+    for (const TarvoLinkKind kind : {TARVO_LINK_TO_SERVER, TARVO_LINK_ARRANGED_CLIENT, TARVO_LINK_ARRANGED_SERVER}) {
+        EXPECT_EQ(OpenResult(Options(kind, 0)), -ETIMEDOUT) << kind;
+    }
+    EXPECT_EQ(OwnFifoFiles(), Strings{remote});
+    peer.CreateFiles();
+    EXPECT_EQ(OpenResult(Options(TARVO_LINK_ARRANGED_CLIENT, 0)), 0);
+}
+
 TEST_F(OpeningTest, FailedLinkIsOfNoUseAndMustBeClosed) {
     ASSERT_EQ(link.Open(TARVO_LINK_ARRANGED_CLIENT, remote, self, 0), 0);
     EXPECT_TRUE(link.Await("opened " + std::to_string(-ETIMEDOUT)));
