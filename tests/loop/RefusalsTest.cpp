@@ -134,6 +134,32 @@ TEST_F(RefusalsTest, ChildThatWasForkedInsideACallbackIsRefusedLikeAnyOther) {
     EXPECT_FALSE(peer.HasInput());
 }
 
+// A loop refuses itself only: two of one thread are two loops.
+TEST_F(RefusalsTest, AnotherLoopOfTheThreadMayBeUsedInsideACallback) {
+    OpenLink(TARVO_LINK_ARRANGED_SERVER);
+    TestLoop inner;
+    ServiceProbe service(inner);
+    const std::string name = UniqueName("service");
+    ASSERT_EQ(service.Open(name), 0);
+    service.onClient = MakeEcho;
+    Probe client(inner);
+    link.onRequest = [&](uint32_t, const std::string &text) {
+        if (text != "outer") {
+            return;
+        }
+        ASSERT_EQ(client.Open(TARVO_LINK_TO_SERVER, name, self), 0);
+        EXPECT_TRUE(client.Await("opened 0"));
+        EXPECT_GT(client.Call("question", "call"), 0);
+        EXPECT_TRUE(client.Await("done call 0 question"));
+        EXPECT_EQ(TarvoLoopRun(inner.Get(), 0), -ETIMEDOUT);
+        EXPECT_EQ(TarvoLoopDispatch(loop.Get(), 1), -EDEADLK);
+    };
+    peer.Send(RawRequest(1, "outer") + RawRequest(2, "after"));
+    EXPECT_TRUE(link.Await("request outer"));
+    EXPECT_TRUE(client.Has("done call 0 question"));
+    EXPECT_TRUE(link.Await("request after")) << "what the outer round had read is still its own";
+}
+
 // The thread sanitizer sees what they share.
 TEST_F(RefusalsTest, AnotherThreadIsRefusedAlsoWhileTheLoopRuns) {
     OpenLink(TARVO_LINK_ARRANGED_SERVER);
