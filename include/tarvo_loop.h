@@ -77,8 +77,9 @@ TARVO_LOOP_API int TarvoLoopDestroy(TarvoLoop *loop);
 // or what an earlier dispatch has left over. It is the loop's own: do not read from, change or close it.
 TARVO_LOOP_API int TarvoLoopFd(const TarvoLoop *loop);
 
-// Runs what is due: at most `max` (at least 1) callbacks, shared fairly between the links. Never blocks. Returns the
-// number of callbacks that it has run, -EDEADLK inside a callback, -ECANCELED when one of them has destroyed the loop.
+// Runs what is due: at most `max` (at least 1) callbacks, shared fairly between the links; more only where there is no
+// memory to keep what was read for the next dispatch. Never blocks. Returns the number of callbacks that it has run,
+// -EDEADLK inside a callback, -ECANCELED when one of them has destroyed the loop.
 TARVO_LOOP_API int TarvoLoopDispatch(TarvoLoop *loop, int max);
 
 // Dispatches and sleeps until TarvoLoopStop is called or `timeoutMs` have passed (negative: no limit). Returns 0 when
@@ -194,7 +195,7 @@ TARVO_LOOP_API int TarvoLinkHold(TarvoLink *link);
 // Sends the batch and ends the hold. Returns 0, -EAGAIN (it goes out when there is room), -EPIPE.
 TARVO_LOOP_API int TarvoLinkFlush(TarvoLink *link);
 
-// The name of the remote, valid until the link is closed; null for a null link.
+// The name of the remote, valid until the link is closed; null where other functions refuse the link.
 TARVO_LOOP_API const char *TarvoLinkPeer(const TarvoLink *link);
 
 // Replaces the context of the link's callbacks. Returns 0.

@@ -29,7 +29,8 @@ while [[ $# -gt 0 ]]; do
 done
 
 build=build/checked
-counts=$build/profile library=$build/src/libtarvo.so merged=$build/coverage.profdata
+counts=$build/profile merged=$build/coverage.profdata
+libraries=("$build/src/libtarvo.so" -object "$build/src/loop/libtarvo-loop.so")
 failed=0
 if [[ ${#run[@]} -gt 0 ]]; then
     # Counts of an earlier run would be added to those of this one. Some tests run as other users.
@@ -41,11 +42,11 @@ fi
 
 llvm-profdata merge --sparse --failure-mode=all -o $merged $counts/*.profraw
 sources=("$PWD/src")
-llvm-cov report "$library" "--instr-profile=$merged" --show-region-summary=false "${sources[@]}"
+llvm-cov report "${libraries[@]}" "--instr-profile=$merged" --show-region-summary=false "${sources[@]}"
 if [[ -n $html ]]; then
-    llvm-cov show "$library" "--instr-profile=$merged" --format=html --show-branches=count "--output-dir=$html" "${sources[@]}"
+    llvm-cov show "${libraries[@]}" "--instr-profile=$merged" --format=html --show-branches=count "--output-dir=$html" "${sources[@]}"
 fi
-llvm-cov export "$library" "--instr-profile=$merged" --summary-only "${sources[@]}" | python3 -c '
+llvm-cov export "${libraries[@]}" "--instr-profile=$merged" --summary-only "${sources[@]}" | python3 -c '
 import json, sys
 totals = json.load(sys.stdin)["data"][0]["totals"]
 missed = False

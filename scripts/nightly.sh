@@ -15,9 +15,9 @@ Runs the long proofs, all of them (about four hours) or the named steps:
 
   kills    20000 kills of servers and clients, restarted at once: nobody wedged, an answer within 1 s (99th percentile)
   loopkills
-           2000 kills of a service of the loop under a client: each call ends once
+           2000 kills of services of the loop under 8 clients: each call ends once
   loop     10^6 calls of the loop with cancels and time-outs at the median answer, and 20 minutes of calls: each call ends
-           once, nothing grows, no thread
+           once; the heap, the resident memory, the descriptors and the threads of both processes do not grow
   comeback 1000 kills of the server of a tarvo::Client, on all processors and on one: no call lost, no line per attempt
   stopped  servers stopped for 30 s: refused sends at once, time-outs at most 20 ms late, others at half speed or more
   reconnect
@@ -70,7 +70,7 @@ storm_and_clean() {
 
 step_kills() { run kills "$kills kills" storm_and_clean --kills "$kills" --groups 6 ${seed:+--seed "$seed"}; }
 step_loopkills() {
-    run loopkills "2000 kills under the loop" storm storm_loop --calls 300000 --kills 2000 ${seed:+--seed "$seed"}
+    run loopkills "2000 kills under the loop" storm storm_loop --calls 300000 --kills 2000 --groups 8 ${seed:+--seed "$seed"}
 }
 
 step_loop() {

@@ -58,8 +58,6 @@ public:
     bool HasEnds() const { return ended.first != nullptr; }
     bool NextEnd(uint64_t round, CallEnd &end);
 
-    bool Outstanding() const { return active.first != nullptr; }
-
 private:
     static constexpr uint32_t ONE_WAY = 0x80000000U;
     static constexpr uint32_t SLOT_BITS = 16;

@@ -18,7 +18,7 @@ constexpr std::size_t BUFFER_SIZE = 4096;
 
 } // namespace
 
-bool DirectoryWatch::Add(FileWaiter &waiter) {
+void DirectoryWatch::Add(FileWaiter &waiter) {
     if (!waiter.waits) {
         waiter.waits = true;
         waiter.previous = nullptr;
@@ -28,10 +28,12 @@ bool DirectoryWatch::Add(FileWaiter &waiter) {
         }
         first = &waiter;
     }
-    return directory >= 0 || Begin();
+    if (directory < 0) {
+        Begin();
+    }
 }
 
-bool DirectoryWatch::Begin() {
+void DirectoryWatch::Begin() {
     int ret = 0;
     if (fd.Get() < 0) {
         fd = UniqueFd(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
@@ -46,9 +48,7 @@ bool DirectoryWatch::Begin() {
     if (ret != 0) {
         TARVO_LOG_RESTRAINED(LOG_WARNING, "Watch the FIFO directory failed, ret=%d: looking from time to time.", ret);
         End();
-        return false;
     }
-    return true;
 }
 
 // What came after the end of an earlier watch, and of its end.
@@ -63,9 +63,6 @@ void DirectoryWatch::Remove(FileWaiter &waiter) {
         return;
     }
     waiter.waits = false;
-    if (nextToTell == &waiter) {
-        nextToTell = waiter.next;
-    }
     (waiter.previous != nullptr ? waiter.previous->next : first) = waiter.next;
     if (waiter.next != nullptr) {
         waiter.next->previous = waiter.previous;
@@ -87,11 +84,11 @@ void DirectoryWatch::End() {
 void DirectoryWatch::Tell(std::string_view name) {
     FileWaiter *waiter = first;
     while (waiter != nullptr) {
-        nextToTell = waiter->next;
+        // It may not wait any more after that; the others still do.
+        FileWaiter *const next = waiter->next;
         waiter->OnFileChanged(name);
-        waiter = nextToTell;
+        waiter = next;
     }
-    nextToTell = nullptr;
 }
 
 void DirectoryWatch::OnEvents(uint32_t /*what*/, uint32_t /*events*/) {
@@ -103,6 +100,11 @@ void DirectoryWatch::OnEvents(uint32_t /*what*/, uint32_t /*events*/) {
         std::memcpy(&event, buffer.data() + at, sizeof(event));
         const char *const name = buffer.data() + at + sizeof(event);
         at += static_cast<ssize_t>(sizeof(event) + event.len);
+        if ((event.mask & IN_IGNORED) != 0 && event.wd == directory) {
+            // The directory is gone. Another one that takes its name is watched when the next one waits.
+            directory = -1;
+            End();
+        }
         // An overflow has no name, and concerns everybody.
         Tell(event.len > 0 ? std::string_view(name) : std::string_view());
     }

@@ -18,7 +18,7 @@ public:
     FileWaiter(const FileWaiter &) = delete;
     FileWaiter &operator=(const FileWaiter &) = delete;
 
-    // A file of this name has come into the FIFO directory; empty: some have.
+    // A file of this name has come into the FIFO directory; empty: some have. Takes nobody else out.
     virtual void OnFileChanged(std::string_view name) = 0;
 
 private:
@@ -35,10 +35,13 @@ public:
     explicit DirectoryWatch(TarvoLoop &owner) : loop(owner) {}
     ~DirectoryWatch() override = default;
 
-    // From now on `waiter` is told. False when the system has no watch for it: it has to look by itself. Either way it
-    // is taken out with Remove.
-    bool Add(FileWaiter &waiter);
+    // From now on `waiter` is told of files, if the system has a watch for that, and of the end of the watch as if some
+    // had come. It is taken out with Remove.
+    void Add(FileWaiter &waiter);
     void Remove(FileWaiter &waiter);
+
+    // Whether those who wait are told; otherwise they have to look by themselves.
+    bool IsWatching() const { return directory >= 0; }
 
     // Readable when there is news; -1: nobody waits.
     int Fd() const { return watch.fd; }
@@ -46,7 +49,7 @@ public:
     void OnEvents(uint32_t what, uint32_t events) override;
 
 private:
-    bool Begin();
+    void Begin();
     void Forget();
     void End();
     void Tell(std::string_view name);
@@ -56,7 +59,6 @@ private:
     int directory = -1;
     Watch watch;
     FileWaiter *first = nullptr;
-    FileWaiter *nextToTell = nullptr; // those before it have been told
 };
 
 #endif // TARVO_LOOP_DIRECTORYWATCH_H

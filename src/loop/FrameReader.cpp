@@ -11,6 +11,8 @@
 namespace {
 
 constexpr char LOG_TAG[] = "FrameReader";
+// The room that is kept for the next rest of a read, so that a stream of small frames needs no memory for each.
+constexpr std::size_t KEPT_STASH = 4096;
 
 MsgHead HeadAt(const char *bytes) {
     MsgHead head;
@@ -23,8 +25,10 @@ MsgHead HeadAt(const char *bytes) {
 void FrameReader::Feed(const char *bytes, std::size_t size) {
     unread = bytes;
     end = bytes + size;
-    if (!stash.empty()) {
+    if (stash.capacity() > KEPT_STASH) {
         std::string().swap(stash);
+    } else {
+        stash.clear();
     }
 }
 

@@ -45,7 +45,7 @@ public:
     // client that does so again while its link opens has it already; an open one is left to what still uses it.
     static int OpenForClient(TarvoLoop &loop, LinkSpec &&spec, TarvoLink *&firstOfService);
 
-    TarvoLoop &Loop() { return loop; }
+    TarvoLoop &Loop() const { return loop; }
     const char *Peer() const { return origin.remote.c_str(); }
     void SetContext(void *newContext) { spec.context = newContext; }
 
@@ -111,6 +111,7 @@ private:
 
     // CallSync.
     int AwaitOpen(int64_t deadlineUs);
+    int AwaitStep(int64_t deadlineUs);
     int AwaitAnswer(int64_t number, int64_t deadlineUs, char *answer, uint32_t &size);
     int AwaitBytes(int64_t deadlineUs);
     int KeepFrames(int64_t number, char *answer, uint32_t &size);

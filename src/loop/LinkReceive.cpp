@@ -22,7 +22,8 @@ bool TarvoLink::Serve(int share, int &ran) {
     }
     // What has no room elsewhere is delivered now, for the bytes have to go: more than the share then.
     // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete): nothing dies in a round, as this is, which it cannot see
-    while (state != State::CLOSED && reader.HasNext() && !reader.Stash() && ServeOne() != Step::NOTHING) {
+    while (state != State::CLOSED && !loop.IsDestroyed() && reader.HasNext() && !reader.Stash() &&
+           ServeOne() != Step::NOTHING) {
         ++ran;
     }
     if (state == State::CLOSED && !calls.HasEnds()) {

@@ -2,6 +2,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <climits>
@@ -14,17 +15,30 @@
 namespace {
 
 constexpr char LOG_TAG[] = "LinkSync";
+constexpr int64_t MICROSECONDS = 1000000;
+constexpr int64_t NANOSECONDS_PER_MICROSECOND = 1000;
 // KeepFrames: the answer is not among them.
 constexpr int NOT_YET = 1;
 
-// 0 when one of them is ready or a signal has come, -ETIMEDOUT, or a negated errno.
-template <std::size_t Count>
-int Wait(std::array<pollfd, Count> &fds, int64_t deadlineUs) {
-    const int ready = poll(fds.data(), fds.size(), LeftMs(deadlineUs));
-    if (ready < 0 && errno != EINTR) {
-        return -errno;
+// Of a wait: 0 when something is ready or a signal has come, -ETIMEDOUT, or a negated errno.
+int Verdict(int ready) {
+    if (ready < 0) {
+        return errno == EINTR ? 0 : -errno;
     }
     return ready == 0 ? -ETIMEDOUT : 0;
+}
+
+template <std::size_t Count>
+int Wait(std::array<pollfd, Count> &fds, int64_t deadlineUs) {
+    return Verdict(poll(fds.data(), fds.size(), LeftMs(deadlineUs)));
+}
+
+// The same where a millisecond is long. INT64_MAX: no limit.
+template <std::size_t Count>
+int WaitPrecisely(std::array<pollfd, Count> &fds, int64_t deadlineUs) {
+    const int64_t left = std::max<int64_t>(deadlineUs - Now(), 0);
+    const timespec limit{left / MICROSECONDS, left % MICROSECONDS * NANOSECONDS_PER_MICROSECOND};
+    return Verdict(ppoll(fds.data(), fds.size(), deadlineUs == INT64_MAX ? nullptr : &limit, nullptr));
 }
 
 } // namespace
@@ -58,26 +72,38 @@ int TarvoLink::CallSync(TarvoBytes payload, int timeoutMs, char *answer, uint32_
 
 int TarvoLink::AwaitOpen(int64_t deadlineUs) {
     while (state == State::OPENING) {
-        loop.SettleTimers();
-        std::array<pollfd, 3> fds{{{loop.Clock().Fd(), POLLIN, 0},
-                                   {loop.Directory().Fd(), POLLIN, 0},
-                                   {muted ? -1 : readWatch.fd, POLLIN, 0}}};
-        const int ret = Wait(fds, deadlineUs);
+        const bool last = LeftMs(deadlineUs) == 0;
+        const int ret = AwaitStep(deadlineUs);
         if (ret != 0) {
             return ret;
         }
-        if (fds[0].revents != 0) {
-            loop.Clock().Fired();
-            loop.Clock().Expire();
-        }
-        if (fds[1].revents != 0) {
-            loop.Directory().OnEvents(0, EPOLLIN);
-        }
-        if (fds[2].revents != 0 && state == State::OPENING) {
-            OnEvents(READ_END, static_cast<uint32_t>(fds[2].revents));
+        if (last && state == State::OPENING) {
+            return -ETIMEDOUT;
         }
     }
     loop.SettleTimers();
+    return 0;
+}
+
+// Looks at the clock for this link only: whether an answer on another one has come in time is seen in the round that
+// reads it first.
+int TarvoLink::AwaitStep(int64_t deadlineUs) {
+    std::array<pollfd, 2> fds{{{loop.Directory().Fd(), POLLIN, 0}, {muted ? -1 : readWatch.fd, POLLIN, 0}}};
+    const int64_t look = opening->NextLookUs();
+    const bool isEnd = deadlineUs != NO_DEADLINE && deadlineUs <= look;
+    const int ret = WaitPrecisely(fds, isEnd ? deadlineUs : look);
+    if (ret != 0 && (ret != -ETIMEDOUT || isEnd)) {
+        return ret;
+    }
+    if (fds[0].revents != 0) {
+        loop.Directory().OnEvents(0, EPOLLIN);
+    }
+    if (fds[1].revents != 0 && state == State::OPENING) {
+        OnEvents(READ_END, static_cast<uint32_t>(fds[1].revents));
+    }
+    if (state == State::OPENING) {
+        opening->LookIfDue();
+    }
     return 0;
 }
 
@@ -85,9 +111,14 @@ int TarvoLink::AwaitAnswer(int64_t number, int64_t deadlineUs, char *answer, uin
     // What an earlier round has left comes first.
     int ret = KeepFrames(number, answer, size);
     while (ret == NOT_YET) {
+        // There may be something to read whenever it looks.
+        const bool last = LeftMs(deadlineUs) == 0;
         ret = AwaitBytes(deadlineUs);
         if (ret == 0) {
             ret = KeepFrames(number, answer, size);
+        }
+        if (ret == NOT_YET && last) {
+            ret = -ETIMEDOUT;
         }
     }
     return ret;

@@ -55,8 +55,11 @@ public:
     int Check() const;
     // Whether this is a child of the process that has made the first loop.
     static bool IsInherited();
-    // Check(), and -EDEADLK inside a callback.
-    int CheckOutside() const { return inRound ? -EDEADLK : Check(); }
+    // Check(), and -EDEADLK inside a callback. Other threads must not even look at what the loop's changes.
+    int CheckOutside() const {
+        const int ret = Check();
+        return ret == 0 && inRound ? -EDEADLK : ret;
+    }
 
     int Fd() const { return poller.Fd(); }
     int Dispatch(int max);
@@ -72,6 +75,8 @@ public:
     DirectoryWatch &Directory() { return directory; }
     bool InRound() const { return inRound; }
     uint64_t Round() const { return round; }
+    // Whether no callback may run any more.
+    bool IsDestroyed() const { return destroyed; }
     // Whether no further callback may run in this round.
     bool Interrupted() const { return destroyed || (running && stop.load(std::memory_order_relaxed)); }
     // Has `work` served in a round after the marks of this one, and the descriptor readable until then.

@@ -81,8 +81,7 @@ int Opening::Start() {
 
 int Opening::StartWaiting() {
     // Before the first look: what comes between that and the wait is told.
-    const bool told = loop.Directory().Add(*this);
-    watched = told && IsInFifoDirectory(plan.readFile) && IsInFifoDirectory(plan.writeFile);
+    loop.Directory().Add(*this);
     step = plan.serverFile.empty() ? Step::FILES : Step::LEFTOVERS;
     leftoverEnd = Now() + LEFTOVER_LIMIT_US;
     Advance();
@@ -107,13 +106,17 @@ void Opening::Advance() {
             step = Step::FILES;
             retryUs = FIRST_RETRY_US;
             // Leftovers that stay are no news, and may be what the server goes on with.
-            return watched && !Exists(plan.readFile) ? 0 : RetryLater();
+            return IsWatched() && !Exists(plan.readFile) ? 0 : RetryLater();
         }
         if (step == Step::FILES) {
             return TryFiles();
         }
         return step == Step::WRITE_END ? TryWriteEnd() : 0;
     });
+}
+
+bool Opening::IsWatched() const {
+    return loop.Directory().IsWatching() && IsInFifoDirectory(plan.readFile) && IsInFifoDirectory(plan.writeFile);
 }
 
 bool Opening::LeftoversGone() {
@@ -163,7 +166,7 @@ int Opening::MakeFiles() {
 
 int Opening::TryFiles() {
     if (!Exists(plan.writeFile) || !Exists(plan.readFile)) {
-        return watched ? 0 : RetryLater();
+        return IsWatched() ? 0 : RetryLater();
     }
     const int fd = OpenEnd(plan.readFile, O_RDONLY);
     if (fd == -ENOENT) {
@@ -228,6 +231,21 @@ int Opening::RetryLater() {
     // The end of a file is not told of: it mostly comes at once.
     retryUs = std::min(retryUs * 2, step == Step::LEFTOVERS ? LONGEST_LEFTOVER_RETRY_US : LONGEST_RETRY_US);
     return loop.Clock().Arm(retry, Now() + wait) ? 0 : -ENOMEM;
+}
+
+int64_t Opening::NextLookUs() const {
+    const int64_t end = deadline.Armed() ? deadline.Deadline() : INT64_MAX;
+    return retry.Armed() ? std::min(end, retry.Deadline()) : end;
+}
+
+void Opening::LookIfDue() {
+    const int64_t now = Now();
+    for (Alarm *const alarm : {&retry, &deadline}) {
+        if (alarm->Armed() && alarm->Deadline() <= now) {
+            loop.Clock().Disarm(*alarm);
+            alarm->OnTimer();
+        }
+    }
 }
 
 void Opening::OnRetry() { Advance(); }

@@ -51,12 +51,15 @@ public:
     // Ends it without telling the listener. May be called again.
     void Abandon();
 
+    // Its own moments, for who waits for it outside of the loop's rounds: those of others are not looked at. INT64_MAX:
+    // there is none.
+    int64_t NextLookUs() const;
+    void LookIfDue();
+
     // There is something to read, or the remote has hung up.
     void OnReadEnd(bool hangUp);
 
     void OnFileChanged(std::string_view name) override;
-
-    const OpeningPlan &Plan() const { return plan; }
 
 private:
     enum class Step { LEFTOVERS, ANNOUNCE, FILES, WRITE_END, DONE };
@@ -76,6 +79,8 @@ private:
     void OnRetry();
     int Start();
     int StartWaiting();
+    // Whether a directory watch tells of the files.
+    bool IsWatched() const;
     bool LeftoversGone();
     int Announce();
     int MakeFiles();
@@ -93,7 +98,6 @@ private:
     OpeningPlan plan;
     Listener &listener;
     Step step = Step::LEFTOVERS;
-    bool watched = false; // a directory watch tells of the files
     bool filesMade = false;
     bool readEndWatched = false;
     int64_t retryUs;         // the next wait

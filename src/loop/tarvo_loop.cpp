@@ -21,6 +21,8 @@
 namespace {
 
 constexpr int32_t NO_PROCESS = -1;
+// No structure of any version will be larger: a greater size is that of a field which nobody has set.
+constexpr uint32_t LARGEST_OPTIONS = 4096;
 
 template <typename Body>
 int WithoutThrow(Body body) {
@@ -37,7 +39,7 @@ template <typename Options>
 bool Take(const Options *given, Options &taken) {
     uint32_t size = 0;
     std::memcpy(&size, given, sizeof(size));
-    if (size < sizeof(taken)) {
+    if (size < sizeof(taken) || size > LARGEST_OPTIONS) {
         return false;
     }
     std::memcpy(&taken, given, sizeof(taken));
@@ -58,7 +60,7 @@ bool IsNameValid(const char *name) {
 const char *NameOf(const char *self) { return self != nullptr ? self : EnvManager::ProcName(); }
 
 int CheckLoop(const TarvoLoop *loop) { return loop == nullptr ? -EINVAL : loop->Check(); }
-int CheckLink(TarvoLink *link) { return link == nullptr ? -EINVAL : link->Loop().Check(); }
+int CheckLink(const TarvoLink *link) { return link == nullptr ? -EINVAL : link->Loop().Check(); }
 
 int OpenLink(TarvoLoop &loop, const TarvoLinkOptions &options, const TarvoLinkCallbacks &callbacks, TarvoLink **link) {
     const bool announces = options.kind == TARVO_LINK_TO_SERVER;
@@ -241,7 +243,7 @@ int TarvoLinkFlush(TarvoLink *link) {
     return ret != 0 ? ret : link->Flush();
 }
 
-const char *TarvoLinkPeer(const TarvoLink *link) { return link == nullptr ? nullptr : link->Peer(); }
+const char *TarvoLinkPeer(const TarvoLink *link) { return CheckLink(link) != 0 ? nullptr : link->Peer(); }
 
 int TarvoLinkSetContext(TarvoLink *link, void *context) {
     const int ret = CheckLink(link);

@@ -1,10 +1,13 @@
 // Links that open, in each way, with every remote that comes late, never, or wrong.
 #include <fcntl.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
+#include <fstream>
 
 #include "loop/LoopFixture.h"
 #include "support/Faults.h"
@@ -180,6 +183,16 @@ TEST_F(OpeningTest, OneDeadlineCoversEveryStep) {
     RemoveOwnFifoFiles();
 }
 
+TEST_F(OpeningTest, OpenWithoutAnyTimeEndsInTheNextRoundUnlessEverythingIsThere) {
+    const HandServer server(remote);
+    for (const TarvoLinkKind kind : {TARVO_LINK_TO_SERVER, TARVO_LINK_ARRANGED_CLIENT, TARVO_LINK_ARRANGED_SERVER}) {
+        EXPECT_EQ(OpenResult(Options(kind, 0)), -ETIMEDOUT) << kind;
+    }
+    EXPECT_EQ(OwnFifoFiles(), Strings{remote});
+    peer.CreateFiles();
+    EXPECT_EQ(OpenResult(Options(TARVO_LINK_ARRANGED_CLIENT, 0)), 0);
+}
+
 TEST_F(OpeningTest, FailedLinkIsOfNoUseAndMustBeClosed) {
     ASSERT_EQ(link.Open(TARVO_LINK_ARRANGED_CLIENT, remote, self, 0), 0);
     EXPECT_TRUE(link.Await("opened " + std::to_string(-ETIMEDOUT)));
@@ -334,6 +347,19 @@ TEST_F(OpeningTest, OptionsAreTheCallersAgainOnceTheOpenReturns) {
     EXPECT_STREQ(TarvoLinkPeer(link.link), remote.c_str());
 }
 
+TEST_F(OpeningTest, RemoteThatSpeaksBeforeItListensIsHeardOnceItDoes) {
+    ASSERT_EQ(link.Open(TARVO_LINK_ARRANGED_SERVER, remote, self), 0);
+    peer.OpenWrite();
+    peer.Send(RawRequest(1, "early"));
+    // It comes to an end: bytes that cannot be delivered yet do not keep the descriptor readable.
+    loop.RunWhileReadable();
+    EXPECT_EQ(link.events, Strings());
+    loop.RunBeside([&] { peer.OpenRead(); });
+    EXPECT_TRUE(link.Await("request early"));
+    EXPECT_EQ(link.Take(), (Strings{"opened 0", "request early"}));
+    ExpectAlive();
+}
+
 // ---- Without a watch ----
 
 class UnwatchedTest : public OpeningTest, public testing::WithParamInterface<int> {};
@@ -378,6 +404,35 @@ TEST_F(OpeningTest, LinkThatWaitsForItsFilesIsNotWokenByTheClock) {
     EXPECT_EQ(timers.Count(), 0U) << "a watch tells when the files come";
     loop.RunBeside([&] { peer.CreateFiles(); });
     EXPECT_TRUE(link.Await("opened 0"));
+}
+
+// Ends the watch of this process's only inotify descriptor, as the end of the directory does.
+bool EndWatch() {
+    for (const auto &[fd, target] : OpenDescriptors()) {
+        int watch = 0;
+        std::ifstream info("/proc/self/fdinfo/" + std::to_string(fd));
+        for (std::string line; target.find("inotify") != std::string::npos && std::getline(info, line);) {
+            if (std::sscanf(line.c_str(), "inotify wd:%d", &watch) == 1) {
+                return inotify_rm_watch(fd, watch) == 0;
+            }
+        }
+    }
+    return false;
+}
+
+TEST_F(OpeningTest, WatchThatEndsLeavesItToTheTimer) {
+    ASSERT_EQ(link.Open(TARVO_LINK_ARRANGED_CLIENT, remote, self), 0);
+    loop.RunWhileReadable();
+    ASSERT_TRUE(EndWatch());
+    loop.RunWhileReadable();
+    EXPECT_EQ(link.events, Strings());
+    loop.RunBeside([&] {
+        peer.CreateFiles();
+        peer.OpenWrite();
+    });
+    EXPECT_TRUE(link.Await("opened 0"));
+    link.events.clear();
+    ExpectAlive();
 }
 
 // ---- Everything at once ----

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "loop/LoopFixture.h"
@@ -144,6 +145,88 @@ TEST_F(QuietTest, CallCostsSixSystemCallsAtBothEndsTogether) {
     // twice. Two reads and two writes remain, and now and then the timer.
     EXPECT_LE(total(), CALLS * 4 + CALLS / 50);
     EXPECT_LE(waits.Count(), static_cast<unsigned>(CALLS * 4));
+}
+
+TEST_F(QuietTest, OneWayRequestsAllocateNothingAlsoWhenNoneIsAnswered) {
+    const std::string self = UniqueName("self");
+    const std::string remote = UniqueName("remote");
+    int received = 0;
+    TarvoLinkCallbacks callbacks = {};
+    callbacks.size = sizeof(callbacks);
+    callbacks.request = [](void *context, TarvoLink *, uint32_t, TarvoBytes) { ++*static_cast<int *>(context); };
+    TarvoLinkOptions options = Probe::Options(self, remote);
+    options.kind = TARVO_LINK_ARRANGED_SERVER;
+    options.context = &received;
+    options.callbacks = &callbacks;
+    TarvoLink *receiver = nullptr;
+    ASSERT_EQ(TarvoLinkOpen(loop.Get(), &options, &receiver), 0);
+    Probe sender(loop);
+    ASSERT_EQ(sender.Open(TARVO_LINK_ARRANGED_CLIENT, remote, self), 0);
+    ASSERT_TRUE(sender.Await("opened 0"));
+    // `atOnce` in a round, of which each dispatch serves a part.
+    const auto stream = [&](int count, int atOnce) {
+        for (const int all = received + count; received < all;) {
+            for (int i = 0; i < atOnce; ++i) {
+                ASSERT_EQ(TarvoLinkSend(sender.link, {"news", 4}), 0);
+            }
+            for (const int some = received + atOnce; received < some;) {
+                ASSERT_GE(TarvoLoopDispatch(loop.Get(), 2), 0);
+            }
+        }
+    };
+    // Each may be answered until so many others have come.
+    stream(TARVO_LOOP_MAX_REQUESTS, 64);
+    const std::size_t before = ThreadAllocations();
+    stream(5000, 1);
+    stream(5000, 5);
+    EXPECT_EQ(ThreadAllocations(), before);
+    EXPECT_EQ(TarvoLinkClose(receiver), 0);
+}
+
+TEST_F(QuietTest, PostsAfterTheFirstAllocateNothing) {
+    int ran = 0;
+    const auto post = [&](int count) {
+        for (int i = 0; i < count; ++i) {
+            ASSERT_EQ(TarvoLoopPost(
+                          loop.Get(), [](void *context) { ++*static_cast<int *>(context); }, &ran),
+                      0);
+            ASSERT_EQ(TarvoLoopDispatch(loop.Get(), 10), 1);
+        }
+    };
+    post(10);
+    const std::size_t before = ThreadAllocations();
+    post(1000);
+    EXPECT_EQ(ThreadAllocations(), before);
+}
+
+// What has come besides is lost then, as a request is for which the other engine has no memory.
+TEST_F(QuietTest, BlockingCallHasItsAnswerAlsoWithoutMemoryForWhatElseComes) {
+    const std::string self = UniqueName("self");
+    const std::string remote = UniqueName("remote");
+    RawPeer peer(remote, self);
+    Probe link(loop);
+    ASSERT_EQ(link.Open(TARVO_LINK_ARRANGED_SERVER, remote, self), 0);
+    loop.RunBeside([&] { peer.OpenBoth(); });
+    ASSERT_TRUE(link.Await("opened 0"));
+    std::optional<AllocFault> fault;
+    char room[16];
+    uint32_t size = sizeof(room);
+    {
+        const ScopedHook answer(
+            Call::Poll,
+            [&](const CallInfo &) {
+                peer.Send(RawRequest(1, std::string(100, 'x')) + RawResponse(peer.Receive().id, "answer"));
+                fault.emplace(1U);
+            },
+            Where().ThisThread());
+        EXPECT_EQ(TarvoLinkCallSync(link.link, {"ask", 3}, 30000, room, &size), 0);
+    }
+    EXPECT_TRUE(fault->Hit());
+    fault.reset();
+    EXPECT_EQ(std::string(room, size), "answer");
+    peer.Send(RawRequest(2, "next"));
+    EXPECT_TRUE(link.Await("request next"));
+    EXPECT_EQ(link.events, (Strings{"opened 0", "request next"}));
 }
 
 TEST_F(QuietTest, NothingHappensWhileNothingIsToBeDone) {

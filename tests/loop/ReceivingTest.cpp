@@ -197,6 +197,20 @@ TEST_P(ReceivingTest, LinkWithoutCallbacksReadsOn) {
     EXPECT_EQ(TarvoLinkClose(deaf), 0);
 }
 
+TEST_P(ReceivingTest, BadHeadsThatComeInPiecesAreDroppedAlike) {
+    for (const Garbage &garbage : AllGarbage()) {
+        SCOPED_TRACE(garbage.what);
+        const std::string bytes = garbage.bytes + RawRequest(1, garbage.what);
+        for (const std::size_t cut : {std::size_t{1}, std::size_t{31}, garbage.bytes.size() / 2}) {
+            peer.Send(bytes.substr(0, cut));
+            loop.RunWhileReadable();
+            peer.Send(bytes.substr(cut));
+            EXPECT_TRUE(link.Await(std::string("request ") + garbage.what));
+            EXPECT_EQ(link.Take().size(), 1U);
+        }
+    }
+}
+
 // ---- Replies ----
 
 TEST_P(ReceivingTest, ReplyEchoesTheIdOfTheRequestAndNamesNoTimeOut) {

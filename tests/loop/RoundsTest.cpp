@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "loop/LoopFixture.h"
+#include "support/Faults.h"
 #include "support/Process.h"
 
 namespace tarvo_test {
@@ -186,6 +187,17 @@ TEST_F(RoundsTest, SignalWithoutAStopDoesNotEndTheRun) {
     other.join();
     EXPECT_GT(seen, 0);
     std::signal(SIGUSR1, SIG_DFL);
+}
+
+TEST_F(RoundsTest, FailureOfTheSystemIsToldAndTheLoopGoesOn) {
+    OpenLink(TARVO_LINK_ARRANGED_SERVER);
+    peer.Send(RawRequest(1, "waits"));
+    {
+        const ScopedFault fault(Call::EpollWait, ENOMEM, Where().Times(2).ThisThread());
+        EXPECT_EQ(TarvoLoopDispatch(loop.Get(), 10), -ENOMEM);
+        EXPECT_EQ(TarvoLoopRun(loop.Get(), -1), -ENOMEM);
+    }
+    EXPECT_TRUE(link.Await("request waits"));
 }
 
 // ---- Who may call what ----

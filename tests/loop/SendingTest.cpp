@@ -177,6 +177,31 @@ TEST_P(SendingTest, LinkThatWasNotRefusedIsNotToldThatItMayWrite) {
     EXPECT_EQ(link.events, Strings());
 }
 
+TEST_P(SendingTest, LinkWithoutAWritableMaySendAgainOnceThereIsRoom) {
+    const std::string other = UniqueName("other");
+    RawPeer reader(other, self);
+    TarvoLinkOptions options = Probe::Options(other, self);
+    options.kind = TARVO_LINK_ARRANGED_SERVER;
+    TarvoLink *mute = nullptr;
+    ASSERT_EQ(TarvoLinkOpen(loop.Get(), &options, &mute), 0);
+    loop.RunBeside([&] { reader.OpenBoth(); });
+    ASSERT_TRUE(loop.RunUntil([&] { return TarvoLinkSend(mute, {"x", 1}) == 0; }));
+    int sent = 1;
+    while (TarvoLinkSend(mute, {"x", 1}) == 0) {
+        ++sent;
+    }
+    EXPECT_EQ(TarvoLinkSend(mute, {"x", 1}), -EAGAIN);
+    loop.RunBeside([&] {
+        for (int i = 0; i < sent; ++i) {
+            reader.Receive();
+        }
+    });
+    loop.RunWhileReadable();
+    EXPECT_EQ(TarvoLinkSend(mute, {"again", 5}), 0);
+    EXPECT_EQ(reader.Receive().payload, "again");
+    EXPECT_EQ(TarvoLinkClose(mute), 0);
+}
+
 TEST_P(SendingTest, SenderThatFollowsWritableLosesNothing) {
     constexpr int MESSAGES = 500;
     int next = 0;

@@ -242,6 +242,41 @@ TEST_F(ServingTest, SameClientConnectsAgainAtOnceAndIsHeard) {
     EXPECT_TRUE(loop.RunUntil([&] { return OwnFifoFiles() == Strings{name}; }));
 }
 
+// Of the same process, say, with a second library in it: what still uses the first link keeps it.
+TEST_F(ServingTest, SameClientThatConnectsOnceMoreHasASecondLinkAndKeepsTheFirst) {
+    Start();
+    const std::string twice = UniqueName("twice");
+    RawPeer first(twice, name);
+    Write(Connect(twice));
+    loop.RunBeside([&] { first.OpenBoth(); });
+    ASSERT_TRUE(service.AwaitClients(1));
+    RawPeer second(twice, name);
+    Write(Connect(twice));
+    loop.RunWhileReadable();
+    loop.RunBeside([&] { second.OpenBoth(); });
+    ASSERT_TRUE(service.AwaitClients(2));
+    for (RawPeer *const peer : {&first, &second}) {
+        peer->Send(RawRequest(5, "question"));
+        loop.RunBeside([&] { EXPECT_EQ(peer->Receive().payload, "question"); });
+    }
+    first.CloseWrite();
+    first.CloseRead();
+    EXPECT_TRUE(service.clients[0].Await("closed"));
+    EXPECT_TRUE(Exists(second.WriteFile())) << "the first link's end takes the second's files away";
+    second.CloseWrite();
+    second.CloseRead();
+    EXPECT_TRUE(service.clients[1].Await("closed"));
+    loop.RunWhileReadable();
+    EXPECT_EQ(OwnFifoFiles(), Strings{name});
+}
+
+TEST_F(ServingTest, FileThatAnotherServerHasLockedMeanwhileIsItsOwn) {
+    const ScopedFault locked(Call::Flock, EWOULDBLOCK, Where().ThisThread());
+    EXPECT_EQ(service.Open(name), -EADDRINUSE);
+    EXPECT_EQ(locked.Hits(), 1U);
+    EXPECT_TRUE(Exists(file));
+}
+
 // ---- Writers who follow no rules ----
 
 TEST_F(ServingTest, PacketsAgainstTheRulesAreSkippedAndTheNextClientIsServed) {

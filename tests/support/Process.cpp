@@ -58,9 +58,7 @@ bool PassAll(Pass pass, int fd, Byte *data, std::size_t size) {
         code = ASSERTION_FAILED;
     }
     std::fflush(nullptr);
-    if (LibraryCounts()) {
-        TarvoDumpCoverage();
-    }
+    DumpCoverage();
     _exit(code);
 }
 

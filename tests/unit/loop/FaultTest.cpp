@@ -199,5 +199,60 @@ TEST_F(FaultTest, WithoutADirectoryWatchTheTimerLooks) {
     EXPECT_EQ(fault.Hits(), 1U);
 }
 
+TEST_F(LoopTest, APostInsideACallbackWithoutMemoryIsRefused) {
+    struct Poster {
+        TarvoLoop *loop;
+        int refused = 0;
+        int runs = 0;
+    } poster{loop};
+    const auto post = [](void *context) {
+        auto &self = *static_cast<Poster *>(context);
+        ++self.runs;
+        const AllocFault fault(1);
+        self.refused = TarvoLoopPost(
+            self.loop, [](void *) { FAIL(); }, &self);
+    };
+    ASSERT_EQ(TarvoLoopPost(loop, post, &poster), 0);
+    Drain(loop);
+    EXPECT_EQ(poster.refused, -ENOMEM);
+    EXPECT_EQ(poster.runs, 1);
+    EXPECT_EQ(TarvoLoopDispatch(loop, 10), 0);
+}
+
+// What a round has read and not delivered is kept elsewhere at its end, or delivered where there is no memory for that.
+TEST_F(LinkTest, ADestroyedLoopDeliversNothingMoreAlsoWithoutMemory) {
+    std::optional<AllocFault> fault;
+    server.links.onRequest = [&](TarvoLink *, uint32_t, TarvoBytes) {
+        EXPECT_EQ(TarvoLoopDestroy(loop), 0);
+        fault.emplace(1U);
+    };
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_EQ(TarvoLinkSend(link, Bytes("x")), 0);
+    }
+    EXPECT_EQ(TarvoLoopDispatch(loop, INT_MAX), -ECANCELED);
+    fault.reset();
+    EXPECT_EQ(server.links.requests.size(), 1U);
+    loop = nullptr;
+}
+
+TEST_F(LinkTest, WithoutMemoryForTheRestOfARoundSomeOfItIsDeliveredAtOnce) {
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_EQ(TarvoLinkSend(link, Bytes(std::to_string(i))), 0);
+    }
+    std::optional<AllocFault> fault;
+    server.links.onRequest = [&](TarvoLink *, uint32_t, TarvoBytes) {
+        if (!fault) {
+            fault.emplace(1U);
+        }
+    };
+    EXPECT_EQ(TarvoLoopDispatch(loop, 1), 2);
+    EXPECT_TRUE(fault->Hit());
+    fault.reset();
+    EXPECT_EQ(server.links.requests.back().payload, "1");
+    EXPECT_TRUE(IsReadable(loop));
+    EXPECT_EQ(TarvoLoopDispatch(loop, 1), 1);
+    EXPECT_EQ(server.links.requests.back().payload, "2");
+}
+
 } // namespace
 } // namespace tarvo_test

@@ -105,6 +105,38 @@ TEST_F(OpeningTest, ANewRemoteTakesThePlaceOfStaleFiles) {
     ASSERT_TRUE(Wait([&] { return client.requests.size() == 1; }));
 }
 
+TEST_F(OpeningTest, AFileThatGoesBetweenTheLookAndTheOpenIsWaitedForAgain) {
+    // The far side only opens it for writing.
+    const auto toRead = [](const CallInfo &info) { return (info.number & O_ACCMODE) == O_RDONLY; };
+    const ScopedFault gone(Call::Open, ENOENT, Where().PathHas(FifoPath(name, self)).If(toRead).ThisThread());
+    Recorder far;
+    OpenLink(loop, far, self, TARVO_LINK_ARRANGED_SERVER, PATIENCE_MS, name);
+    Open(TARVO_LINK_ARRANGED_CLIENT);
+    ASSERT_TRUE(Wait([&] { return client.opened && far.opened; }));
+    EXPECT_EQ(client.result, 0);
+    EXPECT_EQ(gone.Hits(), 1U);
+}
+
+TEST_F(OpeningTest, WithoutADescriptorForTheFileOfANewRemoteTheOpenFails) {
+    const std::string stale[2] = {FifoPath(name, self), FifoPath(self, name)};
+    for (const std::string &file : stale) {
+        ASSERT_EQ(mkfifo(file.c_str(), 0660), 0);
+    }
+    Open(TARVO_LINK_ARRANGED_CLIENT);
+    Drain(loop);
+    ASSERT_FALSE(client.opened);
+    {
+        Recorder far;
+        TarvoLink *const making = OpenLink(loop, far, self, TARVO_LINK_ARRANGED_SERVER, PATIENCE_MS, name);
+        const ScopedFault none(Call::Open, EMFILE, Where().PathHas(FifoPath(name, self)).ThisThread());
+        ASSERT_TRUE(Wait([&] { return client.opened; }));
+        EXPECT_EQ(client.result, -EMFILE);
+        EXPECT_EQ(none.Hits(), 1U);
+        TarvoLinkClose(making);
+    }
+    Drain(loop);
+}
+
 TEST_F(OpeningTest, TheTimeOfAnArrangedLinkIsKeptAndItsFilesGo) {
     Open(TARVO_LINK_ARRANGED_SERVER, 30);
     EXPECT_EQ(OwnFifoFiles().size(), 2U);
