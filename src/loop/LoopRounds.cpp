@@ -34,6 +34,7 @@ public:
         loop.EndRound();
         loop.inRound = false;
         loop.running = false;
+        loop.sleeping.store(false, std::memory_order_relaxed);
         if (!loop.ready.Empty() && !loop.destroyed) {
             loop.posts.Wake();
         }
@@ -56,22 +57,19 @@ int TarvoLoop::Dispatch(int max) {
 }
 
 int TarvoLoop::Run(int timeoutMs) {
-    if (stop.exchange(false)) {
-        return 0;
-    }
     const int64_t deadline = timeoutMs < 0 ? -1 : Now() + timeoutMs * MICROSECONDS_PER_MILLISECOND;
     int ret = 0;
     {
         const RoundScope scope(*this);
         running = true;
-        bool more = true;
+        bool more = !TakeStop();
         while (more) {
             int wait = deadline < 0 ? -1 : LeftMs(deadline);
             const bool last = wait == 0;
             wait = ready.Empty() ? wait : 0;
             int ran = 0;
             ret = RunRound(wait, INT_MAX, ran);
-            if (destroyed || ret < 0 || stop.exchange(false)) {
+            if (destroyed || ret < 0 || TakeStop()) {
                 more = false;
             } else if (last) {
                 ret = -ETIMEDOUT;
@@ -91,7 +89,7 @@ int TarvoLoop::Finish(int result) {
 }
 
 int TarvoLoop::RunRound(int waitMs, int max, int &ran) {
-    const int ret = poller.Poll(waitMs);
+    const int ret = Poll(waitMs);
     if (ret < 0) {
         return ret;
     }
@@ -99,6 +97,26 @@ int TarvoLoop::RunRound(int waitMs, int max, int &ran) {
     ServeAll(max, ran);
     EndRound();
     return 0;
+}
+
+int TarvoLoop::Poll(int waitMs) {
+    if (waitMs == 0) {
+        return poller.Poll(0);
+    }
+    // In this order, as Stop() has it the other way round: either the stop is seen here, or the sleep there.
+    sleeping.store(true);
+    const int ret = poller.Poll(stop.load() ? 0 : waitMs);
+    sleeping.store(false, std::memory_order_relaxed);
+    return ret;
+}
+
+bool TarvoLoop::TakeStop() {
+    if (!stop.load(std::memory_order_relaxed) || !stop.exchange(false)) {
+        return false;
+    }
+    // It may have woken the thread when that did not sleep any more: for this the descriptor must not be readable.
+    OnEvents(POSTS, EPOLLIN);
+    return true;
 }
 
 void TarvoLoop::EndRound() {
