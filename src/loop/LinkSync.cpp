@@ -2,10 +2,12 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
-#include <climits>
+#include <cstdint>
 #include <cstring>
+#include <ctime>
 
 #include "diag/run_time_record.h"
 #include "diag/velm_syslog.h"
@@ -15,26 +17,27 @@ namespace {
 
 constexpr char LOG_TAG[] = "LinkSync";
 constexpr int64_t MICROSECONDS_PER_MILLISECOND = 1000;
-constexpr int64_t NO_DEADLINE = -1;
+constexpr int64_t NO_DEADLINE = INT64_MAX;
+// The link waits for this call itself.
+constexpr int64_t NO_TIMER = -1;
+constexpr int64_t MICROSECONDS = 1000000;
+constexpr int64_t NANOSECONDS_PER_MICROSECOND = 1000;
 constexpr int PATIENT_TIMEOUT_MS = 18000000;
 // KeepFrames: the answer is not among them.
 constexpr int NOT_YET = 1;
 
 int64_t Now() { return static_cast<int64_t>(Tarvo::GetCurrentTime()); }
 
-// Milliseconds that are left, rounded up; -1 without a limit.
-int LeftMs(int64_t deadlineUs) {
-    if (deadlineUs == NO_DEADLINE) {
-        return -1;
-    }
-    const int64_t left = deadlineUs - Now();
-    return left <= 0 ? 0 : static_cast<int>((left + MICROSECONDS_PER_MILLISECOND - 1) / MICROSECONDS_PER_MILLISECOND);
-}
-
 // 0 when one of them is ready or a signal has come, -ETIMEDOUT, or a negated errno.
 template <std::size_t Count>
 int Wait(std::array<pollfd, Count> &fds, int64_t deadlineUs) {
-    const int ready = poll(fds.data(), fds.size(), LeftMs(deadlineUs));
+    timespec left{};
+    if (deadlineUs != NO_DEADLINE) {
+        const int64_t leftUs = std::max<int64_t>(deadlineUs - Now(), 0);
+        left.tv_sec = leftUs / MICROSECONDS;
+        left.tv_nsec = leftUs % MICROSECONDS * NANOSECONDS_PER_MICROSECOND;
+    }
+    const int ready = ppoll(fds.data(), fds.size(), deadlineUs != NO_DEADLINE ? &left : nullptr, nullptr);
     if (ready < 0 && errno != EINTR) {
         return -errno;
     }
@@ -56,7 +59,7 @@ int TarvoLink::CallSync(TarvoBytes payload, int timeoutMs, char *answer, uint32_
     if (ret != 0) {
         return ret;
     }
-    const int64_t call = calls.Begin(nullptr, nullptr, NO_DEADLINE);
+    const int64_t call = calls.Begin(nullptr, nullptr, NO_TIMER);
     if (call < 0) {
         return static_cast<int>(call);
     }
@@ -75,24 +78,20 @@ int TarvoLink::CallSync(TarvoBytes payload, int timeoutMs, char *answer, uint32_
 
 int TarvoLink::AwaitOpen(int64_t deadlineUs) {
     while (state == State::OPENING) {
-        loop.SettleTimers();
-        std::array<pollfd, 3> fds{{{loop.Clock().Fd(), POLLIN, 0},
-                                   {loop.Directory().Fd(), POLLIN, 0},
-                                   {muted ? -1 : readWatch.fd, POLLIN, 0}}};
-        const int ret = Wait(fds, deadlineUs);
-        if (ret != 0) {
+        std::array<pollfd, 2> fds{{{loop.Directory().Fd(), POLLIN, 0}, {muted ? -1 : readWatch.fd, POLLIN, 0}}};
+        const int64_t moment = opening->NextMoment(deadlineUs);
+        const int ret = Wait(fds, moment);
+        if (ret != 0 && (ret != -ETIMEDOUT || moment == deadlineUs)) {
             return ret;
         }
         if (fds[0].revents != 0) {
-            loop.Clock().Fired();
-            loop.Clock().Expire();
-        }
-        if (fds[1].revents != 0) {
             loop.Directory().OnEvents(0, EPOLLIN);
         }
-        if (fds[2].revents != 0 && state == State::OPENING) {
-            OnEvents(READ_END, static_cast<uint32_t>(fds[2].revents));
+        if (fds[1].revents != 0 && state == State::OPENING) {
+            OnEvents(READ_END, static_cast<uint32_t>(fds[1].revents));
         }
+        // Not all timers of the loop: the answers to the calls of other links may have come in time.
+        opening->OnMoment();
     }
     loop.SettleTimers();
     return 0;

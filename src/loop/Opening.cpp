@@ -241,6 +241,19 @@ void Opening::OnDeadline() {
     }
 }
 
+int64_t Opening::NextMoment(int64_t latestUs) const {
+    int64_t moment = latestUs;
+    for (const Timer *const timer : {&deadline, &retry}) {
+        moment = timer->Armed() ? std::min(moment, timer->Deadline()) : moment;
+    }
+    return moment;
+}
+
+void Opening::OnMoment() {
+    loop.Clock().Ring(retry);
+    loop.Clock().Ring(deadline);
+}
+
 void Opening::OnFileChanged(std::string_view name) {
     const bool concerned = step == Step::LEFTOVERS || step == Step::FILES;
     if (concerned && (name.empty() || IsNameOf(name, plan.readFile) || IsNameOf(name, plan.writeFile))) {

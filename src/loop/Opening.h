@@ -56,6 +56,11 @@ public:
 
     void OnFileChanged(std::string_view name) override;
 
+    // For who waits for this opening alone: when it goes on by itself (monotonic microseconds, at most `latestUs`), and
+    // what it does then.
+    int64_t NextMoment(int64_t latestUs) const;
+    void OnMoment();
+
     const OpeningPlan &Plan() const { return plan; }
 
 private:
