@@ -1,5 +1,6 @@
 #include "loop/Service.h"
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -22,6 +23,11 @@ constexpr std::size_t MAX_NAME_LENGTH = 100;
 // How long the link of a client may take to open, in ms; five hours when a debugger may hold the client.
 constexpr int32_t OPEN_TIMEOUT = 2000;
 constexpr int32_t PATIENT_OPEN_TIMEOUT = 18000000;
+
+bool IsEmpty(int fifo) {
+    int left = 0;
+    return ioctl(fifo, FIONREAD, &left) == 0 && left == 0;
+}
 
 } // namespace
 
@@ -60,7 +66,7 @@ void TarvoService::ReadPackets() {
         }
         OpenLink(packet);
     }
-    if (static_cast<std::size_t>(count) < TarvoLoop::SCRATCH_SIZE) {
+    if (static_cast<std::size_t>(count) < TarvoLoop::SCRATCH_SIZE || IsEmpty(file.ReadFd())) {
         packets.EndOfRead();
     }
 }
