@@ -7,14 +7,11 @@
 #include <cerrno>
 
 #include "diag/velm_syslog.h"
+#include "fifo/check_file_attr.h"
 
 namespace {
 
 constexpr char LOG_TAG[] = "Files";
-
-bool IsSameFile(const struct stat &one, const struct stat &other) {
-    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
-}
 
 int RefuseFile(const std::string &name) {
     TARVO_LOG_RESTRAINED(LOG_ERR, "File %s exists but is not fifo file.", name.c_str());
