@@ -1,10 +1,10 @@
 // Something else than a FIFO of ours stands under a name that the library uses, or takes its place while it works.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
-#include <fcntl.h>
 
 #include "faults/Hostile.h"
 #include "faults/Scenes.h"
