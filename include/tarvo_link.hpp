@@ -15,7 +15,9 @@ namespace tarvo {
 // close or destroy the link, the loop, and anything else. An exception that leaves one ends the process.
 template <typename Opened = detail::NoHandler, typename Request = detail::NoHandler,
           typename Closed = detail::NoHandler, typename Writable = detail::NoHandler>
-class LinkHandlers {
+class LinkHandlers : public detail::HandlerSetters<LinkHandlers, Opened, Request, Closed, Writable> {
+    using Setters = detail::HandlerSetters<LinkHandlers, Opened, Request, Closed, Writable>;
+
 public:
     LinkHandlers() = default;
 
@@ -25,44 +27,16 @@ public:
     auto OnOpened(Callback callback) && {
         static_assert(std::is_invocable_v<Callback &, LinkView, std::error_code>,
                       "tarvo: OnOpened takes a callable for (tarvo::LinkView, std::error_code)");
-        return Made(std::move(callback), std::move(set_.request), std::move(set_.closed), std::move(set_.writable));
-    }
-    // `callback(const LinkRequest &)` for each request of the remote. What it returns is the reply, if it returns
-    // something that converts to a Payload; one for which there is no room is lost: where that may be, use Reply.
-    template <typename Callback>
-    auto OnRequest(Callback callback) && {
-        detail::CheckRequestHandler<Callback>();
-        return Made(std::move(set_.first), std::move(callback), std::move(set_.closed), std::move(set_.writable));
-    }
-    // `callback(LinkView)`, once, when the remote has closed or died: after all its requests and the ends of all calls.
-    template <typename Callback>
-    auto OnClosed(Callback callback) && {
-        static_assert(std::is_invocable_v<Callback &, LinkView>,
-                      "tarvo: OnClosed takes a callable for (tarvo::LinkView)");
-        return Made(std::move(set_.first), std::move(set_.request), std::move(callback), std::move(set_.writable));
-    }
-    // `callback(LinkView)` when there is room again, once after something was refused for want of it.
-    template <typename Callback>
-    auto OnWritable(Callback callback) && {
-        static_assert(std::is_invocable_v<Callback &, LinkView>,
-                      "tarvo: OnWritable takes a callable for (tarvo::LinkView)");
-        return Made(std::move(set_.first), std::move(set_.request), std::move(set_.closed), std::move(callback));
+        return this->WithFirst(std::move(callback));
     }
 
 private:
-    template <typename, typename, typename, typename>
-    friend class LinkHandlers;
+    template <template <typename, typename, typename, typename> class, typename, typename, typename, typename>
+    friend class detail::HandlerSetters;
     friend class Link;
-    using Set = detail::HandlerSet<Opened, Request, Closed, Writable>;
+    using typename Setters::Set;
 
-    explicit LinkHandlers(Set &&set) : set_(std::move(set)) {}
-
-    template <typename... Callbacks>
-    static LinkHandlers<Callbacks...> Made(Callbacks... callbacks) {
-        return LinkHandlers<Callbacks...>({std::move(callbacks)...});
-    }
-
-    Set set_;
+    explicit LinkHandlers(Set &&set) : Setters(std::move(set)) {}
 };
 
 // How to open a link: TarvoLinkOptions with names. Setters return the object. Threads: one at a time.
@@ -177,9 +151,8 @@ private:
             error = std::make_error_code(std::errc::invalid_argument);
             return {};
         }
-        std::unique_ptr<Block> block(new (std::nothrow) Block(std::forward<Set>(set)));
+        std::unique_ptr<Block> block = detail::MakeBlock<Block>(std::forward<Set>(set), error);
         if (block == nullptr) {
-            error = std::make_error_code(std::errc::not_enough_memory);
             return {};
         }
         const TarvoLinkCallbacks callbacks = Block::Table();

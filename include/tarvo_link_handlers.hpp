@@ -32,6 +32,55 @@ constexpr void CheckRequestHandler() {
     }
 }
 
+// The setters that the handlers of links and those of services have in common; `Handlers` is the template of the two
+// whose base it is. Each returns new handlers.
+template <template <typename, typename, typename, typename> class Handlers, typename First, typename Request,
+          typename Closed, typename Writable>
+class HandlerSetters {
+public:
+    // `callback(const LinkRequest &)` for each request of the remote. What it returns is the reply, if it returns
+    // something that converts to a Payload; one for which there is no room is lost: where that may be, use Reply.
+    template <typename Callback>
+    auto OnRequest(Callback callback) && {
+        CheckRequestHandler<Callback>();
+        return Made(std::move(set_.first), std::move(callback), std::move(set_.closed), std::move(set_.writable));
+    }
+    // `callback(LinkView)`, once, when the remote has closed or died: after all its requests and the ends of all calls.
+    // The link of a service's client is closed when it returns.
+    template <typename Callback>
+    auto OnClosed(Callback callback) && {
+        static_assert(std::is_invocable_v<Callback &, LinkView>,
+                      "tarvo: OnClosed takes a callable for (tarvo::LinkView)");
+        return Made(std::move(set_.first), std::move(set_.request), std::move(callback), std::move(set_.writable));
+    }
+    // `callback(LinkView)` when there is room again, once after something was refused for want of it.
+    template <typename Callback>
+    auto OnWritable(Callback callback) && {
+        static_assert(std::is_invocable_v<Callback &, LinkView>,
+                      "tarvo: OnWritable takes a callable for (tarvo::LinkView)");
+        return Made(std::move(set_.first), std::move(set_.request), std::move(set_.closed), std::move(callback));
+    }
+
+protected:
+    using Set = HandlerSet<First, Request, Closed, Writable>;
+
+    HandlerSetters() = default;
+    explicit HandlerSetters(Set &&set) : set_(std::move(set)) {}
+
+    template <typename Callback>
+    auto WithFirst(Callback callback) {
+        return Made(std::move(callback), std::move(set_.request), std::move(set_.closed), std::move(set_.writable));
+    }
+
+    Set set_;
+
+private:
+    template <typename... Callbacks>
+    static Handlers<Callbacks...> Made(Callbacks... callbacks) {
+        return Handlers<Callbacks...>({std::move(callbacks)...});
+    }
+};
+
 // Owns the callables, at an address that stays. Threads: the loop's.
 template <typename Set, bool ofService>
 struct HandlerBlock final : Block {
@@ -108,6 +157,16 @@ struct HandlerBlock final : Block {
 
     Set handlers;
 };
+
+// Null, and not_enough_memory in `error`, where there is no memory for it.
+template <typename Block, typename Set>
+std::unique_ptr<Block> MakeBlock(Set &&set, std::error_code &error) noexcept {
+    std::unique_ptr<Block> block(new (std::nothrow) Block(std::forward<Set>(set)));
+    if (block == nullptr) {
+        error = std::make_error_code(std::errc::not_enough_memory);
+    }
+    return block;
+}
 
 } // namespace tarvo::detail
 

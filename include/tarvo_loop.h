@@ -201,9 +201,9 @@ TARVO_LOOP_API const char *TarvoLinkPeer(const TarvoLink *link);
 // Replaces the context of the link's callbacks. Returns 0.
 TARVO_LOOP_API int TarvoLinkSetContext(TarvoLink *link, void *context);
 
-// Closes a link at any moment, also while it opens. What its batch holds is written if there is room. Its calls end
-// with -ECANCELED in the next dispatch; no other callback of it comes, nor may it be used any more. The side that
-// created the files removes them. Null is ignored. Returns 0.
+// Closes a link at any moment, also while it opens. What its batch holds is written if there is room. Its calls whose
+// end has not been told yet end with -ECANCELED in the next dispatch; no other callback of it comes, nor may it be used
+// any more. The side that created the files removes them. Null is ignored. Returns 0.
 TARVO_LOOP_API int TarvoLinkClose(TarvoLink *link);
 
 #ifdef __cplusplus

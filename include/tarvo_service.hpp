@@ -11,7 +11,9 @@ namespace tarvo {
 // of those links is closed.
 template <typename Client = detail::NoHandler, typename Request = detail::NoHandler,
           typename Closed = detail::NoHandler, typename Writable = detail::NoHandler>
-class ServiceHandlers {
+class ServiceHandlers : public detail::HandlerSetters<ServiceHandlers, Client, Request, Closed, Writable> {
+    using Setters = detail::HandlerSetters<ServiceHandlers, Client, Request, Closed, Writable>;
+
 public:
     ServiceHandlers() = default;
 
@@ -21,43 +23,16 @@ public:
     auto OnClient(Callback callback) && {
         static_assert(std::is_invocable_v<Callback &, LinkView, std::string_view>,
                       "tarvo: OnClient takes a callable for (tarvo::LinkView, std::string_view)");
-        return Made(std::move(callback), std::move(set_.request), std::move(set_.closed), std::move(set_.writable));
-    }
-    // `callback(const LinkRequest &)` for each request of a client, as LinkHandlers::OnRequest.
-    template <typename Callback>
-    auto OnRequest(Callback callback) && {
-        detail::CheckRequestHandler<Callback>();
-        return Made(std::move(set_.first), std::move(callback), std::move(set_.closed), std::move(set_.writable));
-    }
-    // `callback(LinkView)` when a client has closed or died. The link is closed when it returns.
-    template <typename Callback>
-    auto OnClosed(Callback callback) && {
-        static_assert(std::is_invocable_v<Callback &, LinkView>,
-                      "tarvo: OnClosed takes a callable for (tarvo::LinkView)");
-        return Made(std::move(set_.first), std::move(set_.request), std::move(callback), std::move(set_.writable));
-    }
-    // `callback(LinkView)` when there is room again on a client's link, as LinkHandlers::OnWritable.
-    template <typename Callback>
-    auto OnWritable(Callback callback) && {
-        static_assert(std::is_invocable_v<Callback &, LinkView>,
-                      "tarvo: OnWritable takes a callable for (tarvo::LinkView)");
-        return Made(std::move(set_.first), std::move(set_.request), std::move(set_.closed), std::move(callback));
+        return this->WithFirst(std::move(callback));
     }
 
 private:
-    template <typename, typename, typename, typename>
-    friend class ServiceHandlers;
+    template <template <typename, typename, typename, typename> class, typename, typename, typename, typename>
+    friend class detail::HandlerSetters;
     friend class Service;
-    using Set = detail::HandlerSet<Client, Request, Closed, Writable>;
+    using typename Setters::Set;
 
-    explicit ServiceHandlers(Set &&set) : set_(std::move(set)) {}
-
-    template <typename... Callbacks>
-    static ServiceHandlers<Callbacks...> Made(Callbacks... callbacks) {
-        return ServiceHandlers<Callbacks...>({std::move(callbacks)...});
-    }
-
-    Set set_;
+    explicit ServiceHandlers(Set &&set) : Setters(std::move(set)) {}
 };
 
 // How to serve. Setters return the object. Threads: one at a time.
@@ -111,9 +86,8 @@ public:
             error = std::make_error_code(std::errc::invalid_argument);
             return service;
         }
-        std::unique_ptr<Block> block(new (std::nothrow) Block(std::move(handlers.set_)));
+        std::unique_ptr<Block> block = detail::MakeBlock<Block>(std::move(handlers.set_), error);
         if (block == nullptr) {
-            error = std::make_error_code(std::errc::not_enough_memory);
             return service;
         }
         const TarvoLinkCallbacks callbacks = Block::Table();

@@ -95,10 +95,6 @@ int PublishFifo(const std::string &tempName, const std::string &name) {
     return ret;
 }
 
-bool IsSameFile(const struct stat &one, const struct stat &other) {
-    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
-}
-
 // A thread that waits in the open of a FIFO can be cancelled, whatever its own cancel state.
 int OpenCancellably(const char *path, int flags) {
     if (Uncancelled::Active()) {

@@ -121,6 +121,13 @@ void Calls::EndAll(int result, uint64_t round) {
     }
 }
 
+void Calls::CancelAll(uint64_t round) {
+    for (Slot *slot = ended.first; slot != nullptr; slot = slot->next) {
+        slot->end.result = -ECANCELED;
+    }
+    EndAll(-ECANCELED, round);
+}
+
 bool Calls::NextEnd(uint64_t round, CallEnd &end) {
     if (ended.first == nullptr || ended.first->round >= round) {
         return false;

@@ -53,6 +53,9 @@ public:
     bool EndByWireId(uint32_t wireId, int result, uint64_t round);
     // Ends all, oldest first.
     void EndAll(int result, uint64_t round);
+    // EndAll() with -ECANCELED, which is also told of those that have ended already: by any other result the program
+    // may believe that it still has the link.
+    void CancelAll(uint64_t round);
 
     // Whether ends are still to be told; the first of them, if it may be told in `round`.
     bool HasEnds() const { return ended.first != nullptr; }

@@ -5,8 +5,8 @@
 #include <string>
 
 // Opens the FIFO that stands under `name` itself, never through a link, without blocking and closed by exec. `flags` is
-// O_RDONLY or O_WRONLY. The descriptor; -EACCES for anything but a FIFO, or a negated errno: -ENXIO as long as nobody
-// reads, -ENOENT when it is not there.
+// O_RDONLY or O_WRONLY. The descriptor; -EACCES for anything but a FIFO, which is not opened unless it takes the place
+// of one in this very moment; or a negated errno: -ENXIO as long as nobody reads, -ENOENT when it is not there.
 int OpenEnd(const std::string &name, int flags);
 
 // Whether `fd` is open and its file stands under `name` itself.

@@ -161,7 +161,7 @@ void TarvoLink::Close() {
     if (state == State::CLOSED) {
         return;
     }
-    calls.EndAll(-ECANCELED, loop.Round());
+    calls.CancelAll(loop.Round());
     Shut();
     state = State::CLOSED;
     WorkQueue::Remove(*this);

@@ -82,7 +82,9 @@ private:
 void TarvoLoop::Stop() {
     const Visit visit(*this);
     stop.store(true);
-    posts.Wake();
+    if (sleeping.load()) {
+        posts.Wake();
+    }
 }
 
 int TarvoLoop::Post(void (*function)(void *), void *context) {

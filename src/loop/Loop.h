@@ -107,6 +107,8 @@ private:
     class RoundScope;
 
     int RunRound(int waitMs, int max, int &ran);
+    int Poll(int waitMs);
+    bool TakeStop();
     void ServeAll(int max, int &ran);
     void ServeQueue(int max, int &ran);
     void FlushAll();
@@ -121,6 +123,7 @@ private:
     bool destroyed = false;
     bool patient = false;
     std::atomic<bool> stop{false};
+    std::atomic<bool> sleeping{false}; // a run, or it is about to
     // Threads inside Post and Stop: what they do may end the loop's thread before they have left.
     std::atomic<int> visitors{0};
     uint64_t round = 1;

@@ -17,6 +17,7 @@ public:
         loop.EndRound();
         loop.inRound = false;
         loop.running = false;
+        loop.sleeping.store(false, std::memory_order_relaxed);
         if (!loop.ready.Empty() && !loop.destroyed) {
             loop.posts.Wake();
         }
@@ -39,22 +40,19 @@ int TarvoLoop::Dispatch(int max) {
 }
 
 int TarvoLoop::Run(int timeoutMs) {
-    if (stop.exchange(false)) {
-        return 0;
-    }
     const int64_t deadline = DeadlineIn(timeoutMs);
     int ret = 0;
     {
         const RoundScope scope(*this);
         running = true;
-        bool more = true;
+        bool more = !TakeStop();
         while (more) {
             int wait = LeftMs(deadline);
             const bool last = wait == 0;
             wait = ready.Empty() ? wait : 0;
             int ran = 0;
             ret = RunRound(wait, INT_MAX, ran);
-            if (destroyed || ret < 0 || stop.exchange(false)) {
+            if (destroyed || ret < 0 || TakeStop()) {
                 more = false;
             } else if (last) {
                 ret = -ETIMEDOUT;
@@ -74,7 +72,7 @@ int TarvoLoop::Finish(int result) {
 }
 
 int TarvoLoop::RunRound(int waitMs, int max, int &ran) {
-    const int ret = poller.Poll(waitMs);
+    const int ret = Poll(waitMs);
     if (ret < 0) {
         return ret;
     }
@@ -82,6 +80,26 @@ int TarvoLoop::RunRound(int waitMs, int max, int &ran) {
     ServeAll(max, ran);
     EndRound();
     return 0;
+}
+
+int TarvoLoop::Poll(int waitMs) {
+    if (waitMs == 0) {
+        return poller.Poll(0);
+    }
+    // In this order, as Stop() has it the other way round: either the stop is seen here, or the sleep there.
+    sleeping.store(true);
+    const int ret = poller.Poll(stop.load() ? 0 : waitMs);
+    sleeping.store(false, std::memory_order_relaxed);
+    return ret;
+}
+
+bool TarvoLoop::TakeStop() {
+    if (!stop.load(std::memory_order_relaxed) || !stop.exchange(false)) {
+        return false;
+    }
+    // It may have woken the thread when that did not sleep any more: for this the descriptor must not be readable.
+    OnEvents(POSTS, EPOLLIN);
+    return true;
 }
 
 void TarvoLoop::EndRound() {

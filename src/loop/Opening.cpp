@@ -239,13 +239,8 @@ int64_t Opening::NextLookUs() const {
 }
 
 void Opening::LookIfDue() {
-    const int64_t now = Now();
-    for (Alarm *const alarm : {&retry, &deadline}) {
-        if (alarm->Armed() && alarm->Deadline() <= now) {
-            loop.Clock().Disarm(*alarm);
-            alarm->OnTimer();
-        }
-    }
+    loop.Clock().Ring(retry);
+    loop.Clock().Ring(deadline);
 }
 
 void Opening::OnRetry() { Advance(); }

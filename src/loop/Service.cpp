@@ -1,5 +1,6 @@
 #include "loop/Service.h"
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -19,6 +20,11 @@ constexpr char LOG_TAG[] = "Service";
 
 // How long the link of a client may take to open, in ms.
 constexpr int32_t OPEN_TIMEOUT = 2000;
+
+bool IsEmpty(int fifo) {
+    int left = 0;
+    return ioctl(fifo, FIONREAD, &left) == 0 && left == 0;
+}
 
 } // namespace
 
@@ -57,7 +63,7 @@ void TarvoService::ReadPackets() {
         }
         OpenLink(packet);
     }
-    if (static_cast<std::size_t>(count) < TarvoLoop::SCRATCH_SIZE) {
+    if (static_cast<std::size_t>(count) < TarvoLoop::SCRATCH_SIZE || IsEmpty(file.ReadFd())) {
         packets.EndOfRead();
     }
 }

@@ -70,6 +70,15 @@ void Timers::Expire() {
     }
 }
 
+void Timers::Ring(Timer &timer) {
+    if (timer.Armed() && timer.deadline <= Now()) {
+        // That of the descriptor is no later.
+        Fired();
+        Disarm(timer);
+        timer.OnTimer();
+    }
+}
+
 void Timers::Settle() {
     const int64_t earliest = heap.empty() ? UNSET : heap.front().deadline;
     if (earliest < setTo || setTo == FIRED) {

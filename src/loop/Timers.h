@@ -19,6 +19,7 @@ public:
     virtual void OnTimer() = 0;
 
     bool Armed() const { return position != NOWHERE; }
+    // Of an armed one.
     int64_t Deadline() const { return deadline; }
 
 private:
@@ -47,6 +48,9 @@ public:
 
     // After Fired(): wakes all whose moment has come. At other times there is nobody to wake, nor is the clock read.
     void Expire();
+
+    // Wakes `timer` if its moment has come, and no other. When settled; Settle() has to set the descriptor again then.
+    void Ring(Timer &timer);
 
     // Sets the timerfd where that is needed. After changes, before the thread sleeps.
     void Settle();

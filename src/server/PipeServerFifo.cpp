@@ -10,6 +10,7 @@
 
 #include "api/EnvManager.h"
 #include "diag/velm_syslog.h"
+#include "fifo/check_file_attr.h"
 #include "fifo/velm_fifo.h"
 #include "server/PipeServer.h"
 
@@ -19,10 +20,6 @@ namespace {
 constexpr char LOG_TAG[] = "PipeServer";
 // How often a start whose file another server has replaced meanwhile begins anew.
 constexpr int MAX_STARTS_OVER = 3;
-
-bool IsSameFile(const struct stat &one, const struct stat &other) {
-    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
-}
 
 // Keeps the errno that the report of the failure shows. Not where the open has failed for want of a file: one that is
 // there now is another server's.

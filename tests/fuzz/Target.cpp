@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <exception>
 #include <mutex>
 #include <string>
 
@@ -88,9 +89,20 @@ void PrintLog() {
     }
 }
 
+// What a raw peer throws that waits in vain says little without what the library has said.
+[[noreturn]] void EndUncaught() {
+    try {
+        std::rethrow_exception(std::current_exception());
+    } catch (const std::exception &thrown) {
+        tarvo_test::Require(false, thrown.what());
+    }
+    std::abort();
+}
+
 // As every user of the library must.
 __attribute__((constructor)) void Prepare() {
     std::signal(SIGPIPE, SIG_IGN);
+    std::set_terminate(EndUncaught);
     FifoDirectory();
     RemoveOwnFifoFiles();
     std::atexit(RemoveOwnFifoFiles);

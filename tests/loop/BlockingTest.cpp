@@ -45,18 +45,6 @@ TEST_F(BlockingTest, RemoteThatSendsWithoutEndDoesNotHoldItUpBeyondItsTime) {
     EXPECT_EQ(link.events.back(), "request more");
 }
 
-// As in a round, which reads first and looks at the clock then.
-TEST_F(BlockingTest, AnswerThatHasComeInTimeCountsWhileAnotherLinkIsWaitedFor) {
-    ASSERT_GT(link.Call("question", "call", 30), 0);
-    peer.Send(RawResponse(peer.Receive().id, "in time"));
-    Probe opening(loop);
-    ASSERT_EQ(opening.Open(TARVO_LINK_ARRANGED_CLIENT, UniqueName("nobody"), self), 0);
-    EXPECT_EQ(Ask(opening.link, 60), -ETIMEDOUT);
-    EXPECT_EQ(link.events, Strings());
-    loop.RunWhileReadable();
-    EXPECT_EQ(link.events, Strings{"done call 0 in time"});
-}
-
 TEST_F(BlockingTest, OpenThatFailsInItsTimeEndsIt) {
     Probe opening(loop);
     ASSERT_EQ(opening.Open(TARVO_LINK_ARRANGED_CLIENT, UniqueName("nobody"), self, 20), 0);

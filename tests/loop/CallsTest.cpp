@@ -156,6 +156,26 @@ TEST_P(CallsTest, CloseEndsTheCallsInTheNextRoundAndCallsNobodyElse) {
     EXPECT_EQ(link.events, (Strings{Canceled("one"), Canceled("two")}));
 }
 
+TEST_P(CallsTest, EveryEndThatIsToldAfterTheCloseSaysSo) {
+    Begin("one", 0);
+    Begin("two", 0);
+    loop.max = 1;
+    EXPECT_TRUE(link.Await(TimedOut("one"))) << "and the end of the other is still to be told";
+    EXPECT_EQ(link.Close(), 0);
+    loop.RunWhileReadable();
+    EXPECT_EQ(link.events, (Strings{TimedOut("one"), Canceled("two")}));
+}
+
+TEST_P(CallsTest, CallsThatTheRemoteHasEndedAreCancelledByACloseInTheEndOfTheFirst) {
+    Begin("one");
+    Begin("two");
+    link.onDone = [&](const std::string &) { EXPECT_EQ(link.Close(), 0); };
+    peer.CloseWrite();
+    peer.CloseRead();
+    EXPECT_TRUE(link.AwaitCount(2));
+    EXPECT_EQ(link.events, (Strings{"done one " + std::to_string(-EPIPE), Canceled("two")}));
+}
+
 TEST_P(CallsTest, CallMayBeginInTheEndOfAnother) {
     int left = 100;
     link.onDone = [&](const std::string &) {
@@ -332,6 +352,18 @@ TEST_P(BlockingCallTest, OthersTimeOutsArePunctualAfterIt) {
     EXPECT_TRUE(loop.Readable());
     loop.RunWhileReadable();
     EXPECT_EQ(link.events, Strings{TimedOut("other")});
+}
+
+TEST_P(BlockingCallTest, AnswerThatHasComeInTimeCountsThoughTheLoopWaitedForAnotherLink) {
+    Probe slow(loop);
+    ASSERT_EQ(slow.Open(TARVO_LINK_ARRANGED_CLIENT, UniqueName("nobody"), self), 0);
+    ASSERT_GT(link.Call("question", "call", 10), 0);
+    peer.Send(RawResponse(peer.Receive().id, "in time"));
+    char answerRoom[8];
+    uint32_t answerSize = sizeof(answerRoom);
+    EXPECT_EQ(TarvoLinkCallSync(slow.link, {"x", 1}, 40, answerRoom, &answerSize), -ETIMEDOUT);
+    EXPECT_TRUE(link.AwaitCount(1));
+    EXPECT_EQ(link.events, Strings{"done call 0 in time"});
 }
 
 class OpeningCallTest : public LoopTest {};

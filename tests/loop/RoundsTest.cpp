@@ -160,6 +160,49 @@ TEST_F(RoundsTest, StopInACallbackEndsTheRunAfterIt) {
     EXPECT_EQ(ran, 2);
 }
 
+// Stops the loop that is its context.
+void StopIt(void *loop) { EXPECT_EQ(TarvoLoopStop(static_cast<TarvoLoop *>(loop)), 0); }
+
+TEST_F(RoundsTest, StopLeavesNothingToDispatch) {
+    ASSERT_EQ(TarvoLoopPost(loop.Get(), StopIt, loop.Get()), 0);
+    EXPECT_EQ(TarvoLoopRun(loop.Get(), -1), 0);
+    EXPECT_FALSE(loop.Readable()) << "in a callback of a run";
+
+    EXPECT_EQ(TarvoLoopStop(loop.Get()), 0);
+    EXPECT_FALSE(loop.Readable()) << "outside of all";
+    EXPECT_EQ(TarvoLoopRun(loop.Get(), -1), 0);
+    EXPECT_FALSE(loop.Readable()) << "before a run";
+
+    ASSERT_EQ(TarvoLoopPost(loop.Get(), StopIt, loop.Get()), 0);
+    EXPECT_EQ(TarvoLoopDispatch(loop.Get(), 10), 1);
+    EXPECT_FALSE(loop.Readable()) << "in a callback of a dispatch";
+    EXPECT_EQ(TarvoLoopRun(loop.Get(), -1), 0) << "it was for the next run";
+    EXPECT_EQ(TarvoLoopRun(loop.Get(), 0), -ETIMEDOUT);
+}
+
+TEST_F(RoundsTest, StopOfAnotherThreadWhileACallbackRunsLeavesNothingToDispatch) {
+    const auto stop = [](void *context) { std::thread(StopIt, context).join(); };
+    ASSERT_EQ(TarvoLoopPost(loop.Get(), stop, loop.Get()), 0);
+    EXPECT_EQ(TarvoLoopRun(loop.Get(), -1), 0);
+    EXPECT_FALSE(loop.Readable());
+}
+
+TEST_F(RoundsTest, WhatIsPostedBesideAStopStaysDue) {
+    std::vector<int> order;
+    Posted first{&order, 1};
+    Posted second{&order, 2};
+    ASSERT_EQ(TarvoLoopPost(loop.Get(), StopIt, loop.Get()), 0);
+    ASSERT_EQ(TarvoLoopPost(loop.Get(), Posted::Note, &first), 0);
+    EXPECT_EQ(TarvoLoopRun(loop.Get(), -1), 0);
+    EXPECT_EQ(TarvoLoopStop(loop.Get()), 0);
+    ASSERT_EQ(TarvoLoopPost(loop.Get(), Posted::Note, &second), 0);
+    EXPECT_EQ(TarvoLoopRun(loop.Get(), -1), 0);
+    EXPECT_EQ(order, std::vector<int>());
+    EXPECT_TRUE(loop.Readable());
+    EXPECT_EQ(loop.RunWhileReadable(), 2);
+    EXPECT_EQ(order, (std::vector<int>{1, 2}));
+}
+
 TarvoLoop *signalled = nullptr;
 
 TEST_F(RoundsTest, StopInASignalHandlerEndsTheRun) {

@@ -371,6 +371,14 @@ TEST_F(ServingTest, PacketThatBreaksOffInAFieldIsDroppedWithIt) {
     ExpectSkipped(Connect("name").substr(0, 22), "broken off in the name");
 }
 
+TEST_F(ServingTest, PacketThatBreaksOffAtTheEndOfAFullFifoIsDroppedWithIt) {
+    Start();
+    constexpr std::size_t CAPACITY = 65536;
+    const std::string start = Connect("n").substr(0, 18);
+    ExpectSkipped(std::string(CAPACITY - start.size(), '\0') + start, "broken off");
+    EXPECT_EQ(service.names.size(), 1U);
+}
+
 TEST_F(ServingTest, PacketThatBreaksOffBetweenFieldsTakesWhatFollows) {
     Start();
     const std::string good = Connect("n");

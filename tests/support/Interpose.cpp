@@ -1,7 +1,9 @@
 #include "support/Interpose.h"
 
 #include <dlfcn.h>
+#include <pthread.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 
@@ -14,13 +16,27 @@ namespace detail {
 
 std::atomic<unsigned> armed[static_cast<std::size_t>(Call::Count)] = {};
 
-void *ResolveNext(std::atomic<void *> &slot, const char *name) {
-    void *found = slot.load(std::memory_order_acquire);
-    if (found != nullptr) {
-        return found;
+namespace {
+
+// A signal handler that resolves a function, too, would wait for ever for the locks below dlopen.
+class BlockedSignals {
+public:
+    BlockedSignals() {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &before);
     }
-    const int savedErrno = errno;
-    found = dlsym(RTLD_NEXT, name);
+    ~BlockedSignals() { pthread_sigmask(SIG_SETMASK, &before, nullptr); }
+    BlockedSignals(const BlockedSignals &) = delete;
+    BlockedSignals &operator=(const BlockedSignals &) = delete;
+
+private:
+    sigset_t before{};
+};
+
+void *Resolved(const char *name) {
+    const BlockedSignals blocked;
+    void *found = dlsym(RTLD_NEXT, name);
     // RTLD_NEXT may yield the oldest version of a versioned symbol (realpath, pthread_cond_timedwait); a look-up in
     // the library that was found yields the one that new code is linked to.
     Dl_info where{};
@@ -36,8 +52,19 @@ void *ResolveNext(std::atomic<void *> &slot, const char *name) {
         std::fprintf(stderr, "no next definition of %s\n", name);
         std::abort();
     }
-    slot.store(found, std::memory_order_release);
-    errno = savedErrno;
+    return found;
+}
+
+} // namespace
+
+void *ResolveNext(std::atomic<void *> &slot, const char *name) {
+    void *found = slot.load(std::memory_order_acquire);
+    if (found == nullptr) {
+        const int savedErrno = errno;
+        found = Resolved(name);
+        slot.store(found, std::memory_order_release);
+        errno = savedErrno;
+    }
     return found;
 }
 

@@ -182,6 +182,13 @@ int poll(struct pollfd *entries, nfds_t count, int timeout) {
     return Forward<int>(info, [&] { return TARVO_NEXT(poll)(entries, count, timeout); });
 }
 
+int ppoll(struct pollfd *entries, nfds_t count, const struct timespec *timeout, const sigset_t *signals) {
+    CallInfo info = FdCall(Call::Poll, -1, timeout == nullptr ? -1 : static_cast<int>(timeout->tv_sec));
+    info.data = entries;
+    info.size = count;
+    return Forward<int>(info, [&] { return TARVO_NEXT(ppoll)(entries, count, timeout, signals); });
+}
+
 int eventfd(unsigned int initial, int flags) noexcept {
     CallInfo info = FdCall(Call::Eventfd, -1, static_cast<int>(initial));
     info.size = static_cast<size_t>(flags);

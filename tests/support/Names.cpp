@@ -49,9 +49,9 @@ std::vector<std::string> OwnFifoFiles() {
     const std::string &tag = NameTag();
     for (const auto &entry : std::filesystem::directory_iterator(DIRECTORY, error)) {
         std::string name = entry.path().filename();
-        // The tag is followed by a purpose, and preceded by nothing or by the "__to__" of a pipe name.
-        const std::size_t at = name.find(tag);
-        if (at == 0 || (at != std::string::npos && name[at - 1] == '_')) {
+        // The tag is followed by a purpose, and preceded by nothing or by the "__to__" of a pipe name. It may stand
+        // within the other name, too.
+        if (name.compare(0, tag.size(), tag) == 0 || name.find('_' + tag) != std::string::npos) {
             found.push_back(std::move(name));
         }
     }

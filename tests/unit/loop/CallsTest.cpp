@@ -107,6 +107,20 @@ TEST_F(CallsTest, ATimeThatIsUpEndsTheCallAndTellsTheLink) {
     EXPECT_TRUE(timers.Empty());
 }
 
+TEST_F(CallsTest, WhatIsCancelledHasNoOtherEndAlsoWhereItHadOneAlready) {
+    const int64_t first = Begin();
+    const int64_t second = Begin();
+    EXPECT_TRUE(calls.End(second, -EPIPE, 0));
+    calls.CancelAll(ROUND);
+    CallEnd end{};
+    ASSERT_TRUE(calls.NextEnd(ROUND, end));
+    EXPECT_EQ(end.result, -ECANCELED);
+    EXPECT_FALSE(calls.NextEnd(ROUND, end)) << "the other has ended in this round";
+    ASSERT_TRUE(calls.NextEnd(ROUND + 1, end));
+    EXPECT_EQ(end.result, -ECANCELED);
+    EXPECT_FALSE(calls.Answer(Calls::WireId(first), end));
+}
+
 TEST_F(CallsTest, ACallTakenBackHasNoEndAlsoWhenItHadOneAlready) {
     const int64_t call = Begin();
     EXPECT_TRUE(calls.EndByWireId(Calls::WireId(call), -EPIPE, ROUND));

@@ -42,6 +42,26 @@ protected:
     std::vector<int> rung;
 };
 
+TEST_F(TimersTest, OneAloneRingsWhenItIsDueAndTheOthersKeepTheirWakeUp) {
+    Ring mine(rung, 1);
+    Ring other(rung, 2);
+    const int64_t now = Now();
+    EXPECT_TRUE(timers.Arm(mine, now + 3600000000));
+    timers.Ring(mine);
+    EXPECT_TRUE(timers.Arm(mine, now - 1));
+    EXPECT_TRUE(timers.Arm(other, now - 2));
+    timers.Settle();
+    timers.Ring(mine);
+    timers.Ring(mine);
+    timers.Settle();
+    EXPECT_EQ(rung, (std::vector<int>{1}));
+    EXPECT_TRUE(IsReadable(1000));
+    timers.Ring(other);
+    timers.Settle();
+    EXPECT_EQ(rung, (std::vector<int>{1, 2}));
+    EXPECT_FALSE(IsReadable()) << "nobody is left";
+}
+
 TEST_F(TimersTest, ThoseThatAreDueRingInOrder) {
     Ring late(rung, 2);
     Ring early(rung, 1);
