@@ -50,11 +50,11 @@ TEST_F(BenchLoopTest, BothEnginesCallTheSameServerInTurn) {
 
 TEST_F(BenchLoopTest, RatioIsThatOfTheLoopToTheThreads) {
     const ToolResult result = RunTool({"bench", "--engine", "both", "--outstanding", "4", "--size", "64,1000",
-                                       "--duration", "200ms", "--server-engine", "loop", "--json"});
+                                       "--duration", "200ms", "--server-engine", "threads", "--json"});
     ASSERT_EQ(result.status, 0) << result.err;
     const json report = result.Json().at(0);
     EXPECT_EQ(report["engine"], "both");
-    EXPECT_EQ(report["server_engine"], "loop");
+    EXPECT_EQ(report["server_engine"], "threads");
     EXPECT_EQ(report["outstanding"], 4);
     ASSERT_EQ(report["results"].size(), 4U);
     ASSERT_EQ(report["ratios"].size(), 2U);
@@ -78,7 +78,7 @@ TEST_F(BenchLoopTest, RatioIsThatOfTheLoopToTheThreads) {
 TEST_F(BenchLoopTest, TextShowsBothEnginesSideBySide) {
     const ToolResult result = RunTool({"bench", "--engine", "both", "--duration", SLOW ? "3s" : "100ms"});
     EXPECT_EQ(result.status, 0) << result.err;
-    EXPECT_THAT(result.out, HasSubstr("engines threads and loop, server threads, 1 clients of 1 calls outstanding"));
+    EXPECT_THAT(result.out, HasSubstr("engines threads and loop, server loop, 1 clients of 1 calls outstanding"));
     EXPECT_THAT(result.out, testing::ContainsRegex("64 BYTES +THREADS +LOOP +LOOP/THREADS\n"));
     EXPECT_THAT(result.out, testing::ContainsRegex("\ncalls/s +[0-9]+ +[0-9]+ +[0-9]+\\.[0-9][0-9]\n"));
     EXPECT_THAT(result.out, testing::ContainsRegex("\np99\\.9 us +[0-9.]+ +[0-9.]+ +[0-9]+\\.[0-9][0-9]\n"));

@@ -61,7 +61,7 @@ TEST_P(ServeEngineTest, ExecAnswersWithWhatTheCommandPrints) {
 
 TEST_P(ServeEngineTest, CommandThatPrintsNothingOrTooMuchAnswersNothing) {
     ToolServer server(name, On({"--exec", "read -r size && head -c \"$size\" /dev/zero"}));
-    EXPECT_EQ(RunTool({"call", name, "0\n", "--timeout", "5s"}).status, 4);
+    EXPECT_EQ(RunTool({"call", name, "0\n", "--timeout", "200ms"}).status, 4);
     server->AwaitErr("the command ended with 0 and printed 0 bytes");
     EXPECT_EQ(RunTool({"call", name, "4001\n", "--timeout", "200ms"}).status, 4);
     server->AwaitErr("the command printed more than 4000 bytes or took too long");
@@ -250,7 +250,8 @@ TEST_F(ServeLoopTest, CountsAreToldForEachNameAndTheLimitIsOverAll) {
 TEST_F(ServeLoopTest, AnswersWaitForAClientThatIsSlowToRead) {
     constexpr uint32_t REQUESTS = 200;
     const std::string payload(4000, 'x');
-    ToolServer server(name, {"--engine", "loop", "--json"});
+    ToolProcess server({"serve", name, "--engine", "loop", "--json"});
+    server.AwaitOut("\"serving\"");
     const std::string client = UniqueName("slow");
     WriteToRawServer(name, RawConnectPacket(client, getgid(), getpid()));
     JoinedRawPeer peer(client, name);
@@ -270,7 +271,7 @@ TEST_F(ServeLoopTest, AnswersWaitForAClientThatIsSlowToRead) {
     }
     peer.CloseWrite();
     peer.CloseRead();
-    server->AwaitOut("closed");
+    server.AwaitOut("closed");
     const ToolResult result = server.Interrupt();
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.Json().back()["answers"], REQUESTS);
