@@ -161,6 +161,7 @@ void PrintBenchText(const BenchOptions &options, const Machine &machine, const s
         PrintTable(rounds);
     }
     for (std::size_t i = 1; HasBoth(options) && i < rounds.size(); i += 2) {
+        Put(i > 1 ? "\n" : "");
         PrintBeside(rounds[i - 1], rounds[i]);
     }
     for (const Round &round : rounds) {
