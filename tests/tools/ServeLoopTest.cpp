@@ -80,6 +80,12 @@ TEST_P(ServeEngineTest, SlowCommandIsGivenUp) {
     server->AwaitErr("took too long");
 }
 
+TEST_P(ServeEngineTest, CommandThatClosesItsOutputAndRunsOnIsGivenUpToo) {
+    ToolServer server(name, On({"--exec", "echo half; exec >&-; exec sleep 1000", "--exec-timeout", "50ms"}));
+    EXPECT_EQ(RunTool({"call", name, "x", "--timeout", "200ms"}).status, 4);
+    server->AwaitErr("took too long");
+}
+
 TEST_P(ServeEngineTest, InterruptEndsARunningCommandToo) {
     ToolServer server(name, On({"--exec", "echo started >&2; exec sleep 1000", "--exec-timeout", "900s"}));
     EXPECT_EQ(RunTool({"send", name, "x"}).status, 0);
