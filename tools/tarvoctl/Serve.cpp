@@ -1,6 +1,7 @@
 // tarvoctl serve: a server for trying out clients.
 #include <poll.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -27,17 +28,19 @@ constexpr char NAME_RULE[] =
     "the name is refused: 1 to 100 characters, none of | ; > < ` & ( ) $ and no two dots in a row";
 
 // Creating a server of a name in use takes it away from the one that has it.
+bool NameIsFree(const Inventory &inventory, const std::string &name) {
+    const Server *other = inventory.FindServer(name);
+    if (other == nullptr || other->processes.empty()) {
+        return true;
+    }
+    Diagnose("process {} serves as '{}' already; --replace takes the name from it", other->processes.front(), name);
+    return false;
+}
+
 bool NamesAreFree(const ServeOptions &options) {
     const Inventory inventory = TakeInventory(EnvManager::FifoPrefix());
-    for (const std::string &name : options.names) {
-        const Server *other = inventory.FindServer(name);
-        if (!options.replace && other != nullptr && !other->processes.empty()) {
-            Diagnose("process {} serves as '{}' already; --replace takes the name from it", other->processes.front(),
-                     name);
-            return false;
-        }
-    }
-    return true;
+    return options.replace || std::all_of(options.names.begin(), options.names.end(),
+                                          [&](const std::string &name) { return NameIsFree(inventory, name); });
 }
 
 // One name stays with the threads, which run the commands of one request after another for each client by themselves

@@ -90,6 +90,7 @@ private:
     void Begin(Clock::time_point begin);
     bool Send(Clock::time_point begin);
     void SendWaiting();
+    void Record(Clock::time_point begin, bool answered);
     void Ended(Clock::time_point begin, std::error_code error, std::size_t size);
     void LoseOverdue();
 
@@ -158,7 +159,7 @@ bool LoopCaller::Send(Clock::time_point begin) {
         ++outstanding;
     } else if (!full) {
         gone = true;
-        Ended(begin, error, 0);
+        Record(begin, false);
     }
     return !full;
 }
@@ -173,19 +174,23 @@ void LoopCaller::SendWaiting() {
     }
 }
 
-void LoopCaller::Ended(Clock::time_point begin, std::error_code error, std::size_t size) {
-    const auto now = Clock::now();
-    gone = gone || error == std::errc::broken_pipe;
-    if (begin >= counted) {
-        measured = true;
-        if (!error && size == request.size()) {
-            report.times.Add(static_cast<uint64_t>(std::chrono::nanoseconds(now - begin).count()));
-        } else {
-            ++report.failures;
-        }
+void LoopCaller::Record(Clock::time_point begin, bool answered) {
+    if (begin < counted) {
+        return;
     }
+    measured = true;
+    if (answered) {
+        report.times.Add(static_cast<uint64_t>(std::chrono::nanoseconds(Clock::now() - begin).count()));
+    } else {
+        ++report.failures;
+    }
+}
+
+void LoopCaller::Ended(Clock::time_point begin, std::error_code error, std::size_t size) {
+    gone = gone || error == std::errc::broken_pipe;
+    Record(begin, !error && size == request.size());
     if (!paced && !Over()) {
-        Begin(now);
+        Begin(Clock::now());
     }
     if (Over() && Idle()) {
         loop.Stop();
