@@ -31,8 +31,8 @@ elseif(CMAKE_SYSTEM_PROCESSOR STREQUAL "aarch64")
 endif()
 set(CPACK_PROJECT_CONFIG_FILE ${PROJECT_SOURCE_DIR}/cmake/package/cpack.cmake)
 
-# What the programs of a package need is read off their links to shared libraries. The tool's link to ours is found in
-# the build tree, which belongs to no package: that dependency is stated, here and for the other library.
+# What the programs of a package need is read off their links to shared libraries. The tool's links to ours are found in
+# the build tree, which belongs to no package: these dependencies are stated, here and for the other library.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SHLIBDEPS OFF)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/src ${PROJECT_BINARY_DIR}/src/loop)
@@ -114,7 +114,7 @@ if(TARGET tarvoctl)
   tarvo_package(
     tool tarvo-tools
     SECTION utils
-    DEPENDS ${TARVO_SAME_VERSION}
+    DEPENDS "${TARVO_SAME_VERSION}, ${TARVO_LOOP_PACKAGE} (= ${PROJECT_VERSION})"
     SUGGESTS libtarvo-doc
     DESCRIPTION "messaging between the processes of one Linux machine - command line tool"
                 "tarvoctl serves, calls, measures, lists and diagnoses processes that talk"

@@ -119,7 +119,7 @@ check_development() {
 check_tool() {
     local deb=$1 major=${3%%.*} file
     expect_field "$deb" Multi-Arch foreign
-    expect_field "$deb" Depends "libtarvo$major (= $3), libc6 (>= *"
+    expect_field "$deb" Depends "libtarvo$major (= $3), libtarvo-loop$major (= $3), libc6 (>= *"
     expect_file "$deb" "^-rwxr-xr-x root/root .* \./usr/bin/tarvoctl\$"
     for file in share/man/man1/tarvoctl.1.gz share/man/man7/tarvo{,-errors,-log,-loop}.7.gz \
         share/bash-completion/completions/tarvoctl; do

@@ -1,27 +1,11 @@
 // tarvoctl bench.
 #include "support/Sanitized.h"
-#include "tools/ToolTest.h"
+#include "tools/BenchKit.h"
 
 namespace tarvo_test {
 namespace {
 
 using nlohmann::json;
-
-// No file of a benchmark, whose server is named after its process, is left.
-class BenchTest : public ToolTest {
-protected:
-    static void AwaitNoFiles(pid_t pid) {
-        const std::string name = "tarvoctl_bench_" + std::to_string(pid);
-        AwaitFifoDirectory("no file of the benchmark is left", [&] {
-            for (const auto &entry : std::filesystem::directory_iterator(FifoDirectory())) {
-                if (entry.path().filename().string().find(name) != std::string::npos) {
-                    return false;
-                }
-            }
-            return true;
-        });
-    }
-};
 
 TEST_F(BenchTest, EachSizeHasItsFigures) {
     ToolProcess bench(
@@ -37,19 +21,7 @@ TEST_F(BenchTest, EachSizeHasItsFigures) {
     ASSERT_EQ(report["results"].size(), 2U);
     EXPECT_EQ(report["results"][1]["size"], 4000);
     for (const json &round : report["results"]) {
-        EXPECT_GT(round["calls"].get<int>(), 0);
-        EXPECT_EQ(round["failures"], 0);
-        EXPECT_GT(round["calls_per_second"].get<double>(), 0);
-        double before = 0;
-        for (const char *figure : {"min_us", "p50_us", "p90_us", "p99_us", "p999_us", "max_us"}) {
-            EXPECT_GE(round[figure].get<double>(), before) << figure;
-            before = round[figure].get<double>();
-        }
-        int counted = 0;
-        for (const json &bucket : round["histogram"]["buckets"]) {
-            counted += bucket[1].get<int>();
-        }
-        EXPECT_EQ(counted, round["calls"]) << "every call is in the histogram";
+        ExpectFigures(round);
     }
     EXPECT_THAT(result.err, HasSubstr("4000 bytes: measuring for 300 ms"));
     AwaitNoFiles(pid);
@@ -72,17 +44,6 @@ TEST_F(BenchTest, PacedCallsComeAtTheRate) {
     // 100 are due; one of each client may fall on either side of the end of the warm-up.
     EXPECT_LE(round["calls"].get<int>(), 104);
     EXPECT_GE(round["calls"].get<int>(), 90);
-}
-
-// The server's process among those that the benchmark has started; -1 when there is none.
-pid_t ServerOf(pid_t bench) {
-    const json list = RunTool({"list", "--json"}).Json().at(0);
-    for (const json &server : list["servers"]) {
-        if (server["name"] == "tarvoctl_bench_" + std::to_string(bench)) {
-            return server["processes"].at(0)["pid"];
-        }
-    }
-    return -1;
 }
 
 TEST_F(BenchTest, LostCallsAreAFinding) {

@@ -54,6 +54,9 @@ done
 # Values are completed, too.
 [[ $(offered list --color al) == always ]] || fail "--color al"
 [[ $(offered decode --kind pa) == packet ]] || fail "--kind pa"
+[[ $(offered serve --engine '') == $'threads\nloop' ]] || fail "serve --engine"
+[[ $(offered bench --engine b) == both ]] || fail "bench --engine b"
+[[ -z $(offered ping --outstanding '') ]] || fail "something is offered for --outstanding"
 [[ $(offered sandbox -- printen | sort -u) == printenv ]] || fail "sandbox -- printen"
 [[ $(offered help cal) == call ]] || fail "help cal"
 [[ -z $(offered call --timeout '') ]] || fail "something is offered for --timeout"

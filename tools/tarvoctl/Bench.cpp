@@ -1,112 +1,80 @@
 // tarvoctl bench: how fast calls are between processes on this machine.
-#include <cstring>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <stdexcept>
 
 #include "bench/Machine.h"
+#include "bench/Results.h"
 #include "bench/Round.h"
 #include "pipe/Message.h"
 #include "shared/Command.h"
+#include "shared/Engine.h"
 #include "shared/ExitCode.h"
 #include "shared/Output.h"
 
 namespace tarvoctl {
 namespace {
 
-constexpr unsigned HISTOGRAM_LINES = 16;
 constexpr uint64_t MAX_PROCESSES = 1000;
+constexpr char ENGINE_BOTH[] = "both";
 
-double CallsPerSecond(const Round &round) {
-    return round.seconds > 0 ? static_cast<double>(round.times.Count()) / round.seconds : 0;
+// What --engine says.
+struct EngineChoice {
+    std::string engine;
+    std::string serverEngine;
+};
+
+// Several calls under way in one client are the loop's.
+std::vector<std::string> EnginesOf(const EngineChoice &choice, const BenchOptions &options) {
+    if (choice.engine == ENGINE_BOTH) {
+        return {ENGINE_THREADS, ENGINE_LOOP};
+    }
+    if (choice.engine.empty()) {
+        return {options.outstanding > 1 ? ENGINE_LOOP : ENGINE_THREADS};
+    }
+    return {choice.engine};
 }
 
-nlohmann::json RoundJson(const Round &round) {
-    const auto microseconds = [](uint64_t nanoseconds) { return static_cast<double>(nanoseconds) / 1e3; };
-    return {{"size", round.size},
-            {"calls", round.times.Count()},
-            {"failures", round.failures},
-            {"seconds", round.seconds},
-            {"calls_per_second", CallsPerSecond(round)},
-            {"min_us", microseconds(round.times.Min())},
-            {"mean_us", round.times.Mean() / 1e3},
-            {"p50_us", microseconds(round.times.Percentile(50))},
-            {"p90_us", microseconds(round.times.Percentile(90))},
-            {"p99_us", microseconds(round.times.Percentile(99))},
-            {"p999_us", microseconds(round.times.Percentile(99.9))},
-            {"max_us", microseconds(round.times.Max())},
-            {"histogram", round.times.ToJson()}};
-}
-
-void PrintJson(const BenchOptions &options, const Machine &machine, const std::vector<Round> &rounds) {
-    nlohmann::json results = nlohmann::json::array();
-    for (const Round &round : rounds) {
-        results.push_back(RoundJson(round));
+bool OptionsFit(const BenchOptions &options) {
+    const bool threads = options.engines.front() == ENGINE_THREADS;
+    const bool loop = options.engines.back() == ENGINE_LOOP;
+    if (loop && options.threads > 1) {
+        Diagnose("--threads is for the engine 'threads' alone; the loop has --outstanding calls on one thread");
+        return false;
     }
-    PutJson({{"machine",
-              {{"kernel", machine.kernel},
-               {"processor", machine.processor},
-               {"processors", machine.processors},
-               {"governor", machine.governor.empty() ? nlohmann::json() : nlohmann::json(machine.governor)},
-               {"load", machine.load}}},
-             {"version", TARVO_VERSION},
-             {"clients", options.clients},
-             {"threads", options.threads},
-             {"priority", options.priority},
-             {"rate", options.rate > 0 ? nlohmann::json(options.rate) : nlohmann::json()},
-             {"results", results}});
-}
-
-std::string Micro(double nanoseconds) { return fmt::format("{:.1f}", nanoseconds / 1e3); }
-
-std::string Micro(uint64_t nanoseconds) { return Micro(static_cast<double>(nanoseconds)); }
-
-void PrintText(const BenchOptions &options, const Machine &machine, const std::vector<Round> &rounds) {
-    Put(fmt::format("machine  {}, {} processors ({}), governor {}, load {:.2f}\n", machine.kernel, machine.processors,
-                    machine.processor.empty() ? "unknown" : machine.processor,
-                    machine.governor.empty() ? "unknown" : machine.governor, machine.load));
-    Put(fmt::format("tarvo    {}, {} clients of {} threads, {} priority, {}\n\n", TARVO_VERSION, options.clients,
-                    options.threads, options.priority,
-                    options.rate > 0 ? fmt::format("{} calls/s", options.rate) : std::string("flat out")));
-    Table table({"BYTES", "CALLS", "CALLS/S", "MIN us", "MEAN", "P50", "P90", "P99", "P99.9", "MAX", "LOST"});
-    for (const Round &round : rounds) {
-        const Histogram &times = round.times;
-        table.Add({std::to_string(round.size),
-                   std::to_string(times.Count()),
-                   fmt::format("{:.0f}", CallsPerSecond(round)),
-                   Micro(times.Min()),
-                   Micro(times.Mean()),
-                   Micro(times.Percentile(50)),
-                   Micro(times.Percentile(90)),
-                   Micro(times.Percentile(99)),
-                   Micro(times.Percentile(99.9)),
-                   Micro(times.Max()),
-                   {std::to_string(round.failures), round.failures > 0 ? Colour::RED : Colour::NONE}});
+    if (!loop && options.outstanding > 1) {
+        Diagnose("a thread has one call outstanding: --threads {}, or --engine loop or both", options.outstanding);
+        return false;
     }
-    Put(table.Text());
-    for (const Round &round : rounds) {
-        Put(fmt::format("\n{} bytes, from\n{}", round.size, round.times.Text(HISTOGRAM_LINES)));
+    if (threads && options.outstanding > MAX_OUTSTANDING_OF_THREADS) {
+        Diagnose("--outstanding takes as many threads with --engine both: at most {}", MAX_OUTSTANDING_OF_THREADS);
+        return false;
     }
+    return (!loop && options.serverEngine == ENGINE_THREADS) || LoopHasPriority(options.priority);
 }
 
 int RunBench(const BenchOptions &options, const Interrupt &interrupt) {
+    if (!OptionsFit(options)) {
+        return EXIT_USAGE;
+    }
     // The load before the benchmark adds its own.
     const Machine machine = DescribeMachine();
     std::vector<Round> rounds;
     uint64_t failures = 0;
     try {
         for (const uint32_t size : options.sizes) {
-            rounds.push_back(MeasureRound(options, size, interrupt));
-            failures += rounds.back().failures;
+            for (Round &round : MeasureSize(options, size, interrupt)) {
+                failures += round.failures;
+                rounds.push_back(std::move(round));
+            }
         }
     } catch (const std::runtime_error &error) {
         Diagnose("{}", error.what());
         return interrupt.Requested() ? EXIT_INTERRUPTED : EXIT_FAILED;
     }
     if (options.json) {
-        PrintJson(options, machine, rounds);
+        PrintBenchJson(options, machine, rounds);
     } else {
-        PrintText(options, machine, rounds);
+        PrintBenchText(options, machine, rounds);
     }
     return failures > 0 ? EXIT_FINDINGS : EXIT_DONE;
 }
@@ -117,23 +85,40 @@ void AddBenchChild(CommandLine &app, Command &command) {
     CommandLine sub = app.HiddenSubcommand("bench-child");
     sub.Add("role", task->role).Required();
     sub.Add("server", task->server).Required();
+    sub.Add("--engine", task->engine);
+    sub.Add("--outstanding", task->outstanding);
     sub.Add("--size", task->size);
     sub.Add("--threads", task->threads);
     sub.Add("--warm-up", task->warmUpUs);
     sub.Add("--duration", task->durationUs);
     sub.Add("--rate", task->rate);
     sub.Flag("--urgent", task->urgent);
-    sub.WhenNamed([task, &command] {
-        command.run = [task](Interrupt &) {
-            return task->role == "server" ? RunBenchServer(*task) : RunBenchClient(*task);
-        };
-    });
+    sub.WhenNamed([task, &command] { command.run = [task](Interrupt &) { return RunBenchChild(*task); }; });
+}
+
+void AddEngineOptions(CommandLine &sub, EngineChoice &choice, BenchOptions &options) {
+    sub.Add("--engine", choice.engine,
+            "Engine of the clients: threads (the default), loop (that with --outstanding), or both, in turn against "
+            "the same server, side by side")
+        .OneOf({ENGINE_THREADS, ENGINE_LOOP, ENGINE_BOTH})
+        .Type("ENGINE");
+    sub.Add("--server-engine", choice.serverEngine,
+            "Engine of the server: threads, or loop (the default where clients use it)")
+        .OneOf({ENGINE_THREADS, ENGINE_LOOP})
+        .Type("ENGINE");
+    sub.Add("--outstanding", options.outstanding,
+            "Calls that each client has under way at the same time: on the loop from one thread, on the other engine, "
+            "with both, from as many threads")
+        .Range(1, MAX_OUTSTANDING)
+        .Type("N")
+        .ShowDefault();
 }
 
 } // namespace
 
 void AddBench(CommandLine &app, Command &command) {
     auto options = std::make_shared<BenchOptions>();
+    auto choice = std::make_shared<EngineChoice>();
     CommandLine sub = AddSubcommand(app, command, "bench",
                                     "Measure calls between processes that it starts itself: a server and its clients",
                                     "0 measured; 1 failed; 2 wrong usage; 5 measured, but calls were lost; 130 "
@@ -157,8 +142,11 @@ void AddBench(CommandLine &app, Command &command) {
         .OneOf({"normal", "urgent"})
         .Type("PRIORITY")
         .ShowDefault();
-    sub.WhenNamed([options, &command] {
+    AddEngineOptions(sub, *choice, *options);
+    sub.WhenNamed([options, choice, &command] {
         options->json = command.common.json;
+        options->engines = EnginesOf(*choice, *options);
+        options->serverEngine = choice->serverEngine.empty() ? options->engines.back() : choice->serverEngine;
         command.run = [options](Interrupt &interrupt) { return RunBench(*options, interrupt); };
     });
     AddBenchChild(app, command);

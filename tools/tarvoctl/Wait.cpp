@@ -7,6 +7,7 @@
 #include "shared/Command.h"
 #include "shared/ExitCode.h"
 #include "shared/Output.h"
+#include "shared/ServerName.h"
 #include "wait/ServerWatch.h"
 
 namespace tarvoctl {
@@ -14,19 +15,11 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::size_t MAX_NAME = 100;
-
 struct WaitOptions {
     std::string server;
     std::optional<Duration> timeout;
     bool json = false;
 };
-
-// As the library has it, which is not asked, since it writes a line for each name that it refuses.
-bool NameIsValid(const std::string &name) {
-    return !name.empty() && name.size() <= MAX_NAME && name.find_first_of("|;><`&()$") == std::string::npos &&
-           name.find("..") == std::string::npos;
-}
 
 int Arrived(const WaitOptions &options, Clock::duration waited) {
     if (options.json) {

@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 #include <thread>
 
+#include "bench/LoopChild.h"
 #include "shared/ExitCode.h"
 #include "shared/Output.h"
 #include "shared/ServerFile.h"
@@ -17,9 +18,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr int OPEN_TIMEOUT_MS = 5000;
-constexpr int CALL_TIMEOUT_MS = 1000;
-
 TarvoPriority PriorityOf(const ChildTask &task) { return task.urgent ? TARVO_PRIORITY_URGENT : TARVO_PRIORITY_NORMAL; }
 
 void Echo(int pipe, TarvoRequest *request) {
@@ -27,22 +25,6 @@ void Echo(int pipe, TarvoRequest *request) {
         TarvoResponse response = {request->id, request->data, request->size};
         TarvoSendResponse(pipe, &response);
     }
-}
-
-void SayReady() {
-    Put("ready\n");
-    FlushAnswer();
-}
-
-// True when a line came, false at the end of the input.
-bool ReadLine() {
-    char byte = 0;
-    while (read(STDIN_FILENO, &byte, 1) == 1) {
-        if (byte == '\n') {
-            return true;
-        }
-    }
-    return false;
 }
 
 // What one thread of a client measures.
@@ -68,7 +50,7 @@ private:
 bool Caller::Call() {
     TarvoRequest frame = {0, request.data(), static_cast<uint32_t>(request.size())};
     TarvoResponse response = {};
-    const int result = TarvoTimedRPCSync(pipe, &frame, &response, CALL_TIMEOUT_MS);
+    const int result = TarvoTimedRPCSync(pipe, &frame, &response, BENCH_CALL_TIMEOUT_MS);
     const bool answered = result == 0 && response.size == request.size();
     DestroyResponse(&response);
     return answered;
@@ -116,45 +98,23 @@ void Measure(const ChildTask &task, int pipe) {
         thread.join();
     }
     const auto measured = Clock::now() - start - std::chrono::microseconds(task.warmUpUs);
-    Histogram times;
-    uint64_t failures = 0;
+    ChildReport report;
+    report.seconds = std::chrono::duration<double>(measured).count();
     for (const Caller &caller : callers) {
-        times.Merge(caller.Times());
-        failures += caller.Failures();
+        report.times.Merge(caller.Times());
+        report.failures += caller.Failures();
     }
-    PutJson({{"failures", failures},
-             {"seconds", std::chrono::duration<double>(measured).count()},
-             {"times", times.ToJson()}});
-    FlushAnswer();
+    PutReport(report);
 }
 
-} // namespace
-
-std::vector<std::string> ArgumentsOf(const ChildTask &task) {
-    std::vector<std::string> arguments = {"/proc/self/exe",
-                                          "bench-child",
-                                          task.role,
-                                          task.server,
-                                          "--size=" + std::to_string(task.size),
-                                          "--threads=" + std::to_string(task.threads),
-                                          "--warm-up=" + std::to_string(task.warmUpUs),
-                                          "--duration=" + std::to_string(task.durationUs),
-                                          "--rate=" + fmt::format("{}", task.rate)};
-    if (task.urgent) {
-        arguments.emplace_back("--urgent");
-    }
-    return arguments;
-}
-
-int RunBenchServer(const ChildTask &task) {
+int RunServer(const ChildTask &task) {
     TarvoServerAttr attr;
     attr.callback = Echo;
     attr.priority = PriorityOf(task);
     attr.selfName = task.server.c_str();
     const int result = TarvoCreateServer(&attr);
     if (result != 0) {
-        Diagnose("the server of the benchmark does not start: {}", std::strerror(-result));
-        return EXIT_FAILED;
+        return ServerFailed(-result);
     }
     ServerFile file;
     file.Note(task.server);
@@ -166,16 +126,15 @@ int RunBenchServer(const ChildTask &task) {
     return EXIT_DONE;
 }
 
-int RunBenchClient(const ChildTask &task) {
+int RunClient(const ChildTask &task) {
     TarvoAttr attr;
     attr.targetName = task.server.c_str();
     attr.selfName = "bench";
     attr.priority = PriorityOf(task);
-    attr.timeout = OPEN_TIMEOUT_MS;
+    attr.timeout = BENCH_OPEN_TIMEOUT_MS;
     const int pipe = TarvoCreateClient(&attr);
     if (pipe <= 0) {
-        Diagnose("a client of the benchmark gets no pipe: {}", std::strerror(-pipe));
-        return EXIT_FAILED;
+        return ClientFailed(-pipe);
     }
     SayReady();
     if (ReadLine()) {
@@ -183,6 +142,63 @@ int RunBenchClient(const ChildTask &task) {
     }
     TarvoClosePipe(pipe);
     return EXIT_DONE;
+}
+
+} // namespace
+
+std::vector<std::string> ArgumentsOf(const ChildTask &task) {
+    std::vector<std::string> arguments = {"/proc/self/exe",
+                                          "bench-child",
+                                          task.role,
+                                          task.server,
+                                          "--size=" + std::to_string(task.size),
+                                          "--engine=" + task.engine,
+                                          "--outstanding=" + std::to_string(task.outstanding),
+                                          "--threads=" + std::to_string(task.threads),
+                                          "--warm-up=" + std::to_string(task.warmUpUs),
+                                          "--duration=" + std::to_string(task.durationUs),
+                                          "--rate=" + fmt::format("{}", task.rate)};
+    if (task.urgent) {
+        arguments.emplace_back("--urgent");
+    }
+    return arguments;
+}
+
+void SayReady() {
+    Put("ready\n");
+    FlushAnswer();
+}
+
+bool ReadLine() {
+    char byte = 0;
+    while (read(STDIN_FILENO, &byte, 1) == 1) {
+        if (byte == '\n') {
+            return true;
+        }
+    }
+    return false;
+}
+
+void PutReport(const ChildReport &report) {
+    PutJson({{"failures", report.failures}, {"seconds", report.seconds}, {"times", report.times.ToJson()}});
+    FlushAnswer();
+}
+
+int ServerFailed(int error) {
+    Diagnose("the server of the benchmark does not start: {}", std::strerror(error));
+    return EXIT_FAILED;
+}
+
+int ClientFailed(int error) {
+    Diagnose("a client of the benchmark gets no pipe: {}", std::strerror(error));
+    return EXIT_FAILED;
+}
+
+int RunBenchChild(const ChildTask &task) {
+    if (task.engine == ENGINE_LOOP) {
+        return task.role == "server" ? RunLoopBenchServer(task) : RunLoopBenchClient(task);
+    }
+    return task.role == "server" ? RunServer(task) : RunClient(task);
 }
 
 } // namespace tarvoctl

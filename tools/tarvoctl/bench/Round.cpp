@@ -96,7 +96,9 @@ ChildTask TaskOf(const BenchOptions &options, uint32_t size) {
     ChildTask task;
     task.server = "tarvoctl_bench_" + std::to_string(getpid());
     task.size = size;
-    task.threads = options.threads;
+    // With both engines, one has as many threads as the other has calls under way.
+    task.threads = std::max(options.threads, options.engines.size() > 1 ? options.outstanding : 1);
+    task.outstanding = options.outstanding;
     task.durationUs = static_cast<uint64_t>(options.duration.value.count());
     task.warmUpUs = std::min(WARM_UP_US, task.durationUs / 10);
     task.rate = options.rate / options.clients;
@@ -111,37 +113,48 @@ void AddReport(Round &round, const std::string &line) {
     round.times.Merge(Histogram::FromJson(report.at("times")));
 }
 
-} // namespace
-
-Round MeasureRound(const BenchOptions &options, uint32_t size, const Interrupt &interrupt) {
-    ChildTask task = TaskOf(options, size);
-    const auto quietly = [] {};
-    task.role = "server";
-    ServerProcess server(task);
-    server.ReadLine(interrupt, Clock::now() + PATIENCE, quietly);
-    task.role = "client";
+Round MeasureClients(const BenchOptions &options, const ChildTask &task, const Interrupt &interrupt) {
     std::vector<std::unique_ptr<BenchProcess>> clients;
     for (uint32_t i = 0; i < options.clients; ++i) {
         clients.push_back(std::make_unique<BenchProcess>(task));
-        clients.back()->ReadLine(interrupt, Clock::now() + PATIENCE, quietly);
+        clients.back()->ReadLine(interrupt, Clock::now() + PATIENCE, [] {});
     }
-    Diagnose("{} bytes: measuring for {}", size,
-             DurationText(static_cast<double>(options.duration.value.count()) * 1e3));
+    const std::string what =
+        fmt::format("{} bytes{}", task.size, options.engines.size() > 1 ? ", " + task.engine : std::string());
+    Diagnose("{}: measuring for {}", what, DurationText(static_cast<double>(options.duration.value.count()) * 1e3));
     const auto start = Clock::now();
     for (const auto &client : clients) {
         client->Go();
     }
     const auto tick = [&] {
         const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start).count();
-        Diagnose("{} bytes: {} s", size, seconds);
+        Diagnose("{}: {} s", what, seconds);
     };
     Round round;
-    round.size = size;
+    round.engine = task.engine;
+    round.size = task.size;
     for (const auto &client : clients) {
         AddReport(round, client->ReadLine(interrupt, start + options.duration.value + PATIENCE, tick));
         client->End();
     }
     return round;
+}
+
+} // namespace
+
+std::vector<Round> MeasureSize(const BenchOptions &options, uint32_t size, const Interrupt &interrupt) {
+    ChildTask task = TaskOf(options, size);
+    task.role = "server";
+    task.engine = options.serverEngine;
+    ServerProcess server(task);
+    server.ReadLine(interrupt, Clock::now() + PATIENCE, [] {});
+    task.role = "client";
+    std::vector<Round> rounds;
+    for (const std::string &engine : options.engines) {
+        task.engine = engine;
+        rounds.push_back(MeasureClients(options, task, interrupt));
+    }
+    return rounds;
 }
 
 } // namespace tarvoctl

@@ -13,14 +13,16 @@ _tarvoctl_options() {
     local common='--help --json --log --color'
     local client='--as --priority --open-timeout'
     case ${1:-} in
-    serve) echo "$common --echo --exec --count --exec-timeout --print --limit --group --priority --replace" ;;
+    serve) echo "$common --echo --exec --count --exec-timeout --print --limit --group --engine --priority --replace" ;;
     call) echo "$common $client --file --hex --timeout --no-timeout --repeat --interval" ;;
     send) echo "$common $client --file --hex --timeout --repeat --interval" ;;
-    ping) echo "$common $client --count --interval --size --timeout" ;;
+    ping) echo "$common $client --count --interval --outstanding --size --timeout" ;;
     wait) echo "$common --timeout" ;;
     list) echo "$common --directory" ;;
     watch) echo "$common --directory --interval --count" ;;
-    bench) echo "$common --size --clients --threads --duration --rate --priority" ;;
+    bench)
+        echo "$common --size --clients --threads --duration --rate --priority --engine --server-engine --outstanding"
+        ;;
     decode) echo "$common --data --hex --kind" ;;
     doctor) echo "$common --directory --strict" ;;
     init) echo "$common --directory --group --mode --dry-run" ;;
@@ -36,6 +38,12 @@ _tarvoctl_values() {
     case $option in
     --color) mapfile -t COMPREPLY < <(compgen -W 'auto always never' -- "$current") ;;
     --priority) mapfile -t COMPREPLY < <(compgen -W 'normal urgent' -- "$current") ;;
+    --engine)
+        local engines='threads loop'
+        [[ $subcommand != bench ]] || engines+=' both'
+        mapfile -t COMPREPLY < <(compgen -W "$engines" -- "$current")
+        ;;
+    --server-engine) mapfile -t COMPREPLY < <(compgen -W 'threads loop' -- "$current") ;;
     --kind) mapfile -t COMPREPLY < <(compgen -W 'any frame packet' -- "$current") ;;
     --group) mapfile -t COMPREPLY < <(compgen -g -- "$current") ;;
     --file) mapfile -t COMPREPLY < <(compgen -f -- "$current") ;;
@@ -43,7 +51,7 @@ _tarvoctl_values() {
     --exec) mapfile -t COMPREPLY < <(compgen -c -- "$current") ;;
     # Numbers, times and names that only the user knows.
     --as | --open-timeout | --timeout | --exec-timeout | --limit | --repeat | --interval | --size | --clients | \
-        --threads | --duration | --rate | --data | --mode | --min-age | -c | -i | -s | -W)
+        --threads | --outstanding | --duration | --rate | --data | --mode | --min-age | -c | -i | -s | -W)
         COMPREPLY=()
         ;;
     --count) [[ $subcommand == serve ]] && return 1 ;; # a flag there

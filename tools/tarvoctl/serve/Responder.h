@@ -27,10 +27,11 @@ public:
 std::unique_ptr<Responder> MakeEcho();
 // Answers nothing.
 std::unique_ptr<Responder> MakeSink();
-// Runs `command` with the shell for each request, which is its standard input; its standard output is the answer.
-// Nothing is answered, after a line on standard error, when it fails, prints nothing or too much, or takes longer than
-// `limit`. `interruptFd` becomes readable when commands that run are to be given up.
-std::unique_ptr<Responder> MakeExec(const std::string &command, Duration limit, int interruptFd);
+// For the server of that name: runs `command` with the shell for each request, which is its standard input; its
+// standard output is the answer. Nothing is answered, after a line on standard error, when it fails, prints nothing or
+// too much, or takes longer than `limit`. `interruptFd` becomes readable when commands that run are to be given up.
+std::unique_ptr<Responder> MakeExec(const std::string &server, const std::string &command, Duration limit,
+                                    int interruptFd);
 
 } // namespace tarvoctl
 

@@ -5,11 +5,8 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstring>
-#include <nlohmann/json.hpp>
 
 #include "shared/Output.h"
-#include "shared/Payload.h"
 
 namespace tarvoctl {
 namespace {
@@ -24,7 +21,8 @@ void RequestCallback(int pipe, TarvoRequest *request) { current->OnRequest(pipe,
 } // namespace
 
 Service::Service(const ServeOptions &serveOptions, std::unique_ptr<Responder> serveResponder)
-    : options(serveOptions), responder(std::move(serveResponder)), limitEvent(eventfd(0, EFD_CLOEXEC)) {
+    : options(serveOptions), events(serveOptions), responder(std::move(serveResponder)),
+      limitEvent(eventfd(0, EFD_CLOEXEC)) {
     current = this;
 }
 
@@ -36,9 +34,9 @@ int Service::Start(gid_t group) {
     attr.callback = RequestCallback;
     attr.gid = group;
     attr.priority = options.priority == "urgent" ? TARVO_PRIORITY_URGENT : TARVO_PRIORITY_NORMAL;
-    attr.selfName = options.name.c_str();
+    attr.selfName = Name().c_str();
     const int result = TarvoCreateServer(&attr);
-    if (result == 0 && !file.Note(options.name)) {
+    if (result == 0 && !file.Note(Name())) {
         Diagnose("the file of the server was removed at once");
     }
     return result;
@@ -59,12 +57,7 @@ void Service::OnConnect(int pipe, const std::string &client) {
         names[pipe] = client;
     }
     named.notify_all();
-    if (options.json) {
-        PutJson({{"event", "connected"}, {"client", client}});
-        FlushAnswer();
-    } else {
-        Diagnose("{} connected", client);
-    }
+    events.Connected(Name(), client);
 }
 
 std::string Service::NameOf(int pipe) {
@@ -82,12 +75,7 @@ void Service::OnClose(int pipe) {
         const std::lock_guard<std::mutex> lock(mutex);
         names.erase(pipe);
     }
-    if (options.json) {
-        PutJson({{"event", "closed"}, {"client", client}});
-        FlushAnswer();
-    } else {
-        Diagnose("{} closed", client);
-    }
+    events.Closed(Name(), client);
 }
 
 void Service::OnRequest(int pipe, const TarvoRequest *request) {
@@ -97,7 +85,7 @@ void Service::OnRequest(int pipe, const TarvoRequest *request) {
     }
     const std::string client = NameOf(pipe);
     const std::string data(request->data, request->size);
-    Print(client, data, request->id);
+    events.Request(Name(), client, data, request->id);
     std::optional<std::string> answer = responder->Answer(client, data);
     if (answer) {
         TarvoResponse response = {request->id, answer->data(), static_cast<uint32_t>(answer->size())};
@@ -105,24 +93,10 @@ void Service::OnRequest(int pipe, const TarvoRequest *request) {
         if (result == 0) {
             ++answers;
         } else {
-            Diagnose("no answer for '{}': {}", client, std::strerror(-result));
+            events.NoAnswer(client, -result);
         }
     }
     CountRequest(data.size());
-}
-
-void Service::Print(const std::string &client, const std::string &request, uint32_t id) const {
-    if (!options.print) {
-        return;
-    }
-    if (options.json) {
-        nlohmann::json object = {{"event", "request"}, {"client", client}, {"id", id}};
-        AddPayloadFields(object, request);
-        PutJson(object);
-    } else {
-        Put(request.empty() || request.back() != '\n' ? request + "\n" : request);
-    }
-    FlushAnswer();
 }
 
 void Service::CountRequest(std::size_t size) {

@@ -11,34 +11,14 @@
 #include <string>
 
 #include "base/UniqueFd.h"
+#include "serve/Events.h"
 #include "serve/Responder.h"
 #include "shared/ServerFile.h"
 #include "tarvo.h"
 
 namespace tarvoctl {
 
-struct ServeOptions {
-    std::string name;
-    bool echo = false;
-    bool count = false;
-    std::string exec;
-    Duration execTimeout{std::chrono::seconds(10)};
-    std::string group;
-    std::string priority = "normal";
-    bool replace = false;
-    bool print = false;
-    uint64_t limit = 0; // requests; 0: no limit
-    bool json = false;
-};
-
-struct ServiceCounts {
-    uint64_t requests = 0;
-    uint64_t answers = 0;
-    uint64_t bytes = 0;
-    uint64_t clients = 0;
-};
-
-// The server of this process.
+// The server of this process, on the threads of the library.
 // Owns: the responder, the names of its clients and an event for its limit. Threads: any; the library's run the
 // callbacks. Locks: `mutex` guards the names. Ends: Stop first, so that no callback runs any more.
 class Service {
@@ -65,10 +45,12 @@ public:
 private:
     std::string NameOf(int pipe);
     void OnClose(int pipe);
-    void Print(const std::string &client, const std::string &request, uint32_t id) const;
     void CountRequest(std::size_t size);
 
+    const std::string &Name() const { return options.names.front(); }
+
     const ServeOptions &options;
+    const Events events;
     std::unique_ptr<Responder> responder;
     UniqueFd limitEvent;
     ServerFile file;

@@ -146,6 +146,7 @@ template Option CommandLine::Add(const std::string &names, double &value, const 
 template Option CommandLine::Add(const std::string &names, Duration &value, const std::string &text);
 template Option CommandLine::Add(const std::string &names, std::optional<Duration> &value, const std::string &text);
 template Option CommandLine::Add(const std::string &names, std::vector<uint32_t> &value, const std::string &text);
+template Option CommandLine::Add(const std::string &names, std::vector<std::string> &value, const std::string &text);
 
 Option CommandLine::Flag(const std::string &names, bool &value, const std::string &text) {
     return Option(app_->add_flag(names, value, text));

@@ -43,7 +43,7 @@ class CommandLine {
 public:
     explicit CommandLine(CLI::App *app) : app_(app) {}
 
-    // For text, also optional, numbers, durations and lists of numbers.
+    // For text, also optional or several, numbers, durations and lists of numbers.
     // A duration is shown as TIME, which the help then explains.
     template <class Value>
     Option Add(const std::string &names, Value &value, const std::string &text = "");

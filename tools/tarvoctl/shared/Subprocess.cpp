@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -94,6 +95,9 @@ Subprocess::~Subprocess() {
         Wait();
     }
 }
+
+// The C library of Debian 12 declares its function for this without saying that it is one of C.
+UniqueFd Subprocess::ExitFd() const { return UniqueFd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0))); }
 
 int Subprocess::Wait() {
     int status = 0;

@@ -25,6 +25,8 @@ public:
     int Input() const { return input.Get(); }
     int Output() const { return output.Get(); }
     void CloseInput() { input.Reset(); }
+    // Readable once the child has ended. Empty where the kernel has no such descriptors.
+    UniqueFd ExitFd() const;
     // The exit code, or 128 plus the signal. Blocks.
     int Wait();
 
