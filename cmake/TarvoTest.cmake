@@ -1,4 +1,4 @@
-# tarvo_add_test(NAME source... [LIBS target...] [TIMEOUT seconds] [PORTABLE] [SEPARATE])
+# tarvo_add_test(NAME source... [LIBS target...] [TIMEOUT seconds] [PORTABLE] [SEPARATE] [ONE_THREAD])
 #
 # A GoogleTest program over the library and the test support. CTest runs each of its tests in a process of its own, so
 # that every test meets the process-wide objects of the library fresh.
@@ -8,6 +8,8 @@
 # TARVO_TESTS_PORTABLE instead.
 # Its sources are compiled several at a time, in half the time. A name that is each one's own in two of them clashes;
 # write it once. SEPARATE compiles them one by one.
+# ONE_THREAD: nothing that it tests runs on a second thread, so that ThreadSanitizer has nothing to say; it is not part of
+# that build.
 
 # tarvo_skip_test(NAME reason)
 #
@@ -19,7 +21,10 @@ include(GoogleTest)
 add_custom_target(tests_portable)
 
 function(tarvo_add_test name)
-  cmake_parse_arguments(arg "PORTABLE;SEPARATE" "TIMEOUT" "LIBS" ${ARGN})
+  cmake_parse_arguments(arg "PORTABLE;SEPARATE;ONE_THREAD" "TIMEOUT" "LIBS" ${ARGN})
+  if(arg_ONE_THREAD AND TARVO_SANITIZE MATCHES "thread")
+    return()
+  endif()
   if(NOT arg_TIMEOUT)
     set(arg_TIMEOUT 120)
   endif()

@@ -4,7 +4,6 @@
 #include <sched.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <atomic>
 #include <chrono>
 #include <map>
@@ -12,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "storm/CommandLine.h"
 #include "support/Names.h"
 #include "support/Process.h"
 #include "support/SyslogCapture.h"
@@ -165,14 +165,15 @@ void StayOnOneCore() {
 
 int main(int argc, char **argv) {
     Settings settings;
-    CLI::App app("Kills the server of a tarvo::Client again and again.");
-    app.add_option("--kills", settings.kills, "how often")->capture_default_str();
-    app.add_option("--threads", settings.threads, "that call")->capture_default_str();
-    app.add_option("--lines-per-kill", settings.linesPerKill,
-                   "log lines of the client that are not about broken calls, at most")
-        ->capture_default_str();
-    app.add_flag("--one-core", settings.isOneCore, "all processes on one processor");
-    CLI11_PARSE(app, argc, argv);
+    storm::CommandLine line("Kills the server of a tarvo::Client again and again.");
+    line.Option("--kills", settings.kills, "how often");
+    line.Option("--threads", settings.threads, "that call");
+    line.Option("--lines-per-kill", settings.linesPerKill,
+                "log lines of the client that are not about broken calls, at most");
+    line.Flag("--one-core", settings.isOneCore, "all processes on one processor");
+    if (const auto status = line.Parse(argc, argv)) {
+        return *status;
+    }
     if (settings.isOneCore) {
         StayOnOneCore();
     }

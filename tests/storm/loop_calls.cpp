@@ -7,7 +7,6 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
@@ -18,6 +17,7 @@
 #include <vector>
 
 #include "storm/Board.h"
+#include "storm/CommandLine.h"
 #include "storm/LoopClient.h"
 #include "storm/LoopService.h"
 #include "storm/Proof.h"
@@ -180,16 +180,17 @@ int Main(int argc, char **argv) {
     std::signal(SIGPIPE, SIG_IGN);
     Options options;
     options.seed = std::random_device{}();
-    CLI::App app{"Makes masses of calls over the loop, with cancels and time-outs. The exit status is the verdict."};
-    app.add_option("--calls", options.calls, "how many calls")->capture_default_str();
-    app.add_option("--kills", options.kills, "how often the service is killed and restarted")->capture_default_str();
-    app.add_option("--groups", options.groups, "clients, with a service each, that share them")
-        ->capture_default_str()
-        ->check(CLI::Range(1, 64));
-    app.add_option("--minutes", options.minutes, "how long at least; more than one: a row each")->capture_default_str();
-    app.add_option("--pace-ms", options.paceMs, "pause after each round of a client")->capture_default_str();
-    app.add_option("--seed", options.seed, "for what is cancelled (default: another one each time)");
-    CLI11_PARSE(app, argc, argv);
+    CommandLine line(
+        "Makes masses of calls over the loop, with cancels and time-outs. The exit status is the verdict.");
+    line.Option("--calls", options.calls, "how many calls");
+    line.Option("--kills", options.kills, "how often the service is killed and restarted");
+    line.Option("--groups", options.groups, "clients, with a service each, that share them", 1U, 64U);
+    line.Option("--minutes", options.minutes, "how long at least; more than one: a row each");
+    line.Option("--pace-ms", options.paceMs, "pause after each round of a client");
+    line.Option("--seed", options.seed, "for what is cancelled; another one each time");
+    if (const auto status = line.Parse(argc, argv)) {
+        return *status;
+    }
     return Prove([&] {
         fmt::print("seed {}\n", options.seed);
         return RunGroups(options);

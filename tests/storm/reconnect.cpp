@@ -4,7 +4,6 @@
 #include <poll.h>
 #include <sched.h>
 
-#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <csignal>
 #include <memory>
@@ -13,6 +12,7 @@
 
 #include "storm/Board.h"
 #include "storm/Call.h"
+#include "storm/CommandLine.h"
 #include "storm/Percentile.h"
 #include "storm/Proof.h"
 #include "support/Names.h"
@@ -167,16 +167,16 @@ private:
 
 int Main(int argc, char **argv) {
     Options options;
-    CLI::App app{"Closes a pipe to a server and connects again under the same name at once. The exit status is the "
-                 "verdict: every connection is answered."};
-    app.add_option("--rounds", options.rounds, "how often")->capture_default_str();
-    app.add_flag("--one-core", options.oneCore, "both processes on one processor");
-    app.add_option("--load", options.load, "processes beside them that only burn time")->capture_default_str();
-    app.add_option("--callback-ms", options.callbackMs,
-                   "how long the server's callback is busy before each close, in ms")
-        ->capture_default_str();
-    app.add_flag("--no-callback", options.noCallback, "a server without a callback, which is sent to and not called");
-    CLI11_PARSE(app, argc, argv);
+    CommandLine line("Closes a pipe to a server and connects again under the same name at once. The exit status is the "
+                     "verdict: every connection is answered.");
+    line.Option("--rounds", options.rounds, "how often");
+    line.Flag("--one-core", options.oneCore, "both processes on one processor");
+    line.Option("--load", options.load, "processes beside them that only burn time");
+    line.Option("--callback-ms", options.callbackMs, "how long the server's callback is busy before each close, in ms");
+    line.Flag("--no-callback", options.noCallback, "a server without a callback, which is sent to and not called");
+    if (const auto status = line.Parse(argc, argv)) {
+        return *status;
+    }
     std::signal(SIGPIPE, SIG_IGN);
     return Prove([&] { return Reconnect(options).Run(); });
 }

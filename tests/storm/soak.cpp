@@ -3,7 +3,6 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
@@ -14,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "storm/CommandLine.h"
 #include "storm/Percentile.h"
 #include "storm/Proof.h"
 #include "storm/SoakPeers.h"
@@ -274,13 +274,15 @@ private:
 
 int Main(int argc, char **argv) {
     Options options;
-    CLI::App app{
+    CommandLine line(
         "Mixed traffic while peers come and go. Fails when memory, descriptors or threads of the processes that "
-        "stay grow, or when anything goes wrong. The exit status is the verdict."};
-    app.add_option("--minutes", options.minutes, "how long")->capture_default_str();
-    app.add_option("--row-seconds", options.rowSeconds, "time between two rows of the table")->capture_default_str();
-    app.add_option("--csv", options.csv, "file for all samples");
-    CLI11_PARSE(app, argc, argv);
+        "stay grow, or when anything goes wrong. The exit status is the verdict.");
+    line.Option("--minutes", options.minutes, "how long");
+    line.Option("--row-seconds", options.rowSeconds, "time between two rows of the table");
+    line.Option("--csv", options.csv, "file for all samples");
+    if (const auto status = line.Parse(argc, argv)) {
+        return *status;
+    }
     return Prove([&] { return Soak(options).Run(); });
 }
 

@@ -3,7 +3,6 @@
 #include <poll.h>
 #include <sys/wait.h>
 
-#include <CLI/CLI.hpp>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -16,6 +15,7 @@
 
 #include "storm/Board.h"
 #include "storm/Call.h"
+#include "storm/CommandLine.h"
 #include "storm/Percentile.h"
 #include "storm/Proof.h"
 #include "storm/SoakPeers.h"
@@ -216,16 +216,15 @@ private:
 
 int Main(int argc, char **argv) {
     Options options;
-    CLI::App app{
-        "Stops servers and watches their callers and those of another server. The exit status is the verdict."};
-    app.add_option("--seconds", options.seconds, "how long they are stopped")->capture_default_str();
-    app.add_option("--lateness", options.latenessMs, "99th percentile allowed beyond a time-out, in ms")
-        ->capture_default_str();
-    app.add_option("--send-limit", options.sendLimitMs, "99th percentile allowed for a refused send, in ms")
-        ->capture_default_str();
-    app.add_option("--share", options.share, "part of its undisturbed rate that another server's callers must keep")
-        ->capture_default_str();
-    CLI11_PARSE(app, argc, argv);
+    CommandLine line(
+        "Stops servers and watches their callers and those of another server. The exit status is the verdict.");
+    line.Option("--seconds", options.seconds, "how long they are stopped");
+    line.Option("--lateness", options.latenessMs, "99th percentile allowed beyond a time-out, in ms");
+    line.Option("--send-limit", options.sendLimitMs, "99th percentile allowed for a refused send, in ms");
+    line.Option("--share", options.share, "part of its undisturbed rate that another server's callers must keep");
+    if (const auto status = line.Parse(argc, argv)) {
+        return *status;
+    }
     std::signal(SIGPIPE, SIG_IGN);
     return Prove([&] { return Stopped(options).Run(); });
 }

@@ -2,7 +2,6 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -10,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "storm/CommandLine.h"
 #include "storm/Group.h"
 #include "storm/Leftovers.h"
 #include "storm/Percentile.h"
@@ -151,21 +151,20 @@ bool JudgeFiles(const Options &options) {
 int Main(int argc, char **argv) {
     Options options;
     options.seed = std::random_device{}();
-    CLI::App app{"Kills servers and clients of the library and restarts them at once. The exit status is the verdict."};
-    app.add_option("--kills", options.kills, "how many kills in all")->capture_default_str();
-    app.add_option("--seed", options.seed, "for the choice of victims and moments (default: another one each time)");
-    app.add_option("--groups", options.groups, "servers, each with clients of its own")->capture_default_str();
-    app.add_option("--clients", options.clients, "clients of each server")
-        ->check(CLI::Range(1U, static_cast<unsigned>(MAX_CLIENTS)))
-        ->capture_default_str();
-    app.add_option("--limit", options.answerLimitMs, "99th percentile from restart to first answer, in ms")
-        ->capture_default_str();
-    app.add_option("--wedged-after", options.wedgedAfterMs, "a process is wedged without an answer for so many ms")
-        ->capture_default_str();
-    app.add_option("--cleaner", options.cleaner,
-                   "command that removes the FIFO files that no process holds; it must leave none");
-    app.add_flag("--quiet", options.quiet, "no progress");
-    CLI11_PARSE(app, argc, argv);
+    CommandLine line(
+        "Kills servers and clients of the library and restarts them at once. The exit status is the verdict.");
+    line.Option("--kills", options.kills, "how many kills in all");
+    line.Option("--seed", options.seed, "for the choice of victims and moments; another one each time");
+    line.Option("--groups", options.groups, "servers, each with clients of its own");
+    line.Option("--clients", options.clients, "clients of each server", 1U, static_cast<unsigned>(MAX_CLIENTS));
+    line.Option("--limit", options.answerLimitMs, "99th percentile from restart to first answer, in ms");
+    line.Option("--wedged-after", options.wedgedAfterMs, "a process is wedged without an answer for so many ms");
+    line.Option("--cleaner", options.cleaner,
+                "command that removes the FIFO files that no process holds; it must leave none");
+    line.Flag("--quiet", options.quiet, "no progress");
+    if (const auto status = line.Parse(argc, argv)) {
+        return *status;
+    }
     return Prove([&] {
         fmt::print("seed {}, {} kills, {} servers with {} clients each\n", options.seed, options.kills, options.groups,
                    options.clients);

@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -15,6 +14,7 @@
 #include <vector>
 
 #include "storm/Board.h"
+#include "storm/CommandLine.h"
 #include "storm/Percentile.h"
 #include "storm/Proof.h"
 #include "support/Names.h"
@@ -126,11 +126,14 @@ bool Run(const Options &options) {
 
 int Main(int argc, char **argv) {
     Options options;
-    CLI::App app{"Two processes start and stop a server of one name at the same time. The exit status is the verdict."};
-    app.add_option("--rounds", options.rounds, "starts of each")->capture_default_str();
-    app.add_option("--limit", options.limitMs, "how long a stop may take, in ms")->capture_default_str();
-    app.add_option("--hangs-after", options.endMs, "how long all of it may take, in ms")->capture_default_str();
-    CLI11_PARSE(app, argc, argv);
+    CommandLine line(
+        "Two processes start and stop a server of one name at the same time. The exit status is the verdict.");
+    line.Option("--rounds", options.rounds, "starts of each");
+    line.Option("--limit", options.limitMs, "how long a stop may take, in ms");
+    line.Option("--hangs-after", options.endMs, "how long all of it may take, in ms");
+    if (const auto status = line.Parse(argc, argv)) {
+        return *status;
+    }
     return Prove([&] { return Run(options); });
 }
 
