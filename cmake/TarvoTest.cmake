@@ -40,6 +40,10 @@ function(tarvo_add_test name)
   # Optimising the tests would take most of the time that a change waits for its verdict, and tests nothing: the
   # library under test is built as the preset says.
   target_compile_options(${name} PRIVATE -O0)
+  if(TARVO_SANITIZE MATCHES "undefined" AND CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    # For the same reason: it is the library whose arithmetic and casts are looked at.
+    target_compile_options(${name} PRIVATE -fno-sanitize=undefined)
+  endif()
   # The library must find the functions that the program defines in front of the C library's.
   set_target_properties(${name} PROPERTIES ENABLE_EXPORTS ON UNITY_BUILD_BATCH_SIZE 8)
   if(NOT arg_SEPARATE)
