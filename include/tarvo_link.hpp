@@ -19,7 +19,7 @@ class LinkHandlers : public detail::HandlerSetters<LinkHandlers, Opened, Request
     using Setters = detail::HandlerSetters<LinkHandlers, Opened, Request, Closed, Writable>;
 
 public:
-    LinkHandlers() = default;
+    LinkHandlers() : Setters({}) {}
 
     // `callback(LinkView, std::error_code)`, once: the link is open, or its open has failed: timed_out,
     // no_such_device_or_address (ENXIO) for no such server, or what else went wrong.

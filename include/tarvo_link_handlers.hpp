@@ -64,7 +64,6 @@ public:
 protected:
     using Set = HandlerSet<First, Request, Closed, Writable>;
 
-    HandlerSetters() = default;
     explicit HandlerSetters(Set &&set) : set_(std::move(set)) {}
 
     template <typename Callback>

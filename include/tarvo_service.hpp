@@ -15,7 +15,7 @@ class ServiceHandlers : public detail::HandlerSetters<ServiceHandlers, Client, R
     using Setters = detail::HandlerSetters<ServiceHandlers, Client, Request, Closed, Writable>;
 
 public:
-    ServiceHandlers() = default;
+    ServiceHandlers() : Setters({}) {}
 
     // `callback(LinkView, std::string_view name)`: a client's link is open. No request of it comes before. The name is
     // valid until the link is closed.
