@@ -9,7 +9,7 @@ clang-tidy is to be run on: the units, then the sources that cannot share one (a
 them, or an error) and stand alone.
 
 A unit holds the text of its sources and does not include them: the analyzer looks at the functions of a unit itself,
-and would have to be told to look at those of all headers, the system's too, for the same findings in five times the time.
+and would have to be told to look at those of all headers, the system's too, for the same findings.
 
 --locate copies standard input to standard output, with the places in units replaced by those in their sources.
 """
@@ -39,9 +39,10 @@ BEGIN = "// From line 1 of "
 
 
 def text(sources):
-    """The sources one after another. Most have a LOG_TAG of their own."""
+    """The sources one after another. Most have a LOG_TAG of their own, and those of programs a main function."""
     return "".join(
-        f"#define LOG_TAG LOG_TAG_{number}\n{BEGIN}{source}\n{Path(source).read_text()}\n#undef LOG_TAG\n"
+        f"#define LOG_TAG LOG_TAG_{number}\n#define main main_{number}\n"
+        f"{BEGIN}{source}\n{Path(source).read_text()}\n#undef main\n#undef LOG_TAG\n"
         for number, source in enumerate(sources)
     )
 
