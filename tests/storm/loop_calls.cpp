@@ -9,8 +9,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <memory>
 #include <random>
 #include <string>
@@ -21,6 +19,7 @@
 #include "storm/LoopClient.h"
 #include "storm/LoopService.h"
 #include "storm/Proof.h"
+#include "storm/Usage.h"
 #include "support/LeakCheck.h"
 #include "support/Names.h"
 #include "support/Process.h"
@@ -45,19 +44,6 @@ struct Options {
     int paceMs = 0;     // between two turns
     uint64_t seed = 0;
 };
-
-long CountEntries(pid_t pid, const char *what) {
-    const std::filesystem::directory_iterator entries("/proc/" + std::to_string(pid) + "/" + what);
-    return static_cast<long>(std::distance(begin(entries), end(entries)));
-}
-
-long ResidentKiB(pid_t pid) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/statm");
-    long size = 0;
-    long resident = 0;
-    status >> size >> resident;
-    return resident * (sysconf(_SC_PAGESIZE) / 1024);
-}
 
 // What the two processes hold.
 struct Holding {

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -17,6 +16,7 @@
 #include "storm/Percentile.h"
 #include "storm/Proof.h"
 #include "storm/SoakPeers.h"
+#include "storm/Usage.h"
 #include "support/Names.h"
 #include "support/Process.h"
 
@@ -50,20 +50,6 @@ struct Steady {
     std::unique_ptr<ChildProcess> process;
     std::vector<Sample> samples;
 };
-
-long CountEntries(pid_t pid, const char *what) {
-    std::error_code error;
-    const std::filesystem::directory_iterator entries("/proc/" + std::to_string(pid) + "/" + what, error);
-    return static_cast<long>(std::distance(begin(entries), end(entries)));
-}
-
-long ResidentKiB(pid_t pid) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/statm");
-    long size = 0;
-    long resident = 0;
-    status >> size >> resident;
-    return resident * (sysconf(_SC_PAGESIZE) / 1024);
-}
 
 // Owns: all processes. Threads: one. Locks: none. Ends: kills what still runs.
 class Soak {
