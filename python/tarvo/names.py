@@ -19,10 +19,10 @@ def check(name: str) -> str:
         raise TypeError(f"a name is a str, not {type(name).__name__}")
     size = len(os.fsencode(name))
     if not 1 <= size <= MAX_NAME:
-        raise InvalidArgument.of(f"a name has 1 to {MAX_NAME} bytes, not {size}", name)
+        raise InvalidArgument.of(f"not a valid name: it has {size} bytes, not 1 to {MAX_NAME}", name)
     for part in _FORBIDDEN:
         if part in name:
-            raise InvalidArgument.of(f"a name must not hold {part!r}", name)
+            raise InvalidArgument.of(f"not a valid name: it holds {part!r}", name)
     return name
 
 
