@@ -23,6 +23,7 @@ from .sender import Sender
 
 _READ_SIZE = 65536
 _SENDS_A_TURN = 128
+_FIRST_LOOK_S, _LONGEST_LOOK_S = 0.0005, 0.01
 _log = logging.getLogger("tarvo")
 _HandlerType = TypeVar("_HandlerType", bound=Handler)
 ClosedHandler = Callable[["Link"], Awaitable[None] | None]
@@ -69,6 +70,8 @@ class Link:
         self._ended: asyncio.Future[None] = self._loop.create_future()
         self._ending: asyncio.Task[None] | None = None
         self._opener: asyncio.Task[Any] | None = None
+        self.blocking_face: object = None
+        """The same link for tarvo.blocking."""
 
     # ------------------------------------------------------------------------------------------------ what it is
 
@@ -155,6 +158,18 @@ class Link:
         frame = self._answer_frame(request_id, payload)
         if not self._put(frame):
             raise self._sender.full()
+
+    async def wait_read(self) -> None:
+        """Waits until the other process has read all that was sent. What it makes of it, only an answer could tell.
+
+        RemoteClosed (EPIPE) or Cancelled (ECANCELED) when the link ends before.
+        """
+        wait = _FIRST_LOOK_S
+        while self._state is State.OPEN and not self._sender.is_read():
+            await asyncio.sleep(wait)  # nothing tells of it
+            wait = min(2 * wait, _LONGEST_LOOK_S)
+        if self._state is not State.OPEN:
+            raise self._refusal()
 
     def on_request(self, handler: _HandlerType) -> _HandlerType:
         """Has the handler called with each request of the other side; also those that have come before (1000 at most).

@@ -46,7 +46,7 @@ class Request:
         """Whether it has its answer."""
 
     async def reply(self, payload: Bytes) -> None:
-        """Answers it, once, now or later; waits for room. NoSuchRequest (ENOENT) the second time; else as Link.send()."""
+        """Answers it, once, now or later; waits for room. NoSuchRequest (ENOENT) the second time."""
         self._take()
         try:
             await self.link.reply(self.id, payload)

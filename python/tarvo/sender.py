@@ -3,7 +3,10 @@
 from __future__ import annotations
 
 import asyncio
+import fcntl
 import os
+import termios
+from array import array
 from collections import deque
 from collections.abc import Callable
 
@@ -68,6 +71,14 @@ class Sender:
     def in_round(self) -> bool:
         """Whether the loop will flush what is gathered before it sleeps."""
         return self._scheduled
+
+    def is_read(self) -> bool:
+        """Whether nothing is left, here or in the FIFO."""
+        if not self.flush() or self._waiting:
+            return False
+        unread = array("i", [0])
+        fcntl.ioctl(self._fd, termios.FIONREAD, unread)
+        return unread[0] == 0
 
     def put(self, frame: bytes, gather: bool, call: int = 0) -> bool:
         """Takes a frame: into the FIFO, or into the batch if others of this round may follow. False: no room.

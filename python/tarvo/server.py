@@ -259,5 +259,3 @@ def serve(
         return Server(served, handler, gid=group, replace=replace, concurrent=concurrent)
 
     return ServerOpener(make)
-
-
