@@ -360,7 +360,7 @@ async def run_ping(options: Options) -> int:
     """Calls a server again and again and times the answers."""
     pings = Pings(options)
     begin = time.perf_counter()
-    request = bytes(options.size)
+    request = b"p" * options.size
     async with opener(options) as link:
         stopped = asyncio.Event()
         for signal_number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):

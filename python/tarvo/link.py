@@ -8,6 +8,7 @@ import inspect
 import logging
 import os
 import warnings
+import weakref
 from collections.abc import Awaitable, Callable
 from types import TracebackType
 from typing import Any, TypeVar
@@ -40,7 +41,7 @@ class State(enum.Enum):
 
 
 # The links of this process by the file that they read, so that no two of the same names take each other's frames.
-_links: dict[str, Link] = {}
+_links: weakref.WeakValueDictionary[str, Link] = weakref.WeakValueDictionary()
 
 
 class Link:
@@ -97,7 +98,7 @@ class Link:
 
     @property
     def is_full(self) -> bool:
-        """Whether frames wait for room."""
+        """Whether there is no room, so that send() waits and send_nowait() is refused."""
         return self._sender.waits
 
     def __repr__(self) -> str:
@@ -222,6 +223,10 @@ class Link:
     def _register(self) -> None:
         known = _links.get(self._read_path)
         if known is not None and known is not self:
+            if known._loop.is_closed():
+                known._release(by_remote=False)  # nobody can close it any more
+                _links[self._read_path] = self
+                return
             raise AlreadyOpen.of(f"this process has a link of {self.own!r} to this name", self.remote)
         _links[self._read_path] = self
 
@@ -392,7 +397,10 @@ class Link:
         The second time nothing happens. What the other side has not read yet may be lost, if it uses the threads of the
         C++ library: end with a call where that matters.
         """
-        if self._state is State.CLOSED or self._state is State.GONE:
+        if self._state is State.CLOSED:
+            return
+        if self._state is State.GONE:
+            self._requests.cancel()  # of what had come before the end
             return
         was_opening = self._state is State.OPENING
         self._state = State.CLOSED
@@ -436,11 +444,14 @@ class Link:
             self._ended.set_result(None)
 
     async def wait_closed(self) -> None:
-        """Waits until it has ended, by whichever side, and none of its handlers runs any more."""
-        current = asyncio.current_task()
-        if self._ending is current or self._requests.runs_in(current):
+        """Waits until it has ended, by whichever side, and no handler runs any more, unless one of them asks."""
+        if self.runs_handler_in(asyncio.current_task()):
             return  # it would wait for itself
         await asyncio.shield(self._ended)
+
+    def runs_handler_in(self, task: asyncio.Task[Any] | None) -> bool:
+        """Whether the task is that of one of its handlers."""
+        return task is self._ending or self._requests.runs_in(task)
 
     async def __aenter__(self) -> Link:
         if self._state is State.OPENING:

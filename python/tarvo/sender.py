@@ -64,8 +64,8 @@ class Sender:
 
     @property
     def waits(self) -> bool:
-        """Whether frames wait for room, so that another would have to wait too."""
-        return bool(self._waiting)
+        """Whether there is no room, so that another frame would have to wait."""
+        return self._blocked
 
     @property
     def in_round(self) -> bool:
@@ -87,7 +87,7 @@ class Sender:
         """
         if self._broken:
             raise self._gone()
-        if self._waiting:
+        if self._waiting or self._blocked:
             return False
         if not gather and not self._batch:
             return self._write(frame)

@@ -185,9 +185,11 @@ class Server:
             self._ended.set_result(None)
 
     async def wait_closed(self) -> None:
-        """Waits until it has been closed, and none of its handlers runs any more."""
-        await asyncio.shield(self._ended)
+        """Waits until it has been closed, and none of its handlers runs any more, unless one of them asks."""
         current = asyncio.current_task()
+        if any(link.runs_handler_in(current) for link in self._links):
+            return  # it would wait for itself
+        await asyncio.shield(self._ended)
         while others := [task for task in self._tasks if task is not current]:
             await asyncio.wait(others)
 
