@@ -21,10 +21,11 @@ MAX_PATH = 254
 _STARTS_OVER = 3
 _log = logging.getLogger("tarvo.files")
 
-_Identity = tuple[int, int]
+Made = tuple[int, int, int]
+"""A file that this process has made: device, inode, process."""
 _directory = DEFAULT_DIRECTORY
-# What this process has to remove at its end: path -> (device, inode, process).
-_made: dict[str, tuple[int, int, int]] = {}
+# What this process has to remove at its end, by path.
+_made: dict[str, Made] = {}
 
 
 def directory() -> str:
@@ -78,7 +79,7 @@ def remove(path: str) -> None:
         os.unlink(path)
 
 
-def _identity(state: os.stat_result) -> _Identity:
+def _identity(state: os.stat_result) -> tuple[int, int]:
     return state.st_dev, state.st_ino
 
 
@@ -90,8 +91,8 @@ def stands_under(fd: int, path: str) -> bool:
         return False
 
 
-def create(path: str, gid: int = ANY_GROUP) -> None:
-    """Makes the FIFO, in place of whatever has the name. An Error with the errno of what failed.
+def create(path: str, gid: int = ANY_GROUP) -> Made:
+    """Makes the FIFO, in place of whatever has the name; returns what remove_own() wants. The Error of what failed.
 
     It gets its mode and group under a temporary name and is published by a hard link, so that nobody opens it half
     made. When another process publishes the same name in between, that FIFO is used.
@@ -106,7 +107,7 @@ def create(path: str, gid: int = ANY_GROUP) -> None:
         finally:
             remove(temporary)
         _change_group(path, gid)  # once more, for one that another process has made
-        _made[path] = (*_identity(os.lstat(path)), os.getpid())
+        return _claim(path, os.lstat(path))
     except Error:
         raise
     except OSError as error:
@@ -186,16 +187,22 @@ def close(fd: int) -> None:
         os.close(fd)
 
 
-def disown(path: str) -> None:
+def _claim(path: str, state: os.stat_result) -> Made:
+    made = _made[path] = (*_identity(state), os.getpid())
+    return made
+
+
+def disown(path: str, made: Made | None) -> None:
     """Leaves a file that this process has made to whoever uses the name now."""
-    _made.pop(path, None)
+    if made is not None and _made.get(path) == made:
+        del _made[path]
 
 
-def remove_own(path: str) -> None:
-    """Removes a file that this process has made, unless another has taken its name since."""
-    made = _made.pop(path, None)
-    if made is None or made[2] != os.getpid():
-        return  # not ours, or that of the process that this one was forked from
+def remove_own(path: str, made: Made | None) -> None:
+    """Removes a file that this process has made, unless another has taken its name since. Once."""
+    if made is None or _made.get(path) != made or made[2] != os.getpid():
+        return  # gone, or another's, or that of the process that this one was forked from
+    del _made[path]
     with contextlib.suppress(OSError):
         if _identity(os.lstat(path)) == made[:2]:
             os.unlink(path)
@@ -204,17 +211,18 @@ def remove_own(path: str) -> None:
 @atexit.register
 def remove_all_own() -> None:
     """At the end of the process: its files go, as they do when their links are closed."""
-    for path in list(_made):
-        remove_own(path)
+    for path, made in list(_made.items()):
+        remove_own(path, made)
 
 
 class ServerFile:
     """The FIFO of a server. Owns both ends and the file."""
 
-    __slots__ = ("path", "read_fd", "write_fd")
+    __slots__ = ("_made", "path", "read_fd", "write_fd")
 
     def __init__(self, path: str) -> None:
         self.path = path
+        self._made: Made | None = None
         self.read_fd = self.write_fd = -1
 
     def open(self, gid: int, replace: bool) -> None:
@@ -226,11 +234,11 @@ class ServerFile:
             if stands_under(self.read_fd, self.path) and stands_under(self.write_fd, self.path):
                 # Two that start at the same moment may end up with one file: the lock leaves it to one of them.
                 if self._lock():
+                    self._made = _claim(self.path, os.fstat(self.read_fd))
                     return
                 break
             self.close_ends()  # another server has started meanwhile and put its file there
-        disown(self.path)
-        self.close_ends()
+        self.leave()
         raise NameTaken.of("another server was faster", self.path)
 
     def _is_served(self) -> bool:
@@ -241,7 +249,7 @@ class ServerFile:
             return False
 
     def _publish(self, gid: int) -> None:
-        create(self.path, gid)
+        self._made = create(self.path, gid)
         try:
             self.read_fd = open_reader(self.path)
             # A writer of its own keeps the FIFO from reporting a hang-up whenever the last client closes.
@@ -265,7 +273,12 @@ class ServerFile:
         close(write_fd)
         close(read_fd)
 
+    def leave(self) -> None:
+        """Gives back the descriptors; the file stays, also at the end of the process."""
+        disown(self.path, self._made)
+        self.close_ends()
+
     def close(self) -> None:
         """Gives back the descriptors, and removes the file if it is still this server's."""
-        remove_own(self.path)
+        remove_own(self.path, self._made)
         self.close_ends()

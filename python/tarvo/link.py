@@ -64,7 +64,8 @@ class Link:
         self._requests = Requests(self, self._loop, concurrent)
         self._reading = False
         self._heard = False
-        self._owns_files = False
+        self._made_read: files.Made | None = None
+        self._made_write: files.Made | None = None
         self._one_way = 0
         self._sends = 0
         self._on_closed: ClosedHandler | None = None
@@ -193,19 +194,20 @@ class Link:
         NoServer (ENXIO), TimedOut (ETIMEDOUT), AlreadyOpen (EEXIST), and what the files refuse. Nothing is left then.
         """
         if self._state is not State.OPENING or self._opener is not None:
-            opening = AlreadyOpen.of("the link is being opened", self.remote)
-            raise opening if self._state is State.OPENING else self._refusal()
+            again = AlreadyOpen.of("the link is being opened", self.remote)
+            raise again if self._state is State.OPENING else self._refusal()
         self._opener = asyncio.current_task()
         try:
             self._register()
-            read_fd, write_fd = await Opening(self._plan).run()
+            opening = Opening(self._plan)
+            read_fd, write_fd = await opening.run()
         except BaseException:
             self._opener = None
             self._fail_open()
             raise
         self._opener = None
         self._read_fd = read_fd
-        self._owns_files = self._plan.makes_files
+        self._made_read, self._made_write = opening.made_read, opening.made_write
         self._sender = Sender(self._loop, write_fd, self.remote, self._fail_call)
         if self._state is not State.OPENING:  # closed meanwhile
             self._release(by_remote=False)
@@ -243,10 +245,8 @@ class Link:
 
     def leave_names(self) -> None:
         """Another link takes the names: this one ends without touching the files."""
-        if self._owns_files:
-            files.disown(self._read_path)
-            files.disown(self._write_path)
-            self._owns_files = False
+        files.disown(self._read_path, self._made_read)
+        files.disown(self._write_path, self._made_write)
         self._forget_name()
 
     def _forget_name(self) -> None:
@@ -411,6 +411,8 @@ class Link:
                 self._end_now()
             return
         self._release(by_remote=False)
+        if self._loop.is_closed():
+            return  # and with it all tasks
         self._requests.cancel()
         self._ending = self._loop.create_task(self._end_after_close(), name=f"tarvo end of {self.remote}")
 
@@ -424,11 +426,9 @@ class Link:
         if self._sender.fd >= 0 and not self._loop.is_closed():
             self._loop.remove_reader(self._sender.fd)
         self._sender.close(by_remote)
-        if self._owns_files:
-            # In this order: whoever opens a link of the same names next waits for the second.
-            files.remove_own(self._read_path)
-            files.remove_own(self._write_path)
-            self._owns_files = False
+        # In this order: whoever opens a link of the same names next waits for the second.
+        files.remove_own(self._read_path, self._made_read)
+        files.remove_own(self._write_path, self._made_write)
         read_fd, self._read_fd = self._read_fd, -1
         files.close(read_fd)
         self._forget_name()

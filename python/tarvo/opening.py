@@ -57,6 +57,8 @@ class Opening:
         self._looks = 0
         self._watched_end = -1
         self.read_fd = self.write_fd = -1
+        self.made_read: files.Made | None = None
+        self.made_write: files.Made | None = None
 
     async def run(self) -> tuple[int, int]:
         """The read end and the write end. The latter is -1 when the remote has sent something and is gone already.
@@ -77,15 +79,14 @@ class Opening:
 
     def _undo(self) -> None:
         self._unwatch_end()
-        if self._plan.makes_files:
-            files.remove_own(self._read_path)
-            files.remove_own(self._write_path)
+        files.remove_own(self._read_path, self.made_read)
+        files.remove_own(self._write_path, self.made_write)
         files.close(self.read_fd)
         files.close(self.write_fd)
 
     async def _make(self) -> None:
-        files.create(self._write_path, self._plan.gid)
-        files.create(self._read_path, self._plan.gid)  # the remote waits for the second
+        self.made_write = files.create(self._write_path, self._plan.gid)
+        self.made_read = files.create(self._read_path, self._plan.gid)  # the remote waits for the second
         self.read_fd = files.open_reader(self._read_path)
         await self._open_write_end()
 
@@ -93,6 +94,8 @@ class Opening:
         if self._plan.announces:
             await self._await_end_of_leftovers()
             await self._announce()
+            if files.exists(self._read_path):
+                await self._wait(_FIRST_WAIT)  # for the server to replace what has stayed
         await self._open_read_end()
         await self._open_write_end()
 

@@ -173,8 +173,7 @@ class Server:
         if removes:
             self._file.close()
         else:
-            files.disown(self._file.path)
-            self._file.close_ends()
+            self._file.leave()
 
     def close(self) -> None:
         """Gives the name back and closes the links of all clients, at once. The second time nothing happens."""
