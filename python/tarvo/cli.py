@@ -128,6 +128,13 @@ def explain(error: OSError, server: str) -> Failure:
     return Failure(f"'{server}': {error.strerror}", FAILED)
 
 
+def on_signals(stop: Callable[[], None]) -> None:
+    """Has Ctrl-C and the like end a command cleanly."""
+    with contextlib.suppress(ValueError, RuntimeError):  # on the main thread only
+        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+            asyncio.get_running_loop().add_signal_handler(number, stop)
+
+
 def opener(options: Options) -> LinkOpener:
     """The link of a command to its server."""
     return connect(options.name, own=options.own, timeout=options.open_timeout)
@@ -197,7 +204,7 @@ class Served:
         self.options, self.name, self.several = options, name, several
         self.clients = self.requests = self.answers = self.bytes = 0
 
-    def tell(self, event: str, text: str | None, **fields: Any) -> None:
+    def tell(self, event: str, text: str | None, /, **fields: Any) -> None:
         """An event, on standard output in JSON and otherwise on standard error."""
         if self.options.json:
             put_json({"event": event, **({"name": self.name} if self.several else {}), **fields})
@@ -250,8 +257,7 @@ def group_of(text: str | None) -> int:
 async def run_serve(options: Options) -> int:
     """Serves under a name, or several, until it is interrupted."""
     stopped = asyncio.Event()
-    for signal_number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
-        asyncio.get_running_loop().add_signal_handler(signal_number, stopped.set)
+    on_signals(stopped.set)
     group, several = group_of(options.group), len(options.names) > 1
     all_served = [Served(options, name, several) for name in options.names]
     async with contextlib.AsyncExitStack() as stack:
@@ -363,8 +369,7 @@ async def run_ping(options: Options) -> int:
     request = b"p" * options.size
     async with opener(options) as link:
         stopped = asyncio.Event()
-        for signal_number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
-            asyncio.get_running_loop().add_signal_handler(signal_number, stopped.set)
+        on_signals(stopped.set)
         lanes = [asyncio.create_task(_ping_lane(options, link, request, pings)) for _ in range(options.outstanding)]
         stop = asyncio.create_task(stopped.wait())
         ended = asyncio.create_task(_all(lanes))
@@ -514,7 +519,12 @@ def parse(words: list[str] | None) -> Options:
     command.add_argument("--data", dest="hex_data", metavar="HEX", help="the bytes themselves, in hex digits")
     command.add_argument("--kind", choices=("any", "frame", "packet"), default="any", help="what they are (any)")
     command.add_argument("--json", action="store_true", help="answer in JSON, one value on each line")
-    return parser.parse_args(words)
+    options, rest = parser.parse_known_args(words)
+    if len(rest) == 1 and not rest[0].startswith("-") and getattr(options, "data", rest) is None:
+        options.data = rest.pop()  # behind the options
+    if rest:
+        parser.error(f"unrecognized arguments: {' '.join(rest)}")
+    return options
 
 
 def main(words: list[str] | None = None) -> int:

@@ -72,6 +72,7 @@ class Link:
         self._ended: asyncio.Future[None] = self._loop.create_future()
         self._ending: asyncio.Task[None] | None = None
         self._opener: asyncio.Task[Any] | None = None
+        self._closed_while_opening = False
         self.blocking_face: object = None
         """The same link for tarvo.blocking."""
 
@@ -198,29 +199,37 @@ class Link:
             raise again if self._state is State.OPENING else self._refusal()
         self._opener = asyncio.current_task()
         try:
+            await self._open()
+            if before_reading is not None:
+                await before_reading(self)
+        except asyncio.CancelledError:
+            if self._opener is not None and self._closed_while_opening:
+                self._opener.uncancel()
+                raise Cancelled.of("the link was closed", self.remote) from None
+            raise
+        finally:
+            self._opener = None
+        self._resume_reading()
+        return self
+
+    async def _open(self) -> None:
+        try:
             self._register()
             opening = Opening(self._plan)
             read_fd, write_fd = await opening.run()
         except BaseException:
-            self._opener = None
-            self._fail_open()
+            self._forget_name()
+            self._state = State.CLOSED
+            self._end_now()
             raise
-        self._opener = None
         self._read_fd = read_fd
         self._made_read, self._made_write = opening.made_read, opening.made_write
         self._sender = Sender(self._loop, write_fd, self.remote, self._fail_call)
-        if self._state is not State.OPENING:  # closed meanwhile
-            self._release(by_remote=False)
-            raise Cancelled.of("the link was closed", self.remote)
         self._state = State.OPEN
         if write_fd >= 0:
             # Of itself it tells only that nobody reads any more: until the remote has had a write end, the read end
             # tells nothing of its death.
             self._loop.add_reader(write_fd, self._on_write_end)
-        if before_reading is not None:
-            await before_reading(self)
-        self._resume_reading()
-        return self
 
     def _register(self) -> None:
         known = _links.get(self._read_path)
@@ -231,12 +240,6 @@ class Link:
                 return
             raise AlreadyOpen.of(f"this process has a link of {self.own!r} to this name", self.remote)
         _links[self._read_path] = self
-
-    def _fail_open(self) -> None:
-        self._forget_name()
-        if self._state is State.OPENING:
-            self._state = State.CLOSED
-        self._end_now()
 
     @classmethod
     def of_names(cls, plan: Plan) -> Link | None:
@@ -404,10 +407,11 @@ class Link:
             return
         was_opening = self._state is State.OPENING
         self._state = State.CLOSED
+        if self._opener is not None and self._opener is not asyncio.current_task():
+            self._closed_while_opening = True
+            self._opener.cancel()
         if was_opening:
-            if self._opener is not None:
-                self._opener.cancel()
-            else:
+            if self._opener is None:
                 self._end_now()
             return
         self._release(by_remote=False)

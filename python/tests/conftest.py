@@ -27,6 +27,7 @@ TARVOCTL = BUILD / "tools/tarvoctl/tarvoctl"
 READER_HELPER = BUILD / "tests/python/python_reader_helper"
 ENGINES = {"threads": LIBRARY_PEER, "loop": LOOP_PEER, "python": PYTHON_PEER}
 LIMIT_S = 60
+os.environ["PYTHONPATH"] = str(ROOT / "python")  # of programs that tests start
 
 
 def need(program):

@@ -544,7 +544,7 @@ async def test_link_that_is_closed_while_it_opens_ends():
     with pytest.raises(tarvo.AlreadyOpen):
         await opener.link.open()
     opener.link.close()
-    with pytest.raises(asyncio.CancelledError):
+    with pytest.raises(tarvo.Cancelled):
         await task
     await opener.link.wait_closed()
     never = tarvo.arrange("nobody", own="me", creates=True).link

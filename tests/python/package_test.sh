@@ -10,7 +10,7 @@ for module in pytest pytest_asyncio hypothesis coverage; do
 done
 export TARVO_BUILD=$build PYTHONDONTWRITEBYTECODE=1 PYTHONPATH=$PWD
 COVERAGE_FILE=$(mktemp -d)/data
-export COVERAGE_FILE COVERAGE_PROCESS_START=$PWD/pyproject.toml
+export COVERAGE_FILE
 trap 'rm -rf "${COVERAGE_FILE%/*}"' EXIT
 
 "$python" -m coverage run -m pytest -q -p no:cacheprovider "$@"
