@@ -540,7 +540,8 @@ def main(words: list[str] | None = None) -> int:
     except KeyboardInterrupt:
         return INTERRUPTED
     except BrokenPipeError:
-        sys.stderr.close()  # nobody reads the output any more
+        # Nobody reads the output any more, nor what is left of it at exit.
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
         return FAILED
     diagnose(str(failure))
     return failure.status

@@ -15,7 +15,8 @@ from tarvo import frames, packets
 from tarvo.decoder import decode
 
 MAGIC = frames.MAGIC_BYTES
-quick = settings(max_examples=100, deadline=None, suppress_health_check=[HealthCheck.function_scoped_fixture])
+EXAMPLES = int(os.environ.get("TARVO_EXAMPLES", "40"))
+quick = settings(max_examples=EXAMPLES, deadline=None, database=None, suppress_health_check=list(HealthCheck))
 
 
 def frame_like():
@@ -189,7 +190,7 @@ class TestDecoder:
         st.integers(0, 60),
         st.sampled_from(["any", "frame", "packet"]),
     )
-    @settings(quick, max_examples=60)
+    @quick
     def test_decoder_judges_as_the_tool_does(self, data, cut_off, kind):
         data = data[: max(len(data) - cut_off, 1)]
         words = [need(TARVOCTL), "decode", "--json", "--kind", kind]

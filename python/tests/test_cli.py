@@ -9,7 +9,7 @@ import subprocess
 import sys
 
 import pytest
-from conftest import LIMIT_S
+from conftest import LIMIT_S, eventually
 
 import tarvo
 from tarvo import cli, frames, packets
@@ -110,7 +110,8 @@ async def test_send_ends_when_the_server_has_read_it_all(capfdbinary):
     async with tarvo.serve("s", lambda request: came.append(request.payload)):
         assert (await run_here(capfdbinary, "send", "s", "x", "--repeat", "300"))[0] == 0
         assert came == [b"x"] * 300
-        status, output, _ = await run_here(capfdbinary, "send", "s", "x", "--json", "--repeat", "2", "--interval", "1ms")
+        words = ("send", "s", "x", "--json", "--repeat", "2", "--interval", "1ms")
+        status, output, _ = await run_here(capfdbinary, *words)
         assert (status, json.loads(output)) == (0, {"server": "s", "sent": 2, "size": 1, "read": True})
 
 
@@ -166,6 +167,24 @@ async def test_serve_echoes_counts_and_prints():
     output, errors = await process.communicate()
     assert process.returncode == 0 and output == b"to one\nto two\nto one\n"
     assert b"'one': 2 requests, 12 bytes, 2 answers" in errors and b"connected to 'one'" in errors
+
+
+@pytest.mark.parametrize("options", [["--print"], ["--print", "--json"], ["--count"], ["--echo", "--replace"]])
+async def test_serve_ends_after_as_many_requests_as_are_asked_for(capfdbinary, directory, options):
+    serving = asyncio.create_task(run_here(capfdbinary, "serve", "s", "--limit", "2", *options))
+    await eventually(lambda: directory.files() == ["s"])
+    async with tarvo.connect("s") as link:
+        for _ in range(2):
+            await link.send(b"line\n")
+        await link.wait_closed()
+    status, output, errors = await serving
+    assert status == 0
+    if "--json" in options:
+        kinds = [json.loads(line)["event"] for line in output.splitlines()]
+        assert kinds == ["serving", "connected", "request", "request", "ended"]
+    else:
+        assert output == (b"line\nline\n" if "--print" in options else b"")
+        assert "'s': 2 requests, 10 bytes, " in errors
 
 
 async def test_serve_tells_events_in_json_and_ends_on_a_signal():

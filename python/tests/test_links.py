@@ -51,9 +51,8 @@ async def test_both_sides_call_each_other_at_the_same_time():
         server.on_client(seen.append)
         async with tarvo.connect("s", on_request=echo) as connected:
             await eventually(lambda: seen)
-            answers = await asyncio.gather(
-                *(connected.call(fill(100, i), 5) for i in range(50)), *(seen[0].call(fill(100, i), 5) for i in range(50))
-            )
+            both = (connected, seen[0])
+            answers = await asyncio.gather(*(one.call(fill(100, i), 5) for one in both for i in range(50)))
             assert answers == [fill(100, i) for i in range(50)] * 2
 
 
@@ -244,7 +243,8 @@ async def test_full_fifo_holds_send_up_and_refuses_send_nowait():
 
 async def test_call_that_waits_for_room_ends_with_its_time_and_is_not_sent():
     came = []
-    async with tarvo.serve("s", lambda request: came.append(request.payload)) as server, tarvo.connect("s") as connected:
+    taking = tarvo.serve("s", lambda request: came.append(request.payload))
+    async with taking as server, tarvo.connect("s") as connected:
         await eventually(lambda: server.links)
         (served,) = server.links
         served._pause_reading()
