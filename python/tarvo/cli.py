@@ -444,7 +444,7 @@ def print_piece(piece: Piece, as_json: bool) -> None:
     put(f"  {'payload':<15} {piece.payload!r}")
 
 
-# ------------------------------------------------------------------------------------------------------ the command line
+# ---------------------------------------------------------------------------------------------------- the command line
 
 
 def _add_client_options(parser: argparse.ArgumentParser) -> None:
