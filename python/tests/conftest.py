@@ -26,7 +26,7 @@ PYTHON_PEER = ROOT / "tests/system/python/agent.py"
 TARVOCTL = BUILD / "tools/tarvoctl/tarvoctl"
 READER_HELPER = BUILD / "tests/python/python_reader_helper"
 ENGINES = {"threads": LIBRARY_PEER, "loop": LOOP_PEER, "python": PYTHON_PEER}
-LIMIT_S = 60
+LIMIT_S = float(os.environ.get("TARVO_LIMIT", "60"))
 os.environ["PYTHONPATH"] = str(ROOT / "python")  # of programs that tests start
 
 

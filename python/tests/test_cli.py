@@ -12,7 +12,7 @@ import pytest
 from conftest import LIMIT_S, eventually
 
 import tarvo
-from tarvo import cli, frames, packets
+from tarvo import cli, cli_parts, cli_serve, frames, packets
 
 pytestmark = pytest.mark.usefixtures("directory")
 
@@ -78,7 +78,7 @@ async def test_failures_have_a_line_and_a_status(capfdbinary, directory):
         status, _, errors = await run_here(capfdbinary, "call", "s", "x", "--as", "other")
         assert status == 1 and "has closed the pipe or is gone" in errors
         os.chmod(directory.path / "s", 0)
-        assert cli.explain(tarvo.AccessDenied.of("no"), "s").status == 1
+        assert cli_parts.explain(tarvo.AccessDenied.of("no"), "s").status == 1
 
 
 @pytest.mark.parametrize(
@@ -102,7 +102,7 @@ def test_wrong_usage_is_told(words):
     ("text", "seconds"), [("250ms", 0.25), ("1.5s", 1.5), ("7", 0.007), ("5us", 5e-6), ("2min", 120), (".5s", 0.5)]
 )
 def test_times_have_the_units_of_the_tool(text, seconds):
-    assert cli.duration(text) == pytest.approx(seconds)
+    assert cli_parts.duration(text) == pytest.approx(seconds)
 
 
 async def test_send_ends_when_the_server_has_read_it_all(capfdbinary):
@@ -214,7 +214,7 @@ async def test_serve_refuses_what_cannot_be_served(capfdbinary):
         assert status == 1 and "cannot serve as 'taken'" in errors
         assert (await run("serve", "a|b"))[0] == 2
         assert (await run("serve", "s", "--group", "no-such-group"))[0] == 2
-        assert cli.group_of("root") == 0
+        assert cli_serve.group_of("root") == 0
 
 
 def test_decode_shows_frames_and_faults(capsys, monkeypatch, tmp_path):
@@ -242,7 +242,7 @@ def raise_interrupt():
 
 
 def test_durations_read_well():
-    assert [cli.duration_text(value) for value in (5e-9, 1.5e-6, 2e-3, 3.0)] == ["5 ns", "1.5 us", "2 ms", "3 s"]
+    assert [cli_parts.duration_text(value) for value in (5e-9, 1.5e-6, 2e-3, 3.0)] == ["5 ns", "1.5 us", "2 ms", "3 s"]
 
 
 async def test_help_helps():
