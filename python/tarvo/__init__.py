@@ -31,7 +31,8 @@ from .errors import (
 )
 from .files import ANY_GROUP
 from .frames import MAX_PAYLOAD
-from .link import Link, State
+from .connection import State
+from .link import Link
 from .names import MAX_NAME
 from .requests import Request
 from .server import Server, ServerOpener, serve

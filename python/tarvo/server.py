@@ -13,7 +13,8 @@ from typing import Any, TypeVar
 
 from . import files, names
 from .errors import Error, InvalidArgument
-from .link import ClosedHandler, Link, State
+from .connection import State
+from .link import ClosedHandler, Link
 from .opening import Plan
 from .packets import TERMINATE, Packet, PacketReader
 from .requests import Handler

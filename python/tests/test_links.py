@@ -10,7 +10,7 @@ import pytest
 from conftest import eventually, fifo_descriptors, fill, no_tasks_left
 
 import tarvo
-from tarvo import calls, link, requests
+from tarvo import calls, connection, requests
 from tarvo.files import pipe_path
 
 pytestmark = pytest.mark.usefixtures("directory")
@@ -19,7 +19,7 @@ pytestmark = pytest.mark.usefixtures("directory")
 @pytest.fixture(autouse=True)
 def nothing_known_is_left():
     yield
-    assert len(link._links) == 0
+    assert len(connection._links) == 0
 
 
 async def echo(request):
@@ -272,7 +272,7 @@ async def test_answers_wait_for_room_too(monkeypatch):
 
 
 async def test_link_stops_reading_when_its_handler_does_not_keep_up(monkeypatch):
-    monkeypatch.setattr(link, "MANY", 20)
+    monkeypatch.setattr(connection, "MANY", 20)
     go_on, came = asyncio.Event(), []
 
     async def handle(request):
@@ -296,7 +296,7 @@ async def send_many(connected, count):
 
 
 async def test_a_crowd_of_requests_does_not_hold_up_answers(monkeypatch):
-    monkeypatch.setattr(link, "MANY", 20)
+    monkeypatch.setattr(connection, "MANY", 20)
     go_on = asyncio.Event()
 
     async def handle(request):
@@ -532,7 +532,7 @@ async def test_cancelled_open_leaves_nothing():
         task.cancel()
         with pytest.raises(asyncio.CancelledError):
             await task
-        assert fifo_descriptors() == [] and no_tasks_left() and len(link._links) == 0
+        assert fifo_descriptors() == [] and no_tasks_left() and len(connection._links) == 0
 
 
 async def test_link_that_is_closed_while_it_opens_ends():
