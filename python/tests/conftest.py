@@ -2,6 +2,7 @@
 
 import asyncio
 import contextlib
+import faulthandler
 import gc
 import os
 import pathlib
@@ -38,13 +39,23 @@ def need(program):
 
 
 @pytest.fixture(autouse=True)
-def watchdog():
-    """No test hangs: all threads are printed, and the process ends."""
-    import faulthandler
+def watchdog(request):
+    """No test hangs: what every task and thread does is printed, and the process ends."""
 
-    faulthandler.dump_traceback_later(LIMIT_S, exit=True)
+    def end():
+        with request.config.pluginmanager.getplugin("capturemanager").global_and_fixture_disabled():
+            print(f"\n{request.node.nodeid} hangs", file=sys.stderr)
+            for task in [one for one in gc.get_objects() if isinstance(one, asyncio.Task) and not one.done()]:
+                task.print_stack(file=sys.stderr)
+            sys.stderr.flush()
+            faulthandler.dump_traceback(sys.stderr)
+            os._exit(1)
+
+    timer = threading.Timer(LIMIT_S, end)
+    timer.start()
     yield
-    faulthandler.cancel_dump_traceback_later()
+    timer.cancel()
+    timer.join()
 
 
 def open_descriptors():

@@ -121,6 +121,7 @@ def test_links_by_arrangement():
 
 def test_interrupt_ends_a_call_that_waits():
     came = queue.Queue()
+    before = signal.signal(signal.SIGINT, signal.default_int_handler)  # also where a shell has it ignored
     with blocking.serve("s", came.put), blocking.connect("s") as link:
 
         def interrupt():
@@ -131,6 +132,7 @@ def test_interrupt_ends_a_call_that_waits():
         with pytest.raises(KeyboardInterrupt):
             link.call(b"?")
         wait_for(lambda: not link._link._calls.waiting)
+    signal.signal(signal.SIGINT, before)
 
 
 def test_coroutine_functions_are_not_for_this_face():

@@ -14,7 +14,7 @@ from tarvo import frames, packets
 
 pytestmark = pytest.mark.usefixtures("own_programs", "directory")
 CALLS = int(os.environ.get("TARVO_CALLS", "10000"))
-KILLS = int(os.environ.get("TARVO_KILLS", "12"))
+KILLS = int(os.environ.get("TARVO_KILLS", "6"))
 every_engine = pytest.mark.parametrize("engine", ENGINES)
 
 

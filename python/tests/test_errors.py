@@ -18,7 +18,8 @@ def test_page_has_every_error_with_its_errno_and_its_kin():
     assert set(rows) == set(kinds)
     for name, kind in kinds.items():
         kin = [base.__name__ for base in kind.__bases__ if base is not errors.Error]
-        assert [word.strip(" `") for word in rows[name].split("|")] == [errno.errorcode[kind.CODE], *(kin or [""])], name
+        told = [word.strip(" `") for word in rows[name].split("|")]
+        assert told == [errno.errorcode[kind.CODE], *(kin or [""])], name
         assert getattr(tarvo, name) is kind and name in tarvo.__all__
 
 
