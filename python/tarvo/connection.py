@@ -55,6 +55,7 @@ class Connection:
         self._reader = FrameReader(plan.remote)
         self._reading = False
         self._heard = False
+        self._lost = False
         self._made_read: files.Made | None = None
         self._made_write: files.Made | None = None
         self._sends = 0
@@ -148,6 +149,12 @@ class Connection:
         if not self._reading and self._read_fd >= 0:
             self._reading = True
             self._loop.add_reader(self._read_fd, self._on_readable)
+            if self._lost and not self._heard:
+                self._loop.call_soon(self._look_for_end)
+
+    def _look_for_end(self) -> None:
+        if self._reading:
+            self._on_readable()
 
     def _pause_reading(self) -> None:
         if self._reading:
@@ -197,7 +204,9 @@ class Connection:
     def _on_write_end(self) -> None:
         """Nobody reads what is written here. Who has never written either is gone; what it has sent comes first."""
         self._loop.remove_reader(self._sender.fd)
-        self._on_readable()
+        self._lost = True
+        if self._reading:
+            self._on_readable()
 
     def _on_remote_gone(self) -> None:
         if self._state is not State.OPEN:

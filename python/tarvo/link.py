@@ -13,7 +13,7 @@ from .calls import ONE_WAY
 from .connection import Connection, State
 from .errors import AlreadyOpen, Cancelled, InvalidArgument
 from .frames import REQUEST, RESPONSE, Bytes, encode, milliseconds
-from .names import patient
+from .names import PATIENT_S, is_patient
 from .opening import Plan
 from .requests import Handler, Request, Requests
 
@@ -36,6 +36,7 @@ class Link(Connection):
         self._requests = Requests(self, self._loop, concurrent)
         self._on_closed: ClosedHandler | None = None
         self._one_way = 0
+        self._is_patient = is_patient()
         self.blocking_face: object = None
         """The same link for tarvo.blocking."""
 
@@ -52,7 +53,8 @@ class Link(Connection):
         """
         if self._state is not State.OPEN:
             raise self._refusal()
-        timeout = patient(timeout)
+        if timeout is not None and self._is_patient:
+            timeout = PATIENT_S
         id_, answer = self._calls.begin(timeout)
         pending = None
         try:

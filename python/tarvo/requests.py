@@ -111,6 +111,8 @@ class Requests:
 
     def add(self, request: Request) -> None:
         """One has come. The handler runs now if it does not wait, otherwise in a task."""
+        if self._ended:
+            return  # the handler of one before it has closed the link
         if self._quick and not self._queue and not self._link.is_full and not self._tasks:
             self._handle_now(request)
             return

@@ -10,7 +10,7 @@ import pytest
 from conftest import eventually, fifo_descriptors, fill, no_tasks_left
 
 import tarvo
-from tarvo import calls, connection, requests
+from tarvo import calls, connection, frames, packets, requests
 from tarvo.files import pipe_path
 
 pytestmark = pytest.mark.usefixtures("directory")
@@ -463,6 +463,57 @@ async def test_function_that_handles_requests_may_close_the_link():
     async with tarvo.serve("s", lambda request: request.link.close()), tarvo.connect("s") as connected:
         with pytest.raises(tarvo.RemoteClosed):
             await connected.call(b"?", 5)
+
+
+async def test_no_request_is_handled_after_the_close_of_its_link():
+    came = []
+
+    def handle(request):
+        came.append(request.payload)
+        request.link.close()
+
+    async with tarvo.serve("s", handle), tarvo.connect("s") as connected:
+        for i in range(5):  # in one write
+            connected._sender.put(frames.encode(i, frames.REQUEST, b"%d" % i), gather=True)
+        await connected.wait_closed()
+    assert came == [b"0"]
+
+
+@pytest.mark.parametrize("speaks", [False, True])
+async def test_client_that_is_gone_before_its_requests_are_read_is_noticed(speaks, directory):
+    told = []
+    async with tarvo.serve("s", lambda request: told.append(request.payload)) as server:
+        go_on = asyncio.Event()
+
+        @server.on_client
+        async def client(one):
+            told.append("client")
+            await go_on.wait()
+
+        server.on_closed(lambda one: told.append("closed"))
+        opening = asyncio.create_task(raw_client("s", "raw", directory.path, speaks))
+        await opening
+        await eventually(lambda: told)
+        await asyncio.sleep(0.01)
+        go_on.set()
+        await eventually(lambda: not server._links)
+    assert told == (["client", b"last words", "closed"] if speaks else ["client", "closed"])
+
+
+async def raw_client(server, own, path, speaks):
+    """Reads its FIFO and goes again; it has a write end only if it speaks."""
+    with open(path / server, "wb", buffering=0) as fifo:
+        fifo.write(packets.connect_packet(own, os.getgid(), os.getpid()))
+    theirs, ours = path / f"{server}__to__{own}", path / f"{own}__to__{server}"
+    await eventually(ours.exists)
+    reading = os.open(theirs, os.O_RDONLY | os.O_NONBLOCK)
+    if speaks:
+        writing = os.open(ours, os.O_WRONLY | os.O_NONBLOCK)
+        os.write(writing, frames.encode(1, frames.REQUEST, b"last words"))
+    await asyncio.sleep(0.05)
+    os.close(reading)
+    if speaks:
+        os.close(writing)
 
 
 async def test_client_is_told_before_its_first_request():
