@@ -13,7 +13,7 @@ import pytest
 from conftest import eventually, fifo_descriptors
 
 import tarvo
-from tarvo import files, names, packets, watch
+from tarvo import files, names, opening, packets, watch
 
 pytestmark = pytest.mark.usefixtures("directory")
 
@@ -280,15 +280,27 @@ async def test_leftovers_that_stay_hold_nobody_up_for_ever():
             assert await link.call(b"?", 5) == b"?"
 
 
-async def test_server_whose_file_is_full_is_told_of_a_client_when_there_is_room():
+def counted(function, times):
+    """The function, which notes each time that it is called."""
+
+    def call(*arguments):
+        times.append(arguments)
+        return function(*arguments)
+
+    return call
+
+
+async def test_server_whose_file_is_full_is_told_of_a_client_when_there_is_room(monkeypatch):
     async with tarvo.serve("s", lambda request: request.payload) as server:
         loop = asyncio.get_running_loop()
         loop.remove_reader(server._file.read_fd)
         with pytest.raises(BlockingIOError):
             while True:
                 os.write(server._file.write_fd, b"x" * 4096)
+        refused = []
+        monkeypatch.setattr(opening, "_open_server", counted(opening._open_server, refused))
         connecting = asyncio.create_task(tarvo.connect("s").__aenter__())
-        await asyncio.sleep(0.01)
+        await eventually(lambda: len(refused) > 2)
         assert not connecting.done()
         loop.add_reader(server._file.read_fd, server._on_packets)
         link = await connecting
@@ -337,13 +349,14 @@ async def test_folder_that_goes_and_comes_back_is_looked_at_again(tmp_path):
     folder.mkdir()
     files.set_directory(folder)
     try:
-        opening = asyncio.create_task(tarvo.arrange("m", own="j", creates=False, timeout=10).__aenter__())
-        await asyncio.sleep(0.01)
+        joining = asyncio.create_task(tarvo.arrange("m", own="j", creates=False, timeout=10).__aenter__())
+        folder_watch = watch.DirectoryWatch.of(asyncio.get_running_loop())
+        await eventually(lambda: folder_watch.is_watching)
         folder.rmdir()
-        await asyncio.sleep(0.01)
+        await eventually(lambda: not folder_watch.is_watching)
         folder.mkdir()
         async with tarvo.arrange("j", own="m", creates=True, timeout=10):
-            (await opening).close()
+            (await joining).close()
     finally:
         files.set_directory(None)
 
@@ -368,21 +381,14 @@ def test_child_of_a_fork_leaves_its_parents_files_and_links_alone(directory):
 def test_files_go_with_a_process_that_does_not_close(directory):
     directory.require_programs()
     program = """
-        import asyncio, sys, tarvo
+        import asyncio, os, sys, tarvo, tarvo.files
         async def main():
             await tarvo.serve("s")
             task = asyncio.ensure_future(tarvo.arrange("x", own="m", creates=True).__aenter__())
-            await asyncio.sleep(0.01)
-            import os
-            assert len(os.listdir(tarvo.files.directory())) == 3
-            import threading
-            threading.excepthook = None
+            while len(os.listdir(tarvo.files.directory())) != 3:
+                await asyncio.sleep(0)
             sys.exit(3)
-        import tarvo.files
-        try:
-            asyncio.get_event_loop_policy().new_event_loop().run_until_complete(main())
-        finally:
-            pass
+        asyncio.new_event_loop().run_until_complete(main())
     """
     words = [sys.executable, "-W", "ignore", "-c", textwrap.dedent(program)]
     done = subprocess.run(words, check=False, capture_output=True, cwd=os.path.dirname(__file__) + "/..")

@@ -481,26 +481,25 @@ async def test_no_request_is_handled_after_the_close_of_its_link():
 
 @pytest.mark.parametrize("speaks", [False, True])
 async def test_client_that_is_gone_before_its_requests_are_read_is_noticed(speaks, directory):
-    told = []
+    told, began = [], []
     async with tarvo.serve("s", lambda request: told.append(request.payload)) as server:
         go_on = asyncio.Event()
 
         @server.on_client
         async def client(one):
-            told.append("client")
+            began.append(one)
             await go_on.wait()
+            told.append("client")
 
         server.on_closed(lambda one: told.append("closed"))
-        opening = asyncio.create_task(raw_client("s", "raw", directory.path, speaks))
-        await opening
-        await eventually(lambda: told)
-        await asyncio.sleep(0.01)
+        await raw_client("s", "raw", directory.path, speaks, lambda: began)
+        await eventually(lambda: not speaks or began[0]._lost)  # its end has been seen
         go_on.set()
         await eventually(lambda: not server._links)
     assert told == (["client", b"last words", "closed"] if speaks else ["client", "closed"])
 
 
-async def raw_client(server, own, path, speaks):
+async def raw_client(server, own, path, speaks, seen):
     """Reads its FIFO and goes again; it has a write end only if it speaks."""
     with open(path / server, "wb", buffering=0) as fifo:
         fifo.write(packets.connect_packet(own, os.getgid(), os.getpid()))
@@ -510,23 +509,24 @@ async def raw_client(server, own, path, speaks):
     if speaks:
         writing = os.open(ours, os.O_WRONLY | os.O_NONBLOCK)
         os.write(writing, frames.encode(1, frames.REQUEST, b"last words"))
-    await asyncio.sleep(0.05)
+    await eventually(seen)
     os.close(reading)
     if speaks:
         os.close(writing)
 
 
 async def test_client_is_told_before_its_first_request():
-    told = []
+    told, sent = [], []
     async with tarvo.serve("s", lambda request: told.append(request.payload)) as server:
 
         @server.on_client
         async def client(one):
-            await asyncio.sleep(0.01)
+            await eventually(lambda: sent)
             told.append(one.remote)
 
         async with tarvo.connect("s", own="me") as connected:
             await connected.send(b"hello")
+            sent.append(True)
             await eventually(lambda: len(told) == 2)
             assert told == [connected.own, b"hello"]
             assert connected.own == f"me_{os.getpid()}" and connected.remote == "s"
@@ -579,7 +579,8 @@ async def test_open_ends_with_its_time_and_leaves_nothing():
 async def test_cancelled_open_leaves_nothing():
     for creates in (True, False):
         task = asyncio.ensure_future(tarvo.arrange("nobody", own="me", creates=creates).__aenter__())
-        await asyncio.sleep(0.01)
+        await eventually(lambda: len(connection._links) == 1)
+        await eventually(lambda: len(fifo_descriptors()) == (1 if creates else 0))  # noqa: B023
         task.cancel()
         with pytest.raises(asyncio.CancelledError):
             await task
@@ -591,7 +592,7 @@ async def test_link_that_is_closed_while_it_opens_ends():
     with pytest.raises(tarvo.NotOpen):
         opener.link.send_nowait(b"?")
     task = asyncio.ensure_future(opener.link.open())
-    await asyncio.sleep(0.01)
+    await eventually(fifo_descriptors)
     with pytest.raises(tarvo.AlreadyOpen):
         await opener.link.open()
     opener.link.close()
@@ -714,8 +715,8 @@ async def test_patience_of_a_debugger_holds_for_calls(monkeypatch):
         call = asyncio.create_task(connected.call(b"?", 0.001))
         await eventually(lambda: came)
         assert came[0].timeout == 18000
-        await asyncio.sleep(0.01)
-        assert not call.done()
+        (deadline,) = connected._calls._deadlines
+        assert deadline[0] - asyncio.get_running_loop().time() > 17000
         came[0].reply_nowait(b"!")
         assert await call == b"!"
 
