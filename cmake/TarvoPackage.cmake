@@ -1,5 +1,5 @@
-# Debian packages: the target `packages` makes libtarvo1, libtarvo-loop1, libtarvo-dev, libtarvo-doc and, where the tool is built,
-# tarvo-tools in the folder packages/ of the build tree. scripts/check-packages.sh makes and checks them.
+# Debian packages: the target `packages` makes libtarvo1, libtarvo-loop1, libtarvo-dev, libtarvo-doc, python3-tarvo and,
+# where the tool is built, tarvo-tools in the folder packages/ of the build tree. scripts/check-packages.sh makes and checks them.
 
 set(TARVO_DEBIAN_DIR ${PROJECT_SOURCE_DIR}/packaging/debian)
 set(TARVO_RUNTIME_PACKAGE libtarvo${PROJECT_VERSION_MAJOR})
@@ -96,7 +96,7 @@ tarvo_package(
   DESCRIPTION "messaging between the processes of one Linux machine - pages and examples"
               "Getting started, guarantees and limits, errors, threads and locks, real-time,"
               "troubleshooting, security, the wire format and more, and the examples: servers"
-              "and clients in C++, and a peer in Python. Links between the pages lead to"
+              "and clients in C++, and a program in Python. Links between the pages lead to"
               "files of this package.")
 set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_SHLIBDEPS OFF)
@@ -109,6 +109,8 @@ install(DIRECTORY docs include DESTINATION ${doc_folder} COMPONENT documentation
         FILES_MATCHING PATTERN "*.md" PATTERN "*.svg" PATTERN "*.h" PATTERN "*.hpp" PATTERN docs/man EXCLUDE)
 install(DIRECTORY examples DESTINATION ${doc_folder} COMPONENT documentation EXCLUDE_FROM_ALL
         PATTERN CMakeLists.txt EXCLUDE PATTERN __pycache__ EXCLUDE)
+
+include(cmake/TarvoPythonPackage.cmake)
 
 if(TARGET tarvoctl)
   tarvo_package(

@@ -134,8 +134,7 @@ check_documentation() {
     expect_field "$deb" Depends ''
     dpkg-deb --extract "$deb" "$root"
     folder=$root/usr/share/doc/libtarvo-doc
-    for file in README.md docs/*.md docs/*.svg examples/*.cpp examples/*.h examples/loop/*.cpp examples/loop/*.h examples/python/*.py \
-        examples/python/*/*.py; do
+    for file in README.md docs/*.md docs/*.svg examples/*.cpp examples/*.h examples/loop/*.cpp examples/loop/*.h examples/python/*.py; do
         cmp "$file" "$folder/$file" || fail "${deb##*/}: $file is missing or differs"
     done
     for page in "$folder"/docs/*.md; do
@@ -144,6 +143,20 @@ check_documentation() {
             [[ ${target%/} == man || -e ${page%/*}/$target ]] || fail "${deb##*/}: ${page##*/} refers to $target"
         done < <(grep -oE '\]\([^)#: ]+[)#]' "$page" | sed 's/^](\(.*\).$/\1/')
     done
+    rm -r "$root"
+}
+
+check_python() {
+    local deb=$1 file root=$scratch/python folder
+    expect_field "$deb" Architecture all
+    expect_field "$deb" Depends 'python3 (>= 3.11)'
+    dpkg-deb --extract "$deb" "$root"
+    folder=$root/usr/lib/python3/dist-packages
+    diff <(cd python && ls tarvo/*.py tarvo/py.typed) <(cd "$folder" && ls tarvo/*) || fail "${deb##*/}: other modules"
+    for file in python/tarvo/*; do
+        [[ -d $file ]] || cmp "$file" "$folder/tarvo/${file##*/}" || fail "${deb##*/}: $file differs"
+    done
+    [[ -e $folder/tarvo-$3.dist-info/METADATA ]] || fail "${deb##*/} does not tell its version"
     rm -r "$root"
 }
 
@@ -213,6 +226,7 @@ unpack_and_use() {
     "$cxx" -std=c++17 -o "$scratch/loop_consumer" tests/packaging/consumer/loop_consumer.cpp \
         $(PKG_CONFIG_LIBDIR=$libdir/pkgconfig pkg-config --cflags --libs tarvo-loop)
     LD_LIBRARY_PATH=$libdir "${run[@]}" "$scratch/loop_consumer"
+    PYTHONPATH=$root/usr/lib/python3/dist-packages python3 -B -m tarvo --version
     rm -rf "$root" "$scratch/cmake"
     echo "$preset: consumers of the CMake package and of the pkg-config file run"
 }
@@ -226,13 +240,14 @@ check() {
     packages=build/$preset/packages
     make_packages "$preset"
     for deb in "$packages"/*.deb; do
-        [[ $deb == *-doc_* ]] || expect_field "$deb" Architecture "$arch"
+        [[ $deb == *_all.deb ]] || expect_field "$deb" Architecture "$arch"
         expect_field "$deb" Version "$version"
     done
     check_library "$packages/libtarvo${version%%.*}_${version}_$arch.deb" "$libdir" "$version"
     check_loop "$packages/libtarvo-loop${version%%.*}_${version}_$arch.deb" "$libdir" "$version"
     check_development "$packages/libtarvo-dev_${version}_$arch.deb" "$libdir" "$version"
     check_documentation "$packages/libtarvo-doc_${version}_all.deb"
+    check_python "$packages/python3-tarvo_${version}_all.deb" "$libdir" "$version"
     [[ ! -d tools/tarvoctl ]] || check_tool "$packages/tarvo-tools_${version}_$arch.deb" "$libdir" "$version"
     check_with_lintian "$packages"/*.deb
     tests/packaging/man-test.sh "build/$preset/man" "build/$preset/src/libtarvo.so" \
@@ -241,6 +256,7 @@ check() {
     rm -rf "$scratch/inside"
     mkdir "$scratch/inside"
     cp -r "$packages"/*.deb tests/packaging/consumer "$scratch/inside"
+    scripts/python-package.sh "$scratch/inside"
     if [[ $arch != "$(dpkg --print-architecture)" ]]; then
         unpack_and_use "$preset"
     elif can_overlay; then

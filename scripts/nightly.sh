@@ -4,7 +4,7 @@
 set -uo pipefail
 cd "$(dirname "$0")/.." || exit
 
-STEPS=(kills loopkills loop comeback stopped reconnect twins reopen soak fuzz ends races cancels clang asan arm64 tidy bare)
+STEPS=(kills loopkills loop comeback stopped reconnect twins reopen soak python fuzz ends races cancels clang asan arm64 tidy bare)
 
 usage() {
     cat <<'TEXT'
@@ -27,6 +27,7 @@ Runs the long proofs, all of them (about four hours) or the named steps:
   reopen   100000 reopenings of a pipe whose remote closes, in either mode: heard after each; as many ordinary closes
            without a line; as many brief clients of a server with a handful of threads
   soak     20 minutes of mixed traffic: no growth of memory, descriptors or threads
+  python   the tests of the Python package with 1000 kills of servers and of clients, 100000 calls, 2000 examples
   fuzz     600 s of each fuzz target
   ends     1000 ends of a process with traffic, of each kind, under each sanitizer
   races    the tests of threads that meet, 50 times under the thread sanitizer
@@ -93,6 +94,12 @@ step_reconnect() {
 }
 step_twins() { run twins "$twins starts of two servers" storm storm_twins --rounds "$twins"; }
 step_soak() { run soak "soak of $soak minutes" scripts/soak.sh --minutes "$soak" --out build/nightly/soak; }
+
+step_python() {
+    run python "the Python package, for long" env TARVO_KILLS=1000 TARVO_CALLS=100000 TARVO_EXAMPLES=2000 \
+        TARVO_LIMIT=900 scripts/test.sh release -- -R '^python_package$' --output-on-failure
+}
+
 step_fuzz() { run fuzz "fuzzing, $fuzz s a target" scripts/fuzz.sh --seconds "$fuzz"; }
 
 step_ends() { run ends "$ends ends of each kind" scripts/exit-runs.sh --runs "$ends"; }

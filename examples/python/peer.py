@@ -1,11 +1,16 @@
 #!/usr/bin/env python3
-"""Talks to programs that use tarvo, without the library: serves a name, calls a server, sends it one-way requests."""
+"""Talks to programs that use tarvo, with the Python package: serves a name, calls a server, sends it one-way requests."""
 
 import argparse
+import asyncio
+import pathlib
 import signal
 import sys
 
-from tarvo_peer import Pipe, Server
+# In a checkout the package stands beside the examples; installed, it is where Python looks by itself.
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "python"))
+
+import tarvo  # noqa: E402
 
 HANDLERS = {
     "echo": lambda payload: payload,
@@ -14,48 +19,44 @@ HANDLERS = {
 }
 
 
-def serve(arguments):
+async def serve(arguments):
     """Answers until it is interrupted."""
     answer = HANDLERS[arguments.answer]
+    async with tarvo.serve(arguments.name) as server:
 
-    def on_request(request):
+        @server.on_request
+        def handle(request):
+            if arguments.verbose:
+                print(f"{request.link.remote}: {request.payload!r}", flush=True)
+            return answer(request.payload)
+
         if arguments.verbose:
-            print(f"{request.pipe.remote}: {request.payload!r}", flush=True)
-        try:
-            request.reply(answer(request.payload))
-        except OSError as error:  # the client is gone or does not keep up
-            print(f"{request.pipe.remote}: {error.strerror}", file=sys.stderr)
-
-    def on_closed(pipe):
-        if arguments.verbose:
-            print(f"{pipe.remote} has gone", flush=True)
-
-    # Blocked here and in the threads that begin below, so that none of them takes it and sigwait does.
-    signal.pthread_sigmask(signal.SIG_BLOCK, {signal.SIGINT, signal.SIGTERM})
-    with Server(arguments.name, on_request, on_closed=on_closed):
+            server.on_closed(lambda link: print(f"{link.remote} has gone", flush=True))
+        for number in (signal.SIGINT, signal.SIGTERM):
+            asyncio.get_running_loop().add_signal_handler(number, server.close)
         print(f"Serving {arguments.name}. Ctrl-C ends it.", flush=True)
-        signal.sigwait({signal.SIGINT, signal.SIGTERM})
+        await server.serve_forever()
 
 
-def call(arguments):
+async def call(arguments):
     """Prints one answer for each call."""
-    with Pipe.connect(arguments.name, arguments.own, arguments.timeout) as pipe:
+    async with tarvo.connect(arguments.name, own=arguments.own, timeout=arguments.timeout) as link:
         for _ in range(arguments.repeat):
-            answer = pipe.call(arguments.data.encode(), arguments.timeout)
+            answer = await link.call(arguments.data.encode(), arguments.timeout)
             print(answer.decode(errors="replace"), flush=True)
 
 
-def send(arguments):
+async def send(arguments):
     """Sends and does not wait, but for the proof that the server has read what was sent.
 
-    Frames that are still unread when the sender closes are not delivered, so it ends with a call that the server may
-    answer as it likes.
+    A server over the threads of the C++ library does not read what is left when the sender closes, so it ends with a
+    call that the server may answer as it likes.
     """
-    with Pipe.connect(arguments.name, arguments.own, arguments.timeout) as pipe:
-        for number in range(arguments.repeat):
-            pipe.send(arguments.data.encode(), number)
+    async with tarvo.connect(arguments.name, own=arguments.own, timeout=arguments.timeout) as link:
+        for _ in range(arguments.repeat):
+            await link.send(arguments.data.encode())
         if arguments.wait:
-            pipe.call(b"?", arguments.timeout)
+            await link.call(b"?", arguments.timeout)
 
 
 def parse(words):
@@ -86,9 +87,9 @@ def main():
     """Exit code 0, or 1 with a line on standard error."""
     arguments = parse(sys.argv[1:])
     try:
-        arguments.run(arguments)
-    except (OSError, ValueError) as error:
-        sys.exit(f"peer.py: {getattr(error, 'strerror', None) or error}")
+        asyncio.run(arguments.run(arguments))
+    except tarvo.Error as error:
+        sys.exit(f"peer.py: {error.strerror}")
 
 
 if __name__ == "__main__":

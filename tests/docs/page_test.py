@@ -90,7 +90,7 @@ class PageTest(unittest.TestCase):
             self.skipTest("the kernel refuses a mount namespace here")
 
     def test_python_runs(self):
-        self.accepts("```python\nfrom tarvo_peer import wire\n```\n")
+        self.accepts("```python\nfrom tarvo import frames\n```\n")
         self.refuses("```python\nraise SystemExit(4)\n```\n", "ended with 4")
 
     def test_mistakes_in_the_page_are_found(self):

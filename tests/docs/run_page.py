@@ -215,10 +215,10 @@ class Page:
             return 1
 
     def python(self, block):
-        """Runs a Python program that may import the peer of the examples."""
+        """Runs a Python program that may import the package."""
         source = self.scratch / f"line{block.line}.py"
         source.write_text(block.text)
-        environment = {**self.environment, "PYTHONPATH": str(ROOT / "examples/python")}
+        environment = {**self.environment, "PYTHONPATH": str(ROOT / "python")}
         done = subprocess.run(
             [sys.executable, source], cwd=self.directory, env=environment, capture_output=True, text=True,
             timeout=LIMIT_S, check=False,

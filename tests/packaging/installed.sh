@@ -36,6 +36,23 @@ cc -std=c11 -o loop-consumer-c consumer/loop_consumer.c $(pkg-config --cflags --
 ./loop-consumer-c
 echo "consumers of the CMake package and of the pkg-config file run"
 
+# From a folder where no package of the same name lies.
+mkdir nowhere
+cd nowhere
+python3 -c 'import importlib.metadata, tarvo; assert importlib.metadata.version("tarvo") == tarvo.__version__'
+compgen -G '/usr/lib/python3/dist-packages/tarvo/__pycache__/link.*.pyc' >/dev/null || { echo "no module is compiled" && exit 1; }
+python3 -m tarvo serve gate --limit 1 2>/dev/null &
+server=$!
+until answer=$(python3 -m tarvo call gate "from Python" 2>/dev/null); do
+    kill -0 $server
+done
+wait $server
+[[ $answer == "from Python" ]] || { echo "the Python package answers: $answer" && exit 1; }
+! python3 -c 'import pytest' 2>/dev/null || python3 -m pytest --fixtures 2>/dev/null | grep -q '^tarvo_directory' ||
+    { echo "pytest does not find the fixtures" && exit 1; }
+echo "the Python package serves and calls"
+cd ..
+
 pages=(tarvo TarvoOpen TarvoRPCSync TarvoLoopCreate TarvoLinkCall)
 ! command -v tarvoctl >/dev/null || pages+=(tarvo-errors tarvo-log tarvo-loop)
 for page in "${pages[@]}"; do
@@ -62,7 +79,13 @@ fi
 # What was asked for twice changes nothing, and what is removed takes nothing from processes that still run.
 dpkg --install ./*.deb >dpkg.log 2>&1 || { cat dpkg.log && exit 1; }
 mkfifo $fifo_directory/in_use
-dpkg --purge tarvo-tools libtarvo-doc libtarvo-dev libtarvo-loop1 libtarvo1 >dpkg.log 2>&1 || { cat dpkg.log && exit 1; }
+dpkg --purge python3-tarvo tarvo-tools libtarvo-doc libtarvo-dev libtarvo-loop1 libtarvo1 >dpkg.log 2>&1 || { cat dpkg.log && exit 1; }
 { [[ -p $fifo_directory/in_use ]] && getent group tarvo >/dev/null; } || { echo "the purge took what is in use" && exit 1; }
 ! ldconfig -p | grep libtarvo >/dev/null || { echo "the loader still knows libtarvo" && exit 1; }
+[[ ! -e /usr/lib/python3/dist-packages/tarvo ]] || { echo "the purge left compiled modules" && exit 1; }
+
+# The wheel brings the same where no package is installed.
+python3 -m pip install --quiet --no-index --no-deps --root-user-action=ignore --target wheel ./tarvo-*.whl
+[[ -e wheel/tarvo/py.typed ]] || { echo "the wheel has no py.typed" && exit 1; }
+(cd nowhere && ! python3 -c 'import tarvo' 2>/dev/null && PYTHONPATH=../wheel python3 -m tarvo --version)
 echo "purged: running processes keep their FIFOs and their group"

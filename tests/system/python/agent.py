@@ -1,42 +1,41 @@
 #!/usr/bin/env python3
-"""The peer program of the system tests once more, over the pure Python peer of examples/python.
+"""The peer program of the system tests once more, over the Python package.
 
 It obeys the line protocol of tests/system/peers/peer.cpp: one command a line in, one "= " reply for each and "! "
 events out, with the results that a program over the library would give.
 """
 
+import asyncio
 import errno
 import itertools
 import os
 import pathlib
 import sys
-import threading
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[3] / "examples/python"))
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[3] / "python"))
 
-from tarvo_peer import Pipe, Server  # noqa: E402
+import tarvo  # noqa: E402
 
-pipes = {}
+links = {}
+openings = {}  # of links that are not waited for, until they are used
 numbers = itertools.count(2)
 servers = []
-threads = []
-lock = threading.Lock()
+tasks = set()
 
 
 def say(line):
-    """One write, so that lines of several threads do not mix."""
+    """One write, so that lines of several origins do not mix."""
     os.write(1, line.encode() + b"\n")
 
 
-def handle_of(pipe):
-    """The number of a pipe; a new one for a pipe that is seen for the first time."""
-    with lock:
-        for number, known in pipes.items():
-            if known is pipe:
-                return number
-        number = next(numbers)
-        pipes[number] = pipe
-        return number
+def number_of(link):
+    """The number of a link; a new one for a link that is seen for the first time."""
+    for number, known in links.items():
+        if known is link:
+            return number
+    number = next(numbers)
+    links[number] = link
+    return number
 
 
 def digest(payload):
@@ -59,49 +58,34 @@ def payload_of(words):
     return words.get("data", "").encode()
 
 
-def code_of(error):
-    """The result of the library that says the same."""
-    if isinstance(error, ConnectionRefusedError):
-        return -errno.ENXIO
-    if isinstance(error, OSError):
-        return -error.errno
-    return {ValueError: -errno.EINVAL, KeyError: -errno.ENOENT}[type(error)]
-
-
 def on_request(callback):
     """What is done with requests."""
 
-    def handle(request):
-        if callback == "echo":
-            try:
-                request.reply(request.payload)
-            except OSError as error:
-                say(f"! unanswered fd={handle_of(request.pipe)} result={code_of(error)}")
-        else:
-            say(f"! request fd={handle_of(request.pipe)} id={request.id} {digest(request.payload)}")
+    async def echo(request):
+        try:
+            await request.reply(request.payload)
+        except OSError as error:
+            say(f"! unanswered fd={number_of(request.link)} result={-error.errno}")
 
-    return None if callback == "none" else handle
+    def report(request):
+        say(f"! request fd={number_of(request.link)} id={request.id} {digest(request.payload)}")
+
+    return {"none": None, "echo": echo}.get(callback, report)
 
 
-def on_closed(pipe):
-    """The remote is gone; the pipe is gone after this."""
-    number = handle_of(pipe)
-    pipe.close()  # before it is forgotten: the end of the process waits for those that it knows
-    with lock:
-        del pipes[number]
+def on_closed(link):
+    """The remote is gone."""
+    number = number_of(link)
+    del links[number]
     say(f"! gone fd={number}")
 
 
-def serve(words):
-    """Starts the server."""
-    servers.append(
-        Server(
-            words["self"],
-            on_request(words.get("callback", "none")),
-            on_client=lambda pipe: say(f"! client fd={handle_of(pipe)} name={pipe.remote}"),
-            on_closed=on_closed,
-        )
-    )
+async def serve(words):
+    """Starts a server."""
+    server = await tarvo.serve(words["self"], on_request(words.get("callback", "none")))
+    server.on_client(lambda link: say(f"! client fd={number_of(link)} name={link.remote}"))
+    server.on_closed(on_closed)
+    servers.append(server)
     return 0
 
 
@@ -110,78 +94,109 @@ def seconds(words, otherwise=None):
     return int(words["timeout"]) / 1000 if "timeout" in words else otherwise
 
 
-def client(words):
+async def opened(opener, waits=True):
+    """The number of a link."""
+    opener.link.on_closed(on_closed)
+    if waits:
+        await opener
+        return number_of(opener.link)
+    number = number_of(opener.link)
+    openings[number] = begin(opener.link.open())
+    return number
+
+
+async def client(words):
     """Connects to a server."""
     handler = on_request(words.get("callback", "none"))
-    return handle_of(Pipe.connect(words["target"], words["self"], seconds(words, 10), handler, on_closed))
+    return await opened(
+        tarvo.connect(words["target"], own=words["self"], timeout=seconds(words, 10), on_request=handler)
+    )
 
 
-def open_pipe(words):
-    """Opens a pipe by arrangement."""
+async def open_link(words):
+    """Opens a link by arrangement. The side that creates the files does not wait for the other."""
     handler = on_request(words.get("callback", "none"))
     creates = words["mode"] == "1"
-    return handle_of(Pipe(words["self"], words["target"], creates, seconds(words, 10), handler, on_closed))
+    arranged = tarvo.arrange(
+        words["target"], creates=creates, own=words["self"], timeout=seconds(words, 10), on_request=handler
+    )
+    return await opened(arranged, waits=not creates)
 
 
-def pipe_of(words):
-    """The pipe of a command."""
-    with lock:
-        return pipes[int(words["fd"])]
+async def link_of(words):
+    """The link of a command, once it is open."""
+    number = int(words["fd"])
+    if number in openings:
+        await openings.pop(number)
+    return links[number]
 
 
-def send(words):
+async def send(words):
     """One-way requests with ids that count up."""
+    link = await link_of(words)
     for i in range(int(words.get("times", 1))):
-        pipe_of(words).send(payload_of(words), (int(words.get("id", 0)) + i) & 0xFFFFFFFF)
+        link.send_nowait(payload_of(words), id=(int(words.get("id", 0)) + i) & 0xFFFFFFFF)
     return 0
 
 
-def fillup(words):
+async def fillup(words):
     """Sends until it is refused."""
+    link = await link_of(words)
     for count in range(100000):
         try:
-            pipe_of(words).send(payload_of(words), count)
+            link.send_nowait(payload_of(words), id=count)
         except OSError as error:
-            return f"{count} {code_of(error)}"
+            return f"{count} {-error.errno}"
     return "100000 0"
 
 
-def respond(words):
+async def respond(words):
     """Answers a request."""
-    pipe_of(words).reply(int(words["id"]), payload_of(words))
+    (await link_of(words)).reply_nowait(int(words["id"]), payload_of(words))
     return 0
 
 
-def call(words):
+async def call(words):
     """The result, and what came back."""
     try:
-        answer = pipe_of(words).call(payload_of(words), seconds(words))
-    except (OSError, ValueError, KeyError) as error:
-        return str(code_of(error))
+        answer = await (await link_of(words)).call(payload_of(words), seconds(words))
+    except KeyError:
+        return str(-errno.ENOENT)
+    except OSError as error:
+        return str(-error.errno)
     return "0 " + (answer.decode() if "text" in words else digest(answer))
 
 
-def start(words):
-    """A call on a thread of its own."""
-    tag = words["tag"]
-    threads.append(threading.Thread(target=lambda: say(f"! called tag={tag} result={call(words)}"), daemon=True))
-    threads[-1].start()
+async def start(words):
+    """A call that is not waited for."""
+
+    async def tell():
+        say(f"! called tag={words['tag']} result={await call(words)}")
+
+    begin(tell())
     return 0
 
 
-def close(words):
-    """Closes a pipe, if there is one."""
-    with lock:
-        pipe = pipes.pop(int(words["fd"]), None)
-    if pipe:
-        pipe.close()
+def begin(work):
+    """A task that is not forgotten."""
+    task = asyncio.get_running_loop().create_task(work)
+    tasks.add(task)
+    task.add_done_callback(tasks.discard)
+    return task
+
+
+async def close(words):
+    """Closes a link, if there is one."""
+    link = links.pop(int(words["fd"]), None)
+    if link:
+        link.close()
     return 0
 
 
 COMMANDS = {
     "serve": serve,
     "client": client,
-    "open": open_pipe,
+    "open": open_link,
     "send": send,
     "fillup": fillup,
     "respond": respond,
@@ -191,28 +206,32 @@ COMMANDS = {
 }
 
 
-def obey(line):
+async def obey(line):
     """The reply to a command."""
     word, *rest = line.split()
     words = dict(part.partition("=")[::2] for part in rest)
     try:
-        return str(COMMANDS[word](words)) if word in COMMANDS else "usage"
-    except (OSError, ValueError, KeyError) as error:
-        return str(code_of(error))
+        return str(await COMMANDS[word](words)) if word in COMMANDS else "usage"
+    except KeyError:
+        return str(-errno.ENOENT)
+    except OSError as error:
+        return str(-error.errno)
 
 
-def main():
+async def main():
     """Obeys until its input ends, and leaves no file."""
+    loop = asyncio.get_running_loop()
+    lines = asyncio.StreamReader()
+    await loop.connect_read_pipe(lambda: asyncio.StreamReaderProtocol(lines), sys.stdin)
     say("! ready")
-    for line in sys.stdin:
-        say("= " + obey(line))
-    for thread in threads:
-        thread.join()
+    while line := await lines.readline():
+        say("= " + await obey(line.decode()))
     for server in servers:
         server.close()
-    for pipe in list(pipes.values()):
-        pipe.close()
+    for link in list(links.values()):
+        link.close()
+    await asyncio.gather(*tasks, return_exceptions=True)
 
 
 if __name__ == "__main__":
-    main()
+    asyncio.run(main())
