@@ -22,6 +22,22 @@ protected:
         return attr;
     }
 
+    // What a close by the user does to the pipe, at the moment when somebody else is handing in a callback. The
+    // worker's queue was emptied by then, so that the callback is left to the next worker.
+    void CloseWhileSubmitting(const Pipe &pipe) {
+        for (const Report report : {Report::RequestIn, Report::AsyncRequestIn}) {
+            observer.Do(report, [pipe](const ObserverCall &) {
+                pipe->Retire();
+                pipe->DeInitPipe();
+            });
+        }
+    }
+
+    void ForgetTheClose() {
+        observer.Do(Report::RequestIn, nullptr);
+        observer.Do(Report::AsyncRequestIn, nullptr);
+    }
+
     std::vector<std::string> steps;
 };
 
@@ -66,6 +82,39 @@ TEST_F(PipeLastCallbackTest, NullRequestThatFoundNoRoomIsNotTakenForTold) {
     HandleNextEvent(pipe);
     EXPECT_EQ(observer.RunTasks(), 1U);
     EXPECT_EQ(steps, std::vector<std::string>{"null request"});
+}
+
+TEST_F(PipeLastCallbackTest, RequestOnItsWayWhenItsSerialPipeClosesIsNotStarted) {
+    const Pipe pipe = OpenPipe(Recording(false));
+    CloseWhileSubmitting(pipe);
+    peer.Send(RawRequest(7, "late"));
+    HandleNextEvent(pipe);
+    EXPECT_EQ(observer.RunTasks(), 1U);
+    EXPECT_EQ(steps, std::vector<std::string>());
+    // Its worker, which the close has given back before, goes too.
+    EXPECT_EQ(observer.Count(Report::FreeSelfWorker), 1U);
+    ForgetTheClose();
+}
+
+TEST_F(PipeLastCallbackTest, NullRequestOnItsWayWhenItsSerialPipeClosesIsNotStarted) {
+    const Pipe pipe = OpenPipe(Recording(false));
+    CloseWhileSubmitting(pipe);
+    CloseRemote();
+    HandleNextEvent(pipe);
+    EXPECT_EQ(observer.RunTasks(), 1U);
+    EXPECT_EQ(steps, std::vector<std::string>());
+    EXPECT_EQ(observer.Count(Report::FreeSelfWorker), 1U);
+    ForgetTheClose();
+}
+
+TEST_F(PipeLastCallbackTest, CallbackOfAConcurrentPipeThatWasHandedInIsStarted) {
+    const Pipe pipe = OpenPipe(Recording(true));
+    CloseWhileSubmitting(pipe);
+    peer.Send(RawRequest(7, "late"));
+    HandleNextEvent(pipe);
+    EXPECT_EQ(observer.RunTasks(), 1U);
+    EXPECT_EQ(steps, std::vector<std::string>{"request 7"});
+    ForgetTheClose();
 }
 
 } // namespace
