@@ -1,6 +1,6 @@
-// small: -DOPENS=2 -DREMOTES=1 -DCLOSES=1 -DDISABLE=0 -DBACKGROUND=0 -DUSES=1
+// small: -DOPENS=2 -DREMOTES=1 -DCLOSES=1 -DDISABLE=0 -DBACKGROUND=0 -DUSES=0
 // small: -DOPENS=2 -DREMOTES=2 -DCLOSES=0 -DDISABLE=0 -DBACKGROUND=1 -DUSES=0
-// small: -DOPENS=1 -DREMOTES=1 -DCLOSES=0 -DDISABLE=1 -DBACKGROUND=0 -DUSES=0
+// small: -DOPENS=1 -DREMOTES=1 -DCLOSES=0 -DDISABLE=1 -DBACKGROUND=0 -DUSES=1
 // large: -DOPENS=2 -DREMOTES=2 -DCLOSES=1 -DDISABLE=1 -DBACKGROUND=0 -DUSES=1
 // large: -DOPENS=3 -DREMOTES=3 -DCLOSES=1 -DDISABLE=0 -DBACKGROUND=0 -DUSES=1
 // large: -DOPENS=2 -DREMOTES=2 -DCLOSES=1 -DDISABLE=0 -DBACKGROUND=1 -DUSES=0
@@ -8,7 +8,7 @@
 // mutant OLD_EVENTS -DOPENS=2 -DREMOTES=2 -DCLOSES=0 -DDISABLE=0 -DBACKGROUND=0 -DUSES=0: an event acts on whatever entry has its handle by then (found in the code)
 // mutant NO_OPENING_MUTEX -DOPENS=2 -DREMOTES=1 -DCLOSES=0 -DDISABLE=0 -DBACKGROUND=1 -DUSES=0: a remote close begins in the middle of a registration
 // mutant DROP_ORDER -DOPENS=1 -DREMOTES=1 -DCLOSES=0 -DDISABLE=1 -DBACKGROUND=0 -DUSES=0: the end of all pipes takes them out of their monitor before it waits for registrations (found by this model)
-// mutant NO_USE: descriptors are closed while a system call uses them
+// mutant NO_USE -DOPENS=1 -DREMOTES=1 -DCLOSES=0 -DDISABLE=1 -DBACKGROUND=0 -DUSES=1: descriptors are closed while a system call uses them
 // mutant CLOSE_WATCHED: the descriptor is closed before the monitor lets go of it
 #include "threads.h"
 
