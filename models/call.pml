@@ -1,13 +1,13 @@
 // small: -DCALLERS=2 -DANSWERS=1 -DCLOSES=1 -DEXIT=0
 // small: -DCALLERS=1 -DANSWERS=1 -DCLOSES=0 -DEXIT=1
-// large: -DCALLERS=3 -DANSWERS=2 -DCLOSES=1 -DEXIT=0
-// large: -DCALLERS=2 -DANSWERS=2 -DCLOSES=1 -DEXIT=1
+// large: -DCALLERS=2 -DANSWERS=2 -DCLOSES=1 -DEXIT=0
+// large: -DCALLERS=2 -DANSWERS=1 -DCLOSES=0 -DEXIT=1
 // mutant SHARED_ID: a call is taken off the list by the id in the request object, which two calls share (found in the code)
 // mutant TIMEOUT_STAYS: a call that has timed out stays in the list
 // mutant DELIVER_UNLOCKED: an answer is given to its call without outRequestMutex
 // mutant DISABLE_UNLOCKED: a close ends the waits first and empties the list under another hold of its mutex
 // mutant TWO_STEPS -DCALLERS=1 -DANSWERS=1 -DCLOSES=0 -DEXIT=1: the table is registered for the exit before its protector is there (found in the code)
-#include "threads.h"
+#include "threads.inc"
 
 #define OK 0
 #define EPIPE 1

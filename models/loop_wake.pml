@@ -5,7 +5,7 @@
 // mutant FLAG_FIRST: the loop says that the descriptor is clear before it has read it
 // mutant SLEEP_LAST: a run looks at the stop before it says that it sleeps
 // mutant QUEUE_SILENTLY: a round that leaves work behind leaves the descriptor as it is
-#include "threads.h"
+#include "threads.inc"
 
 #define TO_RUN (POSTERS * POSTS + INSIDE)
 

@@ -10,7 +10,7 @@
 // mutant LEFT_WORKER: a submission that meets a close leaves the worker that it has allocated
 // mutant WAIT_FOR_SELF: the close waits for the pipe's callback, also in that callback
 // mutant JOIN_LOCKED -DSERIAL=1 -DREQUESTS=1 -DCLOSES=0 -DBACKGROUND=0 -DDISABLE=1 -DFULL=1: receive threads are joined with monitorMutex held
-#include "threads.h"
+#include "threads.inc"
 
 #define REQUEST 1
 #define NOTICE 2

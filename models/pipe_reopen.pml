@@ -10,7 +10,7 @@
 // mutant DROP_ORDER -DOPENS=1 -DREMOTES=1 -DCLOSES=0 -DDISABLE=1 -DBACKGROUND=0 -DUSES=0: the end of all pipes takes them out of their monitor before it waits for registrations (found by this model)
 // mutant NO_USE -DOPENS=1 -DREMOTES=1 -DCLOSES=0 -DDISABLE=1 -DBACKGROUND=0 -DUSES=1: descriptors are closed while a system call uses them
 // mutant CLOSE_WATCHED: the descriptor is closed before the monitor lets go of it
-#include "threads.h"
+#include "threads.inc"
 
 #define INSTANCES 4 // openings at most
 

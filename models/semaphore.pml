@@ -3,7 +3,7 @@
 // mutant IN_TWO_STEPS: a poster looks at the count first and adds then
 // mutant TIMEOUT_BLIND: a time-out takes itself out of the count without a look whether a post has come
 // mutant WAKE_LEFT: a post of the last moment is taken, its wake-up is not
-#include "threads.h"
+#include "threads.inc"
 
 #define TO_TAKE (POSTERS * POSTS)
 

@@ -3,7 +3,7 @@
 // mutant NO_LOOK: a start keeps the two ends that it has opened without a look whether they are of one file (found in the code)
 // mutant NO_FLOCK: two servers that have come to one file both keep it
 // mutant BLOCKING_OPEN: the open of the write end waits for a reader, who may be another's and never come (found in the code)
-#include "threads.h"
+#include "threads.inc"
 
 // Two processes, each of which starts and stops a server of one name. A file is a number.
 #define FILES (STARTS * 4 + 2)

@@ -7,7 +7,7 @@
 // mutant NO_ROOM -DCLIENTS=3 -DCUT=0 -DOWN_CLOSE=1 -DNO_MEMORY=0 -DFLOOD=0: a thread that ends by itself leaves the FIFO full
 // mutant STOP_AT_ONCE: a close ends the thread before the clients that have announced themselves are served
 // mutant NO_LIMIT -DCLIENTS=0 -DCUT=1 -DOWN_CLOSE=0 -DNO_MEMORY=0 -DFLOOD=1: a terminate packet that another has swallowed is not looked for, and nobody counts what is read since (found in the code)
-#include "threads.h"
+#include "threads.inc"
 
 // The FIFO, in fields: a connect packet is MAGIC CONNECT NAME, a terminate packet MAGIC TERMINATE OWN.
 #define CAPACITY 7

@@ -4,7 +4,7 @@
 // mutant LEAVE_SILENTLY: a reader that gives way to a writer leaves without waking him
 // mutant STAY: a reader that comes to a writer waits for him with its place in the count
 // mutant CANCELLED: the writer's sleep is a cancellation point
-#include "threads.h"
+#include "threads.inc"
 
 #define WRITER 16 // 2^30 in the code: more than there are readers
 

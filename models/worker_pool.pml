@@ -8,7 +8,7 @@
 // mutant NO_HAND_ON: a thread that is cancelled in its wait keeps its wake-up (found in the code)
 // mutant DESTROY_FIRST: the pool ends before those inside a submission have got their worker
 // mutant SLOT_BEFORE_JOIN -DORDINARY=1 -DURGENT=0 -DNAMED=1 -DCANCEL=0: Destroy waits for the last slot with a task dropped
-#include "threads.h"
+#include "threads.inc"
 
 #define NORMAL 1
 #define MAX 2 // and one slot for urgent requests

@@ -28,7 +28,7 @@ search() {
     local directory=$1 model=$2 optimisation=$3
     shift 3
     mkdir -p "$directory"
-    cp "models/$model.pml" models/threads.h "$directory"
+    cp "models/$model.pml" models/threads.inc "$directory"
     (
         cd "$directory" || exit
         spin -a "$@" "$model.pml" >spin.log 2>&1 || exit
