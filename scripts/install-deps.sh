@@ -16,6 +16,7 @@ missing; says nothing otherwise.
   bench     the benchmarks
   plots     the plots of the benchmarks and of the soak
   peers     the messaging systems that the benchmarks compare with
+  models    the models of what tests cannot reach
   man       the check of the manual pages
   packages  Debian packages and their checks, and those of the manual pages
   abi       the check of the binary interface
@@ -41,12 +42,13 @@ packages_of() {
     bench) packages_of plots && echo libbenchmark-dev libcli11-dev nlohmann-json3-dev stress-ng rt-tests valgrind ;;
     peers) echo libzmq3-dev libnng-dev libsystemd-dev dbus-daemon libcapnp-dev capnproto libgrpc++-dev libprotobuf-dev \
         protobuf-compiler protobuf-compiler-grpc python3-dbus-next python3-zmq python3-grpcio ;;
+    models) echo spin ;;
     man) echo binutils groff-base man-db mandoc ;;
     packages) packages_of man && echo adduser dpkg-dev file lintian systemd python3-pip python3-setuptools \
         python3-wheel ;;
     abi) echo abigail-tools ;;
     bare) echo debootstrap ;;
-    all) for group in base clang arm64 tools bench peers man packages abi bare; do packages_of "$group"; done ;;
+    all) for group in base clang arm64 tools bench peers models man packages abi bare; do packages_of "$group"; done ;;
     *)
         echo "install-deps.sh: no such group: $1" >&2
         usage >&2

@@ -8,11 +8,11 @@ usage() {
 Usage: scripts/soak.sh [--minutes N] [--out DIRECTORY]
 
 Builds the release preset and runs the soak. Prints memory, descriptors, threads, messages and latencies each minute;
-leaves the table, all samples and a plot in DIRECTORY. The exit status is the verdict: it fails on growth, judged from 5
+leaves the table, all samples and two plots in DIRECTORY. The exit status is the verdict: it fails on growth, judged from 5
 minutes on by the medians of the earlier and the later half after a warm-up of a fifth, and on anything that goes wrong.
 
   --minutes N      how long (default 20)
-  --out DIRECTORY  where soak.txt, soak.csv and soak.svg go (default build/soak)
+  --out DIRECTORY  where soak.txt, soak.csv, soak.csv.load, soak.svg and load.svg go (default build/soak)
 TEXT
 }
 
@@ -36,7 +36,8 @@ main() {
     mkdir -p "$out"
     build/release/tests/storm/storm_soak --minutes "$minutes" --csv "$out/soak.csv" | tee "$out/soak.txt" || status=1
     scripts/plot.py --by process --x second --title "Soak of $minutes minutes" "$out/soak.csv" "$out/soak.svg"
-    echo "plot: $out/soak.svg"
+    scripts/plot.py --x second --title "Soak of $minutes minutes: the whole" "$out/soak.csv.load" "$out/load.svg"
+    echo "plots: $out/soak.svg $out/load.svg"
     return $status
 }
 

@@ -189,6 +189,8 @@ private:
     std::optional<InMessage> RecvPayload(const MsgHead &head, Tarvo::EpollTimeRecord &rec);
     // HandleRequest for the notice of a remote close, made before. Null: there was no memory for it.
     int HandleNotice(const std::shared_ptr<const TarvoTask> &notice);
+    // The same, once for each opening; false when the callback will not be told and the pipe is not closing either.
+    bool TellOnce(const std::shared_ptr<const TarvoTask> &notice, uint32_t ofOpening) REQUIRES(remoteCloseMutex);
     // 0 when a callback may be submitted now.
     int RefuseCallback();
     // The task that calls `handler` with `req`, or with the notice of a remote close; null when memory has run out.
@@ -253,6 +255,8 @@ private:
     OutRequestList outRequests;
 
     Mutex remoteCloseMutex ACQUIRED_AFTER(lock_order::pipe) ACQUIRED_BEFORE(inRequestMutex);
+    // The opening of whose end the callback has been told.
+    std::optional<uint32_t> toldOpening GUARDED_BY(remoteCloseMutex);
 };
 
 #endif // TARVO_PIPE_TARVOPIPEIMPL_H

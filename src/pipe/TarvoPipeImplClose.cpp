@@ -16,6 +16,18 @@ constexpr char LOG_TAG[] = "TarvoPipeImplClose";
 
 void TarvoPipeImpl::HandleRemoteClosed() { HandleRemoteClosed(opening); }
 
+// The receive thread and the search for the remote's reader may both notice the same end.
+bool TarvoPipeImpl::TellOnce(const std::shared_ptr<const TarvoTask> &notice, uint32_t ofOpening) {
+    if (toldOpening == ofOpening) {
+        return true;
+    }
+    if (HandleNotice(notice) == 0) {
+        toldOpening = ofOpening;
+        return true;
+    }
+    return IsClosing();
+}
+
 void TarvoPipeImpl::HandleRemoteClosed(uint32_t ofOpening) {
     // Made, and dropped, without a lock held, since the user's callback is copied into it.
     const std::shared_ptr<const TarvoTask> notice = serviceHandler ? MakeTask(nullptr, serviceHandler) : nullptr;
@@ -24,7 +36,7 @@ void TarvoPipeImpl::HandleRemoteClosed(uint32_t ofOpening) {
               myName.c_str(), remoteName.c_str());
     // A callback that cannot be told (its queue is full, say) must not keep the pipe open for ever with its callers
     // waiting: the pipe then closes as one without a callback.
-    if (opening == ofOpening && serviceHandler && (HandleNotice(notice) == 0 || IsClosing())) {
+    if (opening == ofOpening && serviceHandler && TellOnce(notice, ofOpening)) {
         return;
     }
     // Whoever wants to open the pipe again waits for this, and finds it closed and registered nowhere.

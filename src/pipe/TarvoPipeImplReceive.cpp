@@ -339,6 +339,11 @@ std::shared_ptr<const TarvoTask> TarvoPipeImpl::MakeTask(std::shared_ptr<InReque
 }
 
 void TarvoPipeImpl::RunCallback(const ServiceHandler &handler, const InRequest *req) {
+    if (!isConcur && retired) {
+        // Handed in while the pipe was being closed, behind the dropping of what waited: the next worker of the pipe's
+        // name would start it after the close.
+        return;
+    }
     if (req != nullptr) {
         UpdateTimeRecord(req->id);
         TarvoRequest view{req->id, req->data.get(), req->length};

@@ -201,10 +201,10 @@ void TarvoTable::DropPipes() {
     PipeKeyTable keys;
     WriteLock lock(tableLock);
     for (const auto &entry : pipeFdTable) {
-        // Before the descriptor is closed, as in every close: its number may be another pipe's when the receive thread,
-        // which removes a pipe that hung up, gets to it.
-        RemoveDataMonitor(entry.first);
+        // In the order of every close: an open that is under way must not register the pipe again, and its descriptor's
+        // number may be another pipe's when the receive thread, which removes a pipe that hung up, gets to it.
         entry.second->Retire();
+        RemoveDataMonitor(entry.first);
         entry.second->DeInitPipe();
     }
     pipes.swap(pipeFdTable);
