@@ -1,30 +1,8 @@
-// Trace points of the provider `tarvo`: places where bpftrace(8), perf(1) and others can look at a running program. Each
-// is one `nop` until somebody does. docs/tracing.md tells users of them, and of what each argument is.
+// Trace points of the provider `tarvo`: places where bpftrace(8), perf(1) and others can look at a running program,
+// each one `nop` until somebody does. docs/tracing.md says what each tells, and what its arguments are in both engines.
 //
 // Arguments are scalars that are there anyway, so that nothing is done for them when nobody listens: no call, no
-// conversion, no look at a clock. What they are called is the same in both engines:
-//
-//   handle     of the pipe: the int of the first engine, a link's address in the loop; 0 where an open had none yet
-//   id         of the message, as its frame carries it: a response has that of its request. 0 where a refused one has
-//              none yet
-//   bytes      of payload
-//   timeoutMs  that the frame carries: ms; -1: none
-//   writtenUs  when the frame was written, as it says itself: us of CLOCK_MONOTONIC
-//   result     0 or a negated errno
-//   reason     a value of TARVO_STATS_DROP_... (tarvo_stats.h)
-//
-//   open(handle, result)                            an open has ended
-//   close(handle)                                   this side closes
-//   remote_close(handle)                            the remote has closed or died
-//   request_written(handle, id, bytes, timeoutMs)   a request is in the FIFO, or in the link's batch
-//   request_read(handle, id, bytes, writtenUs)      a request has come
-//   callback_start(handle, id)                      its callback begins
-//   callback_end(handle, id)                        its callback has returned
-//   response_written(handle, id, bytes)             an answer is in the FIFO, or in the link's batch
-//   response_read(handle, id, bytes, writtenUs)     an answer has come
-//   call_end(handle, id, result)                    a call has ended, its answer or its failure is about to be told
-//   refused(handle, id, result)                     a message could not be sent, or not written out of the batch
-//   dropped(handle, id, reason)                     a request that had come whole gets to no callback
+// conversion, no look at a clock.
 #ifndef TARVO_BASE_PROBE_H
 #define TARVO_BASE_PROBE_H
 
