@@ -49,7 +49,8 @@ typedef struct TarvoStatsTimes {
     uint64_t buckets[TARVO_STATS_BUCKETS];
 } TarvoStatsTimes;
 
-// What a frame carries.
+// What a frame carries. Its receiver tells the two kinds of requests from each other by the time-out in the frame, and
+// counts a call without a time limit as a one-way request.
 enum {
     TARVO_STATS_ONE_WAY = 0, // a request whose sender does not wait
     TARVO_STATS_CALL = 1,    // a request whose sender waits for the response
@@ -98,7 +99,7 @@ enum {
 
 // A number that goes up and down, and the highest it has been.
 typedef struct TarvoStatsLevel {
-    uint64_t now;
+    uint64_t now; // of a pipe: 0 in the file, and worked out of the counters by TarvoStatsRead()
     uint64_t most;
 } TarvoStatsLevel;
 
@@ -117,20 +118,23 @@ typedef struct TarvoStatsPipe {
         uint64_t messages[TARVO_STATS_KINDS];
         uint64_t bytes[TARVO_STATS_KINDS];
         uint64_t bad[TARVO_STATS_BAD_REASONS];
-        uint64_t late; // responses that no call waited for any more
-        uint64_t reserved[4];
+        uint64_t late;     // responses that no call waited for any more; among the messages too
+        uint64_t noMemory; // frames for which there was no memory; not among the messages
+        uint64_t unread;   // bytes that were left in the FIFO when this side closed it
+        uint64_t reserved[2];
     } received;
-    // Requests received are `begun`, `dropped` or `queued`.
+    // Requests received are begun, dropped or queued (`queued.now` is the rest), and those begun are finished or
+    // running.
     struct {
-        uint64_t begun;    // callbacks
-        uint64_t finished; // callbacks
+        uint64_t begun;    // callbacks for requests
+        uint64_t finished; // those of them that have returned
         uint64_t dropped[TARVO_STATS_DROP_REASONS];
         uint64_t reserved;
         TarvoStatsLevel queued;  // requests that wait for a worker, a callback to be installed, or the next round
-        TarvoStatsLevel running; // callbacks
+        TarvoStatsLevel running; // callbacks, for requests
         uint64_t reserved2[4];
     } requests;
-    // Calls begun are `ended` or `outstanding`.
+    // Calls begun are ended or outstanding (`outstanding.now` is the rest).
     struct {
         uint64_t begun;
         uint64_t ended[TARVO_STATS_ENDS];
