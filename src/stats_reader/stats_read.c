@@ -28,6 +28,28 @@ static int IsSound(const TarvoStatsSlot *slot) {
            memchr(slot->remote, '\0', sizeof(slot->remote)) != NULL;
 }
 
+static uint64_t SumOf(const uint64_t *values, size_t count) {
+    uint64_t sum = 0;
+    for (size_t index = 0; index < count; ++index) {
+        sum += values[index];
+    }
+    return sum;
+}
+
+// What came in and did not come out yet. Counters that were written at different moments may have more come out.
+static void SetLevel(TarvoStatsLevel *level, uint64_t in, uint64_t out) {
+    level->now = (int64_t)(in - out) < 0 ? 0 : in - out;
+    level->most = level->most < level->now ? level->now : level->most;
+}
+
+static void SetLevels(TarvoStatsPipe *pipe) {
+    const uint64_t received = pipe->received.messages[TARVO_STATS_ONE_WAY] + pipe->received.messages[TARVO_STATS_CALL];
+    SetLevel(&pipe->requests.queued, received,
+             pipe->requests.begun + SumOf(pipe->requests.dropped, TARVO_STATS_DROP_REASONS));
+    SetLevel(&pipe->requests.running, pipe->requests.begun, pipe->requests.finished);
+    SetLevel(&pipe->calls.outstanding, pipe->calls.begun, SumOf(pipe->calls.ended, TARVO_STATS_ENDS));
+}
+
 // Once; -EAGAIN when it was being changed.
 static int TryReadSlot(const TarvoStatsFile *file, uint64_t offset, TarvoStatsSlot *slot) {
     uint32_t before = 0;
@@ -64,6 +86,8 @@ static int ReadSlotAt(const TarvoStatsFile *file, uint32_t index, TarvoStatsSlot
     }
     if (result < 0) {
         memset(slot, 0, sizeof(*slot));
+    } else if (slot->kind == TARVO_STATS_PIPE || slot->kind == TARVO_STATS_GONE) {
+        SetLevels(&slot->of.pipe);
     }
     return result;
 }

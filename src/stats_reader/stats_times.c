@@ -1,7 +1,6 @@
 // Times in buckets.
 #include "tarvo_stats.h"
 
-// The first bucket ends in the middle of the powers of two from 2^9 to 2^10, at 7/8 of 2^10.
 #define FIRST_END UINT64_C(896)
 #define FIRST_EXPONENT 9U
 #define SKIPPED 2U // of the quarters of the first power, whose third and last are buckets 0 and 1
