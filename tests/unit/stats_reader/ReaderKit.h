@@ -8,7 +8,7 @@
 #include <string>
 
 #include "support/LeakCheck.h"
-#include "support/StatsFile.h"
+#include "support/HandmadeStats.h"
 
 namespace tarvo_test {
 

@@ -1,6 +1,6 @@
 // Statistics files that a test writes itself, right or wrong.
-#ifndef TARVO_SUPPORT_STATSFILE_H
-#define TARVO_SUPPORT_STATSFILE_H
+#ifndef TARVO_SUPPORT_HANDMADESTATS_H
+#define TARVO_SUPPORT_HANDMADESTATS_H
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -111,4 +111,4 @@ private:
 
 } // namespace tarvo_test
 
-#endif // TARVO_SUPPORT_STATSFILE_H
+#endif // TARVO_SUPPORT_HANDMADESTATS_H
