@@ -49,7 +49,8 @@ typedef struct TarvoStatsTimes {
     uint64_t buckets[TARVO_STATS_BUCKETS];
 } TarvoStatsTimes;
 
-// What a frame carries.
+// What a frame carries. Its receiver tells the two kinds of requests from each other by the time-out in the frame, and
+// counts a call without a time limit as a one-way request.
 enum {
     TARVO_STATS_ONE_WAY = 0, // a request whose sender does not wait
     TARVO_STATS_CALL = 1,    // a request whose sender waits for the response
@@ -98,7 +99,7 @@ enum {
 
 // A number that goes up and down, and the highest it has been.
 typedef struct TarvoStatsLevel {
-    uint64_t now;
+    uint64_t now; // of a pipe: 0 in the file, and worked out of the counters by TarvoStatsRead()
     uint64_t most;
 } TarvoStatsLevel;
 
@@ -117,20 +118,23 @@ typedef struct TarvoStatsPipe {
         uint64_t messages[TARVO_STATS_KINDS];
         uint64_t bytes[TARVO_STATS_KINDS];
         uint64_t bad[TARVO_STATS_BAD_REASONS];
-        uint64_t late; // responses that no call waited for any more
-        uint64_t reserved[4];
+        uint64_t late;     // responses that no call waited for any more; among the messages too
+        uint64_t noMemory; // frames for which there was no memory; not among the messages
+        uint64_t unread;   // bytes that were left in the FIFO when this side closed it
+        uint64_t reserved[2];
     } received;
-    // Requests received are `begun`, `dropped` or `queued`.
+    // Requests received are begun, dropped or queued (`queued.now` is the rest), and those begun are finished or
+    // running.
     struct {
-        uint64_t begun;    // callbacks
-        uint64_t finished; // callbacks
+        uint64_t begun;    // callbacks for requests
+        uint64_t finished; // those of them that have returned
         uint64_t dropped[TARVO_STATS_DROP_REASONS];
         uint64_t reserved;
         TarvoStatsLevel queued;  // requests that wait for a worker, a callback to be installed, or the next round
-        TarvoStatsLevel running; // callbacks
+        TarvoStatsLevel running; // callbacks, for requests
         uint64_t reserved2[4];
     } requests;
-    // Calls begun are `ended` or `outstanding`.
+    // Calls begun are ended or outstanding (`outstanding.now` is the rest).
     struct {
         uint64_t begun;
         uint64_t ended[TARVO_STATS_ENDS];
@@ -232,6 +236,77 @@ typedef struct TarvoStatsHeader {
     TarvoStatsTimes openTime; // of opens that succeeded
 } TarvoStatsHeader;
 
+// ---- Reading ----
+//
+// The functions below are in libtarvo-stats.a (CMake: tarvo::stats, pkg-config: tarvo-stats), which needs the C library
+// only. They block no writer, map nothing, and read nothing outside of a file, whatever is in it.
+//
+// Those with a result of int return 0 or more, or a negated errno value. Each object is for one thread at a time; two
+// threads may use two. Times are in nanoseconds.
+
+// A file that is open for reading.
+typedef struct TarvoStatsFile TarvoStatsFile;
+
+// Opens the file of that path; no symbolic link in its place is followed. Sets `*file` to what TarvoStatsClose() takes
+// back. -ENOENT, -EACCES, -ELOOP (a link) and others: it cannot be opened; -EBADMSG: it is no such file, or not yet
+// one, or a damaged one; -EPROTONOSUPPORT: it is of another version; -ENOMEM.
+int TarvoStatsOpen(const char *path, TarvoStatsFile **file);
+// The same for a `name` without slashes in the directory that the descriptor `directory` is of. -EINVAL: another name.
+int TarvoStatsOpenAt(int directory, const char *name, TarvoStatsFile **file);
+// Does nothing with a null pointer.
+void TarvoStatsClose(TarvoStatsFile *file);
+
+// Calls `each` with the name of each file in a directory, in no order, and a descriptor of the directory that is open
+// until this returns. Names that begin with a dot are left out. Ends early when `each` returns other than 0, and
+// returns that. -ENOENT, -EACCES, -ENOTDIR and others: it cannot be listed.
+int TarvoStatsEach(const char *directory, int (*each)(void *context, int descriptor, const char *name), void *context);
+
+// What one reading of a file found. Begins as all zeros; TarvoStatsFree() takes back what it holds.
+typedef struct TarvoStatsReading {
+    TarvoStatsHeader header;
+    TarvoStatsSlot *slot; // `slots` of them. TARVO_STATS_FREE: of nobody, or not readable
+    uint32_t slots;
+    uint32_t capacity;   // for how many there is memory
+    uint32_t owner;      // user id of the file's owner; what the file says of itself is the owner's word
+    uint32_t alive;      // 1: its process lives, 0: these are its last numbers
+    uint32_t inexact;    // 1: a pipe's numbers moved all the while, and sums may have them twice or not at all
+    uint32_t unreadable; // slots that were being changed all the while, or hold what no process writes
+    uint64_t readAt;     // by the file's clock
+} TarvoStatsReading;
+
+// Reads all of a file, again and again for the few times that it is being changed meanwhile. `reading` is a former one,
+// whose memory is used again, or zeros. Whether the process lives is asked of a lock that the kernel takes from it at
+// its end, before the numbers are read: those of one that does not live are final. On failure `reading` is to be freed
+// all the same. -EBADMSG: the file has become another, or shorter; -EPROTONOSUPPORT; -ENOMEM.
+int TarvoStatsRead(TarvoStatsFile *file, TarvoStatsReading *reading);
+void TarvoStatsFree(TarvoStatsReading *reading);
+
+// Reads one slot, by its place from 0 on. -EAGAIN: it is being changed all the while; -EBADMSG: it holds what no
+// process writes, or there is none of that place.
+int TarvoStatsReadSlot(TarvoStatsFile *file, uint32_t index, TarvoStatsSlot *slot);
+// 1: the process of the file lives; 0: it does not.
+int TarvoStatsAlive(TarvoStatsFile *file);
+
+// All pipes of a process, also those gone. The highest levels are the sums of each one's, which may have been at
+// different times.
+void TarvoStatsSum(const TarvoStatsReading *reading, TarvoStatsPipe *sum);
+// What has come since `before`, of the same pipe or sum. Levels are those of `now`, and so are the longest times: when
+// they were is not known.
+void TarvoStatsPipeSince(const TarvoStatsPipe *now, const TarvoStatsPipe *before, TarvoStatsPipe *since);
+// Whether two readings of one place are of the same pipe, server or pool.
+int TarvoStatsSame(const TarvoStatsSlot *one, const TarvoStatsSlot *other);
+
+void TarvoStatsTimesAdd(TarvoStatsTimes *sum, const TarvoStatsTimes *more);
+void TarvoStatsTimesSince(const TarvoStatsTimes *now, const TarvoStatsTimes *before, TarvoStatsTimes *since);
+// How many times were measured.
+uint64_t TarvoStatsTimesCount(const TarvoStatsTimes *times);
+// The time that so many of a hundred do not exceed: the end of its bucket, or the longest where that is less; 0 when
+// none was measured.
+uint64_t TarvoStatsPercentile(const TarvoStatsTimes *times, double percent);
+// The bucket of a time, and the first time behind a bucket; UINT64_MAX for the last.
+uint32_t TarvoStatsBucketOf(uint64_t time);
+uint64_t TarvoStatsBucketEnd(uint32_t bucket);
+
 #ifdef __cplusplus
 static_assert(sizeof(TarvoStatsSlot) == TARVO_STATS_SLOT_SIZE, "slots lie one behind the other");
 static_assert(sizeof(TarvoStatsHeader) <= TARVO_STATS_HEADER_SIZE, "the first slot follows the header");
@@ -239,6 +314,14 @@ static_assert(sizeof(TarvoStatsHeader) <= TARVO_STATS_HEADER_SIZE, "the first sl
 _Static_assert(sizeof(TarvoStatsSlot) == TARVO_STATS_SLOT_SIZE, "slots lie one behind the other");
 _Static_assert(sizeof(TarvoStatsHeader) <= TARVO_STATS_HEADER_SIZE, "the first slot follows the header");
 #endif
+
+// ---- A process's own ----
+
+// Copies the numbers of a pipe of this process, by its handle of tarvo.h, with its levels worked out. In libtarvo. Does
+// not block, and may be called from any thread, also from a callback. Returns 0, -EINVAL (null `stats`), -ENOENT (no
+// such pipe, or process exit), -ENODATA (the pipe is not counted: the directory was absent when this process first used
+// the library, may not be written, or is full). On failure `stats` is untouched.
+int TarvoPipeStats(int pipe, TarvoStatsPipe *stats);
 
 #ifdef __cplusplus
 }

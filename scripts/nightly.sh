@@ -4,13 +4,13 @@
 set -uo pipefail
 cd "$(dirname "$0")/.." || exit
 
-STEPS=(kills loopkills loop comeback stopped reconnect twins reopen soak python models fuzz ends races cancels clang asan arm64
-    tidy mutants bare)
+STEPS=(kills loopkills loop comeback stopped reconnect twins reopen soak counted python models fuzz ends races cancels clang
+    asan arm64 tidy mutants bare)
 
 # How many minutes each may take; together four hours on two processors. What is not done then is ended, and has failed.
 declare -A LIMITS=([kills]=12 [loopkills]=3 [loop]=23 [comeback]=8 [stopped]=3 [reconnect]=10 [twins]=5 [reopen]=10
-    [soak]=23 [python]=8 [models]=12 [fuzz]=20 [ends]=12 [races]=15 [cancels]=4 [clang]=9 [asan]=14 [arm64]=18 [tidy]=10
-    [mutants]=15 [bare]=6)
+    [soak]=23 [counted]=4 [python]=6 [models]=12 [fuzz]=20 [ends]=12 [races]=15 [cancels]=4 [clang]=9
+    [asan]=14 [arm64]=18 [tidy]=10 [mutants]=13 [bare]=6)
 
 usage() {
     cat <<'TEXT'
@@ -35,6 +35,8 @@ Runs the long proofs, all of them (four hours at most) or the named steps:
            without a line; as many brief clients of a server with a handful of threads
   soak     20 minutes of mixed traffic, more and less of it, with peers that are stopped and killed: no growth of memory,
            descriptors or threads
+  counted  2000 kills with all processes counted, as those of the soak are: what was sent arrived or was lost with its
+           reason, calls ended or are outstanding; and tests of the library's steps, their numbers compared; for root
   python   the tests of the Python package with 1000 kills of servers and of clients, 100000 calls, 2000 examples
   models   the models within large bounds, and each of their mutants
   fuzz     180 s of each fuzz target, two at a time; what it has found new is made small and kept
@@ -113,13 +115,22 @@ step_reconnect() {
     run reconnect "the same, without a callback" storm storm_reconnect --rounds "$reconnects" --no-callback
 }
 step_twins() { run twins "$twins starts of two servers" storm storm_twins --rounds "$twins"; }
-step_soak() { run soak "soak of $soak minutes" scripts/soak.sh --minutes "$soak" --out build/nightly/soak; }
-
+step_soak() {
+    local counted=()
+    [[ $EUID -ne 0 ]] || counted=(--stats)
+    run soak "soak of $soak minutes" scripts/soak.sh --minutes "$soak" --out build/nightly/soak "${counted[@]}"
+}
 step_python() {
     run python "the Python package, for long" env TARVO_KILLS=1000 TARVO_CALLS=100000 TARVO_EXAMPLES=2000 \
         TARVO_LIMIT=900 scripts/test.sh release -- -R '^python_package$' --output-on-failure
 }
 
+# Each test in a process of its own, which compares its numbers at the end.
+step_counted() {
+    run counted "2000 kills, counted" storm storm_kills --kills 2000 --groups 6 --quiet --stats ${seed:+--seed "$seed"}
+    run counted "tests, counted" env TARVO_TEST_STATS=1 scripts/test.sh release -- --output-on-failure \
+        -R '^(unit_(pipe|pipe_calls|server|monitor|table|api_calls|api_cancel)|faults_calls|system_(call|callback|close|open|full_fifo|raw_peer|shutdown))\.'
+}
 step_fuzz() { run fuzz "fuzzing, $fuzz s a target" scripts/fuzz.sh --seconds "$fuzz" --jobs 2 --keep; }
 step_models() { run models "models, large bounds" scripts/models.sh --large --minutes 4; }
 
