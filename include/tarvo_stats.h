@@ -315,6 +315,14 @@ _Static_assert(sizeof(TarvoStatsSlot) == TARVO_STATS_SLOT_SIZE, "slots lie one b
 _Static_assert(sizeof(TarvoStatsHeader) <= TARVO_STATS_HEADER_SIZE, "the first slot follows the header");
 #endif
 
+// ---- A process's own ----
+
+// Copies the numbers of a pipe of this process, by its handle of tarvo.h, with its levels worked out. In libtarvo. Does
+// not block, and may be called from any thread, also from a callback. Returns 0, -EINVAL (null `stats`), -ENOENT (no
+// such pipe, or process exit), -ENODATA (the pipe is not counted: the directory was absent when this process first used
+// the library, may not be written, or is full). On failure `stats` is untouched.
+int TarvoPipeStats(int pipe, TarvoStatsPipe *stats);
+
 #ifdef __cplusplus
 }
 #endif

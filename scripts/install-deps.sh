@@ -29,12 +29,12 @@ TEXT
 packages_of() {
     case $1 in
     base) echo g++ cmake ninja-build pkg-config libselinux1-dev libgtest-dev libgmock-dev libcli11-dev libfmt-dev \
-        nlohmann-json3-dev python3 python3-prometheus-client libglib2.0-dev libboost-dev libsystemd-dev ;;
+        nlohmann-json3-dev python3 python3-prometheus-client libglib2.0-dev libboost-dev libsystemd-dev systemtap-sdt-dev ;;
     clang) echo clang libclang-rt-14-dev llvm ;;
     # Only the cross compiler comes as a package of this machine's architecture. Headers and libraries come from the
     # foreign one, with the loader and the C++ runtime that the tests need under emulation.
     arm64) echo g++-aarch64-linux-gnu qemu-user-static libc6:arm64 libstdc++6:arm64 libselinux1-dev:arm64 \
-        libgtest-dev:arm64 libgmock-dev:arm64 libfmt-dev:arm64 ;;
+        libgtest-dev:arm64 libgmock-dev:arm64 libfmt-dev:arm64 systemtap-sdt-dev:arm64 ;;
     tools) echo clang-format clang-tidy python3 shellcheck ;;
     plots) echo python3-matplotlib python3-numpy ;;
     bench) packages_of plots && echo libbenchmark-dev libcli11-dev nlohmann-json3-dev stress-ng rt-tests valgrind ;;

@@ -14,6 +14,7 @@ struct CallEnd {
     TarvoDone done;
     void *context;
     int result;
+    uint32_t wireId;
 };
 
 // The calls of a link, each in a slot that its id on the wire names, so that an answer finds it at once. An id comes

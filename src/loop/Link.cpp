@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "api/EnvManager.h"
+#include "base/Probe.h"
 #include "diag/velm_syslog.h"
 #include "loop/Files.h"
 #include "loop/Service.h"
@@ -121,12 +122,14 @@ void TarvoLink::OnEndsOpen(UniqueFd opened, UniqueFd writeEnd) {
         OnOpenFailed(ret);
         return;
     }
+    TARVO_PROBE_OPEN(this, ret);
     state = State::OPEN;
     openEnded = true;
     loop.Queue(*this);
 }
 
 void TarvoLink::OnOpenFailed(int result) {
+    TARVO_PROBE_OPEN(this, result);
     state = State::FAILED;
     openResult = result;
     openEnded = true;
@@ -161,6 +164,7 @@ void TarvoLink::Close() {
     if (state == State::CLOSED) {
         return;
     }
+    TARVO_PROBE_CLOSE(this);
     calls.CancelAll(loop.Round());
     Shut();
     state = State::CLOSED;
@@ -201,6 +205,7 @@ void TarvoLink::Shut() {
 
 void TarvoLink::OnLoopDestroyed() {
     if (state != State::CLOSED) {
+        TARVO_PROBE_CLOSE(this);
         Shut();
     }
 }

@@ -92,9 +92,10 @@ private:
 
     void Begin();
     int CheckSend(TarvoBytes payload) const;
+    int MaySend(TarvoBytes payload) const;
     int Enqueue(uint32_t id, MsgType type, int32_t timeoutMs, TarvoBytes payload);
     int WriteBatch();
-    void DropBatch();
+    void DropBatch(int result);
     void OnRoom();
 
     Step ServeOne();
@@ -103,7 +104,8 @@ private:
     Step TellWritable();
     Step TellClosed();
     Step Deliver(const Frame &frame);
-    bool NextFrame(Frame &frame) { return kept.Next(frame) || reader.Next(frame); }
+    bool NextFrame(Frame &frame) { return kept.Next(frame) || ReadFrame(frame); }
+    bool ReadFrame(Frame &frame);
     bool HasMore();
     void Read();
     void OnRemoteGone();

@@ -3,9 +3,11 @@
 
 #include <cerrno>
 
+#include "base/Probe.h"
 #include "diag/velm_syslog.h"
 #include "loop/Link.h"
 #include "loop/Service.h"
+#include "tarvo_stats.h"
 
 namespace {
 
@@ -81,6 +83,7 @@ TarvoLink::Step TarvoLink::ServeEnds() {
     if (!calls.NextEnd(loop.Round(), end)) {
         return Step::NOTHING;
     }
+    TARVO_PROBE_CALL_END(this, end.wireId, end.result);
     end.done(end.context, end.result, {nullptr, 0});
     return Step::RAN;
 }
@@ -113,6 +116,18 @@ TarvoLink::Step TarvoLink::TellWritable() {
     return Step::RAN;
 }
 
+bool TarvoLink::ReadFrame(Frame &frame) {
+    if (!reader.Next(frame)) {
+        return false;
+    }
+    if (frame.type == MSG_TYPE_RESPONSE) {
+        TARVO_PROBE_RESPONSE_READ(this, frame.id, frame.size, frame.writeStartTime);
+    } else {
+        TARVO_PROBE_REQUEST_READ(this, frame.id, frame.size, frame.writeStartTime);
+    }
+    return true;
+}
+
 TarvoLink::Step TarvoLink::Deliver(const Frame &frame) {
     const TarvoBytes payload{frame.data, frame.size};
     if (frame.type == MSG_TYPE_RESPONSE) {
@@ -120,18 +135,23 @@ TarvoLink::Step TarvoLink::Deliver(const Frame &frame) {
         if (!calls.Answer(frame.id, end)) {
             return Step::AGAIN;
         }
+        TARVO_PROBE_CALL_END(this, frame.id, end.result);
         end.done(end.context, 0, payload);
         return Step::RAN;
     }
     if (spec.callbacks.request == nullptr) {
+        TARVO_PROBE_DROPPED(this, frame.id, TARVO_STATS_DROP_CACHE);
         return Step::AGAIN;
     }
     uint32_t number = 0;
     if (!requests.Add(frame.id, number)) {
         TARVO_LOG(LOG_ERR, "Add InRequest failed, out of space");
+        TARVO_PROBE_DROPPED(this, frame.id, TARVO_STATS_DROP_MEMORY);
         return Step::AGAIN;
     }
+    TARVO_PROBE_CALLBACK_START(this, frame.id);
     spec.callbacks.request(spec.context, this, number, payload);
+    TARVO_PROBE_CALLBACK_END(this, frame.id);
     return Step::RAN;
 }
 
@@ -151,6 +171,7 @@ void TarvoLink::Read() {
 }
 
 void TarvoLink::OnRemoteGone() {
+    TARVO_PROBE_REMOTE_CLOSE(this);
     gone = true;
     reader.End();
     loop.Events().Remove(readWatch);

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "base/Probe.h"
 #include "diag/velm_syslog.h"
 #include "loop/Link.h"
 #include "loop/Moments.h"
@@ -29,13 +30,21 @@ int TarvoLink::CheckSend(TarvoBytes payload) const {
     return full ? -EAGAIN : 0;
 }
 
-int TarvoLink::Send(TarvoBytes payload) {
+int TarvoLink::MaySend(TarvoBytes payload) const {
     const int ret = CheckSend(payload);
+    if (ret != 0) {
+        TARVO_PROBE_REFUSED(this, 0U, ret);
+    }
+    return ret;
+}
+
+int TarvoLink::Send(TarvoBytes payload) {
+    const int ret = MaySend(payload);
     return ret != 0 ? ret : Enqueue(calls.OneWayId(), MSG_TYPE_REQUEST, NO_TIMEOUT, payload);
 }
 
 int64_t TarvoLink::Call(TarvoBytes payload, int timeoutMs, TarvoDone done, void *context) {
-    const int refused = CheckSend(payload);
+    const int refused = MaySend(payload);
     if (refused != 0) {
         return refused;
     }
@@ -62,7 +71,7 @@ int TarvoLink::Cancel(int64_t call) {
 }
 
 int TarvoLink::Reply(uint32_t request, TarvoBytes payload) {
-    const int refused = CheckSend(payload);
+    const int refused = MaySend(payload);
     if (refused != 0) {
         return refused;
     }
@@ -81,13 +90,20 @@ int TarvoLink::Enqueue(uint32_t id, MsgType type, int32_t timeoutMs, TarvoBytes 
     if (!batch.HasRoomFor(payload.size)) {
         const int ret = FlushNow();
         if (ret != 0) {
+            TARVO_PROBE_REFUSED(this, id, ret);
             full = ret == -EAGAIN;
             return ret;
         }
     }
     const int ret = batch.Add(id, type, timeoutMs, payload);
     if (ret != 0) {
+        TARVO_PROBE_REFUSED(this, id, ret);
         return ret;
+    }
+    if (type == MSG_TYPE_RESPONSE) {
+        TARVO_PROBE_RESPONSE_WRITTEN(this, id, payload.size);
+    } else {
+        TARVO_PROBE_REQUEST_WRITTEN(this, id, payload.size, timeoutMs);
     }
     if (loop.InRound()) {
         if (!flushQueued) {
@@ -139,17 +155,18 @@ int TarvoLink::WriteBatch() {
     TARVO_LOG_RESTRAINED(LOG_ERR, "write failed, errno = %d for readFd(%d) remote(%s)", error, readFd.Get(),
                          origin.remote.c_str());
     broken = true;
-    DropBatch();
+    DropBatch(-error);
     return -error;
 }
 
 // The calls in it have been accepted, and end here.
-void TarvoLink::DropBatch() {
+void TarvoLink::DropBatch(int result) {
     const TarvoBytes frames = batch.Stamped();
     for (std::size_t at = 0; at < frames.size;) {
         MsgHead head;
         std::memcpy(&head, frames.data + at, sizeof(head));
         at += sizeof(head) + head.payloadLen;
+        TARVO_PROBE_REFUSED(this, head.id, result);
         if (head.type == MSG_TYPE_REQUEST && calls.EndByWireId(head.id, -EPIPE, loop.Round())) {
             loop.Queue(*this);
         }

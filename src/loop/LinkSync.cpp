@@ -8,6 +8,7 @@
 #include <climits>
 #include <cstring>
 
+#include "base/Probe.h"
 #include "diag/velm_syslog.h"
 #include "loop/Link.h"
 #include "loop/Moments.h"
@@ -48,7 +49,7 @@ int TarvoLink::CallSync(TarvoBytes payload, int timeoutMs, char *answer, uint32_
     const int64_t deadline = DeadlineIn(timeoutMs);
     int ret = state == State::OPENING ? AwaitOpen(deadline) : 0;
     if (ret == 0) {
-        ret = CheckSend(payload);
+        ret = MaySend(payload);
     }
     if (ret != 0) {
         return ret;
@@ -63,6 +64,7 @@ int TarvoLink::CallSync(TarvoBytes payload, int timeoutMs, char *answer, uint32_
         const int sent = FlushNow();
         ret = sent == 0 || sent == -EAGAIN ? AwaitAnswer(call, deadline, answer, size) : sent;
     }
+    TARVO_PROBE_CALL_END(this, Calls::WireId(call), ret);
     calls.Undo(call);
     if (HasMore() || calls.HasEnds()) {
         loop.Queue(*this);
@@ -156,7 +158,7 @@ int TarvoLink::AwaitBytes(int64_t deadlineUs) {
 int TarvoLink::KeepFrames(int64_t number, char *answer, uint32_t &size) {
     int ret = NOT_YET;
     Frame frame;
-    while (reader.Next(frame)) {
+    while (ReadFrame(frame)) {
         const bool isAnswer = ret == NOT_YET && frame.type == MSG_TYPE_RESPONSE && frame.id == Calls::WireId(number);
         if (!isAnswer) {
             if (!kept.Keep(frame)) {
