@@ -28,11 +28,11 @@ TEST_F(StatTest, TableHasALineForEachPipeServerAndProcess) {
     EXPECT_THAT(result.out,
                 ContainsRegex("4711 +hello +slow +open +100 +140 +7 +5 +10 +5 +3 +2 ms +2 ms +- +250 ms\n"));
     EXPECT_THAT(result.out, ContainsRegex("4711 +hello +quiet +open +0 +0 "));
-    EXPECT_THAT(result.out, ContainsRegex("4712 +gone +hello +dead "));
+    EXPECT_THAT(result.out, ContainsRegex("4712 +gone +hello +died "));
     EXPECT_THAT(result.out, HasSubstr("\n3 pipes: 100 out, 140 in, 7 refused, 5 dropped, 10 timed out\n"));
     EXPECT_THAT(result.out, ContainsRegex("4711 +hello +3 +2 +0 "));
     EXPECT_THAT(result.out, ContainsRegex("4711 +telemetry +alive .* 2 of 4 "));
-    EXPECT_THAT(result.out, ContainsRegex("4712 +gone +dead "));
+    EXPECT_THAT(result.out, ContainsRegex("4712 +gone +died "));
     EXPECT_THAT(result.out, Not(HasSubstr("closed before"))) << "no pipe was";
 }
 

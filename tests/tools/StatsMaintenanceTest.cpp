@@ -51,10 +51,13 @@ TEST_F(StatsDoctorTest, EachTroubleIsNamedWithItsPipeAndItsRemedy) {
     EXPECT_THAT(FindingOf(all, "5 requests were dropped since the queue").text, HasSubstr(where));
     EXPECT_THAT(FindingOf(all, "10 calls timed out").text, HasSubstr(where));
     EXPECT_THAT(FindingOf(all, "callbacks are slow, the 99th percentile is 250 ms").text, HasSubstr(where));
-    const Found dead = FindingOf(all, "process 4712 (gone) has ended");
-    EXPECT_EQ(dead.level, "note");
-    EXPECT_THAT(dead.remedy, HasSubstr("clean --stats"));
-    EXPECT_EQ(all.size(), 5U);
+    const Found died = FindingOf(all, "process 4712 (gone) died with 1 pipes open");
+    EXPECT_EQ(died.level, "warning");
+    EXPECT_THAT(died.remedy, HasSubstr("tarvoctl stat 4712"));
+    const Found left = FindingOf(all, "1 processes have left their last numbers");
+    EXPECT_EQ(left.level, "note");
+    EXPECT_THAT(left.remedy, HasSubstr("clean --stats"));
+    EXPECT_EQ(all.size(), 6U);
     for (const Found &one : all) {
         EXPECT_THAT(one.remedy, Not(IsEmpty())) << one.text;
     }

@@ -1,4 +1,7 @@
 // tarvoctl top.
+#include <sys/resource.h>
+
+#include "support/Sanitized.h"
 #include "tools/StatsKit.h"
 
 namespace tarvo_test {
@@ -69,7 +72,7 @@ TEST_F(TopTest, ProcessesThatComeAndGoAreFollowed) {
         more.Set(0, StatsSlot(TARVO_STATS_PIPE, "more", "hello"));
         top.AwaitOut("4 pipes");
     }
-    top.AwaitOut("dead");
+    top.AwaitOut("died");
     unlink(scene.directory.File("2.1").c_str());
     top.AwaitOut("3 pipes", 2);
     EXPECT_EQ(top.Interrupt().status, 0);
@@ -96,6 +99,32 @@ TEST_F(TopTest, SmallWindowShowsTheFirstAndTellsHowManyMore) {
     EXPECT_THAT(out, HasSubstr("the_refused"));
     EXPECT_THAT(out, Not(HasSubstr("an_idle")));
     EXPECT_THAT(out, HasSubstr("more lines"));
+}
+
+double ChildSeconds() {
+    rusage usage{};
+    getrusage(RUSAGE_CHILDREN, &usage);
+    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+TEST_F(TopTest, ThousandPipesOnceASecondTakeLessThanAFiftiethOfAProcessor) {
+    if (SLOW) {
+        GTEST_SKIP() << "the program is slower here than it is";
+    }
+    constexpr uint32_t PIPES = 1000;
+    constexpr int READINGS = 40;
+    const StatsDirectory directory;
+    const StatsFile file(directory, "1.1", StatsHeader(PIPES));
+    for (uint32_t index = 0; index < PIPES; ++index) {
+        file.Set(index, TroubledPipe("client_" + std::to_string(index)));
+    }
+    const double before = ChildSeconds();
+    const ToolResult result = RunTool(
+        {"top", "--stats-directory", directory.Path(), "--interval", "1ms", "--count", std::to_string(READINGS)});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.out, HasSubstr(" 1000 pipes: "));
+    EXPECT_LT((ChildSeconds() - before) / READINGS, 0.02) << "seconds for each reading";
 }
 
 } // namespace

@@ -131,16 +131,30 @@ void CheckPool(const ProcessReading &process, Findings &findings) {
     }
 }
 
-void CheckFileOf(const ProcessReading &process, Findings &findings) {
-    if (process.Now().alive == 0) {
-        findings.push_back({Level::NOTE, CHECK, fmt::format("{} has ended; its last numbers are kept", Whose(process)),
-                            fmt::format("tarvoctl stat {}; then tarvoctl clean --stats", process.Now().header.pid)});
+void CheckEnd(const ProcessReading &process, Findings &findings) {
+    if (process.LeftOpen() > 0) {
+        findings.push_back({Level::WARNING, CHECK,
+                            fmt::format("{} died with {} pipes open: killed, crashed, or ended without closing them",
+                                        Whose(process), process.LeftOpen()),
+                            fmt::format("its log, and coredumpctl, tell why; 'tarvoctl stat {}' tells what it did",
+                                        process.Now().header.pid)});
     }
     if (process.Now().header.uncounted != 0) {
         findings.push_back({Level::WARNING, CHECK,
                             fmt::format("{}: {} pipes are not counted, since there was no room", Whose(process),
                                         process.Now().header.uncounted),
                             "make room in the file system of the statistics: tarvoctl clean --stats"});
+    }
+}
+
+void CheckEnded(const Readings &readings, Findings &findings) {
+    std::size_t ended = 0;
+    for (const ProcessReading *process : readings.Processes()) {
+        ended += process->Now().alive == 0 ? 1 : 0;
+    }
+    if (ended > 0) {
+        findings.push_back({Level::NOTE, CHECK, fmt::format("{} processes have left their last numbers", ended),
+                            "tarvoctl clean --stats"});
     }
 }
 
@@ -174,9 +188,11 @@ void CheckStats(const std::string &directory, Findings &findings) {
         }
         CheckCallbacks(*process, findings);
         CheckPool(*process, findings);
-        CheckFileOf(*process, findings);
+        CheckEnd(*process, findings);
     }
-    if (findings.size() == before) {
+    const bool well = findings.size() == before;
+    CheckEnded(readings, findings);
+    if (well) {
         findings.push_back({Level::OK, CHECK,
                             fmt::format("{} processes: none drops, refuses or waits long", readings.Processes().size()),
                             ""});

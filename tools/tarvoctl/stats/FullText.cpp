@@ -76,7 +76,7 @@ std::string FullText(const Readings &readings, const std::string &pattern) {
         }
         if (!slots.empty() || pattern.empty()) {
             text += fmt::format("process {} ({}): {}\n", now.header.pid, Printable(now.header.process),
-                                now.alive != 0 ? "alive" : "dead, its last numbers") +
+                                process->StateText()) +
                     Block(ProcessMetrics(), &now.header) + slots;
         }
     }

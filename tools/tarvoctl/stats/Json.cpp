@@ -97,6 +97,7 @@ json ProcessJson(const ProcessReading &process, const std::string &pattern, bool
             {"process", now.header.process},
             {"pid", now.header.pid},
             {"alive", now.alive != 0},
+            {"left_open", process.LeftOpen()},
             {"owner", now.owner},
             {"created_at_ns", now.header.createdAt},
             {"created_unix_ns", now.header.createdWall},

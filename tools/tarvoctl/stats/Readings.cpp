@@ -39,6 +39,17 @@ const TarvoStatsSlot *ProcessReading::Before(uint32_t index) const {
     return &before.slot[index];
 }
 
+uint32_t ProcessReading::LeftOpen() const {
+    uint32_t open = 0;
+    for (uint32_t index = 0; Now().alive == 0 && index < Now().slots; ++index) {
+        const TarvoStatsSlot &slot = Now().slot[index];
+        open += slot.kind == TARVO_STATS_PIPE && slot.state != TARVO_STATS_CLOSED ? 1U : 0U;
+    }
+    return open;
+}
+
+const char *ProcessReading::StateText() const { return Now().alive != 0 ? "alive" : LeftOpen() > 0 ? "died" : "ended"; }
+
 double ProcessReading::Seconds() const {
     return count < 2 ? 0 : static_cast<double>(Now().readAt - readings[1 - current].readAt) / 1e9;
 }

@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
@@ -31,6 +32,10 @@ public:
     // What the same place held at the reading before; null when that was another pipe, or there was none.
     const TarvoStatsSlot *Before(uint32_t index) const;
     const TarvoStatsHeader *HeaderBefore() const { return count > 1 ? &readings[1 - current].header : nullptr; }
+    // Pipes that it had open when it ended: it was killed, or left without a word. 0 while it lives.
+    uint32_t LeftOpen() const;
+    // "alive", "ended", or "died" with pipes open.
+    const char *StateText() const;
     // Between both readings; 0 when there was none before.
     double Seconds() const;
 

@@ -74,6 +74,17 @@ std::string Label(const TarvoStatsSlot &slot) {
     return slot.kind == TARVO_STATS_GONE ? "(closed before)" : Printable(slot.name);
 }
 
+// Of one that has not closed the pipe but has ended, that.
+Table::Cell StateCell(const Row &row) {
+    if (row.slot->kind == TARVO_STATS_GONE) {
+        return {"-"};
+    }
+    if (row.Alive()) {
+        return {StateText(row.slot->state)};
+    }
+    return row.slot->state == TARVO_STATS_CLOSED ? Table::Cell("ended", Colour::DIM) : Table::Cell("died", Colour::RED);
+}
+
 std::vector<Table::Cell> CellsOf(const Row &row) {
     const TarvoStatsPipe numbers = NumbersOf(row);
     const auto bad = [&row](uint64_t count) {
@@ -83,8 +94,7 @@ std::vector<Table::Cell> CellsOf(const Row &row) {
     return {{std::to_string(row.process->Now().header.pid)},
             {Label(*row.slot)},
             {row.slot->kind == TARVO_STATS_GONE ? "-" : Printable(row.slot->remote)},
-            {row.Alive() ? row.slot->kind == TARVO_STATS_GONE ? "-" : StateText(row.slot->state) : "dead",
-             row.Alive() ? Colour::NONE : Colour::RED},
+            StateCell(row),
             {CountText(row.out, row.seconds)},
             {CountText(row.in, row.seconds)},
             bad(row.refused),

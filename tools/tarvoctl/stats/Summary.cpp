@@ -70,7 +70,7 @@ std::string ProcessesText(const Readings &readings, const std::string &pattern) 
         for (unsigned result = TARVO_STATS_OPEN_OK + 1; result < TARVO_STATS_OPEN_RESULTS; ++result) {
             failed += header.opens[result];
         }
-        table.Add({PidText(*process), Printable(header.process), process->Now().alive != 0 ? "alive" : "dead",
+        table.Add({PidText(*process), Printable(header.process), process->StateText(),
                    CountText(header.opens[TARVO_STATS_OPEN_OK]), CountText(failed), PercentileText(header.openTime, 50),
                    LevelText(pool.threads), LevelText(pool.taken), CountText(pool.refused)});
     }
