@@ -86,7 +86,8 @@ int SendAndWait(TarvoPipeImpl &pipe, int fd, TarvoRequest &req, TarvoResponse &r
         return counted.NotSent(ret);
     }
     counted.Sent();
-    return counted.Waited(call.Wait(timeout), resp.data);
+    ret = call.Wait(timeout);
+    return counted.Waited(ret, resp.data);
 }
 
 } // namespace
