@@ -1,4 +1,7 @@
 // tarvoctl stat.
+#include <algorithm>
+#include <fstream>
+
 #include "support/Eventually.h"
 #include "tools/StatsKit.h"
 
@@ -127,6 +130,17 @@ TEST_F(StatTest, HostileFilesAreNamedOnceAndTheOthersShown) {
     EXPECT_THAT(result.err, HasSubstr(path + "/other: of another version than this program\n"));
     EXPECT_THAT(result.err, HasSubstr(path + "/empty: no statistics file, or a damaged one\n"));
     EXPECT_EQ(scene.Run({"stat", "--json"}).Json().at(0)["problems"].size(), 5U);
+}
+
+TEST_F(StatTest, DirectoryFullOfGarbageIsToldInShort) {
+    const StatsScene scene;
+    for (int i = 0; i < 1500; ++i) {
+        std::ofstream(scene.directory.File("garbage" + std::to_string(i))) << "text";
+    }
+    const ToolResult result = scene.Run({"stat"});
+    EXPECT_THAT(result.out, HasSubstr("\n3 pipes: 100 out"));
+    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 11);
+    EXPECT_THAT(result.err, HasSubstr(": 1490 more files that cannot be read\n"));
 }
 
 TEST_F(StatTest, NothingInANameReachesTheTerminalButCharacters) {

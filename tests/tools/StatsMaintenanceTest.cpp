@@ -80,7 +80,9 @@ TEST_F(StatsDoctorTest, FileThatIsNoneIsAWarning) {
     const StatsDirectory directory;
     const StatsFile file(directory, "1.1");
     file.Cut(3);
-    EXPECT_EQ(FindingOf(Examine(directory.Path()), "/1.1: no statistics file").level, "warning");
+    EXPECT_EQ(
+        FindingOf(Examine(directory.Path()), "1 files cannot be read, such as " + directory.Path() + "/1.1: no").level,
+        "warning");
 }
 
 ToolResult Clean(const StatsScene &scene, const std::vector<std::string> &more) {

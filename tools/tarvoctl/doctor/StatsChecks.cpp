@@ -176,11 +176,12 @@ void CheckStats(const std::string &directory, Findings &findings) {
         return;
     }
     const std::size_t before = findings.size();
-    for (const Unreadable &problem : readings.Problems()) {
-        findings.push_back(
-            {Level::WARNING, CHECK,
-             fmt::format("{}/{}: {}", directory, Printable(problem.file.c_str()), ProblemText(problem.error)),
-             "its owner, or root, may remove it"});
+    if (!readings.Problems().empty()) {
+        const Unreadable &problem = readings.Problems().front();
+        findings.push_back({Level::WARNING, CHECK,
+                            fmt::format("{} files cannot be read, such as {}/{}: {}", readings.Problems().size(),
+                                        directory, Printable(problem.file.c_str()), ProblemText(problem.error)),
+                            "ls -l, and their owner or root may remove them"});
     }
     for (const ProcessReading *process : readings.Processes()) {
         for (const Complaint &complaint : Complaints()) {

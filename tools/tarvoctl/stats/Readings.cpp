@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -52,6 +53,15 @@ const char *ProcessReading::StateText() const { return Now().alive != 0 ? "alive
 
 double ProcessReading::Seconds() const {
     return count < 2 ? 0 : static_cast<double>(Now().readAt - readings[1 - current].readAt) / 1e9;
+}
+
+Readings::Readings(const std::string &statsDirectory) : directory(statsDirectory) {
+    // A descriptor for each process: more than the 1024 that most users begin with.
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
 }
 
 int Readings::Read() {

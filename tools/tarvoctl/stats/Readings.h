@@ -57,7 +57,7 @@ struct Unreadable {
 // Owns: them. Threads: one. Locks: none. Ends: any time.
 class Readings {
 public:
-    explicit Readings(const std::string &statsDirectory) : directory(statsDirectory) {}
+    explicit Readings(const std::string &statsDirectory);
 
     // Reads every file once more. 0, or a negated errno value when the directory cannot be listed.
     int Read();

@@ -9,6 +9,9 @@
 namespace tarvoctl {
 namespace {
 
+// A directory may be full of what is no statistics file.
+constexpr std::size_t MOST_PROBLEMS = 10;
+
 template <typename Visit>
 void ForEachSlot(const Readings &readings, uint32_t kind, Visit visit) {
     for (const ProcessReading *process : readings.Processes()) {
@@ -78,8 +81,13 @@ std::string ProcessesText(const Readings &readings, const std::string &pattern) 
 }
 
 void DiagnoseReadings(const Readings &readings) {
-    for (const Unreadable &problem : readings.Problems()) {
-        Diagnose("{}/{}: {}", readings.Directory(), Printable(problem.file.c_str()), ProblemText(problem.error));
+    const std::vector<Unreadable> &problems = readings.Problems();
+    for (std::size_t i = 0; i < problems.size() && i < MOST_PROBLEMS; ++i) {
+        Diagnose("{}/{}: {}", readings.Directory(), Printable(problems[i].file.c_str()),
+                 ProblemText(problems[i].error));
+    }
+    if (problems.size() > MOST_PROBLEMS) {
+        Diagnose("{}: {} more files that cannot be read", readings.Directory(), problems.size() - MOST_PROBLEMS);
     }
     for (const ProcessReading *process : readings.Processes()) {
         if (process->Now().inexact != 0) {
