@@ -1,5 +1,4 @@
 // Reading what a process writes at the same time.
-#define _GNU_SOURCE
 #include <errno.h>
 #include <sched.h>
 #include <stdatomic.h>
