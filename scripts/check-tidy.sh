@@ -37,7 +37,7 @@ fi
 if [[ $# -gt 0 ]]; then
     files=("$@") options=(-p "$database")
 else
-    mapfile -t files < <(git ls-files -- 'src/*.cpp' 'tools/*.cpp' 'examples/*.cpp')
+    mapfile -t files < <(git ls-files -- 'src/*.c' 'src/*.cpp' 'tools/*.cpp' 'examples/*.cpp')
     options=(-p "$database")
     if ! $separate; then
         list=$(scripts/tidy-units.py "$database" "$units" 22 "${files[@]}")

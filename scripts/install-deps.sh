@@ -30,8 +30,8 @@ TEXT
 packages_of() {
     case $1 in
     base) echo g++ cmake ninja-build pkg-config libselinux1-dev libgtest-dev libgmock-dev libcli11-dev libfmt-dev \
-        nlohmann-json3-dev python3 libglib2.0-dev libboost-dev libsystemd-dev systemtap-sdt-dev python3-pytest \
-        python3-pytest-asyncio python3-hypothesis python3-coverage ;;
+        nlohmann-json3-dev python3 python3-prometheus-client libglib2.0-dev libboost-dev libsystemd-dev systemtap-sdt-dev \
+        python3-pytest python3-pytest-asyncio python3-hypothesis python3-coverage ;;
     clang) echo clang libclang-rt-14-dev llvm ;;
     # Only the cross compiler comes as a package of this machine's architecture. Headers and libraries come from the
     # foreign one, with the loader and the C++ runtime that the tests need under emulation.

@@ -1,5 +1,4 @@
 // The files of a directory.
-#define _GNU_SOURCE
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>

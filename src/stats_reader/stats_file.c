@@ -1,5 +1,4 @@
 // Opening statistics files, and the checks that make the rest safe.
-#define _GNU_SOURCE
 #include "stats_reader/stats_file.h"
 
 #include <errno.h>

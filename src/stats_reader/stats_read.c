@@ -1,5 +1,4 @@
 // Reading what a process writes at the same time.
-#define _GNU_SOURCE
 #include <errno.h>
 #include <sched.h>
 #include <stdatomic.h>
@@ -50,6 +49,13 @@ static void SetLevels(TarvoStatsPipe *pipe) {
     SetLevel(&pipe->calls.outstanding, pipe->calls.begun, SumOf(pipe->calls.ended, TARVO_STATS_ENDS));
 }
 
+// Most slots of most files were never used, and what they had in the reading before was zeros already.
+static void Clear(TarvoStatsSlot *slot) {
+    if (slot->sequence != 0 || slot->kind != TARVO_STATS_FREE) {
+        memset(slot, 0, sizeof(*slot));
+    }
+}
+
 // Once; -EAGAIN when it was being changed.
 static int TryReadSlot(const TarvoStatsFile *file, uint64_t offset, TarvoStatsSlot *slot) {
     uint32_t before = 0;
@@ -57,7 +63,7 @@ static int TryReadSlot(const TarvoStatsFile *file, uint64_t offset, TarvoStatsSl
     const uint64_t sequence = offset + offsetof(TarvoStatsSlot, sequence);
     int result = ReadOrdered(file, &before, sizeof(before), sequence);
     if (result == 0 && before == 0) {
-        memset(slot, 0, sizeof(*slot)); // never used
+        Clear(slot);
         return 0;
     }
     if (result == 0 && before % 2 != 0) {
@@ -72,6 +78,7 @@ static int TryReadSlot(const TarvoStatsFile *file, uint64_t offset, TarvoStatsSl
     return before == after ? 0 : -EAGAIN;
 }
 
+// `slot` is zeros, or what this has read into it before.
 static int ReadSlotAt(const TarvoStatsFile *file, uint32_t index, TarvoStatsSlot *slot) {
     const uint64_t offset = TARVO_STATS_HEADER_SIZE + (uint64_t)index * TARVO_STATS_SLOT_SIZE;
     int result = -EAGAIN;
@@ -98,7 +105,11 @@ int TarvoStatsReadSlot(TarvoStatsFile *file, uint32_t index, TarvoStatsSlot *slo
     if (result < 0) {
         return result;
     }
-    return index < header.slots ? ReadSlotAt(file, index, slot) : -EBADMSG;
+    if (index >= header.slots) {
+        return -EBADMSG;
+    }
+    memset(slot, 0, sizeof(*slot));
+    return ReadSlotAt(file, index, slot);
 }
 
 static int Reserve(TarvoStatsReading *reading, uint32_t slots) {

@@ -12,6 +12,8 @@ getent group tarvo >/dev/null || { echo "the group tarvo is missing" && exit 1; 
 if command -v systemd-tmpfiles >/dev/null; then
     found=$(stat -c '%a %U:%G' $fifo_directory)
     [[ $found == "2770 root:tarvo" ]] || { echo "the FIFO directory is $found" && exit 1; }
+    found_stats=$(stat -c '%a %U:%G' $fifo_directory-stats)
+    [[ $found_stats == "3770 root:tarvo" ]] || { echo "the directory of the statistics is $found_stats" && exit 1; }
     echo "installed: group and FIFO directory ($found) are there"
 else
     echo "installed: no systemd-tmpfiles here to make the FIFO directory"

@@ -7,8 +7,8 @@
 #include <cerrno>
 #include <string>
 
-#include "support/LeakCheck.h"
 #include "support/HandmadeStats.h"
+#include "support/LeakCheck.h"
 
 namespace tarvo_test {
 
