@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "loop/Moments.h"
 #include "pipe/Message.h"
 #include "tarvo_loop.h"
 
@@ -30,7 +31,8 @@ public:
 
     // All frames, with the present time as that of their writing: for the write that follows at once. Valid until the
     // next change.
-    TarvoBytes Stamped();
+    TarvoBytes Stamped() { return StampedAt(Now()); }
+    TarvoBytes StampedAt(int64_t nowUs);
 
     // They have been written, or are dropped.
     void Clear() { used = 0; }

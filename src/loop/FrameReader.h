@@ -12,6 +12,7 @@
 struct FrameOrigin {
     std::string remote;
     int readFd = -1;
+    uint64_t *bad = nullptr; // how many frames were dropped, by reason (tarvo_stats.h); null: nobody asks
 };
 
 // A request or response that has arrived. `data` points into what was read.
@@ -22,6 +23,7 @@ struct Frame {
     int64_t writeStartTime; // of the sender: monotonic microseconds
     const char *data;
     uint32_t size;
+    uint64_t readAt = 0; // when it was read, ns, where that is measured
 };
 
 // Finds the frames in what the reads of a FIFO yield, however the reads have cut it, and drops what is none: a head
@@ -55,6 +57,18 @@ public:
     // has been used up. False when there is no memory for that, and nothing has changed.
     bool Stash();
 
+    // Shows the frames that Next() would yet yield, as their heads have it. They stay, and have no data here.
+    template <typename Visitor>
+    void VisitRest(Visitor visit) const {
+        if (held) {
+            visit(found);
+        }
+        Frame frame{};
+        for (std::size_t at = 0; FrameInRest(at, frame);) {
+            visit(frame);
+        }
+    }
+
     // No more bytes will come: the beginning of a frame that is kept is dropped.
     void End();
 
@@ -68,6 +82,10 @@ private:
     void CarryRest() { Carry(LONGEST); }
     bool HeadValid(const MsgHead &head) const;
     bool Accept(const MsgHead &head, const char *payload);
+    void CountBad(uint32_t reason) const;
+    // Of what is carried and unread together.
+    std::size_t RestSize() const { return carried + static_cast<std::size_t>(end - unread); }
+    bool FrameInRest(std::size_t &at, Frame &frame) const;
 
     const FrameOrigin &origin;
     const char *unread = nullptr;

@@ -2,6 +2,7 @@
 #define TARVO_LOOP_KEPTFRAMES_H
 
 #include <cstddef>
+#include <cstring>
 #include <string>
 
 #include "loop/FrameReader.h"
@@ -15,6 +16,17 @@ public:
 
     // The first frame, valid until the next call. False: there is none.
     bool Next(Frame &frame);
+
+    // Shows those that Next() would yet yield. They stay.
+    template <typename Visitor>
+    void Visit(Visitor visit) const {
+        for (std::size_t at = position; at < bytes.size();) {
+            Frame frame;
+            std::memcpy(&frame, bytes.data() + at, sizeof(frame));
+            visit(frame);
+            at += sizeof(frame) + frame.size;
+        }
+    }
 
     bool Empty() const { return position == bytes.size(); }
 

@@ -10,6 +10,7 @@
 #include "loop/FrameBatch.h"
 #include "loop/FrameReader.h"
 #include "loop/KeptFrames.h"
+#include "loop/LinkStats.h"
 #include "loop/Loop.h"
 #include "loop/Opening.h"
 #include "loop/Poller.h"
@@ -48,6 +49,8 @@ public:
     TarvoLoop &Loop() const { return loop; }
     const char *Peer() const { return origin.remote.c_str(); }
     void SetContext(void *newContext) { spec.context = newContext; }
+    // 0 or -ENODATA: nothing is counted.
+    int CopyStats(TarvoStatsPipe &copy) const;
 
     int Send(TarvoBytes payload);
     int64_t Call(TarvoBytes payload, int timeoutMs, TarvoDone done, void *context);
@@ -91,10 +94,15 @@ private:
     enum class Step { RAN, AGAIN, NOTHING };
 
     void Begin();
+    void CountOpen(int result);
     int CheckSend(TarvoBytes payload) const;
     int MaySend(TarvoBytes payload) const;
+    int Refuse(uint32_t id, int result) const;
+    int64_t BeginCall(TarvoBytes payload, int timeoutMs, TarvoDone done, void *context);
+    int64_t DeadlineOf(int timeoutMs, uint64_t &begun) const;
     int Enqueue(uint32_t id, MsgType type, int32_t timeoutMs, TarvoBytes payload);
     int WriteBatch();
+    int Settle(int flushed, uint32_t kind, uint32_t size);
     void DropBatch(int result);
     void OnRoom();
 
@@ -106,12 +114,17 @@ private:
     Step Deliver(const Frame &frame);
     bool NextFrame(Frame &frame) { return kept.Next(frame) || ReadFrame(frame); }
     bool ReadFrame(Frame &frame);
+    void DropFrame(const Frame &frame, bool counted, uint32_t reason);
+    void DropRest();
+    void RunRequest(const Frame &frame, uint32_t number);
     bool HasMore();
     void Read();
     void OnRemoteGone();
     void Shut();
 
     // CallSync.
+    int64_t SendSync(TarvoBytes payload, int timeoutMs);
+    void EndSync(int64_t call);
     int AwaitOpen(int64_t deadlineUs);
     int AwaitStep(int64_t deadlineUs);
     int AwaitAnswer(int64_t number, int64_t deadlineUs, char *answer, uint32_t &size);
@@ -148,6 +161,7 @@ private:
     UniqueFd writeFd;
     Watch readWatch;
     Watch writeWatch;
+    LinkStats stats;
     FrameOrigin origin;
     FrameReader reader;
     KeptFrames kept;

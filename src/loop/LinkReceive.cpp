@@ -17,6 +17,9 @@ constexpr char LOG_TAG[] = "LinkReceive";
 
 bool TarvoLink::Serve(int share, int &ran) {
     mayRead = true;
+    if (stats.On()) {
+        stats.BeginTurn();
+    }
     Step step = Step::AGAIN;
     while (ran < share && step != Step::NOTHING && !loop.Interrupted()) {
         step = ServeOne();
@@ -27,6 +30,9 @@ bool TarvoLink::Serve(int share, int &ran) {
     while (state != State::CLOSED && !loop.IsDestroyed() && reader.HasNext() && !reader.Stash() &&
            ServeOne() != Step::NOTHING) {
         ++ran;
+    }
+    if (stats.On()) {
+        stats.EndTurn();
     }
     if (state == State::CLOSED && !calls.HasEnds()) {
         loop.Bury(*this);
@@ -84,6 +90,9 @@ TarvoLink::Step TarvoLink::ServeEnds() {
         return Step::NOTHING;
     }
     TARVO_PROBE_CALL_END(this, end.wireId, end.result);
+    if (stats.On()) {
+        stats.CallEnded(end.result);
+    }
     end.done(end.context, end.result, {nullptr, 0});
     return Step::RAN;
 }
@@ -120,6 +129,9 @@ bool TarvoLink::ReadFrame(Frame &frame) {
     if (!reader.Next(frame)) {
         return false;
     }
+    if (stats.On()) {
+        stats.Received(frame);
+    }
     if (frame.type == MSG_TYPE_RESPONSE) {
         TARVO_PROBE_RESPONSE_READ(this, frame.id, frame.size, frame.writeStartTime);
     } else {
@@ -128,30 +140,62 @@ bool TarvoLink::ReadFrame(Frame &frame) {
     return true;
 }
 
+// One that has come whole gets nowhere. `reason` is that of a request; `counted`: it is among those received.
+void TarvoLink::DropFrame(const Frame &frame, bool counted, uint32_t reason) {
+    const bool isRequest = frame.type == MSG_TYPE_REQUEST;
+    if (isRequest) {
+        TARVO_PROBE_DROPPED(this, frame.id, reason);
+    }
+    if (!stats.On()) {
+        return;
+    }
+    if (!counted) {
+        Frame unread = frame;
+        stats.Received(unread);
+    }
+    isRequest ? stats.Dropped(reason) : stats.Late();
+}
+
+void TarvoLink::RunRequest(const Frame &frame, uint32_t number) {
+    if (stats.On()) {
+        stats.CallbackBegins(frame);
+    }
+    TARVO_PROBE_CALLBACK_START(this, frame.id);
+    spec.callbacks.request(spec.context, this, number, {frame.data, frame.size});
+    TARVO_PROBE_CALLBACK_END(this, frame.id);
+    if (stats.On() && stats.CallbackReturned(frame, !reader.HasUnread() && kept.Empty())) {
+        loop.LookLater(stats);
+    }
+}
+
 TarvoLink::Step TarvoLink::Deliver(const Frame &frame) {
     const TarvoBytes payload{frame.data, frame.size};
     if (frame.type == MSG_TYPE_RESPONSE) {
         CallEnd end{};
         if (!calls.Answer(frame.id, end)) {
+            if (stats.On()) {
+                stats.Late();
+            }
             return Step::AGAIN;
         }
         TARVO_PROBE_CALL_END(this, frame.id, end.result);
+        if (stats.On()) {
+            stats.Answered(end.begun, frame.readAt);
+        }
         end.done(end.context, 0, payload);
         return Step::RAN;
     }
     if (spec.callbacks.request == nullptr) {
-        TARVO_PROBE_DROPPED(this, frame.id, TARVO_STATS_DROP_CACHE);
+        DropFrame(frame, true, TARVO_STATS_DROP_CACHE);
         return Step::AGAIN;
     }
     uint32_t number = 0;
     if (!requests.Add(frame.id, number)) {
         TARVO_LOG(LOG_ERR, "Add InRequest failed, out of space");
-        TARVO_PROBE_DROPPED(this, frame.id, TARVO_STATS_DROP_MEMORY);
+        DropFrame(frame, true, TARVO_STATS_DROP_MEMORY);
         return Step::AGAIN;
     }
-    TARVO_PROBE_CALLBACK_START(this, frame.id);
-    spec.callbacks.request(spec.context, this, number, payload);
-    TARVO_PROBE_CALLBACK_END(this, frame.id);
+    RunRequest(frame, number);
     return Step::RAN;
 }
 
@@ -161,6 +205,9 @@ void TarvoLink::Read() {
     const ssize_t count = read(readFd.Get(), loop.Scratch(), TarvoLoop::SCRATCH_SIZE);
     if (count > 0) {
         heard = true;
+        if (stats.On()) {
+            stats.Read();
+        }
         reader.Feed(loop.Scratch(), static_cast<std::size_t>(count));
         return;
     }
@@ -172,6 +219,9 @@ void TarvoLink::Read() {
 
 void TarvoLink::OnRemoteGone() {
     TARVO_PROBE_REMOTE_CLOSE(this);
+    if (stats.On()) {
+        stats.RemoteClosed();
+    }
     gone = true;
     reader.End();
     loop.Events().Remove(readWatch);

@@ -14,6 +14,17 @@ namespace {
 constexpr char LOG_TAG[] = "LinkSend";
 // Nobody waits for the answer.
 constexpr int32_t NO_TIMEOUT = -1;
+// Of a message that was refused before it got one.
+constexpr uint32_t NO_ID = 0;
+
+int64_t UsOf(uint64_t ns) { return static_cast<int64_t>(ns / Stats::NS_PER_US); }
+
+uint32_t KindOf(uint32_t id, MsgType type) {
+    if (type == MSG_TYPE_RESPONSE) {
+        return TARVO_STATS_RESPONSE;
+    }
+    return Calls::IsOneWay(id) ? TARVO_STATS_ONE_WAY : TARVO_STATS_CALL;
+}
 
 } // namespace
 
@@ -30,12 +41,18 @@ int TarvoLink::CheckSend(TarvoBytes payload) const {
     return full ? -EAGAIN : 0;
 }
 
+// The end of each send that is refused.
+int TarvoLink::Refuse(uint32_t id, int result) const {
+    TARVO_PROBE_REFUSED(this, id, result);
+    if (stats.On()) {
+        stats.Refused(result);
+    }
+    return result;
+}
+
 int TarvoLink::MaySend(TarvoBytes payload) const {
     const int ret = CheckSend(payload);
-    if (ret != 0) {
-        TARVO_PROBE_REFUSED(this, 0U, ret);
-    }
-    return ret;
+    return ret == 0 ? 0 : Refuse(NO_ID, ret);
 }
 
 int TarvoLink::Send(TarvoBytes payload) {
@@ -44,14 +61,24 @@ int TarvoLink::Send(TarvoBytes payload) {
 }
 
 int64_t TarvoLink::Call(TarvoBytes payload, int timeoutMs, TarvoDone done, void *context) {
+    const int64_t call = BeginCall(payload, timeoutMs, done, context);
+    if (stats.On()) {
+        call < 0 ? stats.CallNotSent() : stats.CallBegun();
+    }
+    return call;
+}
+
+int64_t TarvoLink::BeginCall(TarvoBytes payload, int timeoutMs, TarvoDone done, void *context) {
     const int refused = MaySend(payload);
     if (refused != 0) {
         return refused;
     }
     timeoutMs = loop.Patient(timeoutMs);
-    const int64_t call = calls.Begin(done, context, DeadlineIn(timeoutMs));
+    uint64_t begun = 0;
+    const int64_t deadline = DeadlineOf(timeoutMs, begun);
+    const int64_t call = calls.Begin(done, context, deadline, begun);
     if (call < 0) {
-        return call;
+        return Refuse(NO_ID, static_cast<int>(call));
     }
     const int ret = Enqueue(Calls::WireId(call), MSG_TYPE_REQUEST, timeoutMs, payload);
     if (ret != 0) {
@@ -60,6 +87,15 @@ int64_t TarvoLink::Call(TarvoBytes payload, int timeoutMs, TarvoDone done, void 
     }
     loop.SettleTimers();
     return call;
+}
+
+// That of a call that begins now. `begun` is the moment where it is counted.
+int64_t TarvoLink::DeadlineOf(int timeoutMs, uint64_t &begun) const {
+    if (!stats.On()) {
+        return DeadlineIn(timeoutMs);
+    }
+    begun = Stats::Now();
+    return DeadlineAfter(UsOf(begun), timeoutMs);
 }
 
 int TarvoLink::Cancel(int64_t call) {
@@ -77,7 +113,7 @@ int TarvoLink::Reply(uint32_t request, TarvoBytes payload) {
     }
     uint32_t id = 0;
     if (!requests.Find(request, id)) {
-        return -ENOENT;
+        return Refuse(NO_ID, -ENOENT);
     }
     const int ret = Enqueue(id, MSG_TYPE_RESPONSE, NO_TIMEOUT, payload);
     if (ret == 0) {
@@ -90,33 +126,38 @@ int TarvoLink::Enqueue(uint32_t id, MsgType type, int32_t timeoutMs, TarvoBytes 
     if (!batch.HasRoomFor(payload.size)) {
         const int ret = FlushNow();
         if (ret != 0) {
-            TARVO_PROBE_REFUSED(this, id, ret);
             full = ret == -EAGAIN;
-            return ret;
+            return Refuse(id, ret);
         }
     }
     const int ret = batch.Add(id, type, timeoutMs, payload);
     if (ret != 0) {
-        TARVO_PROBE_REFUSED(this, id, ret);
-        return ret;
+        return Refuse(id, ret);
     }
     if (type == MSG_TYPE_RESPONSE) {
         TARVO_PROBE_RESPONSE_WRITTEN(this, id, payload.size);
     } else {
         TARVO_PROBE_REQUEST_WRITTEN(this, id, payload.size, timeoutMs);
     }
-    if (loop.InRound()) {
-        if (!flushQueued) {
-            flushQueued = true;
-            loop.FlushLater(*this);
-        }
-        return 0;
+    if (!loop.InRound() && !held) {
+        return Settle(FlushNow(), KindOf(id, type), payload.size);
     }
-    if (held) {
-        return 0;
+    if (stats.On()) {
+        stats.Accepted(KindOf(id, type), payload.size);
     }
-    const int sent = FlushNow();
-    return sent == -EAGAIN ? 0 : sent;
+    if (loop.InRound() && !flushQueued) {
+        flushQueued = true;
+        loop.FlushLater(*this);
+    }
+    return 0;
+}
+
+// Of a frame that was to go out with the batch at once.
+int TarvoLink::Settle(int flushed, uint32_t kind, uint32_t size) {
+    if (stats.On()) {
+        stats.Settled(flushed, kind, size);
+    }
+    return flushed == -EAGAIN ? 0 : flushed;
 }
 
 int TarvoLink::Flush() {
@@ -131,17 +172,23 @@ int TarvoLink::FlushNow() {
     if (batch.Empty()) {
         return 0;
     }
+    if (stats.On()) {
+        stats.Flushing();
+    }
     return blocked ? -EAGAIN : WriteBatch();
 }
 
 int TarvoLink::WriteBatch() {
-    const TarvoBytes frames = batch.Stamped();
+    const TarvoBytes frames = stats.On() ? batch.StampedAt(UsOf(loop.Look())) : batch.Stamped();
     ssize_t written = 0;
     do {
         written = write(writeFd.Get(), frames.data, frames.size);
     } while (written < 0 && errno == EINTR);
     if (written == static_cast<ssize_t>(frames.size)) {
         batch.Clear();
+        if (stats.On()) {
+            stats.Written();
+        }
         return 0;
     }
     int error = written < 0 ? errno : EIO;
@@ -172,6 +219,9 @@ void TarvoLink::DropBatch(int result) {
         }
     }
     batch.Clear();
+    if (stats.On()) {
+        stats.Lost();
+    }
 }
 
 void TarvoLink::OnRoom() {

@@ -110,6 +110,9 @@ void TarvoLoop::EndRound() {
     ready.Take(later);
     ready.Take(fresh);
     FlushAll();
+    if (unended != nullptr) {
+        Look();
+    }
     FreeBuried();
     timers.Settle();
 }
@@ -129,6 +132,9 @@ void TarvoLoop::ServeQueue(int max, int &ran) {
         const auto waiting = static_cast<int>(std::min<std::size_t>(current.Size(), INT_MAX));
         Work &work = current.Pop();
         const int share = std::max((max - ran) / waiting, 1);
+        if (unended != nullptr) {
+            Look();
+        }
         int served = 0;
         const bool more = work.Serve(share, served);
         ran += served;
@@ -136,6 +142,15 @@ void TarvoLoop::ServeQueue(int max, int &ran) {
             current.Append(work);
         }
     }
+}
+
+uint64_t TarvoLoop::Look() {
+    const uint64_t now = Stats::Now();
+    if (unended != nullptr) {
+        unended->CallbackEnded(now);
+        unended = nullptr;
+    }
+    return now;
 }
 
 void TarvoLoop::FlushAll() {
