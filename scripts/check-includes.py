@@ -21,14 +21,15 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 BELOW = {
     "base": set(),
     "diag": set(),
+    "stats": {"diag"},
     "fifo": {"diag"},
-    "worker": {"diag"},
-    "pipe": {"fifo", "diag"},
-    "server": {"pipe", "fifo", "worker", "diag"},
-    "monitor": {"pipe", "worker", "fifo", "diag"},
-    "table": {"monitor", "pipe", "worker", "fifo", "diag"},
-    "api": {"table", "monitor", "server", "pipe", "worker", "fifo", "diag"},
-    "loop": {"fifo", "diag"},
+    "worker": {"stats", "diag"},
+    "pipe": {"fifo", "stats", "diag"},
+    "server": {"pipe", "fifo", "worker", "stats", "diag"},
+    "monitor": {"pipe", "worker", "fifo", "stats", "diag"},
+    "table": {"monitor", "pipe", "worker", "fifo", "stats", "diag"},
+    "api": {"table", "monitor", "server", "pipe", "worker", "fifo", "stats", "diag"},
+    "loop": {"fifo", "stats", "diag"},
 }
 # Those of them that a tree may be without.
 OPTIONAL = {"loop"}
