@@ -244,6 +244,15 @@ _Static_assert(sizeof(TarvoStatsSlot) == TARVO_STATS_SLOT_SIZE, "slots lie one b
 _Static_assert(sizeof(TarvoStatsHeader) <= TARVO_STATS_HEADER_SIZE, "the first slot follows the header");
 #endif
 
+// The numbers of a link of this process (tarvo_loop.h) as they are now, those that its loop has not added to the file yet
+// included, with `now` worked out; of libtarvo-loop. Returns 0, -ENODATA (nothing is counted), -EINVAL, -EDEADLK (on
+// another thread than the loop's), -ENOENT (in a forked child). On failure `stats` is untouched.
+struct TarvoLink;
+#if defined(__GNUC__)
+__attribute__((visibility("default")))
+#endif
+int TarvoLinkStats(const struct TarvoLink *link, TarvoStatsPipe *stats);
+
 #ifdef __cplusplus
 }
 #endif

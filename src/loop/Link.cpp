@@ -26,8 +26,8 @@ std::string PathOf(const std::string &from, const std::string &to) {
 } // namespace
 
 TarvoLink::TarvoLink(TarvoLoop &owner, LinkSpec &&linkSpec, std::string &&pathRead, std::string &&pathWrite)
-    : loop(owner), spec(std::move(linkSpec)), readFile(std::move(pathRead)),
-      writeFile(std::move(pathWrite)), stats(spec.self, spec.target), origin{spec.target, -1, stats.Bad()}, reader(origin), calls(loop.Clock(), *this) {}
+    : loop(owner), spec(std::move(linkSpec)), readFile(std::move(pathRead)), writeFile(std::move(pathWrite)),
+      stats(spec.self, spec.target), origin{spec.target, -1, stats.Bad()}, reader(origin), calls(loop.Clock(), *this) {}
 
 TarvoLink::~TarvoLink() { WorkQueue::Remove(*this); }
 
@@ -152,7 +152,7 @@ void TarvoLink::CountOpen(int result) {
     }
     const uint64_t ns = stats.OpenEnded(result);
     if (spec.service != nullptr) {
-        spec.service->CountOpen(result, ns);
+        spec.service->CountOpen(result == 0, ns);
     }
 }
 

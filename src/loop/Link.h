@@ -64,6 +64,7 @@ public:
 
     // Its service is gone.
     void LeaveService() { spec.service = nullptr; }
+    bool IsOpening() const { return state == State::OPENING; }
 
     // Writes the batch. 0, -EAGAIN (it goes out when there is room), or another negated errno with the batch dropped.
     int FlushNow();

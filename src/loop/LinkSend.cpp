@@ -8,6 +8,8 @@
 #include "diag/velm_syslog.h"
 #include "loop/Link.h"
 #include "loop/Moments.h"
+#include "stats/Stats.h"
+#include "tarvo_stats.h"
 
 namespace {
 

@@ -66,12 +66,12 @@ uint64_t Requests(const uint64_t *messages) {
 
 // Those that the file leaves to its reader.
 void SetLevels(TarvoStatsPipe &copy) {
-    const uint64_t gone = std::accumulate(copy.requests.dropped, copy.requests.dropped + TARVO_STATS_DROP_REASONS,
-                                          copy.requests.begun);
+    const uint64_t gone =
+        std::accumulate(copy.requests.dropped, copy.requests.dropped + TARVO_STATS_DROP_REASONS, copy.requests.begun);
     copy.requests.queued.now = Between(gone, Requests(copy.received.messages));
     copy.requests.running.now = Between(copy.requests.finished, copy.requests.begun);
-    copy.calls.outstanding.now = Between(
-        std::accumulate(copy.calls.ended, copy.calls.ended + TARVO_STATS_ENDS, uint64_t{0}), copy.calls.begun);
+    copy.calls.outstanding.now =
+        Between(std::accumulate(copy.calls.ended, copy.calls.ended + TARVO_STATS_ENDS, uint64_t{0}), copy.calls.begun);
 }
 
 } // namespace
@@ -179,8 +179,11 @@ void LinkStats::Answered(uint64_t callBegan, uint64_t at) {
 
 void LinkStats::TimeInFifo(Frame &frame) {
     frame.readAt = readAt;
-    const auto written = static_cast<uint64_t>(frame.writeStartTime) * Stats::NS_PER_US;
-    TimeAlone(pipe->inFifo, Between(written, readAt));
+    // Peers may leave it out.
+    if (frame.writeStartTime > 0) {
+        const auto written = static_cast<uint64_t>(frame.writeStartTime) * Stats::NS_PER_US;
+        TimeAlone(pipe->inFifo, Between(written, readAt));
+    }
     untilTimed = frame.type == MSG_TYPE_REQUEST && frame.timeout < 0 ? Stats::ONE_WAYS_PER_TIME : untilTimed;
 }
 

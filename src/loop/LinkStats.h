@@ -135,9 +135,9 @@ private:
     uint64_t callbackAt = 0;
     bool afresh = false; // no callback has run since the read
     uint32_t untilTimed = 1;
-    Gathered inBatch;      // not in the file yet
-    Gathered found;        // not in the file yet
-    uint64_t waiting = 0;  // frames of the batch that the file has
+    Gathered inBatch;       // not in the file yet
+    Gathered found;         // not in the file yet
+    uint64_t waiting = 0;   // frames of the batch that the file has
     bool published = false; // the first callback of this turn has been told of
     uint64_t begun = 0;     // further callbacks, not in the file yet
     uint64_t finished = 0;  // not in the file yet

@@ -4,8 +4,10 @@
 #include <climits>
 
 #include "loop/Link.h"
+#include "loop/LinkStats.h"
 #include "loop/Loop.h"
 #include "loop/Moments.h"
+#include "stats/Stats.h"
 
 // The length of a round. Owns: nothing. Threads: that of the loop. Locks: none. Ends: before the loop may be freed.
 class TarvoLoop::RoundScope {

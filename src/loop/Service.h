@@ -30,13 +30,14 @@ public:
     // One is closed before the program was told of it.
     void Forget(TarvoLink &link);
     // The open of one has ended, `ns` after its packet.
-    void CountOpen(int result, uint64_t ns);
+    void CountOpen(bool isOpen, uint64_t ns);
 
     void OnEvents(uint32_t what, uint32_t events) override;
     void OnLoopDestroyed() override;
 
 private:
     void ReadPackets();
+    void CountPackets(uint64_t connects);
     void OpenLink(const ConnectPacket &packet);
     void StopListening();
 
@@ -47,7 +48,7 @@ private:
     ServiceFile file;
     Watch watch;
     PacketReader packets;
-    const StatsSlot slot;
+    StatsSlot slot;
     TarvoLink *firstOpening = nullptr;
 };
 
