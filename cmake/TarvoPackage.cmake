@@ -88,7 +88,8 @@ tarvo_package(
   SUGGESTS "libtarvo-doc, tarvo-tools"
   DESCRIPTION "messaging between the processes of one Linux machine - development files"
               "Headers, the CMake package (find_package(tarvo)), the pkg-config file and the"
-              "manual pages of the functions of libtarvo and libtarvo-loop.")
+              "manual pages of the functions of libtarvo and libtarvo-loop, and the archive"
+              "libtarvo-stats.a, which reads the statistics of running processes.")
 tarvo_package(
   documentation libtarvo-doc
   SECTION doc

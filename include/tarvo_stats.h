@@ -236,6 +236,77 @@ typedef struct TarvoStatsHeader {
     TarvoStatsTimes openTime; // of opens that succeeded
 } TarvoStatsHeader;
 
+// ---- Reading ----
+//
+// The functions below are in libtarvo-stats.a (CMake: tarvo::stats, pkg-config: tarvo-stats), which needs the C library
+// only. They block no writer, map nothing, and read nothing outside of a file, whatever is in it.
+//
+// Those with a result of int return 0 or more, or a negated errno value. Each object is for one thread at a time; two
+// threads may use two. Times are in nanoseconds.
+
+// A file that is open for reading.
+typedef struct TarvoStatsFile TarvoStatsFile;
+
+// Opens the file of that path; no symbolic link in its place is followed. Sets `*file` to what TarvoStatsClose() takes
+// back. -ENOENT, -EACCES, -ELOOP (a link) and others: it cannot be opened; -EBADMSG: it is no such file, or not yet
+// one, or a damaged one; -EPROTONOSUPPORT: it is of another version; -ENOMEM.
+int TarvoStatsOpen(const char *path, TarvoStatsFile **file);
+// The same for a `name` without slashes in the directory that the descriptor `directory` is of. -EINVAL: another name.
+int TarvoStatsOpenAt(int directory, const char *name, TarvoStatsFile **file);
+// Does nothing with a null pointer.
+void TarvoStatsClose(TarvoStatsFile *file);
+
+// Calls `each` with the name of each file in a directory, in no order, and a descriptor of the directory that is open
+// until this returns. Names that begin with a dot are left out. Ends early when `each` returns other than 0, and
+// returns that. -ENOENT, -EACCES, -ENOTDIR and others: it cannot be listed.
+int TarvoStatsEach(const char *directory, int (*each)(void *context, int descriptor, const char *name), void *context);
+
+// What one reading of a file found. Begins as all zeros; TarvoStatsFree() takes back what it holds.
+typedef struct TarvoStatsReading {
+    TarvoStatsHeader header;
+    TarvoStatsSlot *slot; // `slots` of them. TARVO_STATS_FREE: of nobody, or not readable
+    uint32_t slots;
+    uint32_t capacity;   // for how many there is memory
+    uint32_t owner;      // user id of the file's owner; what the file says of itself is the owner's word
+    uint32_t alive;      // 1: its process lives, 0: these are its last numbers
+    uint32_t inexact;    // 1: a pipe's numbers moved all the while, and sums may have them twice or not at all
+    uint32_t unreadable; // slots that were being changed all the while, or hold what no process writes
+    uint64_t readAt;     // by the file's clock
+} TarvoStatsReading;
+
+// Reads all of a file, again and again for the few times that it is being changed meanwhile. `reading` is a former one,
+// whose memory is used again, or zeros. Whether the process lives is asked of a lock that the kernel takes from it at
+// its end, before the numbers are read: those of one that does not live are final. On failure `reading` is to be freed
+// all the same. -EBADMSG: the file has become another, or shorter; -EPROTONOSUPPORT; -ENOMEM.
+int TarvoStatsRead(TarvoStatsFile *file, TarvoStatsReading *reading);
+void TarvoStatsFree(TarvoStatsReading *reading);
+
+// Reads one slot, by its place from 0 on. -EAGAIN: it is being changed all the while; -EBADMSG: it holds what no
+// process writes, or there is none of that place.
+int TarvoStatsReadSlot(TarvoStatsFile *file, uint32_t index, TarvoStatsSlot *slot);
+// 1: the process of the file lives; 0: it does not.
+int TarvoStatsAlive(TarvoStatsFile *file);
+
+// All pipes of a process, also those gone. The highest levels are the sums of each one's, which may have been at
+// different times.
+void TarvoStatsSum(const TarvoStatsReading *reading, TarvoStatsPipe *sum);
+// What has come since `before`, of the same pipe or sum. Levels are those of `now`, and so are the longest times: when
+// they were is not known.
+void TarvoStatsPipeSince(const TarvoStatsPipe *now, const TarvoStatsPipe *before, TarvoStatsPipe *since);
+// Whether two readings of one place are of the same pipe, server or pool.
+int TarvoStatsSame(const TarvoStatsSlot *one, const TarvoStatsSlot *other);
+
+void TarvoStatsTimesAdd(TarvoStatsTimes *sum, const TarvoStatsTimes *more);
+void TarvoStatsTimesSince(const TarvoStatsTimes *now, const TarvoStatsTimes *before, TarvoStatsTimes *since);
+// How many times were measured.
+uint64_t TarvoStatsTimesCount(const TarvoStatsTimes *times);
+// The time that so many of a hundred do not exceed: the end of its bucket, or the longest where that is less; 0 when
+// none was measured.
+uint64_t TarvoStatsPercentile(const TarvoStatsTimes *times, double percent);
+// The bucket of a time, and the first time behind a bucket; UINT64_MAX for the last.
+uint32_t TarvoStatsBucketOf(uint64_t time);
+uint64_t TarvoStatsBucketEnd(uint32_t bucket);
+
 #ifdef __cplusplus
 static_assert(sizeof(TarvoStatsSlot) == TARVO_STATS_SLOT_SIZE, "slots lie one behind the other");
 static_assert(sizeof(TarvoStatsHeader) <= TARVO_STATS_HEADER_SIZE, "the first slot follows the header");
@@ -244,9 +315,17 @@ _Static_assert(sizeof(TarvoStatsSlot) == TARVO_STATS_SLOT_SIZE, "slots lie one b
 _Static_assert(sizeof(TarvoStatsHeader) <= TARVO_STATS_HEADER_SIZE, "the first slot follows the header");
 #endif
 
-// The numbers of a link of this process (tarvo_loop.h) as they are now, those that its loop has not added to the file yet
-// included, with `now` worked out; of libtarvo-loop. Returns 0, -ENODATA (nothing is counted), -EINVAL, -EDEADLK (on
-// another thread than the loop's), -ENOENT (in a forked child). On failure `stats` is untouched.
+// ---- A process's own ----
+
+// Copies the numbers of a pipe of this process, by its handle of tarvo.h, with its levels worked out. In libtarvo. Does
+// not block, and may be called from any thread, also from a callback. Returns 0, -EINVAL (null `stats`), -ENOENT (no
+// such pipe, or process exit), -ENODATA (the pipe is not counted: the directory was absent when this process first used
+// the library, may not be written, or is full). On failure `stats` is untouched.
+int TarvoPipeStats(int pipe, TarvoStatsPipe *stats);
+
+// The same of a link of tarvo_loop.h, with what its loop has not added to the file yet. In libtarvo-loop. On the thread
+// of the loop, also from a callback. Returns 0, -EINVAL (a null argument), -EDEADLK (on another thread), -ENOENT (in a
+// forked child), -ENODATA. On failure `stats` is untouched.
 struct TarvoLink;
 #if defined(__GNUC__)
 __attribute__((visibility("default")))

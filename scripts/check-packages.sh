@@ -111,7 +111,7 @@ check_development() {
     for file in include/*; do
         expect_file "$deb" "^-rw-r--r-- root/root .* \./usr/include/${file##*/}\$"
     done
-    for file in "$libdir"/{pkgconfig/tarvo.pc,pkgconfig/tarvo-loop.pc,cmake/tarvo/tarvoConfig.cmake} usr/share/man/man3/Tarvo{Open,LinkCall}.3.gz; do
+    for file in "$libdir"/{pkgconfig/tarvo.pc,pkgconfig/tarvo-loop.pc,pkgconfig/tarvo-stats.pc,libtarvo-stats.a,cmake/tarvo/tarvoConfig.cmake} usr/share/man/man3/Tarvo{Open,LinkCall}.3.gz; do
         expect_file "$deb" "^-rw-r--r-- root/root .* \./$file\$"
     done
 }
@@ -205,6 +205,7 @@ unpack_and_use() {
     cmake --build "$scratch/cmake" >/dev/null
     LD_LIBRARY_PATH=$libdir "${run[@]}" "$scratch/cmake/consumer"
     LD_LIBRARY_PATH=$libdir "${run[@]}" "$scratch/cmake/loop_consumer"
+    "${run[@]}" "$scratch/cmake/stats_consumer"
     # shellcheck disable=SC2046 # a list of options
     "$cxx" -std=c++17 -o "$scratch/consumer" tests/packaging/consumer/consumer.cpp \
         $(PKG_CONFIG_LIBDIR=$libdir/pkgconfig pkg-config --cflags --libs tarvo)

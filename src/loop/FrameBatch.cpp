@@ -18,6 +18,7 @@ int FrameBatch::Add(uint32_t id, MsgType type, int32_t timeoutMs, TarvoBytes pay
     std::memcpy(bytes.data() + used, &head, sizeof(head));
     std::memcpy(bytes.data() + used + sizeof(head), payload.data, payload.size);
     used += msg.Size();
+    ++frames;
     return 0;
 }
 

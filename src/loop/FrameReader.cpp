@@ -38,6 +38,8 @@ bool FrameReader::Next(Frame &frame) {
         return false;
     }
     frame = found;
+    ++sum.frames;
+    sum.bytes += found.size;
     held = false;
     return true;
 }

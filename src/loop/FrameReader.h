@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <utility>
 
 #include "pipe/Message.h"
 
@@ -23,7 +24,17 @@ struct Frame {
     int64_t writeStartTime; // of the sender: monotonic microseconds
     const char *data;
     uint32_t size;
-    uint64_t readAt = 0; // when it was read, ns, where that is measured
+};
+
+// How many frames, and bytes of their payload.
+// Owns: nothing. Threads, Locks: as whose it is. Ends: any time.
+struct FrameSum {
+    void Add(uint64_t size) {
+        ++frames;
+        bytes += size;
+    }
+    uint64_t frames = 0;
+    uint64_t bytes = 0;
 };
 
 // Finds the frames in what the reads of a FIFO yield, however the reads have cut it, and drops what is none: a head
@@ -46,6 +57,9 @@ public:
     // The next frame, valid until the next call of any function but HasUnread(). False: all that was fed is used up,
     // and its memory may go.
     bool Next(Frame &frame);
+    // What it has yielded since this was asked last.
+    FrameSum TakeSum() { return std::exchange(sum, {}); }
+    const FrameSum &Sum() const { return sum; }
 
     // Whether Next() yields a frame. Drops bad bytes that are in the way.
     bool HasNext();
@@ -93,6 +107,7 @@ private:
     bool held = false; // `found` has been found and not been yielded
     bool foundInCarry = false;
     Frame found{};
+    FrameSum sum;
     std::size_t carried = 0;
     std::array<char, LONGEST> carry; // the first `carried` bytes
     std::string stash;

@@ -12,6 +12,7 @@
 #include "diag/velm_syslog.h"
 #include "loop/Files.h"
 #include "loop/Service.h"
+#include "tarvo_stats.h"
 
 namespace {
 
@@ -80,7 +81,7 @@ int TarvoLink::CopyStats(TarvoStatsPipe &copy) const {
     if (!stats.On()) {
         return -ENODATA;
     }
-    stats.Copy(copy);
+    stats.Copy(batch, reader, copy);
     return 0;
 }
 
@@ -208,7 +209,7 @@ void TarvoLink::Shut() {
     blocked = false;
     FlushNow();
     if (stats.On()) {
-        stats.Lost();
+        stats.Lost(batch);
     }
     loop.Events().Remove(readWatch);
     loop.Events().Remove(writeWatch);
@@ -236,9 +237,18 @@ void TarvoLink::OnLoopDestroyed() {
 // What has come and not been delivered gets nowhere.
 void TarvoLink::DropRest() {
     TARVO_PROBE_CLOSE(this);
-    kept.Visit([this](const Frame &frame) { DropFrame(frame, true, TARVO_STATS_DROP_CLOSING); });
-    reader.VisitRest([this](const Frame &frame) { DropFrame(frame, false, TARVO_STATS_DROP_CLOSING); });
+    kept.Visit([this](const Frame &frame) { DropUnread(frame, true); });
+    reader.VisitRest([this](const Frame &frame) { DropUnread(frame, false); });
     if (stats.On()) {
         stats.Closed(readFd.Get());
+    }
+}
+
+void TarvoLink::DropUnread(const Frame &frame, bool isKept) {
+    if (frame.type == MSG_TYPE_REQUEST) {
+        TARVO_PROBE_DROPPED(this, frame.id, TARVO_STATS_DROP_CLOSING);
+    }
+    if (stats.On()) {
+        stats.Unread(frame, isKept);
     }
 }

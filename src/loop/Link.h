@@ -101,9 +101,9 @@ private:
     int Refuse(uint32_t id, int result) const;
     int64_t BeginCall(TarvoBytes payload, int timeoutMs, TarvoDone done, void *context);
     int64_t DeadlineOf(int timeoutMs, uint64_t &begun) const;
-    int Enqueue(uint32_t id, MsgType type, int32_t timeoutMs, TarvoBytes payload);
+    int Enqueue(uint32_t id, uint32_t kind, int32_t timeoutMs, TarvoBytes payload);
     int WriteBatch();
-    int Settle(int flushed, uint32_t kind, uint32_t size);
+    int FlushWith(uint32_t kind, uint32_t size);
     void DropBatch(int result);
     void OnRoom();
 
@@ -113,11 +113,15 @@ private:
     Step TellWritable();
     Step TellClosed();
     Step Deliver(const Frame &frame);
-    bool NextFrame(Frame &frame) { return kept.Next(frame) || ReadFrame(frame); }
+    bool NextFrame(Frame &frame) { return (!kept.Idle() && TakeKept(frame)) || ReadFrame(frame); }
+    bool TakeKept(Frame &frame);
     bool ReadFrame(Frame &frame);
-    void DropFrame(const Frame &frame, bool counted, uint32_t reason);
+    Step EndCall(const Frame &frame);
+    Step RunRequest(const Frame &frame, uint32_t number);
+    Step RunCounted(const Frame &frame, uint32_t number);
+    void DropRequest(const Frame &frame, uint32_t reason);
+    void DropUnread(const Frame &frame, bool isKept);
     void DropRest();
-    void RunRequest(const Frame &frame, uint32_t number);
     bool HasMore();
     void Read();
     void OnRemoteGone();
@@ -130,6 +134,7 @@ private:
     int AwaitStep(int64_t deadlineUs);
     int AwaitAnswer(int64_t number, int64_t deadlineUs, char *answer, uint32_t &size);
     int AwaitBytes(int64_t deadlineUs);
+    bool Keep(const Frame &frame);
     int KeepFrames(int64_t number, char *answer, uint32_t &size);
 
     TarvoLoop &loop;

@@ -32,7 +32,7 @@ bool TarvoLink::Serve(int share, int &ran) {
         ++ran;
     }
     if (stats.On()) {
-        stats.EndTurn();
+        stats.EndTurn(reader);
     }
     if (state == State::CLOSED && !calls.HasEnds()) {
         loop.Bury(*this);
@@ -93,6 +93,7 @@ TarvoLink::Step TarvoLink::ServeEnds() {
     if (stats.On()) {
         stats.CallEnded(end.result);
     }
+    const LinkStats::Other other(stats);
     end.done(end.context, end.result, {nullptr, 0});
     return Step::RAN;
 }
@@ -111,6 +112,7 @@ TarvoLink::Step TarvoLink::TellOpened() {
     if (spec.callbacks.opened == nullptr) {
         return Step::AGAIN;
     }
+    const LinkStats::Other other(stats);
     spec.callbacks.opened(spec.context, this, openResult);
     return Step::RAN;
 }
@@ -121,16 +123,24 @@ TarvoLink::Step TarvoLink::TellWritable() {
     if (spec.callbacks.writable == nullptr) {
         return Step::AGAIN;
     }
+    const LinkStats::Other other(stats);
     spec.callbacks.writable(spec.context, this);
     return Step::RAN;
+}
+
+bool TarvoLink::TakeKept(Frame &frame) {
+    if (!kept.Next(frame)) {
+        return false;
+    }
+    if (stats.On()) {
+        stats.TakeKept(frame, kept.ReadAt());
+    }
+    return true;
 }
 
 bool TarvoLink::ReadFrame(Frame &frame) {
     if (!reader.Next(frame)) {
         return false;
-    }
-    if (stats.On()) {
-        stats.Received(frame);
     }
     if (frame.type == MSG_TYPE_RESPONSE) {
         TARVO_PROBE_RESPONSE_READ(this, frame.id, frame.size, frame.writeStartTime);
@@ -140,63 +150,60 @@ bool TarvoLink::ReadFrame(Frame &frame) {
     return true;
 }
 
-// One that has come whole gets nowhere. `reason` is that of a request; `counted`: it is among those received.
-void TarvoLink::DropFrame(const Frame &frame, bool counted, uint32_t reason) {
-    const bool isRequest = frame.type == MSG_TYPE_REQUEST;
-    if (isRequest) {
-        TARVO_PROBE_DROPPED(this, frame.id, reason);
-    }
-    if (!stats.On()) {
-        return;
-    }
-    if (!counted) {
-        Frame unread = frame;
-        stats.Received(unread);
-    }
-    isRequest ? stats.Dropped(reason) : stats.Late();
-}
-
-void TarvoLink::RunRequest(const Frame &frame, uint32_t number) {
-    if (stats.On()) {
-        stats.CallbackBegins(frame);
-    }
-    TARVO_PROBE_CALLBACK_START(this, frame.id);
-    spec.callbacks.request(spec.context, this, number, {frame.data, frame.size});
-    TARVO_PROBE_CALLBACK_END(this, frame.id);
-    if (stats.On() && stats.CallbackReturned(frame, !reader.HasUnread() && kept.Empty())) {
-        loop.LookLater(stats);
-    }
-}
-
 TarvoLink::Step TarvoLink::Deliver(const Frame &frame) {
-    const TarvoBytes payload{frame.data, frame.size};
     if (frame.type == MSG_TYPE_RESPONSE) {
-        CallEnd end{};
-        if (!calls.Answer(frame.id, end)) {
-            if (stats.On()) {
-                stats.Late();
-            }
-            return Step::AGAIN;
-        }
-        TARVO_PROBE_CALL_END(this, frame.id, end.result);
-        if (stats.On()) {
-            stats.Answered(end.begun, frame.readAt);
-        }
-        end.done(end.context, 0, payload);
-        return Step::RAN;
+        return EndCall(frame);
     }
     if (spec.callbacks.request == nullptr) {
-        DropFrame(frame, true, TARVO_STATS_DROP_CACHE);
+        DropRequest(frame, TARVO_STATS_DROP_CACHE);
         return Step::AGAIN;
     }
     uint32_t number = 0;
     if (!requests.Add(frame.id, number)) {
         TARVO_LOG(LOG_ERR, "Add InRequest failed, out of space");
-        DropFrame(frame, true, TARVO_STATS_DROP_MEMORY);
+        DropRequest(frame, TARVO_STATS_DROP_MEMORY);
         return Step::AGAIN;
     }
-    RunRequest(frame, number);
+    return stats.On() && !stats.IsPlain(frame) ? RunCounted(frame, number) : RunRequest(frame, number);
+}
+
+TarvoLink::Step TarvoLink::EndCall(const Frame &frame) {
+    CallEnd end{};
+    const bool isAwaited = calls.Answer(frame.id, end);
+    if (stats.On()) {
+        stats.TakeResponse(frame);
+        isAwaited ? stats.Answered(end.begun) : stats.Late();
+    }
+    if (!isAwaited) {
+        return Step::AGAIN;
+    }
+    TARVO_PROBE_CALL_END(this, frame.id, end.result);
+    const LinkStats::Other other(stats);
+    end.done(end.context, 0, {frame.data, frame.size});
     return Step::RAN;
+}
+
+TarvoLink::Step TarvoLink::RunRequest(const Frame &frame, uint32_t number) {
+    TARVO_PROBE_CALLBACK_START(this, frame.id);
+    spec.callbacks.request(spec.context, this, number, {frame.data, frame.size});
+    TARVO_PROBE_CALLBACK_END(this, frame.id);
+    return Step::RAN;
+}
+
+TarvoLink::Step TarvoLink::RunCounted(const Frame &frame, uint32_t number) {
+    stats.CallbackBegins(frame, reader);
+    const Step step = RunRequest(frame, number);
+    if (stats.CallbackReturned(!reader.HasUnread() && kept.Empty())) {
+        loop.LookLater(stats);
+    }
+    return step;
+}
+
+void TarvoLink::DropRequest(const Frame &frame, uint32_t reason) {
+    TARVO_PROBE_DROPPED(this, frame.id, reason);
+    if (stats.On()) {
+        stats.Dropped(frame, reason, reader);
+    }
 }
 
 void TarvoLink::Read() {
@@ -241,6 +248,7 @@ TarvoLink::Step TarvoLink::TellClosed() {
     state = State::GONE;
     Step step = Step::AGAIN;
     if (spec.callbacks.closed != nullptr) {
+        const LinkStats::Other other(stats);
         spec.callbacks.closed(spec.context, this);
         step = Step::RAN;
     }

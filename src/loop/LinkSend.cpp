@@ -21,13 +21,6 @@ constexpr uint32_t NO_ID = 0;
 
 int64_t UsOf(uint64_t ns) { return static_cast<int64_t>(ns / Stats::NS_PER_US); }
 
-uint32_t KindOf(uint32_t id, MsgType type) {
-    if (type == MSG_TYPE_RESPONSE) {
-        return TARVO_STATS_RESPONSE;
-    }
-    return Calls::IsOneWay(id) ? TARVO_STATS_ONE_WAY : TARVO_STATS_CALL;
-}
-
 } // namespace
 
 int TarvoLink::CheckSend(TarvoBytes payload) const {
@@ -59,7 +52,7 @@ int TarvoLink::MaySend(TarvoBytes payload) const {
 
 int TarvoLink::Send(TarvoBytes payload) {
     const int ret = MaySend(payload);
-    return ret != 0 ? ret : Enqueue(calls.OneWayId(), MSG_TYPE_REQUEST, NO_TIMEOUT, payload);
+    return ret != 0 ? ret : Enqueue(calls.OneWayId(), TARVO_STATS_ONE_WAY, NO_TIMEOUT, payload);
 }
 
 int64_t TarvoLink::Call(TarvoBytes payload, int timeoutMs, TarvoDone done, void *context) {
@@ -82,7 +75,7 @@ int64_t TarvoLink::BeginCall(TarvoBytes payload, int timeoutMs, TarvoDone done, 
     if (call < 0) {
         return Refuse(NO_ID, static_cast<int>(call));
     }
-    const int ret = Enqueue(Calls::WireId(call), MSG_TYPE_REQUEST, timeoutMs, payload);
+    const int ret = Enqueue(Calls::WireId(call), TARVO_STATS_CALL, timeoutMs, payload);
     if (ret != 0) {
         calls.Undo(call);
         return ret;
@@ -117,14 +110,15 @@ int TarvoLink::Reply(uint32_t request, TarvoBytes payload) {
     if (!requests.Find(request, id)) {
         return Refuse(NO_ID, -ENOENT);
     }
-    const int ret = Enqueue(id, MSG_TYPE_RESPONSE, NO_TIMEOUT, payload);
+    const int ret = Enqueue(id, TARVO_STATS_RESPONSE, NO_TIMEOUT, payload);
     if (ret == 0) {
         requests.Remove(request);
     }
     return ret;
 }
 
-int TarvoLink::Enqueue(uint32_t id, MsgType type, int32_t timeoutMs, TarvoBytes payload) {
+// `kind`: TARVO_STATS_ONE_WAY ...
+int TarvoLink::Enqueue(uint32_t id, uint32_t kind, int32_t timeoutMs, TarvoBytes payload) {
     if (!batch.HasRoomFor(payload.size)) {
         const int ret = FlushNow();
         if (ret != 0) {
@@ -132,20 +126,21 @@ int TarvoLink::Enqueue(uint32_t id, MsgType type, int32_t timeoutMs, TarvoBytes 
             return Refuse(id, ret);
         }
     }
-    const int ret = batch.Add(id, type, timeoutMs, payload);
+    const bool isResponse = kind == TARVO_STATS_RESPONSE;
+    const int ret = batch.Add(id, isResponse ? MSG_TYPE_RESPONSE : MSG_TYPE_REQUEST, timeoutMs, payload);
     if (ret != 0) {
         return Refuse(id, ret);
     }
-    if (type == MSG_TYPE_RESPONSE) {
+    if (isResponse) {
         TARVO_PROBE_RESPONSE_WRITTEN(this, id, payload.size);
     } else {
         TARVO_PROBE_REQUEST_WRITTEN(this, id, payload.size, timeoutMs);
     }
     if (!loop.InRound() && !held) {
-        return Settle(FlushNow(), KindOf(id, type), payload.size);
+        return FlushWith(kind, payload.size);
     }
-    if (stats.On()) {
-        stats.Accepted(KindOf(id, type), payload.size);
+    if (kind != TARVO_STATS_ONE_WAY && stats.On()) {
+        stats.Accepted(kind, payload.size);
     }
     if (loop.InRound() && !flushQueued) {
         flushQueued = true;
@@ -154,12 +149,16 @@ int TarvoLink::Enqueue(uint32_t id, MsgType type, int32_t timeoutMs, TarvoBytes 
     return 0;
 }
 
-// Of a frame that was to go out with the batch at once.
-int TarvoLink::Settle(int flushed, uint32_t kind, uint32_t size) {
+// The last frame of the batch is refused if the batch cannot be written.
+int TarvoLink::FlushWith(uint32_t kind, uint32_t size) {
     if (stats.On()) {
-        stats.Settled(flushed, kind, size);
+        stats.Fresh(size);
     }
-    return flushed == -EAGAIN ? 0 : flushed;
+    const int ret = FlushNow();
+    if (stats.On()) {
+        stats.Settled(ret, kind);
+    }
+    return ret == -EAGAIN ? 0 : ret;
 }
 
 int TarvoLink::Flush() {
@@ -175,7 +174,7 @@ int TarvoLink::FlushNow() {
         return 0;
     }
     if (stats.On()) {
-        stats.Flushing();
+        stats.Flushing(batch);
     }
     return blocked ? -EAGAIN : WriteBatch();
 }
@@ -220,10 +219,10 @@ void TarvoLink::DropBatch(int result) {
             loop.Queue(*this);
         }
     }
-    batch.Clear();
     if (stats.On()) {
-        stats.Lost();
+        stats.Lost(batch);
     }
+    batch.Clear();
 }
 
 void TarvoLink::OnRoom() {

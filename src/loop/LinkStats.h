@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string>
 
+#include "loop/FrameBatch.h"
 #include "loop/FrameReader.h"
 #include "stats/Stats.h"
 #include "stats/StatsSlot.h"
@@ -27,7 +28,7 @@ public:
     bool On() const { return pipe != nullptr; }
 
     // The file's numbers with those that have not got there yet.
-    void Copy(TarvoStatsPipe &copy) const;
+    void Copy(const FrameBatch &batch, const FrameReader &reader, TarvoStatsPipe &copy) const;
     // Where frames that are none are counted by reason; null when nothing is.
     uint64_t *Bad() const { return On() ? pipe->received.bad : nullptr; }
 
@@ -37,111 +38,102 @@ public:
     // What the FIFO still holds is never read.
     void Closed(int readFd);
 
-    // Sending. A frame is in the batch, and its sender has been told so.
-    void Accepted(uint32_t kind, uint32_t size) {
-        ++inBatch.frames;
-        inBatch.bytes += size;
-        if (kind != TARVO_STATS_ONE_WAY) {
-            inBatch.others[kind - 1].Add(size);
-        }
-    }
-    // It was added to the batch, and the write of that has ended with `flushed`.
-    void Settled(int flushed, uint32_t kind, uint32_t size);
+    // Sending. Of a frame that the batch has taken and that is no one-way request: of those there are the most, so that
+    // they are what else the batch holds.
+    void Accepted(uint32_t kind, uint32_t size) { inBatch[kind].Add(size); }
+    // The last frame of the batch is to go with it at once, and is not counted before that has come to its end.
+    void Fresh(uint32_t size) { fresh = {1, size}; }
+    void Settled(int flushed, uint32_t kind);
     void Refused(int result) const;
-    // Of the batch: it is about to be written, has been, or cannot be any more.
-    void Flushing();
-    void Written() { waiting = 0; }
-    void Lost();
+    // The batch is about to be written, has been, or cannot be any more.
+    void Flushing(const FrameBatch &batch);
+    void Written() { counted = {}; }
+    void Lost(const FrameBatch &batch);
 
     // Calls.
     void CallBegun();
     void CallEnded(int result);
     void CallNotSent();
-    // By a frame that was read at `at`.
-    void Answered(uint64_t callBegan, uint64_t at);
-    void Answered(uint64_t callBegan) { Answered(callBegan, readAt); }
-    void Late() { Stats::CountAlone(pipe->received.late); }
+    void Answered(uint64_t callBegan);
+    void Late();
 
-    // Receiving.
+    // Receiving. The reader is empty, and is fed what has been read now.
     void Read() {
         readAt = Stats::Now();
         afresh = true;
+        isKept = false;
     }
-    // A frame has been found. One that is to be timed is told when it was read.
-    void Received(Frame &frame) {
-        uint32_t kind = TARVO_STATS_ONE_WAY;
-        ++found.frames;
-        found.bytes += frame.size;
-        if (frame.type == MSG_TYPE_RESPONSE || frame.timeout >= 0) {
-            kind = frame.type == MSG_TYPE_RESPONSE ? TARVO_STATS_RESPONSE : TARVO_STATS_CALL;
-            found.others[kind - 1].Add(frame.size);
-        } else if (--untilTimed != 0) {
-            return;
-        }
-        TimeInFifo(frame);
-    }
-    // All that has been found since waits for its callback.
-    void Kept();
-    void Dropped(uint32_t reason);
+    // A frame is kept for later, or comes from there; it was read at `at`.
+    uint64_t ReadAt() const { return readAt; }
+    void Keep(const Frame &frame);
+    void KeptFolded(FrameReader &reader);
+    void TakeKept(const Frame &frame, uint64_t at);
+    // A response comes to its end, or a request to nothing.
+    void TakeResponse(const Frame &frame);
+    void Dropped(const Frame &frame, uint32_t reason, FrameReader &reader);
+    // One that is kept, or that the reader has not come to, never gets anywhere. `isCounted`: it is kept.
+    void Unread(const Frame &frame, bool isCounted);
 
-    // Callbacks for requests. Returned() tells whether the callback's end is still to be told by CallbackEnded().
-    void CallbackBegins(const Frame &frame) {
-        if (published) {
-            ++begun;
-        } else {
-            PublishFirst();
-        }
-        if (frame.readAt != 0) {
-            TimeWait(frame);
-        }
-    }
-    bool CallbackReturned(const Frame &frame, bool isLast) {
-        afresh = false;
-        ++finished;
-        return frame.readAt != 0 && EndTimed(isLast);
-    }
+    // Callbacks for requests. Whether nothing is to be done for this one: a one-way request that is not timed.
+    bool IsPlain(const Frame &frame) { return frame.timeout < 0 && --untilSlow != 0; }
+    void CallbackBegins(const Frame &frame, FrameReader &reader);
+    // Whether its end is still to be told, by CallbackEnded().
+    bool CallbackReturned(bool isLast);
     void CallbackEnded(uint64_t now) { Stats::TimeAlone(pipe->callback, Stats::Between(callbackAt, now)); }
-    // Another callback of the program has run.
-    void OtherReturned() { afresh = false; }
+    class Other;
 
-    void BeginTurn() { afresh = false; }
-    void EndTurn();
+    void BeginTurn() {
+        afresh = false;
+        untilTimed = untilSlow;
+        untilSlow = 1;
+    }
+    void EndTurn(FrameReader &reader);
 
 private:
-    struct Sum {
-        void Add(uint64_t size) {
-            ++frames;
-            bytes += size;
-        }
-        uint64_t frames = 0;
-        uint64_t bytes = 0;
-    };
-    // Of all kinds, and of those that are not one-way requests. Most are.
-    struct Gathered : Sum {
-        std::array<Sum, TARVO_STATS_KINDS - 1> others{};
-    };
+    using Sums = std::array<FrameSum, TARVO_STATS_KINDS>;
 
-    static void Add(const Gathered &gathered, uint64_t *messages, uint64_t *bytes);
-    void FoldReceived();
-    void PublishFirst();
-    void TimeInFifo(Frame &frame);
-    void TimeWait(const Frame &frame);
-    bool EndTimed(bool isLast);
+    // `all` are those of all kinds, `others` those that are not one-way.
+    static void Add(FrameSum all, const Sums &others, uint64_t *messages, uint64_t *bytes);
+    uint64_t BegunAfter(const TarvoStatsPipe &numbers) const;
+    void FoldReceived(FrameReader &reader);
+    void TimeInFifo(const Frame &frame);
 
     StatsSlot slot;
     TarvoStatsPipe *const pipe;
     const uint64_t madeAt; // ns, as all times here
-    uint64_t readAt = 0;   // when what the reader holds was read
+    uint64_t readAt = 0;   // when what the reader holds was read, or what has been kept
     uint64_t callbackAt = 0;
-    bool afresh = false; // no callback has run since the read
-    uint32_t untilTimed = 1;
-    Gathered inBatch;       // not in the file yet
-    Gathered found;         // not in the file yet
-    uint64_t waiting = 0;   // frames of the batch that the file has
-    bool published = false; // the first callback of this turn has been told of
-    uint64_t begun = 0;     // further callbacks, not in the file yet
-    uint64_t finished = 0;  // not in the file yet
+
+    Sums inBatch{};     // not in the file yet
+    FrameSum counted{}; // those of the batch that the file has
+    FrameSum fresh{};
+    Sums found{}; // not in the file yet
     uint64_t outstanding = 0;
+    uint64_t kept = 0; // requests
+
+    bool afresh = false;    // no callback has run since the read
+    bool isKept = false;    // the frame at hand is counted already
+    bool isTimed = false;   // the callback
+    bool published = false; // that callbacks for requests run in this turn
+    bool inOther = false;
+    uint32_t untilSlow = 1;  // one-way requests until there is something to do for one
+    uint32_t untilTimed = 1; // in a turn that has not been published: until one is timed
+};
+
+// Another callback of a link, which may be one that is not counted, runs.
+// Owns: nothing. Threads, Locks: as LinkStats. Ends: with the callback.
+class LinkStats::Other {
+public:
+    explicit Other(LinkStats &link) : stats(link) { stats.inOther = true; }
+    ~Other() {
+        stats.inOther = false;
+        stats.afresh = false;
+    }
+    Other(const Other &) = delete;
+    Other &operator=(const Other &) = delete;
+
+private:
+    LinkStats &stats;
 };
 
 #endif // TARVO_LOOP_LINKSTATS_H

@@ -78,7 +78,7 @@ int64_t TarvoLink::SendSync(TarvoBytes payload, int timeoutMs) {
         call = call < 0 ? Refuse(0, static_cast<int>(call)) : call;
     }
     if (call > 0) {
-        const int ret = Enqueue(Calls::WireId(call), MSG_TYPE_REQUEST, timeoutMs, payload);
+        const int ret = Enqueue(Calls::WireId(call), TARVO_STATS_CALL, timeoutMs, payload);
         if (ret != 0) {
             EndSync(call);
             call = ret;
@@ -179,6 +179,16 @@ int TarvoLink::AwaitBytes(int64_t deadlineUs) {
     return 0;
 }
 
+bool TarvoLink::Keep(const Frame &frame) {
+    const bool isKept = kept.Keep(frame, stats.ReadAt());
+    if (!isKept && frame.type == MSG_TYPE_REQUEST) {
+        DropRequest(frame, TARVO_STATS_DROP_MEMORY);
+    } else if (stats.On()) {
+        isKept ? stats.Keep(frame) : stats.TakeResponse(frame);
+    }
+    return isKept;
+}
+
 // Keeps what has been read for later, but for the answer.
 int TarvoLink::KeepFrames(int64_t number, char *answer, uint32_t &size) {
     int ret = NOT_YET;
@@ -186,11 +196,13 @@ int TarvoLink::KeepFrames(int64_t number, char *answer, uint32_t &size) {
     while (ReadFrame(frame)) {
         const bool isAnswer = ret == NOT_YET && frame.type == MSG_TYPE_RESPONSE && frame.id == Calls::WireId(number);
         if (!isAnswer) {
-            if (!kept.Keep(frame)) {
+            if (!Keep(frame)) {
                 TARVO_LOG(LOG_ERR, "Keep frame of remote(%s) failed, out of space", origin.remote.c_str());
-                DropFrame(frame, true, TARVO_STATS_DROP_MEMORY);
             }
             continue;
+        }
+        if (stats.On()) {
+            stats.TakeResponse(frame);
         }
         ret = frame.size <= size ? 0 : -EMSGSIZE;
         if (ret == 0) {
@@ -199,7 +211,7 @@ int TarvoLink::KeepFrames(int64_t number, char *answer, uint32_t &size) {
         }
     }
     if (stats.On()) {
-        stats.Kept();
+        stats.KeptFolded(reader);
     }
     return ret;
 }

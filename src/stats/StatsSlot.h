@@ -48,10 +48,14 @@ public:
     TarvoStatsServer *Server() const { return slot == nullptr ? nullptr : &slot->of.server; }
     TarvoStatsPool *Pool() const { return slot == nullptr ? nullptr : &slot->of.pool; }
 
+    // A copy of a pipe's numbers as a reader of the file gets it: its levels worked out. False without a place.
+    bool Read(TarvoStatsPipe &copy) const;
+
     // What the slot says of the life of the pipe. Any thread.
-    void Opening() { SetState(TARVO_STATS_OPENING); }
+    void Opening();
     void Opened();
-    void RemoteClosed() { SetState(TARVO_STATS_REMOTE_CLOSED); }
+    // Nothing once it is closed.
+    void RemoteClosed();
     void Closed();
 
 private:
@@ -61,11 +65,7 @@ private:
 
     static void Close(TarvoStatsSlot &slot);
     void Release();
-    void SetState(uint32_t state) {
-        if (slot != nullptr) {
-            __atomic_store_n(&slot->state, state, __ATOMIC_RELAXED);
-        }
-    }
+    void SetState(uint32_t state) { __atomic_store_n(&slot->state, state, __ATOMIC_RELAXED); }
 
     StatsFile *file = nullptr;
     uint32_t index = 0;

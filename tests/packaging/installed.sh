@@ -28,6 +28,7 @@ build-cmake/consumer
 g++ -std=c++17 -o consumer-pc consumer/consumer.cpp $(pkg-config --cflags --libs tarvo)
 ./consumer-pc
 build-cmake/loop_consumer
+build-cmake/stats_consumer
 # shellcheck disable=SC2046 # a list of options
 g++ -std=c++17 -o loop-consumer-pc consumer/loop_consumer.cpp $(pkg-config --cflags --libs tarvo-loop)
 ./loop-consumer-pc
