@@ -1,4 +1,4 @@
-// Requests on their way from the receive thread to a worker, and their callbacks.
+// What becomes of a message that has come: requests on their way to a worker, and their callbacks.
 #include <cerrno>
 #include <cstddef>
 #include <new>
@@ -134,6 +134,16 @@ void TarvoPipeImpl::ProcessRequest(InMessage &msg) {
     const ServiceHandler installed = GetServiceHandler();
     if (installed) {
         ProcessCachedRequests(installed);
+    }
+}
+
+void TarvoPipeImpl::ProcessMessage(InMessage &msg) {
+    if (msg.type == MSG_TYPE_REQUEST) {
+        ProcessRequest(msg);
+    } else if (msg.type == MSG_TYPE_RESPONSE) {
+        ProcessResponse(msg);
+    } else {
+        EraseTimeRecord(msg.id, msg.timed);
     }
 }
 

@@ -172,16 +172,6 @@ void TarvoPipeImpl::TellReceived(const MsgHead &head, InMessage &msg, Tarvo::Epo
     stats.Received(head, msg);
 }
 
-void TarvoPipeImpl::ProcessMessage(InMessage &msg) {
-    if (msg.type == MSG_TYPE_REQUEST) {
-        ProcessRequest(msg);
-    } else if (msg.type == MSG_TYPE_RESPONSE) {
-        ProcessResponse(msg);
-    } else {
-        EraseTimeRecord(msg.id, msg.timed);
-    }
-}
-
 bool TarvoPipeImpl::CheckEpollTime(const MsgHead &head, Tarvo::EpollTimeRecord &rec) {
     return isHeartbeat && RecordTimes(head, rec);
 }

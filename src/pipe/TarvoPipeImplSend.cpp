@@ -22,36 +22,7 @@ unsigned KindOf(const OutMessage &msg) {
 
 } // namespace
 
-int TarvoPipeImpl::Send(const TarvoRequest &req, int timeoutMs) {
-    OutMessage msg(req.id, req, timeoutMs);
-    return Send(msg);
-}
-
-int TarvoPipeImpl::Send(const TarvoResponse &rsp) {
-    OutMessage msg(rsp.id, rsp);
-    return Send(msg);
-}
-
-int TarvoPipeImpl::SendCall(const TarvoRequest &req, int timeoutMs, uint64_t &writtenAt) {
-    OutMessage msg(req.id, req, timeoutMs);
-    return SendAs(TARVO_STATS_CALL, msg, writtenAt);
-}
-
-int TarvoPipeImpl::Send(OutMessage &msg) {
-    uint64_t writtenAt = 0;
-    return SendAs(KindOf(msg), msg, writtenAt);
-}
-
-int TarvoPipeImpl::SendAs(unsigned kind, OutMessage &msg, uint64_t &writtenAt) {
-    try {
-        return Tell(kind, msg, TrySend(msg, writtenAt));
-    } catch (const std::bad_alloc &) {
-        Tell(kind, msg, -ENOMEM);
-        throw;
-    }
-}
-
-int TarvoPipeImpl::Tell(unsigned kind, const OutMessage &msg, int result) {
+inline int TarvoPipeImpl::Tell(unsigned kind, const OutMessage &msg, int result) {
     if (result < 0) {
         TARVO_PROBE_REFUSED(pipeFd.load(), msg.id, result);
     } else if (kind == TARVO_STATS_RESPONSE) {
@@ -63,7 +34,7 @@ int TarvoPipeImpl::Tell(unsigned kind, const OutMessage &msg, int result) {
     return result;
 }
 
-int TarvoPipeImpl::TrySend(OutMessage &msg, uint64_t &writtenAt) {
+inline int TarvoPipeImpl::TrySend(OutMessage &msg, uint64_t &writtenAt) {
     if (!msg.SizeValid()) {
         TARVO_LOG(LOG_ERR, "Send size %u is not valid", msg.payloadLen);
         return -EINVAL;
@@ -79,6 +50,37 @@ int TarvoPipeImpl::TrySend(OutMessage &msg, uint64_t &writtenAt) {
         return ret;
     }
     return WriteFrame(msg, writtenAt);
+}
+
+inline int TarvoPipeImpl::SendAs(unsigned kind, OutMessage &msg, uint64_t &writtenAt) {
+    try {
+        return Tell(kind, msg, TrySend(msg, writtenAt));
+    } catch (const std::bad_alloc &) {
+        Tell(kind, msg, -ENOMEM);
+        throw;
+    }
+}
+
+int TarvoPipeImpl::Send(const TarvoRequest &req, int timeoutMs) {
+    OutMessage msg(req.id, req, timeoutMs);
+    uint64_t writtenAt = 0;
+    return SendAs(TARVO_STATS_ONE_WAY, msg, writtenAt);
+}
+
+int TarvoPipeImpl::Send(const TarvoResponse &rsp) {
+    OutMessage msg(rsp.id, rsp);
+    uint64_t writtenAt = 0;
+    return SendAs(TARVO_STATS_RESPONSE, msg, writtenAt);
+}
+
+int TarvoPipeImpl::SendCall(const TarvoRequest &req, int timeoutMs, uint64_t &writtenAt) {
+    OutMessage msg(req.id, req, timeoutMs);
+    return SendAs(TARVO_STATS_CALL, msg, writtenAt);
+}
+
+int TarvoPipeImpl::Send(OutMessage &msg) {
+    uint64_t writtenAt = 0;
+    return SendAs(KindOf(msg), msg, writtenAt);
 }
 
 int TarvoPipeImpl::Write(OutMessage &msg) {

@@ -16,6 +16,7 @@
 #include "storm/Percentile.h"
 #include "storm/Proof.h"
 #include "storm/SoakPeers.h"
+#include "storm/StatsProof.h"
 #include "storm/Usage.h"
 #include "support/Names.h"
 #include "support/Process.h"
@@ -35,6 +36,7 @@ struct Options {
     double minutes = 20;
     unsigned rowSeconds = 60;
     std::string csv;
+    bool stats = false;
 };
 
 struct Sample {
@@ -266,10 +268,17 @@ int Main(int argc, char **argv) {
     line.Option("--minutes", options.minutes, "how long");
     line.Option("--row-seconds", options.rowSeconds, "time between two rows of the table");
     line.Option("--csv", options.csv, "file for all samples");
+    line.Flag("--stats", options.stats, "the processes count, and their numbers must agree in the end; for root");
     if (const auto status = line.Parse(argc, argv)) {
         return *status;
     }
-    return Prove([&] { return Soak(options).Run(); });
+    if (options.stats && !BeginStats()) {
+        return CANNOT_COUNT;
+    }
+    return Prove([&] {
+        const bool good = Soak(options).Run();
+        return (!options.stats || JudgeStats()) && good;
+    });
 }
 
 } // namespace

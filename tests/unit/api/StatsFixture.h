@@ -7,7 +7,6 @@
 
 #include <condition_variable>
 #include <mutex>
-#include <numeric>
 #include <string>
 #include <thread>
 
@@ -16,6 +15,7 @@
 #include "support/Pipes.h"
 #include "support/RawPeer.h"
 #include "support/StatsDirectory.h"
+#include "support/StatsSums.h"
 #include "support/SyslogCapture.h"
 #include "tarvo.h"
 #include "tarvo_stats.h"
@@ -51,10 +51,6 @@ private:
     bool open = false;
 };
 
-template <std::size_t SIZE>
-uint64_t SumOf(const uint64_t (&numbers)[SIZE]) {
-    return std::accumulate(std::begin(numbers), std::end(numbers), uint64_t{0});
-}
 inline uint64_t CountOf(const TarvoStatsTimes &times) { return SumOf(times.buckets); }
 
 // All tests of it count, each in a process of its own.
