@@ -118,11 +118,12 @@ if(TARGET tarvoctl)
     tool tarvo-tools
     SECTION utils
     DEPENDS "${TARVO_SAME_VERSION}, ${TARVO_LOOP_PACKAGE} (= ${PROJECT_VERSION})"
-    SUGGESTS libtarvo-doc
+    SUGGESTS "libtarvo-doc, bpftrace"
     DESCRIPTION "messaging between the processes of one Linux machine - command line tool"
                 "tarvoctl serves, calls, measures, lists and diagnoses processes that talk"
                 "through libtarvo, without a line of code. With it come manual pages of every"
-                "error of the library and of every line that it writes to the system log.")
+                "error of the library and of every line that it writes to the system log, and"
+                "scripts for bpftrace that show where messages are.")
   list(APPEND CPACK_COMPONENTS_ALL tool)
 endif()
 

@@ -323,6 +323,15 @@ _Static_assert(sizeof(TarvoStatsHeader) <= TARVO_STATS_HEADER_SIZE, "the first s
 // the library, may not be written, or is full). On failure `stats` is untouched.
 int TarvoPipeStats(int pipe, TarvoStatsPipe *stats);
 
+// The same of a link of tarvo_loop.h, with what its loop has not added to the file yet. In libtarvo-loop. On the thread
+// of the loop, also from a callback. Returns 0, -EINVAL (a null argument), -EDEADLK (on another thread), -ENOENT (in a
+// forked child), -ENODATA. On failure `stats` is untouched.
+struct TarvoLink;
+#if defined(__GNUC__)
+__attribute__((visibility("default")))
+#endif
+int TarvoLinkStats(const struct TarvoLink *link, TarvoStatsPipe *stats);
+
 #ifdef __cplusplus
 }
 #endif

@@ -122,7 +122,7 @@ check_tool() {
     expect_field "$deb" Depends "libtarvo$major (= $3), libtarvo-loop$major (= $3), libc6 (>= *"
     expect_file "$deb" "^-rwxr-xr-x root/root .* \./usr/bin/tarvoctl\$"
     for file in share/man/man1/tarvoctl.1.gz share/man/man7/tarvo{,-errors,-log,-loop}.7.gz \
-        share/bash-completion/completions/tarvoctl; do
+        share/bash-completion/completions/tarvoctl share/tarvo/bpftrace/tarvo-{drops,latency,queues}.bt; do
         expect_file "$deb" "^-rw-r--r-- root/root .* \./usr/$file\$"
     done
 }

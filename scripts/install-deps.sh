@@ -14,6 +14,7 @@ missing; says nothing otherwise.
   arm64     cross build for 64-bit Arm and its emulator
   tools     format, tidy, include and shell checks
   bench     the benchmarks
+  tracing   the scripts that trace running processes
   plots     the plots of the benchmarks and of the soak
   peers     the messaging systems that the benchmarks compare with
   models    the models of what tests cannot reach
@@ -38,6 +39,7 @@ packages_of() {
     arm64) echo g++-aarch64-linux-gnu qemu-user-static libc6:arm64 libstdc++6:arm64 libselinux1-dev:arm64 \
         libgtest-dev:arm64 libgmock-dev:arm64 libfmt-dev:arm64 systemtap-sdt-dev:arm64 ;;
     tools) echo clang-format clang-tidy python3 shellcheck mypy python3-pytest python3-flake8 ;;
+    tracing) echo bpftrace ;;
     plots) echo python3-matplotlib python3-numpy ;;
     bench) packages_of plots && echo libbenchmark-dev libcli11-dev nlohmann-json3-dev stress-ng rt-tests valgrind ;;
     peers) echo libzmq3-dev libnng-dev libsystemd-dev dbus-daemon libcapnp-dev capnproto libgrpc++-dev libprotobuf-dev \
@@ -48,7 +50,7 @@ packages_of() {
         python3-wheel ;;
     abi) echo abigail-tools ;;
     bare) echo debootstrap ;;
-    all) for group in base clang arm64 tools bench peers models man packages abi bare; do packages_of "$group"; done ;;
+    all) for group in base clang arm64 tools tracing bench peers models man packages abi bare; do packages_of "$group"; done ;;
     *)
         echo "install-deps.sh: no such group: $1" >&2
         usage >&2
