@@ -1,0 +1,238 @@
+#include "core/PeerLink.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "core/Report.h"
+
+namespace tarvo_bridge {
+namespace {
+
+constexpr int64_t GREETING_INTERVAL_MS = 50;
+// After the network had no room.
+constexpr int64_t RETRY_MS = 1;
+// A bundle travels in one piece of the network up to about this size.
+constexpr std::size_t BUNDLE_BYTES = 16000;
+
+} // namespace
+
+PeerLink::~PeerLink() {
+    if (connected) {
+        network.Disconnect(ends.peer);
+    }
+}
+
+void PeerLink::Connect() {
+    if (!connected) {
+        network.Connect(ends.peer);
+        connected = true;
+    }
+}
+
+void PeerLink::Begin(int64_t now) {
+    if (state != State::IDLE) {
+        return;
+    }
+    Connect();
+    state = State::GREETING;
+    Greet(now);
+}
+
+void PeerLink::OnAnnounced(int64_t now) {
+    if (wasUsed) {
+        Begin(now);
+    }
+}
+
+void PeerLink::OnLost() {
+    Restart(State::IDLE);
+    if (connected) {
+        // What the network still holds for it is for nobody.
+        network.Disconnect(ends.peer);
+        connected = false;
+    }
+}
+
+// Whatever comes of the link as it was is not meant for the next one.
+void PeerLink::Restart(State next) {
+    const bool wasUp = state == State::UP;
+    state = next;
+    mine = ++beginnings;
+    theirs = 0;
+    sent = 0;
+    received = 0;
+    unsent.clear();
+    nextFlush = NEVER;
+    nextGreeting = NEVER;
+    if (wasUp) {
+        listener.OnLinkDown();
+    }
+}
+
+void PeerLink::Send(Item &&item) { unsent.push_back(std::move(item)); }
+
+void PeerLink::Flush(int64_t now) {
+    nextFlush = NEVER;
+    while (!unsent.empty() && state == State::UP) {
+        std::size_t bytes = 0;
+        std::size_t count = 0;
+        while (count < unsent.size() && count < MAX_ITEMS &&
+               (count == 0 || bytes + unsent[count].payload.size() < BUNDLE_BYTES)) {
+            bytes += unsent[count].payload.size();
+            ++count;
+        }
+        outgoing.from = ends.self;
+        outgoing.to = ends.peer;
+        outgoing.mine = mine;
+        outgoing.theirs = theirs;
+        outgoing.confirmed = true;
+        outgoing.sequence = sent + 1;
+        const auto end = unsent.begin() + static_cast<std::ptrdiff_t>(count);
+        outgoing.items.assign(std::make_move_iterator(unsent.begin()), std::make_move_iterator(end));
+        if (!network.Send(outgoing)) {
+            std::move(outgoing.items.begin(), outgoing.items.end(), unsent.begin());
+            nextFlush = now + RETRY_MS;
+            return;
+        }
+        unsent.erase(unsent.begin(), end);
+        ++sent;
+    }
+}
+
+void PeerLink::Greet(int64_t now) {
+    Bundle greeting;
+    greeting.from = ends.self;
+    greeting.to = ends.peer;
+    greeting.mine = mine;
+    greeting.theirs = theirs;
+    greeting.confirmed = state == State::UP;
+    greeting.sequence = sent;
+    Connect();
+    // One that finds no room is sent again.
+    network.Send(greeting);
+    if (state == State::GREETING) {
+        nextGreeting = now + GREETING_INTERVAL_MS;
+    } else {
+        nextGreeting = state == State::UP && busy ? now + lease / 3 : NEVER;
+    }
+}
+
+void PeerLink::SetBusy(bool isBusy, int64_t now) {
+    if (busy == isBusy) {
+        return;
+    }
+    busy = isBusy;
+    if (state == State::UP) {
+        lastHeard = now;
+        nextGreeting = busy ? now + lease / 3 : NEVER;
+    }
+}
+
+bool PeerLink::BringUp(const Bundle &bundle, int64_t now) {
+    if (bundle.theirs != mine || state == State::UP) {
+        return false;
+    }
+    state = State::UP;
+    wasUsed = true;
+    lastHeard = now;
+    nextGreeting = busy ? now + lease / 3 : NEVER;
+    return true;
+}
+
+void PeerLink::OnBundle(Bundle &bundle, int64_t now) {
+    if (bundle.to != ends.self || bundle.from != ends.peer || bundle.mine == 0) {
+        return;
+    }
+    if (theirs != 0 && bundle.mine < theirs) {
+        return; // of a link that is over
+    }
+    lastHeard = now;
+    if (state == State::UP && bundle.mine > theirs) {
+        // The peer has begun anew. As long as nothing has been sent its new count is all that matters: two sides that
+        // both began anew at each other's news would never come to an end.
+        Restart(State::GREETING);
+    }
+    theirs = bundle.mine;
+    if (bundle.items.empty()) {
+        OnGreeting(bundle, now);
+    } else {
+        OnItems(bundle, now);
+    }
+}
+
+void PeerLink::OnGreeting(const Bundle &bundle, int64_t now) {
+    if (state == State::IDLE) {
+        state = State::GREETING;
+    }
+    if (BringUp(bundle, now)) {
+        // Before anything else is sent, so that the peer's first answer finds the link up.
+        Greet(now);
+        listener.OnLinkUp();
+        return;
+    }
+    if (bundle.theirs != mine || !bundle.confirmed) {
+        Greet(now);
+        return;
+    }
+    if (bundle.sequence > received) {
+        OnMissing(now);
+    }
+}
+
+void PeerLink::OnItems(Bundle &bundle, int64_t now) {
+    if (bundle.theirs != mine) {
+        // The peer has not heard yet that this side has begun anew.
+        if (state == State::IDLE) {
+            Begin(now);
+        } else if (now >= nextGreeting) {
+            Greet(now);
+        }
+        return;
+    }
+    if (BringUp(bundle, now)) {
+        listener.OnLinkUp();
+    }
+    if (bundle.sequence <= received) {
+        return; // a repetition
+    }
+    if (bundle.sequence != received + 1) {
+        OnMissing(now);
+        return;
+    }
+    ++received;
+    const uint32_t beginning = mine;
+    for (Item &item : bundle.items) {
+        if (mine != beginning) {
+            return;
+        }
+        listener.OnItem(item);
+    }
+}
+
+void PeerLink::OnMissing(int64_t now) {
+    Say(Level::WARNING, "messages of another bridge are missing; what they belong to is closed");
+    Restart(State::GREETING);
+    Greet(now);
+}
+
+int64_t PeerLink::Due() const {
+    const int64_t silent = state == State::UP && busy ? lastHeard + lease : NEVER;
+    return std::min({nextGreeting, nextFlush, silent});
+}
+
+void PeerLink::OnTime(int64_t now) {
+    if (state == State::UP && busy && now >= lastHeard + lease) {
+        Say(Level::WARNING, "nothing is heard of another bridge any more; what goes through it is closed");
+        Restart(State::GREETING);
+        Greet(now);
+        return;
+    }
+    if (now >= nextGreeting) {
+        Greet(now);
+    }
+    if (now >= nextFlush) {
+        Flush(now);
+    }
+}
+
+} // namespace tarvo_bridge
