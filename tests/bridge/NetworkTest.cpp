@@ -273,6 +273,7 @@ TEST_F(MachinesTest, NetworkThatComesBackIsUsedAgain) {
         }
         Eventually([&] { return Since(start).count() >= 1000 * seconds; }, std::chrono::seconds(40));
         rear->Plug();
+        client->KillAndWait(); // after a short silence its calls go on
         EXPECT_TRUE(Offers(*rear));
         const auto next = Program(*rear);
         const int again = Connect(*next);
@@ -298,7 +299,7 @@ TEST_F(MachinesTest, StoppedServerHoldsUpNobodyElse) {
     int accepted = 0;
     // Until nothing more is taken while the other way stays open.
     for (bool more = true; more;) {
-        const std::string filled = flooder->Ask("fill fill=1000 seed=1" + Fd(flood));
+        const std::string filled = flooder->Ask("fillup fill=1000 seed=1" + Fd(flood));
         EXPECT_NE(filled.find(" " + std::to_string(-EAGAIN)), std::string::npos) << filled;
         accepted += std::stoi(filled);
         more = std::stoi(filled) > 0;
