@@ -4,13 +4,13 @@
 set -uo pipefail
 cd "$(dirname "$0")/.." || exit
 
-STEPS=(kills loopkills loop comeback stopped reconnect twins reopen soak counted python models fuzz ends races cancels clang
-    asan arm64 tidy mutants bare)
+STEPS=(kills loopkills loop comeback stopped reconnect twins reopen bridge soak counted python models fuzz ends races cancels
+    clang asan arm64 tidy mutants bare)
 
 # How many minutes each may take; together four hours on two processors. What is not done then is ended, and has failed.
-declare -A LIMITS=([kills]=12 [loopkills]=3 [loop]=23 [comeback]=8 [stopped]=3 [reconnect]=10 [twins]=5 [reopen]=10
-    [soak]=23 [counted]=4 [python]=6 [models]=12 [fuzz]=20 [ends]=12 [races]=15 [cancels]=4 [clang]=9
-    [asan]=14 [arm64]=18 [tidy]=10 [mutants]=13 [bare]=6)
+declare -A LIMITS=([kills]=12 [loopkills]=3 [loop]=22 [comeback]=8 [stopped]=3 [reconnect]=9 [twins]=5 [reopen]=10
+    [bridge]=10 [soak]=23 [counted]=4 [python]=6 [models]=12 [fuzz]=20 [ends]=12 [races]=15 [cancels]=4
+    [clang]=9 [asan]=12 [arm64]=14 [tidy]=10 [mutants]=11 [bare]=6)
 
 usage() {
     cat <<'TEXT'
@@ -33,6 +33,8 @@ Runs the long proofs, all of them (four hours at most) or the named steps:
   twins    20000 starts and stops of each of two servers of one name: ends of one file, no stop that hangs
   reopen   100000 reopenings of a pipe whose remote closes, in either mode: heard after each; as many ordinary closes
            without a line; as many brief clients of a server with a handful of threads
+  bridge   500 kills of clients, servers and bridges in traffic between two machines, and a cable that is out for 30 s:
+           every call ends, and the next one works
   soak     20 minutes of mixed traffic, more and less of it, with peers that are stopped and killed: no growth of memory,
            descriptors or threads
   counted  2000 kills with all processes counted, as those of the soak are: what was sent arrived or was lost with its
@@ -100,6 +102,14 @@ step_loop() {
     run loop "10^6 calls of the loop" storm storm_loop ${seed:+--seed "$seed"}
     run loop "$soak minutes of the loop" storm storm_loop --minutes "$soak" ${seed:+--seed "$seed"}
 }
+step_bridge() {
+    scripts/install-deps.sh bridge && scripts/build-target.sh release bridge_network || return
+    run bridge "500 kills between machines" env TARVO_STRESS_ROUNDS=500 TARVO_TEST_WATCHDOG=3600 \
+        build/release/tests/bridge/bridge_network --gtest_filter=MachinesTest.KillsInTrafficWedgeNothing
+    run bridge "a cable that is out" env TARVO_STRESS_ROUNDS=1 TARVO_TEST_WATCHDOG=600 \
+        build/release/tests/bridge/bridge_network --gtest_filter=MachinesTest.NetworkThatComesBackIsUsedAgain
+}
+
 step_comeback() {
     run comeback "1000 kills under a client" storm storm_client_kills --kills 1000
     run comeback "the same on one processor" storm storm_client_kills --kills 1000 --one-core
