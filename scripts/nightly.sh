@@ -4,7 +4,7 @@
 set -uo pipefail
 cd "$(dirname "$0")/.." || exit
 
-STEPS=(kills loopkills loop comeback stopped reconnect twins reopen soak fuzz ends races cancels clang asan arm64 tidy bare)
+STEPS=(kills loopkills loop comeback stopped reconnect twins reopen soak counted fuzz ends races cancels clang asan arm64 tidy bare)
 
 usage() {
     cat <<'TEXT'
@@ -27,6 +27,8 @@ Runs the long proofs, all of them (about four hours) or the named steps:
   reopen   100000 reopenings of a pipe whose remote closes, in either mode: heard after each; as many ordinary closes
            without a line; as many brief clients of a server with a handful of threads
   soak     20 minutes of mixed traffic: no growth of memory, descriptors or threads
+  counted  the same and 2000 kills with all processes counted: what was sent arrived or was lost with its reason, calls
+           ended or are outstanding; and all tests of the library's own steps with their numbers compared; for root
   fuzz     600 s of each fuzz target
   ends     1000 ends of a process with traffic, of each kind, under each sanitizer
   races    the tests of threads that meet, 50 times under the thread sanitizer
@@ -93,6 +95,13 @@ step_reconnect() {
 }
 step_twins() { run twins "$twins starts of two servers" storm storm_twins --rounds "$twins"; }
 step_soak() { run soak "soak of $soak minutes" scripts/soak.sh --minutes "$soak" --out build/nightly/soak; }
+# Each test in a process of its own, which compares its numbers at the end.
+step_counted() {
+    run counted "soak of $soak minutes, counted" storm storm_soak --minutes "$soak" --stats
+    run counted "2000 kills, counted" storm storm_kills --kills 2000 --groups 6 --quiet --stats ${seed:+--seed "$seed"}
+    run counted "tests, counted" env TARVO_TEST_STATS=1 scripts/test.sh release -- --output-on-failure \
+        -R '^(unit_(pipe|pipe_calls|server|monitor|table|api_calls|api_cancel)|faults_calls|system_(call|callback|close|open|full_fifo|raw_peer|shutdown))\.'
+}
 step_fuzz() { run fuzz "fuzzing, $fuzz s a target" scripts/fuzz.sh --seconds "$fuzz"; }
 
 step_ends() { run ends "$ends ends of each kind" scripts/exit-runs.sh --runs "$ends"; }

@@ -48,7 +48,7 @@ bool ParseProcess(const std::string &line, Process &process) {
 }
 
 int AskKernel(Process &process) {
-    const UniqueFd fd(open("/proc/self/stat", O_RDONLY | O_CLOEXEC));
+    const UniqueFd fd(openat(AT_FDCWD, "/proc/self/stat", O_RDONLY | O_CLOEXEC));
     char line[1024];
     const ssize_t size = fd.Get() < 0 ? -1 : read(fd.Get(), line, sizeof(line));
     if (size < 0) {
@@ -128,7 +128,7 @@ StatsFile *StatsFile::Decide() {
 }
 
 int StatsFile::Make(StatsFile *&made) {
-    const UniqueFd directory(open(TARVO_STATS_DIRECTORY, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    const UniqueFd directory(openat(AT_FDCWD, TARVO_STATS_DIRECTORY, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (directory.Get() < 0) {
         return -errno;
     }
