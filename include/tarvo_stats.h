@@ -40,7 +40,8 @@ extern "C" {
 // A histogram of times in nanoseconds. Bucket 0 counts those below 896 ns, the last those from 120.26 s on. Between
 // them each power of two has four buckets of equal width, so that none is wider than a quarter of its lower end: the
 // bucket of t is 4 * (floor(log2(t)) - 9) + (the two bits of t below its highest) - 2. All counts together are the
-// number of times measured; calls are measured each, one-way requests as the header's `oneWaysPerTime` says.
+// number of times measured; calls are measured each, one-way requests, and responses in the FIFO, as the header's
+// `oneWaysPerTime` says.
 #define TARVO_STATS_BUCKETS 110U
 
 typedef struct TarvoStatsTimes {
@@ -226,7 +227,7 @@ typedef struct TarvoStatsHeader {
     uint32_t clock;                      // of all times: CLOCK_MONOTONIC (clock_gettime(2))
     uint32_t folding;                    // odd while a closed pipe's numbers move to the slot of those gone
     int32_t pid;                         // in the process's own namespace
-    uint32_t oneWaysPerTime;             // of so many one-way requests one is timed
+    uint32_t oneWaysPerTime;             // of so many one-way requests or responses one is timed
     uint64_t startedAt;                  // of the process, ticks since boot: field 22 of /proc/PID/stat (proc(5))
     uint64_t createdAt;                  // of the file, ns of `clock`
     uint64_t createdWall;                // of the file, ns since 1970

@@ -212,6 +212,7 @@ int RunClean(const CleanOptions &options) {
         Remove(inventory, verdicts);
     }
     std::vector<Told> files;
+    files.reserve(verdicts.size());
     for (const Verdict &verdict : verdicts) {
         files.push_back(
             {inventory.directory + verdict.file.name, verdict.action, verdict.reason, verdict.reason == "in use"});

@@ -172,6 +172,23 @@ TEST(UncountedProcessTest, NothingIsThereWithoutTheDirectory) {
     EXPECT_TRUE(StatsFiles().empty());
 }
 
+TEST(UncountedProcessTest, APipeWithoutAPlaceWorksAndIsNotCounted) {
+    TARVO_STATS_OR_SKIP(02770, "size=44k"); // one chunk: the sums, the threads and six pipes
+    const SyslogCapture log;
+    const PipePair first(Echo);
+    const PipePair second(Echo);
+    const PipePair third(Echo);
+    const PipePair fourth(Echo);
+    EXPECT_EQ("x", Ask(fourth.far, "x"));
+    TarvoStatsPipe stats{};
+    EXPECT_EQ(0, TarvoPipeStats(third.far, &stats));
+    EXPECT_EQ(-ENODATA, TarvoPipeStats(fourth.near, &stats));
+    EXPECT_EQ(-ENODATA, TarvoPipeStats(fourth.far, &stats));
+    EXPECT_EQ(2U, OwnStats().Header().uncounted);
+    EXPECT_EQ(1U, log.Count(LOG_WARNING, "No room in the statistics file"));
+    TarvoCfgFinishServer();
+}
+
 TEST(UncountedProcessTest, AForkedChildOfARunningProcessDoesNotCount) {
     TARVO_STATS_OR_SKIP();
     const PipePair pair(Echo);

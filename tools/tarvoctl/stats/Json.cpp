@@ -91,7 +91,7 @@ json ProcessJson(const ProcessReading &process, const std::string &pattern, bool
         }
     }
     if (slots.empty() && !pattern.empty()) {
-        return json();
+        return nullptr;
     }
     return {{"file", process.File()},
             {"process", now.header.process},

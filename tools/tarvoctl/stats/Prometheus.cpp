@@ -23,20 +23,20 @@ std::string Escaped(const char *text) {
 
 // The file tells apart what has all other labels alike.
 std::string ProcessLabels(const ProcessReading &process) {
-    return fmt::format("file=\"{}\",process=\"{}\",pid=\"{}\"", Escaped(process.File().c_str()),
+    return fmt::format(R"(file="{}",process="{}",pid="{}")", Escaped(process.File().c_str()),
                        Escaped(process.Now().header.process), process.Now().header.pid);
 }
 
 std::string SlotLabels(const ProcessReading &process, uint32_t index) {
     const TarvoStatsSlot &slot = process.Now().slot[index];
     std::string labels =
-        fmt::format("{},slot=\"{}\",engine=\"{}\"", ProcessLabels(process), index, EngineText(slot.engine));
+        fmt::format(R"({},slot="{}",engine="{}")", ProcessLabels(process), index, EngineText(slot.engine));
     if (slot.kind == TARVO_STATS_PIPE || slot.kind == TARVO_STATS_GONE) {
         const bool gone = slot.kind == TARVO_STATS_GONE;
-        labels += fmt::format(",name=\"{}\",remote=\"{}\",state=\"{}\"", Escaped(slot.name), Escaped(slot.remote),
+        labels += fmt::format(R"(,name="{}",remote="{}",state="{}")", Escaped(slot.name), Escaped(slot.remote),
                               gone ? "gone" : StateText(slot.state));
     } else if (slot.kind == TARVO_STATS_SERVER) {
-        labels += fmt::format(",name=\"{}\"", Escaped(slot.name));
+        labels += fmt::format(R"(,name="{}")", Escaped(slot.name));
     }
     return labels;
 }

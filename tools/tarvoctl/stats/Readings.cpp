@@ -34,7 +34,7 @@ int ProcessReading::Read() {
 
 const TarvoStatsSlot *ProcessReading::Before(uint32_t index) const {
     const TarvoStatsReading &before = readings[1 - current];
-    if (count < 2 || index >= before.slots || !TarvoStatsSame(&Now().slot[index], &before.slot[index])) {
+    if (count < 2 || index >= before.slots || TarvoStatsSame(&Now().slot[index], &before.slot[index]) == 0) {
         return nullptr;
     }
     return &before.slot[index];
