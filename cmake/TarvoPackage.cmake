@@ -1,5 +1,6 @@
 # Debian packages: the target `packages` makes libtarvo1, libtarvo-loop1, libtarvo-dev, libtarvo-doc, python3-tarvo and,
-# where the tool is built, tarvo-tools in the folder packages/ of the build tree. scripts/check-packages.sh makes and checks them.
+# where they are built, tarvo-tools and tarvo-bridge in the folder packages/ of the build tree. scripts/check-packages.sh
+# makes and checks them.
 
 set(TARVO_DEBIAN_DIR ${PROJECT_SOURCE_DIR}/packaging/debian)
 set(TARVO_RUNTIME_PACKAGE libtarvo${PROJECT_VERSION_MAJOR})
@@ -88,7 +89,8 @@ tarvo_package(
   SUGGESTS "libtarvo-doc, tarvo-tools"
   DESCRIPTION "messaging between the processes of one Linux machine - development files"
               "Headers, the CMake package (find_package(tarvo)), the pkg-config file and the"
-              "manual pages of the functions of libtarvo and libtarvo-loop.")
+              "manual pages of the functions of libtarvo and libtarvo-loop, and the archive"
+              "libtarvo-stats.a, which reads the statistics of running processes.")
 tarvo_package(
   documentation libtarvo-doc
   SECTION doc
@@ -117,12 +119,29 @@ if(TARGET tarvoctl)
     tool tarvo-tools
     SECTION utils
     DEPENDS "${TARVO_SAME_VERSION}, ${TARVO_LOOP_PACKAGE} (= ${PROJECT_VERSION})"
-    SUGGESTS libtarvo-doc
+    SUGGESTS "libtarvo-doc, bpftrace"
     DESCRIPTION "messaging between the processes of one Linux machine - command line tool"
                 "tarvoctl serves, calls, measures, lists and diagnoses processes that talk"
                 "through libtarvo, without a line of code. With it come manual pages of every"
-                "error of the library and of every line that it writes to the system log.")
+                "error of the library and of every line that it writes to the system log, and"
+                "scripts for bpftrace that show where messages are.")
   list(APPEND CPACK_COMPONENTS_ALL tool)
+endif()
+
+if(TARGET tarvo-bridge)
+  set(bridge_files ${PROJECT_SOURCE_DIR}/packaging/bridge)
+  tarvo_package(
+    bridge tarvo-bridge
+    SECTION net
+    DEPENDS "${TARVO_SAME_VERSION}, adduser"
+    SUGGESTS "tarvo-tools, libtarvo-doc, openssl"
+    EXTRA ${bridge_files}/postinst ${bridge_files}/prerm ${bridge_files}/conffiles
+    DESCRIPTION "messaging between the processes of one Linux machine - between machines"
+                "A bridge on each machine makes servers of the one reachable under their names"
+                "on the other, over Cyclone DDS. Programs do not change: requests, responses,"
+                "time-outs and ends are those of one machine. With it come a service and its"
+                "configuration, and what others need to speak with bridges.")
+  list(APPEND CPACK_COMPONENTS_ALL bridge)
 endif()
 
 include(CPack)
@@ -131,7 +150,7 @@ include(CPack)
 add_custom_target(packages COMMAND ${CMAKE_CPACK_COMMAND} --config ${PROJECT_BINARY_DIR}/CPackConfig.cmake
                   WORKING_DIRECTORY ${PROJECT_BINARY_DIR} USES_TERMINAL VERBATIM)
 add_dependencies(packages tarvo tarvo_loop)
-foreach(optional IN ITEMS tarvoctl tarvo_man)
+foreach(optional IN ITEMS tarvoctl tarvo_man tarvo-bridge)
   if(TARGET ${optional})
     add_dependencies(packages ${optional})
   endif()

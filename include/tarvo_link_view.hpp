@@ -3,6 +3,7 @@
 #define TARVO_LINK_VIEW_HPP
 
 #include "tarvo_loop_parts.hpp"
+#include "tarvo_stats.h"
 
 #include <functional>
 
@@ -25,6 +26,11 @@ public:
     [[nodiscard]] std::string_view Peer() const noexcept {
         const char *const name = TarvoLinkPeer(link_);
         return name == nullptr ? std::string_view() : name;
+    }
+
+    // TarvoLinkStats (tarvo_stats.h): what is counted of the link. no_message_available (ENODATA) where nothing is.
+    [[nodiscard]] std::error_code Stats(TarvoStatsPipe &stats) const noexcept {
+        return detail::LoopError(TarvoLinkStats(link_, &stats));
     }
 
     // TarvoLinkSend: one-way. resource_unavailable_try_again (EAGAIN) when there is no room: nothing is taken until

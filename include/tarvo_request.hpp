@@ -3,6 +3,7 @@
 #define TARVO_REQUEST_HPP
 
 #include "tarvo_basics.hpp"
+#include "tarvo_stats.h"
 
 #include <functional>
 
@@ -19,6 +20,19 @@ public:
     [[nodiscard]] int Handle() const noexcept { return handle_; }
     // TarvoGetRemoteName: who is at the other end; empty when there is no such pipe (any more).
     [[nodiscard]] std::string RemoteName() const { return detail::RemoteName(handle_); }
+
+    // TarvoPipeStats: what this process has counted of the pipe. The error is ENODATA where nothing is counted.
+    [[nodiscard]] TarvoStatsPipe Stats() const {
+        std::error_code error;
+        const TarvoStatsPipe stats = Stats(error);
+        detail::ThrowIf(error, "tarvo statistics", handle_);
+        return stats;
+    }
+    TarvoStatsPipe Stats(std::error_code &error) const noexcept {
+        TarvoStatsPipe stats{};
+        error = ToError(TarvoPipeStats(handle_, &stats));
+        return stats;
+    }
 
     // TarvoSendRequest: one-way, without waiting. `id` reaches the remote's callback unchanged.
     void Send(Payload payload, uint32_t id = 0) const {

@@ -28,6 +28,7 @@ Other options choose what is measured and leave the single steps out, for exampl
   scripts/bench.sh --rounds 9 --contestants tarvo --scenarios call64,callers8 --cores one --no-urgent
   scripts/bench.sh --before ../other/build/release/src --contestants tarvo,tarvo-before
   scripts/bench.sh --inside --before ../other/build/release/src
+  scripts/bench.sh --stats --contestants tarvo,tarvo-counted --scenarios call64,oneway64 --rounds 9
   scripts/bench.sh --steps --benchmark_filter=Written --benchmark_repetitions=9
   scripts/bench.sh --help-options
 TEXT

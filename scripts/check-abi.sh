@@ -8,7 +8,7 @@ usage() {
 Usage: scripts/check-abi.sh [--update]
 
 Compares what programs that were built against include/tarvo.h and include/tarvo_loop.h rely on (functions with their
-parameters and results, and sizes, fields and values of the types) with the baselines of this major version,
+parameters and results, and sizes, fields and values of the types; also include/tarvo_stats.h) with the baselines of this major version,
 abi/libtarvo-1.0.abi and abi/libtarvo-loop-1.0.abi, and fails on every difference, also on additions: those go into the
 baselines with --update, by a change of its own.
 
@@ -86,10 +86,12 @@ check_complete() {
     return $missing
 }
 
-# check LIBRARY HEADER: its interface against its baseline; or writes that anew.
+# check LIBRARY HEADER [FUNCTION...]: its interface, and those functions of other headers, against its baseline; or writes
+# that anew.
 check() {
     local library=$1 header=$2 baseline=abi/$1-1.0.abi now=$scratch/$1.abi names=() changes
     mapfile -t names < <(functions "$header")
+    names+=("${@:3}")
     build "$library" "${names[@]}"
     abidw --headers-dir include --drop-private-types --exported-interfaces-only --suppressions "$scratch/suppressions" \
         --no-show-locs --no-corpus-path --no-comp-dir-path --no-elf-needed --type-id-style hash \
@@ -109,10 +111,10 @@ check() {
     echo "the binary interface of ${#names[@]} functions is that of $baseline"
 }
 
-# Programs can call what a library shows, and some day they do.
+# check_exports LIBRARY HEADER [FUNCTION...]: programs can call what a library shows, and some day they do.
 check_exports() {
     local library=$1 header=$2 differences
-    if ! differences=$(diff <(functions "$header") \
+    if ! differences=$(diff <({ functions "$header" && printf '%s\n' "${@:3}"; } | LC_ALL=C sort) \
         <(nm --dynamic --defined-only --format=posix "$library" | cut -d ' ' -f 1 | LC_ALL=C sort)); then
         echo "$differences"
         echo "check-abi.sh: what $library shows (>) is not what $header declares (<)" >&2
@@ -131,11 +133,11 @@ main() {
     esac
     scripts/install-deps.sh base abi
     write_suppressions >"$scratch/suppressions"
-    check libtarvo include/tarvo.h
-    check libtarvo-loop include/tarvo_loop.h
+    check libtarvo include/tarvo.h TarvoPipeStats
+    check libtarvo-loop include/tarvo_loop.h TarvoLinkStats
     scripts/build-target.sh release tarvo_loop
     $update || scripts/check-members.sh build/release/src/libtarvo.so
-    check_exports build/release/src/loop/libtarvo-loop.so include/tarvo_loop.h
+    check_exports build/release/src/loop/libtarvo-loop.so include/tarvo_loop.h TarvoLinkStats
 }
 
 main "$@"

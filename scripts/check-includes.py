@@ -16,22 +16,24 @@ import sys
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 
-# Folder: the folders below it. src/base stands on nothing; all others may use it. Nothing stands on src/loop, which is a
-# library of its own.
+# Folder: the folders below it. src/base stands on nothing; all others may use it. Nothing stands on src/loop and
+# src/stats_reader, which are libraries of their own.
 BELOW = {
     "base": set(),
     "diag": set(),
+    "stats": {"diag"},
     "fifo": {"diag"},
-    "worker": {"diag"},
-    "pipe": {"fifo", "diag"},
-    "server": {"pipe", "fifo", "worker", "diag"},
-    "monitor": {"pipe", "worker", "fifo", "diag"},
-    "table": {"monitor", "pipe", "worker", "fifo", "diag"},
-    "api": {"table", "monitor", "server", "pipe", "worker", "fifo", "diag"},
-    "loop": {"fifo", "diag"},
+    "worker": {"stats", "diag"},
+    "pipe": {"fifo", "stats", "diag"},
+    "server": {"pipe", "fifo", "worker", "stats", "diag"},
+    "monitor": {"pipe", "worker", "fifo", "stats", "diag"},
+    "table": {"monitor", "pipe", "worker", "fifo", "stats", "diag"},
+    "api": {"table", "monitor", "server", "pipe", "worker", "fifo", "stats", "diag"},
+    "loop": {"fifo", "stats", "diag"},
+    "stats_reader": set(),
 }
 # Those of them that a tree may be without.
-OPTIONAL = {"loop"}
+OPTIONAL = {"loop", "stats_reader"}
 
 # Single units that may be included from outside of their folder's place: by all, or by a folder or a unit of it.
 FOR_ALL = {"api/EnvManager.h"}
@@ -101,7 +103,7 @@ class Tree:
         self.root = root
         self.headers = sorted((root / "include").glob("*.h*"))
         self.public = {path.name for path in self.headers}
-        self.sources = sorted(p for p in (root / "src").rglob("*") if p.suffix in {".h", ".cpp"})
+        self.sources = sorted(p for p in (root / "src").rglob("*") if p.suffix in {".h", ".c", ".cpp"})
         self.texts = {path: UNREAD.sub(blank, path.read_text(encoding="utf-8")) for path in self.sources + self.headers}
         self.definers = self.find_definers()
 

@@ -111,7 +111,7 @@ check_development() {
     for file in include/*; do
         expect_file "$deb" "^-rw-r--r-- root/root .* \./usr/include/${file##*/}\$"
     done
-    for file in "$libdir"/{pkgconfig/tarvo.pc,pkgconfig/tarvo-loop.pc,cmake/tarvo/tarvoConfig.cmake} usr/share/man/man3/Tarvo{Open,LinkCall}.3.gz; do
+    for file in "$libdir"/{pkgconfig/tarvo.pc,pkgconfig/tarvo-loop.pc,pkgconfig/tarvo-stats.pc,libtarvo-stats.a,cmake/tarvo/tarvoConfig.cmake} usr/share/man/man3/Tarvo{Open,LinkCall}.3.gz; do
         expect_file "$deb" "^-rw-r--r-- root/root .* \./$file\$"
     done
 }
@@ -122,9 +122,23 @@ check_tool() {
     expect_field "$deb" Depends "libtarvo$major (= $3), libtarvo-loop$major (= $3), libc6 (>= *"
     expect_file "$deb" "^-rwxr-xr-x root/root .* \./usr/bin/tarvoctl\$"
     for file in share/man/man1/tarvoctl.1.gz share/man/man7/tarvo{,-errors,-log,-loop}.7.gz \
-        share/bash-completion/completions/tarvoctl; do
+        share/bash-completion/completions/tarvoctl share/tarvo/bpftrace/tarvo-{drops,latency,queues}.bt; do
         expect_file "$deb" "^-rw-r--r-- root/root .* \./usr/$file\$"
     done
+}
+
+check_bridge() {
+    local deb=$1 version=$2 major=${2%%.*} file
+    expect_field "$deb" Multi-Arch foreign
+    expect_field "$deb" Depends "libtarvo$major (= $version), adduser, *libddsc*"
+    expect_file "$deb" "^-rwxr-xr-x root/root .* \./usr/bin/tarvo-bridge\$"
+    for file in etc/tarvo/bridge.conf usr/lib/systemd/system/tarvo-bridge.service usr/share/man/man8/tarvo-bridge.8.gz \
+        usr/share/tarvo-bridge/tarvo_bridge.idl; do
+        expect_file "$deb" "^-rw-r--r-- root/root .* \./$file\$"
+    done
+    dpkg-deb --control "$deb" "$scratch/control"
+    grep -qx /etc/tarvo/bridge.conf "$scratch/control/conffiles" || fail "${deb##*/}: its configuration is no conffile"
+    rm -rf "$scratch/control"
 }
 
 # Every page and every example, and no link that leads out of them into nothing.
@@ -218,6 +232,7 @@ unpack_and_use() {
     cmake --build "$scratch/cmake" >/dev/null
     LD_LIBRARY_PATH=$libdir "${run[@]}" "$scratch/cmake/consumer"
     LD_LIBRARY_PATH=$libdir "${run[@]}" "$scratch/cmake/loop_consumer"
+    "${run[@]}" "$scratch/cmake/stats_consumer"
     # shellcheck disable=SC2046 # a list of options
     "$cxx" -std=c++17 -o "$scratch/consumer" tests/packaging/consumer/consumer.cpp \
         $(PKG_CONFIG_LIBDIR=$libdir/pkgconfig pkg-config --cflags --libs tarvo)
@@ -249,6 +264,7 @@ check() {
     check_documentation "$packages/libtarvo-doc_${version}_all.deb"
     check_python "$packages/python3-tarvo_${version}_all.deb" "$libdir" "$version"
     [[ ! -d tools/tarvoctl ]] || check_tool "$packages/tarvo-tools_${version}_$arch.deb" "$libdir" "$version"
+    [[ ! -d bridge ]] || check_bridge "$packages/tarvo-bridge_${version}_$arch.deb" "$version"
     check_with_lintian "$packages"/*.deb
     tests/packaging/man-test.sh "build/$preset/man" "build/$preset/src/libtarvo.so" \
         "build/$preset/src/loop/libtarvo-loop.so"
@@ -278,7 +294,7 @@ main() {
         esac
         shift
     done
-    scripts/install-deps.sh base packages
+    scripts/install-deps.sh base bridge packages
     for preset in "${presets[@]:-release}"; do
         [[ $preset != arm64 ]] || scripts/install-deps.sh arm64
         check "$preset"

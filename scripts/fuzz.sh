@@ -4,7 +4,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/lib.sh
 
-targets=(frames slices packets names contexts loadfile sequence engines loop_packets loop_sequence)
+targets=(frames slices packets names contexts loadfile sequence engines loop_packets loop_sequence stats)
 
 usage() {
     cat <<TEXT
@@ -25,6 +25,7 @@ Builds the fuzz targets in the checked preset and runs each for N seconds (defau
             the packet reader of the loop's services
   loop_sequence
             calls of the functions of the loop, outside of callbacks and inside them
+  stats     the reader of statistics files, whose content it changes and cuts
 
 Inputs that reach new code gather in build/fuzz/corpus/TARGET, from where the next run goes on; --keep adds a minimal
 set of them to tests/fuzz/corpus/TARGET. An input that breaks a promise goes to tests/fuzz/corpus/TARGET/found-HASH, and
@@ -48,6 +49,7 @@ longest_input() {
     frames | slices | engines) echo 16384 ;;
     packets | loop_packets) echo 4096 ;;
     loadfile) echo 8192 ;;
+    stats) echo 20000 ;;
     *) echo 512 ;;
     esac
 }

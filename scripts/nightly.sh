@@ -4,14 +4,21 @@
 set -uo pipefail
 cd "$(dirname "$0")/.." || exit
 
-STEPS=(kills loopkills loop comeback stopped reconnect twins reopen soak python fuzz ends races cancels clang asan arm64 tidy bare)
+STEPS=(kills loopkills loop comeback stopped reconnect twins reopen bridge soak counted python models fuzz ends races cancels
+    clang asan arm64 tidy mutants bare)
+
+# How many minutes each may take; together four hours on two processors. What is not done then is ended, and has failed.
+declare -A LIMITS=([kills]=12 [loopkills]=3 [loop]=22 [comeback]=8 [stopped]=3 [reconnect]=9 [twins]=5 [reopen]=10
+    [bridge]=10 [soak]=23 [counted]=4 [python]=6 [models]=12 [fuzz]=20 [ends]=12 [races]=15 [cancels]=4
+    [clang]=9 [asan]=12 [arm64]=14 [tidy]=10 [mutants]=11 [bare]=6)
 
 usage() {
     cat <<'TEXT'
 Usage: scripts/nightly.sh [--kills N] [--reconnects N] [--twins N] [--reopenings N] [--soak-minutes N] [--fuzz-seconds N]
-                          [--ends N] [--repeats N] [--seed N] [STEP...]
+                          [--ends N] [--repeats N] [--mutant-hours N] [--seed N] [--limit MINUTES] [--list] [--update]
+                          [STEP...]
 
-Runs the long proofs, all of them (about four hours) or the named steps:
+Runs the long proofs, all of them (four hours at most) or the named steps:
 
   kills    20000 kills of servers and clients, restarted at once: nobody wedged, an answer within 1 s (99th percentile)
   loopkills
@@ -26,9 +33,15 @@ Runs the long proofs, all of them (about four hours) or the named steps:
   twins    20000 starts and stops of each of two servers of one name: ends of one file, no stop that hangs
   reopen   100000 reopenings of a pipe whose remote closes, in either mode: heard after each; as many ordinary closes
            without a line; as many brief clients of a server with a handful of threads
-  soak     20 minutes of mixed traffic: no growth of memory, descriptors or threads
+  bridge   500 kills of clients, servers and bridges in traffic between two machines, and a cable that is out for 30 s:
+           every call ends, and the next one works
+  soak     20 minutes of mixed traffic, more and less of it, with peers that are stopped and killed: no growth of memory,
+           descriptors or threads
+  counted  2000 kills with all processes counted, as those of the soak are: what was sent arrived or was lost with its
+           reason, calls ended or are outstanding; and tests of the library's steps, their numbers compared; for root
   python   the tests of the Python package with 1000 kills of servers and of clients, 100000 calls, 2000 examples
-  fuzz     600 s of each fuzz target
+  models   the models within large bounds, and each of their mutants
+  fuzz     180 s of each fuzz target, two at a time; what it has found new is made small and kept
   ends     1000 ends of a process with traffic, of each kind, under each sanitizer
   races    the tests of threads that meet, 50 times under the thread sanitizer
   cancels  400 cancellations of a thread inside each function: no abort, no lock kept, no descriptor lost
@@ -36,25 +49,36 @@ Runs the long proofs, all of them (about four hours) or the named steps:
   asan     all tests under gcc's sanitizers of memory and undefined behaviour
   arm64    all tests on arm64, of which each change runs a part
   tidy     clang-tidy on each source by itself
+  mutants  small faults in the sources, as many as 18 minutes are enough for, after those of the nights before
   bare     scripts/test.sh and scripts/demo.sh on a system that has nothing yet
 
-Everything a step prints is in build/nightly/STEP.log. Installs what is missing.
+  --limit MINUTES  for each step, instead of its own
+  --list           print the steps with their limits, and run none
+  --update         put the table of promises and figures, and the plots, into docs/
+
+Everything a step prints is in build/nightly/STEP.log, the table in build/nightly/table.md. Installs what is missing.
 TEXT
 }
 
 declare -a summary=()
 failed=0
 
-# run STEP NAME COMMAND...
+# run STEP NAME COMMAND...: within what the step has left of its limit.
 run() {
-    local step=$1 name=$2 start=$SECONDS verdict=ok log=build/nightly/$1.log
+    local step=$1 name=$2 start=$SECONDS verdict=ok status log=build/nightly/$1.log left
     shift 2
+    left=$((step_end - SECONDS))
     printf '\n== %s: %s\n' "$name" "$*"
-    if ! "$@" 2>&1 | tee -a "$log"; then
+    # shellcheck disable=SC2016 # for the inner shell, which has the functions of this one
+    timeout --kill-after=30 "$((left > 0 ? left : 1))" bash -c '"$@"' bash "$@" 2>&1 | tee -a "$log"
+    status=${PIPESTATUS[0]}
+    if [[ $status -ne 0 ]]; then
         verdict=FAILED
+        [[ $status -ne 124 && $status -ne 137 ]] || verdict='TIME OUT'
         failed=1
+        failed_steps+=" $step "
     fi
-    summary+=("$(printf '%-28s %-7s %5d s  %s' "$name" "$verdict" $((SECONDS - start)) "$log")")
+    summary+=("$(printf '%-28s %-8s %5d s  %s' "$name" "$verdict" $((SECONDS - start)) "$log")")
 }
 
 storm() {
@@ -78,6 +102,14 @@ step_loop() {
     run loop "10^6 calls of the loop" storm storm_loop ${seed:+--seed "$seed"}
     run loop "$soak minutes of the loop" storm storm_loop --minutes "$soak" ${seed:+--seed "$seed"}
 }
+step_bridge() {
+    scripts/install-deps.sh bridge && scripts/build-target.sh release bridge_network || return
+    run bridge "500 kills between machines" env TARVO_STRESS_ROUNDS=500 TARVO_TEST_WATCHDOG=3600 \
+        build/release/tests/bridge/bridge_network --gtest_filter=MachinesTest.KillsInTrafficWedgeNothing
+    run bridge "a cable that is out" env TARVO_STRESS_ROUNDS=1 TARVO_TEST_WATCHDOG=600 \
+        build/release/tests/bridge/bridge_network --gtest_filter=MachinesTest.NetworkThatComesBackIsUsedAgain
+}
+
 step_comeback() {
     run comeback "1000 kills under a client" storm storm_client_kills --kills 1000
     run comeback "the same on one processor" storm storm_client_kills --kills 1000 --one-core
@@ -93,14 +125,24 @@ step_reconnect() {
     run reconnect "the same, without a callback" storm storm_reconnect --rounds "$reconnects" --no-callback
 }
 step_twins() { run twins "$twins starts of two servers" storm storm_twins --rounds "$twins"; }
-step_soak() { run soak "soak of $soak minutes" scripts/soak.sh --minutes "$soak" --out build/nightly/soak; }
-
+step_soak() {
+    local counted=()
+    [[ $EUID -ne 0 ]] || counted=(--stats)
+    run soak "soak of $soak minutes" scripts/soak.sh --minutes "$soak" --out build/nightly/soak "${counted[@]}"
+}
 step_python() {
     run python "the Python package, for long" env TARVO_KILLS=1000 TARVO_CALLS=100000 TARVO_EXAMPLES=2000 \
         TARVO_LIMIT=900 scripts/test.sh release -- -R '^python_package$' --output-on-failure
 }
 
-step_fuzz() { run fuzz "fuzzing, $fuzz s a target" scripts/fuzz.sh --seconds "$fuzz"; }
+# Each test in a process of its own, which compares its numbers at the end.
+step_counted() {
+    run counted "2000 kills, counted" storm storm_kills --kills 2000 --groups 6 --quiet --stats ${seed:+--seed "$seed"}
+    run counted "tests, counted" env TARVO_TEST_STATS=1 scripts/test.sh release -- --output-on-failure \
+        -R '^(unit_(pipe|pipe_calls|server|monitor|table|api_calls|api_cancel)|faults_calls|system_(call|callback|close|open|full_fifo|raw_peer|shutdown))\.'
+}
+step_fuzz() { run fuzz "fuzzing, $fuzz s a target" scripts/fuzz.sh --seconds "$fuzz" --jobs 2 --keep; }
+step_models() { run models "models, large bounds" scripts/models.sh --large --minutes 4; }
 
 step_ends() { run ends "$ends ends of each kind" scripts/exit-runs.sh --runs "$ends"; }
 
@@ -123,15 +165,93 @@ step_clang() { run clang "all tests with clang" scripts/test.sh clang; }
 step_asan() { run asan "all tests under gcc's asan" scripts/test.sh asan; }
 step_arm64() { run arm64 "all tests on arm64" scripts/test.sh arm64; }
 step_tidy() { run tidy "clang-tidy, source by source" scripts/check-tidy.sh --separate; }
+step_mutants() {
+    run mutants "faults in the sources" scripts/mutants.py --seed "${seed:-1}" --hours "$mutant_hours" --at-least 95
+}
 step_bare() { run bare "tests and demo on a bare system" scripts/bare-system.sh; }
+
+# picked STEP EXPRESSION...: the lines of a step's log that begin so, in one.
+picked() {
+    local log=build/nightly/$1.log expression
+    shift
+    for expression in "$@"; do
+        grep -aE "^($expression)" "$log" | tail -n 1
+    done | sed -E 's/[ |]+/ /g; s/ *$//' | paste -sd ';' | sed 's/;/; /g'
+}
+
+# The figures that stand for a step, out of what it has printed.
+figures() {
+    case $1 in
+    kills) picked kills 'kills' 'answers, each' 'restart to first answer: 99' 'wedged' 'other failures' ;;
+    loop | loopkills) picked "$1" 'calls' 'answered' 'timed out' 'cancelled' 'lost' 'kills' 'heap bytes more' ;;
+    comeback) grep -aE '^[0-9]+ kills: ' build/nightly/comeback.log | paste -sd ';' ;;
+    stopped) picked stopped 'sends refused' 'a refused send took, 99' 'later than that, 99' 'share of' ;;
+    reconnect) grep -aE '^[0-9]+ rounds, ' build/nightly/reconnect.log | paste -sd ';' | sed 's/;/; /g' ;;
+    twins) picked twins 'starts:' 'a stop took' ;;
+    soak) printf 'last row: %s; grown: %s' "$(grep -aE '^ +[0-9.]+( +[0-9]+){12}$' build/nightly/soak.log | tail -n 1 |
+        awk '{ print $5 " calls, " $6 " one-way, median " $7 " us, 99th percentile " $8 " us, " $11 " killed, " $12 " stopped" }')" \
+        "$(grep -ac GROWTH build/nightly/soak.log || true)" ;;
+    models) awk '/ ok / { states += $3; models++ } / seen / { mutants++ }
+        END { printf "%d searches, %.0f states, %d mutants seen", models, states, mutants }' build/nightly/models.log ;;
+    fuzz) awk '/ inputs, / { inputs += $3; targets++ } END { printf "%d targets, %d inputs", targets, inputs }' \
+        build/nightly/fuzz.log ;;
+    mutants) picked mutants 'noticed: ' ;;
+    races | reopen | cancels | clang | asan | arm64) grep -aE '^[0-9]+% tests passed' "build/nightly/$1.log" | tail -n 1 ;;
+    *) tail -n 1 "build/nightly/$1.log" | cut -c -80 ;;
+    esac
+}
+
+# What the usage says a step shows, on one line.
+promise() {
+    usage | awk -v step="$1" '
+        /^$/ { take = 0 }
+        take && /^  [a-z0-9]/ { take = 0 }
+        $1 == step && /^  [a-z]/ { take = 1; $1 = "" }
+        take { $1 = $1; text = text " " $0 }
+        END { sub(/^ +/, "", text); print text }'
+}
+
+write_table() {
+    local step
+    printf '| step | promised | figures | seconds | |\n|---|---|---|---|---|\n' >build/nightly/table.md
+    for step in "$@"; do
+        # shellcheck disable=SC2016 # Markdown's
+        printf '| `%s` | %s | %s | %d | %s |\n' "$step" "$(promise "$step")" "$(figures "$step" | tr '|' '/')" \
+            "${seconds[$step]}" "$([[ $failed_steps != *" $step "* ]] && echo held || echo FAILED)" >>build/nightly/table.md
+    done
+}
+
+# Puts the table and the plots where readers find them.
+update_pages() {
+    awk -v file=build/nightly/table.md '
+        /^<!-- nightly -->$/ { print; while ((getline line < file) > 0) print line; skipping = 1; next }
+        /^<!-- end -->$/ { skipping = 0 }
+        !skipping' docs/long-runs.md >build/nightly/page && cp build/nightly/page docs/long-runs.md
+    [[ ! -e build/nightly/soak/soak.svg ]] || cp build/nightly/soak/soak.svg docs/soak.svg
+    [[ ! -e build/nightly/soak/load.svg ]] || cp build/nightly/soak/load.svg docs/soak-load.svg
+}
+
+list() {
+    local step total=0
+    for step in "${STEPS[@]}"; do
+        printf '%-10s %3d min\n' "$step" "${LIMITS[$step]}"
+        total=$((total + LIMITS[$step]))
+    done
+    printf '%-10s %3d min\n' together $total
+}
 
 main() {
     local selected=() step
-    kills=20000 reconnects=10000 twins=20000 reopenings=100000 soak=20 fuzz=600 ends=1000 repeats=50 seed=''
+    declare -A seconds=()
+    kills=20000 reconnects=10000 twins=20000 reopenings=100000 soak=20 fuzz=180 ends=1000 repeats=50 seed='' mutant_hours=0.3
+    limit='' update=false failed_steps=''
     while [[ $# -gt 0 ]]; do
         case $1 in
         -h | --help) usage && return 0 ;;
-        --kills | --reconnects | --twins | --reopenings | --soak-minutes | --fuzz-seconds | --ends | --repeats | --seed)
+        --list) list && return 0 ;;
+        --update) update=true ;;
+        --kills | --reconnects | --twins | --reopenings | --soak-minutes | --fuzz-seconds | --ends | --repeats | --seed | \
+            --mutant-hours | --limit)
             [[ $# -gt 1 ]] || { usage >&2 && return 2; }
             case $1 in
             --kills) kills=$2 ;;
@@ -143,6 +263,8 @@ main() {
             --ends) ends=$2 ;;
             --repeats) repeats=$2 ;;
             --seed) seed=$2 ;;
+            --mutant-hours) mutant_hours=$2 ;;
+            --limit) limit=$2 ;;
             esac
             shift
             ;;
@@ -153,11 +275,18 @@ main() {
         esac
         shift
     done
+    [[ ${#selected[@]} -gt 0 ]] || selected=("${STEPS[@]}")
     mkdir -p build/nightly
-    for step in "${selected[@]:-${STEPS[@]}}"; do
+    export -f storm storm_and_clean
+    for step in "${selected[@]}"; do
         : >"build/nightly/$step.log"
+        seconds[$step]=$SECONDS
+        step_end=$((SECONDS + 60 * ${limit:-${LIMITS[$step]}}))
         "step_$step"
+        seconds[$step]=$((SECONDS - seconds[$step]))
     done
+    write_table "${selected[@]}"
+    ! $update || update_pages
     printf '\n== Summary, %d s\n' $SECONDS
     printf '%s\n' "${summary[@]}"
     return $failed

@@ -11,6 +11,7 @@ import sys
 import time
 from datetime import datetime, timezone
 
+import counted
 import machine
 import page
 import plots
@@ -18,7 +19,7 @@ import tables
 from figures import Results
 from measure import Contestant, discover, measure
 from processes import Failure, raise_descriptor_limit
-from scenarios import AGAIN, BEFORE, FORMS, LANES, LEAST_SAMPLES, SCENARIOS, TOLD_TWICE
+from scenarios import AGAIN, BEFORE, COUNTED, FORMS, LANES, LEAST_SAMPLES, SCENARIOS, TOLD_TWICE
 from urgent import measure_urgent
 
 KNOWN = ["tarvo", "tarvo-loop", "fifo", "floor", "floor-sem", "floor-shared", "loop-floor", "zeromq", "nng", "sd-bus", "dbus",
@@ -36,6 +37,8 @@ def arguments():
     parser.add_argument("--output", required=True, help="folder for figures.json, tables.md and the plots")
     parser.add_argument("--form", choices=FORMS, default="quick")
     parser.add_argument("--before", help=f"a folder with another build of the library: measured too, as {BEFORE}")
+    parser.add_argument("--stats", action="store_true", help="each engine with its statistics kept, too, as " +
+                        " and ".join(COUNTED.values()))
     parser.add_argument("--contestants", type=names, help="only these (and the floors, for the ratios)")
     parser.add_argument("--scenarios", type=names, help="only these, without calls under stress: " +
                         ", ".join(one.name for one in SCENARIOS))
@@ -62,6 +65,8 @@ def contestants_of(options):
         if options.before:
             before = {"LD_LIBRARY_PATH": os.path.abspath(options.before)}
             found[BEFORE] = Contestant(BEFORE, tarvo.program, tarvo.described, before)
+    if options.stats:
+        counted.add_to(found)
     if options.contestants:
         unknown = options.contestants - set(found)
         if unknown:
@@ -112,7 +117,7 @@ class Run:
         return steps
 
     def wants(self, contestant, scenario):
-        told_twice = contestant.name not in (AGAIN, BEFORE) or scenario.group in TOLD_TWICE or self.options.scenarios
+        told_twice = contestant.name not in (AGAIN, BEFORE, *COUNTED.values()) or scenario.group in TOLD_TWICE or self.options.scenarios
         return told_twice and self.form.wants(contestant, scenario)
 
     def rounds(self, scenario, peer=False):

@@ -12,14 +12,16 @@ import subprocess
 import sys
 import tempfile
 
+import counted as statistics
 import machine
+from counted import directory_for
 from measure import Contestant, discover
 from parts import inside
 from processes import Child, Group
-from scenarios import BEFORE
+from scenarios import BEFORE, COUNTED
 
 FEW, MANY = 500, 1500
-CONTESTANTS = [BEFORE, "tarvo", "floor", "floor-sem", "tarvo-loop", "loop-floor"]
+CONTESTANTS = [BEFORE, *COUNTED.values(), "tarvo", "floor", "floor-sem", "tarvo-loop", "loop-floor"]
 KINDS = {"call of 64 bytes": ["--kind", "call"], "one-way, 64 bytes": ["--kind", "oneway", "--window", "500"]}
 LINE, PAGE = 6, 12  # bits of an address
 
@@ -31,7 +33,7 @@ def run(contestant, task, command, before_server=(), before_client=()):
     global _number
     _number += 1
     common = ["--endpoint", f"tvi{os.getpid()}_{_number}"]
-    with Group() as group:
+    with directory_for(contestant), Group() as group:
         server = group.add(Child([*before_server, contestant.program, "server", *common], contestant.environment))
         server.answer(60)
         client = group.add(Child([*before_client, contestant.program, "client", *common, "--self", common[1] + "c", *task],
@@ -102,6 +104,7 @@ def arguments():
     parser.add_argument("--programs", required=True, help="folder of the contestants' programs")
     parser.add_argument("--output", required=True, help="folder for inside.json")
     parser.add_argument("--before", help="a folder with another build of the library: counted too, as tarvo-before")
+    parser.add_argument("--stats", action="store_true", help="each engine with its statistics kept, too")
     parser.add_argument("--contestants", type=lambda text: text.split(","), default=CONTESTANTS)
     return parser.parse_args()
 
@@ -113,6 +116,8 @@ def main():
         tarvo = contestants["tarvo"]
         contestants[BEFORE] = Contestant(BEFORE, tarvo.program, tarvo.described,
                                          {"LD_LIBRARY_PATH": os.path.abspath(options.before)})
+    if options.stats:
+        statistics.add_to(contestants)
     subprocess.run(["valgrind", "--version"], check=True, stdout=subprocess.DEVNULL)
     rows = []
     for kind, task in KINDS.items():

@@ -8,6 +8,7 @@ from dataclasses import dataclass, field, replace
 
 import numpy
 
+from counted import directory_for
 from processes import Busy, Child, Failure, Group, facts, monotonic_ns, processor_time, switches
 from scenarios import LANES, MANY_CLIENTS
 
@@ -24,6 +25,7 @@ class Contestant:
     program: str
     described: dict
     environment: dict = field(default_factory=dict)
+    counted: bool = False  # keeps statistics (counted.py)
 
     @property
     def abilities(self):
@@ -84,7 +86,7 @@ def measure(contestant, scenario, mode, seconds, least, rate=0.0, urgent=False, 
     common = ["--endpoint", endpoint] + (["--one-core"] if mode == "one" else []) + (
         ["--urgent"] if urgent else []) + (["--lock", "onfault"] if scenario.kind == "periodic" else [])
     try:
-        with tempfile.TemporaryDirectory(prefix="tarvo-bench") as folder, Group() as group:
+        with tempfile.TemporaryDirectory(prefix="tarvo-bench") as folder, directory_for(contestant), Group() as group:
             server = group.add(Child([contestant.program, "server", *common], contestant.environment))
             processes = server.answer()["processes"]
             if not contestant.abilities & LANES:

@@ -5,6 +5,7 @@ from dataclasses import dataclass, replace
 LANES, ONE_WAY, WINDOW, CONNECTS, MANY_CLIENTS, MANY_PIPES, URGENT = (1 << bit for bit in range(7))
 
 AGAIN, BEFORE = "tarvo-again", "tarvo-before"  # the library a second time, and another build of it
+COUNTED = {"tarvo": "tarvo-counted", "tarvo-loop": "tarvo-loop-counted"}  # each engine with its statistics kept
 TOLD_TWICE = {"main", "more"}  # the groups in which the two take part, unless scenarios are named
 
 # A percentile is printed when it comes from so much at least.

@@ -40,6 +40,9 @@ public:
         }
         pipe.RemoveRequest(req);
         // One that came in between belongs to nobody.
+        if (resp.data != nullptr) {
+            pipe.Counted().Late();
+        }
         DestroyResponse(&resp);
     }
 
@@ -68,20 +71,23 @@ private:
 int SendAndWait(TarvoPipeImpl &pipe, int fd, TarvoRequest &req, TarvoResponse &resp, int timeout) {
     // Registered before it is sent, so that a response which comes at once finds it.
     const std::shared_ptr<OutRequest> request = pipe.MakeOutRequest(req, resp, timeout);
+    CallStats counted(pipe.Counted(), fd, request->GetId());
     int ret = pipe.RecordOutRequest(request);
     if (ret < 0) {
         TARVO_LOG(LOG_INFO, "RecordOutRequest err=%d.", ret);
-        return ret;
+        return counted.NotRegistered(ret);
     }
     const TarvoRequest own{request->GetId(), req.data, req.size};
     PendingCall call(pipe, *request, own, resp);
     TARVO_LOG(LOG_INFO, "SendRPCSync id=%u, size=%u bytes", own.id, own.size);
-    ret = pipe.Send(own, timeout);
+    ret = pipe.SendCall(own, timeout, counted.writtenAt);
     if (ret < 0) {
         TARVO_LOG_RESTRAINED(LOG_ERR, "Send req fail, fd=%d, err=%d.", fd, ret);
-        return ret;
+        return counted.NotSent(ret);
     }
-    return call.Wait(timeout);
+    counted.Sent();
+    ret = call.Wait(timeout);
+    return counted.Waited(ret, resp.data);
 }
 
 } // namespace

@@ -7,8 +7,11 @@
 #include "base/NoThrow.h"
 #include "base/ProcessOwner.h"
 #include "diag/velm_syslog.h"
+#include "stats/Stats.h"
+#include "stats/StatsFile.h"
 #include "table/TarvoTable.h"
 #include "tarvo.h"
+#include "worker/PoolStats.h"
 
 namespace {
 
@@ -31,6 +34,61 @@ bool IsOrlaDomainPipe(const TarvoDomain &domain) {
 
 bool IsCrossDomainPipe(const TarvoDomain &domain) { return domain != TARVO_DOMAIN_LOCAL && domain != GetCurrDomain(); }
 
+namespace {
+
+unsigned ResultOf(int opened) {
+    switch (opened) {
+    case -ETIMEDOUT:
+        return TARVO_STATS_OPEN_TIMED_OUT;
+    case -ENXIO:
+    case -ENOENT:
+        return TARVO_STATS_OPEN_NO_SERVER;
+    case -EACCES:
+    case -EPERM:
+        return TARVO_STATS_OPEN_REFUSED;
+    default:
+        return opened < 0 ? TARVO_STATS_OPEN_OTHER : TARVO_STATS_OPEN_OK;
+    }
+}
+
+// One open from here on, also one that ends for want of memory.
+// Owns: nothing. Threads: the caller's. Locks: none. Ends: with the open.
+class CountedOpen {
+public:
+    // What is counted in this process is decided by the first one.
+    CountedOpen() : file(StatsFile::Get()), begunAt(file != nullptr ? Stats::Now() : 0) {
+        if (file != nullptr) {
+            PoolStats::Begin();
+        }
+    }
+    ~CountedOpen() {
+        if (file == nullptr) {
+            return;
+        }
+        TarvoStatsHeader &header = file->Header();
+        Stats::Count(header.opens[ResultOf(result)]);
+        if (result >= 0) {
+            Stats::Time(header.openTime, Stats::Between(begunAt, Stats::Now()));
+        }
+    }
+    CountedOpen(const CountedOpen &) = delete;
+    CountedOpen &operator=(const CountedOpen &) = delete;
+
+    int Ended(int opened) { return result = opened; }
+
+private:
+    StatsFile *const file;
+    const uint64_t begunAt;
+    int result = -ENOMEM;
+};
+
+int OpenCounted(TarvoTable &table, const TarvoAttr *attr, TarvoPipeType type) {
+    CountedOpen open;
+    return open.Ended(table.MakeAndAddPipe(attr, type));
+}
+
+} // namespace
+
 int TarvoPipeTypeOpen(TarvoAttr *attr, TarvoPipeType type) {
     return NoThrow([attr, type] {
         // Also on the way from TarvoOpen, which has checked it: programs call this function too, and the two lines tell
@@ -45,7 +103,7 @@ int TarvoPipeTypeOpen(TarvoAttr *attr, TarvoPipeType type) {
             TARVO_LOG(LOG_INFO, "TarvoPipeTypeOpen unfinished, because table is destroyed");
             return -ENOENT;
         }
-        const int fd = table->MakeAndAddPipe(attr, type);
+        const int fd = OpenCounted(*table, attr, type);
         if (fd < 0) {
             TARVO_LOG_RESTRAINED(
                 LOG_WARNING,

@@ -25,6 +25,8 @@ public:
 
     // The first recorded point as GetCurrentTime() would have given it; 0 without one.
     uint64_t StartTime() const;
+    // The same as it is.
+    const timespec &StartPoint() const { return firstPoints[0]; }
 
     // Microseconds from `earlier` to `later`; 0 when they are reversed.
     int64_t CalculationInterval(const timespec &later, const timespec &earlier) const;

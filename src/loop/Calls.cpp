@@ -21,7 +21,7 @@ void Calls::Slot::OnTimer() {
     calls->listener.OnCallEnded();
 }
 
-int64_t Calls::Begin(TarvoDone done, void *context, int64_t deadlineUs) {
+int64_t Calls::Begin(TarvoDone done, void *context, int64_t deadlineUs, uint64_t begun) {
     if (unused.first == nullptr) {
         if (chunks.size() * CHUNK >= TARVO_LOOP_MAX_CALLS) {
             return -ENOBUFS;
@@ -37,11 +37,11 @@ int64_t Calls::Begin(TarvoDone done, void *context, int64_t deadlineUs) {
     unused.Remove(slot);
     active.Append(slot);
     slot.state = State::ACTIVE;
-    slot.end = {done, context, 0};
     const int64_t uses = (slot.number >> SLOT_BITS) + 1;
     // A count of 0 would make the id 0, which other peers may give to what has none.
     const int64_t whole = (uses & USES_MASK) == 0 ? uses + 1 : uses;
     slot.number = whole << SLOT_BITS | (slot.number & SLOT_MASK);
+    slot.end = {done, context, 0, WireId(slot.number), begun};
     return slot.number;
 }
 

@@ -14,6 +14,8 @@ struct CallEnd {
     TarvoDone done;
     void *context;
     int result;
+    uint32_t wireId;
+    uint64_t begun; // as it was given to Begin()
 };
 
 // The calls of a link, each in a slot that its id on the wire names, so that an answer finds it at once. An id comes
@@ -36,7 +38,8 @@ public:
     Calls &operator=(const Calls &) = delete;
 
     // Begins a call; `deadlineUs` below 0: no limit. Its number, above 0, -ENOBUFS or -ENOMEM.
-    int64_t Begin(TarvoDone done, void *context, int64_t deadlineUs);
+    // `begun` is kept for whoever measures it.
+    int64_t Begin(TarvoDone done, void *context, int64_t deadlineUs, uint64_t begun = 0);
     // Takes a call back that has not been sent: it has no end.
     void Undo(int64_t number);
 
@@ -44,6 +47,7 @@ public:
     static uint32_t WireId(int64_t number) { return static_cast<uint32_t>(number) & ~ONE_WAY; }
     // An id for a request that nobody waits for the answer of.
     uint32_t OneWayId() { return ONE_WAY | ++oneWay; }
+    static bool IsOneWay(uint32_t wireId) { return (wireId & ONE_WAY) != 0; }
 
     // The answer to `wireId` is there: its call ends now, `end` tells whose it is. False: nobody waits for it.
     bool Answer(uint32_t wireId, CallEnd &end);

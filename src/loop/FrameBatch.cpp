@@ -4,7 +4,6 @@
 #include <cstring>
 
 #include "loop/FrameView.h"
-#include "loop/Moments.h"
 #include "pipe/MagicReceiver.h"
 
 int FrameBatch::Add(uint32_t id, MsgType type, int32_t timeoutMs, TarvoBytes payload) {
@@ -19,15 +18,15 @@ int FrameBatch::Add(uint32_t id, MsgType type, int32_t timeoutMs, TarvoBytes pay
     std::memcpy(bytes.data() + used, &head, sizeof(head));
     std::memcpy(bytes.data() + used + sizeof(head), payload.data, payload.size);
     used += msg.Size();
+    ++frames;
     return 0;
 }
 
-TarvoBytes FrameBatch::Stamped() {
-    const auto now = Now();
+TarvoBytes FrameBatch::StampedAt(int64_t nowUs) {
     for (std::size_t at = 0; at < used;) {
         uint32_t payloadLen = 0;
         std::memcpy(&payloadLen, bytes.data() + at + offsetof(MsgHead, payloadLen), sizeof(payloadLen));
-        std::memcpy(bytes.data() + at + offsetof(MsgHead, writeStartTime), &now, sizeof(now));
+        std::memcpy(bytes.data() + at + offsetof(MsgHead, writeStartTime), &nowUs, sizeof(nowUs));
         at += sizeof(MsgHead) + payloadLen;
     }
     return {bytes.data(), static_cast<uint32_t>(used)};

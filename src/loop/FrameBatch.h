@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "loop/Moments.h"
 #include "pipe/Message.h"
 #include "tarvo_loop.h"
 
@@ -27,16 +28,20 @@ public:
     int Add(uint32_t id, MsgType type, int32_t timeoutMs, TarvoBytes payload);
 
     bool Empty() const { return used == 0; }
+    std::size_t Frames() const { return frames; }
+    std::size_t PayloadBytes() const { return used - frames * sizeof(MsgHead); }
 
     // All frames, with the present time as that of their writing: for the write that follows at once. Valid until the
     // next change.
-    TarvoBytes Stamped();
+    TarvoBytes Stamped() { return StampedAt(Now()); }
+    TarvoBytes StampedAt(int64_t nowUs);
 
     // They have been written, or are dropped.
-    void Clear() { used = 0; }
+    void Clear() { used = frames = 0; }
 
 private:
     std::size_t used = 0;
+    std::size_t frames = 0;
     std::array<char, ROOM> bytes; // the first `used`
 };
 

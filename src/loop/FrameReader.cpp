@@ -7,6 +7,7 @@
 #include "diag/velm_syslog.h"
 #include "loop/FrameView.h"
 #include "pipe/MagicReceiver.h"
+#include "stats/Stats.h"
 
 namespace {
 
@@ -37,6 +38,8 @@ bool FrameReader::Next(Frame &frame) {
         return false;
     }
     frame = found;
+    ++sum.frames;
+    sum.bytes += found.size;
     held = false;
     return true;
 }
@@ -75,6 +78,7 @@ void FrameReader::End() {
     const std::size_t expected = hasHead ? HeadAt(carry.data()).payloadLen : sizeof(MsgHead);
     TARVO_LOG(LOG_ERR, "The readFd(%d) read size %ld instead of %lu, errno = %d, remoteName: %s", origin.readFd,
               static_cast<long>(received), expected, 0, origin.remote.c_str());
+    CountBad(TARVO_STATS_BAD_SHORT);
     carried = 0;
 }
 
@@ -139,6 +143,7 @@ bool FrameReader::Carry(std::size_t size) {
 bool FrameReader::HeadValid(const MsgHead &head) const {
     if (head.magic != MagicReceiver::MAGIC) {
         TARVO_LOG(LOG_ERR, "RecvMagic, result != MAGIC_OK, remote(%s), result=%u.", origin.remote.c_str(), head.magic);
+        CountBad(TARVO_STATS_BAD_MAGIC);
         return false;
     }
     if (!FrameView(head.id, head.type, nullptr, head.payloadLen).SizeValid()) {
@@ -147,6 +152,7 @@ bool FrameReader::HeadValid(const MsgHead &head) const {
                   "Recv msg failed, remote(%s), received payloadLen should be %u, received timeout = %d ms, received "
                   "writeStartTime = %ld, ret = %d",
                   origin.remote.c_str(), head.payloadLen, head.timeout, head.writeStartTime, -1);
+        CountBad(TARVO_STATS_BAD_LENGTH);
         return false;
     }
     return true;
@@ -157,11 +163,44 @@ bool FrameReader::Accept(const MsgHead &head, const char *payload) {
     if (checksum != head.checksum) {
         TARVO_LOG(LOG_ERR, "Recv msg failed, send checksum = %u, but recv checksum = %u for readFd(%d) remote(%s)",
                   head.checksum, checksum, origin.readFd, origin.remote.c_str());
+        CountBad(TARVO_STATS_BAD_CHECKSUM);
         return false;
     }
     if (head.type != MSG_TYPE_REQUEST && head.type != MSG_TYPE_RESPONSE) {
+        CountBad(TARVO_STATS_BAD_KIND);
         return false;
     }
     found = {head.id, static_cast<MsgType>(head.type), head.timeout, head.writeStartTime, payload, head.payloadLen};
     return true;
+}
+
+void FrameReader::CountBad(uint32_t reason) const {
+    if (origin.bad != nullptr) {
+        Stats::CountAlone(origin.bad[reason]);
+    }
+}
+
+// The next frame from `at` on, which it moves behind that.
+bool FrameReader::FrameInRest(std::size_t &at, Frame &frame) const {
+    while (RestSize() - at >= sizeof(MsgHead)) {
+        MsgHead head;
+        const std::size_t before = at < carried ? std::min(carried - at, sizeof(head)) : 0;
+        char *const bytes = reinterpret_cast<char *>(&head);
+        std::memcpy(bytes, carry.data() + (before > 0 ? at : 0), before);
+        std::memcpy(bytes + before, unread + (at + before - carried),
+                    before < sizeof(head) ? sizeof(head) - before : 0);
+        at += sizeof(head);
+        const bool good = head.magic == MagicReceiver::MAGIC && head.type <= MSG_TYPE_RESPONSE &&
+                          FrameView(head.id, head.type, nullptr, head.payloadLen).SizeValid();
+        if (!good) {
+            continue;
+        }
+        if (RestSize() - at < head.payloadLen) {
+            return false;
+        }
+        at += head.payloadLen;
+        frame = {head.id, static_cast<MsgType>(head.type), head.timeout, head.writeStartTime, nullptr, head.payloadLen};
+        return true;
+    }
+    return false;
 }

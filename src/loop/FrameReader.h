@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <utility>
 
 #include "pipe/Message.h"
 
@@ -12,6 +13,7 @@
 struct FrameOrigin {
     std::string remote;
     int readFd = -1;
+    uint64_t *bad = nullptr; // how many frames were dropped, by reason (tarvo_stats.h); null: nobody asks
 };
 
 // A request or response that has arrived. `data` points into what was read.
@@ -22,6 +24,17 @@ struct Frame {
     int64_t writeStartTime; // of the sender: monotonic microseconds
     const char *data;
     uint32_t size;
+};
+
+// How many frames, and bytes of their payload.
+// Owns: nothing. Threads, Locks: as whose it is. Ends: any time.
+struct FrameSum {
+    void Add(uint64_t size) {
+        ++frames;
+        bytes += size;
+    }
+    uint64_t frames = 0;
+    uint64_t bytes = 0;
 };
 
 // Finds the frames in what the reads of a FIFO yield, however the reads have cut it, and drops what is none: a head
@@ -44,6 +57,9 @@ public:
     // The next frame, valid until the next call of any function but HasUnread(). False: all that was fed is used up,
     // and its memory may go.
     bool Next(Frame &frame);
+    // What it has yielded since this was asked last.
+    FrameSum TakeSum() { return std::exchange(sum, {}); }
+    const FrameSum &Sum() const { return sum; }
 
     // Whether Next() yields a frame. Drops bad bytes that are in the way.
     bool HasNext();
@@ -54,6 +70,18 @@ public:
     // Keeps what is unread in memory of its own, so that the bytes fed may go; another read can be fed only when this
     // has been used up. False when there is no memory for that, and nothing has changed.
     bool Stash();
+
+    // Shows the frames that Next() would yet yield, as their heads have it. They stay, and have no data here.
+    template <typename Visitor>
+    void VisitRest(Visitor visit) const {
+        if (held) {
+            visit(found);
+        }
+        Frame frame{};
+        for (std::size_t at = 0; FrameInRest(at, frame);) {
+            visit(frame);
+        }
+    }
 
     // No more bytes will come: the beginning of a frame that is kept is dropped.
     void End();
@@ -68,6 +96,10 @@ private:
     void CarryRest() { Carry(LONGEST); }
     bool HeadValid(const MsgHead &head) const;
     bool Accept(const MsgHead &head, const char *payload);
+    void CountBad(uint32_t reason) const;
+    // Of what is carried and unread together.
+    std::size_t RestSize() const { return carried + static_cast<std::size_t>(end - unread); }
+    bool FrameInRest(std::size_t &at, Frame &frame) const;
 
     const FrameOrigin &origin;
     const char *unread = nullptr;
@@ -75,6 +107,7 @@ private:
     bool held = false; // `found` has been found and not been yielded
     bool foundInCarry = false;
     Frame found{};
+    FrameSum sum;
     std::size_t carried = 0;
     std::array<char, LONGEST> carry; // the first `carried` bytes
     std::string stash;

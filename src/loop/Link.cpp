@@ -8,9 +8,11 @@
 #include <utility>
 
 #include "api/EnvManager.h"
+#include "base/Probe.h"
 #include "diag/velm_syslog.h"
 #include "loop/Files.h"
 #include "loop/Service.h"
+#include "tarvo_stats.h"
 
 namespace {
 
@@ -25,8 +27,8 @@ std::string PathOf(const std::string &from, const std::string &to) {
 } // namespace
 
 TarvoLink::TarvoLink(TarvoLoop &owner, LinkSpec &&linkSpec, std::string &&pathRead, std::string &&pathWrite)
-    : loop(owner), spec(std::move(linkSpec)), readFile(std::move(pathRead)),
-      writeFile(std::move(pathWrite)), origin{spec.target, -1}, reader(origin), calls(loop.Clock(), *this) {}
+    : loop(owner), spec(std::move(linkSpec)), readFile(std::move(pathRead)), writeFile(std::move(pathWrite)),
+      stats(spec.self, spec.target), origin{spec.target, -1, stats.Bad()}, reader(origin), calls(loop.Clock(), *this) {}
 
 TarvoLink::~TarvoLink() { WorkQueue::Remove(*this); }
 
@@ -72,6 +74,14 @@ int TarvoLink::OpenForClient(TarvoLoop &loop, LinkSpec &&spec, TarvoLink *&first
         firstOfService->previousOfService = link;
     }
     firstOfService = link;
+    return 0;
+}
+
+int TarvoLink::CopyStats(TarvoStatsPipe &copy) const {
+    if (!stats.On()) {
+        return -ENODATA;
+    }
+    stats.Copy(batch, reader, copy);
     return 0;
 }
 
@@ -121,16 +131,30 @@ void TarvoLink::OnEndsOpen(UniqueFd opened, UniqueFd writeEnd) {
         OnOpenFailed(ret);
         return;
     }
+    TARVO_PROBE_OPEN(this, ret);
+    CountOpen(ret);
     state = State::OPEN;
     openEnded = true;
     loop.Queue(*this);
 }
 
 void TarvoLink::OnOpenFailed(int result) {
+    TARVO_PROBE_OPEN(this, result);
+    CountOpen(result);
     state = State::FAILED;
     openResult = result;
     openEnded = true;
     loop.Queue(*this);
+}
+
+void TarvoLink::CountOpen(int result) {
+    if (!stats.On()) {
+        return;
+    }
+    const uint64_t ns = stats.OpenEnded(result);
+    if (spec.service != nullptr) {
+        spec.service->CountOpen(result == 0, ns);
+    }
 }
 
 void TarvoLink::OnEvents(uint32_t what, uint32_t events) {
@@ -161,6 +185,7 @@ void TarvoLink::Close() {
     if (state == State::CLOSED) {
         return;
     }
+    DropRest();
     calls.CancelAll(loop.Round());
     Shut();
     state = State::CLOSED;
@@ -183,6 +208,9 @@ void TarvoLink::Shut() {
     // There may be room by now.
     blocked = false;
     FlushNow();
+    if (stats.On()) {
+        stats.Lost(batch);
+    }
     loop.Events().Remove(readWatch);
     loop.Events().Remove(writeWatch);
     if (ownsFiles) {
@@ -201,6 +229,26 @@ void TarvoLink::Shut() {
 
 void TarvoLink::OnLoopDestroyed() {
     if (state != State::CLOSED) {
+        DropRest();
         Shut();
+    }
+}
+
+// What has come and not been delivered gets nowhere.
+void TarvoLink::DropRest() {
+    TARVO_PROBE_CLOSE(this);
+    kept.Visit([this](const Frame &frame) { DropUnread(frame, true); });
+    reader.VisitRest([this](const Frame &frame) { DropUnread(frame, false); });
+    if (stats.On()) {
+        stats.Closed(readFd.Get());
+    }
+}
+
+void TarvoLink::DropUnread(const Frame &frame, bool isKept) {
+    if (frame.type == MSG_TYPE_REQUEST) {
+        TARVO_PROBE_DROPPED(this, frame.id, TARVO_STATS_DROP_CLOSING);
+    }
+    if (stats.On()) {
+        stats.Unread(frame, isKept);
     }
 }

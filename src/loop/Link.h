@@ -10,6 +10,7 @@
 #include "loop/FrameBatch.h"
 #include "loop/FrameReader.h"
 #include "loop/KeptFrames.h"
+#include "loop/LinkStats.h"
 #include "loop/Loop.h"
 #include "loop/Opening.h"
 #include "loop/Poller.h"
@@ -48,6 +49,8 @@ public:
     TarvoLoop &Loop() const { return loop; }
     const char *Peer() const { return origin.remote.c_str(); }
     void SetContext(void *newContext) { spec.context = newContext; }
+    // 0 or -ENODATA: nothing is counted.
+    int CopyStats(TarvoStatsPipe &copy) const;
 
     int Send(TarvoBytes payload);
     int64_t Call(TarvoBytes payload, int timeoutMs, TarvoDone done, void *context);
@@ -61,6 +64,7 @@ public:
 
     // Its service is gone.
     void LeaveService() { spec.service = nullptr; }
+    bool IsOpening() const { return state == State::OPENING; }
 
     // Writes the batch. 0, -EAGAIN (it goes out when there is room), or another negated errno with the batch dropped.
     int FlushNow();
@@ -91,10 +95,16 @@ private:
     enum class Step { RAN, AGAIN, NOTHING };
 
     void Begin();
+    void CountOpen(int result);
     int CheckSend(TarvoBytes payload) const;
-    int Enqueue(uint32_t id, MsgType type, int32_t timeoutMs, TarvoBytes payload);
+    int MaySend(TarvoBytes payload) const;
+    int Refuse(uint32_t id, int result) const;
+    int64_t BeginCall(TarvoBytes payload, int timeoutMs, TarvoDone done, void *context);
+    int64_t DeadlineOf(int timeoutMs, uint64_t &begun) const;
+    int Enqueue(uint32_t id, uint32_t kind, int32_t timeoutMs, TarvoBytes payload);
     int WriteBatch();
-    void DropBatch();
+    int FlushWith(uint32_t kind, uint32_t size);
+    void DropBatch(int result);
     void OnRoom();
 
     Step ServeOne();
@@ -103,17 +113,28 @@ private:
     Step TellWritable();
     Step TellClosed();
     Step Deliver(const Frame &frame);
-    bool NextFrame(Frame &frame) { return kept.Next(frame) || reader.Next(frame); }
+    bool NextFrame(Frame &frame) { return (!kept.Idle() && TakeKept(frame)) || ReadFrame(frame); }
+    bool TakeKept(Frame &frame);
+    bool ReadFrame(Frame &frame);
+    Step EndCall(const Frame &frame);
+    Step RunRequest(const Frame &frame, uint32_t number);
+    Step RunCounted(const Frame &frame, uint32_t number);
+    void DropRequest(const Frame &frame, uint32_t reason);
+    void DropUnread(const Frame &frame, bool isKept);
+    void DropRest();
     bool HasMore();
     void Read();
     void OnRemoteGone();
     void Shut();
 
     // CallSync.
+    int64_t SendSync(TarvoBytes payload, int timeoutMs);
+    void EndSync(int64_t call);
     int AwaitOpen(int64_t deadlineUs);
     int AwaitStep(int64_t deadlineUs);
     int AwaitAnswer(int64_t number, int64_t deadlineUs, char *answer, uint32_t &size);
     int AwaitBytes(int64_t deadlineUs);
+    bool Keep(const Frame &frame);
     int KeepFrames(int64_t number, char *answer, uint32_t &size);
 
     TarvoLoop &loop;
@@ -146,6 +167,7 @@ private:
     UniqueFd writeFd;
     Watch readWatch;
     Watch writeWatch;
+    LinkStats stats;
     FrameOrigin origin;
     FrameReader reader;
     KeptFrames kept;

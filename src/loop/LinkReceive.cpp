@@ -3,9 +3,11 @@
 
 #include <cerrno>
 
+#include "base/Probe.h"
 #include "diag/velm_syslog.h"
 #include "loop/Link.h"
 #include "loop/Service.h"
+#include "tarvo_stats.h"
 
 namespace {
 
@@ -15,6 +17,9 @@ constexpr char LOG_TAG[] = "LinkReceive";
 
 bool TarvoLink::Serve(int share, int &ran) {
     mayRead = true;
+    if (stats.On()) {
+        stats.BeginTurn();
+    }
     Step step = Step::AGAIN;
     while (ran < share && step != Step::NOTHING && !loop.Interrupted()) {
         step = ServeOne();
@@ -25,6 +30,9 @@ bool TarvoLink::Serve(int share, int &ran) {
     while (state != State::CLOSED && !loop.IsDestroyed() && reader.HasNext() && !reader.Stash() &&
            ServeOne() != Step::NOTHING) {
         ++ran;
+    }
+    if (stats.On()) {
+        stats.EndTurn(reader);
     }
     if (state == State::CLOSED && !calls.HasEnds()) {
         loop.Bury(*this);
@@ -81,6 +89,11 @@ TarvoLink::Step TarvoLink::ServeEnds() {
     if (!calls.NextEnd(loop.Round(), end)) {
         return Step::NOTHING;
     }
+    TARVO_PROBE_CALL_END(this, end.wireId, end.result);
+    if (stats.On()) {
+        stats.CallEnded(end.result);
+    }
+    const LinkStats::Other other(stats);
     end.done(end.context, end.result, {nullptr, 0});
     return Step::RAN;
 }
@@ -99,6 +112,7 @@ TarvoLink::Step TarvoLink::TellOpened() {
     if (spec.callbacks.opened == nullptr) {
         return Step::AGAIN;
     }
+    const LinkStats::Other other(stats);
     spec.callbacks.opened(spec.context, this, openResult);
     return Step::RAN;
 }
@@ -109,30 +123,87 @@ TarvoLink::Step TarvoLink::TellWritable() {
     if (spec.callbacks.writable == nullptr) {
         return Step::AGAIN;
     }
+    const LinkStats::Other other(stats);
     spec.callbacks.writable(spec.context, this);
     return Step::RAN;
 }
 
-TarvoLink::Step TarvoLink::Deliver(const Frame &frame) {
-    const TarvoBytes payload{frame.data, frame.size};
+bool TarvoLink::TakeKept(Frame &frame) {
+    if (!kept.Next(frame)) {
+        return false;
+    }
+    if (stats.On()) {
+        stats.TakeKept(frame, kept.ReadAt());
+    }
+    return true;
+}
+
+bool TarvoLink::ReadFrame(Frame &frame) {
+    if (!reader.Next(frame)) {
+        return false;
+    }
     if (frame.type == MSG_TYPE_RESPONSE) {
-        CallEnd end{};
-        if (!calls.Answer(frame.id, end)) {
-            return Step::AGAIN;
-        }
-        end.done(end.context, 0, payload);
-        return Step::RAN;
+        TARVO_PROBE_RESPONSE_READ(this, frame.id, frame.size, frame.writeStartTime);
+    } else {
+        TARVO_PROBE_REQUEST_READ(this, frame.id, frame.size, frame.writeStartTime);
+    }
+    return true;
+}
+
+TarvoLink::Step TarvoLink::Deliver(const Frame &frame) {
+    if (frame.type == MSG_TYPE_RESPONSE) {
+        return EndCall(frame);
     }
     if (spec.callbacks.request == nullptr) {
+        DropRequest(frame, TARVO_STATS_DROP_CACHE);
         return Step::AGAIN;
     }
     uint32_t number = 0;
     if (!requests.Add(frame.id, number)) {
         TARVO_LOG(LOG_ERR, "Add InRequest failed, out of space");
+        DropRequest(frame, TARVO_STATS_DROP_MEMORY);
         return Step::AGAIN;
     }
-    spec.callbacks.request(spec.context, this, number, payload);
+    return stats.On() && !stats.IsPlain(frame) ? RunCounted(frame, number) : RunRequest(frame, number);
+}
+
+TarvoLink::Step TarvoLink::EndCall(const Frame &frame) {
+    CallEnd end{};
+    const bool isAwaited = calls.Answer(frame.id, end);
+    if (stats.On()) {
+        stats.TakeResponse(frame);
+        isAwaited ? stats.Answered(end.begun) : stats.Late();
+    }
+    if (!isAwaited) {
+        return Step::AGAIN;
+    }
+    TARVO_PROBE_CALL_END(this, frame.id, end.result);
+    const LinkStats::Other other(stats);
+    end.done(end.context, 0, {frame.data, frame.size});
     return Step::RAN;
+}
+
+TarvoLink::Step TarvoLink::RunRequest(const Frame &frame, uint32_t number) {
+    TARVO_PROBE_CALLBACK_START(this, frame.id);
+    spec.callbacks.request(spec.context, this, number, {frame.data, frame.size});
+    TARVO_PROBE_CALLBACK_END(this, frame.id);
+    return Step::RAN;
+}
+
+TarvoLink::Step TarvoLink::RunCounted(const Frame &frame, uint32_t number) {
+    stats.CallbackBegins(frame, reader);
+    const Step step = RunRequest(frame, number);
+    if (stats.CallbackReturned(!reader.HasUnread() && kept.Empty())) {
+        loop.LookLater(stats);
+    }
+    return step;
+}
+
+void TarvoLink::DropRequest(const Frame &frame, uint32_t reason) {
+    TARVO_PROBE_DROPPED(this, frame.id, reason);
+    if (stats.On()) {
+        stats.Dropped(frame, reason, reader);
+    }
 }
 
 void TarvoLink::Read() {
@@ -141,6 +212,9 @@ void TarvoLink::Read() {
     const ssize_t count = read(readFd.Get(), loop.Scratch(), TarvoLoop::SCRATCH_SIZE);
     if (count > 0) {
         heard = true;
+        if (stats.On()) {
+            stats.Read();
+        }
         reader.Feed(loop.Scratch(), static_cast<std::size_t>(count));
         return;
     }
@@ -151,6 +225,10 @@ void TarvoLink::Read() {
 }
 
 void TarvoLink::OnRemoteGone() {
+    TARVO_PROBE_REMOTE_CLOSE(this);
+    if (stats.On()) {
+        stats.RemoteClosed();
+    }
     gone = true;
     reader.End();
     loop.Events().Remove(readWatch);
@@ -170,6 +248,7 @@ TarvoLink::Step TarvoLink::TellClosed() {
     state = State::GONE;
     Step step = Step::AGAIN;
     if (spec.callbacks.closed != nullptr) {
+        const LinkStats::Other other(stats);
         spec.callbacks.closed(spec.context, this);
         step = Step::RAN;
     }

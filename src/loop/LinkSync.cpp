@@ -8,6 +8,7 @@
 #include <climits>
 #include <cstring>
 
+#include "base/Probe.h"
 #include "diag/velm_syslog.h"
 #include "loop/Link.h"
 #include "loop/Moments.h"
@@ -45,29 +46,55 @@ int WaitPrecisely(std::array<pollfd, Count> &fds, int64_t deadlineUs) {
 
 int TarvoLink::CallSync(TarvoBytes payload, int timeoutMs, char *answer, uint32_t &size) {
     timeoutMs = loop.Patient(timeoutMs);
-    const int64_t deadline = DeadlineIn(timeoutMs);
+    uint64_t begun = 0;
+    const int64_t deadline = DeadlineOf(timeoutMs, begun);
     int ret = state == State::OPENING ? AwaitOpen(deadline) : 0;
-    if (ret == 0) {
-        ret = CheckSend(payload);
-    }
     if (ret != 0) {
+        if (stats.On()) {
+            stats.CallBegun();
+            stats.CallEnded(ret);
+        }
         return ret;
     }
-    const int64_t call = calls.Begin(nullptr, nullptr, NO_DEADLINE);
+    const int64_t call = SendSync(payload, timeoutMs);
     if (call < 0) {
         return static_cast<int>(call);
     }
-    ret = Enqueue(Calls::WireId(call), MSG_TYPE_REQUEST, timeoutMs, payload);
-    if (ret == 0) {
-        // Also where the program holds its batch: the answer would never come.
-        const int sent = FlushNow();
-        ret = sent == 0 || sent == -EAGAIN ? AwaitAnswer(call, deadline, answer, size) : sent;
+    // Also where the program holds its batch: the answer would never come.
+    const int sent = FlushNow();
+    ret = sent == 0 || sent == -EAGAIN ? AwaitAnswer(call, deadline, answer, size) : sent;
+    TARVO_PROBE_CALL_END(this, Calls::WireId(call), ret);
+    if (stats.On()) {
+        ret == 0 ? stats.Answered(begun) : stats.CallEnded(ret);
     }
+    EndSync(call);
+    return ret;
+}
+
+int64_t TarvoLink::SendSync(TarvoBytes payload, int timeoutMs) {
+    int64_t call = MaySend(payload);
+    if (call == 0) {
+        call = calls.Begin(nullptr, nullptr, NO_DEADLINE);
+        call = call < 0 ? Refuse(0, static_cast<int>(call)) : call;
+    }
+    if (call > 0) {
+        const int ret = Enqueue(Calls::WireId(call), TARVO_STATS_CALL, timeoutMs, payload);
+        if (ret != 0) {
+            EndSync(call);
+            call = ret;
+        }
+    }
+    if (stats.On()) {
+        call < 0 ? stats.CallNotSent() : stats.CallBegun();
+    }
+    return call;
+}
+
+void TarvoLink::EndSync(int64_t call) {
     calls.Undo(call);
     if (HasMore() || calls.HasEnds()) {
         loop.Queue(*this);
     }
-    return ret;
 }
 
 int TarvoLink::AwaitOpen(int64_t deadlineUs) {
@@ -152,23 +179,39 @@ int TarvoLink::AwaitBytes(int64_t deadlineUs) {
     return 0;
 }
 
+bool TarvoLink::Keep(const Frame &frame) {
+    const bool isKept = kept.Keep(frame, stats.ReadAt());
+    if (!isKept && frame.type == MSG_TYPE_REQUEST) {
+        DropRequest(frame, TARVO_STATS_DROP_MEMORY);
+    } else if (stats.On()) {
+        isKept ? stats.Keep(frame) : stats.TakeResponse(frame);
+    }
+    return isKept;
+}
+
 // Keeps what has been read for later, but for the answer.
 int TarvoLink::KeepFrames(int64_t number, char *answer, uint32_t &size) {
     int ret = NOT_YET;
     Frame frame;
-    while (reader.Next(frame)) {
+    while (ReadFrame(frame)) {
         const bool isAnswer = ret == NOT_YET && frame.type == MSG_TYPE_RESPONSE && frame.id == Calls::WireId(number);
         if (!isAnswer) {
-            if (!kept.Keep(frame)) {
+            if (!Keep(frame)) {
                 TARVO_LOG(LOG_ERR, "Keep frame of remote(%s) failed, out of space", origin.remote.c_str());
             }
             continue;
+        }
+        if (stats.On()) {
+            stats.TakeResponse(frame);
         }
         ret = frame.size <= size ? 0 : -EMSGSIZE;
         if (ret == 0) {
             std::memcpy(answer, frame.data, frame.size);
             size = frame.size;
         }
+    }
+    if (stats.On()) {
+        stats.KeptFolded(reader);
     }
     return ret;
 }

@@ -18,6 +18,8 @@
 #include "loop/Work.h"
 #include "tarvo_loop.h"
 
+class LinkStats;
+
 // Something that a loop owns and that dies when nobody stands in it any more. Owns: nothing. Threads: that of the loop.
 // Locks: none. Ends: through Loop::Bury(), or with the loop.
 class Member {
@@ -87,6 +89,9 @@ public:
     void SettleTimers();
     // A limit as it holds in this process: five hours where its remotes may be stopped in a debugger. None stays none.
     int Patient(int timeoutMs) const { return patient && timeoutMs >= 0 ? PATIENT_TIMEOUT_MS : timeoutMs; }
+    // The clock, in ns, for links that are counted; and the end of the callback that one of them has left to this look.
+    uint64_t Look();
+    void LookLater(LinkStats &ended) { unended = &ended; }
     char *Scratch() { return scratch.get(); }
 
     void Adopt(Member &member);
@@ -139,6 +144,7 @@ private:
     WorkQueue current; // of this round
     WorkQueue later;   // what has come up in it, while timers are looked at
     TarvoLink *firstToFlush = nullptr;
+    LinkStats *unended = nullptr;
     Member *members = nullptr;
     Member *graveyard = nullptr;
     std::unique_ptr<char[]> scratch;

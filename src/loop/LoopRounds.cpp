@@ -4,8 +4,10 @@
 #include <climits>
 
 #include "loop/Link.h"
+#include "loop/LinkStats.h"
 #include "loop/Loop.h"
 #include "loop/Moments.h"
+#include "stats/Stats.h"
 
 // The length of a round. Owns: nothing. Threads: that of the loop. Locks: none. Ends: before the loop may be freed.
 class TarvoLoop::RoundScope {
@@ -110,6 +112,9 @@ void TarvoLoop::EndRound() {
     ready.Take(later);
     ready.Take(fresh);
     FlushAll();
+    if (unended != nullptr) {
+        Look();
+    }
     FreeBuried();
     timers.Settle();
 }
@@ -129,6 +134,9 @@ void TarvoLoop::ServeQueue(int max, int &ran) {
         const auto waiting = static_cast<int>(std::min<std::size_t>(current.Size(), INT_MAX));
         Work &work = current.Pop();
         const int share = std::max((max - ran) / waiting, 1);
+        if (unended != nullptr) {
+            Look();
+        }
         int served = 0;
         const bool more = work.Serve(share, served);
         ran += served;
@@ -136,6 +144,15 @@ void TarvoLoop::ServeQueue(int max, int &ran) {
             current.Append(work);
         }
     }
+}
+
+uint64_t TarvoLoop::Look() {
+    const uint64_t now = Stats::Now();
+    if (unended != nullptr) {
+        unended->CallbackEnded(now);
+        unended = nullptr;
+    }
+    return now;
 }
 
 void TarvoLoop::FlushAll() {

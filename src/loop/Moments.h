@@ -15,6 +15,9 @@ inline int64_t Now() { return static_cast<int64_t>(Tarvo::GetCurrentTime()); }
 inline int64_t DeadlineIn(int timeoutMs) {
     return timeoutMs < 0 ? NO_DEADLINE : Now() + timeoutMs * MICROSECONDS_PER_MILLISECOND;
 }
+inline int64_t DeadlineAfter(int64_t momentUs, int timeoutMs) {
+    return timeoutMs < 0 ? NO_DEADLINE : momentUs + timeoutMs * MICROSECONDS_PER_MILLISECOND;
+}
 
 // As `poll` takes them: milliseconds, rounded up; -1 without a limit.
 inline int LeftMs(int64_t deadlineUs) {

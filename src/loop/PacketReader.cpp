@@ -43,9 +43,20 @@ bool PacketReader::FindMagic() {
         // Bytes that are not the next one of the magic number are dropped with those before them.
         const bool fits = static_cast<uint8_t>(byte) == MagicReceiver::MAGIC_ENUM[carried];
         carry[carried] = byte;
-        carried = fits ? carried + 1 : 0;
+        if (!fits) {
+            Drop();
+            continue;
+        }
+        ++carried;
     }
+    dropping = false;
     return true;
+}
+
+void PacketReader::Drop() {
+    carried = 0;
+    bad += dropping ? 0 : 1;
+    dropping = true;
 }
 
 PacketReader::Found PacketReader::Next(ConnectPacket &packet) {
@@ -53,7 +64,7 @@ PacketReader::Found PacketReader::Next(ConnectPacket &packet) {
         const auto type = At<int32_t>(offsetof(PipeServerMsgHead, type));
         if (type > PIPE_SERVER_MSG_TERMINATE) {
             TARVO_LOG(LOG_ERR, "Read type failed, type=%d.", type);
-            carried = 0;
+            Drop();
             continue;
         }
         if (type == PIPE_SERVER_MSG_TERMINATE) {
@@ -66,7 +77,7 @@ PacketReader::Found PacketReader::Next(ConnectPacket &packet) {
         const auto size = At<uint32_t>(sizeof(PipeServerMsgHead));
         if (size < 1 || size > PIPE_SERVER_MAX_CLIENT_NAME) {
             TARVO_LOG(LOG_ERR, "Read connect packet data size failed, size=%u bytes.", size);
-            carried = 0;
+            Drop();
             continue;
         }
         if (!Carry(NAME_OFFSET + size)) {
@@ -86,6 +97,7 @@ void PacketReader::EndOfRead() {
     const bool between = carried <= NAME_OFFSET && (carried % sizeof(uint32_t) == 0 || carried < sizeof(uint32_t));
     if (!between) {
         TARVO_LOG(LOG_ERR, "Read of a packet failed after %zu bytes.", carried);
-        carried = 0;
+        Drop();
+        dropping = false;
     }
 }

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
+#include <utility>
 
 #include "server/PipeServerMessage.h"
 
@@ -33,10 +34,14 @@ public:
     // writes next is not taken for its rest; a packet that ends between two fields may go on.
     void EndOfRead();
 
+    // How often something was dropped since this was asked last: bytes between packets, or a packet.
+    uint64_t TakeBad() { return std::exchange(bad, 0); }
+
 private:
     static constexpr std::size_t NAME_OFFSET = sizeof(PipeServerMsgHead) + sizeof(uint32_t);
 
     bool FindMagic();
+    void Drop();
     bool Carry(std::size_t size);
     template <typename Field>
     Field At(std::size_t offset) const;
@@ -44,6 +49,8 @@ private:
     const char *unread = nullptr;
     const char *end = nullptr;
     std::size_t carried = 0;
+    uint64_t bad = 0;
+    bool dropping = false; // what comes until the next packet is counted already
     std::array<char, NAME_OFFSET + PIPE_SERVER_MAX_CLIENT_NAME> carry{}; // the first `carried` bytes
 };
 

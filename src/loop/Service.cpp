@@ -13,6 +13,7 @@
 #include "diag/velm_syslog.h"
 #include "fifo/velm_check.h"
 #include "loop/Link.h"
+#include "stats/Stats.h"
 
 namespace {
 
@@ -40,8 +41,11 @@ int TarvoService::Open() {
     ret = loop.Events().Add(file.ReadFd(), EPOLLIN, *this, 0, watch);
     if (ret != 0) {
         file.Close();
+        return ret;
     }
-    return ret;
+    slot = StatsSlot({TARVO_STATS_SERVER, TARVO_STATS_LOOP, 0, name, {}});
+    slot.Opened();
+    return 0;
 }
 
 void TarvoService::OnEvents(uint32_t /*what*/, uint32_t /*events*/) { ReadPackets(); }
@@ -54,17 +58,40 @@ void TarvoService::ReadPackets() {
     }
     packets.Feed(bytes, static_cast<std::size_t>(count));
     ConnectPacket packet{};
+    uint64_t connects = 0;
     for (auto found = packets.Next(packet); found != PacketReader::Found::NOTHING; found = packets.Next(packet)) {
         if (found == PacketReader::Found::TERMINATE) {
             TARVO_LOG(LOG_INFO, "Read terminate info, server %s ends.", name.c_str());
             StopListening();
             file.CloseEnds();
+            CountPackets(connects);
             return;
         }
+        ++connects;
         OpenLink(packet);
     }
     if (static_cast<std::size_t>(count) < TarvoLoop::SCRATCH_SIZE || IsEmpty(file.ReadFd())) {
         packets.EndOfRead();
+    }
+    CountPackets(connects);
+}
+
+void TarvoService::CountPackets(uint64_t connects) {
+    const uint64_t bad = packets.TakeBad();
+    if (TarvoStatsServer *const counted = slot.Server()) {
+        Stats::CountAlone(counted->packets, connects);
+        Stats::CountAlone(counted->bad, bad);
+    }
+}
+
+void TarvoService::CountOpen(bool isOpen, uint64_t ns) {
+    TarvoStatsServer *const counted = slot.Server();
+    if (counted == nullptr) {
+        return;
+    }
+    Stats::CountAlone(isOpen ? counted->opened : counted->failed);
+    if (isOpen) {
+        Stats::TimeAlone(counted->openTime, ns);
     }
 }
 
@@ -91,6 +118,7 @@ void TarvoService::OpenLink(const ConnectPacket &packet) {
     }
     if (ret != 0) {
         TARVO_LOG(LOG_ERR, "Open link of a client of %s failed %d.", name.c_str(), ret);
+        CountOpen(false, 0);
     }
 }
 
@@ -118,9 +146,13 @@ void TarvoService::StopListening() { loop.Events().Remove(watch); }
 void TarvoService::Close() {
     StopListening();
     file.Close();
+    slot.Closed();
     while (firstOpening != nullptr) {
         TarvoLink &link = *firstOpening;
         Forget(link);
+        if (link.IsOpening()) {
+            CountOpen(false, 0);
+        }
         link.Close();
     }
     loop.Bury(*this);
@@ -129,4 +161,5 @@ void TarvoService::Close() {
 void TarvoService::OnLoopDestroyed() {
     StopListening();
     file.Close();
+    slot.Closed();
 }

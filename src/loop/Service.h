@@ -8,6 +8,7 @@
 #include "loop/PacketReader.h"
 #include "loop/Poller.h"
 #include "loop/ServiceFile.h"
+#include "stats/StatsSlot.h"
 #include "tarvo_loop.h"
 
 // A server of a loop: reads who announces itself, and opens a link to each.
@@ -28,12 +29,15 @@ public:
     bool TellClient(TarvoLink &link);
     // One is closed before the program was told of it.
     void Forget(TarvoLink &link);
+    // The open of one has ended, `ns` after its packet.
+    void CountOpen(bool isOpen, uint64_t ns);
 
     void OnEvents(uint32_t what, uint32_t events) override;
     void OnLoopDestroyed() override;
 
 private:
     void ReadPackets();
+    void CountPackets(uint64_t connects);
     void OpenLink(const ConnectPacket &packet);
     void StopListening();
 
@@ -44,6 +48,7 @@ private:
     ServiceFile file;
     Watch watch;
     PacketReader packets;
+    StatsSlot slot;
     TarvoLink *firstOpening = nullptr;
 };
 

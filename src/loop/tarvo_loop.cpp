@@ -17,6 +17,7 @@
 #include "loop/Link.h"
 #include "loop/Loop.h"
 #include "loop/Service.h"
+#include "tarvo_stats.h"
 
 namespace {
 
@@ -244,6 +245,14 @@ int TarvoLinkFlush(TarvoLink *link) {
 }
 
 const char *TarvoLinkPeer(const TarvoLink *link) { return CheckLink(link) != 0 ? nullptr : link->Peer(); }
+
+int TarvoLinkStats(const TarvoLink *link, TarvoStatsPipe *stats) {
+    if (stats == nullptr) {
+        return -EINVAL;
+    }
+    const int ret = CheckLink(link);
+    return ret != 0 ? ret : link->CopyStats(*stats);
+}
 
 int TarvoLinkSetContext(TarvoLink *link, void *context) {
     const int ret = CheckLink(link);

@@ -9,6 +9,7 @@
 #include "diag/run_time_record.h"
 #include "diag/velm_syslog.h"
 #include "monitor/DataMonitorImpl.h"
+#include "worker/PoolStats.h"
 
 namespace {
 
@@ -52,6 +53,7 @@ void DataMonitorImpl::PrepareThread() {
 }
 
 void DataMonitorImpl::RecvRoutine() {
+    const PoolStats::Monitor counted;
     PrepareThread();
     Tarvo::EpollTimeRecord record;
     record.epollWaitT = static_cast<int64_t>(Tarvo::GetCurrentTime());

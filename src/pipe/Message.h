@@ -83,10 +83,12 @@ public:
     HAS_SYMBOL char *ReleaseData() { return data.release(); }
 
     // For the request itself while it waits for its worker, so that both are one block of the heap.
-    static constexpr std::size_t ROOM = 176;
+    static constexpr std::size_t ROOM = 192;
 
     // Whether the pipe's record of its times is this message's own, and not that of an earlier one with its id.
     bool timed = false;
+    // When it was read, in ns, or 0 if that is not counted.
+    uint64_t readAt = 0;
 
 private:
     bool room = false;
@@ -116,7 +118,7 @@ class TarvoTask;
 class InRequest {
 public:
     HAS_SYMBOL explicit InRequest(InMessage &msg)
-        : id(msg.id), data(msg.ReleaseData()), length(msg.payloadLen), timed(msg.timed) {}
+        : id(msg.id), data(msg.ReleaseData()), length(msg.payloadLen), timed(msg.timed), readAt(msg.readAt) {}
     virtual ~InRequest() = default;
     InRequest(const InRequest &) = delete;
     InRequest &operator=(const InRequest &) = delete;
@@ -131,7 +133,8 @@ public:
     uint32_t id;
     std::unique_ptr<char[]> data;
     uint32_t length;
-    const bool timed; // InMessage::timed
+    const bool timed;      // InMessage::timed
+    const uint64_t readAt; // InMessage::readAt
 };
 
 #endif // TARVO_PIPE_MESSAGE_H

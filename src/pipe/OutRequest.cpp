@@ -29,6 +29,12 @@ void OutTimedRequest::Cancel() {
 
 void OutTimedRequest::Wake() { ended.Wake(); }
 
+void OutTimedRequest::CountLate() const {
+    if (const std::shared_ptr<TarvoPipeImpl> owner = pipe.lock()) {
+        owner->Counted().Late();
+    }
+}
+
 OutSyncTimedRequest::OutSyncTimedRequest(std::shared_ptr<TarvoPipeImpl> owner, uint32_t requestId, TarvoResponse &rsp,
                                          int timeoutMs)
     : OutSyncTimedRequest(std::weak_ptr<TarvoPipeImpl>(owner), requestId, rsp, timeoutMs) {}
@@ -61,6 +67,9 @@ int OutSyncTimedRequest::Wait() {
 }
 
 void OutSyncTimedRequest::Discard() {
+    if (response->data != nullptr) {
+        CountLate();
+    }
     delete[] response->data;
     response->data = nullptr;
     response->size = 0;

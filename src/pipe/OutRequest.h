@@ -61,6 +61,8 @@ public:
 protected:
     // Counts the end of the wait; true when Wake() has to follow.
     bool Count() { return ended.Count(); }
+    // A response has come that nobody waited for any more.
+    void CountLate() const;
 
 private:
     std::weak_ptr<TarvoPipeImpl> pipe;

@@ -27,6 +27,7 @@ TarvoPipeImpl::TarvoPipeImpl(const TarvoAttr &attr, PipeObserver &tableObserver)
 
 TarvoPipeImpl::~TarvoPipeImpl() {
     try {
+        stats.Dropped(TARVO_STATS_DROP_CLOSING, cachedRequests);
         DeInitPipe();
     } catch (const std::system_error &error) {
         TARVO_LOG(LOG_INFO, "outReqList disable unfinished, system error: %s", error.what());

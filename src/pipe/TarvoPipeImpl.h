@@ -24,6 +24,7 @@
 #include "pipe/Message.h"
 #include "pipe/OutRequestList.h"
 #include "pipe/PipeObserver.h"
+#include "pipe/PipeStats.h"
 #include "pipe/TimeRecords.h"
 #include "tarvo.h"
 
@@ -55,6 +56,9 @@ public:
         pipeFd = fd;
         workerName = std::to_string(fd);
     }
+    // Counts from now on, if anything is counted in this process. Once it has its handle, before others can find it.
+    void BeginStats() { stats.Begin(pipeFd, myName, remoteName); }
+    PipeStats &Counted() { return stats; }
     // Whether the times of its messages are recorded.
     bool IsHeartbeat() const { return isHeartbeat; }
     HAS_SYMBOL DataMonitorType GetPipeDataMonitorType() const { return monitorType; }
@@ -86,6 +90,8 @@ public:
     int Write(OutMessage &msg);
     int Write(const std::unique_ptr<char[]> &buf, unsigned long len, unsigned int id);
     int WriteTimed(Tarvo::RunTimeRecord &record, const char *frame, std::size_t len, unsigned int id);
+    // Send() for the request of a call. `writtenAt`: just before the write, ns.
+    int SendCall(const TarvoRequest &req, int timeoutMs, uint64_t &writtenAt);
 
     // ---- Receiving and dispatch ----
     int Recv(void *buf, unsigned long len) override;
@@ -172,6 +178,9 @@ protected:
 private:
     friend class RequestTask;
 
+    // The last to go: requests that wait are counted on their way out.
+    PipeStats stats;
+
     // 0, or -ECANCELED once the pipe is retired.
     int BeginOpening() EXCLUDES(openingMutex, writeFdMutex);
     int OpenBothEnds(int timeoutMs);
@@ -184,11 +193,25 @@ private:
     bool IsClosing() const { return closeAction == -1; }
     int CloseOnce() REQUIRES(writeFdMutex);
 
+    // Send() and Write(), counted as of that kind. Part of their callers, so that counting costs no call.
+    __attribute__((always_inline)) int SendAs(unsigned kind, OutMessage &msg, uint64_t &writtenAt);
+    __attribute__((always_inline)) int TrySend(OutMessage &msg, uint64_t &writtenAt);
+    int WriteFrame(OutMessage &msg, uint64_t &writtenAt);
+    __attribute__((always_inline)) int Tell(unsigned kind, const OutMessage &msg, int result);
+
     template <typename Receive>
     void HandleReceived(Receive receive);
     std::optional<InMessage> RecvPayload(const MsgHead &head, Tarvo::EpollTimeRecord &rec);
+    void TellReceived(const MsgHead &head, InMessage &msg, Tarvo::EpollTimeRecord &rec);
+    // A request that gets to no callback, for one of TARVO_STATS_DROP_...
+    void Drop(uint32_t id, unsigned reason);
+    // `make()`, counted as dropped if there is no memory for it.
+    template <typename Make>
+    auto MakeRequest(const InMessage &msg, Make make);
     // HandleRequest for the notice of a remote close, made before. Null: there was no memory for it.
     int HandleNotice(const std::shared_ptr<const TarvoTask> &notice);
+    // The same, once for each opening; false when the callback will not be told and the pipe is not closing either.
+    bool TellOnce(const std::shared_ptr<const TarvoTask> &notice, uint32_t ofOpening) REQUIRES(remoteCloseMutex);
     // 0 when a callback may be submitted now.
     int RefuseCallback();
     // The task that calls `handler` with `req`, or with the notice of a remote close; null when memory has run out.
@@ -253,6 +276,8 @@ private:
     OutRequestList outRequests;
 
     Mutex remoteCloseMutex ACQUIRED_AFTER(lock_order::pipe) ACQUIRED_BEFORE(inRequestMutex);
+    // The opening of whose end the callback has been told.
+    std::optional<uint32_t> toldOpening GUARDED_BY(remoteCloseMutex);
 };
 
 #endif // TARVO_PIPE_TARVOPIPEIMPL_H

@@ -5,6 +5,7 @@
 #include <array>
 #include <cerrno>
 
+#include "base/Probe.h"
 #include "diag/velm_syslog.h"
 #include "pipe/TarvoPipeImpl.h"
 
@@ -16,15 +17,31 @@ constexpr char LOG_TAG[] = "TarvoPipeImplClose";
 
 void TarvoPipeImpl::HandleRemoteClosed() { HandleRemoteClosed(opening); }
 
+// The receive thread and the search for the remote's reader may both notice the same end.
+bool TarvoPipeImpl::TellOnce(const std::shared_ptr<const TarvoTask> &notice, uint32_t ofOpening) {
+    if (toldOpening == ofOpening) {
+        return true;
+    }
+    if (HandleNotice(notice) == 0) {
+        toldOpening = ofOpening;
+        return true;
+    }
+    return IsClosing();
+}
+
 void TarvoPipeImpl::HandleRemoteClosed(uint32_t ofOpening) {
     // Made, and dropped, without a lock held, since the user's callback is copied into it.
     const std::shared_ptr<const TarvoTask> notice = serviceHandler ? MakeTask(nullptr, serviceHandler) : nullptr;
     MutexLock lock(remoteCloseMutex);
     TARVO_LOG(LOG_DEBUG, "readFd: %d, writeFd: %d, myName: %s reomteName: %s", readFd.load(), writeFd.load(),
               myName.c_str(), remoteName.c_str());
+    if (opening == ofOpening && !IsClosing()) {
+        TARVO_PROBE_REMOTE_CLOSE(pipeFd.load());
+        stats.Slot().RemoteClosed();
+    }
     // A callback that cannot be told (its queue is full, say) must not keep the pipe open for ever with its callers
     // waiting: the pipe then closes as one without a callback.
-    if (opening == ofOpening && serviceHandler && (HandleNotice(notice) == 0 || IsClosing())) {
+    if (opening == ofOpening && serviceHandler && TellOnce(notice, ofOpening)) {
         return;
     }
     // Whoever wants to open the pipe again waits for this, and finds it closed and registered nowhere.
@@ -77,6 +94,7 @@ int TarvoPipeImpl::CloseOnce() {
     if (closeAction != 1) {
         return 0;
     }
+    TARVO_PROBE_CLOSE(pipeFd.load());
     closeAction = -1;
     openingChanged.notify_all();
     const int oldReadFd = readFd.exchange(-1);
@@ -85,6 +103,8 @@ int TarvoPipeImpl::CloseOnce() {
         // Whoever is inside a system call on one of them finishes first; nobody can begin one any more.
         WriteLock unused(descriptorUse);
     }
+    stats.LeavesUnread(oldReadFd);
+    stats.Slot().Closed();
     int ret = 0;
     if (oldReadFd >= 0) {
         if (close(oldReadFd) != 0) {

@@ -50,6 +50,7 @@ int TarvoPipeImpl::TimedOpen(int timeoutMs) {
         opened = OpenBothEnds(timeoutMs);
     }
     if (opened < 0) {
+        stats.Slot().Closed();
         observer.OnOpenFailed(pipeFd);
         return opened;
     }
@@ -72,6 +73,7 @@ int TarvoPipeImpl::BeginOpening() {
     closeAction = 1;
     if (readFd < 0) {
         ++opening;
+        stats.Slot().Opening();
         openingChanged.notify_all();
     }
     return 0;
@@ -113,6 +115,7 @@ void TarvoPipeImpl::CloseReadEnd() {
         return;
     }
     { WriteLock unused(descriptorUse); }
+    stats.LeavesUnread(fd);
     close(fd);
     if (mode == TARVO_MODE_SERVER) {
         // A close removes the file of an open read end only; the next open makes it anew.
@@ -130,6 +133,7 @@ int TarvoPipeImpl::RegisterReadEnd() {
         outRequests.Disable();
         return -ECANCELED;
     }
+    stats.Slot().Opened();
     return observer.OnPipeOpened(fd, pipeFd, shared_from_this());
 }
 

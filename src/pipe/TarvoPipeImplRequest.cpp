@@ -69,6 +69,7 @@ void TarvoPipeImpl::ProcessResponse(InMessage &msg) {
         MutexLock lock(outRequestMutex);
         request = outRequests.Pop(msg.id);
         if (!request) {
+            stats.Late();
             return;
         }
         TarvoResponse response{msg.id, msg.ReleaseData(), msg.payloadLen};

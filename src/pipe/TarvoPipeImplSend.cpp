@@ -3,7 +3,9 @@
 
 #include <cerrno>
 #include <cstring>
+#include <new>
 
+#include "base/Probe.h"
 #include "base/bounded.h"
 #include "diag/run_time_record.h"
 #include "diag/velm_syslog.h"
@@ -14,26 +16,32 @@ namespace {
 constexpr char LOG_TAG[] = "TarvoPipeImplSend";
 constexpr uint64_t WRITE_BUDGET_MS = 50;
 
+unsigned KindOf(const OutMessage &msg) {
+    return msg.type == MSG_TYPE_RESPONSE ? TARVO_STATS_RESPONSE : TARVO_STATS_ONE_WAY;
+}
+
 } // namespace
 
-int TarvoPipeImpl::Send(const TarvoRequest &req, int timeoutMs) {
-    OutMessage msg(req.id, req, timeoutMs);
-    return Send(msg);
+inline int TarvoPipeImpl::Tell(unsigned kind, const OutMessage &msg, int result) {
+    if (result < 0) {
+        TARVO_PROBE_REFUSED(pipeFd.load(), msg.id, result);
+    } else if (kind == TARVO_STATS_RESPONSE) {
+        TARVO_PROBE_RESPONSE_WRITTEN(pipeFd.load(), msg.id, msg.payloadLen);
+    } else {
+        TARVO_PROBE_REQUEST_WRITTEN(pipeFd.load(), msg.id, msg.payloadLen, msg.timeout);
+    }
+    stats.Sent(kind, msg.payloadLen, result);
+    return result;
 }
 
-int TarvoPipeImpl::Send(const TarvoResponse &rsp) {
-    OutMessage msg(rsp.id, rsp);
-    return Send(msg);
-}
-
-int TarvoPipeImpl::Send(OutMessage &msg) {
+inline int TarvoPipeImpl::TrySend(OutMessage &msg, uint64_t &writtenAt) {
     if (!msg.SizeValid()) {
         TARVO_LOG(LOG_ERR, "Send size %u is not valid", msg.payloadLen);
         return -EINVAL;
     }
     TARVO_LOG(LOG_INFO, "TarvoPipeImpl Send, writeFd = %d. %s  %s", writeFd.load(), myName.c_str(), remoteName.c_str());
     if (writeFd >= 0) {
-        return Write(msg);
+        return WriteFrame(msg, writtenAt);
     }
     const int ret = OpenWriteFifo();
     if (ret < 0) {
@@ -41,10 +49,46 @@ int TarvoPipeImpl::Send(OutMessage &msg) {
                   remoteName.c_str());
         return ret;
     }
-    return Write(msg);
+    return WriteFrame(msg, writtenAt);
+}
+
+inline int TarvoPipeImpl::SendAs(unsigned kind, OutMessage &msg, uint64_t &writtenAt) {
+    try {
+        return Tell(kind, msg, TrySend(msg, writtenAt));
+    } catch (const std::bad_alloc &) {
+        Tell(kind, msg, -ENOMEM);
+        throw;
+    }
+}
+
+int TarvoPipeImpl::Send(const TarvoRequest &req, int timeoutMs) {
+    OutMessage msg(req.id, req, timeoutMs);
+    uint64_t writtenAt = 0;
+    return SendAs(TARVO_STATS_ONE_WAY, msg, writtenAt);
+}
+
+int TarvoPipeImpl::Send(const TarvoResponse &rsp) {
+    OutMessage msg(rsp.id, rsp);
+    uint64_t writtenAt = 0;
+    return SendAs(TARVO_STATS_RESPONSE, msg, writtenAt);
+}
+
+int TarvoPipeImpl::SendCall(const TarvoRequest &req, int timeoutMs, uint64_t &writtenAt) {
+    OutMessage msg(req.id, req, timeoutMs);
+    return SendAs(TARVO_STATS_CALL, msg, writtenAt);
+}
+
+int TarvoPipeImpl::Send(OutMessage &msg) {
+    uint64_t writtenAt = 0;
+    return SendAs(KindOf(msg), msg, writtenAt);
 }
 
 int TarvoPipeImpl::Write(OutMessage &msg) {
+    uint64_t writtenAt = 0;
+    return Tell(KindOf(msg), msg, WriteFrame(msg, writtenAt));
+}
+
+int TarvoPipeImpl::WriteFrame(OutMessage &msg, uint64_t &writtenAt) {
     const char *data = msg.GetData();
     if (data == nullptr) {
         TARVO_LOG(LOG_ERR, "Send msg data ptr is null");
@@ -63,6 +107,7 @@ int TarvoPipeImpl::Write(OutMessage &msg) {
     head.timeout = msg.timeout;
     // Also the record's start: reading the clock twice for this would cost more than what lies between.
     head.writeStartTime = static_cast<int64_t>(record.StartTime());
+    writtenAt = Stats::ToNs(record.StartPoint());
     std::memcpy(frame.get(), &head, sizeof(head));
     // Compiled to a plain copy: only the payload's null pointer, refused above, could fail it. The line stays promised.
     const int copied = memcpy_s(frame.get() + sizeof(head), msg.Size() - sizeof(head), data, msg.payloadLen);

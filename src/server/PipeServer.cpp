@@ -9,6 +9,7 @@
 #include <system_error>
 #include <utility>
 
+#include "api/EnvManager.h"
 #include "api/TableFactory.h"
 #include "base/Cancellation.h"
 #include "base/ProcessObject.h"
@@ -127,6 +128,7 @@ int PipeServer::InitServer() {
     ended = false;
     leftToRead.reset();
     watch = TerminateWatch();
+    garbled = false;
     int ret = PreparaFifoFile();
     if (ret != 0) {
         TARVO_LOG(LOG_ERR, "PrepareFileFd failed: err=%d, errno=%d.", ret, errno);
@@ -175,6 +177,13 @@ int PipeServer::StartThread() {
         return 0;
     }
     TARVO_LOG(LOG_DEBUG, "Server start monitor routine.");
+    const TarvoServerAttr serves = GetServerAttr();
+    counted = StatsSlot({TARVO_STATS_SERVER,
+                         TARVO_STATS_THREADS,
+                         0,
+                         serves.selfName != nullptr ? serves.selfName : EnvManager::ProcName(),
+                         {}});
+    counted.Opened();
     try {
         monitorThread.Create(&PipeServer::MonitorRoutine, this);
     } catch (const std::system_error &e) {
@@ -220,6 +229,7 @@ void PipeServer::CloseLocked() {
     JoinThread();
     flock(monitorFd, LOCK_UN | LOCK_NB);
     CloseDescriptors();
+    counted.Closed();
     running = false;
 }
 
@@ -260,4 +270,5 @@ void PipeServer::CloseDescriptors() {
 void PipeServer::ReleaseEndedRun() {
     JoinThread();
     CloseDescriptors();
+    counted.Closed();
 }

@@ -13,6 +13,7 @@
 #include "base/Mutex.h"
 #include "pipe/MagicReceiver.h"
 #include "server/TerminateWatch.h"
+#include "stats/StatsSlot.h"
 #include "tarvo.h"
 #include "worker/tarvo_thread.h"
 
@@ -94,6 +95,8 @@ private:
     std::unique_ptr<char[]> ReadClientName(uint32_t size);
     void LetBlockedWritersGo();
     int OpenPipe(const char *clientName, uint32_t gid, int pid) const;
+    void CountBad() const;
+    void CountOpen(bool opened, uint64_t announcedAt) const;
 
     Mutex mutex ACQUIRED_BEFORE(lock_order::pipe);
     // True while a server is being set up or runs; cleared by the thread when it ends by itself.
@@ -120,6 +123,10 @@ private:
     bool ended = false;
     std::optional<std::size_t> leftToRead; // while closing: in bytes, of what may have been there before
     TerminateWatch watch;
+    bool garbled = false; // what was read last is no packet
+
+    // Taken before the thread starts, which counts.
+    StatsSlot counted;
 
     const char *threadName = "tarvo_server";
     TarvoTable &table;

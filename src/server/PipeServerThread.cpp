@@ -14,6 +14,7 @@
 #include "diag/velm_syslog.h"
 #include "server/PipeServer.h"
 #include "server/PipeServerMessage.h"
+#include "stats/Stats.h"
 
 namespace {
 
@@ -120,12 +121,19 @@ bool PipeServer::ServePacket() {
     }
     if (magic != MAGIC_OK) {
         TARVO_LOG(LOG_INFO, "Read return %d.", static_cast<int>(magic));
+        if (magic == MAGIC_MISMATCH && !garbled) {
+            // Once for all that comes until the next packet.
+            garbled = true;
+            CountBad();
+        }
         return true;
     }
+    garbled = false;
     int32_t type = 2;
     const int ret = Recv(&type, sizeof(type));
     if (!IsWhole(ret, type) || type > PIPE_SERVER_MSG_TERMINATE) {
         TARVO_LOG(LOG_ERR, "Read type failed, ret=%d, type=%d, errno=%d.", ret, type, errno);
+        CountBad();
         return true;
     }
     if (type == PIPE_SERVER_MSG_TERMINATE) {
@@ -141,23 +149,27 @@ void PipeServer::ServeConnectPacket() {
     int ret = Recv(&gid, sizeof(gid));
     if (!IsWhole(ret, gid)) {
         TARVO_LOG(LOG_ERR, "Read client gid failed, ret=%d, recv gid=%u, errno=%d.", ret, gid, errno);
+        CountBad();
         return;
     }
     int32_t pid = -1;
     ret = Recv(&pid, sizeof(pid));
     if (!IsWhole(ret, pid)) {
         TARVO_LOG(LOG_ERR, "Read client pid failed, ret=%d, recv pid=%d, errno=%d.", ret, pid, errno);
+        CountBad();
         return;
     }
     uint32_t size = 0;
     ret = Recv(&size, sizeof(size));
     if (!IsWhole(ret, size) || size < 1 || size > PIPE_SERVER_MAX_CLIENT_NAME) {
         TARVO_LOG(LOG_ERR, "Read connect packet data size failed, ret=%d, size=%u bytes, errno=%d.", ret, size, errno);
+        CountBad();
         return;
     }
     TARVO_LOG(LOG_INFO, "server get client name size: %u", size);
     const std::unique_ptr<char[]> name = ReadClientName(size);
     if (name == nullptr) {
+        CountBad();
         return;
     }
     if (closing && (ended || watch.HasSeenBegin())) {
@@ -188,12 +200,14 @@ std::unique_ptr<char[]> PipeServer::ReadClientName(uint32_t size) {
 void PipeServer::CallTarvoOpenAsync(const std::unique_ptr<char[]> &clientName, uint32_t gid, int pid) const {
     std::string name;
     int fd = -ENOMEM;
+    const uint64_t announcedAt = counted.Server() != nullptr ? Stats::Now() : 0;
     try {
         name = clientName.get();
         fd = OpenPipe(clientName.get(), gid, pid);
     } catch (const std::bad_alloc &) {
         fd = -ENOMEM;
     }
+    CountOpen(fd > 0, announcedAt);
     if (fd < 1 || name.empty()) {
         TARVO_LOG(LOG_ERR, "In callback Open pipe %s failed %d.", clientName.get(), fd);
         return;
@@ -204,6 +218,24 @@ void PipeServer::CallTarvoOpenAsync(const std::unique_ptr<char[]> &clientName, u
     TARVO_LOG(LOG_INFO, "Enter user callback: %d", fd);
     openCallback(fd, name);
     TARVO_LOG(LOG_INFO, "Finish user callback: %d", fd);
+}
+
+void PipeServer::CountBad() const {
+    if (TarvoStatsServer *const server = counted.Server()) {
+        Stats::CountAlone(server->bad);
+    }
+}
+
+void PipeServer::CountOpen(bool opened, uint64_t announcedAt) const {
+    TarvoStatsServer *const server = counted.Server();
+    if (server == nullptr) {
+        return;
+    }
+    Stats::CountAlone(server->packets);
+    Stats::CountAlone(opened ? server->opened : server->failed);
+    if (opened) {
+        Stats::TimeAlone(server->openTime, Stats::Between(announcedAt, Stats::Now()));
+    }
 }
 
 int PipeServer::OpenPipe(const char *clientName, uint32_t gid, int pid) const {

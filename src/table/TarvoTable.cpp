@@ -6,6 +6,7 @@
 #include <exception>
 #include <utility>
 
+#include "base/Probe.h"
 #include "diag/velm_syslog.h"
 #include "monitor/DataMonitorImpl.h"
 #include "server/TarvoClientPipe.h"
@@ -41,16 +42,19 @@ int TarvoTable::MakeAndAddPipe(const TarvoAttr *attr, TarvoPipeType type) {
     int ret = PrepareMonitor(attr->priority, pipe->GetPipeDataMonitorType());
     if (ret != 0) {
         TARVO_LOG(LOG_ERR, "Prepare Monitor failed, ret is %d", ret);
+        TARVO_PROBE_OPEN(0, ret);
         return ret;
     }
     int fd = 0;
     // When the two names have a pipe already, the new object dies here, unused.
     pipe = FindOrInsert(pipe, fd);
     if (fd < 0) {
+        TARVO_PROBE_OPEN(0, fd);
         return fd;
     }
     // Outside tableLock: a slow open must not keep others from sending, opening and closing.
     ret = pipe->TimedOpen(attr->timeout);
+    TARVO_PROBE_OPEN(fd, ret);
     if (ret >= 0) {
         return fd;
     }
@@ -90,6 +94,7 @@ int TarvoTable::Insert(const std::shared_ptr<TarvoPipeImpl> &pipe) {
         return fd;
     }
     pipe->SetFd(fd);
+    pipe->BeginStats();
     const auto inserted = pipeFdTable.emplace(fd, pipe).first;
     try {
         pipeKeyTable.emplace(pipe->GetTableKey(), pipe);
@@ -201,10 +206,10 @@ void TarvoTable::DropPipes() {
     PipeKeyTable keys;
     WriteLock lock(tableLock);
     for (const auto &entry : pipeFdTable) {
-        // Before the descriptor is closed, as in every close: its number may be another pipe's when the receive thread,
-        // which removes a pipe that hung up, gets to it.
-        RemoveDataMonitor(entry.first);
+        // In the order of every close: an open that is under way must not register the pipe again, and its descriptor's
+        // number may be another pipe's when the receive thread, which removes a pipe that hung up, gets to it.
         entry.second->Retire();
+        RemoveDataMonitor(entry.first);
         entry.second->DeInitPipe();
     }
     pipes.swap(pipeFdTable);

@@ -14,6 +14,7 @@
 
 #include "api/EnvManager.h"
 #include "diag/velm_syslog.h"
+#include "worker/PoolStats.h"
 
 namespace {
 
@@ -214,6 +215,7 @@ std::size_t Worker::WaitingTasks() {
 }
 
 void Worker::Routine() {
+    const PoolStats::Thread counted;
     NameThread();
     NuroCoreSetaffinity();
     do {

@@ -5,6 +5,7 @@
 #include <cerrno>
 
 #include "diag/velm_syslog.h"
+#include "worker/PoolStats.h"
 #include "worker/WorkerPool.h"
 #include "worker/WorkerPoolState.h"
 
@@ -79,6 +80,7 @@ int WorkerPool::GetSlotAction(unsigned limit) {
             break;
         }
         slots[word] &= ~SlotBit(slot);
+        PoolStats::Taken();
         return static_cast<int>(slot);
     }
     return -ENOSPC;
@@ -86,7 +88,11 @@ int WorkerPool::GetSlotAction(unsigned limit) {
 
 int WorkerPool::FreeSlotAction(unsigned slot) {
     TARVO_LOG(LOG_INFO, "free action slot worker=%u", slot);
-    slots[slot / WORD_BITS] |= SlotBit(slot);
+    uint64_t &word = slots[slot / WORD_BITS];
+    if ((word & SlotBit(slot)) == 0) {
+        PoolStats::GivenBack();
+    }
+    word |= SlotBit(slot);
     // Urgent requests can use whatever slot it is, and sleep apart from the others, who otherwise might take the
     // wake-up for a reserved slot and leave the slot. Whoever finds nothing left of the slot sleeps on.
     if (maxWorkers > normalWorkers) {
@@ -135,6 +141,7 @@ int WorkerPool::GetFreeSlotAgain(unsigned limit) {
 int WorkerPool::PickupWorker(unsigned limit) {
     const int slot = GetFreeSlot(limit);
     if (slot < 0) {
+        PoolStats::Refused();
         TARVO_LOG_RESTRAINED(LOG_ERR, "Find free slot failed: err = %d", slot);
         return slot;
     }
@@ -154,6 +161,7 @@ int WorkerPool::WaitForFreeWorker() { return WaitForFreeWorker(normalWorkers); }
 
 int WorkerPool::WaitForFreeWorker(unsigned limit) {
     sem_t &sem = limit > normalWorkers ? urgentSem : freeSem;
+    PoolStats::Waited();
     WakeUp wakeUp(sem);
     pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
     const int ret = Wait(sem);

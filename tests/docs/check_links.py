@@ -19,7 +19,8 @@ def anchors_of(path):
 
 def main():
     """Exit code 0 when all links lead somewhere."""
-    pages = sorted([*ROOT.glob("*.md"), *(ROOT / "docs").rglob("*.md")])
+    pages = sorted([*ROOT.glob("*.md"), *(ROOT / "docs").rglob("*.md"),
+                    *(ROOT / "models").glob("*.md")])
     links = faults = 0
     for page in pages:
         for target in LINK.findall(CODE.sub("", page.read_text(encoding="utf-8"))):

@@ -16,6 +16,7 @@ cmake --build "$scratch/cmake" >/dev/null
 "$scratch/cmake/consumer"
 # The loader finds the library below the loop's only where it searches by itself, or is told to.
 LD_LIBRARY_PATH=$(dirname "$(find "$scratch/root" -name libtarvo.so.1)") "$scratch/cmake/loop_consumer"
+"$scratch/cmake/stats_consumer"
 echo "a consumer of the CMake package runs"
 
 pc=$(find "$scratch/root" -name tarvo.pc)
@@ -30,6 +31,9 @@ LD_LIBRARY_PATH=$libdir "$scratch/loop_consumer"
 # shellcheck disable=SC2046 # a list of options
 cc -std=c11 -o "$scratch/loop_consumer_c" "$consumer/loop_consumer.c" $(pkg-config --cflags --libs tarvo-loop)
 LD_LIBRARY_PATH=$libdir "$scratch/loop_consumer_c"
+# shellcheck disable=SC2046 # a list of options
+cc -std=c11 -o "$scratch/stats_consumer" "$consumer/stats_consumer.c" $(pkg-config --cflags --libs tarvo-stats)
+"$scratch/stats_consumer"
 [[ $(pkg-config --modversion tarvo tarvo-loop) == $'1.0.0\n1.0.0' ]]
 echo "a consumer of the pkg-config file runs"
 

@@ -12,6 +12,8 @@ getent group tarvo >/dev/null || { echo "the group tarvo is missing" && exit 1; 
 if command -v systemd-tmpfiles >/dev/null; then
     found=$(stat -c '%a %U:%G' $fifo_directory)
     [[ $found == "2770 root:tarvo" ]] || { echo "the FIFO directory is $found" && exit 1; }
+    found_stats=$(stat -c '%a %U:%G' $fifo_directory-stats)
+    [[ $found_stats == "3770 root:tarvo" ]] || { echo "the directory of the statistics is $found_stats" && exit 1; }
     echo "installed: group and FIFO directory ($found) are there"
 else
     echo "installed: no systemd-tmpfiles here to make the FIFO directory"
@@ -28,6 +30,7 @@ build-cmake/consumer
 g++ -std=c++17 -o consumer-pc consumer/consumer.cpp $(pkg-config --cflags --libs tarvo)
 ./consumer-pc
 build-cmake/loop_consumer
+build-cmake/stats_consumer
 # shellcheck disable=SC2046 # a list of options
 g++ -std=c++17 -o loop-consumer-pc consumer/loop_consumer.cpp $(pkg-config --cflags --libs tarvo-loop)
 ./loop-consumer-pc

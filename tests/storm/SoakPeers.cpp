@@ -17,7 +17,7 @@ namespace {
 constexpr int OPEN_TIMEOUT_MS = 500;
 constexpr int CALL_TIMEOUT_MS = 10000;
 constexpr uint32_t ONE_WAY = 1; // in Question::serverGeneration: wants no answer
-// Each steady peer leaves so much time between two messages: a soak is about what adds up, not about speed.
+// Between two calls of a visitor, and between two attempts to connect.
 constexpr int PACE_MS = 1;
 
 SoakBoard *shared = nullptr; // the callbacks are plain functions
@@ -44,6 +44,9 @@ Question MakeQuestion(uint32_t number) {
     question.caller = getpid();
     return question;
 }
+
+// A soak is about what adds up, not about speed.
+void Pause(const SoakBoard &board) { usleep(board.paceUs); }
 
 bool CallOnce(SoakBoard &board, int fd, uint32_t number) {
     const int64_t start = Now();
@@ -88,7 +91,7 @@ int StayBusy(SoakBoard &board, const std::string &server, const std::string &sel
             TarvoClosePipe(fd);
             fd = 0;
         }
-        poll(nullptr, 0, PACE_MS);
+        Pause(board);
     }
     TarvoCfgFinishServer();
     return 0;
@@ -169,7 +172,7 @@ int SoakConcurrentCaller(SoakBoard &board, const std::string &self, const std::s
     tarvo_test::OnThreads(static_cast<int>(threads), [&board, fd, threads](int first) {
         for (auto number = static_cast<uint32_t>(first); !Finished(board); number += threads) {
             CallOnce(board, fd, number);
-            poll(nullptr, 0, PACE_MS);
+            Pause(board);
         }
     });
     TarvoCfgFinishServer();

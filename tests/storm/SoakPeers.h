@@ -21,6 +21,7 @@ struct SoakBoard {
     std::atomic<uint64_t> refused{0};  // sends and calls that failed, as they may when a peer is killed or a FIFO full
     std::atomic<uint64_t> received{0}; // one-way requests in callbacks
     std::atomic<uint64_t> wrong{0};
+    std::atomic<unsigned> paceUs{1000}; // what each steady peer leaves between two messages
 };
 
 // Serves until told to finish. Falls back to normal priority where real-time scheduling is not allowed.

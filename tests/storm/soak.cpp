@@ -1,9 +1,12 @@
-// Mixed traffic for minutes or days, while peers come and go: what the steady processes hold must not grow.
+// Mixed traffic for minutes or days, now more and now less of it, while peers come and go, are stopped and killed: what
+// the steady processes hold must not grow.
 #include <fmt/format.h>
 #include <poll.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <fstream>
 #include <functional>
@@ -16,6 +19,7 @@
 #include "storm/Percentile.h"
 #include "storm/Proof.h"
 #include "storm/SoakPeers.h"
+#include "storm/StatsProof.h"
 #include "storm/Usage.h"
 #include "support/Names.h"
 #include "support/Process.h"
@@ -30,11 +34,16 @@ constexpr int64_t SECOND = 1000000000;
 constexpr int END_LIMIT_MS = 30000;
 // Below this, the allocator and the pool of workers are still warming up.
 constexpr double MINUTES_FOR_GROWTH = 5;
+// From little load to much and back, at most.
+constexpr double WAVE_MINUTES = 4;
+constexpr double LONGEST_PACE_US = 4000;
+constexpr double SHORTEST_PACE_US = 250;
 
 struct Options {
     double minutes = 20;
     unsigned rowSeconds = 60;
     std::string csv;
+    bool stats = false;
 };
 
 struct Sample {
@@ -42,6 +51,16 @@ struct Sample {
     long rssKiB = 0;
     long descriptors = 0;
     long threads = 0;
+};
+
+// What all of them together do and leave.
+struct Whole {
+    double second = 0;
+    unsigned paceUs = 0;
+    std::size_t files = 0;
+    uint64_t calls = 0;
+    uint64_t medianUs = 0;
+    uint64_t p99Us = 0;
 };
 
 // A process that lives as long as the soak.
@@ -59,15 +78,18 @@ public:
     bool Run() {
         StartSteady();
         start = Now();
-        fmt::print("{:>6} {:>9} {:>6} {:>7} {:>10} {:>9} {:>8} {:>8} {:>9} {:>8} {:>7} {:>7}\n", "minute", "RSS KiB",
-                   "fds", "threads", "calls", "one-way", "p50 us", "p99 us", "max us", "visitors", "killed", "refused");
+        fmt::print("{:>6} {:>9} {:>6} {:>7} {:>10} {:>9} {:>8} {:>8} {:>9} {:>8} {:>7} {:>7} {:>7}\n", "minute",
+                   "RSS KiB", "fds", "threads", "calls", "one-way", "p50 us", "p99 us", "max us", "visitors", "killed",
+                   "stopped", "refused");
         const auto end = start + static_cast<int64_t>(options.minutes * 60 * SECOND);
         int64_t nextSample = start + SECOND;
         int64_t nextRow = start + options.rowSeconds * SECOND;
         last = board->latency.Read();
+        lastSecond = last;
         while (Now() < end && good) {
             ComeAndGo();
             if (Now() >= nextSample) {
+                SetLoad();
                 TakeSamples();
                 nextSample += SECOND;
             }
@@ -101,11 +123,31 @@ private:
         Add("caller of urgent", [=] { return SoakCaller(*shared, urgent, tag + "c2"); });
         Add("sender to normal", [=] { return SoakSender(*shared, normal, tag + "c3"); });
         Add("sender to urgent", [=] { return SoakSender(*shared, urgent, tag + "c4"); });
+        Add("sender to a server that is stopped", [=] { return SoakSender(*shared, tag + "mortal", tag + "c6"); });
         Add("caller of a server that is killed", [=] { return SoakCaller(*shared, tag + "mortal", tag + "c5"); });
     }
 
     void Add(const std::string &role, const std::function<int()> &body) {
         steady.push_back({role, std::make_unique<ChildProcess>([body](Channel &) { return body(); }), {}});
+    }
+
+    // Grows and shrinks.
+    void SetLoad() {
+        const double minute = static_cast<double>(Now() - start) / (60.0 * SECOND);
+        const double wave = std::min(WAVE_MINUTES, options.minutes / 4);
+        const double phase = std::fmod(minute, wave) / wave;
+        const double load = 1 - std::abs(2 * phase - 1);
+        board->paceUs = static_cast<unsigned>(LONGEST_PACE_US * std::pow(SHORTEST_PACE_US / LONGEST_PACE_US, load));
+    }
+
+    // Every other time a process stands still for a moment before it is killed: its FIFO fills, its callers wait.
+    bool StopFirst(const std::unique_ptr<ChildProcess> &process, bool &stopped, int64_t &killAt) {
+        stopped = process != nullptr && !stopped && random() % 2 == 0 && kill(process->Pid(), SIGSTOP) == 0;
+        if (stopped) {
+            ++stops;
+            killAt = Now() + static_cast<int64_t>(random() % 1500) * (SECOND / 1000);
+        }
+        return stopped;
     }
 
     // Visitors that end in the orderly way, visitors that are killed, and a server that is killed and started again.
@@ -123,7 +165,7 @@ private:
             visitor =
                 std::make_unique<ChildProcess>([=](Channel &) { return SoakVisitor(*shared, server, tag + "v", 50); });
         }
-        if (now >= killVictimAt) {
+        if (now >= killVictimAt && !StopFirst(victim, victimStopped, killVictimAt)) {
             kills += victim != nullptr ? 1 : 0;
             const std::string server = tag + (kills % 2 == 0 ? "normal" : "urgent");
             victim.reset();
@@ -131,7 +173,7 @@ private:
                 [=](Channel &) { return SoakVisitor(*shared, server, tag + "w", 1000000); });
             killVictimAt = now + static_cast<int64_t>(random() % 1000) * (SECOND / 1000);
         }
-        if (now >= killServerAt) {
+        if (now >= killServerAt && !StopFirst(mortal, mortalStopped, killServerAt)) {
             kills += mortal != nullptr ? 1 : 0;
             mortal.reset();
             mortal = std::make_unique<ChildProcess>(
@@ -150,6 +192,11 @@ private:
             const pid_t pid = one.process->Pid();
             one.samples.push_back({second, ResidentKiB(pid), CountEntries(pid, "fd"), CountEntries(pid, "task")});
         }
+        const Histogram::Counts now = board->latency.Read();
+        const Histogram::Counts since = now.Since(lastSecond);
+        lastSecond = now;
+        whole.push_back({second, board->paceUs, tarvo_test::OwnFifoFiles().size(), since.Total(), since.Percentile(0.5),
+                         since.Percentile(0.99)});
     }
 
     template <typename Field>
@@ -166,10 +213,10 @@ private:
         const Histogram::Counts row = now.Since(last);
         last = now;
         const uint64_t sent = board->oneWay;
-        fmt::print("{:>6.1f} {:>9} {:>6} {:>7} {:>10} {:>9} {:>8} {:>8} {:>9} {:>8} {:>7} {:>7}\n",
+        fmt::print("{:>6.1f} {:>9} {:>6} {:>7} {:>10} {:>9} {:>8} {:>8} {:>9} {:>8} {:>7} {:>7} {:>7}\n",
                    static_cast<double>(Now() - start) / (60.0 * SECOND), SumOfLast(&Sample::rssKiB),
                    SumOfLast(&Sample::descriptors), SumOfLast(&Sample::threads), row.Total(), sent - lastSent,
-                   row.Percentile(0.5), row.Percentile(0.99), row.Percentile(1.0), visits, kills,
+                   row.Percentile(0.5), row.Percentile(0.99), row.Percentile(1.0), visits, kills, stops,
                    board->refused.load());
         std::fflush(stdout);
         Check(row.Total() > 0, "no call was answered in this row");
@@ -231,6 +278,12 @@ private:
                      << ',' << sample.threads << '\n';
             }
         }
+        std::ofstream load(options.csv + ".load");
+        load << "second,pace_us,files,calls,p50_us,p99_us\n";
+        for (const Whole &one : whole) {
+            load << one.second << ',' << one.paceUs << ',' << one.files << ',' << one.calls << ',' << one.medianUs
+                 << ',' << one.p99Us << '\n';
+        }
     }
 
     void Check(bool fine, const std::string &what) {
@@ -244,6 +297,7 @@ private:
     const std::string tag;
     Shared<SoakBoard> board;
     std::vector<Steady> steady;
+    std::vector<Whole> whole;
     std::unique_ptr<ChildProcess> visitor;
     std::unique_ptr<ChildProcess> victim;
     std::unique_ptr<ChildProcess> mortal;
@@ -252,6 +306,10 @@ private:
     int64_t killServerAt = 0;
     std::mt19937_64 random{std::random_device{}()};
     Histogram::Counts last;
+    Histogram::Counts lastSecond;
+    bool victimStopped = false;
+    bool mortalStopped = false;
+    uint64_t stops = 0;
     uint64_t lastSent = 0;
     uint64_t visits = 0;
     uint64_t kills = 0;
@@ -260,16 +318,24 @@ private:
 
 int Main(int argc, char **argv) {
     Options options;
-    CommandLine line(
-        "Mixed traffic while peers come and go. Fails when memory, descriptors or threads of the processes that "
-        "stay grow, or when anything goes wrong. The exit status is the verdict.");
+    CommandLine line("Mixed traffic, more and less of it by turns, while peers come and go, are stopped and killed. "
+                     "Fails when memory, descriptors or threads of the processes that "
+                     "stay grow, or when anything goes wrong. The exit status is the verdict.");
     line.Option("--minutes", options.minutes, "how long");
     line.Option("--row-seconds", options.rowSeconds, "time between two rows of the table");
-    line.Option("--csv", options.csv, "file for all samples");
+    line.Option("--csv", options.csv,
+                "file for all samples of the processes; that with .load behind it gets those of the whole");
+    line.Flag("--stats", options.stats, "the processes count, and their numbers must agree in the end; for root");
     if (const auto status = line.Parse(argc, argv)) {
         return *status;
     }
-    return Prove([&] { return Soak(options).Run(); });
+    if (options.stats && !BeginStats()) {
+        return CANNOT_COUNT;
+    }
+    return Prove([&] {
+        const bool good = Soak(options).Run();
+        return (!options.stats || JudgeStats()) && good;
+    });
 }
 
 } // namespace

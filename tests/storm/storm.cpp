@@ -14,6 +14,7 @@
 #include "storm/Leftovers.h"
 #include "storm/Percentile.h"
 #include "storm/Proof.h"
+#include "storm/StatsProof.h"
 #include "support/Process.h"
 
 namespace storm {
@@ -27,6 +28,7 @@ struct Options {
     double answerLimitMs = 1000;
     int wedgedAfterMs = 10000;
     bool quiet = false;
+    bool stats = false;
     std::string cleaner;
 };
 
@@ -162,8 +164,12 @@ int Main(int argc, char **argv) {
     line.Option("--cleaner", options.cleaner,
                 "command that removes the FIFO files that no process holds; it must leave none");
     line.Flag("--quiet", options.quiet, "no progress");
+    line.Flag("--stats", options.stats, "the processes count, and their numbers must agree in the end; for root");
     if (const auto status = line.Parse(argc, argv)) {
         return *status;
+    }
+    if (options.stats && !BeginStats()) {
+        return CANNOT_COUNT;
     }
     return Prove([&] {
         fmt::print("seed {}, {} kills, {} servers with {} clients each\n", options.seed, options.kills, options.groups,
@@ -172,7 +178,7 @@ int Main(int argc, char **argv) {
         const Summary sum = RunGroups(options);
         PrintMoments(sum);
         const bool judged = Judge(options, sum);
-        return JudgeFiles(options) && judged;
+        return (!options.stats || JudgeStats(sum.answers)) && JudgeFiles(options) && judged;
     });
 }
 

@@ -6,8 +6,10 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "stats/StatsFile.h"
 #include "support/Names.h"
 #include "support/Sanitized.h"
+#include "support/StatsSums.h"
 #include "support/SyslogCapture.h"
 #include "support/Watchdog.h"
 
@@ -29,9 +31,38 @@ extern "C" void ReportHang(int) {
     std::abort();
 }
 
+// With TARVO_TEST_STATS in the environment each test runs as it does elsewhere, but is counted, and its numbers must
+// agree. For root, and one test in a process.
+bool IsCounted() { return std::getenv("TARVO_TEST_STATS") != nullptr; }
+
+void BeginCounting() {
+    if (!GetOwnStatsDirectory() || StatsFile::Get() == nullptr) {
+        ADD_FAILURE() << "no statistics";
+    }
+    FifoDirectory();
+}
+
+void CompareCounts() {
+    for (const std::string &path : StatsFiles()) {
+        for (const std::string &fault : DisagreementsIn(path)) {
+            ADD_FAILURE() << fault;
+        }
+    }
+}
+
 class Surroundings : public testing::EmptyTestEventListener {
-    void OnTestStart(const testing::TestInfo &) override { ArmAlarm(TestLimit()); }
-    void OnTestEnd(const testing::TestInfo &) override { ArmAlarm(0); }
+    void OnTestStart(const testing::TestInfo &) override {
+        ArmAlarm(TestLimit());
+        if (IsCounted()) {
+            BeginCounting();
+        }
+    }
+    void OnTestEnd(const testing::TestInfo &) override {
+        ArmAlarm(0);
+        if (IsCounted()) {
+            CompareCounts();
+        }
+    }
     void OnTestProgramEnd(const testing::UnitTest &) override { RemoveOwnFifoFiles(); }
 };
 

@@ -9,12 +9,16 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <functional>
 #include <string>
+#include <vector>
 
 #include "support/Names.h"
 #include "system/SystemTest.h"
 #include "system/Users.h"
+#include "tarvo_stats.h"
 
 namespace tarvo_test {
 namespace {
@@ -109,6 +113,39 @@ TEST_F(PackagedDirectoryTest, AUserOutsideTheGroupNeitherConnectsNorServesNorLis
     EXPECT_FALSE(StrangerCan([] { return Opens(FifoDirectory() + Name("s"), O_WRONLY); }));
     EXPECT_FALSE(StrangerCan([] { return unlink((FifoDirectory() + Name("s")).c_str()) == 0; }));
     EXPECT_EQ(Files().size(), 1U);
+}
+
+// Whether `action` is true in a process of another member.
+bool OtherMemberCan(gid_t group, const std::function<bool()> &action) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+        _exit(Become(SECOND_USER, group) ? (action() ? 1 : 0) : 2);
+    }
+    int status = 0;
+    EXPECT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) != 2);
+    return WEXITSTATUS(status) == 1;
+}
+
+TEST_F(PackagedDirectoryTest, MembersReadEachOthersStatisticsAndRemoveOnlyTheirOwn) {
+    EXPECT_EQ(StatusOf(TARVO_STATS_DIRECTORY).st_mode, static_cast<mode_t>(S_IFDIR | 03770));
+    EXPECT_EQ(StatusOf(TARVO_STATS_DIRECTORY).st_gid, Group());
+    PeerProcess server = Member(FIRST_USER);
+    Serve(server, Name("s"), "callback=echo");
+    std::vector<std::string> files;
+    for (const auto &entry : std::filesystem::directory_iterator(TARVO_STATS_DIRECTORY)) {
+        files.push_back(entry.path());
+    }
+    ASSERT_EQ(files.size(), 1U);
+    const std::string &file = files.front();
+    EXPECT_EQ(StatusOf(file).st_uid, FIRST_USER);
+    EXPECT_EQ(StatusOf(file).st_gid, Group());
+    EXPECT_EQ(StatusOf(file).st_mode, static_cast<mode_t>(S_IFREG | 0640));
+    EXPECT_TRUE(OtherMemberCan(Group(), [&file] { return Opens(file, O_RDONLY); }));
+    EXPECT_FALSE(OtherMemberCan(Group(), [&file] { return Opens(file, O_WRONLY); }));
+    EXPECT_FALSE(OtherMemberCan(Group(), [&file] { return unlink(file.c_str()) == 0; }));
+    EXPECT_FALSE(StrangerCan([] { return opendir(TARVO_STATS_DIRECTORY) != nullptr; }));
+    EXPECT_FALSE(StrangerCan([&file] { return Opens(file, O_RDONLY); }));
 }
 
 // With the sticky bit, the file of the dead server would stay another user's, who could shut the new one's clients out.

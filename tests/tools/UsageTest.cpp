@@ -25,8 +25,8 @@ TEST_P(SubcommandTest, UnknownOptionIsRefusedOnStandardError) {
 }
 
 INSTANTIATE_TEST_SUITE_P(All, SubcommandTest,
-                         testing::Values("serve", "call", "send", "ping", "wait", "list", "watch", "bench", "decode",
-                                         "doctor", "init", "clean"),
+                         testing::Values("serve", "call", "send", "ping", "wait", "list", "watch", "stat", "top",
+                                         "bench", "decode", "doctor", "init", "clean"),
                          [](const auto &subcommand) { return std::string(subcommand.param); });
 
 using UsageTest = ToolTest;

@@ -32,7 +32,7 @@ options_of() {
 }
 
 mapfile -t subcommands < <("${tool[@]}" --help | sed -n '/^Subcommands:/,/^$/p' | awk '/^  [a-z]/ {print $1}')
-[[ ${#subcommands[@]} -eq 14 ]] || fail "the help names ${#subcommands[@]} subcommands"
+[[ ${#subcommands[@]} -eq 16 ]] || fail "the help names ${#subcommands[@]} subcommands"
 
 offered_subcommands=$(offered '')
 for subcommand in "${subcommands[@]}"; do
@@ -59,6 +59,7 @@ done
 [[ -z $(offered ping --outstanding '') ]] || fail "something is offered for --outstanding"
 [[ $(offered sandbox -- printen | sort -u) == printenv ]] || fail "sandbox -- printen"
 [[ $(offered help cal) == call ]] || fail "help cal"
+[[ $(offered top --sort qu) == queued ]] || fail "top --sort qu"
 [[ -z $(offered call --timeout '') ]] || fail "something is offered for --timeout"
 
 # Every option that the page describes is one of the tool.

@@ -15,12 +15,16 @@
 #include "shared/ExitCode.h"
 #include "shared/Inventory.h"
 #include "shared/Output.h"
+#include "stats/DeadFiles.h"
+#include "stats/Readings.h"
 
 namespace tarvoctl {
 namespace {
 
 struct CleanOptions {
     std::string directory;
+    std::string statsDirectory;
+    bool stats = false;
     bool remove = false;
     Duration minAge{std::chrono::seconds(10)};
     bool trustNamespace = false;
@@ -140,23 +144,64 @@ const char *ActionText(const CleanOptions &options, Action action) {
     return action == Action::KEEP ? "kept" : "failed";
 }
 
-void Print(const CleanOptions &options, const std::string &directory, const std::vector<Verdict> &verdicts) {
-    nlohmann::json files = nlohmann::json::array();
-    for (const Verdict &verdict : verdicts) {
-        const char *action = ActionText(options, verdict.action);
-        const std::string path = directory + verdict.file.name;
+// What is told of a file, whatever it was for.
+struct Told {
+    std::string path;
+    Action action;
+    std::string reason;
+    bool inUse; // nothing to tell people about
+};
+
+Action ActionOf(const DeadFile &file) {
+    switch (file.action) {
+    case DeadFile::Action::REMOVE:
+        return Action::REMOVE;
+    case DeadFile::Action::KEEP:
+        return Action::KEEP;
+    default:
+        return Action::FAIL;
+    }
+}
+
+// Cleans the statistics when that is asked for, and adds what became of each file. False when they cannot be listed.
+bool CleanStats(const CleanOptions &options, std::vector<Told> &told) {
+    const std::string directory = StatsDirectoryBeside(options.directory, options.statsDirectory);
+    if (!options.stats) {
+        return true;
+    }
+    std::vector<DeadFile> files;
+    const auto minAge = std::chrono::duration_cast<std::chrono::seconds>(options.minAge.value);
+    const int error = CleanDeadFiles(directory, options.remove, minAge, files);
+    for (const DeadFile &file : files) {
+        told.push_back({file.path, ActionOf(file), file.reason, file.reason == "its process lives"});
+    }
+    if (error != 0 && error != -ENOENT) {
+        Diagnose("{}: {}", directory, std::strerror(-error));
+        return false;
+    }
+    return true;
+}
+
+void Print(const CleanOptions &options, const std::string &directory, const std::vector<Told> &files) {
+    nlohmann::json list = nlohmann::json::array();
+    for (const Told &file : files) {
+        const char *action = ActionText(options, file.action);
         if (options.json) {
-            files.push_back({{"path", path}, {"action", action}, {"reason", verdict.reason}});
-        } else if (verdict.reason != "in use") {
-            Put(fmt::format("{} {}: {}\n", action, path, verdict.reason));
+            list.push_back({{"path", file.path}, {"action", action}, {"reason", file.reason}});
+        } else if (!file.inUse) {
+            Put(fmt::format("{} {}: {}\n", action, file.path, file.reason));
         }
     }
     if (options.json) {
-        PutJson({{"directory", directory}, {"dry_run", !options.remove}, {"files", files}});
+        PutJson({{"directory", directory}, {"dry_run", !options.remove}, {"files", list}});
     }
 }
 
 int RunClean(const CleanOptions &options) {
+    if (options.stats && StatsDirectoryBeside(options.directory, options.statsDirectory).empty()) {
+        Diagnose("--stats with a --directory of your own: --stats-directory names that of the statistics");
+        return EXIT_USAGE;
+    }
     const Inventory inventory = TakeInventory(options.directory, options.trustNamespace);
     if (inventory.files.error != 0) {
         DiagnoseInventory(inventory);
@@ -166,12 +211,17 @@ int RunClean(const CleanOptions &options) {
     if (options.remove) {
         Remove(inventory, verdicts);
     }
-    Print(options, inventory.directory, verdicts);
-    bool toRemove = false;
-    bool failed = false;
+    std::vector<Told> files;
     for (const Verdict &verdict : verdicts) {
-        toRemove = toRemove || verdict.action == Action::REMOVE;
-        failed = failed || verdict.action == Action::FAIL;
+        files.push_back(
+            {inventory.directory + verdict.file.name, verdict.action, verdict.reason, verdict.reason == "in use"});
+    }
+    bool failed = !CleanStats(options, files);
+    Print(options, inventory.directory, files);
+    bool toRemove = false;
+    for (const Told &file : files) {
+        toRemove = toRemove || file.action == Action::REMOVE;
+        failed = failed || file.action == Action::FAIL;
     }
     if (toRemove && !options.remove && !options.json) {
         Diagnose("nothing was removed; --yes removes them");
@@ -187,6 +237,8 @@ void AddClean(CommandLine &app, Command &command) {
         AddSubcommand(app, command, "clean", "Show the FIFO files that no process holds, and remove them with --yes",
                       "0 done; 1 a file could not be removed, or no such directory; 2 wrong usage.");
     AddDirectoryOption(sub, options->directory);
+    sub.Flag("--stats", options->stats, "Statistics files of processes that have ended, too");
+    AddStatsDirectoryOption(sub, options->statsDirectory);
     sub.Flag("-y,--yes", options->remove, "Remove them; without it nothing is changed");
     sub.Add("--min-age", options->minAge, "Keep files that have changed within this time (10s)");
     sub.Flag("--this-namespace", options->trustNamespace,

@@ -7,12 +7,14 @@
 #include "shared/Command.h"
 #include "shared/ExitCode.h"
 #include "shared/Output.h"
+#include "stats/Readings.h"
 
 namespace tarvoctl {
 namespace {
 
 struct DoctorOptions {
     std::string directory;
+    std::string statsDirectory;
     bool strict = false;
     bool json = false;
 };
@@ -80,6 +82,7 @@ int RunDoctor(const DoctorOptions &options) {
     CheckScheduling(findings);
     CheckLabels(findings);
     CheckLog(findings);
+    CheckStats(StatsDirectoryBeside(options.directory, options.statsDirectory), findings);
     Level worst = Level::OK;
     for (const Finding &finding : findings) {
         worst = std::max(worst, finding.level);
@@ -97,6 +100,7 @@ void AddDoctor(CommandLine &app, Command &command) {
         "0 nothing that keeps them from talking; 2 wrong usage; 5 an error was found, or with "
         "--strict a warning. Limits are those of this user and session.");
     AddDirectoryOption(sub, options->directory);
+    AddStatsDirectoryOption(sub, options->statsDirectory);
     sub.Flag("--strict", options->strict, "Warnings count as errors for the exit status");
     sub.WhenNamed([options, &command] {
         options->json = command.common.json;

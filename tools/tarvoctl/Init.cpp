@@ -1,4 +1,4 @@
-// tarvoctl init: makes the FIFO directory.
+// tarvoctl init: makes the FIFO directory and that of the statistics.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -15,6 +15,7 @@
 #include "shared/FifoFiles.h"
 #include "shared/Ids.h"
 #include "shared/Output.h"
+#include "stats/Readings.h"
 
 namespace tarvoctl {
 namespace {
@@ -25,6 +26,8 @@ constexpr mode_t PRIVATE_MODE = 0700;
 
 struct InitOptions {
     std::string directory;
+    std::string statsDirectory;
+    bool noStats = false;
     std::string group = "tarvo";
     std::string mode = "2770";
     bool dryRun = false;
@@ -86,12 +89,12 @@ int Adjust(const InitOptions &options, const std::string &path, int fd, gid_t gr
     return EXIT_DONE;
 }
 
-void Print(const InitOptions &options, const std::string &path, const Outcome &outcome) {
+void Print(const InitOptions &options, const std::string &path, mode_t mode, const Outcome &outcome) {
     const bool changed = outcome.groupChanged || outcome.modeChanged;
     if (options.json) {
         PutJson({{"directory", path},
                  {"group", options.group},
-                 {"mode", options.mode},
+                 {"mode", fmt::format("{:04o}", mode)},
                  {"dry_run", options.dryRun},
                  {"created", outcome.created},
                  {"group_changed", !outcome.created && outcome.groupChanged},
@@ -100,7 +103,7 @@ void Print(const InitOptions &options, const std::string &path, const Outcome &o
     }
     const char *done = outcome.created ? "created" : changed ? "changed" : "unchanged";
     Put(fmt::format("{}{} {}: group {}, mode {}\n", options.dryRun && (outcome.created || changed) ? "would be " : "",
-                    done, path, options.group, options.mode));
+                    done, path, options.group, fmt::format("{:04o}", mode)));
 }
 
 int Make(const InitOptions &options, const std::string &path, gid_t group, mode_t mode) {
@@ -116,9 +119,15 @@ int Make(const InitOptions &options, const std::string &path, gid_t group, mode_
         status = fd.Get() < 0 ? Complain(path) : Adjust(options, path, fd.Get(), group, mode, outcome);
     }
     if (status == EXIT_DONE) {
-        Print(options, path, outcome);
+        Print(options, path, mode, outcome);
     }
     return status;
+}
+
+std::string WithoutSlash(const std::string &directory) {
+    std::string path = WithSlash(directory);
+    path.pop_back();
+    return path;
 }
 
 int RunInit(const InitOptions &options) {
@@ -132,9 +141,13 @@ int RunInit(const InitOptions &options) {
         Diagnose("there is no group '{0}': 'groupadd --system {0}' makes it, --group names another", options.group);
         return EXIT_USAGE;
     }
-    std::string path = WithSlash(options.directory);
-    path.pop_back();
-    return Make(options, path, *group, mode);
+    const int status = Make(options, WithoutSlash(options.directory), *group, mode);
+    const std::string stats = StatsDirectoryBeside(options.directory, options.statsDirectory);
+    if (status != EXIT_DONE || options.noStats || stats.empty()) {
+        return status;
+    }
+    // The sticky bit besides: nobody has a reason to remove another's file.
+    return Make(options, WithoutSlash(stats), *group, mode | S_ISVTX);
 }
 
 } // namespace
@@ -142,14 +155,17 @@ int RunInit(const InitOptions &options) {
 void AddInit(CommandLine &app, Command &command) {
     auto options = std::make_shared<InitOptions>();
     CommandLine sub =
-        AddSubcommand(app, command, "init", "Make the FIFO directory, with its group and mode",
-                      "0 the directory is as asked for; 1 it could not be made so; 2 wrong usage.\n"
-                      "Shared memory is empty after a restart: a tmpfiles.d entry makes it at every start.");
+        AddSubcommand(app, command, "init", "Make the FIFO directory and that of the statistics, with group and mode",
+                      "0 the directories are as asked for; 1 one could not be made so; 2 wrong usage.\n"
+                      "Shared memory is empty after a restart: a tmpfiles.d entry makes them at every start.\n"
+                      "Processes count from their start on where they find the directory of the statistics then.");
     AddDirectoryOption(sub, options->directory);
     sub.Add("--group", options->group, "Group whose members talk to each other").Type("GROUP").ShowDefault();
     sub.Add("--mode", options->mode, "Mode in octal digits; 1777 lets every user in, for development")
         .Type("MODE")
         .ShowDefault();
+    AddStatsDirectoryOption(sub, options->statsDirectory);
+    sub.Flag("--no-stats", options->noStats, "Make no directory of statistics, so that nothing is counted");
     sub.Flag("-n,--dry-run", options->dryRun, "Change nothing, and tell what would be done");
     sub.WhenNamed([options, &command] {
         options->json = command.common.json;

@@ -31,6 +31,8 @@ void Declare(CommandLine &app, Command &command) {
     tarvoctl::AddWait(app, command);
     tarvoctl::AddList(app, command);
     tarvoctl::AddWatch(app, command);
+    tarvoctl::AddStat(app, command);
+    tarvoctl::AddTop(app, command);
     tarvoctl::AddBench(app, command);
     tarvoctl::AddDecode(app, command);
     tarvoctl::AddDoctor(app, command);

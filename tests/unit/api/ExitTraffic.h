@@ -11,9 +11,9 @@ struct ExitOptions {
     bool fromAnotherThread = false; // exit is not called by the main thread, which does something else then
 };
 
-// Forks processes one after another, 20 of them or as many as $TARVO_EXIT_RUNS says. Each runs `start`, which returns
-// once traffic flows, and then exits while that goes on. Checks that each ends with code 0 (a sanitizer's report ends
-// it with another), soon, and without leaving a file of a pipe behind.
+// Forks processes one after another, 20 of them (5 under a sanitizer) or as many as $TARVO_EXIT_RUNS says. Each runs
+// `start`, which returns once traffic flows, and then exits while that goes on. Checks that each ends with code 0 (a
+// sanitizer's report ends it with another), soon, and without leaving a file of a pipe behind.
 void ExitUnderTraffic(const std::function<void()> &start, ExitOptions options = {});
 
 // ---- Pieces of traffic, for the child ----

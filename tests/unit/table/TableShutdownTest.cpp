@@ -1,6 +1,7 @@
 // The end of the table: disabling with traffic, twice and from two threads, the destructor, and the emergency clean-up.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/epoll.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -104,6 +105,20 @@ TEST_F(TableTest, DisablingEndsABackgroundOpenThatWaits) {
     ASSERT_TRUE(attempts.WaitFor(1));
     table->DisableTarvoTable();
     EXPECT_TRUE(table->GetIsDisable());
+}
+
+TEST_F(TableTest, DisablingRetiresAPipeBeforeItLeavesItsMonitor) {
+    const int fd = OpenNew();
+    const std::shared_ptr<TarvoPipeImpl> pipe = table->GetPipe(fd);
+    std::vector<int> opens;
+    // Otherwise an open that is under way registers it again, and its descriptor is closed while it is watched.
+    const ScopedHook removal(Call::EpollCtl, [&](const CallInfo &info) {
+        if (info.number == EPOLL_CTL_DEL) {
+            opens.push_back(pipe->TimedOpen(100));
+        }
+    });
+    table->DisableTarvoTable();
+    EXPECT_EQ(opens, std::vector<int>{-ECANCELED});
 }
 
 TEST_F(TableTest, DisablingWaitsForTheCallbackThatRuns) {

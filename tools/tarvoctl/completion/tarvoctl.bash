@@ -20,13 +20,15 @@ _tarvoctl_options() {
     wait) echo "$common --timeout" ;;
     list) echo "$common --directory" ;;
     watch) echo "$common --directory --interval --count" ;;
+    stat) echo "$common --interval --full --prometheus --stats-directory" ;;
+    top) echo "$common --interval --count --sort --stats-directory" ;;
     bench)
         echo "$common --size --clients --threads --duration --rate --priority --engine --server-engine --outstanding"
         ;;
     decode) echo "$common --data --hex --kind" ;;
-    doctor) echo "$common --directory --strict" ;;
-    init) echo "$common --directory --group --mode --dry-run" ;;
-    clean) echo "$common --directory --yes --min-age --this-namespace" ;;
+    doctor) echo "$common --directory --stats-directory --strict" ;;
+    init) echo "$common --directory --stats-directory --no-stats --group --mode --dry-run" ;;
+    clean) echo "$common --directory --stats --stats-directory --yes --min-age --this-namespace" ;;
     help | sandbox) echo "--help" ;;
     *) echo "--help --version" ;;
     esac
@@ -44,14 +46,19 @@ _tarvoctl_values() {
         mapfile -t COMPREPLY < <(compgen -W "$engines" -- "$current")
         ;;
     --server-engine) mapfile -t COMPREPLY < <(compgen -W 'threads loop' -- "$current") ;;
+    --sort | -s)
+        [[ $subcommand == top ]] || return 0
+        local orders='trouble busy refused dropped timeouts queued call callback name'
+        mapfile -t COMPREPLY < <(compgen -W "$orders" -- "$current")
+        ;;
     --kind) mapfile -t COMPREPLY < <(compgen -W 'any frame packet' -- "$current") ;;
     --group) mapfile -t COMPREPLY < <(compgen -g -- "$current") ;;
     --file) mapfile -t COMPREPLY < <(compgen -f -- "$current") ;;
-    --directory) mapfile -t COMPREPLY < <(compgen -d -- "$current") ;;
+    --directory | --stats-directory) mapfile -t COMPREPLY < <(compgen -d -- "$current") ;;
     --exec) mapfile -t COMPREPLY < <(compgen -c -- "$current") ;;
     # Numbers, times and names that only the user knows.
     --as | --open-timeout | --timeout | --exec-timeout | --limit | --repeat | --interval | --size | --clients | \
-        --threads | --outstanding | --duration | --rate | --data | --mode | --min-age | -c | -i | -s | -W)
+        --threads | --outstanding | --duration | --rate | --data | --mode | --min-age | -c | -i | -W)
         COMPREPLY=()
         ;;
     --count) [[ $subcommand == serve ]] && return 1 ;; # a flag there
@@ -73,7 +80,7 @@ _tarvoctl_command() {
 }
 
 _tarvoctl() {
-    local subcommands='serve call send ping wait list watch bench decode doctor sandbox init clean help'
+    local subcommands='serve call send ping wait list watch stat top bench decode doctor sandbox init clean help'
     local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} subcommand=${COMP_WORDS[1]}
     COMPREPLY=()
     if ((COMP_CWORD == 1)); then
@@ -90,7 +97,7 @@ _tarvoctl() {
         return
     fi
     case $subcommand in
-    call | send | ping | wait)
+    call | send | ping | wait | stat | top)
         ((COMP_CWORD == 2)) && mapfile -t COMPREPLY < <(compgen -W "$(_tarvoctl_servers)" -- "$current")
         ;;
     help) mapfile -t COMPREPLY < <(compgen -W "$subcommands" -- "$current") ;;

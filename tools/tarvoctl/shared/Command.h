@@ -45,6 +45,8 @@ void AddSandbox(CommandLine &app, Command &command);
 void AddWait(CommandLine &app, Command &command);
 void AddList(CommandLine &app, Command &command);
 void AddWatch(CommandLine &app, Command &command);
+void AddStat(CommandLine &app, Command &command);
+void AddTop(CommandLine &app, Command &command);
 void AddBench(CommandLine &app, Command &command);
 void AddDecode(CommandLine &app, Command &command);
 void AddDoctor(CommandLine &app, Command &command);

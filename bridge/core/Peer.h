@@ -1,0 +1,93 @@
+#ifndef TARVO_BRIDGE_CORE_PEER_H
+#define TARVO_BRIDGE_CORE_PEER_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "core/LocalSide.h"
+#include "core/PeerLink.h"
+#include "core/Session.h"
+
+namespace tarvo_bridge {
+
+// Another bridge, as this one knows it: what it has announced, the link to it, and the sessions that go through that.
+// Owns: all of them. Threads: that of the loop. Locks: none. Ends: any time but inside its own callbacks.
+class Peer final : public PeerLink::Listener, public Session::Owner {
+public:
+    // Owns: nothing. Threads: that of the loop. Locks: none. Ends: after its peers.
+    class Owner {
+    public:
+        virtual void OnPeerUp(Peer &peer) = 0;
+        virtual void OnPeerDown(Peer &peer) = 0;
+        virtual void OnPeerUnsent() = 0;
+        // Null: not exported, or it cannot be made.
+        virtual LocalPipe *ConnectToServer(const std::string &service, const std::string &client,
+                                           const std::string &machine, LocalPipe::Listener &session) = 0;
+        virtual LocalSide &Local() = 0;
+
+    protected:
+        ~Owner() = default;
+    };
+
+    struct Limits {
+        uint32_t window; // in frames
+        int64_t leaseMs;
+        uint32_t sessions; // of one other bridge
+    };
+
+    Peer(RunId self, Announcement first, Limits peerLimits, uint32_t &beginnings, Network &network, Owner &peerOwner);
+    Peer(const Peer &) = delete;
+    Peer &operator=(const Peer &) = delete;
+
+    const Announcement &Told() const { return told; }
+    void SetTold(const Announcement &announcement) { told = announcement; }
+    PeerLink &Link() { return link; }
+    const PeerLink &Link() const { return link; }
+    bool IsLost() const { return lost; }
+    void SetLost(bool isLost) { lost = isLost; }
+    std::size_t Sessions() const { return mine.size() + theirs.size(); }
+
+    // A client of this machine wants to talk to `service` there.
+    void Open(const std::string &service, const std::string &local, const LocalClient &client);
+    // Frees the sessions that are over. Outside of callbacks.
+    void FreeOver() { over.clear(); }
+
+    void OnLinkUp() override;
+    void OnLinkDown(const char *why) override;
+    void OnItem(Item &item) override;
+
+    void SendItem(Session &session, Item &&item) override;
+    LocalPipe *MakeClientPipe(Session &session) override;
+    void OnSessionOver(Session &session) override;
+
+private:
+    // A client of this machine whose session goes through here.
+    struct Client {
+        std::string local; // the name that it uses
+        LocalClient client;
+        std::unique_ptr<Session> session;
+    };
+
+    void Accept(const Item &item);
+    Session *Find(const Item &item);
+    void Leave(Session &session);
+    void Settle();
+
+    Announcement told;
+    const Limits limits;
+    Owner &owner;
+    bool lost = false;
+    uint32_t lastNumber = 0;
+    std::unordered_map<uint32_t, Client> mine;                          // opened here
+    std::unordered_map<uint32_t, std::unique_ptr<Session>> theirs;      // opened there
+    std::unordered_map<const Session *, std::unique_ptr<Session>> left; // of links that are down; they still deliver
+    std::vector<std::unique_ptr<Session>> over;
+    PeerLink link;
+};
+
+} // namespace tarvo_bridge
+
+#endif // TARVO_BRIDGE_CORE_PEER_H

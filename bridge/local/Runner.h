@@ -1,0 +1,63 @@
+#ifndef TARVO_BRIDGE_LOCAL_RUNNER_H
+#define TARVO_BRIDGE_LOCAL_RUNNER_H
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+#include "core/Bridge.h"
+#include "local/LoopSide.h"
+#include "loop/Loop.h"
+#include "loop/Poller.h"
+#include "loop/Timers.h"
+#include "loop/Work.h"
+
+namespace tarvo_bridge {
+
+// Something that is done in a loop's next round, once however often it is asked for.
+// Owns: its timer. Threads: that of the loop. Locks: none. Ends: before the loop.
+class Task final : public Work, public Timer, public Watcher {
+public:
+    Task(TarvoLoop &owner, std::function<void()> whatToDo) : loop(owner), action(std::move(whatToDo)) {}
+    ~Task() override;
+
+    void Soon() { loop.Queue(*this); }
+    // Also at that moment, in monotonic milliseconds, in place of the one before; INT64_MAX: never.
+    void At(int64_t momentMs);
+    // Also whenever a descriptor is readable. 0 or a negated errno.
+    int WhenReadable(int fd) { return loop.Events().Add(fd, EPOLLIN, *this, 0, watch); }
+
+    bool Serve(int share, int &ran) override;
+    void OnTimer() override { Soon(); }
+    void OnEvents(uint32_t /*what*/, uint32_t /*events*/) override { Soon(); }
+
+private:
+    TarvoLoop &loop;
+    std::function<void()> action;
+    Watch watch;
+};
+
+// A bridge on a loop.
+// Owns: both. Threads: that of the loop. Locks: none. Ends: before the network and the loop.
+class Runner final : public Bridge::Listener {
+public:
+    Runner(TarvoLoop &loop, Plan &&plan, Network &network);
+
+    void Begin() { bridge.Begin(); }
+    Bridge &TheBridge() { return bridge; }
+    // After the network has told the bridge something.
+    void Settle();
+
+    void OnUnsent() override { sending.Soon(); }
+    void OnDueChanged() override { waiting.At(bridge.Due()); }
+
+private:
+    LoopSide local;
+    Bridge bridge;
+    Task sending;
+    Task waiting;
+};
+
+} // namespace tarvo_bridge
+
+#endif // TARVO_BRIDGE_LOCAL_RUNNER_H

@@ -1,0 +1,222 @@
+#include "program/Options.h"
+
+#include <fmt/format.h>
+#include <net/if.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <set>
+
+#include "api/tarvo_check.h"
+#include "core/Report.h"
+
+namespace tarvo_bridge {
+namespace {
+
+constexpr char AS[] = " as ";
+
+constexpr char FOOTER[] =
+    "RULE is SERVICE, SERVICE@MACHINE, or either with ' as NAME' behind it.\n\n"
+    "A file for --config holds the same options without the dashes, a line each, as in\n"
+    "  export = [\"radar\", \"gps\"]\n"
+    "  import = [\"camera@rear as camera2\"]\n"
+    "  interface = \"eth0\"\n"
+    "An option that it does not know is an error. The command line goes before the file.\n\n"
+    "Exit status: 0 ended by a signal, or --check found nothing wrong; 1 the bridge cannot work here; 2 the options\n"
+    "or the file are wrong.";
+
+std::string MachineName() {
+    std::array<char, 65> name{};
+    gethostname(name.data(), name.size() - 1);
+    const std::string whole = name.data();
+    return whole.substr(0, whole.find('.'));
+}
+
+// `--import RULE --as NAME` becomes one argument.
+bool JoinNames(std::vector<std::string> &words) {
+    for (std::size_t i = 0; i < words.size(); ++i) {
+        const bool apart = words[i] == "--as";
+        if (!apart && words[i].rfind("--as=", 0) != 0) {
+            continue;
+        }
+        const bool follows =
+            i >= 1 && (words[i - 1].rfind("--import=", 0) == 0 || (i >= 2 && words[i - 2] == "--import"));
+        if (!follows || (apart && i + 1 >= words.size())) {
+            Say(Level::ERROR, "--as NAME stands directly behind the --import that it is for");
+            return false;
+        }
+        words[i - 1] += AS + (apart ? words[i + 1] : words[i].substr(5));
+        const auto from = words.begin() + static_cast<std::ptrdiff_t>(i);
+        words.erase(from, from + (apart ? 2 : 1));
+        --i;
+    }
+    return true;
+}
+
+bool IsLocalName(const std::string &name) {
+    return !name.empty() && name.size() <= MAX_NAME_LENGTH && name.find('/') == std::string::npos &&
+           !BlackListCheck(name.c_str());
+}
+
+constexpr char NAME_RULE[] = "1 to 100 characters, none of | ; > < ` & ( ) $ / and no two dots in a row";
+
+void CheckNames(const Options &options, std::vector<std::string> &faults) {
+    if (!IsLocalName(options.plan.machine) || options.plan.machine.size() > 40) {
+        faults.push_back(fmt::format("'{}' is no name for a machine: at most 40 characters, and {}",
+                                     options.plan.machine, NAME_RULE));
+    }
+    std::set<std::string> names;
+    for (const std::string &name : options.plan.exports) {
+        if (!IsLocalName(name)) {
+            faults.push_back(fmt::format("'{}' cannot be exported: a name has {}", name, NAME_RULE));
+        } else if (!names.insert(name).second) {
+            faults.push_back(fmt::format("'{}' is exported twice", name));
+        }
+    }
+    std::set<std::string> imported;
+    for (const ImportRule &rule : options.plan.imports) {
+        for (const std::string &name : {rule.service, rule.local}) {
+            if (!IsLocalName(name)) {
+                faults.push_back(fmt::format("'{}' cannot be imported: a name has {}", name, NAME_RULE));
+            }
+        }
+        if (names.count(rule.local) != 0) {
+            faults.push_back(
+                fmt::format("'{}' is exported and imported: a bridge does not export what it imports", rule.local));
+        }
+        if (!imported.insert(rule.local).second) {
+            faults.push_back(fmt::format("'{}' is imported twice; --as gives one of them another name", rule.local));
+        }
+    }
+    if (options.plan.exports.empty() && options.plan.imports.empty()) {
+        faults.emplace_back("there is nothing to do: neither an export nor an import is given");
+    }
+}
+
+void CheckPlaces(const Options &options, std::vector<std::string> &faults) {
+    for (const std::string &name : options.network.interfaces) {
+        if (if_nametoindex(name.c_str()) == 0) {
+            faults.push_back(fmt::format("there is no network interface '{}'", name));
+        }
+    }
+    if (!options.network.securityFolder.empty()) {
+        for (const SecurityFile &file : SecurityFiles()) {
+            const std::string path = options.network.securityFolder + "/" + file.name;
+            if (access(path.c_str(), R_OK) != 0) {
+                faults.push_back(fmt::format("'{}' cannot be read: {}", path, file.purpose));
+            }
+        }
+    }
+    if (!options.network.ddsConfig.empty() && access(options.network.ddsConfig.c_str(), R_OK) != 0) {
+        faults.push_back(fmt::format("'{}' cannot be read", options.network.ddsConfig));
+    }
+}
+
+void Declare(CLI::App &app, Options &options, std::vector<std::string> &imports) {
+    app.set_version_flag("--version", std::string("tarvo-bridge ") + TARVO_VERSION);
+    app.set_config("--config", "", "Read options from FILE too")->type_name("FILE");
+    app.allow_config_extras(CLI::config_extras_mode::error);
+    app.add_option("--export", options.plan.exports, "A server of this machine that others may reach")
+        ->type_name("NAME")
+        ->take_all()
+        ->allow_extra_args(false);
+    app.add_option("--import", imports, "Serve RULE's name here, carried by a machine that exports it")
+        ->type_name("RULE")
+        ->take_all()
+        ->allow_extra_args(false);
+    app.add_option("--machine", options.plan.machine, "What others call this machine")
+        ->type_name("NAME")
+        ->capture_default_str();
+    app.add_option("--interface", options.network.interfaces,
+                   "Use this network interface, and no other than those named")
+        ->type_name("NAME")
+        ->take_all()
+        ->allow_extra_args(false);
+    app.add_option("--peer", options.network.peers, "Ask at this address too, where multicast does not get")
+        ->type_name("ADDRESS")
+        ->take_all()
+        ->allow_extra_args(false);
+    app.add_option("--domain", options.network.domain, "DDS domain")->check(CLI::Range(0, 230))->capture_default_str();
+    app.add_option("--tag", options.network.tag, "Only bridges of the same tag hear each other")->capture_default_str();
+    app.add_option("--lease", options.network.leaseMs, "Milliseconds of silence after which a machine is gone")
+        ->check(CLI::Range(300, 3600000))
+        ->capture_default_str();
+    app.add_option("--window", options.plan.limits.window, "Messages under way for each client and direction")
+        ->check(CLI::Range(1U, Session::LARGEST_WINDOW))
+        ->capture_default_str();
+    app.add_option("--sessions", options.plan.limits.sessions, "Clients of and for one other bridge at a time")
+        ->check(CLI::Range(1, 100000))
+        ->capture_default_str();
+    app.add_option("--security", options.network.securityFolder,
+                   "Let in only who is vouched for by the files in FOLDER")
+        ->type_name("FOLDER");
+    app.add_option("--dds-config", options.network.ddsConfig, "Settings for the DDS itself, which go before these")
+        ->type_name("FILE");
+    app.add_option("--state-folder", options.stateFolder, "Where the bridges of this machine know of each other")
+        ->type_name("FOLDER")
+        ->capture_default_str();
+    app.add_option("--log", options.log, "Tell so much: error, warning, notice, info")
+        ->check(CLI::IsMember({"error", "warning", "notice", "info"}))
+        ->capture_default_str();
+    app.add_flag("--check", options.check, "Look whether the options are right, and end")->configurable(false);
+    app.footer(FOOTER);
+}
+
+} // namespace
+
+std::string ParseImport(const std::string &text, ImportRule &rule) {
+    const std::size_t as = text.find(AS);
+    const std::string remote = text.substr(0, as);
+    const std::size_t at = remote.rfind('@');
+    rule.service = remote.substr(0, at);
+    rule.machine = at == std::string::npos ? "" : remote.substr(at + 1);
+    rule.local = as == std::string::npos ? rule.service : text.substr(as + sizeof(AS) - 1);
+    const bool wrong = rule.service.empty() || rule.local.empty() || (at != std::string::npos && rule.machine.empty());
+    return wrong ? fmt::format("'{}' is no import: SERVICE, SERVICE@MACHINE, or either with ' as NAME' behind it", text)
+                 : "";
+}
+
+std::vector<std::string> FaultsOf(const Options &options) {
+    std::vector<std::string> faults;
+    CheckNames(options, faults);
+    CheckPlaces(options, faults);
+    return faults;
+}
+
+Parsed ParseOptions(int argc, char **argv, Options &options) {
+    CLI::App app("Makes servers of other machines reachable here, and of this machine there.", "tarvo-bridge");
+    std::vector<std::string> imports;
+    options.plan.machine = MachineName();
+    Declare(app, options, imports);
+    std::vector<std::string> words(argv + 1, argv + argc);
+    if (!JoinNames(words)) {
+        return Parsed::WRONG;
+    }
+    try {
+        std::reverse(words.begin(), words.end()); // as CLI11 takes them
+        app.parse(words);
+    } catch (const CLI::ParseError &error) {
+        return app.exit(error) == 0 ? Parsed::DONE : Parsed::WRONG;
+    }
+    options.plan.limits.leaseMs = options.network.leaseMs;
+    bool right = true;
+    for (const std::string &text : imports) {
+        ImportRule rule;
+        const std::string fault = ParseImport(text, rule);
+        if (!fault.empty()) {
+            Say(Level::ERROR, "{}", fault);
+            right = false;
+        }
+        options.plan.imports.push_back(rule);
+    }
+    for (const std::string &fault : right ? FaultsOf(options) : std::vector<std::string>()) {
+        Say(Level::ERROR, "{}", fault);
+        right = false;
+    }
+    return right ? Parsed::RUN : Parsed::WRONG;
+}
+
+} // namespace tarvo_bridge

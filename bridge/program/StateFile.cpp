@@ -1,0 +1,74 @@
+#include "program/StateFile.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include "core/Report.h"
+#include "loop/Moments.h"
+
+namespace tarvo_bridge {
+namespace {
+
+constexpr int64_t LEAST_INTERVAL_MS = 300;
+
+std::string TextOf(const Picture &picture, const std::string &machine) {
+    nlohmann::json exports = nlohmann::json::array();
+    for (const Picture::Export &entry : picture.exports) {
+        exports.push_back({{"name", entry.name}, {"lives", entry.lives}});
+    }
+    nlohmann::json imports = nlohmann::json::array();
+    for (const Picture::Import &entry : picture.imports) {
+        imports.push_back({{"name", entry.rule.local},
+                           {"service", entry.rule.service},
+                           {"machine", entry.rule.machine},
+                           {"carried_by", entry.carriedBy},
+                           {"offered", entry.offered},
+                           {"refused", entry.refused}});
+    }
+    nlohmann::json peers = nlohmann::json::array();
+    for (const Picture::PeerState &entry : picture.peers) {
+        peers.push_back({{"machine", entry.machine},
+                         {"run", fmt::format("{:016x}", entry.run)},
+                         {"up", entry.up},
+                         {"sessions", entry.sessions}});
+    }
+    const nlohmann::json all{{"version", 1},       {"pid", getpid()},    {"machine", machine},
+                             {"exports", exports}, {"imports", imports}, {"peers", peers}};
+    return all.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+}
+
+} // namespace
+
+StateFile::StateFile(TarvoLoop &loop, const std::string &folder, std::string machineName, const Bridge &shownBridge)
+    : path(fmt::format("{}/bridge-{}.json", folder, getpid())), machine(std::move(machineName)), bridge(shownBridge),
+      writing(loop, [this] { Write(); }) {}
+
+StateFile::~StateFile() { unlink(path.c_str()); }
+
+void StateFile::Changed() {
+    if (!due) {
+        due = true;
+        writing.At(Now() / MICROSECONDS_PER_MILLISECOND + LEAST_INTERVAL_MS);
+    }
+}
+
+void StateFile::Write() {
+    due = false;
+    std::string text = TextOf(bridge.Look(), machine);
+    if (text == written) {
+        return;
+    }
+    const std::string fresh = path + ".new";
+    std::ofstream file(fresh);
+    file << text << std::flush;
+    if (!file || std::rename(fresh.c_str(), path.c_str()) != 0) {
+        Say(Level::WARNING, "'{}' cannot be written", path);
+    }
+    written = std::move(text);
+}
+
+} // namespace tarvo_bridge

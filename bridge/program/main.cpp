@@ -1,0 +1,172 @@
+// tarvo-bridge: makes servers of one machine reachable from another.
+#include <fmt/format.h>
+#include <sys/resource.h>
+#include <sys/signalfd.h>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <climits>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <random>
+#include <set>
+#include <string>
+
+#include "api/EnvManager.h"
+#include "base/UniqueFd.h"
+#include "core/Report.h"
+#include "local/Runner.h"
+#include "loop/Loop.h"
+#include "loop/Moments.h"
+#include "network/DdsNetwork.h"
+#include "program/NameLocks.h"
+#include "program/Options.h"
+#include "program/StateFile.h"
+
+namespace tarvo_bridge {
+namespace {
+
+Level LevelOf(const std::string &name) {
+    if (name == "error") {
+        return Level::ERROR;
+    }
+    if (name == "warning") {
+        return Level::WARNING;
+    }
+    return name == "info" ? Level::INFO : Level::NOTICE;
+}
+
+RunId DrawRun() {
+    std::random_device random;
+    RunId run = 0;
+    while (run == 0) {
+        run = uint64_t{random()} << 32 | random();
+    }
+    return run;
+}
+
+// Each client takes two descriptors.
+void RaiseDescriptorLimit() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
+bool TakeNames(const Options &options, NameLocks &locks) {
+    std::string fault;
+    for (const std::string &name : options.plan.exports) {
+        fault = fault.empty() ? locks.Take(options.stateFolder, name, "exported") : fault;
+    }
+    for (const ImportRule &rule : options.plan.imports) {
+        fault = fault.empty() ? locks.Take(options.stateFolder, rule.local, "imported") : fault;
+    }
+    if (!fault.empty()) {
+        Say(Level::ERROR, "{}", fault);
+    }
+    return fault.empty();
+}
+
+UniqueFd BlockedSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    // Before the DDS makes its threads.
+    sigprocmask(SIG_BLOCK, &signals, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+    return UniqueFd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+}
+
+// Tells the service manager, as often as it wants to be told, that the loop goes round.
+// Owns: its task. Threads: that of the loop. Locks: none. Ends: before the loop.
+class Watchdog {
+public:
+    explicit Watchdog(TarvoLoop &loop) : task(loop, [this] { Tell(); }) {
+        uint64_t limitUs = 0;
+        if (sd_watchdog_enabled(0, &limitUs) > 0) {
+            intervalMs = static_cast<int64_t>(limitUs / 3 / 1000);
+            Tell();
+        }
+    }
+
+private:
+    void Tell() {
+        sd_notify(0, "WATCHDOG=1");
+        task.At(Now() / MICROSECONDS_PER_MILLISECOND + intervalMs);
+    }
+
+    int64_t intervalMs = 0;
+    Task task;
+};
+
+int Serve(Options &options) {
+    const UniqueFd signals = BlockedSignals();
+    RaiseDescriptorLimit();
+    NameLocks locks;
+    if (!TakeNames(options, locks)) {
+        return EXIT_FAILED;
+    }
+    options.plan.run = DrawRun();
+    const RunId run = options.plan.run;
+    const std::string machine = options.plan.machine;
+    TarvoLoop loop;
+    const int ret = loop.Init();
+    if (ret != 0) {
+        Say(Level::ERROR, "the bridge cannot start: {}", std::strerror(-ret));
+        return EXIT_FAILED;
+    }
+    DdsNetwork network;
+    const std::string fault = network.Open(run, options.network);
+    if (!fault.empty()) {
+        Say(Level::ERROR, "{}", fault);
+        return EXIT_FAILED;
+    }
+    Runner runner(loop, std::move(options.plan), network);
+    StateFile state(loop, options.stateFolder, machine, runner.TheBridge());
+    Task hearing(loop, [&] {
+        network.Poll(runner.TheBridge());
+        runner.Settle();
+        state.Changed();
+    });
+    Task ending(loop, [&loop] { loop.Stop(); });
+    if (hearing.WhenReadable(network.Fd()) != 0 || ending.WhenReadable(signals.Get()) != 0) {
+        Say(Level::ERROR, "the bridge cannot start: {}", std::strerror(ENOMEM));
+        return EXIT_FAILED;
+    }
+    runner.Begin();
+    const Watchdog watchdog(loop);
+    state.Changed();
+    sd_notify(0, "READY=1");
+    Say(Level::NOTICE, "machine '{}', run {:016x}: at work", machine, run);
+    loop.Run(-1);
+    sd_notify(0, "STOPPING=1");
+    return EXIT_OK;
+}
+
+} // namespace
+} // namespace tarvo_bridge
+
+int main(int argc, char **argv) {
+    using namespace tarvo_bridge;
+    Options options;
+    switch (ParseOptions(argc, argv, options)) {
+    case Parsed::DONE:
+        return EXIT_OK;
+    case Parsed::WRONG:
+        return EXIT_USAGE;
+    case Parsed::RUN:
+        break;
+    }
+    SetTold(LevelOf(options.log));
+    if (options.check) {
+        fmt::print("exports {}, imports {}, machine '{}': all right\n", options.plan.exports.size(),
+                   options.plan.imports.size(), options.plan.machine);
+        return EXIT_OK;
+    }
+    return Serve(options);
+}

@@ -1,0 +1,146 @@
+#ifndef TARVO_PIPE_PIPESTATS_H
+#define TARVO_PIPE_PIPESTATS_H
+
+#include <cerrno>
+#include <cstdint>
+#include <string>
+
+#include "pipe/Message.h"
+#include "stats/Stats.h"
+#include "stats/StatsSlot.h"
+#include "tarvo_stats.h"
+
+// What one pipe counts. Where nothing is counted, each step is one look at a pointer, and the rest is kept out of the
+// way of the messages.
+// Owns: the pipe's place in the statistics file, if any. Threads: Received and what it leads to is the receive
+// thread's; the rest any. Locks: none. Ends: when nobody is inside the pipe any more.
+class PipeStats {
+public:
+    // Before other threads know the pipe.
+    void Begin(int handle, const std::string &name, const std::string &remote);
+    bool IsOn() const { return numbers != nullptr; }
+    StatsSlot &Slot() { return slot; }
+
+    // A frame that was to be written: 0, or why it was not.
+    void Sent(unsigned kind, uint32_t bytes, int result) {
+        if (IsOn()) {
+            CountSent(kind, bytes, result);
+        }
+    }
+
+    // A whole and right frame; makes the message tell when it was read, if it is one of those that are timed.
+    void Received(const MsgHead &head, InMessage &msg) {
+        if (IsOn()) {
+            CountReceived(head, msg);
+        }
+    }
+    void Bad(unsigned reason) {
+        if (IsOn()) {
+            Stats::CountAlone(numbers->received.bad[reason]);
+        }
+    }
+    void NoMemory() {
+        if (IsOn()) {
+            Stats::CountAlone(numbers->received.noMemory);
+        }
+    }
+    // A response that nobody waits for. Any thread.
+    void Late() {
+        if (IsOn()) {
+            Stats::Count(numbers->received.late);
+        }
+    }
+    // Before the read end is closed.
+    void LeavesUnread(int readFd) {
+        if (IsOn() && readFd >= 0) {
+            CountUnread(readFd);
+        }
+    }
+
+    void Dropped(unsigned reason, uint64_t requests = 1) {
+        if (IsOn()) {
+            Stats::Count(numbers->requests.dropped[reason], requests);
+        }
+    }
+    // When it began, or 0 if the request is not timed; `readAt` is InMessage::readAt. `alone`: no other callback of the
+    // pipe runs meanwhile.
+    uint64_t CallbackBegins(uint64_t readAt, bool alone) { return IsOn() ? CountBegin(readAt, alone) : 0; }
+    void CallbackEnds(uint64_t begunAt, bool alone) {
+        if (IsOn()) {
+            CountEnd(begunAt, alone);
+        }
+    }
+
+    void CallBegins() {
+        if (IsOn()) {
+            CountCall();
+        }
+    }
+    // `begunAt`: when its request was written, for one that was answered.
+    void CallEnds(unsigned end, uint64_t begunAt) {
+        if (IsOn()) {
+            CountCallEnd(end, begunAt);
+        }
+    }
+
+    // All of them at one moment: 0, or -ENODATA.
+    int Read(TarvoStatsPipe &copy) const;
+
+private:
+    void CountSent(unsigned kind, uint32_t bytes, int result);
+    void CountReceived(const MsgHead &head, InMessage &msg);
+    void CountQueued();
+    void CountUnread(int readFd);
+    uint64_t CountBegin(uint64_t readAt, bool alone);
+    void CountEnd(uint64_t begunAt, bool alone);
+    void CountCall();
+    void CountCallEnd(unsigned end, uint64_t begunAt);
+
+    TarvoStatsPipe *numbers = nullptr;
+    // Of the requests received, those that were begun or dropped when the receive thread last looked: the lines of
+    // memory where others count them are theirs.
+    uint64_t doneWhenSeen = 0;
+    StatsSlot slot;
+};
+
+// One call from its registration to its end, however it ends: out of memory before its request is sent, and with its
+// thread, which is cancelled, after that, if nobody says otherwise.
+// Owns: nothing. Threads: the caller's. Locks: none. Ends: before the pipe.
+class CallStats {
+public:
+    CallStats(PipeStats &pipeStats, int pipeHandle, uint32_t callId)
+        : stats(pipeStats), handle(pipeHandle), id(callId) {
+        stats.CallBegins();
+    }
+    ~CallStats();
+    CallStats(const CallStats &) = delete;
+    CallStats &operator=(const CallStats &) = delete;
+
+    // When its request was written, ns.
+    uint64_t writtenAt = 0;
+
+    // Each yields the result that it is given.
+    int NotRegistered(int callResult) { return result = callResult; }
+    int NotSent(int callResult) {
+        refused = true;
+        return result = callResult;
+    }
+    void Sent() { result = -ECANCELED; }
+    // `data` is the response's.
+    int Waited(int callResult, const char *data) {
+        answered = data != nullptr;
+        return result = callResult;
+    }
+
+private:
+    unsigned End() const;
+
+    PipeStats &stats;
+    const int handle;
+    const uint32_t id;
+    int result = -ENOMEM;
+    bool refused = false;
+    bool answered = false;
+};
+
+#endif // TARVO_PIPE_PIPESTATS_H

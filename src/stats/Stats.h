@@ -1,0 +1,97 @@
+// How the numbers of a statistics file are written: 64-bit words of shared memory, each read by others at any moment.
+//
+// What ends in Alone is for numbers that one thread at a time writes, as the holder of a lock or as the only one that
+// ever does: a load, an addition and a store, which no other processor hears of.
+#ifndef TARVO_STATS_STATS_H
+#define TARVO_STATS_STATS_H
+
+#include <cstdint>
+#include <ctime>
+
+#include "tarvo_stats.h"
+
+namespace Stats {
+
+inline uint64_t Load(const uint64_t &number) { return __atomic_load_n(&number, __ATOMIC_RELAXED); }
+
+inline void Store(uint64_t &number, uint64_t value) { __atomic_store_n(&number, value, __ATOMIC_RELAXED); }
+
+inline void Count(uint64_t &counter, uint64_t by = 1) { __atomic_fetch_add(&counter, by, __ATOMIC_RELAXED); }
+
+inline void CountAlone(uint64_t &counter, uint64_t by = 1) { Store(counter, Load(counter) + by); }
+
+// Raises `most` to `value` where it is lower.
+inline void AtMost(uint64_t &most, uint64_t value) {
+    uint64_t seen = Load(most);
+    while (seen < value &&
+           !__atomic_compare_exchange_n(&most, &seen, value, true, __ATOMIC_RELAXED, __ATOMIC_RELAXED)) {
+    }
+}
+
+inline void AtMostAlone(uint64_t &most, uint64_t value) {
+    if (Load(most) < value) {
+        Store(most, value);
+    }
+}
+
+inline void Raise(TarvoStatsLevel &level) {
+    AtMost(level.most, __atomic_add_fetch(&level.now, uint64_t{1}, __ATOMIC_RELAXED));
+}
+
+inline void Lower(TarvoStatsLevel &level) { __atomic_fetch_sub(&level.now, uint64_t{1}, __ATOMIC_RELAXED); }
+
+inline void RaiseAlone(TarvoStatsLevel &level) {
+    Store(level.now, Load(level.now) + 1);
+    AtMostAlone(level.most, Load(level.now));
+}
+
+inline void LowerAlone(TarvoStatsLevel &level) { Store(level.now, Load(level.now) - 1); }
+
+// The bucket of a time.
+inline unsigned BucketOf(uint64_t ns) {
+    constexpr uint64_t FIRST = 896;
+    constexpr unsigned LAST = TARVO_STATS_BUCKETS - 1;
+    if (ns < FIRST) {
+        return 0;
+    }
+    const auto power = 63U - static_cast<unsigned>(__builtin_clzll(ns));
+    const unsigned bucket = 4 * (power - 9) + static_cast<unsigned>((ns >> (power - 2)) & 3U) - 2;
+    return bucket < LAST ? bucket : LAST;
+}
+
+inline void Time(TarvoStatsTimes &times, uint64_t ns) {
+    Count(times.buckets[BucketOf(ns)]);
+    Count(times.sum, ns);
+    AtMost(times.longest, ns);
+}
+
+inline void TimeAlone(TarvoStatsTimes &times, uint64_t ns) {
+    CountAlone(times.buckets[BucketOf(ns)]);
+    CountAlone(times.sum, ns);
+    AtMostAlone(times.longest, ns);
+}
+
+constexpr uint64_t NS_PER_SECOND = 1000000000;
+constexpr uint64_t NS_PER_US = 1000;
+
+inline uint64_t ToNs(const timespec &time) {
+    return static_cast<uint64_t>(time.tv_sec) * NS_PER_SECOND + static_cast<uint64_t>(time.tv_nsec);
+}
+
+// The clock of all times in the file.
+inline uint64_t Now() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return ToNs(now);
+}
+
+// From one moment to a later one: 0 when they are reversed, as for a time that another process claims.
+inline uint64_t Between(uint64_t from, uint64_t to) { return to > from ? to - from : 0; }
+
+// Of so many one-way requests one is timed. A power of two. Timing one takes two looks at the clock, some 40 ns, where
+// a loop sends and delivers one in less than 100.
+constexpr uint32_t ONE_WAYS_PER_TIME = 64;
+
+} // namespace Stats
+
+#endif // TARVO_STATS_STATS_H
