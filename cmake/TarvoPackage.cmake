@@ -94,7 +94,7 @@ tarvo_package(
 tarvo_package(
   documentation libtarvo-doc
   SECTION doc
-  SUGGESTS libtarvo-dev
+  SUGGESTS "libtarvo-dev, python3-tarvo"
   DESCRIPTION "messaging between the processes of one Linux machine - pages and examples"
               "Getting started, guarantees and limits, errors, threads and locks, real-time,"
               "troubleshooting, security, the wire format and more, and the examples: servers"

@@ -25,6 +25,14 @@ _libc = ctypes.CDLL(None, use_errno=True)
 _spare: list[int] = []
 
 
+def _take_spare() -> int:
+    """A set that nobody uses; -1: there is none. Loops of several threads may ask."""
+    try:
+        return _spare.pop()
+    except IndexError:
+        return -1
+
+
 def _forget_parent() -> None:
     """A child shares the sets of its parent, whose events are not for it."""
     while _spare:
@@ -124,7 +132,9 @@ class DirectoryWatch:
 
     def _begin(self) -> None:
         loop = self._loop()
-        self._fd = _spare.pop() if _spare else _libc.inotify_init1(os.O_NONBLOCK | os.O_CLOEXEC)
+        self._fd = _take_spare()
+        if self._fd < 0:
+            self._fd = _libc.inotify_init1(os.O_NONBLOCK | os.O_CLOEXEC)
         if self._fd >= 0 and loop is not None:
             _drain(self._fd)
             self._path = files.directory()
