@@ -79,6 +79,10 @@ bool RemoveFormer(int directory, const std::string &name) {
     return Lock(former.Get(), F_OFD_GETLK, lock) == 0 && lock == F_UNLCK && unlinkat(directory, name.c_str(), 0) == 0;
 }
 
+UniqueFd OpenDirectory() {
+    return UniqueFd(open(TARVO_STATS_DIRECTORY, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+}
+
 UniqueFd Create(int directory, const std::string &name) {
     return UniqueFd(openat(directory, name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, MODE));
 }
@@ -170,6 +174,7 @@ int StatsFile::Open(const UniqueFd &directory, const std::string &name) {
         return ret;
     }
     file = std::move(fd);
+    fileName = name;
     return 0;
 }
 
@@ -193,6 +198,24 @@ int StatsFile::Fill(uint64_t startTicks, const std::string &process) {
     Name(*places[used++].slot, {TARVO_STATS_GONE, TARVO_STATS_THREADS, 0, {}, {}});
     __atomic_store_n(&header->magic, TARVO_STATS_MAGIC, __ATOMIC_RELEASE);
     return 0;
+}
+
+void StatsFile::RemoveAtExit() {
+    if (StatsFile *const own = current.load(std::memory_order_acquire)) {
+        own->Remove();
+    }
+}
+
+void StatsFile::Remove() {
+    const UniqueFd directory = OpenDirectory();
+    struct stat named {};
+    struct stat own {};
+    // Not another's of that name, and not from a child that nobody has told of its being one.
+    if (header->pid == getpid() && fstat(file.Get(), &own) == 0 &&
+        fstatat(directory.Get(), fileName.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 && named.st_dev == own.st_dev &&
+        named.st_ino == own.st_ino) {
+        unlinkat(directory.Get(), fileName.c_str(), 0);
+    }
 }
 
 void StatsFile::WatchForks() { pthread_atfork(HoldForFork, ReleaseInParent, LeaveToParent); }

@@ -19,11 +19,13 @@
 // The statistics file of this process, which both engines write. It is made on the first call of Get() if the directory
 // is there and lets this process write; otherwise nothing is counted in this process, and nobody looks again.
 //
-// The space is reserved before it is mapped, so that writing to it never meets a full file system. A lock on the
+// The space is reserved before it is mapped, so that writing to it never meets a full file system; and the last quarter
+// of the file system is left to the FIFOs, which the program cannot do without. A lock on the
 // descriptor, which the kernel gives back with the end of the process, tells others that it lives. A forked child has
 // neither: its copies of the mappings are replaced by memory of its own, where what still writes does no harm, and it
 // may make a file of its own.
-// Owns: the file, its mappings, the lock. Threads: any. Locks: `mutex`, also across a fork. Ends: never.
+// Owns: the file, its mappings, the lock. Threads: any. Locks: `mutex`, also across a fork. Ends: never; at process
+// exit only the name of the file goes.
 class StatsFile {
 public:
     // The file of this process; null when nothing is counted.
@@ -72,6 +74,11 @@ private:
     void Name(TarvoStatsSlot &slot, const StatsIdentity &identity) REQUIRES(mutex);
     void Fold(TarvoStatsSlot &slot) REQUIRES(mutex);
 
+    // A process that ends in order takes its file away: who wanted its numbers could ask it, and those of programs that
+    // run for a moment, again and again, would fill the memory in time.
+    static void RemoveAtExit() __attribute__((destructor));
+    void Remove();
+
     static void WatchForks() __attribute__((constructor));
     static void HoldForFork();
     static void ReleaseInParent();
@@ -79,6 +86,7 @@ private:
     void Abandon();
 
     UniqueFd file; // carries the lock
+    std::string fileName;
     TarvoStatsHeader *header = nullptr;
     std::vector<Mapping> mappings GUARDED_BY(mutex);
     std::vector<Place> places GUARDED_BY(mutex);

@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,11 +21,22 @@ namespace {
 constexpr char LOG_TAG[] = "StatsFile";
 constexpr std::size_t CHUNK = std::size_t{TARVO_STATS_SLOTS_PER_CHUNK} * TARVO_STATS_SLOT_SIZE;
 
+// Whether the last quarter of the file system stays free.
+bool HasRoom(int fd, std::size_t more) {
+    constexpr uint64_t SHARE = 4;
+    struct statvfs system {};
+    return fstatvfs(fd, &system) != 0 ||
+           uint64_t{system.f_bavail} * system.f_frsize >= uint64_t{system.f_blocks} * system.f_frsize / SHARE + more;
+}
+
 // 0 or a negated errno.
 int Reserve(int fd, std::size_t from, std::size_t to) {
     rlimit limit{};
     if (getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY && to > limit.rlim_cur) {
         return -EFBIG; // to try would be a fatal signal
+    }
+    if (!HasRoom(fd, to - from)) {
+        return -ENOSPC;
     }
     int ret = 0;
     do {

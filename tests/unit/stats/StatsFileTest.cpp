@@ -2,7 +2,12 @@
 #include "stats/StatsFile.h"
 
 #include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 
+#include <csignal>
+#include <cstdlib>
+#include <functional>
 #include <thread>
 
 #include "stats/Stats.h"
@@ -98,6 +103,50 @@ TEST(StatsFile, LivesAsLongAsItsProcessAndStaysThereWhenThatIsKilled) {
     EXPECT_EQ(7U, pipes.front().of.pipe.sent.lost);
 }
 
+// A process that makes its file, and then ends as `end` does.
+void EndWithAFile(const std::function<void()> &end) {
+    ChildProcess child([&](Channel &) {
+        const bool made = StatsFile::Get() != nullptr;
+        if (made) {
+            end();
+        }
+        return made ? 0 : 1;
+    });
+    ASSERT_EQ(0, child.Wait());
+}
+
+TEST(StatsFile, GoesWithAProcessThatEndsInOrder) {
+    TARVO_STATS_OR_SKIP();
+    EndWithAFile([] { std::exit(0); });
+    EXPECT_TRUE(StatsFiles().empty());
+    EndWithAFile([] { _exit(0); });
+    EXPECT_EQ(1U, StatsFiles().size());
+}
+
+TEST(StatsFile, StaysWhenAChildOfItsProcessEndsInOrder) {
+    TARVO_STATS_OR_SKIP();
+    ASSERT_NE(nullptr, StatsFile::Get());
+    EXPECT_EQ(0, ChildProcess([](Channel &) -> int { std::exit(0); }).Wait());
+    const auto bare = static_cast<pid_t>(syscall(SYS_clone, SIGCHLD, nullptr, nullptr, nullptr, nullptr));
+    if (bare == 0) {
+        std::exit(0); // as a child whose C library knows nothing of it
+    }
+    int status = 0;
+    ASSERT_EQ(bare, waitpid(bare, &status, 0));
+    EXPECT_EQ(1U, StatsFiles().size());
+}
+
+TEST(StatsFile, LeavesAnothersUnderItsNameAtItsEnd) {
+    TARVO_STATS_OR_SKIP();
+    EndWithAFile([] {
+        const std::string name = StatsFileOf(getpid());
+        std::filesystem::remove(name);
+        std::ofstream(name) << "another's";
+        std::exit(0);
+    });
+    EXPECT_EQ(1U, StatsFiles().size());
+}
+
 TEST(StatsFile, IsNotMadeByWhoMayNotWriteThereAndNobodyIsTold) {
     TARVO_STATS_OR_SKIP(0750);
     EXPECT_EQ(0, RunAs(4712, 4712, [] {
@@ -159,6 +208,17 @@ TEST(StatsFile, IsNotMadeWhereThereIsNoSpaceWhichIsSaidOnce) {
     EXPECT_EQ(1U, log.Lines().size());
 }
 
+TEST(StatsFile, LeavesTheLastQuarterOfTheFileSystemFree) {
+    TARVO_STATS_OR_SKIP(02770, "size=80k"); // two chunks without it
+    std::vector<StatsSlot> slots;
+    for (int i = 0; i < 7; ++i) {
+        slots.emplace_back(PipeNamed("fits"));
+        ASSERT_NE(nullptr, slots.back().Pipe());
+    }
+    EXPECT_EQ(nullptr, StatsSlot(PipeNamed("too much")).Pipe());
+    EXPECT_EQ(TARVO_STATS_SLOTS_PER_CHUNK, OwnStats().Header().slots);
+}
+
 TEST(StatsFile, IsNotMadeWhereFilesMayNotBeThatLarge) {
     TARVO_STATS_OR_SKIP();
     const rlimit little{4096, 4096};
@@ -168,7 +228,7 @@ TEST(StatsFile, IsNotMadeWhereFilesMayNotBeThatLarge) {
 }
 
 TEST(StatsFile, WhatDoesNotFitAnyMoreIsNotCountedWhichIsSaidOnce) {
-    TARVO_STATS_OR_SKIP(02770, "size=80k"); // two chunks
+    TARVO_STATS_OR_SKIP(02770, "size=108k"); // two chunks, and the quarter that stays free
     const SyslogCapture log;
     std::vector<StatsSlot> slots;
     for (int i = 0; i < 15; ++i) {
