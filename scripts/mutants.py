@@ -199,6 +199,15 @@ def load(results):
     return done
 
 
+def state_of(folder):
+    """What tells one state of the files below a folder from another."""
+    state = hashlib.sha256()
+    for path in sorted(folder.rglob("*")):
+        if path.is_file() and path != LISTED and "__pycache__" not in path.parts:
+            state.update(str(path).encode() + path.read_bytes())
+    return state.hexdigest()[:16]
+
+
 def key_of(fault):
     held = hashlib.sha256((ROOT / fault["file"]).read_bytes()).hexdigest()
     return hashlib.sha256(json.dumps([fault, held]).encode()).hexdigest()[:16]
@@ -215,6 +224,7 @@ class Run:
         self.done = load(self.results)
         self.prepared = False
         self.sound = set()
+        self.tests = state_of(ROOT / "tests")
         self.counts = {}
         self.survivors = []
 
@@ -223,8 +233,11 @@ class Run:
         if identity(fault) in self.reasons:
             return {"verdict": "cannot matter", "by": self.reasons[identity(fault)]}
         entry = self.done.get(key_of(fault))
-        half = entry and entry["nearest_only"] and not self.options.nearest_only and entry["verdict"] == "survived"
-        return None if half else entry
+        if entry is None or entry["verdict"] != "survived":
+            return entry
+        # One that has survived may be noticed by the other tests, or by what the tests have become.
+        more = (entry["nearest_only"] and not self.options.nearest_only) or entry.get("tests") != self.tests
+        return None if more else entry
 
     def find_out(self, fault):
         """Tries it, and keeps what has become of it."""
@@ -233,7 +246,8 @@ class Run:
             self.prepared = True
         key = key_of(fault)
         verdict, by = attempt(fault, key, self.options, self.sound)
-        entry = {"key": key, "verdict": verdict, "by": by, "nearest_only": self.options.nearest_only, "fault": fault}
+        entry = {"key": key, "verdict": verdict, "by": by, "nearest_only": self.options.nearest_only,
+                 "tests": self.tests, "fault": fault}
         with open(self.results, "a", encoding="utf-8") as output:
             output.write(json.dumps(entry) + "\n")
         return entry
