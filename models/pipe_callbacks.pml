@@ -4,7 +4,8 @@
 // small: -DSERIAL=1 -DREQUESTS=1 -DCLOSES=0 -DBACKGROUND=0 -DDISABLE=1 -DFULL=1
 // large: -DSERIAL=1 -DREQUESTS=3 -DCLOSES=1 -DBACKGROUND=1 -DDISABLE=0 -DFULL=1
 // large: -DSERIAL=1 -DREQUESTS=2 -DCLOSES=1 -DBACKGROUND=0 -DDISABLE=1 -DFULL=0
-// large: -DSERIAL=0 -DREQUESTS=2 -DCLOSES=1 -DBACKGROUND=1 -DDISABLE=1 -DFULL=0
+// large: -DSERIAL=0 -DREQUESTS=2 -DCLOSES=1 -DBACKGROUND=1 -DDISABLE=0 -DFULL=0
+// large: -DSERIAL=0 -DREQUESTS=1 -DCLOSES=0 -DBACKGROUND=0 -DDISABLE=1 -DFULL=0
 // mutant AFTER_CLOSE: a callback that was on its way when its pipe closed starts all the same (found by this model)
 // mutant NOTICE_TWICE -DSERIAL=0 -DREQUESTS=1 -DCLOSES=0 -DBACKGROUND=1 -DDISABLE=0 -DFULL=0: the monitor and the search for the remote's reader both tell of the remote's end (found by this model)
 // mutant LEFT_WORKER: a submission that meets a close leaves the worker that it has allocated

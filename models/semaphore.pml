@@ -1,5 +1,5 @@
 // small: -DPOSTERS=2 -DPOSTS=2 -DTIMEOUTS=2 -DSIGNALS=1
-// large: -DPOSTERS=3 -DPOSTS=3 -DTIMEOUTS=4 -DSIGNALS=2
+// large: -DPOSTERS=3 -DPOSTS=2 -DTIMEOUTS=3 -DSIGNALS=2
 // mutant IN_TWO_STEPS: a poster looks at the count first and adds then
 // mutant TIMEOUT_BLIND: a time-out takes itself out of the count without a look whether a post has come
 // mutant WAKE_LEFT: a post of the last moment is taken, its wake-up is not

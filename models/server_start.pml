@@ -1,5 +1,5 @@
 // small: -DSTARTS=3 -DLEFTOVER=1
-// large: -DSTARTS=4 -DLEFTOVER=1
+// large: -DSTARTS=5 -DLEFTOVER=1
 // mutant NO_LOOK: a start keeps the two ends that it has opened without a look whether they are of one file (found in the code)
 // mutant NO_FLOCK: two servers that have come to one file both keep it
 // mutant BLOCKING_OPEN: the open of the write end waits for a reader, who may be another's and never come (found in the code)

@@ -1,5 +1,6 @@
 // small: -DREADERS=2 -DWRITERS=2 -DROUNDS=1 -DSPURIOUS=1
-// large: -DREADERS=3 -DWRITERS=2 -DROUNDS=2 -DSPURIOUS=2
+// large: -DREADERS=3 -DWRITERS=1 -DROUNDS=1 -DSPURIOUS=2
+// large: -DREADERS=2 -DWRITERS=1 -DROUNDS=2 -DSPURIOUS=2
 // mutant NOTIFY_UNLOCKED: WakeWriter notifies without idleMutex, between the writer's look and its sleep
 // mutant LEAVE_SILENTLY: a reader that gives way to a writer leaves without waking him
 // mutant STAY: a reader that comes to a writer waits for him with its place in the count

@@ -1,8 +1,7 @@
 // small: -DORDINARY=2 -DURGENT=1 -DNAMED=0 -DCANCEL=1
 // small: -DORDINARY=1 -DURGENT=0 -DNAMED=1 -DCANCEL=0
 // large: -DORDINARY=2 -DURGENT=2 -DNAMED=0 -DCANCEL=1
-// large: -DORDINARY=2 -DURGENT=1 -DNAMED=1 -DCANCEL=1
-// large: -DORDINARY=3 -DURGENT=2 -DNAMED=0 -DCANCEL=1
+// large: -DORDINARY=1 -DURGENT=1 -DNAMED=1 -DCANCEL=1
 // mutant ONE_SEMAPHORE -DORDINARY=2 -DURGENT=2 -DNAMED=0 -DCANCEL=0: both kinds of requests sleep on one semaphore (found in the code)
 // mutant DRAIN_BOTH -DORDINARY=2 -DURGENT=2 -DNAMED=0 -DCANCEL=0: an ordinary request that finds no slot drops the wake-ups of urgent ones, too
 // mutant NO_HAND_ON: a thread that is cancelled in its wait keeps its wake-up (found in the code)

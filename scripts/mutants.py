@@ -15,7 +15,6 @@ import hashlib
 import json
 import os
 import pathlib
-import random
 import re
 import shutil
 import signal
@@ -23,10 +22,11 @@ import subprocess
 import sys
 import time
 
+from mutations import describe, draw, identity
+
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 WORK = ROOT / "build/mutants"
 TREE = WORK / "tree"
-BUILD = TREE / "build/release"
 LISTED = ROOT / "tests/mutants.list"
 
 # The tests of each folder of src/, as CTest names them. Then all that have to do with the code; pages, packages, fuzzing
@@ -40,101 +40,6 @@ NOT_CONCERNED = "^(system_.*refused|system_public|system_python|system_readme|un
 PROGRAMS = {"api": ["unit_api*", "unit_environment"], "base": ["unit_base*", "unit_worker", "unit_pipe*"],
             "loop": ["unit_loop*", "loop_*"]}
 
-NO_STATEMENT = re.compile(r"^\s*(return|break|continue|throw|using|static_assert|namespace|class|struct|enum|public:|"
-                          r"private:|case|default:|else|goto|delete this|friend|template|typedef|extern|TARVO_LOG|"
-                          r"const |constexpr|auto |static|int |bool |void |virtual |explicit |inline |~|.*= (delete|default);|[A-Za-z_:<>]+ [*&]?[a-z]\w*(\{|;| = ))")
-STATEMENT = re.compile(r"^\s+[A-Za-z_:(*+-][^;{}]*;$")
-
-
-def code_lines(text):
-    """The lines of a source with comments blanked, and whether each is inside a function, as its indentation says."""
-    lines = []
-    for line in text.split("\n"):
-        bare = re.sub(r"//.*", "", line)
-        logged = "TARVO_LOG" in line or re.match(r'\s*"', line)
-        outside = not bare.startswith("    ") or bare.lstrip().startswith("#") or "static_assert" in bare
-        lines.append("" if outside or logged else bare.rstrip())
-    return lines
-
-
-def replaced(line, old, new, position):
-    return line[:position] + new + line[position + len(old):]
-
-
-def negations(line):
-    found = re.match(r"^(\s*(?:\} else )?(?:if|while) \()(.*)(\) \{)$", line)
-    if found and ";" not in found.group(2):
-        yield f"{found.group(1)}!({found.group(2)}){found.group(3)}"
-
-
-def exchanges(pairs):
-    """Each of the operators in `pairs`, once at each place, by the other one."""
-    def change(line):
-        for old, new in pairs:
-            for match in re.finditer(re.escape(old), line):
-                yield replaced(line, old, new, match.start())
-    return change
-
-
-def numbers(line):
-    if "case " in line:
-        return
-    for match in re.finditer(r"(?<![\w.\"'])(\d+)(?![\w.\"'])", line):
-        yield replaced(line, match.group(1), str(int(match.group(1)) + 1), match.start())
-
-
-def omissions(line):
-    if STATEMENT.match(line) and not NO_STATEMENT.match(line) and line.count("(") == line.count(")"):
-        yield ""
-
-
-KINDS = {
-    "condition negated": negations,
-    "parts of a condition joined otherwise": exchanges([(" && ", " || "), (" || ", " && ")]),
-    "limit off by one": exchanges([(" < ", " <= "), (" <= ", " < "), (" > ", " >= "), (" >= ", " > "),
-                                   (" == ", " != "), (" != ", " == ")]),
-    "number off by one": numbers,
-    "line left out": omissions,
-    "constant result changed": exchanges([("return true;", "return false;"), ("return false;", "return true;"),
-                                          ("return nullptr;", "abort();")]),
-}
-
-
-def faults_of(path):
-    """All faults of one source: kind, line number, the lines before and after."""
-    text = path.read_text(encoding="utf-8")
-    original = text.split("\n")
-    lines = code_lines(text)
-    for index, line in enumerate(lines):
-        if not line.strip() or "template" in line:
-            continue
-        for kind, change in KINDS.items():
-            for after in change(line):
-                yield kind, index, [original[index]], [after]
-        follower = lines[index + 1] if index + 1 < len(lines) else ""
-        if any(True for _ in omissions(line)) and any(True for _ in omissions(follower)) and \
-                re.match(r"\s*", line).group() == re.match(r"\s*", follower).group():
-            yield "order swapped", index, original[index:index + 2], [original[index + 1], original[index]]
-
-
-def draw(seed):
-    """The faults in the order in which they are tried: each kind in turn, each at random."""
-    by_kind = {}
-    for path in sorted((ROOT / "src").rglob("*.[ch]*")):
-        if path.suffix in (".h", ".cpp"):
-            for kind, line, before, after in faults_of(path):
-                by_kind.setdefault(kind, []).append({"file": str(path.relative_to(ROOT)), "line": line + 1,
-                                                     "kind": kind, "before": before, "after": after})
-    chance = random.Random(seed)
-    for faults in by_kind.values():
-        chance.shuffle(faults)
-    while by_kind:
-        for kind in sorted(by_kind):
-            yield by_kind[kind].pop()
-            if not by_kind[kind]:
-                del by_kind[kind]
-
-
 def listed():
     """The faults that cannot matter, with the reasons."""
     reasons = {}
@@ -143,11 +48,6 @@ def listed():
             file, before, after, reason = line.split("\t")
             reasons[file, before, after] = reason
     return reasons
-
-
-def identity(fault):
-    """What the list knows a fault by."""
-    return fault["file"], " ".join(x.strip() for x in fault["before"]), " ".join(x.strip() for x in fault["after"])
 
 
 def run(command, limit, log, **options):
@@ -275,17 +175,12 @@ def attempt(fault, number, options, known):
         path.write_text(original, encoding="utf-8")
 
 
-def describe(fault):
-    before, after = (" / ".join(x.strip() for x in fault[side]) for side in ("before", "after"))
-    return f"{fault['file']}:{fault['line']}: {fault['kind']}: {before}  ->  {after or '(nothing)'}"
-
-
 def arguments():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--seed", type=int, default=0, help="of the draw (default: from the clock)")
     parser.add_argument("--faults", type=int, default=100, help="how many are tried (default: 100)")
-    parser.add_argument("--at-least", type=int, default=0, help="how many of a hundred have to be noticed (default: all)")
-    parser.add_argument("--hours", type=float, default=12, help="ends after so long, and goes on next time (default: 12)")
+    parser.add_argument("--at-least", type=int, default=0, help="percentage to be noticed (default: all)")
+    parser.add_argument("--hours", type=float, default=12, help="ends after so long (default: 12)")
     parser.add_argument("--minutes", type=int, default=10, help="for a build or the nearest tests (default: 10)")
     parser.add_argument("--build-minutes", type=int, default=60, help="for a build of everything (default: 60)")
     parser.add_argument("--only", default="", help="faults of files whose name has this in it")
@@ -304,9 +199,90 @@ def load(results):
     return done
 
 
+def state_of(folder):
+    """What tells one state of the files below a folder from another."""
+    state = hashlib.sha256()
+    for path in sorted(folder.rglob("*")):
+        if path.is_file() and path != LISTED and "__pycache__" not in path.parts:
+            state.update(str(path).encode() + path.read_bytes())
+    return state.hexdigest()[:16]
+
+
 def key_of(fault):
     held = hashlib.sha256((ROOT / fault["file"]).read_bytes()).hexdigest()
     return hashlib.sha256(json.dumps([fault, held]).encode()).hexdigest()[:16]
+
+
+class Run:
+    """One run over the faults of a seed."""
+
+    def __init__(self, options):
+        self.options = options
+        self.end = time.monotonic() + options.hours * 3600
+        self.reasons = listed()
+        self.results = WORK / "results.jsonl"
+        self.done = load(self.results)
+        self.prepared = False
+        self.sound = set()
+        self.tests = state_of(ROOT / "tests")
+        self.counts = {}
+        self.survivors = []
+
+    def entry_of(self, fault):
+        """What is known of a fault, or None."""
+        if identity(fault) in self.reasons:
+            return {"verdict": "cannot matter", "by": self.reasons[identity(fault)]}
+        entry = self.done.get(key_of(fault))
+        if entry is None or entry["verdict"] != "survived":
+            return entry
+        # One that has survived may be noticed by the other tests, or by what the tests have become.
+        more = (entry["nearest_only"] and not self.options.nearest_only) or entry.get("tests") != self.tests
+        return None if more else entry
+
+    def find_out(self, fault):
+        """Tries it, and keeps what has become of it."""
+        if not self.prepared:
+            prepare(self.options)
+            self.prepared = True
+        key = key_of(fault)
+        verdict, by = attempt(fault, key, self.options, self.sound)
+        entry = {"key": key, "verdict": verdict, "by": by, "nearest_only": self.options.nearest_only,
+                 "tests": self.tests, "fault": fault}
+        with open(self.results, "a", encoding="utf-8") as output:
+            output.write(json.dumps(entry) + "\n")
+        return entry
+
+    def tell(self, fault, entry):
+        verdict = entry["verdict"]
+        self.counts[verdict] = self.counts.get(verdict, 0) + 1
+        if verdict == "survived":
+            self.survivors.append(fault)
+        if verdict != "not built":
+            print(f"{verdict:13} {describe(fault)}" + (f"  [{entry['by']}]" if entry["by"] else ""), flush=True)
+
+    def tried(self):
+        return sum(self.counts.values()) - self.counts.get("not built", 0)
+
+    def over(self, faults):
+        """Goes through the faults until there were enough, or the time is over."""
+        for fault in faults:
+            if self.tried() == self.options.faults:
+                return
+            entry = self.entry_of(fault)
+            if entry is None and time.monotonic() > self.end:
+                print("out of time; the same seed goes on here")
+                return
+            self.tell(fault, entry or self.find_out(fault))
+
+    def verdict(self):
+        """Prints the sum; the exit code."""
+        print(", ".join(f"{self.counts[verdict]} {verdict}" for verdict in sorted(self.counts)))
+        for fault in self.survivors:
+            print("survived: " + describe(fault))
+        counted = self.counts.get("noticed", 0) + self.counts.get("survived", 0)
+        share = 100 * self.counts.get("noticed", 0) / counted if counted else 0
+        print(f"noticed: {share:.0f} % of {counted}")
+        return 0 if share >= (self.options.at_least or 100) else 1
 
 
 def main():
@@ -315,52 +291,14 @@ def main():
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(143)) # not without what it has started
     seed = options.seed or int(time.time())
     print(f"seed {seed}", flush=True)
-    reasons = listed()
-    end = time.monotonic() + options.hours * 3600
-    results = WORK / "results.jsonl"
-    done, known, counts, survivors, tried = load(results), set(), {}, [], 0
-    prepared = False
-    for fault in draw(seed):
-        if options.only not in fault["file"] or tried == options.faults:
-            if tried == options.faults:
-                break
-            continue
-        if options.list:
-            print(describe(fault))
-            tried += 1
-            continue
-        key = key_of(fault)
-        entry = done.get(key)
-        if identity(fault) in reasons:
-            entry = {"verdict": "cannot matter", "by": reasons[identity(fault)]}
-        elif entry is None or (entry["nearest_only"] and not options.nearest_only and entry["verdict"] == "survived"):
-            if time.monotonic() > end:
-                print("out of time; the same seed goes on here")
-                break
-            if not prepared:
-                prepare(options)
-                prepared = True
-            verdict, by = attempt(fault, key, options, known)
-            entry = {"key": key, "verdict": verdict, "by": by, "nearest_only": options.nearest_only, "fault": fault}
-            with open(results, "a", encoding="utf-8") as output:
-                output.write(json.dumps(entry) + "\n")
-        verdict = entry["verdict"]
-        counts[verdict] = counts.get(verdict, 0) + 1
-        if verdict == "not built":
-            continue
-        tried += 1
-        print(f"{verdict:13} {describe(fault)}" + (f"  [{entry['by']}]" if entry["by"] else ""), flush=True)
-        if verdict == "survived":
-            survivors.append(fault)
+    faults = (fault for fault in draw(ROOT, seed) if options.only in fault["file"])
     if options.list:
+        for _, fault in zip(range(options.faults), faults):
+            print(describe(fault))
         return 0
-    print(", ".join(f"{counts[verdict]} {verdict}" for verdict in sorted(counts)))
-    for fault in survivors:
-        print("survived: " + describe(fault))
-    counted = counts.get("noticed", 0) + counts.get("survived", 0)
-    share = 100 * counts.get("noticed", 0) / counted if counted else 0
-    print(f"noticed: {share:.0f} % of {counted}")
-    return 0 if share >= (options.at_least or 100) else 1
+    run_over = Run(options)
+    run_over.over(faults)
+    return run_over.verdict()
 
 
 if __name__ == "__main__":

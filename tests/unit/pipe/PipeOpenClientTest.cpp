@@ -1,6 +1,7 @@
 // Opening when the remote creates the files: waiting for them, and for somebody to read what this side writes.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -120,6 +121,22 @@ TEST_F(PipeOpenClientTest, OneMillisecondIsABudget) {
     const Pipe pipe = MakeClientPipe(1);
     EXPECT_EQ(pipe->TimedOpen(1), -ETIMEDOUT);
     EXPECT_EQ(sleeps.Sleeps(), SLEEPS_OF_1_MS);
+}
+
+TEST_F(PipeOpenClientTest, OnlyRealTimeThreadsSleepAfterTheFirstLook) {
+    const std::vector<std::pair<int, unsigned>> looksBefore = {
+        {SCHED_OTHER, 10}, {SCHED_BATCH, 10}, {SCHED_FIFO, 0}, {SCHED_RR, 0}};
+    for (const auto &entry : looksBefore) {
+        const int policy = entry.first;
+        const ScopedHook scheduled(Call::SchedGetscheduler, [policy](const CallInfo &) {
+            return std::optional<Outcome>(Outcome{policy, 0});
+        });
+        const RecordedSleeps sleeps;
+        const CallCounter looks(Call::Access, Where().Path(writeFile));
+        EXPECT_EQ(MakeClientPipe(1)->TimedOpen(1), -ETIMEDOUT);
+        EXPECT_EQ(sleeps.Sleeps(), SLEEPS_OF_1_MS);
+        EXPECT_EQ(looks.Count(), entry.second + SLEEPS_OF_1_MS.size() + 1) << policy;
+    }
 }
 
 TEST_F(PipeOpenClientTest, FileThatAppearsDuringTheLastSleepIsUsed) {

@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <future>
@@ -377,6 +378,20 @@ TEST_F(PipeOpenServerTest, SlowCreationThatFailsIsReportedToo) {
     EXPECT_EQ(pipe->TimedOpen(0), -ENOSPC);
     EXPECT_TRUE(log.Contains(LOG_NOTICE, "CreateWriteFifo " + writeFile + " takes more than 50ms"));
     EXPECT_TRUE(log.ContainsExactly(LOG_ERR, "Create FIFO (" + writeFile + ") failed."));
+}
+
+TEST_F(PipeOpenServerTest, ReadEndOfDescriptorZeroIsRegistered) {
+    const Pipe pipe = MakePipe(Attr(TARVO_MODE_SERVER));
+    const int input = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    ASSERT_GE(input, 0);
+    close(STDIN_FILENO);
+    EXPECT_EQ(pipe->TimedOpen(100), 0);
+    EXPECT_EQ(ReadFd(), STDIN_FILENO);
+    EXPECT_EQ(TryCall(pipe), 0);
+    pipe->DeInitPipe();
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
+    dup2(input, STDIN_FILENO);
+    close(input);
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <functional>
 #include <future>
 #include <new>
@@ -256,6 +257,16 @@ TEST_F(PipeRemoteCloseTest, InterruptedLookAtBothEndsIsRepeated) {
     EXPECT_EQ(pipe->ReadyEvents(), static_cast<uint32_t>(EPOLLIN));
     EXPECT_EQ(interrupted.Hits(), 2U);
     EXPECT_EQ(looks.Count(), 3U);
+}
+
+TEST_F(PipeRemoteCloseTest, LookThatFindsNothingIsNotRepeatedForAnEarlierInterruption) {
+    peer.CreateFiles();
+    const Pipe pipe = MakePipe(Attr(TARVO_MODE_CLIENT));
+    ASSERT_EQ(pipe->TimedOpen(100), 0);
+    const CallCounter looks(Call::Poll, Where().ThisThread());
+    errno = EINTR;
+    EXPECT_EQ(pipe->ReadyEvents(), 0U);
+    EXPECT_EQ(looks.Count(), 1U);
 }
 
 TEST_F(PipeRemoteCloseTest, RemoteIsLostWhenNobodyWritesAndNotWhenItIsSilent) {
