@@ -2,7 +2,9 @@
 #ifndef TARVO_TEST_BRIDGE_BRIDGEKIT_H
 #define TARVO_TEST_BRIDGE_BRIDGEKIT_H
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <future>
 #include <map>
@@ -129,6 +131,15 @@ private:
 
 inline bool FileIsThere(const std::string &name) { return access((FifoDirectory() + name).c_str(), F_OK) == 0; }
 
+// Whether somebody reads the server file of a name. Its file is there a moment earlier.
+inline bool IsServed(const std::string &name) {
+    const int fd = open((FifoDirectory() + name).c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd >= 0) {
+        close(fd);
+    }
+    return fd >= 0;
+}
+
 // Two bridges, of which one exports a name and the other imports it, and a loop for programs.
 class BridgeTest : public LoopTest {
 protected:
@@ -139,7 +150,7 @@ protected:
         importer = bridges.Start("rear", {}, {{real, "", there}}, window);
     }
     bool IsOffered() {
-        return Eventually([this] { return FileIsThere(there); });
+        return Eventually([this] { return IsServed(there); });
     }
     bool IsWithdrawn() {
         return Eventually([this] { return !FileIsThere(there); });

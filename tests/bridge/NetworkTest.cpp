@@ -1,0 +1,429 @@
+// Programs of one machine that use servers of another, over DDS.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <memory>
+#include <optional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "bridge/Machines.h"
+#include "support/Eventually.h"
+#include "support/Rounds.h"
+#include "system/Payload.h"
+#include "system/PeerProcess.h"
+#include "system/SystemTest.h"
+
+namespace tarvo_test {
+namespace {
+
+constexpr char STATE[] = "/dev/shm/bridges";
+
+// How long a time-out of the system may last on a busy machine.
+std::chrono::milliseconds Since(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
+}
+
+// The machines of a test, and what each of them runs. A test that cannot have them is skipped.
+class MachinesTest : public testing::Test {
+protected:
+    void SetUp() override {
+        if (geteuid() != 0) {
+            GTEST_SKIP() << "Skipped: machines are made by root only";
+        }
+        try {
+            cable.emplace();
+            front.emplace(*cable, "front");
+            rear.emplace(*cable, "rear");
+        } catch (const NoMachines &missing) {
+            GTEST_SKIP() << "Skipped: " << missing.what();
+        }
+    }
+
+    static std::unique_ptr<BridgeProcess> Bridge(const Machine &machine, const std::vector<std::string> &arguments) {
+        std::vector<std::string> all{"--machine",      machine.Name(), "--interface", "eth0",
+                                     "--state-folder", STATE,          "--lease",     "1500"};
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        return std::make_unique<BridgeProcess>(&machine, all);
+    }
+    // "camera" of the one machine on the other.
+    void BridgeCamera() {
+        exporter = Bridge(*front, {"--export", "camera"});
+        importer = Bridge(*rear, {"--import", "camera"});
+    }
+    static bool Offers(const Machine &machine, const std::string &name = "camera") {
+        return Eventually([&] { return machine.Serves(name); });
+    }
+    static bool Withdraws(const Machine &machine, const std::string &name = "camera") {
+        return Eventually([&] { return !machine.Serves(name); });
+    }
+    static std::unique_ptr<PeerProcess> Program(const Machine &machine, const char *program = SYSTEM_PEER_PROGRAM) {
+        return std::make_unique<PeerProcess>(machine.Enter(), program);
+    }
+    // A new client's handle, also where its name is offered only now and then.
+    static int Connect(PeerProcess &client, const std::string &more = "") {
+        int fd = -1;
+        Eventually([&] {
+            fd = client.AskInt("client timeout=5000 target=camera self=viewer " + more);
+            return fd > 0;
+        });
+        return fd;
+    }
+
+    std::optional<Cable> cable;
+    std::optional<Machine> front;
+    std::optional<Machine> rear;
+    std::unique_ptr<BridgeProcess> exporter;
+    std::unique_ptr<BridgeProcess> importer;
+};
+
+struct Programs {
+    const char *name;
+    const char *server;
+    const char *client;
+};
+
+class PairsTest : public MachinesTest, public testing::WithParamInterface<Programs> {
+protected:
+    void Start(const std::string &callback) {
+        server = Program(*front, GetParam().server);
+        ASSERT_EQ(server->AskInt("serve self=camera callback=" + callback), 0);
+        BridgeCamera();
+        ASSERT_TRUE(Offers(*rear));
+        client = Program(*rear, GetParam().client);
+        fd = Connect(*client, "callback=" + callback);
+        ASSERT_GT(fd, 0);
+        const std::string event = server->Await("client");
+        EXPECT_NE(event.find("viewer_" + std::to_string(client->Pid()) + "@rear."), std::string::npos) << event;
+        serverFd = HandleIn(event);
+    }
+
+    std::unique_ptr<PeerProcess> server;
+    std::unique_ptr<PeerProcess> client;
+    int fd = -1;
+    int serverFd = -1;
+};
+
+INSTANTIATE_TEST_SUITE_P(Roles, PairsTest,
+                         testing::Values(Programs{"LibraryCallsLibrary", SYSTEM_PEER_PROGRAM, SYSTEM_PEER_PROGRAM},
+                                         Programs{"LibraryCallsLoop", LOOP_PEER_PROGRAM, SYSTEM_PEER_PROGRAM},
+                                         Programs{"LibraryCallsPython", PYTHON_PEER_PROGRAM, SYSTEM_PEER_PROGRAM},
+                                         Programs{"LoopCallsLibrary", SYSTEM_PEER_PROGRAM, LOOP_PEER_PROGRAM},
+                                         Programs{"LoopCallsLoop", LOOP_PEER_PROGRAM, LOOP_PEER_PROGRAM},
+                                         Programs{"LoopCallsPython", PYTHON_PEER_PROGRAM, LOOP_PEER_PROGRAM},
+                                         Programs{"PythonCallsLibrary", SYSTEM_PEER_PROGRAM, PYTHON_PEER_PROGRAM},
+                                         Programs{"PythonCallsLoop", LOOP_PEER_PROGRAM, PYTHON_PEER_PROGRAM},
+                                         Programs{"PythonCallsPython", PYTHON_PEER_PROGRAM, PYTHON_PEER_PROGRAM}),
+                         [](const testing::TestParamInfo<Programs> &programs) { return programs.param.name; });
+
+} // namespace
+
+TEST_P(PairsTest, CallsOfEverySizeAreAnsweredBothWays) {
+    Start("echo");
+    for (const std::size_t size : PAYLOAD_SIZES) {
+        const std::string right = "0 " + FillDigest(size, 5);
+        EXPECT_EQ(client->Ask("call timeout=20000 " + FillWords(size, 5) + Fd(fd)), right);
+        EXPECT_EQ(server->Ask("call timeout=20000 " + FillWords(size, 5) + Fd(serverFd)), right);
+    }
+}
+
+TEST_P(PairsTest, OneWayRequestsTimeOutsAndEndsAreThoseOfOneMachine) {
+    Start("report");
+    ASSERT_EQ(client->AskInt("send times=200 data=x" + Fd(fd)), 0);
+    for (int i = 0; i < 200; ++i) {
+        EXPECT_NE(server->NextEvent().find(Digest("x")), std::string::npos);
+    }
+    EXPECT_EQ(client->AskInt("call timeout=50 data=first" + Fd(fd)), -ETIMEDOUT);
+    EXPECT_EQ(server->AskInt("respond data=late " + IdIn(server->Await("request")) + Fd(serverFd)), 0);
+    client->Tell("call timeout=20000 text data=second" + Fd(fd));
+    EXPECT_EQ(server->AskInt("respond data=right " + IdIn(server->Await("request")) + Fd(serverFd)), 0);
+    EXPECT_EQ(client->Reply(), "0 right");
+    EXPECT_EQ(client->AskInt("close" + Fd(fd)), 0);
+    EXPECT_EQ(HandleIn(server->Await("gone")), serverFd);
+}
+
+TEST_P(PairsTest, DeathOfClientOrServerReachesTheOther) {
+    Start("echo");
+    client->KillAndWait();
+    EXPECT_EQ(HandleIn(server->Await("gone")), serverFd);
+    client = Program(*rear, GetParam().client);
+    fd = Connect(*client, "callback=report");
+    ASSERT_GT(fd, 0);
+    EXPECT_EQ(client->Ask("call text timeout=20000 data=ping" + Fd(fd)), "0 ping");
+    server->KillAndWait();
+    client->Await("gone");
+    EXPECT_TRUE(Withdraws(*rear));
+}
+
+TEST_F(MachinesTest, NameIsOfferedOnlyWhileItsServerLives) {
+    BridgeCamera();
+    const auto client = Program(*rear);
+    EXPECT_EQ(client->AskInt("client timeout=5000 target=camera self=viewer"), -ENXIO);
+    {
+        const auto server = Program(*front);
+        ASSERT_EQ(server->AskInt("serve self=camera callback=echo"), 0);
+        EXPECT_TRUE(Offers(*rear));
+        EXPECT_GT(Connect(*client), 0);
+        server->KillAndWait();
+    }
+    EXPECT_TRUE(Withdraws(*rear));
+    EXPECT_EQ(client->AskInt("client timeout=5000 target=camera self=viewer"), -ENXIO);
+}
+
+TEST_F(MachinesTest, BridgeThatEndsInOrderLeavesNothing) {
+    const auto server = Program(*front);
+    ASSERT_EQ(server->AskInt("serve self=camera callback=echo"), 0);
+    BridgeCamera();
+    ASSERT_TRUE(Offers(*rear));
+    const auto client = Program(*rear);
+    const int fd = Connect(*client, "callback=report");
+    EXPECT_EQ(client->Ask("call text timeout=20000 data=ping" + Fd(fd)), "0 ping");
+    EXPECT_EQ(importer->Quit(), 0);
+    client->Await("gone");
+    server->Await("gone");
+    EXPECT_FALSE(rear->Has("camera"));
+    client->AskInt("close" + Fd(fd));
+    EXPECT_TRUE(Eventually([this] { return rear->Files() == 0; }));
+    EXPECT_EQ(exporter->Quit(), 0);
+}
+
+TEST_F(MachinesTest, DeathOfTheOtherMachinesBridgeIsNoticedWithinThreeSeconds) {
+    const auto server = Program(*front);
+    ASSERT_EQ(server->AskInt("serve self=camera callback=report"), 0);
+    BridgeCamera();
+    ASSERT_TRUE(Offers(*rear));
+    const auto client = Program(*rear);
+    const int fd = Connect(*client, "callback=report");
+    client->Tell("call data=question" + Fd(fd));
+    server->Await("request");
+    exporter->Kill(SIGKILL);
+    const auto death = std::chrono::steady_clock::now();
+    EXPECT_EQ(client->Reply(), std::to_string(-EPIPE));
+    client->Await("gone");
+    EXPECT_LT(Since(death).count(), 3000);
+    EXPECT_TRUE(Withdraws(*rear));
+    EXPECT_LT(Since(death).count(), 3500);
+    server->Await("gone");
+}
+
+TEST_F(MachinesTest, BridgeThatIsKilledAndRestartedWorksAtOnce) {
+    const auto server = Program(*front);
+    ASSERT_EQ(server->AskInt("serve self=camera callback=echo"), 0);
+    BridgeCamera();
+    for (int round = 0; round < 4; ++round) {
+        ASSERT_TRUE(Offers(*rear));
+        const auto client = Program(*rear);
+        const int fd = Connect(*client, "callback=report");
+        ASSERT_GT(fd, 0);
+        EXPECT_EQ(client->Ask("call text timeout=20000 data=ping" + Fd(fd)), "0 ping");
+        (round % 2 == 0 ? exporter : importer)->Kill(SIGKILL);
+        const auto death = std::chrono::steady_clock::now();
+        if (round % 2 == 0) {
+            exporter = Bridge(*front, {"--export", "camera"});
+        } else {
+            importer = Bridge(*rear, {"--import", "camera"});
+        }
+        client->Await("gone");
+        const auto next = Program(*rear);
+        const int again = Connect(*next);
+        EXPECT_EQ(next->Ask("call text timeout=20000 data=again" + Fd(again)), "0 again");
+        EXPECT_LT(Since(death).count(), 1500) << "it has not waited for the lease of the one before";
+        server->Await("gone");
+    }
+}
+
+TEST_F(MachinesTest, StoppedBridgeIsTakenForDeadAndComesBack) {
+    const auto server = Program(*front);
+    ASSERT_EQ(server->AskInt("serve self=camera callback=echo"), 0);
+    BridgeCamera();
+    ASSERT_TRUE(Offers(*rear));
+    const auto client = Program(*rear);
+    ASSERT_GT(Connect(*client, "callback=report"), 0);
+    exporter->Stop();
+    client->Await("gone");
+    EXPECT_TRUE(Withdraws(*rear));
+    exporter->Go();
+    EXPECT_TRUE(Offers(*rear));
+    const int fd = Connect(*client);
+    EXPECT_EQ(client->Ask("call text timeout=20000 data=back" + Fd(fd)), "0 back");
+    server->Await("gone");
+}
+
+TEST_F(MachinesTest, NetworkThatComesBackIsUsedAgain) {
+    const auto server = Program(*front);
+    ASSERT_EQ(server->AskInt("serve self=camera callback=echo"), 0);
+    BridgeCamera();
+    for (const int seconds : StressRounds(0) > 0 ? std::vector<int>{1, 5, 30} : std::vector<int>{1, 5}) {
+        ASSERT_TRUE(Offers(*rear));
+        const auto client = Program(*rear);
+        const int fd = Connect(*client, "callback=report");
+        client->Tell("callon tag=t timeout=20000 data=x" + Fd(fd));
+        client->Reply();
+        client->Await("calling");
+        rear->Unplug();
+        const auto start = std::chrono::steady_clock::now();
+        if (seconds >= 5) {
+            client->Await("gone");
+            EXPECT_LT(Since(start).count(), 3000);
+            client->Await("stopped");
+            EXPECT_TRUE(Withdraws(*rear));
+        }
+        Eventually([&] { return Since(start).count() >= 1000 * seconds; }, std::chrono::seconds(40));
+        rear->Plug();
+        client->KillAndWait(); // after a short silence its calls go on
+        EXPECT_TRUE(Offers(*rear));
+        const auto next = Program(*rear);
+        const int again = Connect(*next);
+        EXPECT_EQ(next->Ask("call text timeout=20000 data=back" + Fd(again)), "0 back");
+    }
+}
+
+TEST_F(MachinesTest, StoppedServerHoldsUpNobodyElse) {
+    const auto slow = Program(*front);
+    ASSERT_EQ(slow->AskInt("serve self=camera callback=report"), 0);
+    const auto quick = Program(*front);
+    ASSERT_EQ(quick->AskInt("serve self=gps callback=echo"), 0);
+    exporter = Bridge(*front, {"--export", "camera", "--export", "gps"});
+    importer = Bridge(*rear, {"--import", "camera", "--import", "gps"});
+    ASSERT_TRUE(Offers(*rear));
+    ASSERT_TRUE(Offers(*rear, "gps"));
+    const auto flooder = Program(*rear);
+    const int flood = Connect(*flooder);
+    const auto caller = Program(*rear);
+    const int call = caller->AskInt("client timeout=5000 target=gps self=caller");
+    ASSERT_GT(call, 0);
+    slow->Freeze();
+    int accepted = 0;
+    // Until nothing more is taken while the other way stays open.
+    for (bool more = true; more;) {
+        const std::string filled = flooder->Ask("fillup fill=1000 seed=1" + Fd(flood));
+        EXPECT_NE(filled.find(" " + std::to_string(-EAGAIN)), std::string::npos) << filled;
+        accepted += std::stoi(filled);
+        more = std::stoi(filled) > 0;
+        EXPECT_EQ(caller->Ask("call text timeout=20000 data=quick" + Fd(call)), "0 quick");
+    }
+    EXPECT_GT(accepted, 100);
+    slow->Thaw();
+    for (int i = 0; i < accepted; ++i) {
+        ASSERT_NE(slow->Await("request").find(FillDigest(1000, 1)), std::string::npos) << i;
+    }
+}
+
+TEST_F(MachinesTest, FullSharedMemoryRefusesClientsAndNothingElse) {
+    const auto server = Program(*front);
+    ASSERT_EQ(server->AskInt("serve self=camera callback=echo"), 0);
+    BridgeCamera();
+    ASSERT_TRUE(Offers(*rear));
+    const auto first = Program(*rear);
+    const int fd = Connect(*first);
+    const std::string used = rear->Run("stat -f -c %c /dev/shm; stat -f -c %d /dev/shm");
+    const std::size_t line = used.find('\n');
+    const int inodes = std::stoi(used) - std::stoi(used.substr(line + 1));
+    rear->Run("mount -o remount,nr_inodes=" + std::to_string(inodes) + " /dev/shm");
+    const auto second = Program(*rear);
+    EXPECT_LT(second->AskInt("client timeout=300 target=camera self=late"), 0);
+    EXPECT_EQ(first->Ask("call text timeout=20000 data=still" + Fd(fd)), "0 still");
+    rear->Run("mount -o remount,nr_inodes=10000 /dev/shm");
+    EXPECT_GT(Connect(*second), 0);
+}
+
+TEST_F(MachinesTest, OneOfTwoExportersIsKeptAndTheOtherTakesOver) {
+    const Machine third(*cable, "attic");
+    const auto atFront = Program(*front);
+    ASSERT_EQ(atFront->AskInt("serve self=camera callback=echo"), 0);
+    const auto atAttic = Program(third);
+    ASSERT_EQ(atAttic->AskInt("serve self=camera callback=echo"), 0);
+    exporter = Bridge(*front, {"--export", "camera"});
+    importer = Bridge(*rear, {"--import", "camera", "--import", "camera@attic", "--as", "second"});
+    ASSERT_TRUE(Offers(*rear));
+    const auto other = Bridge(third, {"--export", "camera"});
+    ASSERT_TRUE(Offers(*rear, "second"));
+    const auto client = Program(*rear);
+    ASSERT_GT(Connect(*client, "callback=report"), 0);
+    atFront->Await("client");
+    const int byName = client->AskInt("client timeout=5000 target=second self=viewer");
+    EXPECT_EQ(client->Ask("call text timeout=20000 data=named" + Fd(byName)), "0 named");
+    atAttic->Await("client");
+    exporter->Kill(SIGKILL);
+    client->Await("gone");
+    const int fd = Connect(*client);
+    EXPECT_EQ(client->Ask("call text timeout=20000 data=next" + Fd(fd)), "0 next");
+    atAttic->Await("client");
+}
+
+TEST_F(MachinesTest, TwoBridgesOfOneMachineRefuseTheSameName) {
+    importer = Bridge(*rear, {"--import", "camera"});
+    for (const char *const way : {"--export", "--import"}) {
+        BridgeProcess second(&*rear, {way, "camera", "--interface", "eth0", "--state-folder", STATE}, true);
+        EXPECT_EQ(second.Wait(), 1);
+        EXPECT_TRUE(second.Says("another bridge of this machine has 'camera': it is imported by process " +
+                                std::to_string(importer->Pid())))
+            << second.Log();
+    }
+    importer->Kill(SIGKILL);
+    const auto after = Bridge(*rear, {"--export", "camera"});
+}
+
+TEST_F(MachinesTest, BridgesOfAnotherTagAreNotHeard) {
+    const auto server = Program(*front);
+    ASSERT_EQ(server->AskInt("serve self=camera callback=echo"), 0);
+    const auto stranger = Bridge(*front, {"--export", "camera", "--tag", "other"});
+    importer = Bridge(*rear, {"--import", "camera"});
+    // A third one that both would hear after the stranger.
+    const Machine third(*cable, "attic");
+    const auto atAttic = Program(third);
+    ASSERT_EQ(atAttic->AskInt("serve self=camera callback=echo"), 0);
+    const auto friendly = Bridge(third, {"--export", "camera"});
+    ASSERT_TRUE(Offers(*rear));
+    EXPECT_FALSE(importer->Says("'front'")) << importer->Log();
+}
+
+// Whatever is killed in the middle of traffic: every call ends, and the next works.
+TEST_F(MachinesTest, KillsInTrafficWedgeNothing) {
+    std::mt19937 random(4711);
+    auto server = Program(*front, LOOP_PEER_PROGRAM);
+    ASSERT_EQ(server->AskInt("serve self=camera callback=echo"), 0);
+    BridgeCamera();
+    const int rounds = StressRounds(8);
+    for (int round = 0; round < rounds; ++round) {
+        auto client = Program(*rear);
+        const int fd = Connect(*client, "callback=report");
+        ASSERT_GT(fd, 0) << "round " << round;
+        constexpr int CALLERS = 8;
+        for (int i = 0; i < CALLERS; ++i) {
+            const std::string words = "callon timeout=20000 tag=" + std::to_string(i) + " ";
+            client->Ask(words + FillWords(100 + static_cast<std::size_t>(i), static_cast<unsigned>(round)) + Fd(fd));
+            client->Await("calling tag=" + std::to_string(i));
+        }
+        const unsigned victim = random() % 4;
+        if (victim == 0) {
+            client->KillAndWait();
+            continue;
+        }
+        if (victim == 1) {
+            server->KillAndWait();
+        } else {
+            (victim == 2 ? exporter : importer)->Kill(SIGKILL);
+        }
+        if (victim == 1) {
+            server = Program(*front, LOOP_PEER_PROGRAM);
+            ASSERT_EQ(server->AskInt("serve self=camera callback=echo"), 0);
+        } else if (victim == 2) {
+            exporter = Bridge(*front, {"--export", "camera"});
+        } else {
+            importer = Bridge(*rear, {"--import", "camera"});
+        }
+        for (int i = 0; i < CALLERS; ++i) {
+            const std::string end = client->Await("stopped tag=" + std::to_string(i));
+            const int result = std::stoi(end.substr(end.find("result=") + 7));
+            EXPECT_TRUE(result == -EPIPE || result == -ENOENT || result == -EBADF) << end;
+        }
+    }
+    const auto last = Program(*rear);
+    EXPECT_EQ(last->Ask("call text timeout=20000 data=last" + Fd(Connect(*last))), "0 last");
+}
+
+} // namespace tarvo_test
