@@ -5,158 +5,25 @@
 #include <cerrno>
 #include <csignal>
 #include <memory>
-#include <optional>
 #include <random>
 #include <string>
 #include <vector>
 
-#include "bridge/Machines.h"
+#include "bridge/MachinesTest.h"
 #include "support/Eventually.h"
 #include "support/Rounds.h"
 #include "system/Payload.h"
-#include "system/PeerProcess.h"
 #include "system/SystemTest.h"
 
 namespace tarvo_test {
 namespace {
-
-constexpr char STATE[] = "/dev/shm/bridges";
 
 // How long a time-out of the system may last on a busy machine.
 std::chrono::milliseconds Since(std::chrono::steady_clock::time_point start) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
 }
 
-// The machines of a test, and what each of them runs. A test that cannot have them is skipped.
-class MachinesTest : public testing::Test {
-protected:
-    void SetUp() override {
-        if (geteuid() != 0) {
-            GTEST_SKIP() << "Skipped: machines are made by root only";
-        }
-        try {
-            cable.emplace();
-            front.emplace(*cable, "front");
-            rear.emplace(*cable, "rear");
-        } catch (const NoMachines &missing) {
-            GTEST_SKIP() << "Skipped: " << missing.what();
-        }
-    }
-
-    static std::unique_ptr<BridgeProcess> Bridge(const Machine &machine, const std::vector<std::string> &arguments) {
-        std::vector<std::string> all{"--machine",      machine.Name(), "--interface", "eth0",
-                                     "--state-folder", STATE,          "--lease",     "1500"};
-        all.insert(all.end(), arguments.begin(), arguments.end());
-        return std::make_unique<BridgeProcess>(&machine, all);
-    }
-    // "camera" of the one machine on the other.
-    void BridgeCamera() {
-        exporter = Bridge(*front, {"--export", "camera"});
-        importer = Bridge(*rear, {"--import", "camera"});
-    }
-    static bool Offers(const Machine &machine, const std::string &name = "camera") {
-        return Eventually([&] { return machine.Serves(name); });
-    }
-    static bool Withdraws(const Machine &machine, const std::string &name = "camera") {
-        return Eventually([&] { return !machine.Serves(name); });
-    }
-    static std::unique_ptr<PeerProcess> Program(const Machine &machine, const char *program = SYSTEM_PEER_PROGRAM) {
-        return std::make_unique<PeerProcess>(machine.Enter(), program);
-    }
-    // A new client's handle, also where its name is offered only now and then.
-    static int Connect(PeerProcess &client, const std::string &more = "") {
-        int fd = -1;
-        Eventually([&] {
-            fd = client.AskInt("client timeout=5000 target=camera self=viewer " + more);
-            return fd > 0;
-        });
-        return fd;
-    }
-
-    std::optional<Cable> cable;
-    std::optional<Machine> front;
-    std::optional<Machine> rear;
-    std::unique_ptr<BridgeProcess> exporter;
-    std::unique_ptr<BridgeProcess> importer;
-};
-
-struct Programs {
-    const char *name;
-    const char *server;
-    const char *client;
-};
-
-class PairsTest : public MachinesTest, public testing::WithParamInterface<Programs> {
-protected:
-    void Start(const std::string &callback) {
-        server = Program(*front, GetParam().server);
-        ASSERT_EQ(server->AskInt("serve self=camera callback=" + callback), 0);
-        BridgeCamera();
-        ASSERT_TRUE(Offers(*rear));
-        client = Program(*rear, GetParam().client);
-        fd = Connect(*client, "callback=" + callback);
-        ASSERT_GT(fd, 0);
-        const std::string event = server->Await("client");
-        EXPECT_NE(event.find("viewer_" + std::to_string(client->Pid()) + "@rear."), std::string::npos) << event;
-        serverFd = HandleIn(event);
-    }
-
-    std::unique_ptr<PeerProcess> server;
-    std::unique_ptr<PeerProcess> client;
-    int fd = -1;
-    int serverFd = -1;
-};
-
-INSTANTIATE_TEST_SUITE_P(Roles, PairsTest,
-                         testing::Values(Programs{"LibraryCallsLibrary", SYSTEM_PEER_PROGRAM, SYSTEM_PEER_PROGRAM},
-                                         Programs{"LibraryCallsLoop", LOOP_PEER_PROGRAM, SYSTEM_PEER_PROGRAM},
-                                         Programs{"LibraryCallsPython", PYTHON_PEER_PROGRAM, SYSTEM_PEER_PROGRAM},
-                                         Programs{"LoopCallsLibrary", SYSTEM_PEER_PROGRAM, LOOP_PEER_PROGRAM},
-                                         Programs{"LoopCallsLoop", LOOP_PEER_PROGRAM, LOOP_PEER_PROGRAM},
-                                         Programs{"LoopCallsPython", PYTHON_PEER_PROGRAM, LOOP_PEER_PROGRAM},
-                                         Programs{"PythonCallsLibrary", SYSTEM_PEER_PROGRAM, PYTHON_PEER_PROGRAM},
-                                         Programs{"PythonCallsLoop", LOOP_PEER_PROGRAM, PYTHON_PEER_PROGRAM},
-                                         Programs{"PythonCallsPython", PYTHON_PEER_PROGRAM, PYTHON_PEER_PROGRAM}),
-                         [](const testing::TestParamInfo<Programs> &programs) { return programs.param.name; });
-
 } // namespace
-
-TEST_P(PairsTest, CallsOfEverySizeAreAnsweredBothWays) {
-    Start("echo");
-    for (const std::size_t size : PAYLOAD_SIZES) {
-        const std::string right = "0 " + FillDigest(size, 5);
-        EXPECT_EQ(client->Ask("call timeout=20000 " + FillWords(size, 5) + Fd(fd)), right);
-        EXPECT_EQ(server->Ask("call timeout=20000 " + FillWords(size, 5) + Fd(serverFd)), right);
-    }
-}
-
-TEST_P(PairsTest, OneWayRequestsTimeOutsAndEndsAreThoseOfOneMachine) {
-    Start("report");
-    ASSERT_EQ(client->AskInt("send times=200 data=x" + Fd(fd)), 0);
-    for (int i = 0; i < 200; ++i) {
-        EXPECT_NE(server->NextEvent().find(Digest("x")), std::string::npos);
-    }
-    EXPECT_EQ(client->AskInt("call timeout=50 data=first" + Fd(fd)), -ETIMEDOUT);
-    EXPECT_EQ(server->AskInt("respond data=late " + IdIn(server->Await("request")) + Fd(serverFd)), 0);
-    client->Tell("call timeout=20000 text data=second" + Fd(fd));
-    EXPECT_EQ(server->AskInt("respond data=right " + IdIn(server->Await("request")) + Fd(serverFd)), 0);
-    EXPECT_EQ(client->Reply(), "0 right");
-    EXPECT_EQ(client->AskInt("close" + Fd(fd)), 0);
-    EXPECT_EQ(HandleIn(server->Await("gone")), serverFd);
-}
-
-TEST_P(PairsTest, DeathOfClientOrServerReachesTheOther) {
-    Start("echo");
-    client->KillAndWait();
-    EXPECT_EQ(HandleIn(server->Await("gone")), serverFd);
-    client = Program(*rear, GetParam().client);
-    fd = Connect(*client, "callback=report");
-    ASSERT_GT(fd, 0);
-    EXPECT_EQ(client->Ask("call text timeout=20000 data=ping" + Fd(fd)), "0 ping");
-    server->KillAndWait();
-    client->Await("gone");
-    EXPECT_TRUE(Withdraws(*rear));
-}
 
 TEST_F(MachinesTest, NameIsOfferedOnlyWhileItsServerLives) {
     BridgeCamera();
@@ -357,7 +224,7 @@ TEST_F(MachinesTest, OneOfTwoExportersIsKeptAndTheOtherTakesOver) {
 TEST_F(MachinesTest, TwoBridgesOfOneMachineRefuseTheSameName) {
     importer = Bridge(*rear, {"--import", "camera"});
     for (const char *const way : {"--export", "--import"}) {
-        BridgeProcess second(&*rear, {way, "camera", "--interface", "eth0", "--state-folder", STATE}, true);
+        BridgeProcess second(&*rear, {way, "camera", "--interface", "eth0", "--state-folder", MACHINE_STATE}, true);
         EXPECT_EQ(second.Wait(), 1);
         EXPECT_TRUE(second.Says("another bridge of this machine has 'camera': it is imported by process " +
                                 std::to_string(importer->Pid())))

@@ -1,0 +1,121 @@
+// The bridge's command line and its file.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "bridge/Machines.h"
+#include "support/Names.h"
+
+namespace tarvo_test {
+namespace {
+
+struct Outcome {
+    int status;
+    std::string said;
+};
+
+Outcome RunBridge(std::vector<std::string> arguments) {
+    BridgeProcess bridge(nullptr, std::move(arguments), true);
+    const int status = bridge.Wait();
+    return {status, bridge.Log()};
+}
+
+// A file for --config, until the test ends.
+class BridgeOptionsTest : public testing::Test {
+protected:
+    BridgeOptionsTest() : path("/tmp/" + UniqueName("bridge") + ".conf") {}
+    ~BridgeOptionsTest() override { std::remove(path.c_str()); }
+
+    Outcome Check(const std::string &text, std::vector<std::string> more = {}) {
+        std::ofstream(path) << text;
+        more.insert(more.end(), {"--check", "--config", path});
+        return RunBridge(more);
+    }
+
+    const std::string path;
+};
+
+} // namespace
+
+TEST_F(BridgeOptionsTest, FileThatIsRightIsCalledRight) {
+    const Outcome checked = Check("# What this machine shares\n"
+                                  "machine = \"front\"\n"
+                                  "export = [\"radar\", \"gps\"]\n"
+                                  "import = [\"camera@rear as camera2\", \"lidar\"]\n"
+                                  "lease = 3000\n"
+                                  "interface = \"lo\"\n");
+    EXPECT_EQ(checked.status, 0) << checked.said;
+    EXPECT_EQ(checked.said, "exports 2, imports 2, machine 'front': all right\n");
+}
+
+TEST_F(BridgeOptionsTest, CommandLineGoesBeforeTheFile) {
+    const Outcome checked = Check("machine = \"front\"\nexport = \"radar\"\n", {"--machine", "rear"});
+    EXPECT_EQ(checked.said, "exports 1, imports 0, machine 'rear': all right\n");
+}
+
+TEST_F(BridgeOptionsTest, WhatAFileMayNotSayIsAnError) {
+    struct Wrong {
+        const char *text;
+        const char *complaint;
+    };
+    const std::vector<Wrong> wrongs{
+        {"exprot = \"radar\"\n", "exprot"},
+        {"export = \"radar\"\nlease = 10\n", "lease"},
+        {"export = \"radar\"\nlease = soon\n", "lease"},
+        {"export = \"radar\"\nwindow = 0\n", "window"},
+        {"export = [\"radar\", \"radar\"]\n", "'radar' is exported twice"},
+        {"export = \"radar\"\nimport = \"radar\"\n", "a bridge does not export what it imports"},
+        {"export = \"radar\"\nimport = \"camera as radar\"\n", "a bridge does not export what it imports"},
+        {"import = [\"camera@a\", \"camera@b\"]\n", "'camera' is imported twice"},
+        {"import = \"@rear\"\n", "is no import"},
+        {"import = \"camera@\"\n", "is no import"},
+        {"import = \"camera as \"\n", "is no import"},
+        {"export = \"a|b\"\n", "'a|b' cannot be exported"},
+        {"export = \"a/b\"\n", "'a/b' cannot be exported"},
+        {"export = \"radar\"\nmachine = \"a;b\"\n", "'a;b' is no name for a machine"},
+        {"export = \"radar\"\ninterface = \"nowhere0\"\n", "there is no network interface 'nowhere0'"},
+        {"export = \"radar\"\nsecurity = \"/nonexistent\"\n", "'/nonexistent/key.pem' cannot be read"},
+        {"export = \"radar\"\ndds-config = \"/nonexistent\"\n", "'/nonexistent' cannot be read"},
+        {"export = \"radar\"\nlog = \"loud\"\n", "log"},
+        {"", "there is nothing to do"},
+    };
+    for (const Wrong &wrong : wrongs) {
+        const Outcome checked = Check(wrong.text);
+        EXPECT_EQ(checked.status, 2) << wrong.text;
+        EXPECT_NE(checked.said.find(wrong.complaint), std::string::npos) << wrong.text << checked.said;
+    }
+}
+
+TEST_F(BridgeOptionsTest, NameStandsBehindItsImport) {
+    EXPECT_EQ(RunBridge({"--check", "--import", "camera@rear", "--as", "second", "--import", "camera"}).status, 0);
+    EXPECT_EQ(RunBridge({"--check", "--import=camera@rear", "--as=second", "--import", "camera"}).status, 0);
+    for (const std::vector<std::string> &wrong :
+         std::vector<std::vector<std::string>>{{"--check", "--as", "second", "--import", "camera"},
+                                               {"--check", "--import", "camera", "--as"},
+                                               {"--check", "--export", "camera", "--as", "second"}}) {
+        const Outcome checked = RunBridge(wrong);
+        EXPECT_EQ(checked.status, 2);
+        EXPECT_NE(checked.said.find("--as NAME stands directly behind the --import"), std::string::npos)
+            << checked.said;
+    }
+}
+
+TEST_F(BridgeOptionsTest, FileThatIsMissingIsAnError) {
+    EXPECT_EQ(RunBridge({"--check", "--config", "/nonexistent"}).status, 2);
+}
+
+TEST_F(BridgeOptionsTest, HelpTellsOfEachOption) {
+    const Outcome help = RunBridge({"--help"});
+    EXPECT_EQ(help.status, 0);
+    for (const char *const option :
+         {"--export", "--import", "--config", "--machine", "--interface", "--peer", "--domain", "--tag", "--lease",
+          "--window", "--sessions", "--security", "--dds-config", "--state-folder", "--log", "--check"}) {
+        EXPECT_NE(help.said.find(option), std::string::npos) << option;
+    }
+}
+
+} // namespace tarvo_test
