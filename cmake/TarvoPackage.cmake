@@ -1,5 +1,5 @@
-# Debian packages: the target `packages` makes libtarvo1, libtarvo-loop1, libtarvo-dev, libtarvo-doc and, where the tool is built,
-# tarvo-tools in the folder packages/ of the build tree. scripts/check-packages.sh makes and checks them.
+# Debian packages: the target `packages` makes libtarvo1, libtarvo-loop1, libtarvo-dev, libtarvo-doc and, where they are
+# built, tarvo-tools and tarvo-bridge in the folder packages/ of the build tree. scripts/check-packages.sh makes and checks them.
 
 set(TARVO_DEBIAN_DIR ${PROJECT_SOURCE_DIR}/packaging/debian)
 set(TARVO_RUNTIME_PACKAGE libtarvo${PROJECT_VERSION_MAJOR})
@@ -123,13 +123,29 @@ if(TARGET tarvoctl)
   list(APPEND CPACK_COMPONENTS_ALL tool)
 endif()
 
+if(TARGET tarvo-bridge)
+  set(bridge_files ${PROJECT_SOURCE_DIR}/packaging/bridge)
+  tarvo_package(
+    bridge tarvo-bridge
+    SECTION net
+    DEPENDS "${TARVO_SAME_VERSION}, adduser"
+    SUGGESTS "tarvo-tools, libtarvo-doc, openssl"
+    EXTRA ${bridge_files}/postinst ${bridge_files}/prerm ${bridge_files}/conffiles
+    DESCRIPTION "messaging between the processes of one Linux machine - between machines"
+                "A bridge on each machine makes servers of the one reachable under their names"
+                "on the other, over Cyclone DDS. Programs do not change: requests, responses,"
+                "time-outs and ends are those of one machine. With it come a service and its"
+                "configuration, and what others need to speak with bridges.")
+  list(APPEND CPACK_COMPONENTS_ALL bridge)
+endif()
+
 include(CPack)
 
 # The target of cpack's own module would build the tests, too.
 add_custom_target(packages COMMAND ${CMAKE_CPACK_COMMAND} --config ${PROJECT_BINARY_DIR}/CPackConfig.cmake
                   WORKING_DIRECTORY ${PROJECT_BINARY_DIR} USES_TERMINAL VERBATIM)
 add_dependencies(packages tarvo tarvo_loop)
-foreach(optional IN ITEMS tarvoctl tarvo_man)
+foreach(optional IN ITEMS tarvoctl tarvo_man tarvo-bridge)
   if(TARGET ${optional})
     add_dependencies(packages ${optional})
   endif()

@@ -127,6 +127,20 @@ check_tool() {
     done
 }
 
+check_bridge() {
+    local deb=$1 version=$2 major=${2%%.*} file
+    expect_field "$deb" Multi-Arch foreign
+    expect_field "$deb" Depends "libtarvo$major (= $version), adduser, *libddsc*"
+    expect_file "$deb" "^-rwxr-xr-x root/root .* \./usr/bin/tarvo-bridge\$"
+    for file in etc/tarvo/bridge.conf usr/lib/systemd/system/tarvo-bridge.service usr/share/man/man8/tarvo-bridge.8.gz \
+        usr/share/tarvo-bridge/tarvo_bridge.idl; do
+        expect_file "$deb" "^-rw-r--r-- root/root .* \./$file\$"
+    done
+    dpkg-deb --control "$deb" "$scratch/control"
+    grep -qx /etc/tarvo/bridge.conf "$scratch/control/conffiles" || fail "${deb##*/}: its configuration is no conffile"
+    rm -rf "$scratch/control"
+}
+
 # Every page and every example, and no link that leads out of them into nothing.
 check_documentation() {
     local deb=$1 file page target root=$scratch/documentation folder
@@ -234,6 +248,7 @@ check() {
     check_development "$packages/libtarvo-dev_${version}_$arch.deb" "$libdir" "$version"
     check_documentation "$packages/libtarvo-doc_${version}_all.deb"
     [[ ! -d tools/tarvoctl ]] || check_tool "$packages/tarvo-tools_${version}_$arch.deb" "$libdir" "$version"
+    [[ ! -d bridge ]] || check_bridge "$packages/tarvo-bridge_${version}_$arch.deb" "$version"
     check_with_lintian "$packages"/*.deb
     tests/packaging/man-test.sh "build/$preset/man" "build/$preset/src/libtarvo.so" \
         "build/$preset/src/loop/libtarvo-loop.so"
@@ -262,7 +277,7 @@ main() {
         esac
         shift
     done
-    scripts/install-deps.sh base packages
+    scripts/install-deps.sh base bridge packages
     for preset in "${presets[@]:-release}"; do
         [[ $preset != arm64 ]] || scripts/install-deps.sh arm64
         check "$preset"

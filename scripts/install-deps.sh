@@ -10,6 +10,7 @@ Installs what is missing of the named groups (default: base). Needs Debian 12, a
 missing; says nothing otherwise.
 
   base      build and test with gcc
+  bridge    the bridge between machines and its tests
   clang     the presets with clang, its sanitizer and fuzzer runtimes, and coverage
   arm64     cross build for 64-bit Arm and its emulator
   tools     format, tidy, include and shell checks
@@ -30,11 +31,14 @@ packages_of() {
     case $1 in
     base) echo g++ cmake ninja-build pkg-config libselinux1-dev libgtest-dev libgmock-dev libcli11-dev libfmt-dev \
         nlohmann-json3-dev python3 libglib2.0-dev libboost-dev libsystemd-dev ;;
+    # What is built from its sources: types from an IDL, certificates for tests, machines as network namespaces.
+    bridge) echo cyclonedds-dev cyclonedds-tools gcc iproute2 libsystemd-dev openssl util-linux ;;
     clang) echo clang libclang-rt-14-dev llvm ;;
     # Only the cross compiler comes as a package of this machine's architecture. Headers and libraries come from the
     # foreign one, with the loader and the C++ runtime that the tests need under emulation.
     arm64) echo g++-aarch64-linux-gnu qemu-user-static libc6:arm64 libstdc++6:arm64 libselinux1-dev:arm64 \
-        libgtest-dev:arm64 libgmock-dev:arm64 libfmt-dev:arm64 ;;
+        libgtest-dev:arm64 libgmock-dev:arm64 libfmt-dev:arm64 gcc-aarch64-linux-gnu cyclonedds-dev:arm64 \
+        libsystemd-dev:arm64 ;;
     tools) echo clang-format clang-tidy python3 shellcheck ;;
     plots) echo python3-matplotlib python3-numpy ;;
     bench) packages_of plots && echo libbenchmark-dev libcli11-dev nlohmann-json3-dev stress-ng rt-tests valgrind ;;
@@ -44,7 +48,7 @@ packages_of() {
     packages) packages_of man && echo adduser dpkg-dev file lintian systemd ;;
     abi) echo abigail-tools ;;
     bare) echo debootstrap ;;
-    all) for group in base clang arm64 tools bench peers man packages abi bare; do packages_of "$group"; done ;;
+    all) for group in base bridge clang arm64 tools bench peers man packages abi bare; do packages_of "$group"; done ;;
     *)
         echo "install-deps.sh: no such group: $1" >&2
         usage >&2

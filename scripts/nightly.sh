@@ -4,7 +4,7 @@
 set -uo pipefail
 cd "$(dirname "$0")/.." || exit
 
-STEPS=(kills loopkills loop comeback stopped reconnect twins reopen soak fuzz ends races cancels clang asan arm64 tidy bare)
+STEPS=(kills loopkills loop comeback stopped reconnect twins reopen bridge soak fuzz ends races cancels clang asan arm64 tidy bare)
 
 usage() {
     cat <<'TEXT'
@@ -26,6 +26,8 @@ Runs the long proofs, all of them (about four hours) or the named steps:
   twins    20000 starts and stops of each of two servers of one name: ends of one file, no stop that hangs
   reopen   100000 reopenings of a pipe whose remote closes, in either mode: heard after each; as many ordinary closes
            without a line; as many brief clients of a server with a handful of threads
+  bridge   500 kills of clients, servers and bridges in traffic between two machines, and a cable that is out for 30 s:
+           every call ends, and the next one works
   soak     20 minutes of mixed traffic: no growth of memory, descriptors or threads
   fuzz     600 s of each fuzz target
   ends     1000 ends of a process with traffic, of each kind, under each sanitizer
@@ -77,6 +79,14 @@ step_loop() {
     run loop "10^6 calls of the loop" storm storm_loop ${seed:+--seed "$seed"}
     run loop "$soak minutes of the loop" storm storm_loop --minutes "$soak" ${seed:+--seed "$seed"}
 }
+step_bridge() {
+    scripts/install-deps.sh bridge && scripts/build-target.sh release bridge_network || return
+    run bridge "500 kills between machines" env TARVO_STRESS_ROUNDS=500 TARVO_TEST_WATCHDOG=3600 \
+        build/release/tests/bridge/bridge_network --gtest_filter=MachinesTest.KillsInTrafficWedgeNothing
+    run bridge "a cable that is out" env TARVO_STRESS_ROUNDS=1 TARVO_TEST_WATCHDOG=600 \
+        build/release/tests/bridge/bridge_network --gtest_filter=MachinesTest.NetworkThatComesBackIsUsedAgain
+}
+
 step_comeback() {
     run comeback "1000 kills under a client" storm storm_client_kills --kills 1000
     run comeback "the same on one processor" storm storm_client_kills --kills 1000 --one-core

@@ -24,8 +24,8 @@ TEXT
 groups_of() {
     case $1 in
     checked | clang) echo base clang man ;;
-    arm64) echo base arm64 man ;;
-    *) echo base man ;;
+    arm64) echo base bridge arm64 man ;;
+    *) echo base bridge man ;;
     esac
 }
 

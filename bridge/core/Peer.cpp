@@ -28,12 +28,12 @@ void Peer::Open(const std::string &service, const std::string &local, const Loca
 }
 
 void Peer::OnLinkUp() {
-    Say(Level::INFO, "link to machine '{}' is up", told.machine);
+    Say(Level::NOTICE, "link to machine '{}' is up", told.machine);
     owner.OnPeerUp(*this);
 }
 
-void Peer::OnLinkDown() {
-    Say(Level::INFO, "link to machine '{}' is down", told.machine);
+void Peer::OnLinkDown(const char *why) {
+    Say(Level::NOTICE, "link to machine '{}' is down: {}", told.machine, why);
     std::vector<Session *> all;
     for (auto &entry : mine) {
         all.push_back(entry.second.session.get());

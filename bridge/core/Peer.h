@@ -56,7 +56,7 @@ public:
     void FreeOver() { over.clear(); }
 
     void OnLinkUp() override;
-    void OnLinkDown() override;
+    void OnLinkDown(const char *why) override;
     void OnItem(Item &item) override;
 
     void SendItem(Session &session, Item &&item) override;

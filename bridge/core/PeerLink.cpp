@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <utility>
 
-#include "core/Report.h"
-
 namespace tarvo_bridge {
 namespace {
 
@@ -45,7 +43,7 @@ void PeerLink::OnAnnounced(int64_t now) {
 }
 
 void PeerLink::OnLost() {
-    Restart(State::IDLE);
+    Restart(State::IDLE, "its bridge is gone");
     if (connected) {
         // What the network still holds for it is for nobody.
         network.Disconnect(ends.peer);
@@ -54,7 +52,7 @@ void PeerLink::OnLost() {
 }
 
 // Whatever comes of the link as it was is not meant for the next one.
-void PeerLink::Restart(State next) {
+void PeerLink::Restart(State next, const char *why) {
     const bool wasUp = state == State::UP;
     state = next;
     mine = ++beginnings;
@@ -65,7 +63,7 @@ void PeerLink::Restart(State next) {
     nextFlush = NEVER;
     nextGreeting = NEVER;
     if (wasUp) {
-        listener.OnLinkDown();
+        listener.OnLinkDown(why);
     }
 }
 
@@ -150,7 +148,7 @@ void PeerLink::OnBundle(Bundle &bundle, int64_t now) {
     if (state == State::UP && bundle.mine > theirs) {
         // The peer has begun anew. As long as nothing has been sent its new count is all that matters: two sides that
         // both began anew at each other's news would never come to an end.
-        Restart(State::GREETING);
+        Restart(State::GREETING, "its bridge has lost this one and begins anew");
     }
     theirs = bundle.mine;
     if (bundle.items.empty()) {
@@ -210,8 +208,7 @@ void PeerLink::OnItems(Bundle &bundle, int64_t now) {
 }
 
 void PeerLink::OnMissing(int64_t now) {
-    Say(Level::WARNING, "messages of another bridge are missing; what they belong to is closed");
-    Restart(State::GREETING);
+    Restart(State::GREETING, "messages are missing");
     Greet(now);
 }
 
@@ -222,8 +219,7 @@ int64_t PeerLink::Due() const {
 
 void PeerLink::OnTime(int64_t now) {
     if (state == State::UP && busy && now >= lastHeard + lease) {
-        Say(Level::WARNING, "nothing is heard of another bridge any more; what goes through it is closed");
-        Restart(State::GREETING);
+        Restart(State::GREETING, "nothing is heard from there");
         Greet(now);
         return;
     }

@@ -20,7 +20,7 @@ public:
     public:
         virtual void OnLinkUp() = 0;
         // What it carried is gone. It may come up again.
-        virtual void OnLinkDown() = 0;
+        virtual void OnLinkDown(const char *why) = 0;
         virtual void OnItem(Item &item) = 0;
 
     protected:
@@ -69,7 +69,7 @@ private:
 
     void Connect();
     void Greet(int64_t now);
-    void Restart(State next);
+    void Restart(State next, const char *why);
     void OnGreeting(const Bundle &bundle, int64_t now);
     void OnItems(Bundle &bundle, int64_t now);
     void OnMissing(int64_t now);

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "base/UniqueFd.h"
 #include "core/LocalSide.h"

@@ -84,10 +84,11 @@ const std::vector<SecurityFile> &SecurityFiles() {
 
 std::string DdsConfiguration(const Settings &settings, const std::string &pluginFolder) {
     // An announcement three times in a lease, so that one or two may be lost.
-    const std::string discovery = fmt::format(
-        "<Discovery><Tag>{}</Tag>{}<ParticipantIndex>auto</ParticipantIndex><LeaseDuration>{} ms</LeaseDuration>"
-        "<SPDPInterval>{} ms</SPDPInterval></Discovery>",
-        Escaped(settings.tag), PeersOf(settings), settings.leaseMs, settings.leaseMs / 3);
+    const std::string discovery =
+        fmt::format("<Discovery><Tag>{}</Tag>{}<ParticipantIndex>auto</ParticipantIndex>"
+                    "<MaxAutoParticipantIndex>32</MaxAutoParticipantIndex><LeaseDuration>{} ms</LeaseDuration>"
+                    "<SPDPInterval>{} ms</SPDPInterval></Discovery>",
+                    Escaped(settings.tag), PeersOf(settings), settings.leaseMs, settings.leaseMs / 3);
     std::string configuration =
         "<Domain Id=\"any\">" + InterfacesOf(settings) + discovery + SecurityOf(settings, pluginFolder) + "</Domain>";
     if (!settings.ddsConfig.empty()) {

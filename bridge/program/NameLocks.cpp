@@ -16,7 +16,7 @@ namespace {
 std::string HolderIn(int fd) {
     std::array<char, 128> text{};
     const ssize_t size = pread(fd, text.data(), text.size() - 1, 0);
-    return size > 0 ? std::string(text.data(), static_cast<std::size_t>(size)) : "in use";
+    return size > 0 ? std::string(text.data(), static_cast<std::size_t>(size)) : "taken";
 }
 
 } // namespace

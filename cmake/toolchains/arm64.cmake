@@ -15,6 +15,8 @@ if(TARVO_ARM64_CLANG)
 else()
   set(CMAKE_CXX_COMPILER ${CMAKE_LIBRARY_ARCHITECTURE}-g++)
 endif()
+# For what is generated.
+set(CMAKE_C_COMPILER ${CMAKE_LIBRARY_ARCHITECTURE}-gcc)
 
 # Otherwise pkg-config answers for the machine's own architecture.
 set(ENV{PKG_CONFIG_LIBDIR} /usr/lib/${CMAKE_LIBRARY_ARCHITECTURE}/pkgconfig:/usr/share/pkgconfig)

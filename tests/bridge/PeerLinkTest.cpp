@@ -42,7 +42,10 @@ struct Side final : Network, PeerLink::Listener {
         ++ups;
         items.clear();
     }
-    void OnLinkDown() override { ++downs; }
+    void OnLinkDown(const char *why) override {
+        EXPECT_NE(std::string(why), "");
+        ++downs;
+    }
     void OnItem(Item &item) override { items.push_back(item.id); }
 
     uint32_t beginnings = 0;
