@@ -9,6 +9,8 @@ namespace {
 constexpr int64_t GREETING_INTERVAL_MS = 50;
 // After the network had no room.
 constexpr int64_t RETRY_MS = 1;
+// Of beginnings of links.
+constexpr uint32_t HIGHEST_COUNT = 0x7FFFFFFF;
 // A bundle travels in one piece of the network up to about this size.
 constexpr std::size_t BUNDLE_BYTES = 16000;
 
@@ -138,11 +140,22 @@ bool PeerLink::BringUp(const Bundle &bundle, int64_t now) {
 }
 
 void PeerLink::OnBundle(Bundle &bundle, int64_t now) {
-    if (bundle.to != ends.self || bundle.from != ends.peer || bundle.mine == 0) {
+    if (bundle.to != ends.self || bundle.from != ends.peer || bundle.mine == 0 || bundle.mine > HIGHEST_COUNT ||
+        bundle.theirs > HIGHEST_COUNT) {
         return;
     }
     if (theirs != 0 && bundle.mine < theirs) {
-        return; // of a link that is over
+        // Of a link that is over; or else the peer needs to know which count it has to exceed.
+        Greet(now);
+        return;
+    }
+    if (bundle.theirs > mine) {
+        // Somebody has spoken in this one's name. The peer hears higher counts only.
+        beginnings = std::max(beginnings, bundle.theirs);
+        Restart(State::GREETING, "somebody else has spoken for this bridge");
+        theirs = bundle.mine;
+        Greet(now);
+        return;
     }
     lastHeard = now;
     if (state == State::UP && bundle.mine > theirs) {

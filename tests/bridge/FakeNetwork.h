@@ -27,6 +27,11 @@ public:
     // A run dies without a word: its bundles stop, and the others hear of it when Bury() is called.
     void Unplug(RunId run);
     void Bury(RunId run);
+    // A bundle that nobody has sent.
+    void Inject(const Bundle &bundle) {
+        waiting.push_back(bundle);
+        news();
+    }
     // The others lose it and find it again, as after an interface was down; `alsoItself`: so does it them.
     void Rediscover(RunId run, bool alsoItself);
 

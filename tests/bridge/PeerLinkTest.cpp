@@ -304,6 +304,23 @@ TEST_F(PeerLinkTest, BundlesForOthersAreNotHeard) {
     EXPECT_EQ(b.downs, 0);
 }
 
+TEST_F(PeerLinkTest, SomebodyWhoSpeaksForThePeerShutsItOutOnlyForAWhile) {
+    ComeUp();
+    Bundle forged;
+    forged.from = A;
+    forged.to = B;
+    forged.mine = 1000;
+    b.link.OnBundle(forged, now);
+    EXPECT_FALSE(b.link.IsUp());
+    SendItem(a, 1);
+    CarryAll();
+    EXPECT_TRUE(a.link.IsUp());
+    EXPECT_TRUE(b.link.IsUp());
+    SendItem(a, 2);
+    CarryAll();
+    EXPECT_EQ(b.items, Numbers({2}));
+}
+
 // Whatever a network does: what arrives of one link is a beginning of what was sent through it, and when the network
 // behaves again both sides come up.
 TEST_F(PeerLinkTest, AnyNetworkYieldsABeginningOfWhatWasSent) {
