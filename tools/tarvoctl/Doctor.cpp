@@ -80,6 +80,7 @@ int RunDoctor(const DoctorOptions &options) {
     CheckScheduling(findings);
     CheckLabels(findings);
     CheckLog(findings);
+    CheckBridges(findings);
     Level worst = Level::OK;
     for (const Finding &finding : findings) {
         worst = std::max(worst, finding.level);

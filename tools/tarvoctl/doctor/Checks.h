@@ -48,6 +48,8 @@ void CheckProcessLimits(Findings &findings);
 void CheckScheduling(Findings &findings);
 void CheckLabels(Findings &findings);
 void CheckLog(Findings &findings);
+// What goes to and from other machines.
+void CheckBridges(Findings &findings);
 
 // The number in a file of the kernel; empty when there is none.
 std::optional<uint64_t> KernelNumber(const std::string &path);
