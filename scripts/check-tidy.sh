@@ -7,7 +7,7 @@ usage() {
     cat <<'TEXT'
 Usage: scripts/check-tidy.sh [--separate] [SOURCE...]
 
-Runs clang-tidy over all sources of the library, the tool and the examples, joined to a few units since most of the time
+Runs clang-tidy over all sources of the libraries, the programs and the examples, joined to a few units since most of the time
 goes into what they include, or over the named sources, each by itself. In joined sources the analyzer gives up a
 function after an eighth of the states that it follows otherwise: half of all the time would go into the last ones.
 
@@ -34,10 +34,16 @@ if ! cmake --preset clang -B $database -DTARVO_BUILD_TESTS=OFF -DCMAKE_DISABLE_P
     cat $database/configure.log >&2
     exit 1
 fi
+# What the bridge includes is generated, where its DDS is installed.
+if grep -qs '^TARVO_CYCLONEDDS_FOUND:.*=1$' $database/CMakeCache.txt &&
+    ! cmake --build $database --target tarvo_bridge_types >$database/build.log 2>&1; then
+    cat $database/build.log >&2
+    exit 1
+fi
 if [[ $# -gt 0 ]]; then
     files=("$@") options=(-p "$database")
 else
-    mapfile -t files < <(git ls-files -- 'src/*.c' 'src/*.cpp' 'tools/*.cpp' 'examples/*.cpp')
+    mapfile -t files < <(git ls-files -- 'src/*.c' 'src/*.cpp' 'tools/*.cpp' 'examples/*.cpp' 'bridge/*.cpp')
     options=(-p "$database")
     if ! $separate; then
         list=$(scripts/tidy-units.py "$database" "$units" 22 "${files[@]}")

@@ -138,6 +138,7 @@ void Bridge::OnServer(const std::string &name, bool lives) {
     found->second = lives;
     Say(Level::NOTICE, lives ? "'{}' is exported" : "'{}' has no server here; it is not exported for now", name);
     Announce();
+    listener.OnDueChanged();
 }
 
 void Bridge::OnClient(const std::string &name, const LocalClient &client) {

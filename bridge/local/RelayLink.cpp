@@ -130,11 +130,13 @@ bool RelayLink::Serve(int share, int &ran) {
         opening.reset();
         TellEnd();
         ++ran;
+        FlushWritten();
     }
     if (writable && listener != nullptr) {
         writable = false;
         listener->OnPipeWritable();
         ++ran;
+        FlushWritten();
     }
     while (ran < share && ServeFrame()) {
         ++ran;
@@ -146,6 +148,13 @@ bool RelayLink::Serve(int share, int &ran) {
         loop.Queue(*this);
     }
     return false;
+}
+
+// What has been written outside of the network's turn, after which all pipes are flushed.
+void RelayLink::FlushWritten() {
+    if (state == State::OPEN && listener != nullptr) {
+        FlushNow();
+    }
 }
 
 // Of the open.

@@ -63,6 +63,7 @@ private:
     bool WriteBatch();
     void OnRoom();
     void TellEnd();
+    void FlushWritten();
     bool ServeFrame();
     void Read();
     void End(int result);

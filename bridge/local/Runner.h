@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <utility>
 
 #include "core/Bridge.h"
 #include "local/LoopSide.h"
@@ -45,17 +46,25 @@ public:
 
     void Begin() { bridge.Begin(); }
     Bridge &TheBridge() { return bridge; }
+    // Told, on the loop, when what the bridge shows of itself may have changed.
+    void SetObserver(std::function<void()> toTell) { observer = std::move(toTell); }
     // After the network has told the bridge something.
     void Settle();
 
     void OnUnsent() override { sending.Soon(); }
-    void OnDueChanged() override { waiting.At(bridge.Due()); }
+    void OnDueChanged() override {
+        waiting.At(bridge.Due());
+        if (observer) {
+            observer();
+        }
+    }
 
 private:
     LoopSide local;
     Bridge bridge;
     Task sending;
     Task waiting;
+    std::function<void()> observer;
 };
 
 } // namespace tarvo_bridge

@@ -128,10 +128,10 @@ int Serve(Options &options) {
     }
     Runner runner(loop, std::move(options.plan), network);
     StateFile state(loop, options.stateFolder, machine, runner.TheBridge());
+    runner.SetObserver([&state] { state.Changed(); });
     Task hearing(loop, [&] {
         network.Poll(runner.TheBridge());
         runner.Settle();
-        state.Changed();
     });
     Task ending(loop, [&loop] { loop.Stop(); });
     if (hearing.WhenReadable(network.Fd()) != 0 || ending.WhenReadable(signals.Get()) != 0) {
@@ -144,6 +144,7 @@ int Serve(Options &options) {
     sd_notify(0, "READY=1");
     Say(Level::NOTICE, "machine '{}', run {:016x}: at work", machine, run);
     loop.Run(-1);
+    runner.SetObserver(nullptr);
     sd_notify(0, "STOPPING=1");
     return EXIT_OK;
 }

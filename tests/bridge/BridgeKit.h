@@ -48,9 +48,9 @@ public:
         done.get_future().wait();
     }
 
-    // A bridge of its own run. `leaseMs` is that of its links.
+    // A bridge of its own run. `leaseMs` is that of its links: so long that nothing hangs on what a lease wakes.
     RunId Start(const std::string &machine, const std::vector<std::string> &exports,
-                const std::vector<tarvo_bridge::ImportRule> &imports, uint32_t window = 64, int64_t leaseMs = 60000) {
+                const std::vector<tarvo_bridge::ImportRule> &imports, uint32_t window = 64, int64_t leaseMs = 3600000) {
         const RunId run = ++lastRun;
         Do([&, run] {
             auto node = std::make_unique<Node>();

@@ -4,6 +4,8 @@
 
 #include <cerrno>
 #include <csignal>
+#include <fstream>
+#include <iterator>
 #include <memory>
 #include <random>
 #include <string>
@@ -38,6 +40,27 @@ TEST_F(MachinesTest, NameIsOfferedOnlyWhileItsServerLives) {
     }
     EXPECT_TRUE(Withdraws(*rear));
     EXPECT_EQ(client->AskInt("client timeout=5000 target=camera self=viewer"), -ENXIO);
+}
+
+TEST_F(MachinesTest, StateFileTellsWhatWorksAndGoesWithItsBridge) {
+    BridgeCamera();
+    const auto shows = [](const Machine &machine, const BridgeProcess &bridge, const std::string &text) {
+        return Eventually([&] {
+            std::ifstream file(machine.SharedMemory() + "/bridges/bridge-" + std::to_string(bridge.Pid()) + ".json");
+            const std::string all{std::istreambuf_iterator<char>(file), {}};
+            return all.find(text) != std::string::npos;
+        });
+    };
+    EXPECT_TRUE(shows(*front, *exporter, "\"lives\": false"));
+    EXPECT_TRUE(shows(*rear, *importer, "\"offered\": false"));
+    const auto server = Program(*front);
+    ASSERT_EQ(server->AskInt("serve self=camera callback=echo"), 0);
+    EXPECT_TRUE(shows(*front, *exporter, "\"lives\": true"));
+    EXPECT_TRUE(shows(*rear, *importer, "\"carried_by\": \"front\""));
+    EXPECT_TRUE(shows(*rear, *importer, "\"offered\": true"));
+    const std::string file = rear->SharedMemory() + "/bridges/bridge-" + std::to_string(importer->Pid()) + ".json";
+    EXPECT_EQ(importer->Quit(), 0);
+    EXPECT_NE(access(file.c_str(), F_OK), 0);
 }
 
 TEST_F(MachinesTest, BridgeThatEndsInOrderLeavesNothing) {

@@ -83,6 +83,7 @@ int RunDoctor(const DoctorOptions &options) {
     CheckLabels(findings);
     CheckLog(findings);
     CheckStats(StatsDirectoryBeside(options.directory, options.statsDirectory), findings);
+    CheckBridges(findings);
     Level worst = Level::OK;
     for (const Finding &finding : findings) {
         worst = std::max(worst, finding.level);

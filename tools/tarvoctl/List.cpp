@@ -3,6 +3,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
+#include "shared/Bridges.h"
 #include "shared/Command.h"
 #include "shared/ExitCode.h"
 #include "shared/Inventory.h"
@@ -22,10 +23,15 @@ int RunList(const ListOptions &options) {
         DiagnoseInventory(inventory);
         return EXIT_FAILED;
     }
+    const std::vector<BridgedName> bridged = FindBridgedNames();
     if (options.json) {
-        PutJson(InventoryJson(inventory));
+        nlohmann::json all = InventoryJson(inventory);
+        if (!bridged.empty()) {
+            all["bridged"] = BridgedJson(bridged);
+        }
+        PutJson(all);
     } else {
-        Put(InventoryText(inventory));
+        Put(InventoryText(inventory) + BridgedText(bridged));
     }
     DiagnoseInventory(inventory);
     return EXIT_DONE;

@@ -50,6 +50,8 @@ void CheckLabels(Findings &findings);
 void CheckLog(Findings &findings);
 // What processes have counted; nothing where no directory is given.
 void CheckStats(const std::string &directory, Findings &findings);
+// What goes to and from other machines.
+void CheckBridges(Findings &findings);
 
 // The number in a file of the kernel; empty when there is none.
 std::optional<uint64_t> KernelNumber(const std::string &path);

@@ -1,0 +1,76 @@
+// What list and doctor tell of the bridges of this machine.
+#include <gmock/gmock.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <string>
+
+#include "tools/ToolTest.h"
+
+namespace tarvo_test {
+namespace {
+
+using nlohmann::json;
+
+// A folder with the state of a bridge that runs as long as the test.
+class BridgesTest : public ToolTest {
+protected:
+    BridgesTest() { setenv("TARVO_BRIDGE_STATE", state.Path().c_str(), 1); }
+    ~BridgesTest() override { unsetenv("TARVO_BRIDGE_STATE"); }
+
+    void Write(pid_t pid) const {
+        const auto import = [](const char *local, const char *machine, const char *carrier, bool offered, int refused) {
+            return json{{"name", local},         {"service", "camera"}, {"machine", machine},
+                        {"carried_by", carrier}, {"offered", offered},  {"refused", refused}};
+        };
+        const json text{{"version", 1},
+                        {"pid", pid},
+                        {"exports", {{{"name", "radar"}, {"lives", true}}, {{"name", "gps"}, {"lives", false}}}},
+                        {"imports",
+                         {import("camera", "", "front", true, 0), import("second", "rear", "", false, 0),
+                          import("taken", "", "front", false, -98)}}};
+        std::ofstream(state.Path() + "bridge-1.json") << text;
+    }
+
+    const ScratchDirectory state;
+    const ScratchDirectory directory;
+};
+
+TEST_F(BridgesTest, ListShowsWhatIsBridged) {
+    Write(getpid());
+    const std::string bridge = std::to_string(getpid());
+    const ToolResult result = RunTool({"list", "--directory", directory.Path()});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_THAT(result.out, testing::ContainsRegex("radar +export +exported +- +- +" + bridge));
+    EXPECT_THAT(result.out, testing::ContainsRegex("gps +export +no server +- +- +" + bridge));
+    EXPECT_THAT(result.out, testing::ContainsRegex("camera +import +offered +camera +front +" + bridge));
+    EXPECT_THAT(result.out, testing::ContainsRegex("second +import +missing +camera@rear +- +" + bridge));
+    const json all = RunTool({"list", "--json", "--directory", directory.Path()}).Json().at(0);
+    EXPECT_EQ(all["bridged"].size(), 5U);
+    EXPECT_EQ(all["bridged"][2]["carried_by"], "front");
+}
+
+TEST_F(BridgesTest, DoctorTellsWhatIsMissing) {
+    Write(getpid());
+    const ToolResult result = RunTool({"doctor", "--directory", directory.Path()});
+    EXPECT_THAT(result.out, testing::ContainsRegex("ok +bridge +'radar' is exported"));
+    EXPECT_THAT(result.out, testing::ContainsRegex("note +bridge +'gps' is to be exported .* has no server"));
+    EXPECT_THAT(result.out, testing::ContainsRegex("ok +bridge +'camera' is offered, carried by machine front"));
+    EXPECT_THAT(result.out, testing::ContainsRegex("warning +bridge +'second' .* no machine carries 'camera@rear'"));
+    EXPECT_THAT(result.out,
+                testing::ContainsRegex("warning +bridge +'camera' of machine front cannot be offered here: Address"));
+}
+
+TEST_F(BridgesTest, BridgeThatWasKilledAndGarbageAreNotShown) {
+    Write(0x7FFFFFF0);
+    std::ofstream(state.Path() + "bridge-2.json") << "{\"pid\": 1";
+    const ToolResult result = RunTool({"list", "--directory", directory.Path()});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out.find("BRIDGED"), std::string::npos);
+    EXPECT_THAT(result.err, HasSubstr("bridge-2.json is no state of a bridge"));
+    EXPECT_FALSE(RunTool({"list", "--json", "--directory", directory.Path()}).Json().at(0).contains("bridged"));
+}
+
+} // namespace
+} // namespace tarvo_test

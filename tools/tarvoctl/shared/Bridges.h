@@ -1,0 +1,33 @@
+// The bridges of this machine, as their state files tell of them. See tarvo-bridge(8).
+#ifndef TARVO_TARVOCTL_BRIDGES_H
+#define TARVO_TARVOCTL_BRIDGES_H
+
+#include <sys/types.h>
+
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+#include <vector>
+
+namespace tarvoctl {
+
+// A name that a bridge exports or imports.
+struct BridgedName {
+    pid_t bridge = 0;
+    bool exported = false;
+    std::string name;
+    std::string remote;  // of an import: what it asks for, as SERVICE or SERVICE@MACHINE
+    std::string carrier; // of an import: the machine that carries it; empty: none does
+    bool works = false;  // an export's server lives, an import is offered
+    int refused = 0;     // the errno for which an import could not be offered
+};
+
+// Those of the bridges that run. $TARVO_BRIDGE_STATE: the folder of their files, in place of /run/tarvo-bridge.
+std::vector<BridgedName> FindBridgedNames();
+
+// Empty where there are none.
+std::string BridgedText(const std::vector<BridgedName> &names);
+nlohmann::json BridgedJson(const std::vector<BridgedName> &names);
+
+} // namespace tarvoctl
+
+#endif // TARVO_TARVOCTL_BRIDGES_H
