@@ -2,9 +2,9 @@
 //
 // A process that uses the library, on its threads or on a loop, writes its numbers to one file in
 // TARVO_STATS_DIRECTORY, mode 0640 and of the directory's group, if that directory is there when it first uses the
-// library and it may write there. Otherwise nothing is counted. A process that ends in order
-// removes its file; that of one that was killed, or has ended by _exit(2), stays with the last numbers until somebody
-// removes it (tarvoctl(1), clean). The last quarter of the file system stays free: what has no room is not counted.
+// library and it may write there. Otherwise nothing is counted. The file stays when its process ends or is killed, with
+// the last numbers, until somebody removes it (tarvoctl(1), clean). The last quarter of the file system stays free:
+// what has no room there is not counted.
 //
 // The file is a header of TARVO_STATS_HEADER_SIZE bytes, then slots of TARVO_STATS_SLOT_SIZE bytes each: one for each
 // pipe, server and pool of callback threads, and one, TARVO_STATS_GONE, with the sums of the pipes whose slots others

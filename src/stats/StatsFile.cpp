@@ -79,10 +79,6 @@ bool RemoveFormer(int directory, const std::string &name) {
     return Lock(former.Get(), F_OFD_GETLK, lock) == 0 && lock == F_UNLCK && unlinkat(directory, name.c_str(), 0) == 0;
 }
 
-UniqueFd OpenDirectory() {
-    return UniqueFd(open(TARVO_STATS_DIRECTORY, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-}
-
 UniqueFd Create(int directory, const std::string &name) {
     return UniqueFd(openat(directory, name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, MODE));
 }
@@ -93,7 +89,7 @@ void SetAttributes(int directory, int fd) {
     struct stat about {};
     if (fstat(directory, &of) == 0 && fstat(fd, &about) == 0 && of.st_gid != about.st_gid) {
         // Who may not give it away keeps it readable by the group that it has.
-        static_cast<void>(!fchown(fd, static_cast<uid_t>(-1), of.st_gid));
+        static_cast<void>(fchown(fd, static_cast<uid_t>(-1), of.st_gid) == 0);
     }
     fchmod(fd, MODE);
 }
@@ -142,7 +138,7 @@ int StatsFile::Make(StatsFile *&made) {
         return ret;
     }
     const std::string name = std::to_string(getpid()) + "." + std::to_string(process.startTicks);
-    StatsFile *const fresh = new StatsFile;
+    auto *const fresh = new StatsFile;
     ret = fresh->Open(directory, name);
     if (ret == 0) {
         ret = fresh->Fill(process.startTicks, process.name);
@@ -174,7 +170,6 @@ int StatsFile::Open(const UniqueFd &directory, const std::string &name) {
         return ret;
     }
     file = std::move(fd);
-    fileName = name;
     return 0;
 }
 
@@ -200,24 +195,6 @@ int StatsFile::Fill(uint64_t startTicks, const std::string &process) {
     return 0;
 }
 
-void StatsFile::RemoveAtExit() {
-    if (StatsFile *const own = current.load(std::memory_order_acquire)) {
-        own->Remove();
-    }
-}
-
-void StatsFile::Remove() {
-    const UniqueFd directory = OpenDirectory();
-    struct stat named {};
-    struct stat own {};
-    // Not another's of that name, and not from a child that nobody has told of its being one.
-    if (header->pid == getpid() && fstat(file.Get(), &own) == 0 &&
-        fstatat(directory.Get(), fileName.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 && named.st_dev == own.st_dev &&
-        named.st_ino == own.st_ino) {
-        unlinkat(directory.Get(), fileName.c_str(), 0);
-    }
-}
-
 void StatsFile::WatchForks() { pthread_atfork(HoldForFork, ReleaseInParent, LeaveToParent); }
 
 void StatsFile::HoldForFork() { forkLock.Take(mutex); }
@@ -238,7 +215,7 @@ void StatsFile::Abandon() {
     abandoned = true;
     file.Reset();
     for (const Mapping &mapping : mappings) {
-        mmap(mapping.start, mapping.size, PROT_READ | PROT_WRITE,
-             MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED | MAP_NORESERVE, -1, 0);
+        static_cast<void>(mmap(mapping.start, mapping.size, PROT_READ | PROT_WRITE,
+                               MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED | MAP_NORESERVE, -1, 0));
     }
 }

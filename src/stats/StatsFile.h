@@ -24,8 +24,7 @@
 // descriptor, which the kernel gives back with the end of the process, tells others that it lives. A forked child has
 // neither: its copies of the mappings are replaced by memory of its own, where what still writes does no harm, and it
 // may make a file of its own.
-// Owns: the file, its mappings, the lock. Threads: any. Locks: `mutex`, also across a fork. Ends: never; at process
-// exit only the name of the file goes.
+// Owns: the file, its mappings, the lock. Threads: any. Locks: `mutex`, also across a fork. Ends: never.
 class StatsFile {
 public:
     // The file of this process; null when nothing is counted.
@@ -74,11 +73,6 @@ private:
     void Name(TarvoStatsSlot &slot, const StatsIdentity &identity) REQUIRES(mutex);
     void Fold(TarvoStatsSlot &slot) REQUIRES(mutex);
 
-    // A process that ends in order takes its file away: who wanted its numbers could ask it, and those of programs that
-    // run for a moment, again and again, would fill the memory in time.
-    static void RemoveAtExit() __attribute__((destructor));
-    void Remove();
-
     static void WatchForks() __attribute__((constructor));
     static void HoldForFork();
     static void ReleaseInParent();
@@ -86,7 +80,6 @@ private:
     void Abandon();
 
     UniqueFd file; // carries the lock
-    std::string fileName;
     TarvoStatsHeader *header = nullptr;
     std::vector<Mapping> mappings GUARDED_BY(mutex);
     std::vector<Place> places GUARDED_BY(mutex);

@@ -96,14 +96,14 @@ StatsSlot StatsFile::Take(const StatsIdentity &identity) {
     }
     if (index == NONE) {
         ReportFull(ret, identity);
-        return StatsSlot();
+        return {};
     }
     TarvoStatsSlot &slot = *places[index].slot;
     {
         const Change folds(header->folding);
         Name(slot, identity);
     }
-    return StatsSlot(*this, index, slot);
+    return {*this, index, slot};
 }
 
 void StatsFile::ReportFull(int result, const StatsIdentity &identity) {

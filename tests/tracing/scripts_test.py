@@ -69,8 +69,10 @@ class Test:
     def __init__(self, options):
         self.options = options
         self.folder = pathlib.Path(tempfile.mkdtemp())
+        # Copies, which the processes of other tests do not run.
         for library in options.libraries:
-            (self.folder / pathlib.Path(library).name).symlink_to(library)
+            shutil.copy(library, self.folder)
+        os.environ["LD_LIBRARY_PATH"] = str(self.folder)
         self.name = f"traced{os.getpid()}"
 
     def script(self, name):

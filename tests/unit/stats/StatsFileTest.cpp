@@ -2,12 +2,7 @@
 #include "stats/StatsFile.h"
 
 #include <sys/resource.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 
-#include <csignal>
-#include <cstdlib>
-#include <functional>
 #include <thread>
 
 #include "stats/Stats.h"
@@ -101,50 +96,6 @@ TEST(StatsFile, LivesAsLongAsItsProcessAndStaysThereWhenThatIsKilled) {
     ASSERT_EQ(1U, pipes.size());
     EXPECT_STREQ("victim", pipes.front().name);
     EXPECT_EQ(7U, pipes.front().of.pipe.sent.lost);
-}
-
-// A process that makes its file, and then ends as `end` does.
-void EndWithAFile(const std::function<void()> &end) {
-    ChildProcess child([&](Channel &) {
-        const bool made = StatsFile::Get() != nullptr;
-        if (made) {
-            end();
-        }
-        return made ? 0 : 1;
-    });
-    ASSERT_EQ(0, child.Wait());
-}
-
-TEST(StatsFile, GoesWithAProcessThatEndsInOrder) {
-    TARVO_STATS_OR_SKIP();
-    EndWithAFile([] { std::exit(0); });
-    EXPECT_TRUE(StatsFiles().empty());
-    EndWithAFile([] { _exit(0); });
-    EXPECT_EQ(1U, StatsFiles().size());
-}
-
-TEST(StatsFile, StaysWhenAChildOfItsProcessEndsInOrder) {
-    TARVO_STATS_OR_SKIP();
-    ASSERT_NE(nullptr, StatsFile::Get());
-    EXPECT_EQ(0, ChildProcess([](Channel &) -> int { std::exit(0); }).Wait());
-    const auto bare = static_cast<pid_t>(syscall(SYS_clone, SIGCHLD, nullptr, nullptr, nullptr, nullptr));
-    if (bare == 0) {
-        std::exit(0); // as a child whose C library knows nothing of it
-    }
-    int status = 0;
-    ASSERT_EQ(bare, waitpid(bare, &status, 0));
-    EXPECT_EQ(1U, StatsFiles().size());
-}
-
-TEST(StatsFile, LeavesAnothersUnderItsNameAtItsEnd) {
-    TARVO_STATS_OR_SKIP();
-    EndWithAFile([] {
-        const std::string name = StatsFileOf(getpid());
-        std::filesystem::remove(name);
-        std::ofstream(name) << "another's";
-        std::exit(0);
-    });
-    EXPECT_EQ(1U, StatsFiles().size());
 }
 
 TEST(StatsFile, IsNotMadeByWhoMayNotWriteThereAndNobodyIsTold) {
