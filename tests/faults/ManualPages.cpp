@@ -63,7 +63,8 @@ const std::set<std::string> &FunctionsWithoutErrors() {
         "pthread_mutex_trylock", "pthread_mutex_unlock", "pthread_once", "pthread_rwlock_rdlock",
         "pthread_rwlock_unlock", "pthread_rwlock_wrlock", "pthread_self", "sem_destroy", "sem_init", "sem_post",
         "sem_getvalue", "sem_trywait",
-        // Of the statistics, which a process does without where one of them fails (tests/unit/stats): no caller hears of
+        // Of the statistics, which a process does without where one of them fails (tests/unit/stats): no caller hears
+        // of
         // it.
         "fchmod", "fchown", "fstatvfs", "geteuid", "getrlimit", "ioctl", "mmap", "openat", "posix_fallocate", "sysconf",
         "unlinkat",

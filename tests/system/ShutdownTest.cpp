@@ -17,8 +17,8 @@ namespace {
 constexpr int CLIENTS = 3;
 constexpr int THREADS = 2;
 
-// What a caller may meet while either side goes down: closed, unknown, broken; closed between the look at the descriptor
-// and the write; or 0 without an answer for a call whose pipe was closed between its send and its wait.
+// What a caller may meet while either side goes down: closed, unknown, broken; closed between the look at the
+// descriptor and the write; or 0 without an answer for a call whose pipe was closed between its send and its wait.
 bool IsSoftFailure(const std::string &result) {
     return result == "-1" || result == std::to_string(-ENOENT) || result == std::to_string(-EPIPE) ||
            result == std::to_string(-EBADF) || result == "0";
