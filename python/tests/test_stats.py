@@ -176,14 +176,20 @@ def counted(directory):
     shutil.rmtree(path)
 
 
-async def agreed():
-    """What both readers say of all processes, as soon as nothing moves any more."""
+def received(*processes):
+    """How many calls were received, and answered to the end: the last numbers come after the answer."""
+    numbers = sum((process.sum() for process in processes), stats.PipeNumbers())
+    counts = {numbers.received_messages.call, numbers.sent_messages.response, numbers.callbacks_finished}
+    return counts == {numbers.callback.count} and numbers.callback.count
+
+
+async def agreed(calls):
+    """What both readers say of all processes, as soon as so many calls are through."""
     async with asyncio.timeout(LIMIT_S / 2):
         while True:
             processes = stats.processes()
             said = tool(stats.DIRECTORY)["processes"]
-            # The tool itself counts nothing of its own, unless it opens pipes.
-            if said == [told_process(process) for process in processes]:
+            if received(*processes) == calls and said == [told_process(process) for process in processes]:
                 return {process.pid: process for process in processes}
             await asyncio.sleep(0)
 
@@ -196,7 +202,7 @@ async def test_server_and_client_read_as_the_tool_reads_them(counted, engine):
             for number in range(30):
                 assert await link.call(b"%d" % number, timeout=20) == b"%d" % number
         assert handle > 0
-        processes = await agreed()
+        processes = await agreed(30)
         assert set(processes) == {server.pid, peer.pid}
         served, client = processes[server.pid], processes[peer.pid]
         assert served.alive and client.alive
@@ -217,10 +223,10 @@ async def test_process_that_was_killed_leaves_its_last_numbers(counted):
         assert await server.ask("serve self=served callback=echo") == "0"
         async with tarvo.connect("served", own="python", timeout=20) as link:
             assert await link.call(b"last", timeout=20) == b"last"
-            assert next(iter((await agreed()).values())).alive
+            assert next(iter((await agreed(1)).values())).alive
             await server.kill()
             await link.wait_closed()
-        (process,) = (await agreed()).values()
+        (process,) = (await agreed(1)).values()
         assert not process.alive and process.left_open == 1 and process.pid == server.pid
         assert process.sum().calls_begun == 0 and process.sum().received_messages.call == 1
 
@@ -228,12 +234,12 @@ async def test_process_that_was_killed_leaves_its_last_numbers(counted):
 async def test_difference_of_two_readings_is_what_came_between(counted):
     async with served_by("threads", "served"), tarvo.connect("served", own="python", timeout=20) as link:
 
-        async def reading(calls):
+        async def reading(calls, sum_of_all):
             for _ in range(calls):
                 await link.call(b"x", timeout=20)
-            return next(iter((await agreed()).values()))
+            return next(iter((await agreed(sum_of_all)).values()))
 
-        before, now = await reading(3), await reading(4)
+        before, now = await reading(3, 3), await reading(4, 7)
         (pipe,) = now.since(before).pipes
         assert pipe.numbers.received_messages == stats.Kinds(call=4)
         assert pipe.numbers.callbacks_finished == pipe.numbers.callback.count == 4
