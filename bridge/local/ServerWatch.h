@@ -25,7 +25,7 @@ public:
 
     bool Serve(int share, int &ran) override;
     void OnEvents(uint32_t what, uint32_t events) override;
-    void OnFileChanged(std::string_view name) override;
+    void OnFileChanged(std::string_view changed) override;
     void OnTimer() override;
 
 private:

@@ -30,9 +30,12 @@ void AddNames(const nlohmann::json &state, std::vector<BridgedName> &names) {
     }
     for (const nlohmann::json &entry : state.at("imports")) {
         const std::string machine = entry.at("machine");
-        const std::string service = entry.at("service");
-        names.push_back({bridge, false, entry.at("name"), machine.empty() ? service : service + "@" + machine,
-                         entry.at("carried_by"), entry.at("offered"), entry.at("refused")});
+        std::string remote = entry.at("service");
+        if (!machine.empty()) {
+            remote += "@" + machine;
+        }
+        names.push_back({bridge, false, entry.at("name"), remote, entry.at("carried_by"), entry.at("offered"),
+                         entry.at("refused")});
     }
 }
 
