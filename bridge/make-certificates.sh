@@ -58,6 +58,14 @@ cat >"$authority/governance.xml" <<'TEXT'
 TEXT
 
 for machine in "$@"; do
+    case $machine in
+    '' | authority | .* | *[!A-Za-z0-9._-]*)
+        echo "make-certificates: '$machine' is no name for a machine" >&2
+        exit 2
+        ;;
+    esac
+done
+for machine in "$@"; do
     own=$folder/$machine
     mkdir -p "$own"
     openssl ecparam -name prime256v1 -genkey -noout -out "$own/key.pem"

@@ -6,6 +6,16 @@
 #include "core/Report.h"
 
 namespace tarvo_bridge {
+namespace {
+
+// There it is only shown, as a part of a file's name; here it may lead into a folder.
+std::string Shown(std::string name) {
+    const auto isUnfit = [](unsigned char letter) { return letter == '/' || letter < 0x20 || letter == 0x7f; };
+    std::replace_if(name.begin(), name.end(), isUnfit, '_');
+    return name;
+}
+
+} // namespace
 
 Peer::Peer(RunId self, Announcement first, Limits peerLimits, uint32_t &beginnings, Network &network, Owner &peerOwner)
     : told(std::move(first)), limits(peerLimits), owner(peerOwner),
@@ -24,7 +34,7 @@ void Peer::Open(const std::string &service, const std::string &local, const Loca
     Session &session = *made;
     mine.emplace(number, Client{local, client, std::move(made)});
     Settle();
-    session.Ask(service, client.name);
+    session.Ask(service, Shown(client.name));
 }
 
 void Peer::OnLinkUp() {

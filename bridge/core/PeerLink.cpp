@@ -57,7 +57,7 @@ void PeerLink::OnLost() {
 void PeerLink::Restart(State next, const char *why) {
     const bool wasUp = state == State::UP;
     state = next;
-    mine = ++beginnings;
+    mine = std::max(mine + 1, ++beginnings);
     theirs = 0;
     sent = 0;
     received = 0;
@@ -151,7 +151,8 @@ void PeerLink::OnBundle(Bundle &bundle, int64_t now) {
     }
     if (bundle.theirs > mine) {
         // Somebody has spoken in this one's name. The peer hears higher counts only.
-        beginnings = std::max(beginnings, bundle.theirs);
+        // Of this link only: what one peer says must not use up the counts of the others.
+        mine = bundle.theirs;
         Restart(State::GREETING, "somebody else has spoken for this bridge");
         theirs = bundle.mine;
         Greet(now);
@@ -195,7 +196,7 @@ void PeerLink::OnItems(Bundle &bundle, int64_t now) {
         // The peer has not heard yet that this side has begun anew.
         if (state == State::IDLE) {
             Begin(now);
-        } else if (now >= nextGreeting) {
+        } else if (nextGreeting == NEVER || now >= nextGreeting) {
             Greet(now);
         }
         return;

@@ -1,5 +1,6 @@
 #include "network/BundleSample.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "api/tarvo_check.h"
@@ -59,7 +60,9 @@ void FillContent(const Item &item, tarvo_bridge_v1_ItemContent &content) {
 
 // A name that may become part of a file's.
 bool IsName(const std::string &name) {
-    return !name.empty() && name.find('/') == std::string::npos && !BlackListCheck(name.c_str());
+    const auto isControl = [](unsigned char letter) { return letter < 0x20 || letter == 0x7f; };
+    return !name.empty() && name.find('/') == std::string::npos && !BlackListCheck(name.c_str()) &&
+           std::none_of(name.begin(), name.end(), isControl);
 }
 
 bool TakeFrame(const tarvo_bridge_v1_FrameContent &frame, Item &item) {

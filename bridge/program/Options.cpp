@@ -64,8 +64,9 @@ bool IsLocalName(const std::string &name) {
 constexpr char NAME_RULE[] = "1 to 100 characters, none of | ; > < ` & ( ) $ / and no two dots in a row";
 
 void CheckNames(const Options &options, std::vector<std::string> &faults) {
-    if (!IsLocalName(options.plan.machine) || options.plan.machine.size() > 40) {
-        faults.push_back(fmt::format("'{}' is no name for a machine: at most 40 characters, and {}",
+    // Behind it comes a dot, and two in a row are refused in names.
+    if (!IsLocalName(options.plan.machine) || options.plan.machine.size() > 40 || options.plan.machine.back() == '.') {
+        faults.push_back(fmt::format("'{}' is no name for a machine: at most 40 characters, no dot at its end, and {}",
                                      options.plan.machine, NAME_RULE));
     }
     std::set<std::string> names;

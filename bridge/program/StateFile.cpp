@@ -1,12 +1,13 @@
 #include "program/StateFile.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <unistd.h>
 
 #include <cstdio>
-#include <fstream>
 #include <nlohmann/json.hpp>
 
+#include "base/UniqueFd.h"
 #include "core/Report.h"
 #include "loop/Moments.h"
 
@@ -63,9 +64,11 @@ void StateFile::Write() {
         return;
     }
     const std::string fresh = path + ".new";
-    std::ofstream file(fresh);
-    file << text << std::flush;
-    if (!file || std::rename(fresh.c_str(), path.c_str()) != 0) {
+    // Never through what somebody else has put there.
+    unlink(fresh.c_str());
+    const UniqueFd file(open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+    if (file.Get() < 0 || write(file.Get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
+        std::rename(fresh.c_str(), path.c_str()) != 0) {
         Say(Level::WARNING, "'{}' cannot be written", path);
     }
     written = std::move(text);

@@ -124,7 +124,7 @@ TEST_F(GarbageTest, ForgedSendersBreakNothingForGood) {
         bridges.Do([&] {
             for (int i = 0; i < 30; ++i) {
                 Bundle bundle = AnyBundle({exporter, importer});
-                // A count that no honest one can exceed shuts out for good: certificates keep somebody from saying it.
+                // A count that no honest one can exceed shuts its own link out for good.
                 bundle.mine %= 1000000;
                 bridges.cables.Inject(bundle);
             }

@@ -114,6 +114,17 @@ TEST_F(PeerLinkTest, ComesUpWhenBothAreHeard) {
     EXPECT_EQ(a.link.Due(), PeerLink::NEVER) << "an idle link needs no time";
 }
 
+TEST_F(PeerLinkTest, CountsThatAPeerUsesUpAreThoseOfItsOwnLink) {
+    ComeUp();
+    Bundle bundle;
+    bundle.from = B;
+    bundle.to = A;
+    bundle.mine = 1;
+    bundle.theirs = 0x7FFFFFFF;
+    a.link.OnBundle(bundle, now);
+    EXPECT_LT(a.beginnings, 10U) << "other links go on counting from here";
+}
+
 TEST_F(PeerLinkTest, GreetingIsRepeatedUntilItIsHeard) {
     a.link.Begin(now);
     for (int lost = 0; lost < 20; ++lost) {

@@ -122,6 +122,16 @@ TEST_F(RawRelayTest, ServerSeesClientAndMachine) {
     EXPECT_THAT(server->client, testing::MatchesRegex(NameTag() + "cli.*@rear[.]1_" + std::to_string(getpid())));
 }
 
+// Names may lead into folders here. There they are a part of a file's.
+TEST_F(RawRelayTest, ClientOfAFolderIsShownWithoutItsSlash) {
+    server = std::make_unique<RawServer>(real);
+    StartBoth(64);
+    ASSERT_TRUE(IsOffered());
+    WriteToRawServer(there, RawConnectPacket("folder/" + UniqueName("cli"), getgid(), getpid()));
+    atServer = server->Accept();
+    EXPECT_THAT(server->client, testing::MatchesRegex("folder_" + NameTag() + "cli.*@rear[.]1_.*"));
+}
+
 TEST_F(RawRelayTest, ClientsFilesAppearOnlyWhenTheServersPipeIsOpen) {
     server = std::make_unique<RawServer>(real);
     StartBoth();
