@@ -187,8 +187,9 @@ bool FrameReader::FrameInRest(std::size_t &at, Frame &frame) const {
         const std::size_t before = at < carried ? std::min(carried - at, sizeof(head)) : 0;
         char *const bytes = reinterpret_cast<char *>(&head);
         std::memcpy(bytes, carry.data() + (before > 0 ? at : 0), before);
-        std::memcpy(bytes + before, unread + (at + before - carried),
-                    before < sizeof(head) ? sizeof(head) - before : 0);
+        if (before < sizeof(head)) {
+            std::memcpy(bytes + before, unread + (at + before - carried), sizeof(head) - before);
+        }
         at += sizeof(head);
         const bool good = head.magic == MagicReceiver::MAGIC && head.type <= MSG_TYPE_RESPONSE &&
                           FrameView(head.id, head.type, nullptr, head.payloadLen).SizeValid();
