@@ -80,6 +80,7 @@ int SendAndWait(TarvoPipeImpl &pipe, int fd, TarvoRequest &req, TarvoResponse &r
     const TarvoRequest own{request->GetId(), req.data, req.size};
     PendingCall call(pipe, *request, own, resp);
     TARVO_LOG(LOG_INFO, "SendRPCSync id=%u, size=%u bytes", own.id, own.size);
+    counted.Sending();
     ret = pipe.SendCall(own, timeout, counted.writtenAt);
     if (ret < 0) {
         TARVO_LOG_RESTRAINED(LOG_ERR, "Send req fail, fd=%d, err=%d.", fd, ret);

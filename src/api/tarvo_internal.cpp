@@ -59,6 +59,7 @@ public:
     CountedOpen() : file(StatsFile::Get()), begunAt(file != nullptr ? Stats::Now() : 0) {
         if (file != nullptr) {
             PoolStats::Begin();
+            file->MakeRoom();
         }
     }
     ~CountedOpen() {

@@ -51,8 +51,11 @@ void PipeStats::CountReceived(const MsgHead &head, InMessage &msg) {
     Stats::CountAlone(numbers->received.bytes[kind], head.payloadLen);
     if (timed) {
         msg.readAt = Stats::Now();
-        const uint64_t writtenAt = static_cast<uint64_t>(head.writeStartTime) * Stats::NS_PER_US;
-        Stats::TimeAlone(numbers->inFifo, Stats::Between(writtenAt, msg.readAt));
+        // Peers may leave it out.
+        if (head.writeStartTime > 0) {
+            const uint64_t writtenAt = static_cast<uint64_t>(head.writeStartTime) * Stats::NS_PER_US;
+            Stats::TimeAlone(numbers->inFifo, Stats::Between(writtenAt, msg.readAt));
+        }
     }
     if (kind != TARVO_STATS_RESPONSE) {
         CountQueued();

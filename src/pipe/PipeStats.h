@@ -83,7 +83,7 @@ public:
         }
     }
 
-    // All of them at one moment: 0, or -ENODATA.
+    // A copy of them, with the levels worked out: 0, or -ENODATA.
     int Read(TarvoStatsPipe &copy) const;
 
 private:
@@ -121,11 +121,13 @@ public:
 
     // Each yields the result that it is given.
     int NotRegistered(int callResult) { return result = callResult; }
-    int NotSent(int callResult) {
-        refused = true;
-        return result = callResult;
+    // From here on a failure is the send's, also one that throws.
+    void Sending() { refused = true; }
+    int NotSent(int callResult) { return result = callResult; }
+    void Sent() {
+        refused = false;
+        result = -ECANCELED;
     }
-    void Sent() { result = -ECANCELED; }
     // `data` is the response's.
     int Waited(int callResult, const char *data) {
         answered = data != nullptr;

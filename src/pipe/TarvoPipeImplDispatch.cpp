@@ -253,7 +253,7 @@ std::shared_ptr<const TarvoTask> TarvoPipeImpl::MakeTask(std::shared_ptr<InReque
 }
 
 void TarvoPipeImpl::RunCallback(const ServiceHandler &handler, const InRequest *req) {
-    if (!isConcur && retired) {
+    if (!isConcur && retired && IsClosing()) {
         // Handed in while the pipe was being closed, behind the dropping of what waited: the next worker of the pipe's
         // name would start it after the close.
         if (req != nullptr) {

@@ -138,7 +138,7 @@ std::optional<InMessage> TarvoPipeImpl::RecvPayload(const MsgHead &head, Tarvo::
                   remoteName.c_str(), head.payloadLen, head.timeout, head.writeStartTime, ret);
         if (ret == -ENOMEM) {
             stats.NoMemory();
-        } else {
+        } else if (!IsClosing()) {
             stats.Bad(msg->SizeValid() ? TARVO_STATS_BAD_SHORT : TARVO_STATS_BAD_LENGTH);
         }
         return std::nullopt;

@@ -93,6 +93,7 @@ int PipeServer::Init(const TarvoServerAttr &serverAttr) {
     } catch (...) {
         // The caller's thread was cancelled in an open, or a step ran out of memory.
         CloseDescriptors();
+        counted.Closed();
         running = false;
         throw;
     }

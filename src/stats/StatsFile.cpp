@@ -130,7 +130,8 @@ StatsFile *StatsFile::Decide() {
 int StatsFile::Make(StatsFile *&made) {
     const UniqueFd directory(openat(AT_FDCWD, TARVO_STATS_DIRECTORY, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (directory.Get() < 0) {
-        return -errno;
+        // For want of descriptors or memory it is not even known whether anybody has asked for statistics.
+        return errno == ELOOP || errno == ENOTDIR ? -errno : -ENOENT;
     }
     Process process{};
     int ret = AskKernel(process);

@@ -20,10 +20,10 @@
 // is there and lets this process write; otherwise nothing is counted in this process, and nobody looks again.
 //
 // The space is reserved before it is mapped, so that writing to it never meets a full file system; and the last quarter
-// of the file system is left to the FIFOs, which the program cannot do without. A lock on the
-// descriptor, which the kernel gives back with the end of the process, tells others that it lives. A forked child has
-// neither: its copies of the mappings are replaced by memory of its own, where what still writes does no harm, and it
-// may make a file of its own.
+// of the file system is left to the FIFOs, which the program cannot do without. A lock on the descriptor, which the
+// kernel gives back with the end of the process, tells others that it lives. A forked child has neither: its copies of
+// the mappings are replaced by memory of its own, where what still writes does no harm, and it may make a file of its
+// own.
 // Owns: the file, its mappings, the lock. Threads: any. Locks: `mutex`, also across a fork. Ends: never.
 class StatsFile {
 public:
@@ -37,6 +37,8 @@ public:
     // A place: one that was never used, else the one that has been closed for longest, else a new one. None, and one
     // log line in the life of the process, when there is no room. Does not throw.
     StatsSlot Take(const StatsIdentity &identity) EXCLUDES(mutex);
+    // Makes room for one more, so that a Take() by somebody who holds locks finds it.
+    void MakeRoom() EXCLUDES(mutex);
     // What is written under that index stays there until it is taken again.
     void Release(uint32_t index) EXCLUDES(mutex);
 

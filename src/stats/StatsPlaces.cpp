@@ -25,7 +25,7 @@ constexpr std::size_t CHUNK = std::size_t{TARVO_STATS_SLOTS_PER_CHUNK} * TARVO_S
 bool HasRoom(int fd, std::size_t more) {
     constexpr uint64_t SHARE = 4;
     struct statvfs system {};
-    return fstatvfs(fd, &system) != 0 ||
+    return fstatvfs(fd, &system) != 0 || system.f_blocks == 0 || // without a limit
            uint64_t{system.f_bavail} * system.f_frsize >= uint64_t{system.f_blocks} * system.f_frsize / SHARE + more;
 }
 
@@ -104,6 +104,13 @@ StatsSlot StatsFile::Take(const StatsIdentity &identity) {
         Name(slot, identity);
     }
     return {*this, index, slot};
+}
+
+void StatsFile::MakeRoom() {
+    MutexLock lock(mutex);
+    if (used == places.size() && firstReleased == NONE && places.size() < TARVO_STATS_MAX_SLOTS) {
+        static_cast<void>(Grow()); // Take() reports it
+    }
 }
 
 void StatsFile::ReportFull(int result, const StatsIdentity &identity) {

@@ -3,6 +3,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <stdatomic.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -45,7 +46,14 @@ static int CheckHeader(const TarvoStatsHeader *header, off_t size) {
 }
 
 int TarvoStatsReadHeader(const TarvoStatsFile *file, TarvoStatsHeader *header) {
-    const int result = TarvoStatsReadAt(file, header, sizeof(*header), 0);
+    uint64_t magic = 0;
+    int result = TarvoStatsReadAt(file, &magic, sizeof(magic), 0);
+    if (result == 0 && magic != TARVO_STATS_MAGIC) {
+        return -EBADMSG;
+    }
+    // It is written last: what is read after it is there.
+    atomic_thread_fence(memory_order_acquire);
+    result = result < 0 ? result : TarvoStatsReadAt(file, header, sizeof(*header), 0);
     if (result < 0) {
         return result;
     }

@@ -79,10 +79,10 @@ static int TryReadSlot(const TarvoStatsFile *file, uint64_t offset, TarvoStatsSl
 }
 
 // `slot` is zeros, or what this has read into it before.
-static int ReadSlotAt(const TarvoStatsFile *file, uint32_t index, TarvoStatsSlot *slot) {
+static int ReadSlotAt(const TarvoStatsFile *file, uint32_t index, TarvoStatsSlot *slot, int attempts) {
     const uint64_t offset = TARVO_STATS_HEADER_SIZE + (uint64_t)index * TARVO_STATS_SLOT_SIZE;
     int result = -EAGAIN;
-    for (int attempt = 0; result == -EAGAIN && attempt < SLOT_ATTEMPTS; ++attempt) {
+    for (int attempt = 0; result == -EAGAIN && attempt < attempts; ++attempt) {
         if (attempt > 0) {
             sched_yield(); // to the thread that was held up
         }
@@ -109,7 +109,7 @@ int TarvoStatsReadSlot(TarvoStatsFile *file, uint32_t index, TarvoStatsSlot *slo
         return -EBADMSG;
     }
     memset(slot, 0, sizeof(*slot));
-    return ReadSlotAt(file, index, slot);
+    return ReadSlotAt(file, index, slot, SLOT_ATTEMPTS);
 }
 
 static int Reserve(TarvoStatsReading *reading, uint32_t slots) {
@@ -128,8 +128,12 @@ static int Reserve(TarvoStatsReading *reading, uint32_t slots) {
 }
 
 static int ReadSlots(const TarvoStatsFile *file, TarvoStatsReading *reading) {
+    // Of a process that has ended nothing moves any more. And a process changes one slot at a time: who has waited in
+    // vain for one need not wait for the next.
+    int attempts = reading->alive ? SLOT_ATTEMPTS : 1;
     for (uint32_t index = 0; index < reading->header.slots; ++index) {
-        const int result = ReadSlotAt(file, index, &reading->slot[index]);
+        const int result = ReadSlotAt(file, index, &reading->slot[index], attempts);
+        attempts = result == -EAGAIN ? 1 : attempts;
         if (result == -EAGAIN || result == -EBADMSG) {
             ++reading->unreadable;
         } else if (result < 0) {

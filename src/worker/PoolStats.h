@@ -26,7 +26,8 @@ public:
         With([](TarvoStatsPool &pool) { Stats::Count(pool.waited); });
     }
 
-    // A thread for callbacks, and one that receives. Each lives as long as its thread runs.
+    // A thread for callbacks.
+    // Owns: one of the level. Threads: the one that it counts. Locks: none. Ends: with its thread.
     struct Thread {
         Thread() {
             With([](TarvoStatsPool &pool) { Stats::Raise(pool.threads); });
@@ -37,6 +38,7 @@ public:
         Thread(const Thread &) = delete;
         Thread &operator=(const Thread &) = delete;
     };
+    // A thread that receives. Owns, Threads, Locks, Ends: as Thread.
     struct Monitor {
         Monitor() {
             With([](TarvoStatsPool &pool) { Stats::Count(pool.monitors); });
