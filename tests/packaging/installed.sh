@@ -82,7 +82,9 @@ fi
 # What was asked for twice changes nothing, and what is removed takes nothing from processes that still run.
 dpkg --install ./*.deb >dpkg.log 2>&1 || { cat dpkg.log && exit 1; }
 mkfifo $fifo_directory/in_use
-dpkg --purge python3-tarvo tarvo-tools libtarvo-doc libtarvo-dev libtarvo-loop1 libtarvo1 >dpkg.log 2>&1 || { cat dpkg.log && exit 1; }
+packages=(python3-tarvo tarvo-tools libtarvo-doc libtarvo-dev libtarvo-loop1 libtarvo1)
+! dpkg --status tarvo-bridge >/dev/null 2>&1 || packages=(tarvo-bridge "${packages[@]}")
+dpkg --purge "${packages[@]}" >dpkg.log 2>&1 || { cat dpkg.log && exit 1; }
 { [[ -p $fifo_directory/in_use ]] && getent group tarvo >/dev/null; } || { echo "the purge took what is in use" && exit 1; }
 ! ldconfig -p | grep libtarvo >/dev/null || { echo "the loader still knows libtarvo" && exit 1; }
 [[ ! -e /usr/lib/python3/dist-packages/tarvo ]] || { echo "the purge left compiled modules" && exit 1; }
