@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <future>
 #include <vector>
 
@@ -110,15 +111,18 @@ TEST_F(TableTest, DisablingEndsABackgroundOpenThatWaits) {
 TEST_F(TableTest, DisablingRetiresAPipeBeforeItLeavesItsMonitor) {
     const int fd = OpenNew();
     const std::shared_ptr<TarvoPipeImpl> pipe = table->GetPipe(fd);
-    std::vector<int> opens;
+    std::future<int> open;
+    std::future_status ended = std::future_status::deferred;
     // Otherwise an open that is under way registers it again, and its descriptor is closed while it is watched.
     const ScopedHook removal(Call::EpollCtl, [&](const CallInfo &info) {
         if (info.number == EPOLL_CTL_DEL) {
-            opens.push_back(pipe->TimedOpen(100));
+            open = std::async(std::launch::async, [&pipe] { return pipe->TimedOpen(100); });
+            ended = open.wait_for(std::chrono::seconds(5));
         }
     });
     table->DisableTarvoTable();
-    EXPECT_EQ(opens, std::vector<int>{-ECANCELED});
+    ASSERT_EQ(ended, std::future_status::ready) << "it waits to register its read end";
+    EXPECT_EQ(open.get(), -ECANCELED);
 }
 
 TEST_F(TableTest, DisablingWaitsForTheCallbackThatRuns) {
