@@ -73,7 +73,6 @@ private:
 
     void Accept(const Item &item);
     Session *Find(const Item &item);
-    void Leave(Session &session);
     void Settle();
 
     Announcement told;

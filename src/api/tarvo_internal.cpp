@@ -36,21 +36,6 @@ bool IsCrossDomainPipe(const TarvoDomain &domain) { return domain != TARVO_DOMAI
 
 namespace {
 
-unsigned ResultOf(int opened) {
-    switch (opened) {
-    case -ETIMEDOUT:
-        return TARVO_STATS_OPEN_TIMED_OUT;
-    case -ENXIO:
-    case -ENOENT:
-        return TARVO_STATS_OPEN_NO_SERVER;
-    case -EACCES:
-    case -EPERM:
-        return TARVO_STATS_OPEN_REFUSED;
-    default:
-        return opened < 0 ? TARVO_STATS_OPEN_OTHER : TARVO_STATS_OPEN_OK;
-    }
-}
-
 // One open from here on, also one that ends for want of memory.
 // Owns: nothing. Threads: the caller's. Locks: none. Ends: with the open.
 class CountedOpen {
@@ -67,7 +52,7 @@ public:
             return;
         }
         TarvoStatsHeader &header = file->Header();
-        Stats::Count(header.opens[ResultOf(result)]);
+        Stats::Count(header.opens[Stats::OpenEndOf(result)]);
         if (result >= 0) {
             Stats::Time(header.openTime, Stats::Between(begunAt, Stats::Now()));
         }

@@ -17,49 +17,6 @@ using Stats::CountAlone;
 using Stats::Load;
 using Stats::TimeAlone;
 
-uint32_t ReasonOf(int result) {
-    switch (result) {
-    case -EAGAIN:
-        return TARVO_STATS_SEND_FULL;
-    case -EPIPE:
-        return TARVO_STATS_SEND_BROKEN;
-    default:
-        return TARVO_STATS_SEND_OTHER;
-    }
-}
-
-uint32_t EndOf(int result) {
-    switch (result) {
-    case 0:
-        return TARVO_STATS_END_ANSWERED;
-    case -ETIMEDOUT:
-        return TARVO_STATS_END_TIMED_OUT;
-    case -EPIPE:
-        return TARVO_STATS_END_BROKEN;
-    case -ECANCELED:
-        return TARVO_STATS_END_CANCELED;
-    default:
-        return TARVO_STATS_END_OTHER;
-    }
-}
-
-uint32_t OpenEndOf(int result) {
-    switch (result) {
-    case 0:
-        return TARVO_STATS_OPEN_OK;
-    case -ETIMEDOUT:
-        return TARVO_STATS_OPEN_TIMED_OUT;
-    case -ENXIO:
-    case -ENOENT:
-        return TARVO_STATS_OPEN_NO_SERVER;
-    case -EACCES:
-    case -EPERM:
-        return TARVO_STATS_OPEN_REFUSED;
-    default:
-        return TARVO_STATS_OPEN_OTHER;
-    }
-}
-
 uint32_t KindOf(const Frame &frame) {
     if (frame.type == MSG_TYPE_RESPONSE) {
         return TARVO_STATS_RESPONSE;
@@ -69,16 +26,6 @@ uint32_t KindOf(const Frame &frame) {
 
 uint64_t Requests(const uint64_t *messages) {
     return Load(messages[TARVO_STATS_ONE_WAY]) + Load(messages[TARVO_STATS_CALL]);
-}
-
-// Those that the file leaves to its reader.
-void SetLevels(TarvoStatsPipe &copy) {
-    const uint64_t gone =
-        std::accumulate(copy.requests.dropped, copy.requests.dropped + TARVO_STATS_DROP_REASONS, copy.requests.begun);
-    copy.requests.queued.now = Between(gone, Requests(copy.received.messages));
-    copy.requests.running.now = Between(copy.requests.finished, copy.requests.begun);
-    copy.calls.outstanding.now =
-        Between(std::accumulate(copy.calls.ended, copy.calls.ended + TARVO_STATS_ENDS, uint64_t{0}), copy.calls.begun);
 }
 
 } // namespace
@@ -103,13 +50,13 @@ void LinkStats::Copy(const FrameBatch &batch, const FrameReader &reader, TarvoSt
     Add(reader.Sum(), found, copy.received.messages, copy.received.bytes);
     copy.requests.begun = BegunAfter(copy);
     copy.requests.finished = copy.requests.begun - (published && !inOther ? 1 : 0);
-    SetLevels(copy);
+    Stats::SetLevels(copy);
 }
 
 uint64_t LinkStats::OpenEnded(int result) {
     const uint64_t ns = Between(madeAt, Stats::Now());
     TarvoStatsHeader &header = StatsFile::Get()->Header();
-    Count(header.opens[OpenEndOf(result)]);
+    Count(header.opens[Stats::OpenEndOf(result)]);
     if (result == 0) {
         Stats::Time(header.openTime, ns);
         slot.Opened();
@@ -153,7 +100,7 @@ void LinkStats::Settled(int flushed, uint32_t kind) {
     }
 }
 
-void LinkStats::Refused(int result) const { CountAlone(pipe->sent.refused[ReasonOf(result)]); }
+void LinkStats::Refused(int result) const { CountAlone(pipe->sent.refused[Stats::RefusalOf(result)]); }
 
 void LinkStats::Flushing(const FrameBatch &batch) {
     const FrameSum all{batch.Frames() - counted.frames - fresh.frames,
@@ -177,7 +124,7 @@ void LinkStats::CallBegun() {
 
 void LinkStats::CallEnded(int result) {
     --outstanding;
-    CountAlone(pipe->calls.ended[EndOf(result)]);
+    CountAlone(pipe->calls.ended[Stats::CallEndOf(result)]);
 }
 
 void LinkStats::CallNotSent() {

@@ -8,17 +8,6 @@
 
 namespace {
 
-unsigned RefusalOf(int result) {
-    switch (result) {
-    case -EAGAIN:
-        return TARVO_STATS_SEND_FULL;
-    case -EPIPE:
-        return TARVO_STATS_SEND_BROKEN;
-    default:
-        return TARVO_STATS_SEND_OTHER;
-    }
-}
-
 // A call without a time limit tells its receiver as little as a one-way request.
 unsigned KindOf(const MsgHead &head) {
     if (head.type == MSG_TYPE_RESPONSE) {
@@ -36,7 +25,7 @@ void PipeStats::Begin(int handle, const std::string &name, const std::string &re
 
 void PipeStats::CountSent(unsigned kind, uint32_t bytes, int result) {
     if (result < 0) {
-        Stats::Count(numbers->sent.refused[RefusalOf(result)]);
+        Stats::Count(numbers->sent.refused[Stats::RefusalOf(result)]);
         return;
     }
     Stats::Count(numbers->sent.messages[kind]);
@@ -133,17 +122,6 @@ unsigned CallStats::End() const {
     if (refused) {
         return TARVO_STATS_END_NOT_SENT;
     }
-    switch (result) {
-    case 0:
-        // Without a response the pipe was closed between the sending and the wait.
-        return answered ? TARVO_STATS_END_ANSWERED : TARVO_STATS_END_BROKEN;
-    case -ETIMEDOUT:
-        return TARVO_STATS_END_TIMED_OUT;
-    case -EPIPE:
-        return TARVO_STATS_END_BROKEN;
-    case -ECANCELED:
-        return TARVO_STATS_END_CANCELED;
-    default:
-        return TARVO_STATS_END_OTHER;
-    }
+    // Without a response the pipe was closed between the sending and the wait.
+    return result == 0 && !answered ? unsigned{TARVO_STATS_END_BROKEN} : Stats::CallEndOf(result);
 }

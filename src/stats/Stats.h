@@ -5,6 +5,7 @@
 #ifndef TARVO_STATS_STATS_H
 #define TARVO_STATS_STATS_H
 
+#include <cerrno>
 #include <cstdint>
 #include <ctime>
 
@@ -87,6 +88,65 @@ inline uint64_t Now() {
 
 // From one moment to a later one: 0 when they are reversed, as for a time that another process claims.
 inline uint64_t Between(uint64_t from, uint64_t to) { return to > from ? to - from : 0; }
+
+// What the results of a send, a call and an open are counted as.
+inline unsigned RefusalOf(int result) {
+    switch (result) {
+    case -EAGAIN:
+        return TARVO_STATS_SEND_FULL;
+    case -EPIPE:
+        return TARVO_STATS_SEND_BROKEN;
+    default:
+        return TARVO_STATS_SEND_OTHER;
+    }
+}
+
+inline unsigned CallEndOf(int result) {
+    switch (result) {
+    case 0:
+        return TARVO_STATS_END_ANSWERED;
+    case -ETIMEDOUT:
+        return TARVO_STATS_END_TIMED_OUT;
+    case -EPIPE:
+        return TARVO_STATS_END_BROKEN;
+    case -ECANCELED:
+        return TARVO_STATS_END_CANCELED;
+    default:
+        return TARVO_STATS_END_OTHER;
+    }
+}
+
+// `result` may be a handle.
+inline unsigned OpenEndOf(int result) {
+    switch (result) {
+    case -ETIMEDOUT:
+        return TARVO_STATS_OPEN_TIMED_OUT;
+    case -ENXIO:
+    case -ENOENT:
+        return TARVO_STATS_OPEN_NO_SERVER;
+    case -EACCES:
+    case -EPERM:
+        return TARVO_STATS_OPEN_REFUSED;
+    default:
+        return result < 0 ? TARVO_STATS_OPEN_OTHER : TARVO_STATS_OPEN_OK;
+    }
+}
+
+// The levels of a copy, which the file leaves to its readers.
+inline void SetLevels(TarvoStatsPipe &copy) {
+    uint64_t gone = copy.requests.begun;
+    for (const uint64_t dropped : copy.requests.dropped) {
+        gone += dropped;
+    }
+    uint64_t ended = 0;
+    for (const uint64_t end : copy.calls.ended) {
+        ended += end;
+    }
+    const uint64_t *const received = copy.received.messages;
+    copy.requests.queued.now = Between(gone, received[TARVO_STATS_ONE_WAY] + received[TARVO_STATS_CALL]);
+    copy.requests.running.now = Between(copy.requests.finished, copy.requests.begun);
+    copy.calls.outstanding.now = Between(ended, copy.calls.begun);
+}
 
 // Of so many one-way requests one is timed. A power of two. Timing one takes two looks at the clock, some 40 ns, where
 // a loop sends and delivers one in less than 100.

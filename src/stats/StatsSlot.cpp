@@ -51,18 +51,7 @@ bool StatsSlot::Read(TarvoStatsPipe &copy) const {
     for (std::size_t word = sizeof(copy) / sizeof(*to); word-- > 0;) {
         to[word] = __atomic_load_n(&from[word], __ATOMIC_ACQUIRE);
     }
-    uint64_t gone = copy.requests.begun;
-    for (const uint64_t dropped : copy.requests.dropped) {
-        gone += dropped;
-    }
-    uint64_t ended = 0;
-    for (const uint64_t end : copy.calls.ended) {
-        ended += end;
-    }
-    const uint64_t *const received = copy.received.messages;
-    copy.requests.queued.now = Stats::Between(gone, received[TARVO_STATS_ONE_WAY] + received[TARVO_STATS_CALL]);
-    copy.requests.running.now = Stats::Between(copy.requests.finished, copy.requests.begun);
-    copy.calls.outstanding.now = Stats::Between(ended, copy.calls.begun);
+    Stats::SetLevels(copy);
     return true;
 }
 

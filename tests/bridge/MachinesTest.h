@@ -24,14 +24,14 @@ class MachinesTest : public testing::Test {
 protected:
     void SetUp() override {
         if (geteuid() != 0) {
-            GTEST_SKIP() << "Skipped: machines are made by root only";
+            GTEST_SKIP() << "machines are made by root only";
         }
         try {
             cable.emplace();
             front.emplace(*cable, "front");
             rear.emplace(*cable, "rear");
         } catch (const NoMachines &missing) {
-            GTEST_SKIP() << "Skipped: " << missing.what();
+            GTEST_SKIP() << missing.what();
         }
     }
 

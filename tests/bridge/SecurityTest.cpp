@@ -25,7 +25,7 @@ protected:
         ASSERT_NE(mkdtemp(made), nullptr);
         folder = made;
         if (std::system("command -v openssl >/dev/null") != 0) {
-            GTEST_SKIP() << "Skipped: there is no openssl to make certificates with";
+            GTEST_SKIP() << "there is no openssl to make certificates with";
         }
         ASSERT_TRUE(Certify("own", "front rear"));
     }

@@ -115,7 +115,7 @@ int RunClient(const Settings &settings, Channel &parent) {
     for (auto next = parent.Receive(); !isWedged && next && *next != "end"; next = parent.Receive()) {
         const auto start = Clock::now();
         while (tally.server != std::stoi(*next) && !isWedged) {
-            std::this_thread::sleep_for(200us);
+            std::this_thread::sleep_for(200us); // fine enough for the time that is judged, and no load
             isWedged = Clock::now() - start > WEDGED;
         }
         parent.Send(isWedged ? "wedged" : "answered");
