@@ -58,6 +58,7 @@ public:
     std::size_t Waiting() const { return frames.size(); }
     uint32_t Credit() const { return credit; }
     bool IsOpening() const { return state == State::NEW || state == State::ASKED || state == State::OPENING; }
+    bool IsDraining() const { return state == State::DRAINING; }
     // What tells the other side that there is nothing here.
     Item Closing() const { return Make(ItemKind::CLOSE, 0); }
 
