@@ -98,6 +98,15 @@ void Peer::OnLinkDown(const char *why) {
     owner.OnPeerDown(*this);
 }
 
+void Peer::OnLinkRoom() {
+    for (const auto &entry : mine) {
+        entry.second.session->OnRoom();
+    }
+    for (const auto &entry : theirs) {
+        entry.second->OnRoom();
+    }
+}
+
 void Peer::OnItem(Item &item) {
     if (item.kind == ItemKind::OPEN) {
         if (item.opener) {
@@ -170,16 +179,17 @@ Session *Peer::Find(const Item &item) {
     return found == mine.end() ? nullptr : found->second.session.get();
 }
 
-void Peer::SendItem(Session &session, Item &&item) {
+bool Peer::SendItem(Session &session, Item &&item) {
     // One of an earlier link has nobody to tell.
     if (!link.IsUp() || left.find(&session) != left.end()) {
-        return;
+        return true;
     }
     const bool first = !link.HasUnsent();
     link.Send(std::move(item));
     if (first) {
         owner.OnPeerUnsent();
     }
+    return !link.IsFull();
 }
 
 LocalPipe *Peer::MakeClientPipe(Session &session) {

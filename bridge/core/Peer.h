@@ -68,9 +68,10 @@ public:
 
     void OnLinkUp() override;
     void OnLinkDown(const char *why) override;
+    void OnLinkRoom() override;
     void OnItem(Item &item) override;
 
-    void SendItem(Session &session, Item &&item) override;
+    bool SendItem(Session &session, Item &&item) override;
     LocalPipe *MakeClientPipe(Session &session) override;
     void OnSessionOver(Session &session) override;
 

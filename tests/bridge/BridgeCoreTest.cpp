@@ -68,6 +68,40 @@ TEST_F(CoreTest, SessionsOfOneMachineAreBoundedOnBothSidesAndItIsSaidOnce) {
     EXPECT_EQ(exporter->machine.pipes.size(), 3U);
 }
 
+TEST_F(CoreTest, NetworkThatTakesNothingStopsClientsBeforeMemoryIsFull) {
+    window = 4096;
+    StartBoth();
+    std::vector<CorePipe *> pipes;
+    for (int client = 0; client < 5; ++client) {
+        OpenClient("viewer" + std::to_string(client));
+        pipes.push_back(&importer->machine.pipes.back());
+    }
+    cables.room = [] { return false; };
+    const std::string payload(4000, 'x');
+    int accepted = 0;
+    for (bool more = true; more;) {
+        more = false;
+        for (CorePipe *const pipe : pipes) {
+            if (!pipe->paused) {
+                Say(*pipe, payload);
+                ++accepted;
+                more = true;
+            }
+        }
+    }
+    EXPECT_LT(accepted, 3000) << "their credit was for 20480";
+    cables.room = [] { return true; };
+    Pass(10);
+    std::size_t delivered = 0;
+    for (const CorePipe &pipe : exporter->machine.pipes) {
+        delivered += pipe.written.size();
+    }
+    EXPECT_EQ(delivered, static_cast<std::size_t>(accepted));
+    for (const CorePipe *const pipe : pipes) {
+        EXPECT_FALSE(pipe->paused);
+    }
+}
+
 TEST_F(CoreTest, OtherMachinesSessionsAreBoundedAndItIsSaidOnce) {
     testing::internal::CaptureStderr();
     exporter = &Start(1, "front", {"camera"}, {}, 2);

@@ -99,7 +99,7 @@ protected:
         plan.machine = machine;
         plan.exports = exports;
         plan.imports = imports;
-        plan.limits = {8, LEASE_MS, sessions};
+        plan.limits = {window, LEASE_MS, sessions};
         auto made = std::make_unique<CoreNode>(cables, std::move(plan));
         made->machine.now = now;
         CoreNode &node = *made;
@@ -169,6 +169,7 @@ protected:
         return announcement;
     }
 
+    uint32_t window = 8;
     int64_t now = 1000;
     Cables cables;
     std::map<RunId, std::unique_ptr<CoreNode>> nodes;
