@@ -30,7 +30,7 @@ struct Picture {
         ImportRule rule;
         std::string carriedBy; // a machine; empty: nobody
         bool offered;
-        int refused; // the errno for which its server file could not be made
+        int refused; // the negated errno for which its server file could not be made
     };
     struct PeerState {
         std::string machine;

@@ -56,6 +56,7 @@ void Peer::Open(const std::string &service, const std::string &local, const Loca
         refusing = true;
         return;
     }
+    Say(Level::INFO, "'{}' asks for '{}' of machine '{}'", client.name, service, told.machine);
     const uint32_t number = ++lastNumber;
     auto made = std::make_unique<Session>(number, true, limits.window, *this);
     Session &session = *made;
@@ -163,6 +164,7 @@ void Peer::Accept(const Item &item) {
         owner.OnPeerUnsent();
         return;
     }
+    Say(Level::INFO, "'{}' of machine '{}' asks for '{}'", item.client, told.machine, item.service);
     auto made = std::make_unique<Session>(item.session, false, limits.window, *this);
     Session &session = *made;
     theirs.emplace(item.session, std::move(made));

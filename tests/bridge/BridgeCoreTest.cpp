@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "bridge/CoreKit.h"
+#include "core/Report.h"
 
 using namespace tarvo_bridge;
 
@@ -17,7 +18,7 @@ TEST_F(CoreTest, SessionThatDrainsForLongCostsNoLink) {
     OpenClient("viewer");
     CorePipe &slow = exporter->machine.pipes.back();
     slow.room = 0;
-    Say(importer->machine.pipes.back(), "accepted");
+    Send(importer->machine.pipes.back(), "accepted");
     importer->machine.pipes.back().listener->OnPipeGone();
     Settle();
     ASSERT_FALSE(slow.closed);
@@ -36,7 +37,7 @@ TEST_F(CoreTest, WhatWasAcceptedFromAMachineThatIsForgottenIsDelivered) {
     OpenClient("viewer");
     CorePipe &slow = exporter->machine.pipes.back();
     slow.room = 0;
-    Say(importer->machine.pipes.back(), "accepted");
+    Send(importer->machine.pipes.back(), "accepted");
     Settle();
     exporter->bridge.OnRunLost(2);
     for (RunId run = 1000; run < 3000; ++run) {
@@ -83,7 +84,7 @@ TEST_F(CoreTest, NetworkThatTakesNothingStopsClientsBeforeMemoryIsFull) {
         more = false;
         for (CorePipe *const pipe : pipes) {
             if (!pipe->paused) {
-                Say(*pipe, payload);
+                Send(*pipe, payload);
                 ++accepted;
                 more = true;
             }
@@ -100,6 +101,16 @@ TEST_F(CoreTest, NetworkThatTakesNothingStopsClientsBeforeMemoryIsFull) {
     for (const CorePipe *const pipe : pipes) {
         EXPECT_FALSE(pipe->paused);
     }
+}
+
+TEST_F(CoreTest, EachClientIsToldToWhoeverWantsToKnowMore) {
+    SetTold(Level::INFO);
+    StartBoth();
+    testing::internal::CaptureStderr();
+    OpenClient("viewer");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "tarvo-bridge: 'viewer' asks for 'camera' of machine 'front'\n"
+                                                      "tarvo-bridge: 'viewer' of machine 'rear' asks for 'camera'\n");
+    SetTold(Level::NOTICE);
 }
 
 TEST_F(CoreTest, OtherMachinesSessionsAreBoundedAndItIsSaidOnce) {
@@ -181,7 +192,7 @@ TEST_F(CoreTest, FloodOfBridgesIsToldOnceAndTakesNoMoreMemory) {
     EXPECT_EQ(present, 256U);
     const std::string said = testing::internal::GetCapturedStderr();
     EXPECT_EQ(Count(said, "there are 256 other bridges on the network"), 1U) << said.substr(0, 2000);
-    Say(importer->machine.pipes.back(), "still");
+    Send(importer->machine.pipes.back(), "still");
     Settle();
     EXPECT_EQ(exporter->machine.pipes.back().written, std::vector<std::string>({"still"}));
     // What comes and goes leaves nothing, and those that go make room.

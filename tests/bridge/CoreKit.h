@@ -150,7 +150,7 @@ protected:
         importer->machine.pipes.back().listener->OnPipeOpen();
         Settle();
     }
-    static void Say(CorePipe &pipe, const std::string &text) { pipe.listener->OnPipeFrame({1, 0, -1, text}); }
+    static void Send(CorePipe &pipe, const std::string &text) { pipe.listener->OnPipeFrame({1, 0, -1, text}); }
     static std::size_t Count(const std::string &text, const std::string &part) {
         std::size_t count = 0;
         for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
