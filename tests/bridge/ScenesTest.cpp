@@ -1,12 +1,15 @@
 // What happens between two machines when one of them is stopped, crowded or replaced.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <memory>
 #include <string>
 
 #include "bridge/MachinesTest.h"
+#include "support/Eventually.h"
 #include "system/SystemTest.h"
 
 namespace tarvo_test {
@@ -41,6 +44,24 @@ TEST_F(MachinesTest, EndOfALinkHoldsUpNoOther) {
     ASSERT_EQ(client->Ask("call text timeout=20000 data=x" + Fd(call)), "0 x");
     longest = std::max(longest, std::chrono::steady_clock::now() - start);
     EXPECT_LT(longest, std::chrono::milliseconds(700));
+}
+
+// One that was killed had no time to remove it.
+TEST_F(MachinesTest, StateFileOfAKilledBridgeGoesWithTheNextStart) {
+    importer = Bridge(*rear, {"--import", "camera"});
+    const auto fileOf = [this](const BridgeProcess &bridge) {
+        return rear->SharedMemory() + "/bridges/bridge-" + std::to_string(bridge.Pid()) + ".json";
+    };
+    const std::string dead = fileOf(*importer);
+    ASSERT_TRUE(Eventually([&] { return access(dead.c_str(), F_OK) == 0; }));
+    const auto living = Bridge(*rear, {"--import", "gps"});
+    const std::string kept = fileOf(*living);
+    ASSERT_TRUE(Eventually([&] { return access(kept.c_str(), F_OK) == 0; }));
+    importer->Kill(SIGKILL);
+    EXPECT_EQ(access(dead.c_str(), F_OK), 0);
+    importer = Bridge(*rear, {"--import", "camera"});
+    EXPECT_NE(access(dead.c_str(), F_OK), 0);
+    EXPECT_EQ(access(kept.c_str(), F_OK), 0);
 }
 
 } // namespace tarvo_test
