@@ -110,6 +110,12 @@ std::function<bool()> Machine::Enter() const {
 
 std::string Machine::SharedMemory() const { return "/proc/" + std::to_string(holder.Pid()) + "/root/dev/shm"; }
 
+void Machine::FillSharedMemory() const {
+    const std::string used = Run("stat -f -c %c /dev/shm; stat -f -c %d /dev/shm");
+    const int inodes = std::stoi(used) - std::stoi(used.substr(used.find('\n') + 1));
+    Run("mount -o remount,nr_inodes=" + std::to_string(inodes) + " /dev/shm");
+}
+
 bool Machine::Has(const std::string &fifo) const {
     return access((SharedMemory() + "/velm/tarvo/" + fifo).c_str(), F_OK) == 0;
 }
