@@ -138,7 +138,7 @@ TEST_F(CoreTest, TwoMachinesOfOneNameAreToldOnceByWhoeverSeesThem) {
     Pass(10 * LEASE_MS);
     // Neither notices the other's servers as a coming back of its own.
     for (const bool lives : {false, true, false, true}) {
-        nodes[0x11]->bridge.OnServer("camera", lives);
+        nodes[0x11].bridge.OnServer("camera", lives);
         Settle();
         EXPECT_EQ(importer->bridge.Look().peers.size(), 1U);
         EXPECT_EQ(importer->bridge.Look().peers.front().run, 0x22U) << "the later one is kept";
