@@ -116,10 +116,7 @@ void PeerLink::Flush(int64_t now) {
         unsent.erase(unsent.begin(), unsent.begin() + static_cast<std::ptrdiff_t>(count));
         ++sent;
     }
-    if (unsentBytes > MOST_BYTES) {
-        Restart(State::GREETING, "it takes nothing");
-        Greet(now);
-    } else if (full && unsentBytes <= FULL_BYTES / 2) {
+    if (full && unsentBytes <= FULL_BYTES / 2) {
         full = false;
         listener.OnLinkRoom();
     }
@@ -266,6 +263,11 @@ int64_t PeerLink::Due() const {
 }
 
 void PeerLink::OnTime(int64_t now) {
+    if (unsentBytes > MOST_BYTES) {
+        Restart(State::GREETING, "it takes nothing");
+        Greet(now);
+        return;
+    }
     if (state == State::UP && busy && now >= lastHeard + lease) {
         Restart(State::GREETING, "nothing is heard from there");
         Greet(now);

@@ -328,6 +328,7 @@ TEST_F(PeerLinkTest, LinkThatTakesNothingEnds) {
             a.link.Send(Numbered(1));
         }
         a.link.Flush(now);
+        Pass(1);
     }
     EXPECT_EQ(a.downs, 1);
     EXPECT_FALSE(a.link.HasUnsent());
