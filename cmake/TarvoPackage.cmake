@@ -135,7 +135,7 @@ if(TARGET tarvo-bridge)
     SECTION net
     DEPENDS "${TARVO_SAME_VERSION}, adduser"
     SUGGESTS "tarvo-tools, libtarvo-doc, openssl"
-    EXTRA ${bridge_files}/postinst ${bridge_files}/prerm ${bridge_files}/conffiles
+    EXTRA ${bridge_files}/postinst ${bridge_files}/prerm ${bridge_files}/postrm ${bridge_files}/conffiles
     DESCRIPTION "messaging between the processes of one Linux machine - between machines"
                 "A bridge on each machine makes servers of the one reachable under their names"
                 "on the other, over Cyclone DDS. Programs do not change: requests, responses,"

@@ -138,6 +138,9 @@ check_bridge() {
     done
     dpkg-deb --control "$deb" "$scratch/control"
     grep -qx /etc/tarvo/bridge.conf "$scratch/control/conffiles" || fail "${deb##*/}: its configuration is no conffile"
+    for file in postinst prerm postrm; do
+        [[ -x $scratch/control/$file ]] || fail "${deb##*/} has no $file"
+    done
     rm -rf "$scratch/control"
 }
 

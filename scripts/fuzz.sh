@@ -4,7 +4,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/lib.sh
 
-targets=(frames slices packets names contexts loadfile sequence engines loop_packets loop_sequence stats)
+targets=(frames slices packets names contexts loadfile sequence engines loop_packets loop_sequence stats bridge)
 
 usage() {
     cat <<TEXT
@@ -26,6 +26,7 @@ Builds the fuzz targets in the checked preset and runs each for N seconds (defau
   loop_sequence
             calls of the functions of the loop, outside of callbacks and inside them
   stats     the reader of statistics files, whose content it changes and cuts
+  bridge    two bridges between machines, and what a stranger tells them
 
 Inputs that reach new code gather in build/fuzz/corpus/TARGET, from where the next run goes on; --keep adds a minimal
 set of them to tests/fuzz/corpus/TARGET. An input that breaks a promise goes to tests/fuzz/corpus/TARGET/found-HASH, and

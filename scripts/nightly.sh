@@ -34,7 +34,7 @@ Runs the long proofs, all of them (four hours at most) or the named steps:
   reopen   100000 reopenings of a pipe whose remote closes, in either mode: heard after each; as many ordinary closes
            without a line; as many brief clients of a server with a handful of threads
   bridge   500 kills of clients, servers and bridges in traffic between two machines, and a cable that is out for 30 s:
-           every call ends, and the next one works
+           every call ends, and the next one works; 200000 calls of 64 callers; a server that is stopped for a minute
   soak     20 minutes of mixed traffic, more and less of it, with peers that are stopped and killed: no growth of memory,
            descriptors or threads
   counted  2000 kills with all processes counted, as those of the soak are: what was sent arrived or was lost with its
@@ -108,6 +108,11 @@ step_bridge() {
         build/release/tests/bridge/bridge_network --gtest_filter=MachinesTest.KillsInTrafficWedgeNothing
     run bridge "a cable that is out" env TARVO_STRESS_ROUNDS=1 TARVO_TEST_WATCHDOG=600 \
         build/release/tests/bridge/bridge_network --gtest_filter=MachinesTest.NetworkThatComesBackIsUsedAgain
+    run bridge "64 callers between machines" env TARVO_STRESS_ROUNDS=100 TARVO_TEST_WATCHDOG=600 \
+        build/release/tests/bridge/bridge_network --gtest_filter=MachinesTest.SixtyFourCallersGetTheirOwnAnswersAndEachOnce
+    run bridge "a server that is stopped" env TARVO_STRESS_ROUNDS=1 TARVO_TEST_WATCHDOG=600 \
+        build/release/tests/bridge/bridge_network \
+        --gtest_filter=MachinesTest.StoppedServerGetsAllThatClientsHadSentBeforeTheyLeft
 }
 
 step_comeback() {

@@ -21,7 +21,8 @@ std::string RemoteName(const std::string &client, const std::string &machine, ui
 }
 
 Bridge::Bridge(Plan &&bridgePlan, Network &bridgeNetwork, LocalSide &localSide, Listener &bridgeListener)
-    : plan(std::move(bridgePlan)), network(bridgeNetwork), local(localSide), listener(bridgeListener) {
+    : plan(std::move(bridgePlan)), network(bridgeNetwork), local(localSide), listener(bridgeListener),
+      peers(plan.run, plan.limits, network, *this) {
     for (const ImportRule &rule : plan.imports) {
         imports.push_back({rule});
     }
@@ -45,7 +46,7 @@ void Bridge::Begin() {
     }
 }
 
-void Bridge::Announce() {
+Announcement Bridge::Own() const {
     Announcement announcement;
     announcement.run = plan.run;
     announcement.machine = plan.machine;
@@ -58,72 +59,15 @@ void Bridge::Announce() {
     for (const Import &import : imports) {
         announcement.names.push_back(import.rule.local);
     }
-    network.Announce(announcement);
+    return announcement;
 }
 
-Peer *Bridge::Find(RunId run) {
-    const auto found =
-        std::find_if(peers.begin(), peers.end(), [run](const auto &peer) { return peer->Told().run == run; });
-    return found == peers.end() ? nullptr : found->get();
-}
-
-void Bridge::OnAnnounced(const Announcement &announcement) {
-    if (announcement.run == plan.run || announcement.run == 0) {
-        return;
-    }
-    if (announcement.version != PROTOCOL_VERSION) {
-        Say(Level::WARNING, "the bridge of machine '{}' speaks version {}, this one {}; it is left alone",
-            announcement.machine, announcement.version, PROTOCOL_VERSION);
-        return;
-    }
-    Peer *peer = Find(announcement.run);
-    const bool fresh = peer == nullptr || peer->IsLost();
-    if (peer == nullptr) {
-        peers.push_back(std::make_unique<Peer>(plan.run, announcement, plan.limits, beginnings, network, *this));
-        peer = peers.back().get();
-    }
-    peer->SetTold(announcement);
-    peer->SetLost(false);
-    if (fresh) {
-        Say(Level::NOTICE, "the bridge of machine '{}' is there", announcement.machine);
-        for (const auto &other : peers) {
-            if (!other->IsLost() && TakesPlaceOf(announcement, other->Told())) {
-                Retire(*other);
-            }
-        }
-        peer->Link().OnAnnounced(local.NowMs());
-    }
-    Choose();
-    ForgetOldest();
-    listener.OnDueChanged();
-}
-
-void Bridge::OnRunLost(RunId run) {
-    Peer *const peer = Find(run);
-    if (peer != nullptr && !peer->IsLost()) {
-        Retire(*peer);
-        Choose();
-    }
-    listener.OnDueChanged();
-}
-
-void Bridge::Retire(Peer &peer) {
-    Say(Level::NOTICE, "the bridge of machine '{}' is gone", peer.Told().machine);
-    peer.SetLost(true);
-    peer.Link().OnLost();
-}
-
-void Bridge::ForgetOldest() {
-    const auto isLost = [](const auto &peer) { return peer->IsLost(); };
-    if (static_cast<std::size_t>(std::count_if(peers.begin(), peers.end(), isLost)) > MOST_LOST) {
-        peers.erase(std::find_if(peers.begin(), peers.end(), isLost));
-    }
-}
+void Bridge::Announce() { network.Announce(Own()); }
 
 void Bridge::OnBundle(Bundle &bundle) {
-    Peer *const peer = Find(bundle.from);
+    Peer *const peer = peers.Find(bundle.from);
     // One that is unknown greets again, after its announcement.
-    if (peer != nullptr && !peer->IsLost()) {
+    if (peer != nullptr && peer->IsHere()) {
         peer->Link().OnBundle(bundle, local.NowMs());
         peer->FreeOver();
         listener.OnDueChanged();
@@ -144,7 +88,7 @@ void Bridge::OnServer(const std::string &name, bool lives) {
 void Bridge::OnClient(const std::string &name, const LocalClient &client) {
     const auto found = std::find_if(imports.begin(), imports.end(),
                                     [&name](const Import &import) { return import.rule.local == name; });
-    Peer *const peer = found == imports.end() ? nullptr : Find(found->carrier);
+    Peer *const peer = found == imports.end() ? nullptr : peers.Find(found->carrier);
     if (peer == nullptr || !peer->Link().IsUp()) {
         return;
     }
@@ -176,7 +120,7 @@ LocalPipe *Bridge::ConnectToServer(const std::string &service, const std::string
 void Bridge::Choose() {
     std::vector<const Announcement *> candidates;
     for (const auto &peer : peers) {
-        if (!peer->IsLost()) {
+        if (peer->IsHere()) {
             candidates.push_back(&peer->Told());
         }
     }
@@ -190,7 +134,7 @@ void Bridge::Choose(Import &import, const std::vector<const Announcement *> &can
     if (chosen != import.carrier) {
         // Sessions through the one before end when their pipes there do, after all that these had sent.
         import.carrier = chosen;
-        Peer *const peer = Find(chosen);
+        Peer *const peer = peers.Find(chosen);
         if (peer != nullptr) {
             peer->Link().Begin(local.NowMs());
         }
@@ -199,7 +143,7 @@ void Bridge::Choose(Import &import, const std::vector<const Announcement *> &can
 }
 
 void Bridge::SetOffered(Import &import) {
-    Peer *const peer = Find(import.carrier);
+    Peer *const peer = peers.Find(import.carrier);
     const bool wanted = peer != nullptr && peer->Link().IsUp();
     if (!wanted) {
         if (import.offered) {
@@ -235,7 +179,7 @@ void Bridge::Flush() {
 int64_t Bridge::Due() const {
     int64_t due = PeerLink::NEVER;
     for (const auto &peer : peers) {
-        due = std::min(due, peer->Link().Due());
+        due = std::min({due, peer->Link().Due(), peer->TwinDue()});
     }
     const bool again =
         std::any_of(imports.begin(), imports.end(), [](const Import &import) { return import.refused != 0; });
@@ -248,6 +192,7 @@ void Bridge::OnTime() {
         peer->Link().OnTime(now);
         peer->FreeOver();
     }
+    TellOfTwins(now);
     if (now >= retryDue) {
         retryDue = now + RETRY_OFFER_MS;
         for (Import &import : imports) {
@@ -269,7 +214,7 @@ Picture Bridge::Look() const {
             {import.rule, carrier == peers.end() ? "" : (*carrier)->Told().machine, import.offered, import.refused});
     }
     for (const auto &peer : peers) {
-        if (!peer->IsLost()) {
+        if (peer->IsHere()) {
             picture.peers.push_back({peer->Told().machine, peer->Told().run, peer->Link().IsUp(), peer->Sessions()});
         }
     }

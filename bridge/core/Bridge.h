@@ -5,13 +5,13 @@
 #include <map>
 #include <memory>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "core/Choice.h"
 #include "core/LocalSide.h"
 #include "core/Network.h"
 #include "core/Peer.h"
+#include "core/Roster.h"
 
 namespace tarvo_bridge {
 
@@ -30,7 +30,7 @@ struct Picture {
         ImportRule rule;
         std::string carriedBy; // a machine; empty: nobody
         bool offered;
-        int refused; // the errno for which its server file could not be made
+        int refused; // the negated errno for which its server file could not be made
     };
     struct PeerState {
         std::string machine;
@@ -98,15 +98,16 @@ private:
         int refused = 0;
     };
 
-    // Runs that are gone but may come back are known up to this number.
-    static constexpr std::size_t MOST_LOST = 256;
     // How often it is tried to offer a name that another server has.
     static constexpr int64_t RETRY_OFFER_MS = 1000;
 
-    Peer *Find(RunId run);
+    Announcement Own() const;
     void Announce();
+    void Welcome(Peer &peer);
+    void ComeBack(Peer &peer);
     void Retire(Peer &peer);
-    void ForgetOldest();
+    void TellOfTwin(Peer &peer);
+    void TellOfTwins(int64_t now);
     void Choose();
     void Choose(Import &import, const std::vector<const Announcement *> &candidates);
     void SetOffered(Import &import);
@@ -115,12 +116,11 @@ private:
     Network &network;
     LocalSide &local;
     Listener &listener;
-    uint32_t beginnings = 0;
     uint32_t pipes = 0;
     int64_t retryDue = 0;
     std::map<std::string, bool> servers; // the exports, and whether each lives
     std::vector<Import> imports;
-    std::vector<std::unique_ptr<Peer>> peers; // in the order in which they were heard of
+    Roster peers;
 };
 
 // The name under which a server sees a client of another machine: the client's, the machine's and a number that makes

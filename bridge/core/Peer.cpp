@@ -15,11 +15,30 @@ std::string Shown(std::string name) {
     return name;
 }
 
+// After the lease the network has lost one that is dead.
+constexpr int64_t TWIN_MARGIN_MS = 1000;
+
 } // namespace
 
 Peer::Peer(RunId self, Announcement first, Limits peerLimits, uint32_t &beginnings, Network &network, Owner &peerOwner)
     : told(std::move(first)), limits(peerLimits), owner(peerOwner),
       link({self, told.run}, peerLimits.leaseMs, beginnings, network, *this) {}
+
+void Peer::SetLost() {
+    standing = Standing::LOST;
+    told.services = {};
+    told.names = {};
+}
+
+void Peer::SetReplaced(RunId by, int64_t now) {
+    standing = Standing::REPLACED;
+    replacedBy = by;
+    replacedAt = now;
+}
+
+int64_t Peer::TwinDue() const {
+    return standing == Standing::REPLACED && !twinTold ? replacedAt + limits.leaseMs + TWIN_MARGIN_MS : PeerLink::NEVER;
+}
 
 void Peer::Open(const std::string &service, const std::string &local, const LocalClient &client) {
     const bool opening = std::any_of(mine.begin(), mine.end(), [&](const auto &entry) {
@@ -29,12 +48,29 @@ void Peer::Open(const std::string &service, const std::string &local, const Loca
     if (opening) {
         return; // it has announced itself again
     }
+    if (!HasRoom()) {
+        if (!refusing) {
+            Say(Level::WARNING, "{} pipes of this machine go to machine '{}'; one more is refused", limits.sessions,
+                told.machine);
+        }
+        refusing = true;
+        return;
+    }
+    Say(Level::INFO, "'{}' asks for '{}' of machine '{}'", client.name, service, told.machine);
     const uint32_t number = ++lastNumber;
     auto made = std::make_unique<Session>(number, true, limits.window, *this);
     Session &session = *made;
     mine.emplace(number, Client{local, client, std::move(made)});
     Settle();
     session.Ask(service, Shown(client.name));
+}
+
+// Whether there may be one more session. What is refused is told once, until there are far fewer.
+bool Peer::HasRoom() {
+    if (Sessions() <= limits.sessions / 2) {
+        refusing = false;
+    }
+    return Sessions() < limits.sessions;
 }
 
 void Peer::OnLinkUp() {
@@ -63,6 +99,15 @@ void Peer::OnLinkDown(const char *why) {
     owner.OnPeerDown(*this);
 }
 
+void Peer::OnLinkRoom() {
+    for (const auto &entry : mine) {
+        entry.second.session->OnRoom();
+    }
+    for (const auto &entry : theirs) {
+        entry.second->OnRoom();
+    }
+}
+
 void Peer::OnItem(Item &item) {
     if (item.kind == ItemKind::OPEN) {
         if (item.opener) {
@@ -71,22 +116,55 @@ void Peer::OnItem(Item &item) {
         return;
     }
     Session *const session = Find(item);
-    if (session != nullptr) {
-        session->OnItem(item);
+    if (session == nullptr) {
+        return;
     }
+    session->OnItem(item);
+    if (session->IsDraining()) {
+        Leave(*session);
+    }
+}
+
+// Its other side is gone. What is left of it keeps nobody on the link: the other bridge, which has nothing of it any
+// more, would be taken for dead.
+void Peer::Leave(Session &session) {
+    left.emplace(&session, Release(session));
+    Settle();
+}
+
+// From where it is kept.
+std::unique_ptr<Session> Peer::Release(Session &session) {
+    std::unique_ptr<Session> released;
+    if (const auto kept = left.find(&session); kept != left.end()) {
+        released = std::move(kept->second);
+        left.erase(kept);
+    } else if (session.IsOpener()) {
+        const auto found = mine.find(session.Number());
+        released = std::move(found->second.session);
+        mine.erase(found);
+    } else {
+        const auto found = theirs.find(session.Number());
+        released = std::move(found->second);
+        theirs.erase(found);
+    }
+    return released;
 }
 
 void Peer::Accept(const Item &item) {
     if (theirs.find(item.session) != theirs.end()) {
         return;
     }
-    if (Sessions() >= limits.sessions) {
-        Say(Level::WARNING, "machine '{}' has {} pipes through this bridge; one more is refused", told.machine,
-            limits.sessions);
+    if (!HasRoom()) {
+        if (!refusing) {
+            Say(Level::WARNING, "machine '{}' has {} pipes through this bridge; one more is refused", told.machine,
+                limits.sessions);
+        }
+        refusing = true;
         link.Send(Session(item.session, false, limits.window, *this).Closing());
         owner.OnPeerUnsent();
         return;
     }
+    Say(Level::INFO, "'{}' of machine '{}' asks for '{}'", item.client, told.machine, item.service);
     auto made = std::make_unique<Session>(item.session, false, limits.window, *this);
     Session &session = *made;
     theirs.emplace(item.session, std::move(made));
@@ -103,16 +181,17 @@ Session *Peer::Find(const Item &item) {
     return found == mine.end() ? nullptr : found->second.session.get();
 }
 
-void Peer::SendItem(Session &session, Item &&item) {
+bool Peer::SendItem(Session &session, Item &&item) {
     // One of an earlier link has nobody to tell.
     if (!link.IsUp() || left.find(&session) != left.end()) {
-        return;
+        return true;
     }
     const bool first = !link.HasUnsent();
     link.Send(std::move(item));
     if (first) {
         owner.OnPeerUnsent();
     }
+    return !link.IsFull();
 }
 
 LocalPipe *Peer::MakeClientPipe(Session &session) {
@@ -121,24 +200,10 @@ LocalPipe *Peer::MakeClientPipe(Session &session) {
 }
 
 void Peer::OnSessionOver(Session &session) {
-    const auto kept = left.find(&session);
-    if (kept != left.end()) {
-        over.push_back(std::move(kept->second));
-        left.erase(kept);
-        return;
-    }
-    if (session.IsOpener()) {
-        const auto found = mine.find(session.Number());
-        over.push_back(std::move(found->second.session));
-        mine.erase(found);
-    } else {
-        const auto found = theirs.find(session.Number());
-        over.push_back(std::move(found->second));
-        theirs.erase(found);
-    }
+    over.push_back(Release(session));
     Settle();
 }
 
-void Peer::Settle() { link.SetBusy(Sessions() > 0, owner.Local().NowMs()); }
+void Peer::Settle() { link.SetBusy(!mine.empty() || !theirs.empty(), owner.Local().NowMs()); }
 
 } // namespace tarvo_bridge

@@ -35,7 +35,7 @@ public:
     struct Limits {
         uint32_t window; // in frames
         int64_t leaseMs;
-        uint32_t sessions; // of one other bridge
+        uint32_t sessions; // with one other bridge
     };
 
     Peer(RunId self, Announcement first, Limits peerLimits, uint32_t &beginnings, Network &network, Owner &peerOwner);
@@ -46,9 +46,20 @@ public:
     void SetTold(const Announcement &announcement) { told = announcement; }
     PeerLink &Link() { return link; }
     const PeerLink &Link() const { return link; }
-    bool IsLost() const { return lost; }
-    void SetLost(bool isLost) { lost = isLost; }
-    std::size_t Sessions() const { return mine.size() + theirs.size(); }
+    bool IsHere() const { return standing == Standing::HERE; }
+    bool IsLost() const { return standing == Standing::LOST; }
+    void SetHere() { standing = Standing::HERE; }
+    // The network knows it no more.
+    void SetLost();
+    // Another has its names. Two that both live are one too many, which is told once.
+    void SetReplaced(RunId by, int64_t now);
+    bool IsReplacedBy(RunId run) const { return standing == Standing::REPLACED && replacedBy == run; }
+    RunId ReplacedBy() const { return replacedBy; }
+    // When it is to be told that this one lives beside the one that has taken its place.
+    int64_t TwinDue() const;
+    void SetTwinTold() { twinTold = true; }
+    bool IsTwinTold() const { return twinTold; }
+    std::size_t Sessions() const { return mine.size() + theirs.size() + left.size(); }
 
     // A client of this machine wants to talk to `service` there.
     void Open(const std::string &service, const std::string &local, const LocalClient &client);
@@ -57,9 +68,10 @@ public:
 
     void OnLinkUp() override;
     void OnLinkDown(const char *why) override;
+    void OnLinkRoom() override;
     void OnItem(Item &item) override;
 
-    void SendItem(Session &session, Item &&item) override;
+    bool SendItem(Session &session, Item &&item) override;
     LocalPipe *MakeClientPipe(Session &session) override;
     void OnSessionOver(Session &session) override;
 
@@ -71,18 +83,28 @@ private:
         std::unique_ptr<Session> session;
     };
 
+    enum class Standing { LOST, REPLACED, HERE };
+
+    bool HasRoom();
     void Accept(const Item &item);
     Session *Find(const Item &item);
+    void Leave(Session &session);
+    std::unique_ptr<Session> Release(Session &session);
     void Settle();
 
     Announcement told;
     const Limits limits;
     Owner &owner;
-    bool lost = false;
+    Standing standing = Standing::LOST;
+    RunId replacedBy = 0;
+    int64_t replacedAt = 0;
+    bool twinTold = false;
+    bool refusing = false;
     uint32_t lastNumber = 0;
-    std::unordered_map<uint32_t, Client> mine;                          // opened here
-    std::unordered_map<uint32_t, std::unique_ptr<Session>> theirs;      // opened there
-    std::unordered_map<const Session *, std::unique_ptr<Session>> left; // of links that are down; they still deliver
+    std::unordered_map<uint32_t, Client> mine;                     // opened here
+    std::unordered_map<uint32_t, std::unique_ptr<Session>> theirs; // opened there
+    // The other side knows nothing of them any more; they still deliver.
+    std::unordered_map<const Session *, std::unique_ptr<Session>> left;
     std::vector<std::unique_ptr<Session>> over;
     PeerLink link;
 };

@@ -13,6 +13,12 @@ constexpr int64_t RETRY_MS = 1;
 constexpr uint32_t HIGHEST_COUNT = 0x7FFFFFFF;
 // A bundle travels in one piece of the network up to about this size.
 constexpr std::size_t BUNDLE_BYTES = 16000;
+// What waits for a network that takes no more: from the first of them on no pipe is read; what another bridge can make
+// this one send all the same ends the link at the second.
+constexpr std::size_t FULL_BYTES = 8 << 20;
+constexpr std::size_t MOST_BYTES = 4 * FULL_BYTES;
+
+std::size_t Cost(const Item &item) { return sizeof(Item) + item.payload.size(); }
 
 } // namespace
 
@@ -62,6 +68,8 @@ void PeerLink::Restart(State next, const char *why) {
     sent = 0;
     received = 0;
     unsent.clear();
+    unsentBytes = 0;
+    full = false;
     nextFlush = NEVER;
     nextGreeting = NEVER;
     if (wasUp) {
@@ -69,34 +77,57 @@ void PeerLink::Restart(State next, const char *why) {
     }
 }
 
-void PeerLink::Send(Item &&item) { unsent.push_back(std::move(item)); }
+void PeerLink::Send(Item &&item) {
+    unsentBytes += Cost(item);
+    full = full || unsentBytes > FULL_BYTES;
+    unsent.push_back(std::move(item));
+}
+
+// How many items are in it.
+std::size_t PeerLink::FillBundle() {
+    std::size_t bytes = 0;
+    std::size_t count = 0;
+    while (count < unsent.size() && count < MAX_ITEMS &&
+           (count == 0 || bytes + unsent[count].payload.size() < BUNDLE_BYTES)) {
+        bytes += unsent[count].payload.size();
+        unsentBytes -= Cost(unsent[count]);
+        ++count;
+    }
+    outgoing.from = ends.self;
+    outgoing.to = ends.peer;
+    outgoing.mine = mine;
+    outgoing.theirs = theirs;
+    outgoing.confirmed = true;
+    outgoing.sequence = sent + 1;
+    const auto end = unsent.begin() + static_cast<std::ptrdiff_t>(count);
+    outgoing.items.assign(std::make_move_iterator(unsent.begin()), std::make_move_iterator(end));
+    return count;
+}
 
 void PeerLink::Flush(int64_t now) {
     nextFlush = NEVER;
     while (!unsent.empty() && state == State::UP) {
-        std::size_t bytes = 0;
-        std::size_t count = 0;
-        while (count < unsent.size() && count < MAX_ITEMS &&
-               (count == 0 || bytes + unsent[count].payload.size() < BUNDLE_BYTES)) {
-            bytes += unsent[count].payload.size();
-            ++count;
-        }
-        outgoing.from = ends.self;
-        outgoing.to = ends.peer;
-        outgoing.mine = mine;
-        outgoing.theirs = theirs;
-        outgoing.confirmed = true;
-        outgoing.sequence = sent + 1;
-        const auto end = unsent.begin() + static_cast<std::ptrdiff_t>(count);
-        outgoing.items.assign(std::make_move_iterator(unsent.begin()), std::make_move_iterator(end));
+        const std::size_t count = FillBundle();
         if (!network.Send(outgoing)) {
-            std::move(outgoing.items.begin(), outgoing.items.end(), unsent.begin());
+            TakeBack();
             nextFlush = now + RETRY_MS;
-            return;
+            break;
         }
-        unsent.erase(unsent.begin(), end);
+        unsent.erase(unsent.begin(), unsent.begin() + static_cast<std::ptrdiff_t>(count));
         ++sent;
     }
+    if (full && unsentBytes <= FULL_BYTES / 2) {
+        full = false;
+        listener.OnLinkRoom();
+    }
+}
+
+// What found no room.
+void PeerLink::TakeBack() {
+    for (const Item &item : outgoing.items) {
+        unsentBytes += Cost(item);
+    }
+    std::move(outgoing.items.begin(), outgoing.items.end(), unsent.begin());
 }
 
 void PeerLink::Greet(int64_t now) {
@@ -232,6 +263,11 @@ int64_t PeerLink::Due() const {
 }
 
 void PeerLink::OnTime(int64_t now) {
+    if (unsentBytes > MOST_BYTES) {
+        Restart(State::GREETING, "it takes nothing");
+        Greet(now);
+        return;
+    }
     if (state == State::UP && busy && now >= lastHeard + lease) {
         Restart(State::GREETING, "nothing is heard from there");
         Greet(now);

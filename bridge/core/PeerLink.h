@@ -21,6 +21,8 @@ public:
         virtual void OnLinkUp() = 0;
         // What it carried is gone. It may come up again.
         virtual void OnLinkDown(const char *why) = 0;
+        // Less waits to be sent than at the moment when IsFull() was true.
+        virtual void OnLinkRoom() = 0;
         virtual void OnItem(Item &item) = 0;
 
     protected:
@@ -53,6 +55,8 @@ public:
     void Send(Item &&item);
     void Flush(int64_t now);
     bool HasUnsent() const { return !unsent.empty(); }
+    // So much waits that no more should be sent before OnLinkRoom().
+    bool IsFull() const { return full; }
 
     void OnBundle(Bundle &bundle, int64_t now);
 
@@ -68,6 +72,8 @@ private:
     enum class State { IDLE, GREETING, UP };
 
     void Connect();
+    std::size_t FillBundle();
+    void TakeBack();
     void Greet(int64_t now);
     void Restart(State next, const char *why);
     void OnGreeting(const Bundle &bundle, int64_t now);
@@ -92,6 +98,8 @@ private:
     int64_t nextFlush = NEVER;
     int64_t lastHeard = 0;
     std::deque<Item> unsent;
+    std::size_t unsentBytes = 0;
+    bool full = false;
     Bundle outgoing;
 };
 

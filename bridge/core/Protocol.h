@@ -12,6 +12,10 @@ namespace tarvo_bridge {
 
 constexpr uint32_t PROTOCOL_VERSION = 1;
 constexpr std::size_t MAX_ITEMS = 256;
+// What an announcement has room for.
+constexpr std::size_t MAX_SERVICES = 1024;
+constexpr std::size_t MAX_NAMES = 2048;
+constexpr std::size_t MAX_MACHINE_LENGTH = 40;
 
 // One run of a bridge, from its start to its end: a number drawn at random, never 0.
 using RunId = uint64_t;

@@ -122,10 +122,15 @@ void Session::OnPipeFrame(const FrameBytes &frame) {
     item.timeout = frame.timeout;
     item.payload.assign(frame.payload);
     --credit;
-    if (credit == 0) {
+    if (!owner.SendItem(*this, std::move(item)) || credit == 0) {
         pipe->Pause();
     }
-    owner.SendItem(*this, std::move(item));
+}
+
+void Session::OnRoom() {
+    if (state == State::OPEN && credit > 0) {
+        pipe->Resume();
+    }
 }
 
 void Session::OnPipeWritable() { Deliver(); }

@@ -20,7 +20,8 @@ public:
     // Owns: nothing. Threads: that of the loop. Locks: none. Ends: after its sessions.
     class Owner {
     public:
-        virtual void SendItem(Session &session, Item &&item) = 0;
+        // False: no more frames before OnRoom().
+        virtual bool SendItem(Session &session, Item &&item) = 0;
         // The pipe of the client; null when it cannot be made.
         virtual LocalPipe *MakeClientPipe(Session &session) = 0;
         // Nothing more comes of it. Must not free it before it returns.
@@ -45,6 +46,8 @@ public:
     void Take(LocalPipe *serverPipe, uint32_t credit);
 
     void OnItem(Item &item);
+    // More frames may be sent.
+    void OnRoom();
     // The link is down: as if the other side had closed.
     void OnLinkDown();
 
@@ -58,6 +61,7 @@ public:
     std::size_t Waiting() const { return frames.size(); }
     uint32_t Credit() const { return credit; }
     bool IsOpening() const { return state == State::NEW || state == State::ASKED || state == State::OPENING; }
+    bool IsDraining() const { return state == State::DRAINING; }
     // What tells the other side that there is nothing here.
     Item Closing() const { return Make(ItemKind::CLOSE, 0); }
 

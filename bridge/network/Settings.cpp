@@ -89,8 +89,10 @@ std::string DdsConfiguration(const Settings &settings, const std::string &plugin
                     "<MaxAutoParticipantIndex>32</MaxAutoParticipantIndex><LeaseDuration>{} ms</LeaseDuration>"
                     "<SPDPInterval>{} ms</SPDPInterval></Discovery>",
                     Escaped(settings.tag), PeersOf(settings), settings.leaseMs, settings.leaseMs / 3);
-    std::string configuration =
-        "<Domain Id=\"any\">" + InterfacesOf(settings) + discovery + SecurityOf(settings, pluginFolder) + "</Domain>";
+    // What a link that ends has not been acknowledged for is for nobody, and the bridge's one thread would wait for it.
+    const char *const internal = "<Internal><WriterLingerDuration>0 s</WriterLingerDuration></Internal>";
+    std::string configuration = "<Domain Id=\"any\">" + InterfacesOf(settings) + discovery + internal +
+                                SecurityOf(settings, pluginFolder) + "</Domain>";
     if (!settings.ddsConfig.empty()) {
         configuration += ",file://" + settings.ddsConfig;
     }

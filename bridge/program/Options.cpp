@@ -57,18 +57,27 @@ bool JoinNames(std::vector<std::string> &words) {
 }
 
 bool IsLocalName(const std::string &name) {
-    return !name.empty() && name.size() <= MAX_NAME_LENGTH && name.find('/') == std::string::npos &&
+    const auto isUnfit = [](unsigned char letter) { return letter == '/' || letter < 0x20 || letter == 0x7f; };
+    return !name.empty() && name.size() <= MAX_NAME_LENGTH && std::none_of(name.begin(), name.end(), isUnfit) &&
            !BlackListCheck(name.c_str());
 }
 
-constexpr char NAME_RULE[] = "1 to 100 characters, none of | ; > < ` & ( ) $ / and no two dots in a row";
+// Behind it comes a dot, and two in a row are refused in names.
+bool IsMachineName(const std::string &name) {
+    return IsLocalName(name) && name.size() <= MAX_MACHINE_LENGTH && name.back() != '.';
+}
 
-void CheckNames(const Options &options, std::vector<std::string> &faults) {
-    // Behind it comes a dot, and two in a row are refused in names.
-    if (!IsLocalName(options.plan.machine) || options.plan.machine.size() > 40 || options.plan.machine.back() == '.') {
+constexpr char NAME_RULE[] =
+    "1 to 100 characters, none of | ; > < ` & ( ) $ /, no control character and no two dots in a row";
+
+void CheckMachine(const std::string &machine, std::vector<std::string> &faults) {
+    if (!IsMachineName(machine)) {
         faults.push_back(fmt::format("'{}' is no name for a machine: at most 40 characters, no dot at its end, and {}",
-                                     options.plan.machine, NAME_RULE));
+                                     machine, NAME_RULE));
     }
+}
+
+std::set<std::string> CheckExports(const Options &options, std::vector<std::string> &faults) {
     std::set<std::string> names;
     for (const std::string &name : options.plan.exports) {
         if (!IsLocalName(name)) {
@@ -77,14 +86,40 @@ void CheckNames(const Options &options, std::vector<std::string> &faults) {
             faults.push_back(fmt::format("'{}' is exported twice", name));
         }
     }
+    return names;
+}
+
+void CheckImport(const ImportRule &rule, std::vector<std::string> &faults) {
+    for (const std::string &name : {rule.service, rule.local}) {
+        if (!IsLocalName(name)) {
+            faults.push_back(fmt::format("'{}' cannot be imported: a name has {}", name, NAME_RULE));
+        }
+    }
+    if (!rule.machine.empty()) {
+        CheckMachine(rule.machine, faults);
+    }
+}
+
+// What others can be told of.
+void CheckCounts(const Plan &plan, std::vector<std::string> &faults) {
+    const std::size_t all = plan.exports.size() + plan.imports.size();
+    if (plan.exports.size() > MAX_SERVICES) {
+        faults.push_back(
+            fmt::format("{} names are exported: a bridge exports at most {}", plan.exports.size(), MAX_SERVICES));
+    } else if (all > MAX_NAMES) {
+        faults.push_back(fmt::format("{} names are exported and imported: a bridge has at most {}", all, MAX_NAMES));
+    } else if (all == 0) {
+        faults.emplace_back("there is nothing to do: neither an export nor an import is given");
+    }
+}
+
+void CheckNames(const Options &options, std::vector<std::string> &faults) {
+    CheckMachine(options.plan.machine, faults);
+    const std::set<std::string> exported = CheckExports(options, faults);
     std::set<std::string> imported;
     for (const ImportRule &rule : options.plan.imports) {
-        for (const std::string &name : {rule.service, rule.local}) {
-            if (!IsLocalName(name)) {
-                faults.push_back(fmt::format("'{}' cannot be imported: a name has {}", name, NAME_RULE));
-            }
-        }
-        if (names.count(rule.local) != 0) {
+        CheckImport(rule, faults);
+        if (exported.count(rule.local) != 0) {
             faults.push_back(
                 fmt::format("'{}' is exported and imported: a bridge does not export what it imports", rule.local));
         }
@@ -92,9 +127,7 @@ void CheckNames(const Options &options, std::vector<std::string> &faults) {
             faults.push_back(fmt::format("'{}' is imported twice; --as gives one of them another name", rule.local));
         }
     }
-    if (options.plan.exports.empty() && options.plan.imports.empty()) {
-        faults.emplace_back("there is nothing to do: neither an export nor an import is given");
-    }
+    CheckCounts(options.plan, faults);
 }
 
 void CheckPlaces(const Options &options, std::vector<std::string> &faults) {

@@ -4,8 +4,12 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
+#include <filesystem>
 #include <nlohmann/json.hpp>
+#include <system_error>
 
 #include "base/UniqueFd.h"
 #include "core/Report.h"
@@ -42,11 +46,27 @@ std::string TextOf(const Picture &picture, const std::string &machine) {
     return all.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
 
+// What bridges that were killed had no time for.
+void RemoveThoseOfTheDead(const std::string &folder) {
+    std::error_code missing;
+    for (const auto &entry : std::filesystem::directory_iterator(folder, missing)) {
+        int pid = 0;
+        int read = 0;
+        const std::string name = entry.path().filename();
+        if (std::sscanf(name.c_str(), "bridge-%d.json%n", &pid, &read) == 1 && read > 0 && pid > 0 &&
+            kill(pid, 0) != 0 && errno == ESRCH) {
+            unlink(entry.path().c_str());
+        }
+    }
+}
+
 } // namespace
 
 StateFile::StateFile(TarvoLoop &loop, const std::string &folder, std::string machineName, const Bridge &shownBridge)
     : path(fmt::format("{}/bridge-{}.json", folder, getpid())), machine(std::move(machineName)), bridge(shownBridge),
-      writing(loop, [this] { Write(); }) {}
+      writing(loop, [this] { Write(); }) {
+    RemoveThoseOfTheDead(folder);
+}
 
 StateFile::~StateFile() { unlink(path.c_str()); }
 

@@ -80,7 +80,7 @@ inline void Cables::Tell(RunId from, RunId to) {
         const auto source = nodes.find(from);
         const auto target = nodes.find(to);
         if (source != nodes.end() && target != nodes.end() && source->second->last.run != 0 &&
-            source->second->plugged) {
+            source->second->plugged && target->second->plugged) {
             target->second->listener->OnAnnounced(source->second->last);
         }
     });

@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <stdexcept>
 
 #include "support/Eventually.h"
 
@@ -109,6 +110,19 @@ std::function<bool()> Machine::Enter() const {
 }
 
 std::string Machine::SharedMemory() const { return "/proc/" + std::to_string(holder.Pid()) + "/root/dev/shm"; }
+
+// What bridges write at the same moment, and then rename, must not leave room behind.
+void Machine::FillSharedMemory() const {
+    const bool full = Eventually([this] {
+        return Run("used=$(($(stat -f -c %c /dev/shm) - $(stat -f -c %d /dev/shm)));"
+                   "mount -o remount,nr_inodes=$used /dev/shm 2>/dev/null &&"
+                   "while touch /dev/shm/filler$((n += 1)) 2>/dev/null; do :; done;"
+                   "ls /dev/shm/bridges/*.new >/dev/null 2>&1 || stat -f -c %d /dev/shm") == "0\n";
+    });
+    if (!full) {
+        throw std::runtime_error("shared memory cannot be filled");
+    }
+}
 
 bool Machine::Has(const std::string &fifo) const {
     return access((SharedMemory() + "/velm/tarvo/" + fifo).c_str(), F_OK) == 0;

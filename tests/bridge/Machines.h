@@ -56,6 +56,9 @@ public:
     std::string Run(const std::string &command) const { return holder.Run(command); }
     void Unplug() const { Run("ip link set eth0 down"); }
     void Plug() const { Run("ip link set eth0 up"); }
+    // No file more than there are finds room in its /dev/shm, until that is emptied again.
+    void FillSharedMemory() const;
+    void EmptySharedMemory() const { Run("mount -o remount,nr_inodes=10000 /dev/shm; rm -f /dev/shm/filler*"); }
     // Where its /dev/shm is for others.
     std::string SharedMemory() const;
 

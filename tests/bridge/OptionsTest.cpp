@@ -76,6 +76,10 @@ TEST_F(BridgeOptionsTest, WhatAFileMayNotSayIsAnError) {
         {"import = \"camera as \"\n", "is no import"},
         {"export = \"a|b\"\n", "'a|b' cannot be exported"},
         {"export = \"a/b\"\n", "'a/b' cannot be exported"},
+        {"export = \"a\tb\"\n", "cannot be exported"},
+        {"import = \"camera as a\tb\"\n", "cannot be imported"},
+        {"import = \"camera@a/b\"\n", "'a/b' is no name for a machine"},
+        {"import = \"camera@12345678901234567890123456789012345678901\"\n", "is no name for a machine"},
         {"export = \"radar\"\nmachine = \"a;b\"\n", "'a;b' is no name for a machine"},
         {"export = \"radar\"\ninterface = \"nowhere0\"\n", "there is no network interface 'nowhere0'"},
         {"export = \"radar\"\nsecurity = \"/nonexistent\"\n", "'/nonexistent/key.pem' cannot be read"},
@@ -88,6 +92,27 @@ TEST_F(BridgeOptionsTest, WhatAFileMayNotSayIsAnError) {
         EXPECT_EQ(checked.status, 2) << wrong.text;
         EXPECT_NE(checked.said.find(wrong.complaint), std::string::npos) << wrong.text << checked.said;
     }
+}
+
+// What the others could not be told of.
+TEST_F(BridgeOptionsTest, MoreNamesThanAnAnnouncementHoldsAreAnError) {
+    const auto list = [](const std::string &option, int count) {
+        std::string text = option + " = [";
+        for (int i = 0; i < count; ++i) {
+            text += "\"" + option + std::to_string(i) + "\",";
+        }
+        text.back() = ']';
+        return text + "\n";
+    };
+    EXPECT_EQ(Check(list("export", 1024) + list("import", 1024)).status, 0);
+    const Outcome exports = Check(list("export", 1025));
+    EXPECT_EQ(exports.status, 2);
+    EXPECT_NE(exports.said.find("1025 names are exported: a bridge exports at most 1024"), std::string::npos)
+        << exports.said;
+    const Outcome all = Check(list("export", 1000) + list("import", 1049));
+    EXPECT_EQ(all.status, 2);
+    EXPECT_NE(all.said.find("2049 names are exported and imported: a bridge has at most 2048"), std::string::npos)
+        << all.said;
 }
 
 TEST_F(BridgeOptionsTest, NameStandsBehindItsImport) {

@@ -46,6 +46,7 @@ struct Side final : Network, PeerLink::Listener {
         EXPECT_NE(std::string(why), "");
         ++downs;
     }
+    void OnLinkRoom() override { ++rooms; }
     void OnItem(Item &item) override { items.push_back(item.id); }
 
     uint32_t beginnings = 0;
@@ -54,6 +55,7 @@ struct Side final : Network, PeerLink::Listener {
     int disconnects = 0;
     int ups = 0;
     int downs = 0;
+    int rooms = 0;
     std::deque<Bundle> sent;
     std::vector<uint32_t> items;
     PeerLink link;
@@ -295,6 +297,46 @@ TEST_F(PeerLinkTest, WhatFindsNoRoomIsSentLaterInItsPlace) {
     Pass(10);
     CarryAll();
     EXPECT_EQ(b.items, Numbers({1, 2}));
+}
+
+TEST_F(PeerLinkTest, WhatFindsNoRoomIsBounded) {
+    ComeUp();
+    a.hasRoom = false;
+    Item item = Numbered(1);
+    item.payload.assign(4000, 'x');
+    int taken = 0;
+    while (!a.link.IsFull() && taken < 100000) {
+        a.link.Send(Item(item));
+        ++taken;
+    }
+    EXPECT_LT(taken, 3000);
+    EXPECT_EQ(a.rooms, 0);
+    a.hasRoom = true;
+    a.link.Flush(now);
+    EXPECT_EQ(a.rooms, 1) << "who waits for room is told";
+    EXPECT_FALSE(a.link.IsFull());
+    CarryAll();
+    EXPECT_EQ(b.items.size(), static_cast<std::size_t>(taken));
+}
+
+// What is sent all the same, for another bridge that makes this one speak and does not listen, ends the link.
+TEST_F(PeerLinkTest, LinkThatTakesNothingEnds) {
+    ComeUp();
+    a.hasRoom = false;
+    for (int turn = 0; turn < 1000 && a.downs == 0; ++turn) {
+        for (int i = 0; i < 1000; ++i) {
+            a.link.Send(Numbered(1));
+        }
+        a.link.Flush(now);
+        Pass(1);
+    }
+    EXPECT_EQ(a.downs, 1);
+    EXPECT_FALSE(a.link.HasUnsent());
+    a.hasRoom = true;
+    Pass(50);
+    CarryAll();
+    EXPECT_TRUE(a.link.IsUp());
+    EXPECT_TRUE(b.link.IsUp());
 }
 
 TEST_F(PeerLinkTest, LostPeerCostsNoConnection) {

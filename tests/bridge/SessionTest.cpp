@@ -39,7 +39,10 @@ struct FakePipe final : LocalPipe {
 // A session and what it has sent.
 struct Side final : Session::Owner {
     explicit Side(bool opener) : session(1, opener, WINDOW, *this) {}
-    void SendItem(Session &, Item &&item) override { sent.push_back(std::move(item)); }
+    bool SendItem(Session &, Item &&item) override {
+        sent.push_back(std::move(item));
+        return !full;
+    }
     LocalPipe *MakeClientPipe(Session &) override {
         ++made;
         return refuses ? nullptr : &pipe;
@@ -56,6 +59,7 @@ struct Side final : Session::Owner {
 
     FakePipe pipe;
     bool refuses = false;
+    bool full = false;
     int made = 0;
     int over = 0;
     std::deque<Item> sent;
@@ -155,6 +159,23 @@ TEST_F(SessionTest, CreditNeverRunsDryWhereTheReceiverDelivers) {
         CarryAll();
     }
     EXPECT_EQ(server.pipe.written.size(), 1000U);
+}
+
+TEST_F(SessionTest, PipeIsNotReadWhileTheLinkIsFull) {
+    Open();
+    client.full = true;
+    Say(client, "1");
+    EXPECT_TRUE(client.pipe.paused);
+    client.full = false;
+    client.session.OnRoom();
+    EXPECT_FALSE(client.pipe.paused);
+    server.pipe.room = 0;
+    for (uint32_t i = 1; i < WINDOW; ++i) {
+        Say(client, "x");
+    }
+    CarryAll();
+    client.session.OnRoom();
+    EXPECT_TRUE(client.pipe.paused) << "it has no credit";
 }
 
 TEST_F(SessionTest, CloseOfOneSideClosesTheOther) {

@@ -68,6 +68,11 @@ while read -r option; do
     grep -qx -- "$option" <<<"$known" || fail "the manual page has $option, and the tool has not"
 done < <(grep -oE '\\-\\-[a-z-]+(\\-[a-z]+)*' "$page" | sed 's/\\//g' | sort -u)
 
+# Every variable that the tool looks at is in the page.
+while read -r variable; do
+    grep -q "$variable" "$page" || fail "the manual page does not name $variable"
+done < <(grep -rhoE 'getenv\("[A-Z_]+' "$source_folder" --include='*.cpp' --include='*.h' | sed 's/.*"//' | sort -u)
+
 if command -v groff >/dev/null; then
     warnings=$(groff -man -ww -z "$page" 2>&1)
     [[ -z $warnings ]] || fail "the manual page: $warnings"

@@ -18,7 +18,7 @@ struct BridgedName {
     std::string remote;  // of an import: what it asks for, as SERVICE or SERVICE@MACHINE
     std::string carrier; // of an import: the machine that carries it; empty: none does
     bool works = false;  // an export's server lives, an import is offered
-    int refused = 0;     // the errno for which an import could not be offered
+    int refused = 0;     // the negated errno for which an import could not be offered
 };
 
 // Those of the bridges that run. $TARVO_BRIDGE_STATE: the folder of their files, in place of /run/tarvo-bridge.
