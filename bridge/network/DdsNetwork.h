@@ -7,6 +7,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "base/Mutex.h"
 #include "base/UniqueFd.h"
 #include "core/Network.h"
 #include "network/BundleSample.h"
@@ -20,6 +21,17 @@ namespace tarvo_bridge {
 // Ends: after the bridge.
 class DdsNetwork final : public Network {
 public:
+    // Takes bundles on the thread of the DDS that brings them.
+    // Owns: nothing. Threads: those of the DDS. Locks: its own. Ends: after SetTaker() with another one.
+    class Taker {
+    public:
+        // False: not now; they stay for Poll(). Must not make or delete anything of the DDS.
+        virtual bool TakeBundles() = 0;
+
+    protected:
+        ~Taker() = default;
+    };
+
     DdsNetwork() = default;
     ~DdsNetwork() override;
 
@@ -28,6 +40,12 @@ public:
     // Readable when Poll() has something to do.
     int Fd() const { return fd.Get(); }
     void Poll(Listener &listener);
+    // Null: nobody. Returns when the one before is not being told any more.
+    void SetTaker(Taker *bundleTaker);
+    // Some of the bundles that are there. Whether there may be more.
+    bool PollBundles(Listener &listener);
+    // Makes Fd() readable.
+    void Wake() const;
 
     void Announce(const Announcement &announcement) override;
     void Connect(RunId run) override;
@@ -43,10 +61,11 @@ private:
     std::string OpenRuns();
     std::string OpenBundles(RunId run);
     void PollRuns(Listener &listener);
-    bool PollBundles(Listener &listener);
-    void Wake() const;
+    static void OnBundlesThere(dds_entity_t reader, void *network);
 
     UniqueFd fd;
+    Mutex takerMutex;
+    Taker *taker GUARDED_BY(takerMutex) = nullptr;
     dds_entity_t domain = 0;
     dds_entity_t participant = 0;
     dds_entity_t runTopic = 0;
