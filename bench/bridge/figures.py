@@ -63,8 +63,10 @@ def goals(document):
     for scenario in ("call64", "call4000"):
         found.append((f"{TEXTS[scenario]}, by the floor's", quotients(of(scenario, "bridge"), of(scenario, "floor")),
                       None, False))
-        found.append((f"{TEXTS[scenario]}, by that of the bridge of before",
-                      quotients(of(scenario, "bridge"), of(scenario, "before")), None, False))
+    for scenario in TEXTS:
+        metric = "rate" if scenario in RATES else "p50"
+        found.append((f"{TEXTS[scenario]}, by {'the rate' if metric == 'rate' else 'that'} through the bridge of before",
+                      quotients(of(scenario, "bridge", metric), of(scenario, "before", metric)), None, False))
     return found
 
 

@@ -7,6 +7,12 @@
 #include <utility>
 
 namespace tarvo_bridge {
+namespace {
+
+// What a round runs for one frame of one pipe. Where there is more, another look costs less than another bundle does.
+constexpr int ONE_FRAME = 2;
+
+} // namespace
 
 Rounds::Rounds(TarvoLoop &theLoop, Runner &theRunner, DdsNetwork &theNetwork)
     : loop(theLoop), runner(theRunner), network(theNetwork), hearing(loop, [this] { Hear(); }) {
@@ -21,7 +27,9 @@ void Rounds::Run() {
     while (!stopped) {
         poll(&sleep, 1, -1);
         const MutexLock lock(turn);
-        loop.Dispatch(INT_MAX);
+        if (loop.Dispatch(INT_MAX) > ONE_FRAME) {
+            loop.Dispatch(INT_MAX);
+        }
         Finish();
     }
     network.SetTaker(nullptr);
@@ -33,18 +41,23 @@ void Rounds::Finish() {
 }
 
 void Rounds::Hear() {
+    heard = 0;
+    onLoop = true;
     for (; !left.empty(); left.pop_front()) {
-        runner.TheBridge().OnBundle(left.front());
+        OnBundle(left.front());
     }
-    network.Poll(runner.TheBridge());
+    network.Poll(*this);
+    onLoop = false;
 }
 
-// The loop's thread could wait for the DDS meanwhile, so this one must not wait for that.
+// The loop's thread could wait for the DDS meanwhile, so this one must not wait for that. Where much comes together it
+// also goes on together, in a round of the loop.
 bool Rounds::TakeBundles() {
     const std::unique_lock<std::mutex> lock(turn, std::try_to_lock);
-    if (!lock.owns_lock() || !left.empty()) {
+    if (!lock.owns_lock() || !left.empty() || heard > 1) {
         return false;
     }
+    heard = 0;
     const bool more = network.PollBundles(*this);
     Finish();
     return !more && left.empty();
@@ -53,15 +66,15 @@ bool Rounds::TakeBundles() {
 // Sessions come and go, and links with them, on the loop's thread: the DDS must not be asked for more than to write on
 // its own thread, nor kept from its work for long.
 void Rounds::OnBundle(Bundle &bundle) {
-    if (left.empty() && runner.TheBridge().IsTraffic(bundle)) {
+    heard += bundle.items.size();
+    if (onLoop || (left.empty() && runner.TheBridge().IsTraffic(bundle))) {
         runner.TheBridge().OnBundle(bundle);
     } else {
         left.push_back(std::move(bundle));
     }
 }
 
-// Only bundles are taken here.
-void Rounds::OnAnnounced(const Announcement & /*announcement*/) {}
-void Rounds::OnRunLost(RunId /*run*/) {}
+void Rounds::OnAnnounced(const Announcement &announcement) { runner.TheBridge().OnAnnounced(announcement); }
+void Rounds::OnRunLost(RunId run) { runner.TheBridge().OnRunLost(run); }
 
 } // namespace tarvo_bridge

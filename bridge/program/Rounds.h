@@ -1,6 +1,7 @@
 #ifndef TARVO_BRIDGE_PROGRAM_ROUNDS_H
 #define TARVO_BRIDGE_PROGRAM_ROUNDS_H
 
+#include <cstddef>
 #include <deque>
 
 #include "base/Mutex.h"
@@ -44,6 +45,8 @@ private:
     Task hearing;
     Mutex turn;
     std::deque<Bundle> left; // for the loop's thread, in their order: of one call of TakeBundles() at most
+    std::size_t heard = 0;   // items of the last look at what has come
+    bool onLoop = false;
     bool stopped = false;
 };
 
