@@ -145,7 +145,7 @@ void DdsNetwork::OnBundlesThere(dds_entity_t /*reader*/, void *network) {
     }
 }
 
-void DdsNetwork::SetTaker(Taker *bundleTaker) {
+void DdsNetwork::SetTaker(BundleTaker *bundleTaker) {
     const MutexLock lock(takerMutex);
     taker = bundleTaker;
 }

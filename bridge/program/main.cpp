@@ -18,13 +18,13 @@
 #include "api/EnvManager.h"
 #include "base/UniqueFd.h"
 #include "core/Report.h"
+#include "local/Rounds.h"
 #include "local/Runner.h"
 #include "loop/Loop.h"
 #include "loop/Moments.h"
 #include "network/DdsNetwork.h"
 #include "program/NameLocks.h"
 #include "program/Options.h"
-#include "program/Rounds.h"
 #include "program/StateFile.h"
 
 namespace tarvo_bridge {

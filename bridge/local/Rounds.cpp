@@ -1,4 +1,4 @@
-#include "program/Rounds.h"
+#include "local/Rounds.h"
 
 #include <poll.h>
 
@@ -14,12 +14,10 @@ constexpr int ONE_FRAME = 2;
 
 } // namespace
 
-Rounds::Rounds(TarvoLoop &theLoop, Runner &theRunner, DdsNetwork &theNetwork)
+Rounds::Rounds(TarvoLoop &theLoop, Runner &theRunner, NetworkSource &theNetwork)
     : loop(theLoop), runner(theRunner), network(theNetwork), hearing(loop, [this] { Hear(); }) {
     runner.SetDriven();
 }
-
-Rounds::~Rounds() { network.SetTaker(nullptr); }
 
 void Rounds::Run() {
     network.SetTaker(this);

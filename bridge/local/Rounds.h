@@ -1,5 +1,5 @@
-#ifndef TARVO_BRIDGE_PROGRAM_ROUNDS_H
-#define TARVO_BRIDGE_PROGRAM_ROUNDS_H
+#ifndef TARVO_BRIDGE_LOCAL_ROUNDS_H
+#define TARVO_BRIDGE_LOCAL_ROUNDS_H
 
 #include <cstddef>
 #include <deque>
@@ -8,7 +8,6 @@
 #include "core/Network.h"
 #include "local/Runner.h"
 #include "loop/Loop.h"
-#include "network/DdsNetwork.h"
 
 namespace tarvo_bridge {
 
@@ -17,10 +16,9 @@ namespace tarvo_bridge {
 // not know of threads.
 // Owns: what the DDS's thread has left to the loop's. Threads: those two. Locks: its own, around all that the bridge
 // and the loop do. Ends: before the network, the runner and the loop, on the loop's thread.
-class Rounds final : public DdsNetwork::Taker, private Network::Listener {
+class Rounds final : public BundleTaker, private Network::Listener {
 public:
-    Rounds(TarvoLoop &theLoop, Runner &theRunner, DdsNetwork &theNetwork);
-    ~Rounds();
+    Rounds(TarvoLoop &theLoop, Runner &theRunner, NetworkSource &theNetwork);
     Rounds(const Rounds &) = delete;
     Rounds &operator=(const Rounds &) = delete;
 
@@ -41,7 +39,7 @@ private:
 
     TarvoLoop &loop;
     Runner &runner;
-    DdsNetwork &network;
+    NetworkSource &network;
     Task hearing;
     Mutex turn;
     std::deque<Bundle> left; // for the loop's thread, in their order: of one call of TakeBundles() at most
@@ -52,4 +50,4 @@ private:
 
 } // namespace tarvo_bridge
 
-#endif // TARVO_BRIDGE_PROGRAM_ROUNDS_H
+#endif // TARVO_BRIDGE_LOCAL_ROUNDS_H
