@@ -2,8 +2,8 @@
 """Measures the bridge between two network namespaces of this machine, side by side with the same on one machine, a bare
 round trip of the DDS, gRPC over TCP, and a relay that only copies bytes over TCP. Six minutes.
 
-Everything is started once; then there are rounds, in each of which everything is measured for a moment, in an order that
-is drawn anew. What one figure is divided by is that of the same round. Needs root, and a build with benchmarks:
+Everything is started once; then there are rounds, in each of which everything is measured for a moment, in an order
+that is drawn anew. What one figure is divided by is that of the same round. Needs root, and a build with benchmarks:
 
   cmake --preset release -DTARVO_BUILD_BENCH=ON
   cmake --build build/release -j2 --target tarvo-bridge tarvoctl bench_tarvo bench_tarvo-loop bench_grpc bench_tcp_floor
@@ -149,8 +149,10 @@ def parse():
     parser.add_argument("--before", type=pathlib.Path, metavar="PROGRAM", help="another tarvo-bridge, beside this one")
     parser.add_argument("--only", type=lambda text: text.split(","), metavar="SCENARIO,...",
                         help=f"of {', '.join(SCENARIOS)}; also leaves out what many sessions cost")
-    parser.add_argument("--sessions", type=int, default=SESSIONS, help=f"how many; default: {SESSIONS}; 0: leave it out")
-    parser.add_argument("--page", action="store_true", help="put the tables of --output into docs/bridge.md; measures nothing")
+    parser.add_argument("--sessions", type=int, default=SESSIONS,
+                        help=f"how many; default: {SESSIONS}; 0: leave it out")
+    parser.add_argument("--page", action="store_true",
+                        help="put the tables of --output into docs/bridge.md; measures nothing")
     return parser.parse_args()
 
 
