@@ -2,8 +2,9 @@
 """Measures the bridge between two network namespaces of this machine, side by side with the same on one machine, a bare
 round trip of the DDS, gRPC over TCP, and a relay that only copies bytes over TCP. Six minutes.
 
-Everything is started once; then there are rounds, in each of which everything is measured for a moment, in an order
-that is drawn anew. What one figure is divided by is that of the same round. Needs root, and a build with benchmarks:
+There are rounds, in each of which everything is measured for a moment, in an order that is drawn anew; what one figure
+is divided by is that of the same round. All programs are started anew for every third: on which cores their threads
+settle makes a difference. Needs root, and a build with benchmarks:
 
   cmake --preset release -DTARVO_BUILD_BENCH=ON
   cmake --build build/release -j2 --target tarvo-bridge tarvoctl bench_tarvo bench_tarvo-loop bench_grpc bench_tcp_floor
@@ -44,6 +45,7 @@ SCENARIOS = {
 FLOOR = {"call64": (64, 1, 12000), "call4000": (4000, 1, 8000), "window64": (64, 64, 150000)}
 DDS = {"call64": 64, "call4000": 4000}
 SESSIONS = 2000
+ROUNDS_OF_A_START = 3
 
 
 def ask(client):
@@ -73,10 +75,14 @@ class Bench:
     def __init__(self, arguments):
         self.seconds, self.pairs, self.cells = arguments.seconds, [], {}
         self.build, self.only = arguments.build.resolve(), arguments.only
-        self.others = self.add_pair(self.build / "bridge/tarvo-bridge", "bridge")
-        if arguments.before:
-            self.add_pair(arguments.before.resolve(), "before")
-        self.add_others()
+        try:
+            self.others = self.add_pair(self.build / "bridge/tarvo-bridge", "bridge")
+            if arguments.before:
+                self.add_pair(arguments.before.resolve(), "before")
+            self.add_others()
+        except BaseException:
+            self.close()
+            raise
 
     def wants(self, scenario):
         return not self.only or scenario in self.only
@@ -114,16 +120,12 @@ class Bench:
         for scenario in filter(self.wants, DDS):
             self.cells[scenario, "dds"] = lambda size=DDS[scenario]: {"p50": pair.dds_round_trip(size, 2)}
 
-    def measure(self, rounds, limit):
-        """Rounds, each {scenario: {contestant: figures}}; none begins that would end after the limit."""
-        begun, done = time.monotonic(), []
-        while len(done) < rounds and (not done or (time.monotonic() - begun) * (1 + 1 / len(done)) < limit):
-            found = {}
-            for (scenario, name), look in random.sample(sorted(self.cells.items(), key=str), len(self.cells)):
-                found.setdefault(scenario, {})[name] = look()
-            done.append(found)
-            print(f"round {len(done)} of {rounds}, {time.monotonic() - begun:.0f} s", file=sys.stderr)
-        return done
+    def measure(self):
+        """One round: {scenario: {contestant: figures}}."""
+        found = {}
+        for (scenario, name), look in random.sample(sorted(self.cells.items(), key=str), len(self.cells)):
+            found.setdefault(scenario, {})[name] = look()
+        return found
 
     def sessions(self, count):
         """What so many clients at once cost: one process opens them, one after the other."""
@@ -156,17 +158,26 @@ def parse():
     return parser.parse_args()
 
 
-def run(arguments):
-    document = {"machine": machine.describe(), "rounds": [], "command": " ".join(sys.argv)}
-    bench = Bench(arguments)
+def measure(arguments, document):
+    """Rounds; none begins that would end after the limit. What many sessions cost comes last."""
+    begun, done, bench = time.monotonic(), document["rounds"], None
     try:
-        document["rounds"] = bench.measure(arguments.rounds, 60 * arguments.minutes)
+        while len(done) < arguments.rounds:
+            passed = time.monotonic() - begun
+            if done and passed * (1 + 1 / len(done)) > 60 * arguments.minutes:
+                break
+            if len(done) % ROUNDS_OF_A_START == 0:
+                if bench:
+                    bench.close()
+                bench = Bench(arguments)
+            done.append(bench.measure())
+            print(f"round {len(done)} of {arguments.rounds}, {time.monotonic() - begun:.0f} s", file=sys.stderr)
         document["load_after"] = os.getloadavg()
         if arguments.sessions and not arguments.only:
             document["sessions"] = bench.sessions(arguments.sessions)
     finally:
-        bench.close()
-    return document
+        if bench:
+            bench.close()
 
 
 def main():
@@ -175,7 +186,8 @@ def main():
         figures.write_page(json.loads((arguments.output / "figures.json").read_text(encoding="utf-8")),
                            ROOT / "docs/bridge.md")
         return
-    document = run(arguments)
+    document = {"machine": machine.describe(), "rounds": [], "command": " ".join(sys.argv)}
+    measure(arguments, document)
     arguments.output.mkdir(parents=True, exist_ok=True)
     (arguments.output / "figures.json").write_text(json.dumps(document, indent=1), encoding="utf-8")
     text = figures.tables(document)

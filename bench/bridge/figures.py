@@ -68,7 +68,7 @@ def goals(document):
     for scenario in TEXTS:
         metric = "rate" if scenario in RATES else "p50"
         what = "the rate" if metric == "rate" else "that"
-        found.append((f"{TEXTS[scenario]}, by {what} through the bridge of before",
+        found.append((f"{TEXTS[scenario]}, by {what} of before",
                       quotients(of(scenario, "bridge", metric), of(scenario, "before", metric)), None, False))
     return found
 
@@ -89,11 +89,11 @@ def session_lines(document):
     found = document.get("sessions")
     if not found:
         return []
+    front, rear, each = found["front"], found["rear"], found["seconds"] / found["sessions"] * 1e3
     return [f"{found['sessions']:,} clients of one server, opened one after the other, all open at the same time: "
-            f"{found['seconds']:.1f} s to open all, {found['seconds'] / found['sessions'] * 1e3:.2f} ms each. Memory of "
-            f"each session {found['front']['private_kb']:.1f} kB in the bridge of the server and "
-            f"{found['rear']['private_kb']:.1f} kB in that of the clients; descriptors "
-            f"{found['front']['descriptors']:,} and {found['rear']['descriptors']:,}.", ""]
+            f"{found['seconds']:.1f} s to open all, {each:.2f} ms each. Memory of each session "
+            f"{front['private_kb']:.1f} kB in the bridge of the server and {rear['private_kb']:.1f} kB in that of the "
+            f"clients; descriptors {front['descriptors']:,} and {rear['descriptors']:,}.", ""]
 
 
 def about(document):

@@ -25,10 +25,13 @@ void Rounds::Run() {
     while (!stopped) {
         poll(&sleep, 1, -1);
         const MutexLock lock(turn);
-        if (loop.Dispatch(INT_MAX) > ONE_FRAME) {
-            loop.Dispatch(INT_MAX);
+        int ran = loop.Dispatch(INT_MAX);
+        if (ran > ONE_FRAME) {
+            ran = loop.Dispatch(INT_MAX);
         }
         Finish();
+        // The loop has said why it cannot go on.
+        stopped = stopped || ran < 0;
     }
     network.SetTaker(nullptr);
 }
@@ -67,6 +70,10 @@ void Rounds::OnBundle(Bundle &bundle) {
     heard += bundle.items.size();
     if (onLoop || (left.empty() && runner.TheBridge().IsTraffic(bundle))) {
         runner.TheBridge().OnBundle(bundle);
+        if (!onLoop) {
+            // Who waits for it goes on while the network tidies up.
+            runner.Settle();
+        }
     } else {
         left.push_back(std::move(bundle));
     }
