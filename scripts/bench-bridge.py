@@ -1,166 +1,198 @@
-#!/usr/bin/env python3
-"""Measures the bridge between two network namespaces of this machine, beside a call on one machine, a bare round trip of
-the DDS, and a relay that only copies bytes over TCP. Prints a table, or JSON.
+#!/usr/bin/python3
+"""Measures the bridge between two network namespaces of this machine, side by side with the same on one machine, a bare
+round trip of the DDS, gRPC over TCP, and a relay that only copies bytes over TCP. Six minutes.
 
-Needs root, an idle machine, and a build with benchmarks: build/release unless --build names another. What a figure is
-divided by was measured in the same run.
+There are rounds, in each of which everything is measured for a moment, in an order that is drawn anew; what one figure
+is divided by is that of the same round. All programs are started anew for every third: on which cores their threads
+settle makes a difference. Needs root, and a build with benchmarks:
+
+  cmake --preset release -DTARVO_BUILD_BENCH=ON
+  cmake --build build/release -j2 --target tarvo-bridge tarvoctl bench_tarvo bench_tarvo-loop bench_grpc bench_tcp_floor
+
+and an idle machine, for figures that are worth something. figures.json and tables.md go to --output.
 """
 
 import argparse
+import array
 import json
 import os
 import pathlib
-import re
+import random
 import statistics
-import subprocess
-import tempfile
+import sys
 import time
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
-PREPARE = ("mount -t tmpfs -o mode=1777 tmpfs /dev/shm && install -d -m 0755 /dev/shm/velm && "
-           "install -d -m 1777 /dev/shm/velm/tarvo && echo ready && exec cat")
-STATE = "/dev/shm/bridges"
+sys.path[:0] = [str(ROOT / "bench/bridge"), str(ROOT / "bench/run")]
+import figures  # noqa: E402
+import machine  # noqa: E402
+from machines import GRPC_ENDPOINT, Pair, descriptors, private_kb  # noqa: E402
+
+CALL = ("--kind", "call", "--size")
+WINDOW = ("--kind", "window", "--size", "64", "--window", "64")
+ONE_WAY = ("--kind", "oneway", "--size", "64", "--window", "500")
+# Scenario: the task of a client, and by contestant the program and the server.
+THREADS, LOOP, GRPC = ("tarvo", "camera"), ("tarvo-loop", "lidar"), ("grpc", GRPC_ENDPOINT)
+SCENARIOS = {
+    "call64": ((*CALL, "64"), THREADS, GRPC),
+    "call4000": ((*CALL, "4000"), THREADS, GRPC),
+    "loop64": ((*CALL, "64"), LOOP, None),
+    "callers64": ((*CALL, "64", "--lanes", "64"), THREADS, GRPC),
+    "window64": (WINDOW, LOOP, GRPC),
+    "oneway64": (ONE_WAY, THREADS, GRPC),
+}
+# Scenario of the floor: bytes, calls under way, and calls of a second.
+FLOOR = {"call64": (64, 1, 12000), "call4000": (4000, 1, 8000), "window64": (64, 64, 150000)}
+DDS = {"call64": 64, "call4000": 4000}
+SESSIONS = 2000
+ROUNDS_OF_A_START = 3
 
 
-class Machine:
-    """A network namespace with a /dev/shm of its own; gone with `close`."""
-
-    def __init__(self, name):
-        self.name, self.processes = name, []
-        self.holder = subprocess.Popen(["unshare", "-n", "-m", "bash", "-c", PREPARE], stdin=subprocess.PIPE,
-                                       stdout=subprocess.PIPE, text=True)
-        assert self.holder.stdout.readline() == "ready\n"
-
-    def inside(self, command):
-        return ["nsenter", "-t", str(self.holder.pid), "-n", "-m", *map(str, command)]
-
-    def run(self, *command):
-        return subprocess.run(self.inside(command), check=True, capture_output=True, text=True, timeout=300).stdout
-
-    def start(self, *command):
-        process = subprocess.Popen(self.inside(command), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        self.processes.append(process)
-        return process
-
-    def close(self):
-        for process in self.processes:
-            process.kill()
-            process.wait()
-        self.holder.stdin.close()
-        self.holder.wait()
+def ask(client):
+    """What a client measures in one run of its task."""
+    child, file = client
+    said = child.ask("run 0")
+    samples = array.array("q")
+    with open(file, "rb") as source:
+        samples.frombytes(source.read())
+    operations = said["operations"]
+    found = {"rate": operations / (said["end"] - said["begin"]) * 1e9,
+             "cpu": (said["own_time"] + said["server_time"]) / operations / 1e3}
+    if samples:
+        found["p50"] = statistics.median(samples) / 1e3
+    return found
 
 
-def plug(first, second):
-    """A cable between two machines."""
-    first.run("ip", "link", "add", "eth0", "type", "veth", "peer", "name", "eth0", "netns", second.holder.pid)
-    for number, machine in enumerate((first, second), 1):
-        machine.run("ip", "addr", "add", f"10.77.0.{number}/24", "dev", "eth0")
-        for link in ("lo", "eth0"):
-            machine.run("ip", "link", "set", link, "up")
-
-
-def processor_seconds(pid):
-    fields = pathlib.Path(f"/proc/{pid}/stat").read_text().rsplit(")", 1)[1].split()
-    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
-
-
-def private_kb(pid):
-    text = pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text()
-    return sum(int(kb) for kb in re.findall(r"^Private_\w+:\s+(\d+) kB", text, re.M))
+def relayed(pair, scenario, seconds):
+    size, window, rate = FLOOR[scenario]
+    p50, rate, cpu = pair.floor_calls(size, int(rate * seconds), window)
+    return {"p50": p50, "rate": rate, "cpu": cpu}
 
 
 class Bench:
-    def __init__(self, build, count):
-        self.count = count
-        self.tool = build / "tools/tarvoctl/tarvoctl"
-        self.bridge = build / "bridge/tarvo-bridge"
-        self.floor = build / "bench/bridge/bench_tcp_floor"
-        self.front, self.rear = Machine("front"), Machine("rear")
-        plug(self.front, self.rear)
+    """All that is measured. Cells: (scenario, contestant) -> a function that measures it once."""
+
+    def __init__(self, arguments):
+        self.seconds, self.pairs, self.cells = arguments.seconds, [], {}
+        self.build, self.only = arguments.build.resolve(), arguments.only
+        try:
+            self.others = self.add_pair(self.build / "bridge/tarvo-bridge", "bridge")
+            if arguments.before:
+                self.add_pair(arguments.before.resolve(), "before")
+            self.add_others()
+        except BaseException:
+            self.close()
+            raise
+
+    def wants(self, scenario):
+        return not self.only or scenario in self.only
 
     def close(self):
-        self.rear.close()
-        self.front.close()
+        for pair in self.pairs:
+            pair.close()
 
-    def ping(self, machine, size, outstanding=1):
-        """What the tool says at its end."""
-        said = machine.run(self.tool, "ping", "camera", "--size", size, "--count", self.count, "--interval", "0",
-                           "--outstanding", outstanding, "--json")
-        return json.loads(said.strip().splitlines()[-1])
+    def add_pair(self, bridge, name):
+        pair = Pair(self.build, bridge)
+        self.pairs.append(pair)
+        pair.serve(*THREADS)
+        pair.serve(*LOOP)
+        pair.start_bridges(THREADS[1], LOOP[1])
+        self.add_clients(pair, pair.rear, name, 1)
+        if name == "bridge":
+            self.add_clients(pair, pair.front, "here", 1)
+        return pair
 
-    def start_bridges(self):
-        self.front.start(self.tool, "serve", "camera", "--engine", "loop")
-        arguments = ("--interface", "eth0", "--state-folder", STATE, "--machine")
-        self.exporter = self.front.start(self.bridge, *arguments, "front", "--export", "camera")
-        self.importer = self.rear.start(self.bridge, *arguments, "rear", "--import", "camera")
-        self.rear.run(self.tool, "wait", "camera", "--timeout", "20s")
+    def add_clients(self, pair, place, name, column):
+        for scenario, columns in SCENARIOS.items():
+            if columns[column] and self.wants(scenario):
+                client = pair.client(place, *columns[column], *columns[0], "--seconds", self.seconds)
+                self.cells[scenario, name] = lambda client=client: ask(client)
 
-    def bridged(self, figures):
-        for size in (64, 4000):
-            figures[f"local {size}"] = self.ping(self.front, size)
-            figures[f"bridge {size}"] = self.ping(self.rear, size)
-        pids = (self.exporter.pid, self.importer.pid)
-        before = sum(map(processor_seconds, pids))
-        figures["bridge 64, 64 under way"] = self.ping(self.rear, 64, 64)
-        figures["processor us a call, both bridges"] = (sum(map(processor_seconds, pids)) - before) / self.count * 1e6
-        started = time.monotonic()
-        self.rear.run(self.tool, "send", "camera", "x" * 64, "--repeat", self.count, "--timeout", "60s")
-        figures["one-way a second"] = self.count / (time.monotonic() - started)
-        idle = [private_kb(pid) for pid in pids]
-        clients = [self.rear.start(self.tool, "ping", "camera", "--interval", "60s") for _ in range(50)]
-        self.await_files(self.rear, 2 * len(clients) + 1)
-        figures["private kB a session, each bridge"] = [
-            round((private_kb(pid) - kb) / len(clients), 1) for pid, kb in zip(pids, idle)]
+    def add_others(self):
+        pair = self.others
+        if pair.program("grpc").exists():
+            pair.serve(*GRPC)
+            self.add_clients(pair, pair.rear, "grpc", 2)
+        pair.start_floor()
+        pair.start_dds()
+        for scenario in filter(self.wants, FLOOR):
+            self.cells[scenario, "floor"] = lambda one=scenario: relayed(pair, one, self.seconds)
+        for scenario in filter(self.wants, DDS):
+            self.cells[scenario, "dds"] = lambda size=DDS[scenario]: {"p50": pair.dds_round_trip(size, 2)}
 
-    @staticmethod
-    def await_files(machine, count):
-        folder = pathlib.Path(f"/proc/{machine.holder.pid}/root/dev/shm/velm/tarvo")
-        end = time.monotonic() + 60
-        while len(list(folder.iterdir())) < count:
-            if time.monotonic() > end:
-                raise TimeoutError("the clients do not connect")
-            time.sleep(0.05)
+    def measure(self):
+        """One round: {scenario: {contestant: figures}}."""
+        found = {}
+        for (scenario, name), look in random.sample(sorted(self.cells.items(), key=str), len(self.cells)):
+            found.setdefault(scenario, {})[name] = look()
+        return found
 
-    def bare_dds(self, figures):
-        with tempfile.TemporaryDirectory() as folder:
-            config = pathlib.Path(folder, "dds.xml")
-            config.write_text('<CycloneDDS><Domain Id="any"><General><Interfaces><NetworkInterface name="eth0"/>'
-                              "</Interfaces></General></Domain></CycloneDDS>")
-            setting = ("env", f"CYCLONEDDS_URI=file://{config}", "ddsperf", "-i", "77")
-            self.front.start(*setting, "pong")
-            for size in (64, 4000):
-                said = self.rear.run(*setting, "-D", "6", "ping", "size", size)
-                # "... mean M us min L 50% N 90% ..." a second; the second half is warm.
-                medians = [float(us) for us in re.findall(r" 50% ([\d.]+)us", said)]
-                figures[f"ddsperf {size}, us of half a round trip"] = statistics.median(medians[len(medians) // 2:])
+    def sessions(self, count):
+        """What so many clients at once cost: one process opens them, one after the other."""
+        pair = self.others
+        before = [(private_kb(pid), descriptors(pid)) for pid in pair.bridges]
+        begun = time.monotonic()
+        pair.client(pair.rear, *LOOP, *CALL, "64", "--pipes", count, "--warm-up", 1)
+        took = time.monotonic() - begun
+        found = {"sessions": count, "seconds": took}
+        for place, pid, (kb, files) in zip(("front", "rear"), pair.bridges, before):
+            found[place] = {"private_kb": (private_kb(pid) - kb) / count, "descriptors": descriptors(pid) - files}
+        return found
 
-    def tcp_floor(self, figures):
-        for machine in (self.front, self.rear):
-            machine.run("mkfifo", "/dev/shm/in", "/dev/shm/out")
-        self.front.start(self.floor, "echo", "/dev/shm/in", "/dev/shm/out")
-        self.front.start(self.floor, "listen", "9000", "/dev/shm/in", "/dev/shm/out")
-        time.sleep(0.5)
-        self.rear.start(self.floor, "connect", "10.77.0.1", "9000", "/dev/shm/in", "/dev/shm/out")
-        for size, window in ((64, 1), (4000, 1), (64, 64)):
-            said = self.rear.run(self.floor, "call", "/dev/shm/in", "/dev/shm/out", size, self.count, window)
-            figures[f"tcp {size}" + (f", {window} under way" if window > 1 else "")] = json.loads(said)
+
+def parse():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--build", type=pathlib.Path, default=ROOT / "build/release", help="default: build/release")
+    parser.add_argument("--output", type=pathlib.Path, default=ROOT / "build/bench/bridge",
+                        help="default: build/bench/bridge")
+    parser.add_argument("--rounds", type=int, default=9, help="default: 9")
+    parser.add_argument("--seconds", type=float, default=1, help="for each figure in a round; default: 1")
+    parser.add_argument("--minutes", type=float, default=7, help="begin no round that ends later; default: 7")
+    parser.add_argument("--before", type=pathlib.Path, metavar="PROGRAM", help="another tarvo-bridge, beside this one")
+    parser.add_argument("--only", type=lambda text: text.split(","), metavar="SCENARIO,...",
+                        help=f"of {', '.join(SCENARIOS)}; also leaves out what many sessions cost")
+    parser.add_argument("--sessions", type=int, default=SESSIONS,
+                        help=f"how many; default: {SESSIONS}; 0: leave it out")
+    parser.add_argument("--page", action="store_true",
+                        help="put the tables of --output into docs/bridge.md; measures nothing")
+    return parser.parse_args()
+
+
+def measure(arguments, document):
+    """Rounds; none begins that would end after the limit. What many sessions cost comes last."""
+    begun, done, bench = time.monotonic(), document["rounds"], None
+    try:
+        while len(done) < arguments.rounds:
+            passed = time.monotonic() - begun
+            if done and passed * (1 + 1 / len(done)) > 60 * arguments.minutes:
+                break
+            if len(done) % ROUNDS_OF_A_START == 0:
+                if bench:
+                    bench.close()
+                bench = Bench(arguments)
+            done.append(bench.measure())
+            print(f"round {len(done)} of {arguments.rounds}, {time.monotonic() - begun:.0f} s", file=sys.stderr)
+        document["load_after"] = os.getloadavg()
+        if arguments.sessions and not arguments.only:
+            document["sessions"] = bench.sessions(arguments.sessions)
+    finally:
+        if bench:
+            bench.close()
 
 
 def main():
-    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--build", type=pathlib.Path, default=ROOT / "build/release")
-    parser.add_argument("--count", type=int, default=20000, help="calls for each figure (%(default)s)")
-    arguments = parser.parse_args()
-    figures = {}
-    bench = Bench(arguments.build.resolve(), arguments.count)
-    try:
-        bench.start_bridges()
-        bench.bridged(figures)
-        bench.bare_dds(figures)
-        bench.tcp_floor(figures)
-    finally:
-        bench.close()
-    print(json.dumps(figures, indent=2))
+    arguments = parse()
+    if arguments.page:
+        figures.write_page(json.loads((arguments.output / "figures.json").read_text(encoding="utf-8")),
+                           ROOT / "docs/bridge.md")
+        return
+    document = {"machine": machine.describe(), "rounds": [], "command": " ".join(sys.argv)}
+    measure(arguments, document)
+    arguments.output.mkdir(parents=True, exist_ok=True)
+    (arguments.output / "figures.json").write_text(json.dumps(document, indent=1), encoding="utf-8")
+    text = figures.tables(document)
+    (arguments.output / "tables.md").write_text(text, encoding="utf-8")
+    print(text)
 
 
 if __name__ == "__main__":

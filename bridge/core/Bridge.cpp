@@ -74,6 +74,15 @@ void Bridge::OnBundle(Bundle &bundle) {
     }
 }
 
+bool Bridge::IsTraffic(const Bundle &bundle) {
+    const auto isTraffic = [](const Item &item) {
+        return item.kind == ItemKind::FRAME || item.kind == ItemKind::CREDIT;
+    };
+    Peer *const peer = peers.Find(bundle.from);
+    return peer != nullptr && peer->IsHere() && peer->Link().IsNext(bundle) && !bundle.items.empty() &&
+           std::all_of(bundle.items.begin(), bundle.items.end(), isTraffic);
+}
+
 void Bridge::OnServer(const std::string &name, bool lives) {
     const auto found = servers.find(name);
     if (found == servers.end() || found->second == lives) {

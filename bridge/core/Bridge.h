@@ -75,6 +75,8 @@ public:
     int64_t Due() const;
     void OnTime();
     Picture Look() const;
+    // Whether it only carries what sessions are for: it makes and ends nothing but them.
+    bool IsTraffic(const Bundle &bundle);
 
     void OnAnnounced(const Announcement &announcement) override;
     void OnRunLost(RunId run) override;

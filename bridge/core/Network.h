@@ -36,6 +36,38 @@ public:
     virtual bool Send(const Bundle &bundle) = 0;
 };
 
+// Takes bundles on the network's own thread.
+// Owns: nothing. Threads: those of the network. Locks: its own. Ends: after SetTaker() with another one.
+class BundleTaker {
+public:
+    // False: not now, or not all; what is left stays for Poll(). Must not connect or disconnect anybody.
+    virtual bool TakeBundles() = 0;
+
+protected:
+    ~BundleTaker() = default;
+};
+
+// Where what a network has brought is fetched.
+// Owns: a descriptor. Threads: that of the loop; PollBundles() also that of a taker, never both at a time. Locks: its
+// own. Ends: after who fetches.
+class NetworkSource {
+public:
+    NetworkSource() = default;
+    NetworkSource(const NetworkSource &) = delete;
+    NetworkSource &operator=(const NetworkSource &) = delete;
+
+    // Readable when Poll() has something to do.
+    virtual int Fd() const = 0;
+    virtual void Poll(Network::Listener &listener) = 0;
+    // Some of the bundles that are there. Whether there may be more.
+    virtual bool PollBundles(Network::Listener &listener) = 0;
+    // Null: nobody. Returns when the one before is not being told any more.
+    virtual void SetTaker(BundleTaker *taker) = 0;
+
+protected:
+    ~NetworkSource() = default;
+};
+
 } // namespace tarvo_bridge
 
 #endif // TARVO_BRIDGE_CORE_NETWORK_H

@@ -203,6 +203,11 @@ void PeerLink::OnBundle(Bundle &bundle, int64_t now) {
     }
 }
 
+bool PeerLink::IsNext(const Bundle &bundle) const {
+    return state == State::UP && bundle.to == ends.self && bundle.mine == theirs && bundle.theirs == mine &&
+           bundle.sequence == received + 1;
+}
+
 void PeerLink::OnGreeting(const Bundle &bundle, int64_t now) {
     if (state == State::IDLE) {
         state = State::GREETING;

@@ -59,6 +59,8 @@ public:
     bool IsFull() const { return full; }
 
     void OnBundle(Bundle &bundle, int64_t now);
+    // Whether it is the next of a link that is up and stays so.
+    bool IsNext(const Bundle &bundle) const;
 
     // While there is something to lose the peer is asked now and then whether it is there.
     void SetBusy(bool isBusy, int64_t now);

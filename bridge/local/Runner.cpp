@@ -28,7 +28,7 @@ bool Task::Serve(int /*share*/, int &ran) {
 }
 
 Runner::Runner(TarvoLoop &loop, Plan &&plan, Network &network)
-    : local(loop), bridge(std::move(plan), network, local, *this), sending(loop, [this] { bridge.Flush(); }),
+    : local(loop), bridge(std::move(plan), network, local, *this), sending(loop, [this] { SendUnsent(); }),
       waiting(loop, [this] {
           bridge.OnTime();
           local.FlushPipes();
@@ -37,5 +37,19 @@ Runner::Runner(TarvoLoop &loop, Plan &&plan, Network &network)
 }
 
 void Runner::Settle() { local.FlushPipes(); }
+
+void Runner::OnUnsent() {
+    unsent = true;
+    if (!driven) {
+        sending.Soon();
+    }
+}
+
+void Runner::SendUnsent() {
+    if (unsent) {
+        unsent = false;
+        bridge.Flush();
+    }
+}
 
 } // namespace tarvo_bridge

@@ -50,8 +50,11 @@ public:
     void SetObserver(std::function<void()> toTell) { observer = std::move(toTell); }
     // After the network has told the bridge something.
     void Settle();
+    // From now on SendUnsent() is called after each round, which saves one.
+    void SetDriven() { driven = true; }
+    void SendUnsent();
 
-    void OnUnsent() override { sending.Soon(); }
+    void OnUnsent() override;
     void OnDueChanged() override {
         waiting.At(bridge.Due());
         if (observer) {
@@ -64,6 +67,8 @@ private:
     Bridge bridge;
     Task sending;
     Task waiting;
+    bool driven = false;
+    bool unsent = false;
     std::function<void()> observer;
 };
 

@@ -131,11 +131,23 @@ std::string DdsNetwork::OpenBundles(RunId run) {
         return Failed("the DDS refuses the topic of bundles", bundleTopic);
     }
     const dds_entity_t subscriber = dds_create_subscriber(participant, PartitionQos(run).get(), nullptr);
-    const std::unique_ptr<dds_listener_t, ListenerDeleter> told(
-        dds_create_listener(reinterpret_cast<void *>(static_cast<intptr_t>(fd.Get())))); // NOLINT
-    dds_lset_data_available(told.get(), OnDataAvailable);
+    const std::unique_ptr<dds_listener_t, ListenerDeleter> told(dds_create_listener(this));
+    dds_lset_data_available(told.get(), OnBundlesThere);
     bundleReader = dds_create_reader(subscriber, bundleTopic, BundleQos().get(), told.get());
     return bundleReader < 0 ? Failed("the DDS refuses to read bundles", bundleReader) : "";
+}
+
+void DdsNetwork::OnBundlesThere(dds_entity_t /*reader*/, void *network) {
+    auto &self = *static_cast<DdsNetwork *>(network);
+    const MutexLock lock(self.takerMutex);
+    if (self.taker == nullptr || !self.taker->TakeBundles()) {
+        self.Wake();
+    }
+}
+
+void DdsNetwork::SetTaker(BundleTaker *bundleTaker) {
+    const MutexLock lock(takerMutex);
+    taker = bundleTaker;
 }
 
 void DdsNetwork::Wake() const { SetEvent(fd.Get()); }

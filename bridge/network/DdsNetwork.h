@@ -7,6 +7,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "base/Mutex.h"
 #include "base/UniqueFd.h"
 #include "core/Network.h"
 #include "network/BundleSample.h"
@@ -16,18 +17,19 @@ namespace tarvo_bridge {
 
 // The network as DDS has it: a topic for what bridges tell of themselves, and one for bundles, in a partition for each
 // run, so that a bundle for one run can reach no other, and one that reads slowly holds up nobody else.
-// Owns: its DDS entities. Threads: that of the loop; those of the DDS write to the descriptor. Locks: those of the DDS.
-// Ends: after the bridge.
-class DdsNetwork final : public Network {
+// Owns: its DDS entities. Threads: that of the loop; those of the DDS write to the descriptor, or tell the
+// taker. Locks: those of the DDS, and one around the taker. Ends: after the bridge.
+class DdsNetwork final : public Network, public NetworkSource {
 public:
     DdsNetwork() = default;
     ~DdsNetwork() override;
 
     // Once, before anything else. Empty, or what went wrong.
     std::string Open(RunId run, const Settings &settings);
-    // Readable when Poll() has something to do.
-    int Fd() const { return fd.Get(); }
-    void Poll(Listener &listener);
+    int Fd() const override { return fd.Get(); }
+    void Poll(Listener &listener) override;
+    bool PollBundles(Listener &listener) override;
+    void SetTaker(BundleTaker *bundleTaker) override;
 
     void Announce(const Announcement &announcement) override;
     void Connect(RunId run) override;
@@ -43,10 +45,12 @@ private:
     std::string OpenRuns();
     std::string OpenBundles(RunId run);
     void PollRuns(Listener &listener);
-    bool PollBundles(Listener &listener);
     void Wake() const;
+    static void OnBundlesThere(dds_entity_t reader, void *network);
 
     UniqueFd fd;
+    Mutex takerMutex;
+    BundleTaker *taker GUARDED_BY(takerMutex) = nullptr;
     dds_entity_t domain = 0;
     dds_entity_t participant = 0;
     dds_entity_t runTopic = 0;

@@ -18,6 +18,7 @@
 #include "api/EnvManager.h"
 #include "base/UniqueFd.h"
 #include "core/Report.h"
+#include "local/Rounds.h"
 #include "local/Runner.h"
 #include "loop/Loop.h"
 #include "loop/Moments.h"
@@ -129,12 +130,9 @@ int Serve(Options &options) {
     Runner runner(loop, std::move(options.plan), network);
     StateFile state(loop, options.stateFolder, machine, runner.TheBridge());
     runner.SetObserver([&state] { state.Changed(); });
-    Task hearing(loop, [&] {
-        network.Poll(runner.TheBridge());
-        runner.Settle();
-    });
-    Task ending(loop, [&loop] { loop.Stop(); });
-    if (hearing.WhenReadable(network.Fd()) != 0 || ending.WhenReadable(signals.Get()) != 0) {
+    Rounds rounds(loop, runner, network);
+    Task ending(loop, [&rounds] { rounds.Stop(); });
+    if (rounds.Init() != 0 || ending.WhenReadable(signals.Get()) != 0) {
         Say(Level::ERROR, "the bridge cannot start: {}", std::strerror(ENOMEM));
         return EXIT_FAILED;
     }
@@ -143,7 +141,7 @@ int Serve(Options &options) {
     state.Changed();
     sd_notify(0, "READY=1");
     Say(Level::NOTICE, "machine '{}', run {:016x}: at work", machine, run);
-    loop.Run(-1);
+    rounds.Run();
     runner.SetObserver(nullptr);
     sd_notify(0, "STOPPING=1");
     return EXIT_OK;

@@ -1,0 +1,147 @@
+"""Machines as network namespaces, each with a /dev/shm of its own, and what runs on them."""
+import json
+import os
+import pathlib
+import re
+import subprocess
+import sys
+import tempfile
+import time
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
+sys.path.insert(0, str(ROOT / "bench/run"))
+from processes import Child, Group, processor_time  # noqa: E402
+
+PREPARE = ("mount -t tmpfs -o mode=1777 tmpfs /dev/shm && install -d -m 0755 /dev/shm/velm && "
+           "install -d -m 1777 /dev/shm/velm/tarvo && echo ready && exec cat")
+STATE = "/dev/shm/bridges"
+FRONT_ADDRESS = "10.77.0.1"
+GRPC_ENDPOINT = f"{FRONT_ADDRESS}:9100"
+FLOOR_PORT = "9000"
+DDS_CONFIG = ('<CycloneDDS><Domain Id="any"><General><Interfaces><NetworkInterface name="eth0"/></Interfaces></General>'
+              "</Domain></CycloneDDS>")
+
+
+class Machine:
+    """A network namespace with a /dev/shm of its own; gone with `close`."""
+
+    def __init__(self, name):
+        self.name, self.processes = name, []
+        self.holder = subprocess.Popen(["unshare", "-n", "-m", "bash", "-c", PREPARE], stdin=subprocess.PIPE,
+                                       stdout=subprocess.PIPE, text=True)
+        if self.holder.stdout.readline() != "ready\n":
+            raise RuntimeError("no network namespace can be made here: this needs root")
+
+    def inside(self, command):
+        return ["nsenter", "-t", str(self.holder.pid), "-n", "-m", *map(str, command)]
+
+    def run(self, *command):
+        return subprocess.run(self.inside(command), check=True, capture_output=True, text=True, timeout=300).stdout
+
+    def start(self, *command):
+        process = subprocess.Popen(self.inside(command), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.processes.append(process)
+        return process
+
+    def close(self):
+        for process in self.processes:
+            process.kill()
+            process.wait()
+        self.holder.stdin.close()
+        self.holder.wait()
+
+
+def plug(first, second):
+    """A cable between two machines."""
+    first.run("ip", "link", "add", "eth0", "type", "veth", "peer", "name", "eth0", "netns", second.holder.pid)
+    for number, machine in enumerate((first, second), 1):
+        machine.run("ip", "addr", "add", f"10.77.0.{number}/24", "dev", "eth0")
+        for link in ("lo", "eth0"):
+            machine.run("ip", "link", "set", link, "up")
+
+
+def private_kb(pid):
+    text = pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text(encoding="utf-8")
+    return sum(int(kb) for kb in re.findall(r"^Private_\w+:\s+(\d+) kB", text, re.M))
+
+
+def descriptors(pid):
+    return len(os.listdir(f"/proc/{pid}/fd"))
+
+
+class Pair:
+    """Two machines, `front` with the servers and `rear` with the clients, and what joins them."""
+
+    def __init__(self, build, bridge):
+        self.build, self.bridge = build, bridge
+        self.group, self.folder = Group(), tempfile.TemporaryDirectory()
+        self.clients, self.servers, self.bridges = 0, {}, []
+        self.front, self.rear = Machine("front"), Machine("rear")
+        plug(self.front, self.rear)
+
+    def close(self):
+        self.group.__exit__()
+        self.rear.close()
+        self.front.close()
+        self.folder.cleanup()
+
+    def program(self, contestant):
+        return self.build / f"bench/process/bench_{contestant}"
+
+    def serve(self, contestant, endpoint):
+        server = self.group.add(Child(self.front.inside([self.program(contestant), "server", "--endpoint", endpoint])))
+        self.servers[endpoint] = server.answer()["processes"]
+        # Clients wait for what the server has counted.
+        self.rear.run("ln", "-s", f"/proc/{self.front.holder.pid}/root/dev/shm/{endpoint}.count", "/dev/shm")
+
+    def start_bridges(self, *names):
+        shared = ("--interface", "eth0", "--state-folder", STATE, "--machine")
+        for machine, option in ((self.front, "--export"), (self.rear, "--import")):
+            words = [word for name in names for word in (option, name)]
+            self.bridges.append(machine.start(self.bridge, *shared, machine.name, *words).pid)
+        for name in names:
+            self.rear.run(self.build / "tools/tarvoctl/tarvoctl", "wait", name, "--timeout", "20s")
+
+    def client(self, machine, contestant, endpoint, *task):
+        """One that is connected, and the file for its samples."""
+        self.clients += 1
+        file = os.path.join(self.folder.name, str(self.clients))
+        helpers = self.servers[endpoint] + (self.bridges if machine is self.rear and ":" not in endpoint else [])
+        watched = [word for pid in helpers for word in ("--server", pid)]
+        child = self.group.add(Child(machine.inside([
+            self.program(contestant), "client", "--endpoint", endpoint, "--self", f"client{self.clients}", "--samples",
+            file, *watched, *task])))
+        child.answer()
+        return child, file
+
+    def start_dds(self):
+        config = os.path.join(self.folder.name, "dds.xml")
+        pathlib.Path(config).write_text(DDS_CONFIG, encoding="utf-8")
+        self.dds = ("env", f"CYCLONEDDS_URI=file://{config}", "ddsperf", "-i", "77")
+        self.front.start(*self.dds, "pong")
+
+    def dds_round_trip(self, size, seconds):
+        """In us. It prints the half of it once a second; the first second is that of its start."""
+        said = self.rear.run(*self.dds, "-D", seconds + 1, "ping", "size", size)
+        halves = [float(us) for us in re.findall(r" 50% ([\d.]+)us", said)]
+        return 2 * sum(halves[1:]) / len(halves[1:])
+
+    def start_floor(self):
+        self.floor = self.build / "bench/bridge/bench_tcp_floor"
+        for machine in (self.front, self.rear):
+            machine.run("mkfifo", "/dev/shm/in", "/dev/shm/out")
+        relay = [self.front.start(self.floor, "echo", "/dev/shm/in", "/dev/shm/out"),
+                 self.front.start(self.floor, "listen", FLOOR_PORT, "/dev/shm/in", "/dev/shm/out")]
+        end = time.monotonic() + 20
+        while f":{FLOOR_PORT}" not in self.front.run("ss", "-Hltn"):
+            if time.monotonic() > end:
+                raise TimeoutError("the floor does not listen")
+        relay.append(self.rear.start(self.floor, "connect", FRONT_ADDRESS, FLOOR_PORT, "/dev/shm/in", "/dev/shm/out"))
+        self.relay = [process.pid for process in relay]
+
+    def floor_calls(self, size, count, window):
+        ticks = sum(processor_time(self.relay))
+        said = json.loads(self.rear.run(self.floor, "call", "/dev/shm/in", "/dev/shm/out", size, count, window))
+        # Without the client's own.
+        spent = (sum(processor_time(self.relay)) - ticks) / os.sysconf("SC_CLK_TCK")
+        return said["median_us"], said["calls_per_s"], spent / count * 1e6
