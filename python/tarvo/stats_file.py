@@ -136,6 +136,7 @@ class StatsFile:
             created_unix_ns=header.created_wall,
             read_at_ns=time.monotonic_ns(),
             one_ways_per_time=header.one_ways_per_time,
+            calls_per_time=header.calls_per_time,
             inexact=inexact,
             unreadable=tuple(found.unreadable),
             numbers=process_numbers(header.words),

@@ -26,7 +26,7 @@ import tarvo
 from tarvo import stats
 
 MAGIC, HEADER_SIZE, SLOT_SIZE, MOST_SLOTS = 0x5354415453565254, 4096, 4608, 65536
-HEADER, SLOT = "=QIIIIIIiIQQQ104s118Q", "=IIIIqQQ104s104sQ"
+HEADER, SLOT = "=QIIIIIIiIIIQQQ104s118Q", "=IIIIqQQ104s104sQ"
 NO_WORDS = (0,) * 512
 LOCK = struct.pack("hhqqi4x", fcntl.F_WRLCK, 0, 0, 0, 0)
 GONE, PIPE, SERVER, POOL = 1, 2, 3, 4
@@ -36,8 +36,8 @@ RANDOM = random.Random(4711)
 def header(slots, **other):
     """The bytes of a header, of which some fields are others."""
     fields = dict.fromkeys(("magic", "version", "header_size", "slot_size", "slots", "clock", "folding"), 0)
-    fields.update(magic=MAGIC, version=1, header_size=HEADER_SIZE, slot_size=SLOT_SIZE, slots=slots, clock=1)
-    fields.update(pid=4711, per_time=16, started=5, created=6, wall=7, process=b"writer", words=NO_WORDS[:118])
+    fields.update(magic=MAGIC, version=2, header_size=HEADER_SIZE, slot_size=SLOT_SIZE, slots=slots, clock=1)
+    fields.update(pid=4711, per_time=16, calls=4, rest=0, started=5, created=6, wall=7, process=b"writer", words=NO_WORDS[:118])
     fields.update(other)
     return struct.pack(HEADER, *list(fields.values())[:-1], *fields["words"])
 
@@ -119,6 +119,7 @@ def told_process(process):
         "created_at_ns": process.created_at_ns,
         "created_unix_ns": process.created_unix_ns,
         "one_ways_per_time": process.one_ways_per_time,
+        "calls_per_time": process.calls_per_time,
         "inexact": process.inexact,
         "unreadable_slots": len(process.unreadable),
         "seconds": None,
