@@ -6,6 +6,7 @@
 #include "loop/StatsFixture.h"
 #include "support/AllocFaults.h"
 #include "support/Faults.h"
+#include "support/StatsWrap.h"
 
 namespace tarvo_test {
 namespace {
@@ -262,6 +263,31 @@ TEST_F(StatsReceivingTest, OfOneWayRequestsAFewAreTimed) {
     EXPECT_EQ(Times(OnFile().wait), 4U);
     EXPECT_EQ(Times(OnFile().callback), 4U);
     EXPECT_EQ(Times(OnFile().inFifo), 4U);
+}
+
+TEST_F(StatsReceivingTest, WhatHasComeIsRightBeyondTheWrapOfEveryCounter) {
+    constexpr uint64_t ROUNDS = 20;
+    GoNearTheWrap();
+    const TarvoStatsPipe before = Numbers();
+    EXPECT_GT(before.calls.begun, UINT64_MAX - 5);
+    for (uint64_t i = 0; i < ROUNDS; ++i) {
+        ASSERT_GT(link.Call("q", "call" + std::to_string(i), -1), 0);
+        peer.Send(RawResponse(peer.Receive().id, "a"));
+        ASSERT_TRUE(link.Await("done call" + std::to_string(i) + " 0 a"));
+        peer.Send(RawRequest(1, "x"));
+        ASSERT_TRUE(link.AwaitCount(2 * i + 2));
+    }
+    const TarvoStatsPipe now = Numbers();
+    EXPECT_EQ(ROUNDS, now.calls.begun - before.calls.begun);
+    EXPECT_LT(now.calls.begun, ROUNDS);
+    EXPECT_EQ(ROUNDS, now.calls.ended[TARVO_STATS_END_ANSWERED] - before.calls.ended[TARVO_STATS_END_ANSWERED]);
+    EXPECT_EQ(ROUNDS, now.received.messages[TARVO_STATS_ONE_WAY] - before.received.messages[TARVO_STATS_ONE_WAY]);
+    EXPECT_EQ(ROUNDS, now.sent.bytes[TARVO_STATS_CALL] - before.sent.bytes[TARVO_STATS_CALL]);
+    EXPECT_EQ(ROUNDS, now.requests.finished - before.requests.finished);
+    EXPECT_EQ(0U, now.requests.queued.now);
+    EXPECT_EQ(0U, now.requests.running.now);
+    EXPECT_EQ(0U, now.calls.outstanding.now);
+    EXPECT_EQ(1U, now.calls.outstanding.most);
 }
 
 } // namespace
