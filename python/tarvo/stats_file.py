@@ -157,7 +157,7 @@ class StatsFile:
     def _header(self) -> Header:
         """What it says of the file's size is true."""
         values = HEADER.unpack(self._data(HEADER.size, 0))
-        header = Header._make((*values[:13], values[13:]))
+        header = Header._make((*values[:15], values[15:]))
         if header.magic != MAGIC:
             raise self._no_statistics()
         if header.version != VERSION:

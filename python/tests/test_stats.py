@@ -292,7 +292,7 @@ WRONG = {
     "most slots": {"slots": 2**32 - 1},
     "clock": {"clock": 0},
     "name without an end": {"process": b"x" * 104},
-    "version": {"version": 2},
+    "version": {"version": 1},
     "no version": {"version": 0},
 }
 
@@ -466,7 +466,7 @@ def test_reading_is_repeated_when_numbers_have_moved_in_it(tmp_path, monkeypatch
         monkeypatch.setattr(os, "pread", move)
         process = stats.read(path)
     assert seen and not process.inexact and process.pipes[0].name == "b"
-    assert process.sum().calls_begun == 7
+    assert process.sum().calls_begun == 7 + 7, "of the first thread and of the others"
 
 
 # ---- Directories ----
