@@ -15,6 +15,10 @@
 // atomically, but not at the same moment as any other: of a process that runs, or was killed in the middle of a
 // message, two counters may be apart by the messages that each of its threads had in hand.
 //
+// Where several threads count the same, the first one of them has words of its own, whose names begin with `first`: it
+// writes those with plain stores, and the others theirs atomically. A number is the sum of both. TarvoStatsRead() and
+// its like add them up, and leave 0 in the words of the first.
+//
 // How a slot is read while it is written: read `sequence`; odd means that its identity is being changed, try again;
 // read the rest; read `sequence` again; a different value means that what was read belongs to two pipes, try again.
 // `sequence` 0: never used. TarvoStatsRead() does so.
@@ -30,7 +34,7 @@ extern "C" {
 #define TARVO_STATS_DIRECTORY "/dev/shm/velm/tarvo-stats"
 // The first 8 bytes of each file: written last, so a file without it is not one, or not yet.
 #define TARVO_STATS_MAGIC UINT64_C(0x5354415453565254)
-#define TARVO_STATS_VERSION 1U
+#define TARVO_STATS_VERSION 2U
 #define TARVO_STATS_HEADER_SIZE 4096U
 #define TARVO_STATS_SLOT_SIZE 4608U
 #define TARVO_STATS_SLOTS_PER_CHUNK 8U
@@ -40,14 +44,18 @@ extern "C" {
 
 // A histogram of times in nanoseconds. Bucket 0 counts those below 896 ns, the last those from 120.26 s on. Between
 // them each power of two has four buckets of equal width, so that none is wider than a quarter of its lower end: the
-// bucket of t is 4 * (floor(log2(t)) - 9) + (the two bits of t below its highest) - 2. All counts together are the
-// number of times measured; calls are measured each, one-way requests, and responses in the FIFO, as the header's
-// `oneWaysPerTime` says.
+// bucket of t is 4 * (floor(log2(t)) - 9) + (the two bits of t below its highest) - 2.
+//
+// All counts together are the number of times measured. Of messages and calls those are samples, for a look at the
+// clock takes as long as all the counting: of calls, at both of their ends, one of the header's `callsPerTime`, and of
+// one-way requests, and responses in the FIFO, one of `oneWaysPerTime`; of each pipe the first of them, and then on.
+// The calls are picked at changing distances, so that a program that makes its calls in turns is not seen at one of
+// them only. `longest` of round trips knows of every call, up to a tick of the kernel's clock (1 to 10 ms).
 #define TARVO_STATS_BUCKETS 110U
 
 typedef struct TarvoStatsTimes {
     uint64_t sum;     // of all times, ns
-    uint64_t longest; // ns
+    uint64_t longest; // ns; of round trips also of those that are in no bucket
     uint64_t buckets[TARVO_STATS_BUCKETS];
 } TarvoStatsTimes;
 
@@ -101,8 +109,8 @@ enum {
 
 // A number that goes up and down, and the highest it has been.
 typedef struct TarvoStatsLevel {
-    uint64_t now; // of a pipe: 0 in the file, and worked out of the counters by TarvoStatsRead()
-    uint64_t most;
+    uint64_t now;  // of a pipe: 0 in the file, and worked out of the counters by TarvoStatsRead()
+    uint64_t most; // of requests queued: once there have been 64, seen for certain from 8 on
 } TarvoStatsLevel;
 
 // The numbers of one pipe. Each group stands on cache lines of its own, since different threads write them.
@@ -113,7 +121,8 @@ typedef struct TarvoStatsPipe {
         uint64_t bytes[TARVO_STATS_KINDS];
         uint64_t refused[TARVO_STATS_SEND_REASONS];
         uint64_t lost; // accepted into a batch that could not be written any more
-        uint64_t reserved[6];
+        uint64_t firstMessages[TARVO_STATS_KINDS];
+        uint64_t firstBytes[TARVO_STATS_KINDS];
     } sent;
     // By the thread that receives. Whole and right frames, then those that were not.
     struct {
@@ -134,7 +143,9 @@ typedef struct TarvoStatsPipe {
         uint64_t reserved;
         TarvoStatsLevel queued;  // requests that wait for a worker, a callback to be installed, or the next round
         TarvoStatsLevel running; // callbacks, for requests
-        uint64_t reserved2[4];
+        uint64_t firstBegun;
+        uint64_t firstFinished;
+        uint64_t reserved2[2];
     } requests;
     // Calls begun are ended or outstanding (`outstanding.now` is the rest).
     struct {
@@ -142,7 +153,9 @@ typedef struct TarvoStatsPipe {
         uint64_t ended[TARVO_STATS_ENDS];
         uint64_t reserved;
         TarvoStatsLevel outstanding;
-        uint64_t reserved2[6];
+        uint64_t firstBegun;
+        uint64_t firstAnswered; // of `ended`
+        uint64_t reserved2[4];
     } calls;
     TarvoStatsTimes roundTrip; // of answered calls, from the begin of the call to its end
     TarvoStatsTimes inFifo;    // from the writing of a frame to its being read
@@ -224,11 +237,13 @@ typedef struct TarvoStatsHeader {
     uint32_t version;
     uint32_t headerSize;
     uint32_t slotSize;
-    uint32_t slots;                      // that the file has; grows
-    uint32_t clock;                      // of all times: CLOCK_MONOTONIC (clock_gettime(2))
-    uint32_t folding;                    // odd while a closed pipe's numbers move to the slot of those gone
-    int32_t pid;                         // in the process's own namespace
-    uint32_t oneWaysPerTime;             // of so many one-way requests or responses one is timed
+    uint32_t slots;          // that the file has; grows
+    uint32_t clock;          // of all times: CLOCK_MONOTONIC (clock_gettime(2))
+    uint32_t folding;        // odd while a closed pipe's numbers move to the slot of those gone
+    int32_t pid;             // in the process's own namespace
+    uint32_t oneWaysPerTime; // of so many one-way requests or responses one is timed
+    uint32_t callsPerTime;   // of so many calls one is timed
+    uint32_t reserved;
     uint64_t startedAt;                  // of the process, ticks since boot: field 22 of /proc/PID/stat (proc(5))
     uint64_t createdAt;                  // of the file, ns of `clock`
     uint64_t createdWall;                // of the file, ns since 1970

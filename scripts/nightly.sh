@@ -9,7 +9,7 @@ STEPS=(kills loopkills loop comeback stopped reconnect twins reopen bridge soak 
 
 # How many minutes each may take; together four hours on two processors. What is not done then is ended, and has failed.
 declare -A LIMITS=([kills]=12 [loopkills]=3 [loop]=22 [comeback]=8 [stopped]=3 [reconnect]=9 [twins]=5 [reopen]=10
-    [bridge]=10 [soak]=23 [counted]=4 [python]=6 [models]=12 [fuzz]=20 [ends]=12 [races]=15 [cancels]=4
+    [bridge]=10 [soak]=23 [counted]=6 [python]=6 [models]=12 [fuzz]=20 [ends]=12 [races]=15 [cancels]=4
     [clang]=9 [asan]=12 [arm64]=14 [tidy]=10 [mutants]=11 [bare]=6)
 
 usage() {
@@ -144,7 +144,7 @@ step_python() {
 step_counted() {
     run counted "2000 kills, counted" storm storm_kills --kills 2000 --groups 6 --quiet --stats ${seed:+--seed "$seed"}
     run counted "tests, counted" env TARVO_TEST_STATS=1 scripts/test.sh release -- --output-on-failure \
-        -R '^(unit_(pipe|pipe_calls|server|monitor|table|api_calls|api_cancel)|faults_calls|system_(call|callback|close|open|full_fifo|raw_peer|shutdown)|unit_loop|loop_(rounds|opening|receiving|sending|calls|ends|serving|quiet|handles))\.'
+        -R '^(unit_(pipe|pipe_calls|server|monitor|table|api_calls|api_cancel)|faults_calls|system_(call|callback|close|open|full_fifo|raw_peer|shutdown)|unit_loop|loop_(rounds|opening|receiving|sending|calls|ends|serving|quiet|handles|faults|hostile))\.'
 }
 step_fuzz() { run fuzz "fuzzing, $fuzz s a target" scripts/fuzz.sh --seconds "$fuzz" --jobs 2 --keep; }
 step_models() { run models "models, large bounds" scripts/models.sh --large --minutes 4; }

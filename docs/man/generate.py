@@ -18,7 +18,7 @@ import header
 import markdown
 
 # The day of the last change of what the pages say, and not of the build: equal sources make equal pages.
-DATE = "2026-11-21"
+DATE = "2026-11-22"
 
 # Names of a page, its line in indexes, and the pages to look at besides those that its text names.
 PAGES = [
@@ -61,6 +61,29 @@ LOOP_PAGES = [
 ]
 
 
+STATS_PAGES = [
+    (["TarvoStatsOpen", "TarvoStatsOpenAt", "TarvoStatsClose"], "open the statistics file of a process",
+     ["TarvoStatsRead", "TarvoStatsEach"]),
+    (["TarvoStatsEach"], "list the statistics files of all processes", ["TarvoStatsOpenAt"]),
+    (["TarvoStatsRead", "TarvoStatsFree", "TarvoStatsReading"], "read what a process has counted",
+     ["TarvoStatsOpen", "TarvoStatsPipe"]),
+    (["TarvoStatsReadSlot", "TarvoStatsAlive"], "read one place of a statistics file, or whether its process lives",
+     ["TarvoStatsOpen"]),
+    (["TarvoStatsSum", "TarvoStatsPipeSince", "TarvoStatsSame"], "sums and differences of what has been counted",
+     ["TarvoStatsRead"]),
+    (["TarvoStatsPercentile", "TarvoStatsTimesCount", "TarvoStatsTimesAdd", "TarvoStatsTimesSince", "TarvoStatsBucketOf",
+      "TarvoStatsBucketEnd", "TarvoStatsTimes"], "what a histogram of times says", ["TarvoStatsPipe"]),
+    (["TarvoStatsPipe", "TarvoStatsLevel"], "the numbers of a pipe", ["TarvoStatsRead", "TarvoStatsTimes"]),
+    (["TarvoStatsServer", "TarvoStatsPool"], "the numbers of a server, and of the callback threads",
+     ["TarvoStatsRead", "TarvoStatsTimes"]),
+    (["TarvoStatsHeader", "TarvoStatsSlot"], "how a statistics file lies", ["TarvoStatsRead"]),
+    (["TarvoPipeStats"], "read the numbers of a pipe of this process", ["TarvoStatsPipe"]),
+    (["TarvoLinkStats"], "read the numbers of a link of this process", ["TarvoStatsPipe"]),
+]
+# What else a header declares that is in another library.
+ELSEWHERE = {"TarvoPipeStats": "tarvo", "TarvoLinkStats": "tarvo-loop"}
+
+
 @dataclass
 class Book:
     """The pages of one library."""
@@ -69,12 +92,13 @@ class Book:
     header: str
     library: str
     pages: list
-    example: str  # the file with the first program
+    example: str = ""  # the file with the first program; none: it is a part of the first library, with its overview
 
 
 BOOKS = [
     Book("tarvo", "tarvo.h", "tarvo", PAGES, "README.md"),
     Book("tarvo-loop", "tarvo_loop.h", "tarvo-loop", LOOP_PAGES, "docs/loop.md"),
+    Book("tarvo", "tarvo_stats.h", "tarvo-stats", STATS_PAGES),
 ]
 
 # Pages of docs/ that who looks after a machine wants at hand: name, source, and its line in indexes.
@@ -105,6 +129,7 @@ class Markup:
             return f"\\fI{escape(text[1:-1])}\\fP"
         if page := re.fullmatch(r"(\w+)\((\d)\)", text):
             return f"\\fB{page[1]}\\fP({page[2]})"
+        text = text.removesuffix("()")
         if text in self.functions:
             self.mentioned.add(text)
             return f"\\fB{text}\\fP()"
@@ -116,7 +141,7 @@ class Markup:
 
     def __call__(self, text):
         names = "|".join(sorted(self.functions | self.types, key=len, reverse=True))
-        token = rf"`[^`]+`|\b[a-z_]+\(\d\)|\b\w+(?:->|::)\w+|-E[A-Z]+|\b(?:TARVO|SCHED|SIG)_?[A-Z_]+\b|\b(?:{names})\b"
+        token = rf"`[^`]+`|\b[a-z_]+\(\d\)|\b\w+(?:->|::)\w+|-E[A-Z]+|\b(?:TARVO|SCHED|SIG)_?[A-Z_]+\b|\b(?:{names})\b(?:\(\))?"
         parts, at = [], 0
         for match in re.finditer(token, text):
             parts += [escape(text[at:match.start()]), self.word(match)]
@@ -171,10 +196,15 @@ def synopsis(group, include):
 def members(declaration, markup):
     """Their comments; the kind of a member without one says what it means, or else the structure's description does."""
     lines = []
-    for member in declaration.members:
+    for at, member in enumerate(declaration.members):
+        if member.code.startswith("}"):
+            continue
+        code = member.code
+        if code.endswith("{"):
+            code += " ... " + next(one.code for one in declaration.members[at:] if one.code.startswith("}"))
         kinds = [name for name in markup.types if re.search(rf"\b{name}\b", member.code)]
         if member.paragraphs or kinds:
-            lines += [".TP", f"\\fB{escape(member.code)}\\fP"]
+            lines += [".TP", f"\\fB{escape(code)}\\fP"]
         for number, paragraph in enumerate(member.paragraphs):
             first = paragraph[0] if re.match(r"\w+\(", paragraph) else paragraph[0].upper()  # code stays as it is
             text = paragraph if paragraph.endswith((".", ":")) else f"{first}{paragraph[1:]}."
@@ -200,9 +230,10 @@ def page(book, names, line, see, declared, version):
         for paragraph in result:
             results += [".TP", f"\\fB{one.name}\\fP()"] if len(group) > 1 else [".PP"] * bool(results)
             results.append(markup(paragraph))
+    library = escape(ELSEWHERE.get(names[0], book.library))
     others = sorted((markup.mentioned | set(see)) - set(names), key=str.lower)
     lines = [f'.TH {names[0]} 3 {DATE} "tarvo {version}" "Library Functions Manual"', ".SH NAME",
-             f"{', '.join(names)} \\- {escape(line)}", ".SH LIBRARY", f"tarvo (\\fIlib{escape(book.library)}\\fP, \\fI\\-l{escape(book.library)}\\fP)"]
+             f"{', '.join(names)} \\- {escape(line)}", ".SH LIBRARY", f"tarvo (\\fIlib{library}\\fP, \\fI\\-l{library}\\fP)"]
     lines += synopsis(group, book.header) + [".SH DESCRIPTION"] + description
     if results:
         lines += [".SH RETURN VALUE"] + results
@@ -232,6 +263,7 @@ def drift(book, declared, text, template):
     in_pages = {name for names, _, _ in book.pages for name in names}
     in_header = {one.name for one in declared}
     codes = set(re.findall(r"-E[A-Z]+", text)) - set(re.findall(r"-E[A-Z]+", template.replace("\\-", "-")))
+    codes = codes if book.example else set()
     return ([f"no page for {name}: add it to the pages of {book.name}" for name in sorted(in_header - in_pages)]
             + [f"{book.header} does not declare {name}" for name in sorted(in_pages - in_header)]
             + [f"{book.name}(7) does not explain {code}" for code in sorted(codes)])
@@ -247,7 +279,7 @@ def main():
     parser.add_argument("--list", action="store_true", help="print the names of the files and write none")
     arguments = parser.parse_args()
     files = [f"man3/{name}.3" for book in BOOKS for names, _, _ in book.pages for name in names]
-    files += [f"man7/{name}.7" for name in [book.name for book in BOOKS] + [guide[0] for guide in GUIDES]]
+    files += [f"man7/{name}.7" for name in [book.name for book in BOOKS if book.example] + [guide[0] for guide in GUIDES]]
     if arguments.list:
         print(";".join(files), end="")
         return
@@ -261,6 +293,8 @@ def main():
             contents[f"man3/{names[0]}.3"] = page(book, names, line, see, declared, arguments.version)
             for name in names[1:]:
                 contents[f"man3/{name}.3"] = f".so man3/{names[0]}.3\n"
+        if not book.example:
+            continue
         example = (arguments.source / book.example).read_text(encoding="utf-8")
         contents[f"man7/{book.name}.7"] = overview(book, template, text, example, declared, arguments.version)
     if arguments.check:

@@ -12,6 +12,7 @@ class Member:
 
     code: str
     paragraphs: list
+    indent: str = "    "  # deeper within a structure in the structure
 
 
 @dataclass
@@ -58,7 +59,7 @@ def parse_members(lines):
             continue
         code, _, beside = stripped.partition("//")
         text = paragraphs_of(comment) + ([beside.strip()] if beside else [])
-        members.append(Member(code.strip().rstrip(";,"), text))
+        members.append(Member(code.strip().rstrip(";,"), text, line[:len(line) - len(line.lstrip())]))
         comment = []
     return members
 
@@ -98,7 +99,8 @@ def declarations(text):
             body = lines[at:end]
             members = parse_members(body)
             mark = ";" if match[1] == "struct" else ","
-            code = "\n".join([line] + [f"    {member.code}{mark}" for member in members] + [lines[end]])
+            inside = [member.indent + member.code + ("" if member.code.endswith("{") else mark) for member in members]
+            code = "\n".join([line] + inside + [lines[end]])
             found.append(Declaration(match[1], match[2], code, paragraphs_of(comment), members))
             at = end + 1
         elif match := re.match(r"typedef .*\(\*(\w+)\)\(", line):

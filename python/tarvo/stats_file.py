@@ -136,6 +136,7 @@ class StatsFile:
             created_unix_ns=header.created_wall,
             read_at_ns=time.monotonic_ns(),
             one_ways_per_time=header.one_ways_per_time,
+            calls_per_time=header.calls_per_time,
             inexact=inexact,
             unreadable=tuple(found.unreadable),
             numbers=process_numbers(header.words),
@@ -156,7 +157,7 @@ class StatsFile:
     def _header(self) -> Header:
         """What it says of the file's size is true."""
         values = HEADER.unpack(self._data(HEADER.size, 0))
-        header = Header._make((*values[:13], values[13:]))
+        header = Header._make((*values[:15], values[15:]))
         if header.magic != MAGIC:
             raise self._no_statistics()
         if header.version != VERSION:

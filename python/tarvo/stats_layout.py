@@ -26,7 +26,7 @@ from .stats_numbers import (
 from .stats_process import Engine, Pipe, Pool, Server, State
 
 MAGIC = 0x5354415453565254
-VERSION = 1
+VERSION = 2
 HEADER_SIZE = 4096
 SLOT_SIZE = 4608
 MAX_SLOTS = 65536
@@ -36,11 +36,14 @@ _ENGINES: tuple[Engine, ...] = ("threads", "loop")
 _STATES: tuple[State, ...] = ("closed", "opening", "open", "remote closed")
 
 _TIMES_WORDS = 2 + BUCKETS
+# Of a pipe's words those that a thread has of its own, and what they belong to: messages and bytes sent, callbacks begun
+# and finished, calls begun and answered.
+_FIRST = (*((at, at + 10) for at in range(6)), (32, 44), (33, 45), (48, 58), (49, 59))
 PIPE_WORDS = 64 + 4 * _TIMES_WORDS
 SERVER_WORDS = 8 + _TIMES_WORDS
 POOL_WORDS = 8
 PROCESS_WORDS = 6 + _TIMES_WORDS
-HEADER = struct.Struct(f"=QIIIIIIiIQQQ{NAME_SIZE}s{PROCESS_WORDS}Q")
+HEADER = struct.Struct(f"=QIIIIIIiIIIQQQ{NAME_SIZE}s{PROCESS_WORDS}Q")
 FOLDING_AT = 28
 SLOT = struct.Struct(f"=IIIIqQQ{NAME_SIZE}s{NAME_SIZE}sQ")
 WORD = struct.Struct("=I")
@@ -59,6 +62,8 @@ class Header(NamedTuple):
     folding: int
     pid: int
     one_ways_per_time: int
+    calls_per_time: int
+    reserved: int
     started_at: int
     created_at: int
     created_wall: int
@@ -111,8 +116,17 @@ def _level(most: int, come: int, gone: int) -> Level:
     return Level(now, max(now, most))
 
 
+def _with_first(words: Sequence[int]) -> Sequence[int]:
+    added = list(words)
+    for sum_at, first_at in _FIRST:
+        added[sum_at] = (added[sum_at] + added[first_at]) & MASK
+    return added
+
+
 def pipe_numbers(w: Sequence[int]) -> PipeNumbers:
-    """Of PIPE_WORDS words. A file has no levels of pipes: they are worked out of the counters."""
+    """Of PIPE_WORDS words. A file has no levels of pipes: they are worked out of the counters. Where several threads count
+    the same, the first of them has words of its own, which are added to those of the others."""
+    w = _with_first(w)
     received, dropped, ended = Kinds(*w[16:19]), Dropped(*w[34:39]), Ends(*w[49:55])
     begun, finished, calls = w[32], w[33], w[48]
     return PipeNumbers(

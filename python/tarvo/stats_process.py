@@ -94,6 +94,8 @@ class Process:
     """When this was read, by CLOCK_MONOTONIC."""
     one_ways_per_time: int
     """Of so many one-way requests one is timed."""
+    calls_per_time: int
+    """Of so many calls one is timed."""
     inexact: bool
     """Numbers of a pipe moved within the file all the while: sums may have them twice or not at all."""
     unreadable: tuple[int, ...]

@@ -4,6 +4,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <utility>
 
@@ -60,6 +61,22 @@ public:
     // What it has yielded since this was asked last.
     FrameSum TakeSum() { return std::exchange(sum, {}); }
     const FrameSum &Sum() const { return sum; }
+    // One that is counted by itself.
+    void LeaveOut(uint64_t size) {
+        --sum.frames;
+        sum.bytes -= size;
+    }
+
+    // Whether what has just been fed is one frame and nothing else, as its head has it.
+    bool IsOneFrame() const {
+        const auto size = static_cast<std::size_t>(end - unread);
+        uint32_t payloadLen = 0;
+        if (carried != 0 || size < sizeof(MsgHead)) {
+            return false;
+        }
+        std::memcpy(&payloadLen, unread + offsetof(MsgHead, payloadLen), sizeof(payloadLen));
+        return payloadLen == size - sizeof(MsgHead);
+    }
 
     // Whether Next() yields a frame. Drops bad bytes that are in the way.
     bool HasNext();

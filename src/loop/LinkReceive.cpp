@@ -171,7 +171,7 @@ TarvoLink::Step TarvoLink::EndCall(const Frame &frame) {
     CallEnd end{};
     const bool isAwaited = calls.Answer(frame.id, end);
     if (stats.On()) {
-        stats.TakeResponse(frame);
+        stats.TakeResponse(frame, reader);
         isAwaited ? stats.Answered(end.begun) : stats.Late();
     }
     if (!isAwaited) {
@@ -212,10 +212,10 @@ void TarvoLink::Read() {
     const ssize_t count = read(readFd.Get(), loop.Scratch(), TarvoLoop::SCRATCH_SIZE);
     if (count > 0) {
         heard = true;
-        if (stats.On()) {
-            stats.Read();
-        }
         reader.Feed(loop.Scratch(), static_cast<std::size_t>(count));
+        if (stats.On()) {
+            stats.Read(reader);
+        }
         return;
     }
     if (count < 0 && (errno == EAGAIN || errno == EINTR)) {

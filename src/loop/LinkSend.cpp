@@ -156,7 +156,7 @@ int TarvoLink::FlushWith(uint32_t kind, uint32_t size) {
     }
     const int ret = FlushNow();
     if (stats.On()) {
-        stats.Settled(ret, kind);
+        stats.Settled(ret, kind, size);
     }
     return ret == -EAGAIN ? 0 : ret;
 }

@@ -3,7 +3,6 @@
 #include <sys/ioctl.h>
 
 #include <cerrno>
-#include <numeric>
 #include <utility>
 
 #include "stats/StatsFile.h"
@@ -24,10 +23,6 @@ uint32_t KindOf(const Frame &frame) {
     return frame.timeout < 0 ? TARVO_STATS_ONE_WAY : TARVO_STATS_CALL;
 }
 
-uint64_t Requests(const uint64_t *messages) {
-    return Load(messages[TARVO_STATS_ONE_WAY]) + Load(messages[TARVO_STATS_CALL]);
-}
-
 } // namespace
 
 LinkStats::LinkStats(const std::string &self, const std::string &remote)
@@ -45,11 +40,12 @@ LinkStats::~LinkStats() {
 
 void LinkStats::Copy(const FrameBatch &batch, const FrameReader &reader, TarvoStatsPipe &copy) const {
     copy = *pipe;
-    Add({batch.Frames() - counted.frames, batch.PayloadBytes() - counted.bytes}, inBatch, copy.sent.messages,
-        copy.sent.bytes);
-    Add(reader.Sum(), found, copy.received.messages, copy.received.bytes);
+    copy.sent.messages[TARVO_STATS_ONE_WAY] += batch.Frames() - counted.frames;
+    copy.sent.bytes[TARVO_STATS_ONE_WAY] += batch.PayloadBytes() - counted.bytes;
+    copy.received.messages[TARVO_STATS_ONE_WAY] += reader.Sum().frames;
+    copy.received.bytes[TARVO_STATS_ONE_WAY] += reader.Sum().bytes;
     copy.requests.begun = BegunAfter(copy);
-    copy.requests.finished = copy.requests.begun - (published && !inOther ? 1 : 0);
+    copy.requests.finished = copy.requests.begun - (running && !inOther ? 1 : 0);
     Stats::SetLevels(copy);
 }
 
@@ -72,54 +68,17 @@ void LinkStats::Closed(int readFd) {
     slot.Closed();
 }
 
-void LinkStats::Add(FrameSum all, const Sums &others, uint64_t *messages, uint64_t *bytes) {
-    for (uint32_t kind = TARVO_STATS_CALL; kind < TARVO_STATS_KINDS; ++kind) {
-        if (others[kind].frames != 0) {
-            all.frames -= others[kind].frames;
-            all.bytes -= others[kind].bytes;
-            CountAlone(messages[kind], others[kind].frames);
-            CountAlone(bytes[kind], others[kind].bytes);
-        }
-    }
-    if (all.frames != 0) {
-        CountAlone(messages[TARVO_STATS_ONE_WAY], all.frames);
-        CountAlone(bytes[TARVO_STATS_ONE_WAY], all.bytes);
-    }
-}
-
-void LinkStats::Settled(int flushed, uint32_t kind) {
-    const FrameSum one = std::exchange(fresh, {});
-    if (flushed != 0 && flushed != -EAGAIN) {
-        Refused(flushed);
-        return;
-    }
-    CountAlone(pipe->sent.messages[kind]);
-    CountAlone(pipe->sent.bytes[kind], one.bytes);
-    if (flushed == -EAGAIN) {
-        counted.Add(one.bytes);
-    }
-}
-
 void LinkStats::Refused(int result) const { CountAlone(pipe->sent.refused[Stats::RefusalOf(result)]); }
 
-void LinkStats::Flushing(const FrameBatch &batch) {
-    const FrameSum all{batch.Frames() - counted.frames - fresh.frames,
-                       batch.PayloadBytes() - counted.bytes - fresh.bytes};
-    if (all.frames != 0) {
-        Add(all, std::exchange(inBatch, {}), pipe->sent.messages, pipe->sent.bytes);
-        counted.frames += all.frames;
-        counted.bytes += all.bytes;
-    }
+void LinkStats::CountOneWays(const FrameBatch &batch) {
+    CountAlone(pipe->sent.messages[TARVO_STATS_ONE_WAY], batch.Frames() - counted.frames);
+    CountAlone(pipe->sent.bytes[TARVO_STATS_ONE_WAY], batch.PayloadBytes() - counted.bytes);
+    counted = {batch.Frames(), batch.PayloadBytes()};
 }
 
 void LinkStats::Lost(const FrameBatch &batch) {
     Flushing(batch);
-    CountAlone(pipe->sent.lost, std::exchange(counted, {}).frames);
-}
-
-void LinkStats::CallBegun() {
-    CountAlone(pipe->calls.begun);
-    AtMostAlone(pipe->calls.outstanding.most, ++outstanding);
+    CountAlone(pipe->sent.lost, std::exchange(counted, {}).frames - fresh);
 }
 
 void LinkStats::CallEnded(int result) {
@@ -133,8 +92,15 @@ void LinkStats::CallNotSent() {
 }
 
 void LinkStats::Answered(uint64_t callBegan) {
-    CallEnded(0);
-    TimeAlone(pipe->roundTrip, Between(callBegan, readAt));
+    uint64_t &answered = pipe->calls.ended[TARVO_STATS_END_ANSWERED];
+    const uint64_t number = Load(answered);
+    --outstanding;
+    Stats::Store(answered, number + 1);
+    if (Stats::IsTimedCall(number)) {
+        TimeAlone(pipe->roundTrip, Between(callBegan, ReadAt()));
+    } else {
+        Stats::NoteRoundTrip(pipe->roundTrip, callBegan);
+    }
 }
 
 void LinkStats::Late() { CountAlone(pipe->received.late); }
@@ -143,28 +109,22 @@ void LinkStats::TimeInFifo(const Frame &frame) {
     // Peers may leave it out.
     if (frame.writeStartTime > 0) {
         const auto written = static_cast<uint64_t>(frame.writeStartTime) * Stats::NS_PER_US;
-        TimeAlone(pipe->inFifo, Between(written, readAt));
+        TimeAlone(pipe->inFifo, Between(written, ReadAt()));
     }
 }
 
-void LinkStats::FoldReceived(FrameReader &reader) {
+void LinkStats::CountOneWays(FrameReader &reader) {
     const FrameSum all = reader.TakeSum();
-    if (all.frames != 0) {
-        Add(all, std::exchange(found, {}), pipe->received.messages, pipe->received.bytes);
-    }
+    CountAlone(pipe->received.messages[TARVO_STATS_ONE_WAY], all.frames);
+    CountAlone(pipe->received.bytes[TARVO_STATS_ONE_WAY], all.bytes);
 }
 
-void LinkStats::Keep(const Frame &frame) {
+void LinkStats::Keep(const Frame &frame, FrameReader &reader) {
     const uint32_t kind = KindOf(frame);
     if (kind != TARVO_STATS_ONE_WAY) {
-        found[kind].Add(frame.size);
+        CountReceived(kind, frame, reader);
     }
     kept += kind == TARVO_STATS_RESPONSE ? 0 : 1;
-}
-
-void LinkStats::KeptFolded(FrameReader &reader) {
-    FoldReceived(reader);
-    AtMostAlone(pipe->requests.queued.most, kept);
 }
 
 void LinkStats::TakeKept(const Frame &frame, uint64_t at) {
@@ -173,19 +133,17 @@ void LinkStats::TakeKept(const Frame &frame, uint64_t at) {
     kept -= frame.type == MSG_TYPE_REQUEST ? 1 : 0;
 }
 
-void LinkStats::TakeResponse(const Frame &frame) {
-    if (!isKept) {
-        found[TARVO_STATS_RESPONSE].Add(frame.size);
-    }
-    TimeInFifo(frame);
+void LinkStats::CountDropped(uint32_t reason) {
+    ++dropped;
+    CountAlone(pipe->requests.dropped[reason]);
 }
 
 void LinkStats::Dropped(const Frame &frame, uint32_t reason, FrameReader &reader) {
     if (!isKept && frame.timeout >= 0) {
-        found[TARVO_STATS_CALL].Add(frame.size);
+        CountReceived(TARVO_STATS_CALL, frame, reader);
     }
     FoldReceived(reader);
-    CountAlone(pipe->requests.dropped[reason]);
+    CountDropped(reason);
 }
 
 void LinkStats::Unread(const Frame &frame, bool isCounted) {
@@ -199,21 +157,28 @@ void LinkStats::Unread(const Frame &frame, bool isCounted) {
     if (kind == TARVO_STATS_RESPONSE) {
         Late();
     } else {
-        CountAlone(pipe->requests.dropped[TARVO_STATS_DROP_CLOSING]);
+        CountDropped(TARVO_STATS_DROP_CLOSING);
     }
 }
 
-// Others see that a callback runs, and how many have, from the first of a turn on; of the rest they hear at its end.
+// Others see that a callback runs, and how many have, with each call and with the first one-way request of a turn; of
+// the rest they hear at the next of these, or at its end.
 void LinkStats::CallbackBegins(const Frame &frame, FrameReader &reader) {
-    isTimed = frame.timeout >= 0;
-    if (isTimed && !isKept) {
-        found[TARVO_STATS_CALL].Add(frame.size);
-    }
-    if (!published) {
+    const bool isCall = frame.timeout >= 0;
+    isTimed = isCall && Stats::IsTimedCall(Load(pipe->received.messages[TARVO_STATS_CALL]) - (isKept ? kept + 1 : 0));
+    if (isCall && !isKept) {
+        CountReceived(TARVO_STATS_CALL, frame, reader);
+    } else if (!isCall && !published) {
         published = true;
-        untilSlow = untilTimed - (isTimed ? 0 : 1);
-        FoldReceived(reader);
-        Stats::Store(pipe->requests.begun, BegunAfter(*pipe));
+        untilSlow = untilTimed - 1;
+    }
+    FoldReceived(reader);
+    const uint64_t now = BegunAfter(*pipe);
+    Stats::Store(pipe->requests.finished, now - 1);
+    Stats::Store(pipe->requests.begun, now);
+    if (!running) {
+        running = true;
+        begun = now;
         AtMostAlone(pipe->requests.running.most, 1);
     }
     if (untilSlow == 0) {
@@ -221,37 +186,28 @@ void LinkStats::CallbackBegins(const Frame &frame, FrameReader &reader) {
         isTimed = true;
     }
     if (isTimed) {
-        callbackAt = afresh ? readAt : Stats::Now();
-        TimeAlone(pipe->wait, Between(readAt, callbackAt));
-        TimeInFifo(frame);
+        BeginTimed(frame);
     }
 }
 
-bool LinkStats::CallbackReturned(bool isLast) {
-    afresh = false;
-    if (isTimed && !isLast) {
+__attribute__((noinline)) void LinkStats::BeginTimed(const Frame &frame) {
+    callbackAt = afresh ? ReadAt() : Stats::Now();
+    TimeAlone(pipe->wait, Between(ReadAt(), callbackAt));
+    TimeInFifo(frame);
+}
+
+bool LinkStats::EndTimed(bool isLast) {
+    if (!isLast) {
         CallbackEnded(Stats::Now());
     }
-    return isTimed && isLast;
+    return isLast;
 }
 
-// Every request that has come has been begun, unless it was dropped or is kept.
-uint64_t LinkStats::BegunAfter(const TarvoStatsPipe &numbers) const {
-    const uint64_t gone =
-        std::accumulate(numbers.requests.dropped, numbers.requests.dropped + TARVO_STATS_DROP_REASONS, kept);
-    return Requests(numbers.received.messages) - gone;
-}
-
-void LinkStats::EndTurn(FrameReader &reader) {
-    FoldReceived(reader);
-    if (!published) {
-        untilSlow = untilTimed;
-        return;
-    }
-    published = false;
-    const uint64_t begun = BegunAfter(*pipe);
-    // They had come with the one before them.
-    AtMostAlone(pipe->requests.queued.most, begun - Load(pipe->requests.begun));
-    Stats::Store(pipe->requests.begun, begun);
-    Stats::Store(pipe->requests.finished, begun);
+void LinkStats::EndCallbacks() {
+    running = false;
+    const uint64_t now = BegunAfter(*pipe);
+    // They had come with the first one.
+    AtMostAlone(pipe->requests.queued.most, now - begun);
+    Stats::Store(pipe->requests.begun, now);
+    Stats::Store(pipe->requests.finished, now);
 }

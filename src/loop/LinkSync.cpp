@@ -180,11 +180,11 @@ int TarvoLink::AwaitBytes(int64_t deadlineUs) {
 }
 
 bool TarvoLink::Keep(const Frame &frame) {
-    const bool isKept = kept.Keep(frame, stats.ReadAt());
+    const bool isKept = kept.Keep(frame, stats.On() ? stats.ReadAt() : 0);
     if (!isKept && frame.type == MSG_TYPE_REQUEST) {
         DropRequest(frame, TARVO_STATS_DROP_MEMORY);
     } else if (stats.On()) {
-        isKept ? stats.Keep(frame) : stats.TakeResponse(frame);
+        isKept ? stats.Keep(frame, reader) : stats.TakeResponse(frame, reader);
     }
     return isKept;
 }
@@ -202,7 +202,7 @@ int TarvoLink::KeepFrames(int64_t number, char *answer, uint32_t &size) {
             continue;
         }
         if (stats.On()) {
-            stats.TakeResponse(frame);
+            stats.TakeResponse(frame, reader);
         }
         ret = frame.size <= size ? 0 : -EMSGSIZE;
         if (ret == 0) {

@@ -28,41 +28,57 @@ void PipeStats::CountSent(unsigned kind, uint32_t bytes, int result) {
         Stats::Count(numbers->sent.refused[Stats::RefusalOf(result)]);
         return;
     }
+    if (sender.IsOrBecomesThis()) {
+        CountSentFirst(kind, bytes);
+        return;
+    }
     Stats::Count(numbers->sent.messages[kind]);
     Stats::Count(numbers->sent.bytes[kind], bytes);
 }
 
 void PipeStats::CountReceived(const MsgHead &head, InMessage &msg) {
+    auto &received = numbers->received;
     const unsigned kind = KindOf(head);
-    uint64_t &messages = numbers->received.messages[kind];
-    const bool timed = kind == TARVO_STATS_CALL || Stats::Load(messages) % Stats::ONE_WAYS_PER_TIME == 0;
-    Stats::CountAlone(messages);
-    Stats::CountAlone(numbers->received.bytes[kind], head.payloadLen);
-    if (timed) {
-        msg.readAt = Stats::Now();
-        // Peers may leave it out.
-        if (head.writeStartTime > 0) {
-            const uint64_t writtenAt = static_cast<uint64_t>(head.writeStartTime) * Stats::NS_PER_US;
-            Stats::TimeAlone(numbers->inFifo, Stats::Between(writtenAt, msg.readAt));
-        }
+    const uint64_t number = Stats::Load(received.messages[kind]);
+    Stats::Store(received.messages[kind], number + 1);
+    Stats::CountAlone(received.bytes[kind], head.payloadLen);
+    const bool isTimed = kind == TARVO_STATS_CALL ? Stats::IsTimedCall(number) : number % Stats::ONE_WAYS_PER_TIME == 0;
+    if (__builtin_expect(isTimed, 0)) {
+        TimeInFifo(head, msg);
     }
     if (kind != TARVO_STATS_RESPONSE) {
         CountQueued();
     }
 }
 
-void PipeStats::CountQueued() {
+__attribute__((noinline)) void PipeStats::TimeInFifo(const MsgHead &head, InMessage &msg) {
+    msg.readAt = Stats::Now();
+    // Peers may leave it out.
+    if (head.writeStartTime > 0) {
+        const uint64_t writtenAt = static_cast<uint64_t>(head.writeStartTime) * Stats::NS_PER_US;
+        Stats::TimeAlone(numbers->inFifo, Stats::Between(writtenAt, msg.readAt));
+    }
+}
+
+inline void PipeStats::CountQueued() {
+    // To look costs the workers the line where they count: with few in the queue, which is nearly always, only now and
+    // then, once the pipe has shown what it usually does.
+    constexpr uint64_t NEW = 64;
+    constexpr uint64_t FEW = 8;
     const uint64_t *const received = numbers->received.messages;
     const uint64_t requests = Stats::Load(received[TARVO_STATS_ONE_WAY]) + Stats::Load(received[TARVO_STATS_CALL]);
-    uint64_t &most = numbers->requests.queued.most;
-    if (requests - doneWhenSeen <= Stats::Load(most)) {
-        return;
+    const uint64_t atMost = requests - doneWhenSeen;
+    if ((atMost >= FEW || requests <= NEW) && atMost > Stats::Load(numbers->requests.queued.most)) {
+        LookAtQueue(requests);
     }
-    doneWhenSeen = Stats::Load(numbers->requests.begun);
+}
+
+__attribute__((noinline)) void PipeStats::LookAtQueue(uint64_t requests) {
+    doneWhenSeen = Stats::Load(numbers->requests.begun) + Stats::Load(numbers->requests.firstBegun);
     for (const uint64_t &dropped : numbers->requests.dropped) {
         doneWhenSeen += Stats::Load(dropped);
     }
-    Stats::AtMostAlone(most, requests - doneWhenSeen);
+    Stats::AtMostAlone(numbers->requests.queued.most, requests - doneWhenSeen);
 }
 
 void PipeStats::CountUnread(int readFd) {
@@ -72,50 +88,73 @@ void PipeStats::CountUnread(int readFd) {
     }
 }
 
-uint64_t PipeStats::CountBegin(uint64_t readAt, bool alone) {
+void PipeStats::CountBegin() {
     auto &requests = numbers->requests;
-    // Atomic also where callbacks run alone: one may still run on the worker that a close has given back while the next
-    // begins on another.
-    const uint64_t begun = __atomic_add_fetch(&requests.begun, uint64_t{1}, __ATOMIC_RELAXED);
-    const uint64_t finished = Stats::Load(requests.finished);
-    Stats::AtMost(requests.running.most, Stats::Between(finished, begun));
-    if (readAt == 0) {
-        return 0;
+    if (runner.IsOrBecomesThis()) {
+        Stats::CountAlone(requests.firstBegun);
+        Stats::Store(callbacksOfOthers, Stats::Load(requests.begun));
+    } else {
+        Stats::Count(requests.begun);
     }
+    LookAtRunning();
+}
+
+uint64_t PipeStats::TimeWait(uint64_t readAt) {
     const uint64_t now = Stats::Now();
-    (alone ? Stats::TimeAlone : Stats::Time)(numbers->wait, Stats::Between(readAt, now));
+    Stats::Time(numbers->wait, Stats::Between(readAt, now));
     return now;
 }
 
-void PipeStats::CountEnd(uint64_t begunAt, bool alone) {
-    Stats::Count(numbers->requests.finished);
-    if (begunAt != 0) {
-        (alone ? Stats::TimeAlone : Stats::Time)(numbers->callback, Stats::Between(begunAt, Stats::Now()));
-    }
+void PipeStats::LookAtRunning() {
+    auto &requests = numbers->requests;
+    const uint64_t finished = Stats::Load(requests.finished) + Stats::Load(requests.firstFinished);
+    const uint64_t begun = Stats::Load(requests.begun) + Stats::Load(requests.firstBegun);
+    Stats::AtMost(requests.running.most, Stats::Between(finished, begun));
 }
 
-void PipeStats::CountCall() {
+void PipeStats::TimeCallback(uint64_t begunAt) {
+    Stats::Time(numbers->callback, Stats::Between(begunAt, Stats::Now()));
+}
+
+bool PipeStats::CountCall() {
     auto &calls = numbers->calls;
-    const uint64_t begun = __atomic_add_fetch(&calls.begun, uint64_t{1}, __ATOMIC_RELAXED);
-    uint64_t ended = 0;
+    uint64_t number = 0;
+    if (sender.IsOrBecomesThis()) {
+        number = Stats::Load(calls.firstBegun);
+        Stats::Store(calls.firstBegun, number + 1);
+        Stats::Store(callsOfOthers, Stats::Load(calls.begun));
+    } else {
+        number = __atomic_fetch_add(&calls.begun, uint64_t{1}, __ATOMIC_RELAXED);
+    }
+    LookAtOutstanding();
+    return Stats::IsTimedCall(number);
+}
+
+void PipeStats::LookAtOutstanding() {
+    auto &calls = numbers->calls;
+    uint64_t ended = Stats::Load(calls.firstAnswered);
     for (const uint64_t &end : calls.ended) {
         ended += Stats::Load(end);
     }
+    const uint64_t begun = Stats::Load(calls.begun) + Stats::Load(calls.firstBegun);
     Stats::AtMost(calls.outstanding.most, Stats::Between(ended, begun));
 }
 
-void PipeStats::CountCallEnd(unsigned end, uint64_t begunAt) {
-    Stats::Count(numbers->calls.ended[end]);
-    if (end == TARVO_STATS_END_ANSWERED) {
-        Stats::Time(numbers->roundTrip, Stats::Between(begunAt, Stats::Now()));
-    }
+void PipeStats::CountCallEnd(unsigned end) { Stats::Count(numbers->calls.ended[end]); }
+
+void PipeStats::TimeRoundTrip(uint64_t begunAt) {
+    Stats::Time(numbers->roundTrip, Stats::Between(begunAt, Stats::Now()));
 }
 
 int PipeStats::Read(TarvoStatsPipe &copy) const { return slot.Read(copy) ? 0 : -ENODATA; }
 
 CallStats::~CallStats() {
     TARVO_PROBE_CALL_END(handle, id, result);
-    stats.CallEnds(End(), writtenAt);
+    if (result == 0 && answered && !refused) {
+        stats.CallAnswered(writtenAt, isTimed);
+    } else {
+        stats.CallEnds(End());
+    }
 }
 
 unsigned CallStats::End() const {

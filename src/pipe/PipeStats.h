@@ -23,7 +23,12 @@ public:
 
     // A frame that was to be written: 0, or why it was not.
     void Sent(unsigned kind, uint32_t bytes, int result) {
-        if (IsOn()) {
+        if (!IsOn()) {
+            return;
+        }
+        if (result >= 0 && sender.IsThis()) {
+            CountSentFirst(kind, bytes);
+        } else {
             CountSent(kind, bytes, result);
         }
     }
@@ -62,41 +67,91 @@ public:
             Stats::Count(numbers->requests.dropped[reason], requests);
         }
     }
-    // When it began, or 0 if the request is not timed; `readAt` is InMessage::readAt. `alone`: no other callback of the
-    // pipe runs meanwhile.
-    uint64_t CallbackBegins(uint64_t readAt, bool alone) { return IsOn() ? CountBegin(readAt, alone) : 0; }
-    void CallbackEnds(uint64_t begunAt, bool alone) {
-        if (IsOn()) {
-            CountEnd(begunAt, alone);
+    // When it began, or 0 if the request is not timed; `readAt` is InMessage::readAt.
+    uint64_t CallbackBegins(uint64_t readAt) {
+        if (!IsOn()) {
+            return 0;
+        }
+        // Not alone where callbacks run one by one either: one may still run on the worker that a close has given back
+        // while the next begins on another.
+        auto &requests = numbers->requests;
+        if (runner.IsThis() && Stats::Load(requests.begun) == Stats::Load(callbacksOfOthers)) {
+            Stats::CountAlone(requests.firstBegun);
+        } else {
+            CountBegin();
+        }
+        return readAt == 0 ? 0 : TimeWait(readAt);
+    }
+    void CallbackEnds(uint64_t begunAt) {
+        if (!IsOn()) {
+            return;
+        }
+        auto &requests = numbers->requests;
+        runner.IsThis() ? Stats::CountAlone(requests.firstFinished) : Stats::Count(requests.finished);
+        if (begunAt != 0) {
+            TimeCallback(begunAt);
         }
     }
 
-    void CallBegins() {
+    // Whether the call is timed.
+    bool CallBegins() {
+        if (!IsOn()) {
+            return false;
+        }
+        auto &calls = numbers->calls;
+        if (!sender.IsThis() || Stats::Load(calls.begun) != Stats::Load(callsOfOthers)) {
+            return CountCall();
+        }
+        const uint64_t number = Stats::Load(calls.firstBegun);
+        Stats::Store(calls.firstBegun, number + 1);
+        return Stats::IsTimedCall(number);
+    }
+    void CallEnds(unsigned end) {
         if (IsOn()) {
-            CountCall();
+            CountCallEnd(end);
         }
     }
-    // `begunAt`: when its request was written, for one that was answered.
-    void CallEnds(unsigned end, uint64_t begunAt) {
-        if (IsOn()) {
-            CountCallEnd(end, begunAt);
+    // The same for one with its response. `begunAt`: when its request was written.
+    void CallAnswered(uint64_t begunAt, bool isTimed) {
+        if (!IsOn()) {
+            return;
         }
+        auto &calls = numbers->calls;
+        sender.IsThis() ? Stats::CountAlone(calls.firstAnswered) : Stats::Count(calls.ended[TARVO_STATS_END_ANSWERED]);
+        isTimed ? TimeRoundTrip(begunAt) : Stats::NoteRoundTrip(numbers->roundTrip, begunAt);
     }
 
     // A copy of them, with the levels worked out: 0, or -ENODATA.
     int Read(TarvoStatsPipe &copy) const;
 
 private:
+    void CountSentFirst(unsigned kind, uint32_t bytes) {
+        Stats::CountAlone(numbers->sent.firstMessages[kind]);
+        Stats::CountAlone(numbers->sent.firstBytes[kind], bytes);
+    }
+    // By others than the first, and what is rare: here and below.
     void CountSent(unsigned kind, uint32_t bytes, int result);
     void CountReceived(const MsgHead &head, InMessage &msg);
+    void TimeInFifo(const MsgHead &head, InMessage &msg);
     void CountQueued();
+    void LookAtQueue(uint64_t requests);
     void CountUnread(int readFd);
-    uint64_t CountBegin(uint64_t readAt, bool alone);
-    void CountEnd(uint64_t begunAt, bool alone);
-    void CountCall();
-    void CountCallEnd(unsigned end, uint64_t begunAt);
+    void CountBegin();
+    uint64_t TimeWait(uint64_t readAt);
+    void TimeCallback(uint64_t begunAt);
+    bool CountCall();
+    void CountCallEnd(unsigned end);
+    void TimeRoundTrip(uint64_t begunAt);
+    void LookAtRunning();
+    void LookAtOutstanding();
 
     TarvoStatsPipe *numbers = nullptr;
+    Stats::FirstThread sender; // also of calls
+    Stats::FirstThread runner; // of callbacks
+    // What all but the first had begun when the first of them looked last: as long as it is the same, the first has
+    // seen the highest level already. Written by the first alone.
+    uint64_t callsOfOthers = UINT64_MAX;
+    uint64_t callbacksOfOthers = UINT64_MAX;
     // Of the requests received, those that were begun or dropped when the receive thread last looked: the lines of
     // memory where others count them are theirs.
     uint64_t doneWhenSeen = 0;
@@ -109,9 +164,7 @@ private:
 class CallStats {
 public:
     CallStats(PipeStats &pipeStats, int pipeHandle, uint32_t callId)
-        : stats(pipeStats), handle(pipeHandle), id(callId) {
-        stats.CallBegins();
-    }
+        : stats(pipeStats), handle(pipeHandle), id(callId), isTimed(stats.CallBegins()) {}
     ~CallStats();
     CallStats(const CallStats &) = delete;
     CallStats &operator=(const CallStats &) = delete;
@@ -140,6 +193,7 @@ private:
     PipeStats &stats;
     const int handle;
     const uint32_t id;
+    const bool isTimed;
     int result = -ENOMEM;
     bool refused = false;
     bool answered = false;

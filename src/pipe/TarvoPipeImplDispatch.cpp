@@ -264,11 +264,11 @@ void TarvoPipeImpl::RunCallback(const ServiceHandler &handler, const InRequest *
     if (req != nullptr) {
         UpdateTimeRecord(req->id);
         TarvoRequest view{req->id, req->data.get(), req->length};
-        const uint64_t begunAt = stats.CallbackBegins(req->readAt, !isConcur);
+        const uint64_t begunAt = stats.CallbackBegins(req->readAt);
         TARVO_PROBE_CALLBACK_START(pipeFd.load(), req->id);
         handler(pipeFd, &view);
         TARVO_PROBE_CALLBACK_END(pipeFd.load(), req->id);
-        stats.CallbackEnds(begunAt, !isConcur);
+        stats.CallbackEnds(begunAt);
         OnCallbackFinished();
         return;
     }

@@ -1,10 +1,12 @@
 // How the numbers of a statistics file are written: 64-bit words of shared memory, each read by others at any moment.
 //
 // What ends in Alone is for numbers that one thread at a time writes, as the holder of a lock or as the only one that
-// ever does: a load, an addition and a store, which no other processor hears of.
+// ever does: a load, an addition and a store, which no other processor hears of. Where several threads count the same,
+// the first of them does so alone too, in words of its own (FirstThread).
 #ifndef TARVO_STATS_STATS_H
 #define TARVO_STATS_STATS_H
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <ctime>
@@ -60,6 +62,26 @@ inline unsigned BucketOf(uint64_t ns) {
     return bucket < LAST ? bucket : LAST;
 }
 
+// A thread is told from all that run at the same time by where this one of its own is.
+extern __thread char mark __attribute__((tls_model("initial-exec"), visibility("hidden")));
+
+// Which thread has the words of the first. When it has ended, another one may come to the same place; it began after
+// that end, and goes on where the first has stopped.
+// Owns: nothing. Threads: any. Locks: none. Ends: any time.
+class FirstThread {
+public:
+    // Whether it is the caller.
+    bool IsThis() const { return __builtin_expect(first.load(std::memory_order_relaxed) == &mark, 1); }
+    // The same, but the caller becomes it if nobody is yet. Who is not the first here never will be.
+    bool IsOrBecomesThis() {
+        const char *nobody = nullptr;
+        return first.compare_exchange_strong(nobody, &mark, std::memory_order_relaxed) || IsThis();
+    }
+
+private:
+    std::atomic<const char *> first{nullptr};
+};
+
 inline void Time(TarvoStatsTimes &times, uint64_t ns) {
     Count(times.buckets[BucketOf(ns)]);
     Count(times.sum, ns);
@@ -83,6 +105,13 @@ inline uint64_t ToNs(const timespec &time) {
 inline uint64_t Now() {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
+    return ToNs(now);
+}
+
+// The same as it was at the last tick of the kernel's clock, for a fraction of the cost.
+inline uint64_t NowOrJustBefore() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
     return ToNs(now);
 }
 
@@ -132,8 +161,25 @@ inline unsigned OpenEndOf(int result) {
     }
 }
 
-// The levels of a copy, which the file leaves to its readers.
+// Moves the words of the first threads to those of all.
+inline void AddFirst(TarvoStatsPipe &copy) {
+    const auto move = [](uint64_t &sum, uint64_t &first) {
+        sum += first;
+        first = 0;
+    };
+    for (unsigned kind = 0; kind < TARVO_STATS_KINDS; ++kind) {
+        move(copy.sent.messages[kind], copy.sent.firstMessages[kind]);
+        move(copy.sent.bytes[kind], copy.sent.firstBytes[kind]);
+    }
+    move(copy.requests.begun, copy.requests.firstBegun);
+    move(copy.requests.finished, copy.requests.firstFinished);
+    move(copy.calls.begun, copy.calls.firstBegun);
+    move(copy.calls.ended[TARVO_STATS_END_ANSWERED], copy.calls.firstAnswered);
+}
+
+// The levels of a copy, which the file leaves to its readers, as the sums with the words of the first threads.
 inline void SetLevels(TarvoStatsPipe &copy) {
+    AddFirst(copy);
     uint64_t gone = copy.requests.begun;
     for (const uint64_t dropped : copy.requests.dropped) {
         gone += dropped;
@@ -151,6 +197,24 @@ inline void SetLevels(TarvoStatsPipe &copy) {
 // Of so many one-way requests one is timed. A power of two. Timing one takes two looks at the clock, some 40 ns, where
 // a loop sends and delivers one in less than 100.
 constexpr uint32_t ONE_WAYS_PER_TIME = 64;
+
+// And so many calls.
+constexpr uint32_t CALLS_PER_TIME = 8;
+
+// Whether it is the one with that number, from 0 on, that is timed: by multiples of the golden ratio, whose fractions
+// lie evenly and never in turns. The distances are 5, 8 and 13.
+inline bool IsTimedCall(uint64_t number) {
+    constexpr uint32_t GOLDEN = 0x9E3779B9U;
+    return static_cast<uint32_t>(number) * GOLDEN < UINT32_MAX / CALLS_PER_TIME;
+}
+
+// A round trip that is not timed: the longest is known all the same, up to a tick.
+inline void NoteRoundTrip(TarvoStatsTimes &times, uint64_t begunAt) {
+    const uint64_t ns = Between(begunAt, NowOrJustBefore());
+    if (__builtin_expect(ns > Load(times.longest), 0)) {
+        AtMost(times.longest, ns);
+    }
+}
 
 } // namespace Stats
 

@@ -185,6 +185,7 @@ int StatsFile::Fill(uint64_t startTicks, const std::string &process) {
     header->clock = CLOCK_MONOTONIC;
     header->pid = getpid();
     header->oneWaysPerTime = Stats::ONE_WAYS_PER_TIME;
+    header->callsPerTime = Stats::CALLS_PER_TIME;
     header->startedAt = startTicks;
     header->createdAt = Stats::Now();
     timespec wall{};

@@ -5,6 +5,8 @@
 #include "stats/Stats.h"
 #include "stats/StatsFile.h"
 
+__thread char Stats::mark;
+
 StatsSlot::StatsSlot(const StatsIdentity &identity) {
     if (StatsFile *const counting = StatsFile::Get()) {
         *this = counting->Take(identity);
@@ -51,6 +53,9 @@ bool StatsSlot::Read(TarvoStatsPipe &copy) const {
     for (std::size_t word = sizeof(copy) / sizeof(*to); word-- > 0;) {
         to[word] = __atomic_load_n(&from[word], __ATOMIC_ACQUIRE);
     }
+    // The words of the first stand behind those that end in the words of all.
+    copy.requests.firstBegun = Stats::Load(slot->of.pipe.requests.firstBegun);
+    copy.calls.firstBegun = Stats::Load(slot->of.pipe.calls.firstBegun);
     Stats::SetLevels(copy);
     return true;
 }

@@ -41,6 +41,23 @@ static void SetLevel(TarvoStatsLevel *level, uint64_t in, uint64_t out) {
     level->most = level->most < level->now ? level->now : level->most;
 }
 
+static void Move(uint64_t *sum, uint64_t *first) {
+    *sum += *first;
+    *first = 0;
+}
+
+// What the first threads have counted goes to what the others have.
+static void AddFirst(TarvoStatsPipe *pipe) {
+    for (size_t kind = 0; kind < TARVO_STATS_KINDS; ++kind) {
+        Move(&pipe->sent.messages[kind], &pipe->sent.firstMessages[kind]);
+        Move(&pipe->sent.bytes[kind], &pipe->sent.firstBytes[kind]);
+    }
+    Move(&pipe->requests.begun, &pipe->requests.firstBegun);
+    Move(&pipe->requests.finished, &pipe->requests.firstFinished);
+    Move(&pipe->calls.begun, &pipe->calls.firstBegun);
+    Move(&pipe->calls.ended[TARVO_STATS_END_ANSWERED], &pipe->calls.firstAnswered);
+}
+
 static void SetLevels(TarvoStatsPipe *pipe) {
     const uint64_t received = pipe->received.messages[TARVO_STATS_ONE_WAY] + pipe->received.messages[TARVO_STATS_CALL];
     SetLevel(&pipe->requests.queued, received,
@@ -94,6 +111,7 @@ static int ReadSlotAt(const TarvoStatsFile *file, uint32_t index, TarvoStatsSlot
     if (result < 0) {
         memset(slot, 0, sizeof(*slot));
     } else if (slot->kind == TARVO_STATS_PIPE || slot->kind == TARVO_STATS_GONE) {
+        AddFirst(&slot->of.pipe);
         SetLevels(&slot->of.pipe);
     }
     return result;

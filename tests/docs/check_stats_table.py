@@ -12,8 +12,10 @@ import sys
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 STRUCTURES = {"Pipe": "pipe", "Server": "server", "Pool": "pool", "Header": "header"}
 # Of the header, what is no number but describes the file, or tells who writes it.
-DESCRIBES = {"magic", "version", "headerSize", "slotSize", "slots", "clock", "folding", "pid", "oneWaysPerTime", "startedAt",
-             "createdAt", "createdWall", "process"}
+DESCRIBES = {"magic", "version", "headerSize", "slotSize", "slots", "clock", "folding", "pid", "oneWaysPerTime", "callsPerTime",
+             "startedAt", "createdAt", "createdWall", "process"}
+# What readers add to the number without it.
+NO_NUMBERS = ("reserved", "firstMessages", "firstBytes", "firstBegun", "firstFinished", "firstAnswered")
 FIELD = re.compile(r"^\s+(?:u?int\d+_t|char|TarvoStats\w+) (\w+)(?:\[(\w+)\])?;")
 ROW = re.compile(r"^\| `((?:pipe|server|pool|header)\.[\w.]+)` \| `(\w+)` \| (.*) \|$", re.MULTILINE)
 METRIC = re.compile(r'\{"(\w+)",\s*(?:COUNTER|GAUGE|LEVEL|TIMES),\s*offsetof\(TarvoStats(\w+),\s*([\w.]+)\),'
@@ -32,7 +34,7 @@ def numbers_of(header):
                 found.update({f"{place}.{end[1]}.{field}": size for field, size in fields})
                 fields = []
             elif match := FIELD.match(line):
-                if not match[1].startswith("reserved") and match[1] not in DESCRIBES:
+                if not match[1].startswith(NO_NUMBERS) and match[1] not in DESCRIBES:
                     fields.append((match[1], sizes[match[2].removeprefix("TARVO_STATS_")] if match[2] else None))
         found.update({f"{place}.{field}": size for field, size in fields})
     return found

@@ -64,6 +64,8 @@ void CheckSlot(const TarvoStatsSlot &slot) {
     if (slot.kind == TARVO_STATS_PIPE) {
         const TarvoStatsPipe &pipe = slot.of.pipe;
         Require(pipe.requests.queued.now <= pipe.requests.queued.most, "a level is never above its highest");
+        Require(pipe.sent.firstBytes[0] == 0 && pipe.requests.firstBegun == 0 && pipe.calls.firstAnswered == 0,
+                "the words of the first threads are added to the others");
     }
 }
 

@@ -6,6 +6,7 @@
 #include "loop/StatsFixture.h"
 #include "support/AllocFaults.h"
 #include "support/Faults.h"
+#include "support/StatsWrap.h"
 
 namespace tarvo_test {
 namespace {
@@ -183,11 +184,16 @@ TEST_F(StatsReceivingTest, TimesAreThoseOfTheCall) {
     EXPECT_GE(numbers.inFifo.sum, 2 * MS);
 
     link.onRequest = [](uint32_t, const std::string &) { Spin(4 * MS); };
-    peer.Send(Timed(MakeRawFrame(1, 0, "first", 500), NowUs()) + Timed(MakeRawFrame(2, 0, "second", 500), NowUs()));
-    ASSERT_TRUE(link.Await("request second"));
+    // The first and the sixth are timed.
+    std::string frames;
+    for (uint32_t i = 0; i < 6; ++i) {
+        frames += Timed(MakeRawFrame(i, 0, std::to_string(i), 500), NowUs());
+    }
+    peer.Send(frames);
+    ASSERT_TRUE(link.Await("request 5"));
     numbers = OnFile();
     EXPECT_EQ(Times(numbers.wait), 2U);
-    EXPECT_GE(numbers.wait.sum, 4 * MS) << "the second waited for the first";
+    EXPECT_GE(numbers.wait.sum, 5 * 4 * MS) << "the sixth waited for those before it";
     EXPECT_EQ(numbers.wait.longest, numbers.wait.sum) << "the first did not wait";
     EXPECT_EQ(Times(numbers.callback), 2U);
     EXPECT_GE(numbers.callback.sum, 8 * MS);
@@ -204,15 +210,48 @@ TEST_F(StatsReceivingTest, ACallbackIsNotChargedForThoseOfOtherLinks) {
     loop.RunBeside([&] { other.OpenWrite(); });
     ASSERT_TRUE(slow.Await("opened 0"));
     slow.onRequest = [](uint32_t, const std::string &) { Spin(20 * MS); };
-    for (int i = 0; i < 3; ++i) {
+    // The first and the sixth are timed.
+    for (int i = 0; i < 6; ++i) {
         peer.Send(RawRequest(1, "quick" + std::to_string(i), 500));
         other.Send(RawRequest(1, "slow" + std::to_string(i), 500));
         ASSERT_TRUE(link.Await("request quick" + std::to_string(i)));
         ASSERT_TRUE(slow.Await("request slow" + std::to_string(i)));
     }
-    EXPECT_EQ(Times(Numbers().callback), 3U);
+    EXPECT_EQ(Times(Numbers().callback), 2U);
     EXPECT_LT(Numbers().callback.longest, 20 * MS);
-    EXPECT_GE(NumbersOf(slow.link).callback.sum, 60 * MS);
+    EXPECT_GE(NumbersOf(slow.link).callback.sum, 40 * MS);
+}
+
+TEST_F(StatsReceivingTest, OfSoManyCallsOneIsTimed) {
+    const uint32_t every = OwnStats().Header().callsPerTime;
+    ASSERT_EQ(every, 8U);
+    for (uint32_t i = 0; i < 8 * every; ++i) {
+        peer.Send(Timed(MakeRawFrame(i, 0, "x", 500), NowUs()));
+        ASSERT_TRUE(link.AwaitCount(2 * i + 1));
+        ASSERT_GT(link.Call("q", "call" + std::to_string(i), -1), 0);
+        peer.Send(RawResponse(peer.Receive().id, "a"));
+        ASSERT_TRUE(link.Await("done call" + std::to_string(i) + " 0 a"));
+    }
+    const uint64_t timed = Times(OnFile().wait);
+    EXPECT_GE(timed, 7U);
+    EXPECT_LE(timed, 9U);
+    EXPECT_EQ(Times(OnFile().callback), timed);
+    EXPECT_EQ(Times(OnFile().roundTrip), timed);
+    EXPECT_EQ(Times(OnFile().inFifo), timed + 1) << "and the first of 64 responses";
+}
+
+// The second call of a link is not timed.
+TEST_F(StatsReceivingTest, ALongCallIsKnownAlsoIfItIsNotTimed) {
+    constexpr uint64_t TICKS = 50 * MS;
+    for (const uint64_t time : {uint64_t{0}, 2 * TICKS}) {
+        ASSERT_GT(link.Call("q", "call" + std::to_string(time), -1), 0);
+        const uint32_t id = peer.Receive().id;
+        Spin(time);
+        peer.Send(RawResponse(id, "a"));
+        ASSERT_TRUE(link.Await("done call" + std::to_string(time) + " 0 a"));
+    }
+    EXPECT_EQ(Times(OnFile().roundTrip), 1U);
+    EXPECT_GE(OnFile().roundTrip.longest, TICKS);
 }
 
 TEST_F(StatsReceivingTest, OfOneWayRequestsAFewAreTimed) {
@@ -224,6 +263,31 @@ TEST_F(StatsReceivingTest, OfOneWayRequestsAFewAreTimed) {
     EXPECT_EQ(Times(OnFile().wait), 4U);
     EXPECT_EQ(Times(OnFile().callback), 4U);
     EXPECT_EQ(Times(OnFile().inFifo), 4U);
+}
+
+TEST_F(StatsReceivingTest, WhatHasComeIsRightBeyondTheWrapOfEveryCounter) {
+    constexpr uint64_t ROUNDS = 20;
+    GoNearTheWrap();
+    const TarvoStatsPipe before = Numbers();
+    EXPECT_GT(before.calls.begun, UINT64_MAX - 5);
+    for (uint64_t i = 0; i < ROUNDS; ++i) {
+        ASSERT_GT(link.Call("q", "call" + std::to_string(i), -1), 0);
+        peer.Send(RawResponse(peer.Receive().id, "a"));
+        ASSERT_TRUE(link.Await("done call" + std::to_string(i) + " 0 a"));
+        peer.Send(RawRequest(1, "x"));
+        ASSERT_TRUE(link.AwaitCount(2 * i + 2));
+    }
+    const TarvoStatsPipe now = Numbers();
+    EXPECT_EQ(ROUNDS, now.calls.begun - before.calls.begun);
+    EXPECT_LT(now.calls.begun, ROUNDS);
+    EXPECT_EQ(ROUNDS, now.calls.ended[TARVO_STATS_END_ANSWERED] - before.calls.ended[TARVO_STATS_END_ANSWERED]);
+    EXPECT_EQ(ROUNDS, now.received.messages[TARVO_STATS_ONE_WAY] - before.received.messages[TARVO_STATS_ONE_WAY]);
+    EXPECT_EQ(ROUNDS, now.sent.bytes[TARVO_STATS_CALL] - before.sent.bytes[TARVO_STATS_CALL]);
+    EXPECT_EQ(ROUNDS, now.requests.finished - before.requests.finished);
+    EXPECT_EQ(0U, now.requests.queued.now);
+    EXPECT_EQ(0U, now.requests.running.now);
+    EXPECT_EQ(0U, now.calls.outstanding.now);
+    EXPECT_EQ(1U, now.calls.outstanding.most);
 }
 
 } // namespace

@@ -28,6 +28,7 @@ inline TarvoStatsHeader StatsHeader(uint32_t slots, const std::string &process =
     header.clock = CLOCK_MONOTONIC;
     header.pid = pid;
     header.oneWaysPerTime = 1;
+    header.callsPerTime = 1;
     process.copy(header.process, TARVO_STATS_NAME_SIZE - 1);
     return header;
 }

@@ -15,6 +15,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tarvo_stats.h"
@@ -91,13 +92,28 @@ public:
             TarvoStatsSlot slot{};
             std::memcpy(&slot, bytes.data() + TARVO_STATS_HEADER_SIZE + i * sizeof(slot), sizeof(slot));
             if (slot.kind == kind) {
-                slots.push_back(slot);
+                const bool isOfPipes = kind == TARVO_STATS_PIPE || kind == TARVO_STATS_GONE;
+                slots.push_back(isOfPipes ? WithFirst(slot) : slot);
             }
         }
         return slots;
     }
 
 private:
+    // As readers do it: what the first threads have counted among what all have.
+    static TarvoStatsSlot WithFirst(TarvoStatsSlot slot) {
+        TarvoStatsPipe &pipe = slot.of.pipe;
+        for (std::size_t kind = 0; kind < TARVO_STATS_KINDS; ++kind) {
+            pipe.sent.messages[kind] += std::exchange(pipe.sent.firstMessages[kind], 0);
+            pipe.sent.bytes[kind] += std::exchange(pipe.sent.firstBytes[kind], 0);
+        }
+        pipe.requests.begun += std::exchange(pipe.requests.firstBegun, 0);
+        pipe.requests.finished += std::exchange(pipe.requests.firstFinished, 0);
+        pipe.calls.begun += std::exchange(pipe.calls.firstBegun, 0);
+        pipe.calls.ended[TARVO_STATS_END_ANSWERED] += std::exchange(pipe.calls.firstAnswered, 0);
+        return slot;
+    }
+
     std::string bytes;
 };
 

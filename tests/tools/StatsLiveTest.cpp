@@ -63,13 +63,13 @@ TEST_F(StatsLiveTest, SumsOfBothEndsAgree) {
         EXPECT_EQ(client["sent_bytes"]["call"], 5000);
         EXPECT_EQ(client["calls_begun"], 50);
         EXPECT_EQ(client["calls_ended"]["answered"], 50);
-        EXPECT_EQ(client["round_trip"]["count"], 50);
+        EXPECT_THAT(client["round_trip"]["count"].get<int>(), AllOf(Ge(5), Le(9))) << "one call in 8 is timed";
         EXPECT_EQ(client["received_messages"]["response"], 50);
         EXPECT_EQ(served["received_messages"]["call"], 50);
         EXPECT_EQ(served["received_bytes"]["call"], 5000);
         EXPECT_EQ(served["callbacks_begun"], 50);
         EXPECT_EQ(served["callbacks_finished"], 50);
-        EXPECT_EQ(served["callback"]["count"], 50);
+        EXPECT_EQ(served["callback"]["count"], client["round_trip"]["count"]);
         EXPECT_EQ(served["sent_messages"]["response"], 50);
         EXPECT_EQ(served["requests_queued"]["now"], 0);
         EXPECT_EQ(NumbersOf(report, "sender")["sent_messages"]["one_way"], 30);
@@ -83,7 +83,8 @@ TEST_F(StatsLiveTest, SlowCallbackIsToldFromWantOfThreads) {
         ToolServer server(name, {"--exec", "sleep 0.15; cat"});
         RunTool({"ping", name, "--count", "12", "--interval", "0", "--timeout", "5s"});
         const json served = NumbersOf(Report(name), name);
-        EXPECT_EQ(served["callback"]["count"], 12);
+        EXPECT_EQ(served["callbacks_finished"], 12);
+        EXPECT_EQ(served["callback"]["count"], 2) << "the first and the sixth";
         EXPECT_GE(served["callback"]["p50_ns"], 150000000);
         EXPECT_LT(served["wait"]["p50_ns"], 100000000) << "one after another, none waits";
         EXPECT_THAT(Findings(), HasSubstr("callbacks are slow"));

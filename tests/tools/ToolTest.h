@@ -18,8 +18,11 @@
 
 namespace tarvo_test {
 
+using testing::AllOf;
+using testing::Ge;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Le;
 using testing::Not;
 
 // Base of the tests of the command line tool: no FIFO file with a name of the test is left after it.

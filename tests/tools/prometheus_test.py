@@ -29,7 +29,8 @@ def constants(path):
 
 def header(numbers):
     assert (numbers["HEADER_SIZE"], numbers["SLOT_SIZE"]) == (HEADER_SIZE, SLOT_SIZE)
-    data = struct.pack("<QIIIIIIiI", numbers["MAGIC"], numbers["VERSION"], HEADER_SIZE, SLOT_SIZE, SLOTS, 1, 0, 4711, 1)
+    data = struct.pack("<QIIIIIIiIII", numbers["MAGIC"], numbers["VERSION"], HEADER_SIZE, SLOT_SIZE, SLOTS, 1, 0, 4711,
+                       64, 8, 0)
     data += struct.pack("<QQQ", 0, 0, 0) + b"te\"st".ljust(numbers["NAME_SIZE"], b"\0")
     return data.ljust(HEADER_SIZE, b"\0")
 
@@ -54,6 +55,8 @@ def samples_of(text):
 
 
 def check(found):
+    shares = [found[f"tarvo_process_{kind}_per_time"][0].value for kind in ("calls", "one_ways")]
+    assert shares == [8, 64], shares
     sent = {one.labels["kind"]: one.value for one in found["tarvo_pipe_sent_messages_total"] if one.labels["slot"] == "1"}
     assert sent == {"one_way": 5, "call": 6, "response": 7}, sent
     [first] = [one for one in found["tarvo_pipe_sends_lost_total"] if one.labels["slot"] == "1"]

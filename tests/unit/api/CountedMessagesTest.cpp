@@ -1,6 +1,8 @@
 // Messages and calls in the statistics, from the writing of a request to the end of its call.
 #include <pthread.h>
 
+#include <atomic>
+
 #include "api/TableFactory.h"
 #include "stats/Stats.h"
 #include "support/Threads.h"
@@ -45,12 +47,13 @@ TEST_F(CountedMessagesTest, OfSoManyOneWayRequestsOneIsTimed) {
     EXPECT_EQ(3U, CountOf(Of(pair.near).wait));
 }
 
-TEST_F(CountedMessagesTest, CallsAreCountedAndTimedEach) {
+TEST_F(CountedMessagesTest, CallsAreCountedEachAndTheFirstIsTimed) {
     const PipePair pair(Echo);
     for (int i = 0; i < 3; ++i) {
         EXPECT_EQ("12345", Ask(pair.far, "12345"));
     }
-    ASSERT_TRUE(EventuallyOf(pair.near, [](const TarvoStatsPipe &stats) { return CountOf(stats.callback) == 3; }));
+    ASSERT_TRUE(EventuallyOf(pair.near, [](const TarvoStatsPipe &stats) { return stats.requests.finished == 3; }));
+    ASSERT_TRUE(EventuallyOf(pair.near, [](const TarvoStatsPipe &stats) { return CountOf(stats.callback) == 1; }));
     const TarvoStatsPipe far = Of(pair.far);
     EXPECT_EQ(3U, far.sent.messages[TARVO_STATS_CALL]);
     EXPECT_EQ(15U, far.sent.bytes[TARVO_STATS_CALL]);
@@ -61,18 +64,60 @@ TEST_F(CountedMessagesTest, CallsAreCountedAndTimedEach) {
     EXPECT_EQ(3U, far.calls.ended[TARVO_STATS_END_ANSWERED]);
     EXPECT_EQ(0U, far.calls.outstanding.now);
     EXPECT_EQ(1U, far.calls.outstanding.most);
-    EXPECT_EQ(3U, CountOf(far.roundTrip));
+    EXPECT_EQ(1U, CountOf(far.roundTrip));
     EXPECT_EQ(1U, CountOf(far.inFifo));
     const TarvoStatsPipe near = Of(pair.near);
     EXPECT_EQ(3U, near.received.messages[TARVO_STATS_CALL]);
     EXPECT_EQ(3U, near.sent.messages[TARVO_STATS_RESPONSE]);
     EXPECT_EQ(15U, near.sent.bytes[TARVO_STATS_RESPONSE]);
-    EXPECT_EQ(3U, CountOf(near.inFifo));
-    EXPECT_EQ(3U, CountOf(near.wait));
+    EXPECT_EQ(1U, CountOf(near.inFifo));
+    EXPECT_EQ(1U, CountOf(near.wait));
     // A round trip contains what it is made of.
     EXPECT_GE(far.roundTrip.sum, near.wait.sum);
     EXPECT_GT(near.wait.longest, 0U);
     EXPECT_GE(near.callback.sum, near.callback.longest);
+}
+
+TEST_F(CountedMessagesTest, OfSoManyCallsOneIsTimedAtBothEnds) {
+    constexpr uint64_t CALLS = 8 * Stats::CALLS_PER_TIME;
+    const PipePair pair(Echo);
+    uint64_t timed = 0;
+    for (uint64_t i = 0; i < CALLS; ++i) {
+        timed += Stats::IsTimedCall(i) ? 1 : 0;
+        ASSERT_EQ("12345", Ask(pair.far, "12345"));
+    }
+    EXPECT_NEAR(8, static_cast<double>(timed), 1);
+    ASSERT_TRUE(EventuallyOf(pair.near, [=](const TarvoStatsPipe &stats) { return CountOf(stats.callback) == timed; }));
+    EXPECT_EQ(timed, CountOf(Of(pair.far).roundTrip));
+    EXPECT_EQ(timed, CountOf(Of(pair.near).inFifo));
+    EXPECT_EQ(timed, CountOf(Of(pair.near).wait));
+    EXPECT_EQ(Stats::CALLS_PER_TIME, OwnStats().Header().callsPerTime);
+}
+
+// The second call of a thread is not timed.
+TEST_F(CountedMessagesTest, ALongCallIsKnownAlsoIfItIsNotTimed) {
+    constexpr uint64_t TICKS = 50000000;
+    Gate &gate = Gate::Make();
+    std::atomic<int> number{0};
+    const PipePair pair([&](int fd, TarvoRequest *request) {
+        if (++number == 2) {
+            gate.Pass();
+        }
+        Echo(fd, request);
+    });
+    EXPECT_EQ("quick", Ask(pair.far, "quick"));
+    const uint64_t quick = Of(pair.far).roundTrip.longest;
+    const uint64_t begin = Stats::Now();
+    std::thread opener([&] {
+        gate.AwaitWaiting(1);
+        EXPECT_TRUE(Eventually([&] { return Stats::Now() - begin > quick + 2 * TICKS; }));
+        gate.Open();
+    });
+    EXPECT_EQ("slow", Ask(pair.far, "slow"));
+    opener.join();
+    EXPECT_EQ(1U, CountOf(Of(pair.far).roundTrip));
+    EXPECT_GT(Of(pair.far).roundTrip.longest, quick + TICKS);
+    EXPECT_LE(Of(pair.far).roundTrip.longest, Stats::Now() - begin);
 }
 
 TEST_F(CountedMessagesTest, ACallWithoutALimitIsAOneWayRequestToItsReceiver) {
@@ -168,15 +213,17 @@ TEST_F(CountedMessagesTest, ManyThreadsLoseNothing) {
         }
     });
     ASSERT_TRUE(EventuallyOf(
-        pair.near, [](const TarvoStatsPipe &stats) { return CountOf(stats.callback) == uint64_t{THREADS * EACH}; }));
+        pair.near, [](const TarvoStatsPipe &stats) { return stats.requests.finished == uint64_t{THREADS * EACH}; }));
     const TarvoStatsPipe far = Of(pair.far);
     const TarvoStatsPipe near = Of(pair.near);
     EXPECT_EQ(uint64_t{THREADS * EACH}, far.calls.ended[TARVO_STATS_END_ANSWERED]);
-    EXPECT_EQ(uint64_t{THREADS * EACH}, CountOf(far.roundTrip));
+    EXPECT_EQ(uint64_t{THREADS * EACH}, far.sent.messages[TARVO_STATS_CALL]);
+    EXPECT_EQ(uint64_t{THREADS * EACH * 5}, far.sent.bytes[TARVO_STATS_CALL]);
+    EXPECT_EQ(uint64_t{THREADS * EACH}, near.sent.messages[TARVO_STATS_RESPONSE]);
     EXPECT_LE(far.calls.outstanding.most, uint64_t{THREADS});
     EXPECT_EQ(far.sent.messages[TARVO_STATS_CALL], near.received.messages[TARVO_STATS_CALL]);
     EXPECT_EQ(near.requests.begun, near.requests.finished);
-    EXPECT_EQ(uint64_t{THREADS * EACH}, CountOf(near.wait));
+    EXPECT_NEAR(double{THREADS * EACH} / Stats::CALLS_PER_TIME, static_cast<double>(CountOf(near.wait)), 8);
     EXPECT_LE(near.requests.running.most, uint64_t{THREADS});
 }
 

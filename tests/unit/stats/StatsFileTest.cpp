@@ -56,6 +56,7 @@ TEST(StatsFile, SaysWhoseItIs) {
     EXPECT_EQ(static_cast<uint32_t>(CLOCK_MONOTONIC), header.clock);
     EXPECT_EQ(getpid(), header.pid);
     EXPECT_EQ(Stats::ONE_WAYS_PER_TIME, header.oneWaysPerTime);
+    EXPECT_EQ(Stats::CALLS_PER_TIME, header.callsPerTime);
     EXPECT_EQ(StartTicks(), std::to_string(header.startedAt));
     EXPECT_STREQ("unit_stats", header.process);
     EXPECT_LE(header.createdAt, Stats::Now());

@@ -77,7 +77,7 @@ INSTANTIATE_TEST_SUITE_P(
     Hostile, WrongHeaderTest,
     testing::Values(
         WrongHeader{"magic", -EBADMSG, [](TarvoStatsHeader &header) { header.magic = 0; }},
-        WrongHeader{"version", -EPROTONOSUPPORT, [](TarvoStatsHeader &header) { header.version = 2; }},
+        WrongHeader{"version", -EPROTONOSUPPORT, [](TarvoStatsHeader &header) { header.version = 1; }},
         WrongHeader{"versionNone", -EPROTONOSUPPORT, [](TarvoStatsHeader &header) { header.version = 0; }},
         WrongHeader{"headerSize", -EBADMSG, [](TarvoStatsHeader &header) { header.headerSize = 0; }},
         WrongHeader{"headerSizeLargest", -EBADMSG, [](TarvoStatsHeader &header) { header.headerSize = UINT32_MAX; }},

@@ -77,6 +77,8 @@ std::string FullText(const Readings &readings, const std::string &pattern) {
         if (!slots.empty() || pattern.empty()) {
             text += fmt::format("process {} ({}): {}\n", now.header.pid, Printable(now.header.process),
                                 process->StateText()) +
+                    fmt::format("  {:<19} one in {} calls, one in {} one-way requests and responses\n", "timed",
+                                now.header.callsPerTime, now.header.oneWaysPerTime) +
                     Block(ProcessMetrics(), &now.header) + slots;
         }
     }

@@ -103,6 +103,7 @@ json ProcessJson(const ProcessReading &process, const std::string &pattern, bool
             {"created_unix_ns", now.header.createdWall},
             {"read_at_ns", now.readAt},
             {"one_ways_per_time", now.header.oneWaysPerTime},
+            {"calls_per_time", now.header.callsPerTime},
             {"inexact", now.inexact != 0},
             {"unreadable_slots", now.unreadable},
             {"seconds", since ? json(process.Seconds()) : json()},

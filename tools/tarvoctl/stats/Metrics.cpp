@@ -59,10 +59,13 @@ std::vector<Metric> MakePipeMetrics() {
          "result",
          {"answered", "timed_out", "broken", "canceled", "not_sent", "other"}},
         {"calls_outstanding", LEVEL, offsetof(TarvoStatsPipe, calls.outstanding), "Calls that wait for their response"},
-        {"round_trip", TIMES, offsetof(TarvoStatsPipe, roundTrip), "From the begin of an answered call to its end"},
-        {"in_fifo", TIMES, offsetof(TarvoStatsPipe, inFifo), "From the writing of a message to its being read"},
-        {"wait", TIMES, offsetof(TarvoStatsPipe, wait), "From a request's being read to the begin of its callback"},
-        {"callback", TIMES, offsetof(TarvoStatsPipe, callback), "How long callbacks for requests took"},
+        {"round_trip", TIMES, offsetof(TarvoStatsPipe, roundTrip),
+         "From the begin of an answered call to its end, of those timed"},
+        {"in_fifo", TIMES, offsetof(TarvoStatsPipe, inFifo),
+         "From the writing of a message to its being read, of those timed"},
+        {"wait", TIMES, offsetof(TarvoStatsPipe, wait),
+         "From a request's being read to the begin of its callback, of those timed"},
+        {"callback", TIMES, offsetof(TarvoStatsPipe, callback), "How long callbacks for requests took, of those timed"},
     };
 }
 

@@ -119,6 +119,17 @@ void AddMetric(std::string &text, const std::string &prefix, const Metric &metri
     }
 }
 
+// Of how many messages of a kind one is timed.
+void AddShare(std::string &text, const char *kind, const char *what, uint32_t TarvoStatsHeader::*share,
+              const std::vector<Place> &processes) {
+    const std::string name = fmt::format("tarvo_process_{}_per_time", kind);
+    Head(text, name, fmt::format("Of so many {} one is timed", what).c_str(), "gauge");
+    for (const Place &process : processes) {
+        text += fmt::format("{}{{{}}} {}\n", name, process.labels,
+                            static_cast<const TarvoStatsHeader *>(process.structure)->*share);
+    }
+}
+
 void AddKind(std::string &text, const std::string &prefix, const std::vector<Metric> &metrics,
              const std::vector<Place> &places) {
     for (const Metric &metric : metrics) {
@@ -138,6 +149,8 @@ std::string PrometheusText(const Readings &readings, const std::string &pattern)
         processes.push_back({ProcessLabels(*process), &process->Now().header});
         text += fmt::format("tarvo_process_alive{{{}}} {}\n", processes.back().labels, process->Now().alive);
     }
+    AddShare(text, "calls", "calls", &TarvoStatsHeader::callsPerTime, processes);
+    AddShare(text, "one_ways", "one-way requests and responses", &TarvoStatsHeader::oneWaysPerTime, processes);
     Head(text, "tarvo_unreadable_files", "Files that cannot be read", "gauge");
     text += fmt::format("tarvo_unreadable_files {}\n", readings.Problems().size());
     AddKind(text, "process", ProcessMetrics(), processes);
