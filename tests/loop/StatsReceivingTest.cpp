@@ -135,6 +135,18 @@ TEST_F(StatsReceivingTest, RequestsWithoutMemoryAreDropped) {
     ExpectRequests(1);
 }
 
+TEST_F(StatsReceivingTest, CallsWithoutMemoryAreDroppedAsCalls) {
+    peer.Send(RawRequest(1, "no memory", 1000));
+    {
+        const EmptyHeap nothing;
+        TarvoLoopDispatch(loop.Get(), 10);
+    }
+    EXPECT_EQ(OnFile().requests.dropped[TARVO_STATS_DROP_MEMORY], 1U);
+    EXPECT_EQ(OnFile().received.messages[TARVO_STATS_CALL], 1U);
+    EXPECT_EQ(OnFile().received.bytes[TARVO_STATS_CALL], 9U);
+    ExpectRequests(1);
+}
+
 TEST_F(StatsReceivingTest, WhatHasBeenReadIsDroppedWhenACallbackClosesTheLink) {
     link.onRequest = [&](uint32_t, const std::string &) { link.Close(); };
     peer.Send(RawRequest(1, "close") + RawRequest(2, "left") + RawRequest(3, "left", 500) + RawResponse(4, "left") +

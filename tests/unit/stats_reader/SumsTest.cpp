@@ -57,6 +57,13 @@ TEST(StatsTimesTest, PercentilesAreAtMostAQuarterTooLarge) {
     EXPECT_EQ(TarvoStatsPercentile(&none, 99), 0U);
 }
 
+TEST(StatsTimesTest, BeyondTheLastPercentileIsTheLongest) {
+    TarvoStatsTimes times{};
+    times.buckets[3] = 10;
+    times.longest = 4711;
+    EXPECT_EQ(TarvoStatsPercentile(&times, 200), 4711U);
+}
+
 TEST(StatsTimesTest, SumsAndDifferencesUndoEachOther) {
     const TarvoStatsTimes before = TimesOf({1000, 2000});
     TarvoStatsTimes now = before;
