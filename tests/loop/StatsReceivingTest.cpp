@@ -161,6 +161,17 @@ TEST_F(StatsReceivingTest, WhatHasBeenReadIsDroppedWhenACallbackClosesTheLink) {
     EXPECT_EQ(numbers.requests.finished, 1U);
 }
 
+TEST_F(StatsReceivingTest, WhatStandsBehindABadHeadIsDroppedTooWhenACallbackClosesTheLink) {
+    link.onRequest = [&](uint32_t, const std::string &) { link.Close(); };
+    RawFrame bad = MakeRawFrame(2, 0, "");
+    bad.magic ^= 1;
+    peer.Send(RawRequest(1, "close") + EncodeRawFrame(bad) + RawRequest(3, "left"));
+    ASSERT_TRUE(link.Await("request close"));
+    const TarvoStatsPipe numbers = OnFile();
+    EXPECT_EQ(numbers.requests.dropped[TARVO_STATS_DROP_CLOSING], 1U);
+    EXPECT_EQ(numbers.received.messages[TARVO_STATS_ONE_WAY], 2U);
+}
+
 TEST_F(StatsReceivingTest, WhatWaitsForALaterRoundIsDroppedWhenTheLinkCloses) {
     loop.max = 1;
     std::string bytes;
