@@ -124,13 +124,19 @@ def ctest(include, exclude, log, limit):
                 "--stop-on-failure", "--timeout", "60", "-j", "2", "--output-on-failure"], limit, log)
     with open(log, encoding="utf-8", errors="replace") as text:
         text.seek(began)
-        failed = re.findall(r"^\s*\d+ - (\S+) \((\w+)", text.read(), re.M)
+        # What stands between name and verdict is the parameter of a test that has one.
+        failed = re.findall(r"^\s*\d+ - (\S+).* \(([^()]+)\)$", text.read(), re.M)
     return code == 0, failed[0] if failed else ("", "out of time" if code is None else "no test")
+
+
+def only(name):
+    """The expression for one test, whatever its parameter is."""
+    return "^" + re.escape(name) + "( |$)"
 
 
 def alone(name, log, limit):
     """Whether one test passes by itself."""
-    return ctest("^" + re.escape(name) + "$", "^$", log, limit)[0]
+    return ctest(only(name), "^$", log, limit)[0]
 
 
 def test(include, exclude, log, limit):
@@ -139,7 +145,7 @@ def test(include, exclude, log, limit):
         passed, (name, how) = ctest(include, exclude, log, limit)
         if passed or not name or not alone(name, log, limit):
             return "" if passed else name, "" if passed else how
-        exclude += "|^" + re.escape(name) + "$"
+        exclude += "|" + only(name)
     return "", "several tests, each of them once"
 
 
@@ -176,7 +182,7 @@ class Attempt:
         self.path.write_text("\n".join(lines), encoding="utf-8")
 
     def excluded(self, *more):
-        return "|".join([NOT_CONCERNED, *more, *("^" + re.escape(name) + "$" for name in sorted(self.unsound))])
+        return "|".join([NOT_CONCERNED, *more, *map(only, sorted(self.unsound))])
 
     def look(self):
         """The verdict, and the test that has noticed it, in the copy with the fault."""
@@ -224,6 +230,7 @@ def arguments():
     parser.add_argument("--only", default="", help="faults of files whose name has this in it")
     parser.add_argument("--nearest-only", action="store_true", help="leave out the other tests, and what they alone could notice open")
     parser.add_argument("--list", action="store_true", help="print what would be tried, and do nothing")
+    parser.add_argument("--table", action="store_true", help="print what has become of all that were tried, and do nothing")
     return parser.parse_args()
 
 
@@ -328,9 +335,33 @@ class Run:
         return 0 if share >= (self.options.at_least or 100) else 1
 
 
+def print_table():
+    """What has become of all that were tried, by their kind, for a page."""
+    columns = ("noticed", "survived", "open", "cannot matter")
+    kinds = {}
+    known = [(entry["fault"].split(": ")[1], entry["verdict"], entry["fault"]) for entry in load().values()]
+    reasons = {f"{file}: {before}  ->  {after or '(nothing)'}" for file, before, after in listed()}
+    for kind, verdict, fault in known:
+        file, rest = fault.split(":", 1)
+        if f"{file}: {rest.split(': ', 2)[2].replace(' / ', ' ')}" in reasons:
+            verdict = "cannot matter"
+        for row in (kind, "all"):
+            counts = kinds.setdefault(row, dict.fromkeys(columns, 0))
+            if verdict in counts:
+                counts[verdict] += 1
+    print("| fault | tried | " + " | ".join(columns) + " |")
+    print("|---" * (len(columns) + 2) + "|")
+    for kind in sorted(kinds, key=lambda row: (row == "all", row)):
+        counts = [kinds[kind][column] for column in columns]
+        print(f"| {kind} | {sum(counts)} | " + " | ".join(map(str, counts)) + " |")
+
+
 def main():
     """Tries the faults one after another."""
     options = arguments()
+    if options.table:
+        print_table()
+        return 0
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(143)) # not without what it has started
     options.seed = options.seed or int(time.time())
     print(f"seed {options.seed}", flush=True)

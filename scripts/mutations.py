@@ -114,7 +114,7 @@ def draw(root, seed):
     """The faults of the sources below `root` as they are tried: each kind in turn, each at random.
 
     A change of the sources takes the faults of the functions that it changes out, and puts new ones between the others,
-    whose order stays.
+    whose order within a kind stays.
     """
     by_kind = {}
     for fault in faults_below(root):
