@@ -24,16 +24,20 @@ int Second(int number) {
 
 
 class MutationsTest(changed_tree.ChangedTreeTest):
+    def setUp(self):
+        super().setUp()
+        self.alone = self.root / "alone"
+        (self.alone / "src").mkdir(parents=True)
+
     def faults(self, source=SOURCE):
-        self.write("src/only/source.cpp", source)
-        return {fault["key"]: mutations.describe(fault) for fault in mutations.faults_below(self.root)
-                if fault["file"] == "src/only/source.cpp"}
+        self.write("alone/src/source.cpp", source)
+        return {fault["key"]: mutations.describe(fault) for fault in mutations.faults_below(self.alone)}
 
     def drawn(self, source=SOURCE):
         """Sorted by kind: the kinds take turns."""
-        self.write("src/only/source.cpp", source)
-        drawn = [fault for fault in mutations.draw(self.root, 1) if fault["file"] == "src/only/source.cpp"]
-        return [fault["key"] for fault in sorted(drawn, key=lambda fault: fault["kind"])]
+        self.write("alone/src/source.cpp", source)
+        drawn = sorted(mutations.draw(self.alone, 1), key=lambda fault: fault["kind"])
+        return [fault["key"] for fault in drawn]
 
     def test_each_kind_of_fault_is_found(self):
         texts = "\n".join(self.faults().values())
