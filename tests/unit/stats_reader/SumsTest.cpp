@@ -93,6 +93,34 @@ TEST(StatsSumsTest, DifferenceOfCountersGoesOnBeyondTheirWrap) {
     EXPECT_EQ(now.calls.outstanding.now, 3U);
 }
 
+TEST(StatsSumsTest, TimesOfEachKindAreAddedOnceAndTheLongestIsTheLongest) {
+    std::vector<TarvoStatsSlot> slots = {StatsSlot(TARVO_STATS_PIPE, "a"), StatsSlot(TARVO_STATS_PIPE, "b")};
+    TarvoStatsTimes TarvoStatsPipe::*const kinds[] = {&TarvoStatsPipe::roundTrip, &TarvoStatsPipe::inFifo,
+                                                      &TarvoStatsPipe::wait, &TarvoStatsPipe::callback};
+    uint64_t factor = 1;
+    for (const auto kind : kinds) {
+        for (TarvoStatsSlot &slot : slots) {
+            TarvoStatsTimes &times = slot.of.pipe.*kind;
+            times.buckets[7] = factor;
+            times.sum = 10 * factor;
+            times.longest = 100 * factor;
+            factor *= 2;
+        }
+    }
+    TarvoStatsReading reading{};
+    reading.slots = 2;
+    reading.slot = slots.data();
+    TarvoStatsPipe sum{};
+    TarvoStatsSum(&reading, &sum);
+    factor = 1;
+    for (const auto kind : kinds) {
+        EXPECT_EQ((sum.*kind).buckets[7], 3 * factor);
+        EXPECT_EQ((sum.*kind).sum, 30 * factor);
+        EXPECT_EQ((sum.*kind).longest, 200 * factor);
+        factor *= 4;
+    }
+}
+
 TEST(StatsSumsTest, SumHasPipesAndThoseGoneAndNothingElse) {
     std::vector<TarvoStatsSlot> slots = {StatsSlot(TARVO_STATS_GONE, ""), StatsSlot(TARVO_STATS_PIPE, "a", "b"),
                                          StatsSlot(TARVO_STATS_SERVER, "a"), StatsSlot(TARVO_STATS_FREE, "x"),
