@@ -1,4 +1,5 @@
-# tarvo_add_test(NAME source... [LIBS target...] [TIMEOUT seconds] [PORTABLE] [SEPARATE] [ONE_THREAD])
+# tarvo_add_test(NAME source... [LIBS target...] [TIMEOUT seconds] [PORTABLE] [SEPARATE] [ONE_THREAD]
+#                [COUNTED])
 #
 # A GoogleTest program over the library and the test support. CTest runs each of its tests in a process of its own, so
 # that every test meets the process-wide objects of the library fresh.
@@ -10,6 +11,8 @@
 # write it once. SEPARATE compiles them one by one.
 # ONE_THREAD: nothing that it tests runs on a second thread, so that ThreadSanitizer has nothing to say; it is not part of
 # that build.
+# COUNTED: coverage counts what it compiles in of src/, too. It is the place where parts are tested that the libraries use
+# only some of.
 
 # tarvo_skip_test(NAME reason)
 #
@@ -20,8 +23,12 @@ include(GoogleTest)
 
 add_custom_target(tests_portable)
 
+# A process adds its counts to one of four files of each library, or program, when it ends, wherever it runs and whatever
+# is left of its environment.
+set(TARVO_PROFILE -fprofile-instr-generate=${PROJECT_BINARY_DIR}/profile/%4m.profraw)
+
 function(tarvo_add_test name)
-  cmake_parse_arguments(arg "PORTABLE;SEPARATE;ONE_THREAD" "TIMEOUT" "LIBS" ${ARGN})
+  cmake_parse_arguments(arg "PORTABLE;SEPARATE;ONE_THREAD;COUNTED" "TIMEOUT" "LIBS" ${ARGN})
   if(arg_ONE_THREAD AND TARVO_SANITIZE MATCHES "thread")
     return()
   endif()
@@ -34,7 +41,7 @@ function(tarvo_add_test name)
   add_executable(${name} ${arg_UNPARSED_ARGUMENTS})
   target_link_libraries(${name} PRIVATE tarvo_options tarvo tarvo_test_support ${arg_LIBS} GTest::gmock_main)
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/tests)
-  if(TARGET tarvo_test_precompiled)
+  if(TARGET tarvo_test_precompiled AND NOT (arg_COUNTED AND TARVO_COVERAGE))
     target_precompile_headers(${name} REUSE_FROM tarvo_test_precompiled)
   endif()
   # Optimising the tests would take most of the time that a change waits for its verdict, and tests nothing: the
@@ -43,6 +50,10 @@ function(tarvo_add_test name)
   if(TARVO_SANITIZE MATCHES "undefined" AND CMAKE_CXX_COMPILER_ID MATCHES "Clang")
     # For the same reason: it is the library whose arithmetic and casts are looked at.
     target_compile_options(${name} PRIVATE -fno-sanitize=undefined)
+  endif()
+  if(arg_COUNTED AND TARVO_COVERAGE)
+    target_compile_options(${name} PRIVATE ${TARVO_PROFILE} -fcoverage-mapping)
+    target_link_options(${name} PRIVATE ${TARVO_PROFILE})
   endif()
   # The library must find the functions that the program defines in front of the C library's.
   set_target_properties(${name} PROPERTIES ENABLE_EXPORTS ON UNITY_BUILD_BATCH_SIZE 8)

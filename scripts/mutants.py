@@ -3,16 +3,18 @@
 
 The faults are drawn at random, with a seed that is printed: a condition negated or its parts joined otherwise, a limit or
 a number off by one, a line left out, two lines swapped, a constant result changed. Each is built in a copy of the tree,
-with a compiler cache; the tests nearest to it run first, then the others. What is known stays in build/mutants, so that a
-run goes on where an earlier one of the same seed and sources has ended. Faults that cannot matter are listed, with the
-reason, in tests/mutants.list: a file, a tabulator, the line before, a tabulator, the line after (empty where it is left
-out), a tabulator, the reason.
+with a compiler cache; the tests nearest to it run first, then the others, until one fails. A test that notices a fault is
+run without it too, once, and does not count if it fails there.
+
+What is known stays in tests/mutants.tried, which goes into the repository: it holds as long as the function around a fault
+stays as it is, and a fault that has survived is tried again when the tests have changed. Faults that cannot matter are
+listed, with the reason, in tests/mutants.list: a file, a tabulator, the line before, a tabulator, the line after (empty
+where it is left out), a tabulator, the reason.
 
 Exit code 0 when all faults that were tried are noticed, or listed; 1 when --at-least is not reached (default: all).
 """
 import argparse
 import hashlib
-import json
 import os
 import pathlib
 import re
@@ -28,17 +30,24 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 WORK = ROOT / "build/mutants"
 TREE = WORK / "tree"
 LISTED = ROOT / "tests/mutants.list"
+TRIED = ROOT / "tests/mutants.tried"
 
 # The tests of each folder of src/, as CTest names them. Then all that have to do with the code; pages, packages, fuzzing
 # and the long-running proofs say nothing more.
 NEAREST = {"api": "^(unit_api|unit_environment)", "base": "^(unit_base|unit_worker|unit_pipe)", "diag": "^unit_diag",
            "fifo": "^unit_fifo", "loop": "^(unit_loop|loop_)", "monitor": "^unit_monitor", "pipe": "^unit_pipe",
-           "server": "^unit_server", "table": "^unit_table", "worker": "^unit_worker"}
-OTHERS = "^(unit|system|faults|loop|foreign)_"
-# Compile programs that are to be refused, with the public headers only.
-NOT_CONCERNED = "^(system_.*refused|system_public|system_python|system_readme|unit_support)"
+           "server": "^unit_server", "stats": "^(unit_stats[.]|unit_api_stats|loop_stats)",
+           "stats_reader": "^unit_stats_reader", "table": "^unit_table", "worker": "^unit_worker"}
+OTHERS = "(unit|system|faults|loop|foreign)_"
+# Compile programs that are to be refused, with the public headers only, or need the tools.
+NOT_CONCERNED = "^(system_.*refused|system_public|system_python|system_readme|system_demo|unit_support)"
 PROGRAMS = {"api": ["unit_api*", "unit_environment"], "base": ["unit_base*", "unit_worker", "unit_pipe*"],
-            "loop": ["unit_loop*", "loop_*"]}
+            "loop": ["unit_loop*", "loop_*"], "stats": ["unit_stats", "unit_api_stats", "loop_stats"]}
+LEAST = 15 # how nice it is to what else runs
+LIBRARIES = ["tarvo", "tarvo_loop", "tarvo_stats"]
+# The tests that compile the sources in, or are linked with them. All others find the changed library where it was.
+REBUILT = {"base": ["unit_base*"], "loop": ["unit_loop_frames", "unit_loop_parts"], "stats_reader": ["unit_stats_reader"]}
+
 
 def listed():
     """The faults that cannot matter, with the reasons."""
@@ -58,7 +67,8 @@ def run(command, limit, log, **options):
         alone = ["unshare", "--fork", "--pid", "--mount-proc", "--kill-child"]
         if subprocess.run([*alone, "true"], capture_output=True, check=False).returncode != 0:
             alone = []
-        process = subprocess.Popen([*alone, "nice", "-n", "19", *command], cwd=TREE, stdout=output,
+        nice = ["nice", "-n", str(max(0, LEAST - os.nice(0)))]
+        process = subprocess.Popen([*alone, *nice, *command], cwd=TREE, stdout=output,
                                    stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL, **options)
         try:
             return process.wait(limit)
@@ -81,18 +91,28 @@ def copy_tree():
             shutil.copymode(source, target)
 
 
-def build(targets, log, limit):
-    environment = dict(os.environ, CCACHE_BASEDIR=str(TREE), CCACHE_NOHASHDIR="1", CI="")
+def build(targets, log, limit, faulty=False):
+    """Faults may lead to warnings. The compiler is told only then, so that all else is in the cache already."""
+    environment = dict(os.environ, CI="", TARVO_FAULTY="-w" if faulty else "")
     command = ["cmake", "--build", "build/release", "-j1"]
     return run(command + (["--target", *targets] if targets else []), limit, log, env=environment) == 0
 
 
-def programs_of(folder):
-    """The targets of the nearest tests."""
+def launcher():
+    """The program in front of the compiler."""
+    path = WORK / "compile"
+    path.write_text("#!/bin/sh\nexec " + ("ccache " if shutil.which("ccache") else "") + '"$@" $TARVO_FAULTY\n',
+                    encoding="utf-8")
+    path.chmod(0o755)
+    return path
+
+
+def programs_of(patterns):
+    """The targets of these names."""
     found = subprocess.run(["cmake", "--build", "build/release", "--target", "help"], cwd=TREE, check=True,
                            capture_output=True, text=True).stdout
     names = set(re.findall(r"^(\w+): phony", found, re.M))
-    wanted = [re.compile("^" + p.replace("*", r"\w*") + "$") for p in PROGRAMS.get(folder, [f"unit_{folder}*"])]
+    wanted = [re.compile("^" + p.replace("*", r"\w*") + "$") for p in patterns]
     return sorted(n for n in names if any(w.match(n) for w in wanted))
 
 
@@ -101,23 +121,32 @@ def ctest(include, exclude, log, limit):
     began = log.stat().st_size if log.exists() else 0
     inside = '. scripts/lib.sh; ulimit -v 16000000 -f 4000000; in_sandbox "$@"'
     code = run(["bash", "-c", inside, "bash", "ctest", "--test-dir", "build/release", "-R", include, "-E", exclude,
-                "--stop-on-failure", "--timeout", "60", "-j", "1", "--output-on-failure"], limit, log)
+                "--stop-on-failure", "--timeout", "60", "-j", "2", "--output-on-failure"], limit, log)
     with open(log, encoding="utf-8", errors="replace") as text:
         text.seek(began)
-        failed = re.findall(r"^\s*\d+ - (\S+) \((\w+)", text.read(), re.M)
+        # What stands between name and verdict is the parameter of a test that has one.
+        failed = re.findall(r"^\s*\d+ - (\S+).* \(([^()]+)\)$", text.read(), re.M)
     return code == 0, failed[0] if failed else ("", "out of time" if code is None else "no test")
 
 
+def only(name):
+    """The expression for one test, whatever its parameter is."""
+    return "^" + re.escape(name) + "( |$)"
+
+
+def alone(name, log, limit):
+    """Whether one test passes by itself."""
+    return ctest(only(name), "^$", log, limit)[0]
+
+
 def test(include, exclude, log, limit):
-    """The same, but a test that fails once and then no more is taken for one that load has made fail."""
+    """The test that fails, and how. One that fails once and then no more is taken for one that load has made fail."""
     for _ in range(3):
         passed, (name, how) = ctest(include, exclude, log, limit)
-        if passed or not name:
-            return passed, how
-        if not ctest("^" + re.escape(name) + "$", "^$", log, limit)[0]:
-            return False, f"{name}: {how}"
-        exclude += "|^" + re.escape(name) + "$"
-    return False, "several tests, each of them once"
+        if passed or not name or not alone(name, log, limit):
+            return "" if passed else name, "" if passed else how
+        exclude += "|" + only(name)
+    return "", "several tests, each of them once"
 
 
 def prepare(options):
@@ -126,53 +155,68 @@ def prepare(options):
     log = WORK / "prepare.log"
     log.unlink(missing_ok=True)
     copy_tree()
-    cache = ["-DCMAKE_CXX_COMPILER_LAUNCHER=ccache"] if shutil.which("ccache") else []
-    configured = run(["cmake", "--preset", "release", "-DTARVO_WERROR=OFF", *cache], 600, log) == 0
-    first = ["tarvo", "tarvo_loop"] if options.nearest_only else []
-    if not configured or not build(first, log, options.build_minutes * 60):
+    # A program finds a library that was built anew without being linked anew.
+    definitions = [f"-DCMAKE_{language}_COMPILER_LAUNCHER={launcher()}" for language in ("C", "CXX")]
+    definitions.append("-DCMAKE_LINK_DEPENDS_NO_SHARED=ON")
+    configured = run(["cmake", "--preset", "release", *definitions], 600, log) == 0
+    if not configured or not build(LIBRARIES, log, options.build_minutes * 60):
         sys.exit(f"mutants.py: the sources do not build; see {log}")
 
 
-def demand_sound(include, targets, limit, options, known):
-    """Ends the run unless the tests pass without a fault: otherwise they would say nothing about one."""
-    log = WORK / "sound.log"
-    if include not in known:
-        known.add(include)
-        build(targets, log, options.build_minutes * 60)
-        passed, failed = test(include, NOT_CONCERNED, log, limit)
-        if not passed:
-            sys.exit(f"mutants.py: {include} fails without a fault ({failed}); see {log}")
+class Attempt:
+    """One fault, and what becomes of it."""
 
+    def __init__(self, fault, options, unsound):
+        self.fault, self.options, self.unsound = fault, options, unsound
+        self.folder = fault["file"].split("/")[1]
+        self.path = TREE / fault["file"]
+        self.original = self.path.read_text(encoding="utf-8")
+        self.log = WORK / f"{fault['key']}.log"
+        self.log.unlink(missing_ok=True)
+        self.programs = programs_of(PROGRAMS.get(self.folder, [f"unit_{self.folder}*"]))
 
-def attempt(fault, number, options, known):
-    """Builds and tests one fault. What became of it, and who noticed."""
-    log = WORK / f"{number}.log"
-    log.unlink(missing_ok=True)
-    folder = fault["file"].split("/")[1]
-    path = TREE / fault["file"]
-    original = path.read_text(encoding="utf-8")
-    lines = original.split("\n")
-    at = fault["line"] - 1
-    assert lines[at:at + len(fault["before"])] == fault["before"]
-    limit = options.minutes * 60
-    programs = programs_of(folder)
-    demand_sound(NEAREST[folder], ["tarvo", "tarvo_loop", *programs], limit, options, known)
-    if not options.nearest_only:
-        demand_sound(OTHERS, [], limit * 3, options, known)
-    path.write_text("\n".join(lines[:at] + fault["after"] + lines[at + len(fault["before"]):]), encoding="utf-8")
-    try:
-        # The programs find the library where it was; only what has more of the sources than that is built anew.
-        more = programs if folder in ("loop", "base") or path.suffix == ".h" else []
-        if not build(["tarvo", "tarvo_loop", *more], log, limit):
-            return "not built", ""
-        passed, failed = test(NEAREST[folder], NOT_CONCERNED, log, limit)
-        if passed and not options.nearest_only:
-            if not build([], log, options.build_minutes * 60):
-                return "not built", ""
-            passed, failed = test(OTHERS, NOT_CONCERNED + "|" + NEAREST[folder], log, limit * 3)
-        return ("survived", "") if passed else ("noticed", failed)
-    finally:
-        path.write_text(original, encoding="utf-8")
+    def put(self):
+        lines, at, before = self.original.split("\n"), self.fault["line"] - 1, self.fault["before"]
+        assert lines[at:at + len(before)] == before
+        lines[at:at + len(before)] = self.fault["after"]
+        self.path.write_text("\n".join(lines), encoding="utf-8")
+
+    def excluded(self, *more):
+        return "|".join([NOT_CONCERNED, *more, *map(only, sorted(self.unsound))])
+
+    def look(self):
+        """The verdict, and the test that has noticed it, in the copy with the fault."""
+        limit, log = self.options.minutes * 60, self.log
+        if not build(LIBRARIES + programs_of(REBUILT.get(self.folder, [])), log, limit, True):
+            return "not built", "", ""
+        name, how = test(NEAREST[self.folder], self.excluded(), log, limit)
+        if not (name or how or self.options.nearest_only):
+            if not build(programs_of([OTHERS + "*"]), log, self.options.build_minutes * 60, True):
+                return "not built", "", ""
+            # What a header has in it is in the nearest tests, too, only now.
+            tried = [] if self.path.suffix == ".h" else [NEAREST[self.folder]]
+            name, how = test("^" + OTHERS, self.excluded(*tried), log, limit * 3)
+        return "noticed" if name or how else "survived", name, how
+
+    def made(self, sound):
+        """The verdict, and who noticed it. Afterwards the copy is built without the fault again."""
+        limit, log = self.options.build_minutes * 60, self.log
+        while True:
+            build([*LIBRARIES, *self.programs], log, limit)
+            self.put()
+            try:
+                verdict, name, how = self.look()
+            finally:
+                self.path.write_text(self.original, encoding="utf-8")
+            if not name or name in sound:
+                return verdict, f"{name}: {how}" if name else how
+            more = self.programs if name.split(".")[0] in self.programs else programs_of([OTHERS + "*"])
+            build(LIBRARIES + more, log, limit)
+            if alone(name, log, self.options.minutes * 60):
+                sound.add(name)
+                return verdict, f"{name}: {how}"
+            print(f"{name} fails without a fault, too, and is left out", flush=True)
+            self.unsound.add(name)
 
 
 def arguments():
@@ -184,18 +228,23 @@ def arguments():
     parser.add_argument("--minutes", type=int, default=10, help="for a build or the nearest tests (default: 10)")
     parser.add_argument("--build-minutes", type=int, default=60, help="for a build of everything (default: 60)")
     parser.add_argument("--only", default="", help="faults of files whose name has this in it")
-    parser.add_argument("--nearest-only", action="store_true", help="leave out the other tests")
+    parser.add_argument("--nearest-only", action="store_true", help="leave out the other tests, and what they alone could notice open")
     parser.add_argument("--list", action="store_true", help="print what would be tried, and do nothing")
+    parser.add_argument("--table", action="store_true", help="print what has become of all that were tried, and do nothing")
     return parser.parse_args()
 
 
-def load(results):
-    """What earlier runs have found, by the fault and what its file held then."""
+FIELDS = ("key", "verdict", "by", "tests", "seed", "fault")
+
+
+def load():
+    """What earlier runs have found, by the key of the fault."""
     done = {}
-    if results.exists():
-        for line in results.read_text(encoding="utf-8").splitlines():
-            entry = json.loads(line)
-            done[entry["key"]] = entry
+    if TRIED.exists():
+        for line in TRIED.read_text(encoding="utf-8").splitlines():
+            if line and not line.startswith("#"):
+                entry = dict(zip(FIELDS, line.split("\t")))
+                done[entry["key"]] = entry
     return done
 
 
@@ -203,14 +252,9 @@ def state_of(folder):
     """What tells one state of the files below a folder from another."""
     state = hashlib.sha256()
     for path in sorted(folder.rglob("*")):
-        if path.is_file() and path != LISTED and "__pycache__" not in path.parts:
+        if path.is_file() and path.suffix not in (".list", ".tried") and "__pycache__" not in path.parts:
             state.update(str(path).encode() + path.read_bytes())
     return state.hexdigest()[:16]
-
-
-def key_of(fault):
-    held = hashlib.sha256((ROOT / fault["file"]).read_bytes()).hexdigest()
-    return hashlib.sha256(json.dumps([fault, held]).encode()).hexdigest()[:16]
 
 
 class Run:
@@ -220,43 +264,49 @@ class Run:
         self.options = options
         self.end = time.monotonic() + options.hours * 3600
         self.reasons = listed()
-        self.results = WORK / "results.jsonl"
-        self.done = load(self.results)
+        self.done = load()
         self.prepared = False
         self.sound = set()
+        self.unsound = set()
         self.tests = state_of(ROOT / "tests")
         self.counts = {}
-        self.survivors = []
+        self.unnoticed = []
 
     def entry_of(self, fault):
         """What is known of a fault, or None."""
         if identity(fault) in self.reasons:
             return {"verdict": "cannot matter", "by": self.reasons[identity(fault)]}
-        entry = self.done.get(key_of(fault))
-        if entry is None or entry["verdict"] != "survived":
+        entry = self.done.get(fault["key"])
+        if entry is None or entry["verdict"] not in ("survived", "open"):
             return entry
-        # One that has survived may be noticed by the other tests, or by what the tests have become.
-        more = (entry["nearest_only"] and not self.options.nearest_only) or entry.get("tests") != self.tests
-        return None if more else entry
+        # It may be noticed by the other tests, or by what the tests have become.
+        more = entry["verdict"] == "open" and not self.options.nearest_only
+        return None if more or entry["tests"] != self.tests else entry
 
     def find_out(self, fault):
         """Tries it, and keeps what has become of it."""
         if not self.prepared:
             prepare(self.options)
             self.prepared = True
-        key = key_of(fault)
-        verdict, by = attempt(fault, key, self.options, self.sound)
-        entry = {"key": key, "verdict": verdict, "by": by, "nearest_only": self.options.nearest_only,
-                 "tests": self.tests, "fault": fault}
-        with open(self.results, "a", encoding="utf-8") as output:
-            output.write(json.dumps(entry) + "\n")
+        verdict, by = Attempt(fault, self.options, self.unsound).made(self.sound)
+        verdict = "open" if verdict == "survived" and self.options.nearest_only else verdict
+        entry = dict(zip(FIELDS, (fault["key"], verdict, by, self.tests, str(self.options.seed), describe(fault))))
+        self.keep(entry)
         return entry
+
+    def keep(self, entry):
+        """In the order in which they were tried."""
+        self.done.pop(entry["key"], None)
+        self.done[entry["key"]] = entry
+        heading = "# What has become of the faults that scripts/mutants.py has tried: " + ", ".join(FIELDS) + ".\n"
+        lines = ("\t".join(known[field] for field in FIELDS) + "\n" for known in self.done.values())
+        TRIED.write_text(heading + "".join(lines), encoding="utf-8")
 
     def tell(self, fault, entry):
         verdict = entry["verdict"]
         self.counts[verdict] = self.counts.get(verdict, 0) + 1
-        if verdict == "survived":
-            self.survivors.append(fault)
+        if verdict in ("survived", "open"):
+            self.unnoticed.append((verdict, fault))
         if verdict != "not built":
             print(f"{verdict:13} {describe(fault)}" + (f"  [{entry['by']}]" if entry["by"] else ""), flush=True)
 
@@ -277,21 +327,45 @@ class Run:
     def verdict(self):
         """Prints the sum; the exit code."""
         print(", ".join(f"{self.counts[verdict]} {verdict}" for verdict in sorted(self.counts)))
-        for fault in self.survivors:
-            print("survived: " + describe(fault))
+        for verdict, fault in self.unnoticed:
+            print(f"{verdict}: {describe(fault)}")
         counted = self.counts.get("noticed", 0) + self.counts.get("survived", 0)
         share = 100 * self.counts.get("noticed", 0) / counted if counted else 0
         print(f"noticed: {share:.0f} % of {counted}")
         return 0 if share >= (self.options.at_least or 100) else 1
 
 
+def print_table():
+    """What has become of all that were tried, by their kind, for a page."""
+    columns = ("noticed", "survived", "open", "cannot matter")
+    kinds = {}
+    known = [(entry["fault"].split(": ")[1], entry["verdict"], entry["fault"]) for entry in load().values()]
+    reasons = {f"{file}: {before}  ->  {after or '(nothing)'}" for file, before, after in listed()}
+    for kind, verdict, fault in known:
+        file, rest = fault.split(":", 1)
+        if f"{file}: {rest.split(': ', 2)[2].replace(' / ', ' ')}" in reasons:
+            verdict = "cannot matter"
+        for row in (kind, "all"):
+            counts = kinds.setdefault(row, dict.fromkeys(columns, 0))
+            if verdict in counts:
+                counts[verdict] += 1
+    print("| fault | tried | " + " | ".join(columns) + " |")
+    print("|---" * (len(columns) + 2) + "|")
+    for kind in sorted(kinds, key=lambda row: (row == "all", row)):
+        counts = [kinds[kind][column] for column in columns]
+        print(f"| {kind} | {sum(counts)} | " + " | ".join(map(str, counts)) + " |")
+
+
 def main():
     """Tries the faults one after another."""
     options = arguments()
+    if options.table:
+        print_table()
+        return 0
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(143)) # not without what it has started
-    seed = options.seed or int(time.time())
-    print(f"seed {seed}", flush=True)
-    faults = (fault for fault in draw(ROOT, seed) if options.only in fault["file"])
+    options.seed = options.seed or int(time.time())
+    print(f"seed {options.seed}", flush=True)
+    faults = (fault for fault in draw(ROOT, options.seed) if options.only in fault["file"])
     if options.list:
         for _, fault in zip(range(options.faults), faults):
             print(describe(fault))

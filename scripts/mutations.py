@@ -1,11 +1,16 @@
 """The small faults that scripts/mutants.py puts into the sources: which there are, and in which order they are drawn."""
-import random
+import hashlib
 import re
 
 NO_STATEMENT = re.compile(r"^\s*(return|break|continue|throw|using|static_assert|namespace|class|struct|enum|public:|"
                           r"private:|case|default:|else|goto|delete this|friend|template|typedef|extern|TARVO_LOG|"
                           r"const |constexpr|auto |static|int |bool |void |virtual |explicit |inline |~|"
-                          r".*= (delete|default);|[A-Za-z_:<>]+ [*&]?[a-z]\w*(\{|;| = ))")
+                          r".*= (delete|default);|[A-Za-z_:<>]+ [*&]?[a-z]\w*(\{|;| = )|"
+                          # declarations of functions, and of variables
+                          r"[\w:<>,*& ]*[\w>] [*&]?[A-Z]\w*\(|(?:[\w:<>,*&]+ )+[*&]*\w+( = .*)?;|"
+                          r"EXCLUDES|__attribute__|"
+                          # clang's analysis refuses what a lock guards without it
+                          r"(?:Mutex|Read|Write)Lock \w+\()")
 STATEMENT = re.compile(r"^\s+[A-Za-z_:(*+-][^;{}]*;$")
 
 
@@ -80,17 +85,42 @@ def faults_of(path):
             yield "order swapped", index, original[index:index + 2], [original[index + 1], original[index]]
 
 
-def draw(root, seed):
-    """The faults of the sources below `root` as they are tried: each kind in turn, each at random."""
-    by_kind = {}
+def surroundings(lines, index):
+    """The function around a line, as its indentation says, and where in it the line is."""
+    first = index
+    while first > 0 and (lines[first][:1] in ("", " ", "}", "#") or lines[first].endswith(":")):
+        first -= 1
+    last = next((i for i in range(index, len(lines)) if lines[i].startswith("}")), len(lines) - 1)
+    return "\n".join(lines[first:last + 1]), index - first
+
+
+def digest(*parts):
+    return hashlib.sha256("\0".join(map(str, parts)).encode()).hexdigest()[:16]
+
+
+def faults_below(root):
+    """All faults of the sources. The key of each stays the same as long as the function around it does."""
     for path in sorted((root / "src").rglob("*.[ch]*")):
-        if path.suffix in (".h", ".cpp"):
-            for kind, line, before, after in faults_of(path):
-                by_kind.setdefault(kind, []).append({"file": str(path.relative_to(root)), "line": line + 1,
-                                                     "kind": kind, "before": before, "after": after})
-    chance = random.Random(seed)
+        if path.suffix not in (".h", ".cpp", ".c"):
+            continue
+        name = str(path.relative_to(root))
+        lines = path.read_text(encoding="utf-8").split("\n")
+        for kind, index, before, after in faults_of(path):
+            key = digest(name, kind, *surroundings(lines, index), *before, "->", *after)
+            yield {"key": key, "file": name, "line": index + 1, "kind": kind, "before": before, "after": after}
+
+
+def draw(root, seed):
+    """The faults of the sources below `root` as they are tried: each kind in turn, each at random.
+
+    A change of the sources takes the faults of the functions that it changes out, and puts new ones between the others,
+    whose order within a kind stays.
+    """
+    by_kind = {}
+    for fault in faults_below(root):
+        by_kind.setdefault(fault["kind"], []).append(fault)
     for faults in by_kind.values():
-        chance.shuffle(faults)
+        faults.sort(key=lambda fault: digest(seed, fault["key"]))
     while by_kind:
         for kind in sorted(by_kind):
             yield by_kind[kind].pop()

@@ -47,7 +47,6 @@ public:
     static uint32_t WireId(int64_t number) { return static_cast<uint32_t>(number) & ~ONE_WAY; }
     // An id for a request that nobody waits for the answer of.
     uint32_t OneWayId() { return ONE_WAY | ++oneWay; }
-    static bool IsOneWay(uint32_t wireId) { return (wireId & ONE_WAY) != 0; }
 
     // The answer to `wireId` is there: its call ends now, `end` tells whose it is. False: nobody waits for it.
     bool Answer(uint32_t wireId, CallEnd &end);

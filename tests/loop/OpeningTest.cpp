@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -191,6 +192,26 @@ TEST_F(OpeningTest, OpenWithoutAnyTimeEndsInTheNextRoundUnlessEverythingIsThere)
     EXPECT_EQ(OwnFifoFiles(), Strings{remote});
     peer.CreateFiles();
     EXPECT_EQ(OpenResult(Options(TARVO_LINK_ARRANGED_CLIENT, 0)), 0);
+}
+
+TEST_F(OpeningTest, LinkThatIsOpenDoesNotTimeOutWhileItWaitsForItsTurnToBeTold) {
+    OpenLink(TARVO_LINK_ARRANGED_CLIENT);
+    peer.Send(RawRequest(1, "first") + RawRequest(2, "second") + RawRequest(3, "third"));
+    EXPECT_EQ(TarvoLoopDispatch(loop.Get(), 1), 1);
+    const std::string far = remote + "o";
+    RawPeer other(far, self);
+    other.CreateFiles();
+    Probe probe(loop);
+    TarvoLinkOptions options = Options(TARVO_LINK_ARRANGED_CLIENT, 1);
+    options.target = far.c_str();
+    ASSERT_EQ(probe.OpenWith(options), 0);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(3);
+    while (std::chrono::steady_clock::now() < deadline) {
+    }
+    EXPECT_EQ(TarvoLoopDispatch(loop.Get(), 1), 1) << "the other link's";
+    EXPECT_EQ(probe.events, Strings());
+    ASSERT_TRUE(probe.AwaitCount(1));
+    EXPECT_EQ(probe.events, Strings{"opened 0"});
 }
 
 TEST_F(OpeningTest, FailedLinkIsOfNoUseAndMustBeClosed) {

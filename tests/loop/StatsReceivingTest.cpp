@@ -136,6 +136,18 @@ TEST_F(StatsReceivingTest, RequestsWithoutMemoryAreDropped) {
     ExpectRequests(1);
 }
 
+TEST_F(StatsReceivingTest, CallsWithoutMemoryAreDroppedAsCalls) {
+    peer.Send(RawRequest(1, "no memory", 1000));
+    {
+        const EmptyHeap nothing;
+        TarvoLoopDispatch(loop.Get(), 10);
+    }
+    EXPECT_EQ(OnFile().requests.dropped[TARVO_STATS_DROP_MEMORY], 1U);
+    EXPECT_EQ(OnFile().received.messages[TARVO_STATS_CALL], 1U);
+    EXPECT_EQ(OnFile().received.bytes[TARVO_STATS_CALL], 9U);
+    ExpectRequests(1);
+}
+
 TEST_F(StatsReceivingTest, WhatHasBeenReadIsDroppedWhenACallbackClosesTheLink) {
     link.onRequest = [&](uint32_t, const std::string &) { link.Close(); };
     peer.Send(RawRequest(1, "close") + RawRequest(2, "left") + RawRequest(3, "left", 500) + RawResponse(4, "left") +
@@ -148,6 +160,17 @@ TEST_F(StatsReceivingTest, WhatHasBeenReadIsDroppedWhenACallbackClosesTheLink) {
     EXPECT_EQ(numbers.received.late, 1U);
     EXPECT_EQ(numbers.requests.begun, 1U);
     EXPECT_EQ(numbers.requests.finished, 1U);
+}
+
+TEST_F(StatsReceivingTest, WhatStandsBehindABadHeadIsDroppedTooWhenACallbackClosesTheLink) {
+    link.onRequest = [&](uint32_t, const std::string &) { link.Close(); };
+    RawFrame bad = MakeRawFrame(2, 0, "");
+    bad.magic ^= 1;
+    peer.Send(RawRequest(1, "close") + EncodeRawFrame(bad) + RawRequest(3, "left"));
+    ASSERT_TRUE(link.Await("request close"));
+    const TarvoStatsPipe numbers = OnFile();
+    EXPECT_EQ(numbers.requests.dropped[TARVO_STATS_DROP_CLOSING], 1U);
+    EXPECT_EQ(numbers.received.messages[TARVO_STATS_ONE_WAY], 2U);
 }
 
 TEST_F(StatsReceivingTest, WhatWaitsForALaterRoundIsDroppedWhenTheLinkCloses) {

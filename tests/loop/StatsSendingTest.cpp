@@ -196,6 +196,22 @@ TEST_F(StatsBlockingTest, OneThatOnlyWaitsForTheOpenHasItsEndToo) {
     EXPECT_EQ(numbers.calls.ended[TARVO_STATS_END_TIMED_OUT], 1U);
 }
 
+TEST_F(StatsBlockingTest, WhatItKeepsIsCountedAsWhatItIs) {
+    std::thread other([&] {
+        const uint32_t id = peer.Receive().id;
+        peer.Send(RawRequest(1, "one") + RawRequest(2, "call", 1000) + RawResponse(id, "answer"));
+    });
+    EXPECT_EQ(Ask(30000), 0);
+    other.join();
+    ASSERT_TRUE(link.Await("request call"));
+    const TarvoStatsPipe numbers = OnFile();
+    EXPECT_EQ(numbers.received.messages[TARVO_STATS_ONE_WAY], 1U);
+    EXPECT_EQ(numbers.received.messages[TARVO_STATS_CALL], 1U);
+    EXPECT_EQ(numbers.received.messages[TARVO_STATS_RESPONSE], 1U);
+    EXPECT_EQ(numbers.received.bytes[TARVO_STATS_CALL], 4U);
+    EXPECT_EQ(numbers.requests.begun, 2U);
+}
+
 TEST_F(StatsBlockingTest, RequestsThatItKeepsAreQueuedUntilTheirRound) {
     AskBesideRequests(3, 0);
     EXPECT_EQ(Numbers().requests.queued.now, 3U);

@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/AllocFaults.h"
 #include "support/Coverage.h"
 #include "support/Faults.h"
 #include "support/Process.h"
@@ -22,6 +23,7 @@
 
 namespace {
 
+using tarvo_test::AllocFault;
 using tarvo_test::Call;
 using tarvo_test::CallCounter;
 using tarvo_test::CallInfo;
@@ -274,6 +276,21 @@ TEST_F(SetProcNameTest, TakesUpTo100CharactersAndEmptiesTheNameElse) {
     EXPECT_STREQ(EnvManager::ProcName(), "");
     EXPECT_EQ(SetProcName(std::string("cut\0here", 8)), 0);
     EXPECT_STREQ(EnvManager::ProcName(), "cut");
+}
+
+TEST_F(SetProcNameTest, WithoutMemoryForOneNameMoreTheOneBeforeStays) {
+    for (const char *const name : {"one", "two", "three", "four"}) {
+        EXPECT_EQ(SetProcName(name), 0);
+    }
+    {
+        const AllocFault fault(1);
+        EXPECT_EQ(SetProcName("five"), ENOMEM);
+        EXPECT_TRUE(fault.Hit());
+    }
+    EXPECT_STREQ(EnvManager::ProcName(), "four");
+    EXPECT_EQ(SetProcName("one"), 0) << "is known";
+    EXPECT_EQ(SetProcName("five"), 0);
+    EXPECT_STREQ(EnvManager::ProcName(), "five");
 }
 
 TEST_F(EnableDefaultProcNameTest, ReplacesTheName) {

@@ -406,6 +406,68 @@ TEST_F(PipeReceiveTest, WorkerIsTheLastToLetGoOfATask) {
     }
 }
 
+// A worker's queue that cannot grow.
+class EmptyHandedObserver : public RecordingObserver {
+public:
+    int OnTaskIn(std::string, std::shared_ptr<const TarvoTask>, TarvoPriority) const override {
+        throw std::bad_alloc();
+    }
+};
+
+TEST_F(PipeReceiveTest, SubmissionWithoutMemoryDropsTheRequestWithItsLine) {
+    EmptyHandedObserver alone;
+    TarvoAttr attr = Attr(TARVO_MODE_CLIENT);
+    attr.callback = [](int, TarvoRequest *) {};
+    const Pipe pipe = std::make_shared<TarvoPipeImpl>(attr, alone);
+    InMessage message(1, MSG_TYPE_REQUEST, 4);
+    std::memcpy(message.GetData(), "ping", 4);
+    pipe->ProcessRequest(message);
+    EXPECT_TRUE(log.Contains(LOG_ERR, "Observer handle request failed(-12) for readFd(-1) remote(" + remote + ")"));
+}
+
+TEST_F(PipeReceiveTest, KeptRequestForWhichMemoryRunsOutIsDroppedAndTheOthersRun) {
+    const Pipe pipe = OpenPipe(Attr(TARVO_MODE_CLIENT));
+    for (const uint32_t id : {1U, 2U}) {
+        InMessage message(id, MSG_TYPE_REQUEST, 4);
+        std::memcpy(message.GetData(), "kept", 4);
+        pipe->ProcessRequest(message);
+    }
+    {
+        const AllocFault fault(1);
+        pipe->ProcessCachedRequests([this](int, TarvoRequest *request) { received.push_back({0, request->id, ""}); });
+        EXPECT_TRUE(fault.Hit());
+    }
+    observer.RunTasks();
+    EXPECT_EQ(received, (std::vector<Received>{{0, 2, ""}}));
+    EXPECT_TRUE(log.Contains(LOG_ERR, "Observer handle request failed(-12)"));
+}
+
+TEST_F(PipeReceiveTest, HalfAHeadIsNoRemoteThatIsLost) {
+    Tarvo::EpollTimeRecord record;
+    const Pipe pipe = OpenRecordingPipe();
+    peer.Send(RawRequest(1, "whole").substr(0, 10));
+    EXPECT_FALSE(pipe->HasLostRemote(record));
+    EXPECT_TRUE(log.Contains(LOG_ERR, ShortRead(10, 32)));
+    ExpectDelivered(pipe);
+}
+
+TEST_F(PipeReceiveTest, ListOfKeptRequestsIsACopyInTheirOrder) {
+    const Pipe pipe = OpenPipe(Attr(TARVO_MODE_CLIENT));
+    for (const uint32_t id : {3U, 1U, 2U}) {
+        InMessage message(id, MSG_TYPE_REQUEST, 4);
+        std::memcpy(message.GetData(), "kept", 4);
+        pipe->ProcessRequest(message);
+    }
+    const auto kept = pipe->GetInReqList();
+    pipe->CloseFd();
+    std::vector<uint32_t> ids;
+    for (const auto &request : kept) {
+        ids.push_back(request->id);
+        EXPECT_EQ(std::string(request->data.get(), request->length), "kept");
+    }
+    EXPECT_EQ(ids, (std::vector<uint32_t>{3, 1, 2}));
+}
+
 // ---- Delivery times of heartbeat pipes ----
 
 class PipeHeartbeatTest : public PipeReceiveTest {
@@ -438,9 +500,15 @@ protected:
     void SetNow(int64_t now) { fresh.clock.SetMonotonic(std::chrono::microseconds(WRITTEN + now)); }
 
     void Deliver(const Pipe &pipe, uint32_t id, uint32_t type = 0, int64_t written = WRITTEN) {
+        Write(id, type, written);
+        Read(pipe);
+    }
+    void Write(uint32_t id, uint32_t type = 0, int64_t written = WRITTEN) {
         RawFrame frame = MakeRawFrame(id, type, "beat", 250);
         frame.writeStartTime = written;
         beatPeer->Send(EncodeRawFrame(frame));
+    }
+    static void Read(const Pipe &pipe) {
         epoll_event event{};
         event.events = EPOLLIN;
         Tarvo::EpollTimeRecord record;
@@ -568,6 +636,38 @@ TEST_F(PipeHeartbeatTest, RefusedRequestsLeaveNoRecordBehind) {
     Deliver(pipe, 8);
     Deliver(pipe, 8);
     EXPECT_TRUE(log.Contains(LOG_ERR, "Observer handle request failed(-12)"));
+    EXPECT_FALSE(log.Contains(ANY_LEVEL, "Rpc id already exist"));
+}
+
+TEST_F(PipeHeartbeatTest, KeptRequestsThatAreRefusedLeaveNoRecordBehind) {
+    const Pipe pipe = OpenHeartbeatPipe(10);
+    const auto callback = pipe->GetServiceHandler();
+    for (int round = 0; round < 2; ++round) {
+        InMessage message(8, MSG_TYPE_REQUEST, 4);
+        std::memcpy(message.GetData(), "beat", 4);
+        MsgHead head{};
+        head.id = 8;
+        Tarvo::EpollTimeRecord record;
+        message.timed = pipe->CheckEpollTime(head, record);
+        EXPECT_TRUE(message.timed) << "the one before has taken its record with it";
+        pipe->CacheRequest(std::make_shared<InRequest>(message));
+        observer.Answer(Report::RequestIn, -ENOMEM);
+        pipe->ProcessCachedRequests(callback);
+    }
+    EXPECT_FALSE(log.Contains(ANY_LEVEL, "Rpc id already exist"));
+}
+
+TEST_F(PipeHeartbeatTest, MessageWithoutMemoryForItsRecordIsDropped) {
+    const Pipe pipe = OpenHeartbeatPipe(10);
+    for (unsigned nth = 1; nth < 10 && received.empty(); ++nth) {
+        Write(8);
+        {
+            const AllocFault fault(nth);
+            Read(pipe);
+        }
+        observer.RunTasks();
+    }
+    EXPECT_EQ(received.size(), 1U) << "with as much memory as it takes";
     EXPECT_FALSE(log.Contains(ANY_LEVEL, "Rpc id already exist"));
 }
 

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <tuple>
 
 #include "PipeEnvironment.h"
 #include "PipeFixture.h"
@@ -100,6 +101,30 @@ TEST_F(PipeSendTest, ResponseLiesOnTheWireByteByByte) {
                        "\xFF\xFF\xFF\xFF"
                        "\x02\x00\x00\x00\x00\x00\x00\x00"
                        "\x01"s);
+}
+
+TEST_F(PipeSendTest, MessageAndFrameOfTheCallersOwnMakingAreSentAsTheyAre) {
+    const Pipe pipe = OpenPipe(Attr(TARVO_MODE_SERVER));
+    std::string text = "made";
+    OutMessage request(7, TarvoRequest{7, text.data(), 4}, 250);
+    EXPECT_EQ(pipe->Send(request), 0);
+    OutMessage response(8, TarvoResponse{8, text.data(), 4});
+    EXPECT_EQ(pipe->Write(response), 0);
+    const std::string frame = RawRequest(9, "a frame");
+    const auto bytes = std::make_unique<char[]>(frame.size());
+    frame.copy(bytes.get(), frame.size());
+    EXPECT_EQ(pipe->Write(bytes, frame.size(), 9), 0);
+    for (const auto &[id, type, payload] :
+         {std::tuple(7U, 0U, "made"), std::tuple(8U, 1U, "made"), std::tuple(9U, 0U, "a frame")}) {
+        const RawFrame received = peer.Receive();
+        EXPECT_EQ(received.id, id);
+        EXPECT_EQ(received.type, type);
+        EXPECT_EQ(received.payload, payload);
+    }
+    CloseRemote();
+    EXPECT_EQ(pipe->Send(request), -EPIPE);
+    EXPECT_EQ(pipe->Write(response), -EPIPE);
+    EXPECT_EQ(pipe->Write(bytes, frame.size(), 9), -EPIPE);
 }
 
 TEST_F(PipeSendTest, DocumentedChecksumIsOnTheWire) {

@@ -4,6 +4,7 @@
 
 #include "stats/Stats.h"
 #include "stats/StatsFile.h"
+#include "support/FileFaults.h"
 #include "support/Sanitized.h"
 #include "support/StatsDirectory.h"
 
@@ -196,6 +197,51 @@ TEST(StatsPlaces, SumsAreWholeWhilePipesComeAndGo) {
     }
     EXPECT_EQ(static_cast<uint64_t>(THREADS * each), sum);
     EXPECT_EQ(TARVO_STATS_SLOTS_PER_CHUNK, OwnStats().Header().slots);
+}
+
+TEST(StatsPlaces, RoomThatIsMadeAheadIsThereForTheNextPipe) {
+    TARVO_STATS_OR_SKIP();
+    std::vector<StatsSlot> first;
+    for (unsigned i = 0; i < TARVO_STATS_SLOTS_PER_CHUNK - 1; ++i) {
+        StatsFile::Get()->MakeRoom();
+        EXPECT_EQ(TARVO_STATS_SLOTS_PER_CHUNK, OwnStats().Header().slots) << "there was some";
+        first.emplace_back(PipeNamed("first"));
+    }
+    StatsFile::Get()->MakeRoom();
+    StatsFile::Get()->MakeRoom();
+    EXPECT_EQ(2U * TARVO_STATS_SLOTS_PER_CHUNK, OwnStats().Header().slots);
+    const FileFault fault(FileCall::Mmap, ENOMEM); // nothing more is needed
+    EXPECT_NE(nullptr, StatsSlot(PipeNamed("next")).Pipe());
+}
+
+TEST(StatsPlaces, ASequenceThatEndsBeginsAgainWithoutTheNumberThatSaysNever) {
+    TARVO_STATS_OR_SKIP();
+    auto *const slots = reinterpret_cast<TarvoStatsSlot *>(reinterpret_cast<char *>(&StatsFile::Get()->Header()) +
+                                                           TARVO_STATS_HEADER_SIZE);
+    __atomic_store_n(&slots[1].sequence, UINT32_MAX - 1, __ATOMIC_RELAXED);
+    const StatsSlot slot(PipeNamed("pipe"));
+    EXPECT_EQ(2U, __atomic_load_n(&slots[1].sequence, __ATOMIC_RELAXED));
+}
+
+TEST(StatsPlaces, APlaceThatIsNoneTakesEveryStepAndTellsNothing) {
+    TARVO_STATS_OR_SKIP(0);
+    StatsSlot none(PipeNamed("none"));
+    none.Opening();
+    none.Opened();
+    none.RemoteClosed();
+    none.Closed();
+    TarvoStatsPipe numbers{};
+    EXPECT_FALSE(none.Read(numbers));
+    EXPECT_EQ(nullptr, none.Pipe());
+}
+
+TEST(StatsPlaces, APipeThatIsClosedStaysClosedWhateverTheRemoteDoes) {
+    TARVO_STATS_OR_SKIP();
+    StatsSlot slot(PipeNamed("pipe"));
+    slot.Opened();
+    slot.Closed();
+    slot.RemoteClosed();
+    EXPECT_EQ(uint32_t{TARVO_STATS_CLOSED}, OwnStats().Slots(TARVO_STATS_PIPE).at(0).state);
 }
 
 } // namespace

@@ -28,6 +28,19 @@ TEST_F(ReadingTest, WhatIsInTheFileIsRead) {
     EXPECT_NE(reader.Last().readAt, 0U);
 }
 
+TEST_F(ReadingTest, PlaceThatIsNoLongerUsedIsEmptyInTheNextReading) {
+    const StatsDirectory directory;
+    const StatsFile file(directory, "4711", StatsHeader(1));
+    file.Set(0, StatsSlot(TARVO_STATS_PIPE, "telemetry", "client"));
+    Reader reader(file.Path());
+    ASSERT_EQ(reader.Read(), 0);
+    EXPECT_STREQ(reader.Last().slot[0].name, "telemetry");
+    file.Set(0, TarvoStatsSlot{});
+    ASSERT_EQ(reader.Read(), 0);
+    EXPECT_EQ(reader.Last().slot[0].kind, uint32_t{TARVO_STATS_FREE});
+    EXPECT_STREQ(reader.Last().slot[0].name, "");
+}
+
 TEST_F(ReadingTest, LevelsAreWorkedOutOfTheCounters) {
     const StatsDirectory directory;
     const StatsFile file(directory, "4711", StatsHeader(1));

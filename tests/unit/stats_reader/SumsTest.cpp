@@ -57,6 +57,13 @@ TEST(StatsTimesTest, PercentilesAreAtMostAQuarterTooLarge) {
     EXPECT_EQ(TarvoStatsPercentile(&none, 99), 0U);
 }
 
+TEST(StatsTimesTest, BeyondTheLastPercentileIsTheLongest) {
+    TarvoStatsTimes times{};
+    times.buckets[3] = 10;
+    times.longest = 4711;
+    EXPECT_EQ(TarvoStatsPercentile(&times, 200), 4711U);
+}
+
 TEST(StatsTimesTest, SumsAndDifferencesUndoEachOther) {
     const TarvoStatsTimes before = TimesOf({1000, 2000});
     TarvoStatsTimes now = before;
@@ -84,6 +91,34 @@ TEST(StatsSumsTest, DifferenceOfCountersGoesOnBeyondTheirWrap) {
     TarvoStatsPipeSince(&now, &now, &now);
     EXPECT_EQ(now.sent.messages[TARVO_STATS_CALL], 0U) << "also into one of them";
     EXPECT_EQ(now.calls.outstanding.now, 3U);
+}
+
+TEST(StatsSumsTest, TimesOfEachKindAreAddedOnceAndTheLongestIsTheLongest) {
+    std::vector<TarvoStatsSlot> slots = {StatsSlot(TARVO_STATS_PIPE, "a"), StatsSlot(TARVO_STATS_PIPE, "b")};
+    TarvoStatsTimes TarvoStatsPipe::*const kinds[] = {&TarvoStatsPipe::roundTrip, &TarvoStatsPipe::inFifo,
+                                                      &TarvoStatsPipe::wait, &TarvoStatsPipe::callback};
+    uint64_t factor = 1;
+    for (const auto kind : kinds) {
+        for (TarvoStatsSlot &slot : slots) {
+            TarvoStatsTimes &times = slot.of.pipe.*kind;
+            times.buckets[7] = factor;
+            times.sum = 10 * factor;
+            times.longest = 100 * factor;
+            factor *= 2;
+        }
+    }
+    TarvoStatsReading reading{};
+    reading.slots = 2;
+    reading.slot = slots.data();
+    TarvoStatsPipe sum{};
+    TarvoStatsSum(&reading, &sum);
+    factor = 1;
+    for (const auto kind : kinds) {
+        EXPECT_EQ((sum.*kind).buckets[7], 3 * factor);
+        EXPECT_EQ((sum.*kind).sum, 30 * factor);
+        EXPECT_EQ((sum.*kind).longest, 200 * factor);
+        factor *= 4;
+    }
 }
 
 TEST(StatsSumsTest, SumHasPipesAndThoseGoneAndNothingElse) {

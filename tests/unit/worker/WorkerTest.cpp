@@ -209,6 +209,27 @@ TEST_F(WorkerTest, AFinishedTaskIsReleasedOutsideTheLocks) {
     EXPECT_THAT(journal.Entries(), ElementsAre(0));
 }
 
+TEST_F(WorkerTest, TasksThatAreDroppedWhileOthersAreBeingDroppedGoInTheirOrder) {
+    ASSERT_TRUE(worker.Start());
+    Occupy();
+    {
+        const auto last = std::make_shared<OnDestruction>([&] { journal.Note(2); });
+        const auto late = std::make_shared<OnDestruction>([&] { journal.Note(3); });
+        const auto first = std::make_shared<OnDestruction>([&, late] {
+            EXPECT_EQ(Assign(worker, [late] {}), 0);
+            worker.Clear();
+            journal.Note(1);
+        });
+        ASSERT_EQ(Assign(worker, [first] {}), 0);
+        ASSERT_EQ(Assign(worker, [last] {}), 0);
+    }
+    worker.Clear();
+    EXPECT_EQ(worker.WaitingTasks(), 0U);
+    released.Open();
+    RunOn(worker, [] {});
+    EXPECT_THAT(journal.Entries(), ElementsAre(2, 1, 3));
+}
+
 TEST_F(WorkerTest, ADroppedTaskIsReleasedOutsideTheLocks) {
     ASSERT_TRUE(worker.Start());
     Occupy();
