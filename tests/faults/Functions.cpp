@@ -268,11 +268,6 @@ private:
     int fd = -1;
 };
 
-template <typename Made, typename... Arguments>
-std::function<std::unique_ptr<Scene>()> Making(Arguments... arguments) {
-    return [=] { return std::make_unique<Made>(arguments...); };
-}
-
 } // namespace
 
 const std::vector<Function> &ExportedFunctions() {

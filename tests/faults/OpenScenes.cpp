@@ -178,11 +178,6 @@ private:
     std::promise<std::string> client;
 };
 
-template <typename Made, typename... Arguments>
-std::function<std::unique_ptr<Scene>()> Making(Arguments... arguments) {
-    return [=] { return std::make_unique<Made>(arguments...); };
-}
-
 } // namespace
 
 std::vector<Function> OpeningFunctions() {

@@ -17,6 +17,12 @@
 
 namespace tarvo_test {
 
+// What makes a scene of the kind.
+template <typename Made, typename... Arguments>
+std::function<std::unique_ptr<Scene>()> Making(Arguments... arguments) {
+    return [=] { return std::make_unique<Made>(arguments...); };
+}
+
 // Passes the first request on.
 class Inbox {
 public:

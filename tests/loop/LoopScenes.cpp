@@ -375,11 +375,6 @@ private:
     Probe pending{loop};
 };
 
-template <typename Made, typename... Arguments>
-std::function<std::unique_ptr<Scene>()> Making(Arguments... arguments) {
-    return [=] { return std::make_unique<Made>(arguments...); };
-}
-
 } // namespace
 
 Fault &CurrentFault() {
