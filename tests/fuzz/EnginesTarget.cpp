@@ -22,7 +22,6 @@
 namespace tarvo_test {
 namespace {
 
-constexpr std::size_t MAX_PAYLOAD = 4000;
 // Fits into a FIFO whole, and makes no more requests than wait for a callback of the library.
 constexpr std::size_t LONGEST = 32000;
 constexpr uint32_t RESPONSE = 1;

@@ -11,8 +11,6 @@ namespace tarvo_test {
 
 namespace {
 
-constexpr std::size_t MAX_PAYLOAD = 4000;
-constexpr std::chrono::seconds LIMIT(60);
 constexpr std::size_t MOST_PIECES = 8;
 
 bool HasUnread(int fifo) {
@@ -34,7 +32,7 @@ void HonestClient::Call() {
 }
 
 void HonestClient::CallWhileUnread(int fifo, std::size_t most) {
-    const auto end = std::chrono::steady_clock::now() + LIMIT;
+    const auto end = std::chrono::steady_clock::now() + WAIT_LIMIT;
     for (std::size_t made = 0; HasUnread(fifo); ++made) {
         Require(made < most && std::chrono::steady_clock::now() < end, "garbage is read while others are served");
         Call();

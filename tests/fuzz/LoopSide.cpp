@@ -9,7 +9,6 @@ namespace tarvo_test {
 namespace {
 
 constexpr int LIMIT_MS = 60000;
-constexpr std::size_t MAX_PAYLOAD = 4000;
 // Few enough for rounds to leave something over.
 constexpr int CALLBACKS = 3;
 

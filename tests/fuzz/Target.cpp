@@ -28,7 +28,6 @@ namespace {
 constexpr std::size_t KEPT_LINES = 40;
 constexpr std::size_t LINE_SIZE = 256;
 constexpr long LONG_SLEEP_NS = 100000000;
-constexpr std::chrono::seconds LIMIT(60);
 
 // The last lines that the library has logged. Never destroyed, like everything here: threads log while statics die.
 struct Log {
@@ -123,7 +122,7 @@ void Require(bool kept, const char *promise) {
 }
 
 void Await(const char *promise, const std::function<bool()> &condition) {
-    const auto end = std::chrono::steady_clock::now() + LIMIT;
+    const auto end = std::chrono::steady_clock::now() + WAIT_LIMIT;
     for (unsigned round = 0; !condition(); ++round) {
         Require(std::chrono::steady_clock::now() < end, promise);
         // What is waited for announces itself by no event; leave the processor to it.

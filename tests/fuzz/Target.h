@@ -5,6 +5,7 @@
 #ifndef TARVO_FUZZ_TARGET_H
 #define TARVO_FUZZ_TARGET_H
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -13,6 +14,9 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size);
 
 namespace tarvo_test {
+
+constexpr std::size_t MAX_PAYLOAD = 4000;
+constexpr std::chrono::seconds WAIT_LIMIT(60);
 
 // Ends the process with `promise` and the library's last log lines unless `kept`.
 void Require(bool kept, const char *promise);
