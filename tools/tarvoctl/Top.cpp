@@ -43,9 +43,9 @@ std::string TimeOfDay() {
 
 void Show(const TopOptions &options, const Readings &readings, const View &view) {
     if (options.json) {
-        nlohmann::json json = StatsJson(readings, view.filter, true);
-        json["time"] = std::time(nullptr);
-        PutJson(json);
+        nlohmann::json shown = StatsJson(readings, view.filter, true);
+        shown["time"] = std::time(nullptr);
+        PutJson(shown);
         return;
     }
     std::vector<Row> rows = RowsOf(readings, view.filter, true);

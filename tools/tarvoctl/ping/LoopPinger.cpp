@@ -7,15 +7,10 @@
 #include <cerrno>
 
 #include "shared/ExitCode.h"
+#include "shared/Engine.h"
 #include "shared/Output.h"
 
 namespace tarvoctl {
-namespace {
-
-// Callbacks between two looks at the interrupt.
-constexpr int CALLBACKS_PER_ROUND = 1000;
-
-} // namespace
 
 LoopPinger::LoopPinger(const PingOptions &pingOptions, const Interrupt &pingInterrupt)
     : options(pingOptions), interrupt(pingInterrupt), request(pingOptions.size, 'p'), loop(tarvo::Loop::Create()),

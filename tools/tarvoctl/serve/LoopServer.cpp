@@ -5,14 +5,13 @@
 #include <algorithm>
 #include <system_error>
 
+#include "shared/Engine.h"
 #include "shared/Output.h"
 
 namespace tarvoctl {
 namespace {
 
-// Callbacks between two looks at the interrupt and at the commands.
-constexpr int CALLBACKS_PER_ROUND = 1000;
-constexpr std::chrono::seconds TICK(1);
+constexpr std::chrono::seconds COUNT_TICK(1);
 // What a client that does not read its answers may take of this process.
 constexpr std::size_t MAX_UNSENT_BYTES = std::size_t{16} << 20U;
 
@@ -179,7 +178,7 @@ bool LoopServer::Await(const Interrupt &interrupt, Clock::time_point tick) {
 }
 
 void LoopServer::Run(const Interrupt &interrupt) {
-    auto tick = options.count ? Clock::now() + TICK : Clock::time_point::max();
+    auto tick = options.count ? Clock::now() + COUNT_TICK : Clock::time_point::max();
     while (options.limit == 0 || finished < options.limit) {
         if (!Await(interrupt, tick)) {
             return;
@@ -187,7 +186,7 @@ void LoopServer::Run(const Interrupt &interrupt) {
         loop.Dispatch(CALLBACKS_PER_ROUND);
         if (Clock::now() >= tick) {
             PrintCounts();
-            tick = Clock::now() + TICK;
+            tick = Clock::now() + COUNT_TICK;
         }
     }
 }

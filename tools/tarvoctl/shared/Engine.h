@@ -14,6 +14,9 @@ constexpr char ENGINE_LOOP[] = "loop";
 constexpr uint64_t MAX_OUTSTANDING = 65536;
 constexpr uint64_t MAX_OUTSTANDING_OF_THREADS = 1000;
 
+// Callbacks of a loop between two looks at the interrupt and at the commands.
+constexpr int CALLBACKS_PER_ROUND = 1000;
+
 // A loop runs at the priority of its thread. False, after a line on standard error, when another one is asked for.
 bool LoopHasPriority(const std::string &priority);
 

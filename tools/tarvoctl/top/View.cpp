@@ -41,7 +41,7 @@ void Edit(View &view, char key) {
     }
 }
 
-void Command(View &view, char key) {
+void Obey(View &view, char key) {
     for (const SortKey &sort : SORT_KEYS) {
         if (sort.key == key) {
             view.sort = sort.name;
@@ -80,7 +80,7 @@ void Press(View &view, const std::string &keys) {
         return;
     }
     for (const char key : keys) {
-        view.editing ? Edit(view, key) : Command(view, key);
+        view.editing ? Edit(view, key) : Obey(view, key);
     }
 }
 
