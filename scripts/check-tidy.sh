@@ -46,7 +46,7 @@ else
     mapfile -t files < <(git ls-files -- 'src/*.c' 'src/*.cpp' 'tools/*.cpp' 'examples/*.cpp' 'bridge/*.cpp')
     options=(-p "$database")
     if ! $separate; then
-        list=$(scripts/tidy-units.py "$database" "$units" 22 "${files[@]}")
+        list=$(scripts/tidy-units.py "$database" "$units" 64 "${files[@]}")
         mapfile -t files <<<"$list"
         options=(-p "$units")
         for word in -Xclang -analyzer-config -Xclang max-nodes=30000; do

@@ -5,8 +5,9 @@
     tidy-units.py --locate
 
 Writes units of up to SIZE sources that are compiled alike, and their compile database, to FOLDER, and prints what
-clang-tidy is to be run on: the units, then the sources that cannot share one (a name that is each one's own in two of
-them, or an error) and stand alone.
+clang-tidy is to be run on: the units, then the sources that stand alone. Those of scripts/tidy-apart.list share no unit:
+they have a name of their own that is also another's. Where a new one does, clang-tidy finds an error in the unit (a
+redefinition, an ambiguous name) that is in neither source; it goes into the list, or gets another name.
 
 A unit holds the text of its sources and does not include them: the analyzer looks at the functions of a unit itself,
 and would have to be told to look at those of all headers, the system's too, for the same findings.
@@ -17,7 +18,6 @@ import functools
 import json
 import re
 import shlex
-import subprocess
 import sys
 from pathlib import Path
 
@@ -35,6 +35,7 @@ def arguments(entry):
     return kept
 
 
+APART = Path(__file__).with_name("tidy-apart.list")
 BEGIN = "// From line 1 of "
 
 
@@ -67,31 +68,6 @@ def located(message):
     return re.sub(r"(/\S*/unit_\d+\.cpp):(\d+)", origin, message)
 
 
-def misfits(command, unit, sources):
-    """The sources of a unit that its compiler complains of; all of them if it complains of none in particular."""
-    result = subprocess.run([*command, "-w", "-ferror-limit=0", "-fsyntax-only", str(unit)], capture_output=True, text=True)
-    if result.returncode == 0:
-        return set()
-    complaints = re.findall(r"^.*: (?:fatal )?error:", result.stderr, re.MULTILINE)
-    named = {located(complaint).partition(":")[0] for complaint in complaints}
-    return named & set(sources) or set(sources)
-
-
-def join(command, unit, sources):
-    """Writes a unit of the sources that can share it. Returns the sources left over."""
-    alone = []
-    while len(sources) > 1:
-        unit.write_text(text(sources))
-        origins.cache_clear()
-        unfit = misfits(command, unit, sources)
-        if not unfit:
-            return alone
-        alone += sorted(unfit)
-        sources = [source for source in sources if source not in unfit]
-    unit.unlink(missing_ok=True)
-    return alone + sources
-
-
 def groups(database, wanted, size):
     """Sources that are compiled alike, in groups of about equal size."""
     alike = {}
@@ -120,13 +96,16 @@ def main():
     folder.mkdir(parents=True, exist_ok=True)
     for old in folder.glob("unit_*.cpp"):
         old.unlink()
-    units, alone, written = [], [], [entry for entry in entries if entry["file"] in wanted]
-    for number, (command, directory, sources) in enumerate(groups(entries, wanted, size)):
+    apart = {str(Path(name).resolve()) for name in APART.read_text().split() if not name.startswith("#")}
+    if apart - {entry["file"] for entry in entries}:
+        sys.exit(f"tidy-units.py: {APART} names what is not compiled by {database}")
+    units, written = [], [entry for entry in entries if entry["file"] in wanted]
+    alone = sorted(file for file in wanted if file in apart or not file.endswith(".cpp"))
+    for number, (command, directory, sources) in enumerate(groups(entries, wanted - set(alone), size)):
         unit = folder / f"unit_{number}.cpp"
-        alone += join(command, unit, sources)
-        if unit.exists():
-            units.append(str(unit))
-            written.append({"directory": directory, "file": str(unit), "command": shlex.join([*command, "-c", str(unit)])})
+        unit.write_text(text(sources))
+        units.append(str(unit))
+        written.append({"directory": directory, "file": str(unit), "command": shlex.join([*command, "-c", str(unit)])})
     (folder / "compile_commands.json").write_text(json.dumps(written, indent=1))
     print("\n".join(units + alone))
 
