@@ -14,6 +14,7 @@ steps of a message. Leave the machine alone meanwhile. It prints how far it is a
   --whole       about two and a half hours: more rounds, other systems in every scenario, 10 minutes of each kind under
                 stress
   --smoke       half a minute once it is built: every kind of scenario and every contestant works; gives no figures
+  --no-peers    without the other messaging systems, which take most of the time to build
   --minutes N   begin nothing after so many minutes (--quick: 37), before the single steps, which take one more; what
                 matters most comes first, and the tables say what is missing
   --output DIR  where figures.json, figures.txt, tables.md, steps.txt, inside.json and plots go (default: build/bench/FORM)
@@ -36,11 +37,12 @@ TEXT
 
 absolute() { case $1 in /*) echo "$1" ;; *) echo "$PWD/$1" ;; esac; }
 
-form=quick output='' page='' alone='' more=() options=()
+form=quick output='' page='' alone='' peers=ON more=() options=()
 while [[ $# -gt 0 ]]; do
     case $1 in
     -h | --help) usage && exit 0 ;;
     --smoke | --quick | --whole) form=${1#--} ;;
+    --no-peers) peers=OFF ;;
     --inside | --locked | --fifos | --steps) alone=${1#--} ;;
     --output | --page | --before | --minutes)
         [[ $# -ge 2 ]] || { usage >&2 && exit 2; }
@@ -66,7 +68,9 @@ if [[ $form == smoke ]]; then
     build=build/release trees=() # the library is there already
 fi
 python=/usr/bin/python3 # the distribution's, which the modules are installed for
-scripts/install-deps.sh base bench peers
+groups=(base bench)
+[[ $peers == OFF ]] || groups+=(peers)
+scripts/install-deps.sh "${groups[@]}"
 if [[ -n $page ]]; then
     exec $python bench/run/page.py "$page" docs/PERFORMANCE.md docs/loop.md
 fi
@@ -74,7 +78,7 @@ scripts/fifo-directory.sh
 mkdir -p $build
 log=$build/bench.log
 echo "Building (log: $log)"
-{ configure release -B $build -DTARVO_BUILD_BENCH=ON -DTARVO_BENCH_PEERS=ON "${trees[@]}" &&
+{ configure release -B $build -DTARVO_BUILD_BENCH=ON -DTARVO_BENCH_PEERS=$peers "${trees[@]}" &&
     cmake --build $build --target bench_contestants bench_steps; } >$log 2>&1 || { tail -n 50 $log >&2 && exit 1; }
 
 single_steps() {

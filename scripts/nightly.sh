@@ -5,12 +5,12 @@ set -uo pipefail
 cd "$(dirname "$0")/.." || exit
 
 STEPS=(kills loopkills loop comeback stopped reconnect twins reopen bridge soak counted python models fuzz ends races cancels
-    clang asan arm64 tidy mutants bare)
+    clang asan arm64 tidy bench mutants bare)
 
 # How many minutes each may take; together four hours on two processors. What is not done then is ended, and has failed.
-declare -A LIMITS=([kills]=12 [loopkills]=3 [loop]=22 [comeback]=8 [stopped]=3 [reconnect]=9 [twins]=5 [reopen]=10
+declare -A LIMITS=([kills]=10 [loopkills]=3 [loop]=22 [comeback]=8 [stopped]=3 [reconnect]=9 [twins]=5 [reopen]=10
     [bridge]=10 [soak]=23 [counted]=6 [python]=6 [models]=12 [fuzz]=20 [ends]=12 [races]=15 [cancels]=4
-    [clang]=9 [asan]=12 [arm64]=14 [tidy]=10 [mutants]=11 [bare]=6)
+    [clang]=9 [asan]=12 [arm64]=14 [tidy]=10 [bench]=3 [mutants]=8 [bare]=6)
 
 usage() {
     cat <<'TEXT'
@@ -49,6 +49,7 @@ Runs the long proofs, all of them (four hours at most) or the named steps:
   asan     all tests under gcc's sanitizers of memory and undefined behaviour
   arm64    all tests on arm64, of which each change runs a part
   tidy     clang-tidy on each source by itself
+  bench    that the benchmarks of the other messaging systems run, too
   mutants  small faults in the sources, as many as 18 minutes are enough for, after those of the nights before
   bare     scripts/test.sh and scripts/demo.sh on a system that has nothing yet
 
@@ -170,6 +171,7 @@ step_clang() { run clang "all tests with clang" scripts/test.sh clang; }
 step_asan() { run asan "all tests under gcc's asan" scripts/test.sh asan; }
 step_arm64() { run arm64 "all tests on arm64" scripts/test.sh arm64; }
 step_tidy() { run tidy "clang-tidy, source by source" scripts/check-tidy.sh --separate; }
+step_bench() { run bench "all benchmarks, in short" scripts/bench.sh --smoke; }
 step_mutants() {
     run mutants "faults in the sources" scripts/mutants.py --seed "${seed:-1}" --hours "$mutant_hours" --at-least 95
 }
