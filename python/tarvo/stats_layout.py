@@ -36,8 +36,8 @@ _ENGINES: tuple[Engine, ...] = ("threads", "loop")
 _STATES: tuple[State, ...] = ("closed", "opening", "open", "remote closed")
 
 _TIMES_WORDS = 2 + BUCKETS
-# Of a pipe's words those that a thread has of its own, and what they belong to: messages and bytes sent, callbacks begun
-# and finished, calls begun and answered.
+# Of a pipe's words those that a thread has of its own, and what they belong to: messages and bytes sent, callbacks
+# begun and finished, calls begun and answered.
 _FIRST = (*((at, at + 10) for at in range(6)), (32, 44), (33, 45), (48, 58), (49, 59))
 PIPE_WORDS = 64 + 4 * _TIMES_WORDS
 SERVER_WORDS = 8 + _TIMES_WORDS
@@ -124,8 +124,8 @@ def _with_first(words: Sequence[int]) -> Sequence[int]:
 
 
 def pipe_numbers(w: Sequence[int]) -> PipeNumbers:
-    """Of PIPE_WORDS words. A file has no levels of pipes: they are worked out of the counters. Where several threads count
-    the same, the first of them has words of its own, which are added to those of the others."""
+    """Of PIPE_WORDS words. A file has no levels of pipes: they are worked out of the counters. Where several threads
+    count the same, the first of them has words of its own, which are added to those of the others."""
     w = _with_first(w)
     received, dropped, ended = Kinds(*w[16:19]), Dropped(*w[34:39]), Ends(*w[49:55])
     begun, finished, calls = w[32], w[33], w[48]

@@ -37,7 +37,8 @@ def header(slots, **other):
     """The bytes of a header, of which some fields are others."""
     fields = dict.fromkeys(("magic", "version", "header_size", "slot_size", "slots", "clock", "folding"), 0)
     fields.update(magic=MAGIC, version=2, header_size=HEADER_SIZE, slot_size=SLOT_SIZE, slots=slots, clock=1)
-    fields.update(pid=4711, per_time=16, calls=4, rest=0, started=5, created=6, wall=7, process=b"writer", words=NO_WORDS[:118])
+    fields.update(pid=4711, per_time=16, calls=4, rest=0, started=5, created=6, wall=7, process=b"writer")
+    fields["words"] = NO_WORDS[:118]
     fields.update(other)
     return struct.pack(HEADER, *list(fields.values())[:-1], *fields["words"])
 

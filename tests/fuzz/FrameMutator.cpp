@@ -13,7 +13,6 @@ extern "C" std::size_t LLVMFuzzerMutate(uint8_t *data, std::size_t size, std::si
 namespace tarvo_test {
 namespace {
 
-
 // The head at the beginning of `bytes` becomes that of a valid frame; yields the size of the frame.
 std::size_t RepairFrame(std::string bytes, std::minstd_rand &random, uint8_t *into) {
     RawFrame head = DecodeRawHead(bytes);

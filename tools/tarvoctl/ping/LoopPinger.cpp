@@ -6,8 +6,8 @@
 #include <array>
 #include <cerrno>
 
-#include "shared/ExitCode.h"
 #include "shared/Engine.h"
+#include "shared/ExitCode.h"
 #include "shared/Output.h"
 
 namespace tarvoctl {
