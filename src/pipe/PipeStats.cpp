@@ -16,6 +16,13 @@ unsigned KindOf(const MsgHead &head) {
     return head.timeout >= 0 ? TARVO_STATS_CALL : TARVO_STATS_ONE_WAY;
 }
 
+// How many calls or callbacks have begun; what has ended is looked at afterwards. The other way round, one that ends and
+// the next that begins in between would be taken for two at the same time.
+template <typename Numbers>
+uint64_t Begun(const Numbers &numbers) {
+    return __atomic_load_n(&numbers.begun, __ATOMIC_ACQUIRE) + __atomic_load_n(&numbers.firstBegun, __ATOMIC_ACQUIRE);
+}
+
 } // namespace
 
 void PipeStats::Begin(int handle, const std::string &name, const std::string &remote) {
@@ -107,8 +114,8 @@ uint64_t PipeStats::TimeWait(uint64_t readAt) {
 
 void PipeStats::LookAtRunning() {
     auto &requests = numbers->requests;
+    const uint64_t begun = Begun(requests);
     const uint64_t finished = Stats::Load(requests.finished) + Stats::Load(requests.firstFinished);
-    const uint64_t begun = Stats::Load(requests.begun) + Stats::Load(requests.firstBegun);
     Stats::AtMost(requests.running.most, Stats::Between(finished, begun));
 }
 
@@ -132,11 +139,11 @@ bool PipeStats::CountCall() {
 
 void PipeStats::LookAtOutstanding() {
     auto &calls = numbers->calls;
+    const uint64_t begun = Begun(calls);
     uint64_t ended = Stats::Load(calls.firstAnswered);
     for (const uint64_t &end : calls.ended) {
         ended += Stats::Load(end);
     }
-    const uint64_t begun = Stats::Load(calls.begun) + Stats::Load(calls.firstBegun);
     Stats::AtMost(calls.outstanding.most, Stats::Between(ended, begun));
 }
 
