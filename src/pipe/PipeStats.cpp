@@ -16,8 +16,8 @@ unsigned KindOf(const MsgHead &head) {
     return head.timeout >= 0 ? TARVO_STATS_CALL : TARVO_STATS_ONE_WAY;
 }
 
-// How many calls or callbacks have begun; what has ended is looked at afterwards. The other way round, one that ends and
-// the next that begins in between would be taken for two at the same time.
+// How many calls or callbacks have begun; what has ended is looked at afterwards. The other way round, one that ends
+// and the next that begins in between would be taken for two at the same time.
 template <typename Numbers>
 uint64_t Begun(const Numbers &numbers) {
     return __atomic_load_n(&numbers.begun, __ATOMIC_ACQUIRE) + __atomic_load_n(&numbers.firstBegun, __ATOMIC_ACQUIRE);

@@ -130,10 +130,9 @@ inline unsigned RefusalOf(int result) {
     }
 }
 
+// Of a call without its answer.
 inline unsigned CallEndOf(int result) {
     switch (result) {
-    case 0:
-        return TARVO_STATS_END_ANSWERED;
     case -ETIMEDOUT:
         return TARVO_STATS_END_TIMED_OUT;
     case -EPIPE:
