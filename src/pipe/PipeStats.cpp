@@ -50,7 +50,7 @@ void PipeStats::CountReceived(const MsgHead &head, InMessage &msg) {
     Stats::Store(received.messages[kind], number + 1);
     Stats::CountAlone(received.bytes[kind], head.payloadLen);
     const bool isTimed = kind == TARVO_STATS_CALL ? Stats::IsTimedCall(number) : number % Stats::ONE_WAYS_PER_TIME == 0;
-    if (__builtin_expect(isTimed, 0)) {
+    if (Stats::IsRare(isTimed)) {
         TimeInFifo(head, msg);
     }
     if (kind != TARVO_STATS_RESPONSE) {

@@ -62,6 +62,9 @@ inline unsigned BucketOf(uint64_t ns) {
     return bucket < LAST ? bucket : LAST;
 }
 
+// Tells the compiler which way a condition seldom goes.
+inline bool IsRare(bool value) { return __builtin_expect(static_cast<long>(value), 0) != 0; }
+
 // A thread is told from all that run at the same time by where this one of its own is.
 extern __thread char mark __attribute__((tls_model("initial-exec"), visibility("hidden")));
 
@@ -71,7 +74,7 @@ extern __thread char mark __attribute__((tls_model("initial-exec"), visibility("
 class FirstThread {
 public:
     // Whether it is the caller.
-    bool IsThis() const { return __builtin_expect(first.load(std::memory_order_relaxed) == &mark, 1); }
+    bool IsThis() const { return !IsRare(first.load(std::memory_order_relaxed) != &mark); }
     // The same, but the caller becomes it if nobody is yet. Who is not the first here never will be.
     bool IsOrBecomesThis() {
         const char *nobody = nullptr;
@@ -210,7 +213,7 @@ inline bool IsTimedCall(uint64_t number) {
 // A round trip that is not timed: the longest is known all the same, up to a tick.
 inline void NoteRoundTrip(TarvoStatsTimes &times, uint64_t begunAt) {
     const uint64_t ns = Between(begunAt, NowOrJustBefore());
-    if (__builtin_expect(ns > Load(times.longest), 0)) {
+    if (IsRare(ns > Load(times.longest))) {
         AtMost(times.longest, ns);
     }
 }
