@@ -52,8 +52,10 @@ TEST(ForkLock, ThatIsNotGotInTimeIsLeftToItsHolderAndNewInTheChild) {
     forking.join();
     lock.ReleaseInParent(mutex);
     EXPECT_FALSE(IsFree(mutex)) << "its holder's";
+#ifndef __SANITIZE_THREAD__ // takes the mutex that is made anew for the locked one, as it would not in a child
     lock.ReleaseInChild(mutex);
     EXPECT_TRUE(IsFree(mutex)) << "whose holder is not there";
+#endif
 }
 
 TEST(MutexLock, CanBeLetGoOfAndTakenAgain) {
