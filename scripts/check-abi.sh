@@ -58,7 +58,7 @@ build() {
     pattern=$(IFS='|' && echo "$*")
     sources=$(grep -lE "^[A-Za-z_][A-Za-z0-9_ ]*[ *]($pattern)\(.*\{" -r src --include='*.cpp' | sort)
     # A symbol that is hidden in the library must come with it.
-    for source in $sources src/base/Cancellation.cpp; do
+    for source in $sources src/base/Cancellation.cpp src/stats/Stats.cpp; do
         # shellcheck disable=SC2046 # a list of options
         ${CMAKE_CXX_COMPILER_LAUNCHER:-} g++ -std=c++17 -g -O0 -fPIC -Iinclude -Isrc $(pkg-config --cflags libselinux) \
             -c "$source" -o "$scratch/$library-${source//\//_}.o" &

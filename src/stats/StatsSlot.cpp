@@ -5,8 +5,6 @@
 #include "stats/Stats.h"
 #include "stats/StatsFile.h"
 
-__thread char Stats::mark;
-
 StatsSlot::StatsSlot(const StatsIdentity &identity) {
     if (StatsFile *const counting = StatsFile::Get()) {
         *this = counting->Take(identity);

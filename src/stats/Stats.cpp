@@ -1,0 +1,3 @@
+#include "stats/Stats.h"
+
+__thread char Stats::mark;
