@@ -42,7 +42,7 @@ while [[ $# -gt 0 ]]; do
     case $1 in
     -h | --help) usage && exit 0 ;;
     --smoke | --quick | --whole) form=${1#--} ;;
-    --no-peers) peers=OFF ;;
+    --no-peers) peers=OFF more+=("$1") ;;
     --inside | --locked | --fifos | --steps) alone=${1#--} ;;
     --output | --page | --before | --minutes)
         [[ $# -ge 2 ]] || { usage >&2 && exit 2; }

@@ -22,8 +22,9 @@ from processes import Failure, raise_descriptor_limit
 from scenarios import AGAIN, BEFORE, COUNTED, FORMS, LANES, LEAST_SAMPLES, SCENARIOS, TOLD_TWICE
 from urgent import measure_urgent
 
-KNOWN = ["tarvo", "tarvo-loop", "fifo", "floor", "floor-sem", "floor-shared", "loop-floor", "zeromq", "nng", "sd-bus", "dbus",
-         "capnproto", "grpc"]
+OWN = ["tarvo", "tarvo-loop", "fifo", "floor", "floor-sem", "floor-shared", "loop-floor"]
+PEERS = ["zeromq", "nng", "sd-bus", "dbus", "capnproto", "grpc"]
+KNOWN = OWN + PEERS
 # For the estimate: calls and connections a second that the slowest reach, the seconds that the processes of a
 # measurement take to start and end, and each further client.
 CALLS, CONNECTS = {True: 15_000, False: 40_000}, 1500
@@ -48,6 +49,7 @@ def arguments():
     parser.add_argument("--minutes", type=float, help="begin nothing after so long, and say in the tables what is missing "
                         "then (default: the form's, unless one of the five options above chooses)")
     parser.add_argument("--seed", type=int, default=None, help="of the order of contestants")
+    parser.add_argument("--no-peers", action="store_true", help="without the other messaging systems")
     parser.add_argument("--no-urgent", action="store_true", help="without the calls under stress")
     return parser.parse_args()
 
@@ -260,7 +262,7 @@ def main():
     os.makedirs(options.output, exist_ok=True)
     run = Run(options)
     run.all()
-    absent = [name for name in KNOWN if name not in run.contestants]
+    absent = [name for name in (OWN if options.no_peers else KNOWN) if name not in run.contestants]
     if absent and not options.contestants:
         print(f"not installed when this was built, and left out: {', '.join(absent)}")
         if options.form == "smoke":  # which is to show that each of them works
