@@ -46,6 +46,12 @@ protected:
         exporter = Bridge(*front, {"--export", "camera"});
         importer = Bridge(*rear, {"--import", "camera"});
     }
+    // Whether both are offered.
+    bool BridgeCameraAndGps() {
+        exporter = Bridge(*front, {"--export", "camera", "--export", "gps"});
+        importer = Bridge(*rear, {"--import", "camera", "--import", "gps"});
+        return Offers(*rear) && Offers(*rear, "gps");
+    }
     static bool Offers(const Machine &machine, const std::string &name = "camera") {
         return Eventually([&] { return machine.Serves(name); });
     }

@@ -176,10 +176,7 @@ TEST_F(MachinesTest, StoppedServerHoldsUpNobodyElse) {
     ASSERT_EQ(slow->AskInt("serve self=camera callback=report"), 0);
     const auto quick = Program(*front);
     ASSERT_EQ(quick->AskInt("serve self=gps callback=echo"), 0);
-    exporter = Bridge(*front, {"--export", "camera", "--export", "gps"});
-    importer = Bridge(*rear, {"--import", "camera", "--import", "gps"});
-    ASSERT_TRUE(Offers(*rear));
-    ASSERT_TRUE(Offers(*rear, "gps"));
+    ASSERT_TRUE(BridgeCameraAndGps());
     const auto flooder = Program(*rear);
     const int flood = Connect(*flooder);
     const auto caller = Program(*rear);

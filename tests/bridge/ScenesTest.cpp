@@ -121,10 +121,7 @@ TEST_F(MachinesTest, FloodOfASlowServerRefusesItsOwnClientsOnly) {
     ASSERT_EQ(slow->AskInt("serve self=camera callback=gate"), 0);
     const auto quick = Program(*front);
     ASSERT_EQ(quick->AskInt("serve self=gps callback=echo"), 0);
-    exporter = Bridge(*front, {"--export", "camera", "--export", "gps"});
-    importer = Bridge(*rear, {"--import", "camera", "--import", "gps"});
-    ASSERT_TRUE(Offers(*rear));
-    ASSERT_TRUE(Offers(*rear, "gps"));
+    ASSERT_TRUE(BridgeCameraAndGps());
     std::vector<std::unique_ptr<PeerProcess>> flooders;
     std::vector<int> fds;
     for (int i = 0; i < 3; ++i) {
@@ -159,10 +156,7 @@ TEST_F(MachinesTest, StoppedServerGetsAllThatClientsHadSentBeforeTheyLeft) {
     ASSERT_EQ(server->AskInt("serve self=camera callback=report"), 0);
     const auto quick = Program(*front);
     ASSERT_EQ(quick->AskInt("serve self=gps callback=echo"), 0);
-    exporter = Bridge(*front, {"--export", "camera", "--export", "gps"});
-    importer = Bridge(*rear, {"--import", "camera", "--import", "gps"});
-    ASSERT_TRUE(Offers(*rear));
-    ASSERT_TRUE(Offers(*rear, "gps"));
+    ASSERT_TRUE(BridgeCameraAndGps());
     const auto client = Program(*rear);
     const int fd = Connect(*client);
     server->Freeze();

@@ -6,7 +6,9 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <map>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,7 +23,6 @@
 using namespace std::chrono_literals;
 using tarvo_test::Channel;
 using tarvo_test::ChildProcess;
-using Clock = std::chrono::steady_clock;
 
 namespace {
 
@@ -53,6 +54,22 @@ struct Tally {
     std::atomic<long> broken{0}; // broken_pipe: the server went during the call
     std::atomic<long> late{0};   // timed_out: the same, unnoticed
     std::atomic<long> wrong{0};  // another's answer, or another error
+
+    void AnsweredBy(int pid) {
+        if (server.exchange(pid) != pid) {
+            const std::lock_guard lock(mutex);
+            changed.notify_one();
+        }
+    }
+    // Returns once that server has answered; false after 60 s without.
+    bool AwaitAnswerBy(int pid) {
+        std::unique_lock lock(mutex);
+        return changed.wait_for(lock, WEDGED, [&] { return server == pid; });
+    }
+
+private:
+    std::mutex mutex;
+    std::condition_variable changed;
 };
 
 void CallUntil(const std::atomic<bool> &end, tarvo::Client &client, int thread, Tally &tally) {
@@ -64,10 +81,12 @@ void CallUntil(const std::atomic<bool> &end, tarvo::Client &client, int thread, 
             const std::string answer = response.Text();
             const bool isRight = answer.rfind(question + " ", 0) == 0;
             ++(isRight ? tally.answered : tally.wrong);
-            tally.server = isRight ? std::stoi(answer.substr(question.size())) : 0;
+            tally.AnsweredBy(isRight ? std::stoi(answer.substr(question.size())) : 0);
         } else if (error == std::errc::not_connected) {
             ++tally.away;
-            std::this_thread::sleep_for(1ms); // or the waiting would be all that this machine does
+            // No wait for anything: calls while nobody serves are part of the scene, but not all that this machine
+            // does.
+            std::this_thread::sleep_for(1ms);
         } else if (error == std::errc::broken_pipe) {
             ++tally.broken;
         } else if (error == std::errc::timed_out) {
@@ -113,11 +132,7 @@ int RunClient(const Settings &settings, Channel &parent) {
     bool isWedged = false;
     // The parent says whose answer it wants next; another word ends the client.
     for (auto next = parent.Receive(); !isWedged && next && *next != "end"; next = parent.Receive()) {
-        const auto start = Clock::now();
-        while (tally.server != std::stoi(*next) && !isWedged) {
-            std::this_thread::sleep_for(200us); // fine enough for the time that is judged, and no load
-            isWedged = Clock::now() - start > WEDGED;
-        }
+        isWedged = !tally.AwaitAnswerBy(std::stoi(*next));
         parent.Send(isWedged ? "wedged" : "answered");
     }
     end = true;
