@@ -16,8 +16,6 @@
 namespace {
 
 constexpr char LOG_TAG[] = "LinkSync";
-constexpr int64_t MICROSECONDS = 1000000;
-constexpr int64_t NANOSECONDS_PER_MICROSECOND = 1000;
 // KeepFrames: the answer is not among them.
 constexpr int NOT_YET = 1;
 
@@ -38,7 +36,7 @@ int Wait(std::array<pollfd, Count> &fds, int64_t deadlineUs) {
 template <std::size_t Count>
 int WaitPrecisely(std::array<pollfd, Count> &fds, int64_t deadlineUs) {
     const int64_t left = std::max<int64_t>(deadlineUs - Now(), 0);
-    const timespec limit{left / MICROSECONDS, left % MICROSECONDS * NANOSECONDS_PER_MICROSECOND};
+    const timespec limit = ToTimespec(left);
     return Verdict(ppoll(fds.data(), fds.size(), deadlineUs == INT64_MAX ? nullptr : &limit, nullptr));
 }
 

@@ -3,6 +3,7 @@
 #define TARVO_LOOP_MOMENTS_H
 
 #include <cstdint>
+#include <ctime>
 
 #include "diag/run_time_record.h"
 
@@ -26,6 +27,13 @@ inline int LeftMs(int64_t deadlineUs) {
     }
     const int64_t left = deadlineUs - Now();
     return left <= 0 ? 0 : static_cast<int>((left + MICROSECONDS_PER_MILLISECOND - 1) / MICROSECONDS_PER_MILLISECOND);
+}
+
+// As the kernel takes moments and spans: seconds and nanoseconds.
+inline timespec ToTimespec(int64_t us) {
+    constexpr int64_t MICROSECONDS_PER_SECOND = 1000000;
+    constexpr int64_t NANOSECONDS_PER_MICROSECOND = 1000;
+    return {us / MICROSECONDS_PER_SECOND, us % MICROSECONDS_PER_SECOND * NANOSECONDS_PER_MICROSECOND};
 }
 
 #endif // TARVO_LOOP_MOMENTS_H

@@ -12,8 +12,6 @@
 namespace {
 
 constexpr char LOG_TAG[] = "Timers";
-constexpr int64_t MICROSECONDS = 1000000;
-constexpr int64_t NANOSECONDS_PER_MICROSECOND = 1000;
 
 } // namespace
 
@@ -90,9 +88,7 @@ void Timers::Set(int64_t deadlineUs) {
     itimerspec when{};
     if (deadlineUs != UNSET) {
         // A time of zero would switch it off.
-        const int64_t at = std::max<int64_t>(deadlineUs, 1);
-        when.it_value.tv_sec = at / MICROSECONDS;
-        when.it_value.tv_nsec = at % MICROSECONDS * NANOSECONDS_PER_MICROSECOND;
+        when.it_value = ToTimespec(std::max<int64_t>(deadlineUs, 1));
     }
     if (timerfd_settime(fd.Get(), TFD_TIMER_ABSTIME, &when, nullptr) != 0) {
         TARVO_LOG_RESTRAINED(LOG_ERR, "Set timer failed, errno = %d.", errno);
