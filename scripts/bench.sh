@@ -11,7 +11,7 @@ programs of its topology and of the other messaging systems that are installed; 
 steps of a message. Leave the machine alone meanwhile. It prints how far it is and what is left.
 
   --quick       at most 40 minutes on two cores; the default
-  --whole       about two and a half hours: more rounds, other systems in every scenario, 10 minutes of each kind under
+  --whole       about an hour and a half: more rounds, other systems in every scenario, 10 minutes of each kind under
                 stress
   --smoke       half a minute once it is built: every kind of scenario and every contestant works; gives no figures
   --no-peers    without the other messaging systems, which take most of the time to build

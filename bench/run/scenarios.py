@@ -155,8 +155,9 @@ FORMS = {
                    "fan-in": Part(1, "own", ALL), "open": Part(1, "every", ALL), "payload": Part(1, "own", BOTH),
                    "pipes": Part(1, "engines", BOTH)}, 110, {"own": 1000, "peer": 16}, minutes=37),
     "whole": Form("whole", LENGTH, LEAST_SAMPLES,
-                  {"main": Part(7, "every", BOTH), "more": Part(5, "every", BOTH), "window": Part(5, "every", BOTH),
-                   "idle": Part(1, "every", ALL), "opens": Part(3, "own", ALL), "fan-in": Part(3, "every", BOTH),
-                   "open": Part(3, "every", BOTH), "payload": Part(3, "every", BOTH), "pipes": Part(5, "own", BOTH)},
+                  {"main": Part(5, "every", BOTH, peer_rounds=3), "more": Part(3, "every", BOTH, peer_rounds=2),
+                   "window": Part(2, "every", BOTH), "idle": Part(1, "every", ALL), "opens": Part(2, "own", ALL),
+                   "fan-in": Part(2, "every", BOTH, peer_rounds=1), "open": Part(2, "every", BOTH, peer_rounds=1),
+                   "payload": Part(2, "every", BOTH, peer_rounds=1), "pipes": Part(2, "own", BOTH)},
                   600, {"own": 1000, "peer": 256}),
 }
