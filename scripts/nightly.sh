@@ -16,7 +16,7 @@ usage() {
     cat <<'TEXT'
 Usage: scripts/nightly.sh [--kills N] [--reconnects N] [--twins N] [--reopenings N] [--soak-minutes N] [--fuzz-seconds N]
                           [--ends N] [--repeats N] [--mutant-hours N] [--seed N] [--limit MINUTES] [--list] [--update]
-                          [STEP...]
+                          [--resume] [STEP...]
 
 Runs the long proofs, all of them (four hours at most) or the named steps:
 
@@ -54,6 +54,8 @@ Runs the long proofs, all of them (four hours at most) or the named steps:
   bare     scripts/test.sh and scripts/demo.sh on a system that has nothing yet
 
   --limit MINUTES  for each step, instead of its own
+  --resume         leave out the steps that a run which was broken off has ended; the table has them, too, with their
+                   commit where it is another
   --list           print the steps with their limits, and run none
   --update         put the table of promises and figures, and the plots, into docs/
 
@@ -77,7 +79,7 @@ run() {
         verdict=FAILED
         [[ $status -ne 124 && $status -ne 137 ]] || verdict='TIME OUT'
         failed=1
-        failed_steps+=" $step "
+        step_verdict=FAILED
     fi
     summary+=("$(printf '%-28s %-8s %5d s  %s' "$name" "$verdict" $((SECONDS - start)) "$log")")
 }
@@ -208,6 +210,11 @@ figures() {
     esac
 }
 
+commit() { git rev-parse --short=12 HEAD 2>/dev/null || echo unknown; }
+
+# Whether the step has been done; what is known of it is in $seconds, $verdict and $made_from.
+done_before() { read -r seconds verdict made_from 2>/dev/null <"build/nightly/$1.done"; }
+
 # What the usage says a step shows, on one line.
 promise() {
     usage | awk -v step="$1" '
@@ -218,13 +225,16 @@ promise() {
         END { sub(/^ +/, "", text); print text }'
 }
 
+# Of all steps that were asked for and are done.
 write_table() {
-    local step
+    local step seconds verdict made_from
     printf '| step | promised | figures | seconds | |\n|---|---|---|---|---|\n' >build/nightly/table.md
     for step in "$@"; do
+        done_before "$step" || continue
+        [[ $made_from == "$(commit)" ]] || verdict+=" (at $made_from)"
         # shellcheck disable=SC2016 # Markdown's
         printf '| `%s` | %s | %s | %d | %s |\n' "$step" "$(promise "$step")" "$(figures "$step" | tr '|' '/')" \
-            "${seconds[$step]}" "$([[ $failed_steps != *" $step "* ]] && echo held || echo FAILED)" >>build/nightly/table.md
+            "$seconds" "$verdict" >>build/nightly/table.md
     done
 }
 
@@ -248,15 +258,15 @@ list() {
 }
 
 main() {
-    local selected=() step
-    declare -A seconds=()
+    local selected=() step seconds verdict made_from step_begun step_verdict
     kills=20000 reconnects=10000 twins=20000 reopenings=100000 soak=20 fuzz=180 ends=1000 repeats=50 seed='' mutant_hours=0.3
-    limit='' update=false failed_steps=''
+    limit='' update=false resume=false
     while [[ $# -gt 0 ]]; do
         case $1 in
         -h | --help) usage && return 0 ;;
         --list) list && return 0 ;;
         --update) update=true ;;
+        --resume) resume=true ;;
         --kills | --reconnects | --twins | --reopenings | --soak-minutes | --fuzz-seconds | --ends | --repeats | --seed | \
             --mutant-hours | --limit)
             [[ $# -gt 1 ]] || { usage >&2 && return 2; }
@@ -286,11 +296,18 @@ main() {
     mkdir -p build/nightly
     export -f storm storm_and_clean
     for step in "${selected[@]}"; do
+        $resume || rm -f "build/nightly/$step.done"
+    done
+    for step in "${selected[@]}"; do
+        if $resume && done_before "$step"; then
+            [[ $verdict == held ]] || failed=1
+            continue
+        fi
         : >"build/nightly/$step.log"
-        seconds[$step]=$SECONDS
+        step_begun=$SECONDS step_verdict=held
         step_end=$((SECONDS + 60 * ${limit:-${LIMITS[$step]}}))
-        "step_$step"
-        seconds[$step]=$((SECONDS - seconds[$step]))
+        "step_$step" || failed=1 step_verdict=FAILED
+        echo "$((SECONDS - step_begun)) $step_verdict $(commit)" >"build/nightly/$step.done"
     done
     write_table "${selected[@]}"
     ! $update || update_pages
