@@ -22,7 +22,8 @@ steps of a message. Leave the machine alone meanwhile. It prints how far it is a
   --inside      only what a call executes: instructions, heap blocks, cache lines; some 10 minutes, also on a busy machine
   --locked      how much memory a server locks, with each way to do it
   --fifos       what the FIFOs of an ordinary user hold once he has many
-  --page DIR    put the tables and plots of a run's output into docs/PERFORMANCE.md and docs/loop.md; measures nothing
+  --page DIR    put the tables and plots of a run's output into docs/PERFORMANCE.md and docs/loop.md, or, of a run with
+                --stats, into docs/stats.md; measures nothing
 
 Other options choose what is measured and leave the single steps out, for example:
 
@@ -72,7 +73,7 @@ groups=(base bench)
 [[ $peers == OFF ]] || groups+=(peers)
 scripts/install-deps.sh "${groups[@]}"
 if [[ -n $page ]]; then
-    exec $python bench/run/page.py "$page" docs/PERFORMANCE.md docs/loop.md
+    exec $python bench/run/page.py "$page" docs/PERFORMANCE.md docs/loop.md docs/stats.md
 fi
 scripts/fifo-directory.sh
 mkdir -p $build

@@ -61,11 +61,16 @@ def base(goal, entries, about):
     return best(found, key=lambda entry: entry["values"][goal.metric]["median"], default=None)
 
 
+def quotients(own, other, metric):
+    """Of the same rounds."""
+    others = {one["round"]: one for one in other["rounds"]}
+    return [one[metric] / others[one["round"]][metric] for one in own["rounds"]
+            if one.get(metric) and others.get(one["round"], {}).get(metric)]
+
+
 def quotient(own, other, metric):
     """As the page's other ratios: that of the same rounds, or else, of percentiles of all rounds together, one."""
-    others = {one["round"]: one for one in other["rounds"]}
-    found = [one[metric] / others[one["round"]][metric] for one in own["rounds"]
-             if one.get(metric) and others.get(one["round"], {}).get(metric)]
+    found = quotients(own, other, metric)
     if found:
         return {"median": statistics.median(found), "min": min(found), "max": max(found), "rounds": len(found)}
     return {"median": own["values"][metric]["median"] / other["values"][metric]["median"]}

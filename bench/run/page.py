@@ -1,4 +1,4 @@
-"""The tables of docs/PERFORMANCE.md and docs/loop.md, from the JSON files of one run.
+"""The tables of docs/PERFORMANCE.md, docs/loop.md and docs/stats.md, from the JSON files of one run.
 
 python3 page.py FIGURES.JSON         prints them
 python3 page.py FOLDER PAGE.MD...    puts each between its two marks in the pages, and the plots into figures/ beside them
@@ -8,10 +8,12 @@ import os
 import shutil
 import sys
 
-from parts import PARTS, about, engines, inside
+from parts import PARTS, about, counting, engines, inside
 
 # The places of the pages, by their marks.
 FIGURES, COUNTS, BOTH_ENGINES = "figures of one run", "counts of one operation", "figures of both engines"
+COUNTING = "what counting takes"
+PLACES = (FIGURES, COUNTS, BOTH_ENGINES, COUNTING)
 
 
 def page(document, plots=()):
@@ -55,21 +57,25 @@ def write(folder, *targets):
     if os.path.exists(counts):
         document["inside"] = read(counts)
     plots = sorted(name for name in os.listdir(folder) if name.endswith(".svg"))
-    parts = {FIGURES: page(document, plots), BOTH_ENGINES: "\n".join(engines(document))}
+    counted = counting(document)
+    if counted:  # a run about that: the other figures are those of a whole one
+        parts = {COUNTING: "\n".join(counted)}
+    else:
+        parts = {FIGURES: page(document, plots), BOTH_ENGINES: "\n".join(engines(document))}
     if "inside" in document:
         parts[COUNTS] = "\n".join(inside(document["inside"]))
     pages = {}
     for target in targets:  # all of them, before one is opened: a failure leaves them as they are
         with open(target, encoding="utf-8") as file:
             before = pages[target] = file.read()
-        if not any(marks(name)[0] in before for name in parts):
+        if not any(marks(name)[0] in before for name in PLACES):
             sys.exit(f"page.py: {target} has no place for figures")
         for name, content in parts.items():
             pages[target] = between(pages[target], name, content)
     for target, text in pages.items():
         with open(target, "w", encoding="utf-8") as file:
             file.write(text)
-        if marks(FIGURES)[0] in text:
+        if FIGURES in parts and marks(FIGURES)[0] in text:
             pictures = os.path.join(os.path.dirname(target), "figures")
             os.makedirs(pictures, exist_ok=True)
             for name in plots:

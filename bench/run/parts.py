@@ -1,6 +1,9 @@
 """The parts of the pages that come from a run: titles, plots, texts and tables."""
+import math
+import statistics
+
 import goals
-from scenarios import AGAIN, BEFORE, FAN_IN, OPENS
+from scenarios import AGAIN, BEFORE, COUNTED, FAN_IN, OPENS
 from tables import by_scenario, cell, number, resolution, table
 
 CORES = {"one": "one", "all": "all"}
@@ -37,12 +40,17 @@ def name_of(document, scenario):
     return document["scenarios"][scenario]["text"]
 
 
+def counts(document):
+    """Whether it is about what keeping statistics takes."""
+    return any(name in document["contestants"] for name in COUNTED.values())
+
+
 def about(document):
     """What the figures were measured on and with."""
     machine = document["machine"]
     versions = [f"{name} {one['version']}" for name, one in document["contestants"].items() if one["version"] and
                 name != AGAIN]
-    other = " --before ..." if BEFORE in document["contestants"] else ""
+    other = " --before ..." if BEFORE in document["contestants"] else " --stats ..." if counts(document) else ""
     return [f"Measured {document['when'][:10]} by `scripts/bench.sh --{document['form']}{other}` at commit "
             f"`{machine['commit']}`: {machine['processor']}, {machine['cores']} cores ({machine['virtual']}), Linux "
             f"{machine['kernel'].split()[0]}, governor {machine['governor']}. {', '.join(sorted(versions))}.", "",
@@ -96,6 +104,34 @@ def before_and_after(document):
                          f"{apart * 100:.1f} %" if apart is not None else ""])
     return table(["", "cores", "median", "99th", "rate", "processor time", "system calls", "to the floor before",
                   "to the floor after", "resolution"], rows)
+
+
+def likely(values):
+    """The median, and between which two of the values that of infinitely many would be, 19 times of 20."""
+    ordered, outside, below = sorted(values), 0.0, 0
+    while below < len(ordered) // 2 and outside + math.comb(len(ordered), below) / 2**len(ordered) <= 0.025:
+        outside += math.comb(len(ordered), below) / 2**len(ordered)
+        below += 1
+    median, lowest = f"{statistics.median(ordered):.3f}", max(below - 1, 0)
+    return f"{median} [{ordered[lowest]:.3f}-{ordered[-1 - lowest]:.3f}]" if below else median
+
+
+def counting(document):
+    """What an engine takes with its statistics kept as a part of what it takes without, in the same rounds."""
+    if not counts(document):
+        return []
+    rows, rounds = [], 0
+    for (scenario, cores), entries in by_scenario(document).items():
+        for plain_name, other in (*COUNTED.items(), ("tarvo", AGAIN)):
+            found = [find(entries, name) for name in (other, plain_name)]
+            if all(found):
+                parts = {metric: goals.quotients(*found, metric) for metric in ("cpu", "rate")}
+                rounds = max(rounds, len(parts["cpu"]))
+                rows.append([name_of(document, scenario), CORES[cores], ENGINES[plain_name] +
+                             (", to itself without" if other == AGAIN else ""), *map(likely, parts.values())])
+    return [*about(document), f"Medians of the ratios of {rounds} rounds, and the interval in which the median of more rounds "
+            "would lie 19 times of 20. The rows \"to itself\" say what chance makes of two that are the same.", "",
+            *table(["", "cores", "", "processor time", "rate"], rows)]
 
 
 def against_peers(document):

@@ -30,6 +30,11 @@ def document(before=None):
                         for key in results.rounds]}
 
 
+def with_statistics():
+    """The same with a third that keeps statistics and takes 8."""
+    return json.loads(json.dumps(document(before=8.0)).replace("tarvo-before", "tarvo-counted"))
+
+
 class Tables(unittest.TestCase):
     def test_give_the_ratio_with_its_spread_the_floor_and_the_resolution(self):
         row = page.page(document()).splitlines()
@@ -71,6 +76,17 @@ class Tables(unittest.TestCase):
     def test_tell_the_aims_with_what_was_found(self):
         row = next(line for line in page.page(document()).splitlines() if "to that of the lowest floor (floor)" in line)
         self.assertIn("| at least 0.95 | 0.45 [0.40-0.50] | missed by 53 % |", row)
+
+    def test_give_the_median_of_ratios_with_where_it_may_lie(self):
+        self.assertEqual(parts.likely([1.0]), "1.000")
+        self.assertEqual(parts.likely([3.0, 1.0, 2.0, 4.0, 5.0]), "3.000")  # too few to say more
+        self.assertEqual(parts.likely([3.0, 1.0, 2.0, 4.0, 5.0, 6.0]), "3.500 [1.000-6.000]")
+        # As in the tables of the sign test.
+        self.assertEqual(parts.likely([float(number) for number in range(1, 41)]), "20.500 [14.000-27.000]")
+
+    def test_tell_what_counting_takes_only_of_a_run_that_counted(self):
+        self.assertEqual(parts.counting(document()), [])
+        self.assertIn("| 8 callers | one | library | 1.800 | 0.562 |", parts.counting(with_statistics()))
 
     def test_tell_counts_of_calls_as_they_are(self):
         counted = {**document(), "inside": {"rows": [{"kind": "call", "contestant": "tarvo", "instructions": 6785.6}]}}
@@ -125,6 +141,14 @@ class Page(unittest.TestCase):
         target = self.keep("PAGE.md", self.place(page.FIGURES) + self.place(page.COUNTS))
         page.write(self.run, target)
         self.assertTrue(self.text("PAGE.md").endswith(self.place(page.COUNTS)))
+
+    def test_of_a_run_that_counted_are_about_that_only(self):
+        self.keep("run/figures.json", json.dumps(with_statistics()))
+        first, second = self.keep("PAGE.md", self.place(page.FIGURES)), self.keep("stats.md", self.place(page.COUNTING))
+        page.write(self.run, first, second)
+        self.assertEqual(self.text("PAGE.md"), self.place(page.FIGURES))
+        self.assertIn("| 8 callers | one | library |", self.text("stats.md"))
+        self.assertFalse(os.path.exists(os.path.join(self.folder, "figures")))
 
     def test_without_marks_stays_as_it_is_and_so_do_the_others(self):
         first, second = self.keep("PAGE.md", self.place(page.FIGURES)), self.keep("loop.md", "no place\n")
