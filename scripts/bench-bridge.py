@@ -1,6 +1,9 @@
 #!/usr/bin/python3
 """Measures the bridge between two network namespaces of this machine, side by side with the same on one machine, a bare
-round trip of the DDS, gRPC over TCP, and a relay that only copies bytes over TCP. Six minutes.
+round trip of the DDS, gRPC over TCP, and a relay that only copies bytes over TCP. Nine minutes.
+
+Everything is measured twice: with one core for each of the two machines, as if each had only that, and with both
+machines on all cores, where the kernel moves the threads of one to the core of the other and back.
 
 There are rounds, in each of which everything is measured for a moment, in an order that is drawn anew; what one figure
 is divided by is that of the same round. All programs are started anew for every third: on which cores their threads
@@ -46,6 +49,9 @@ FLOOR = {"call64": (64, 1, 12000), "call4000": (4000, 1, 8000), "window64": (64,
 DDS = {"call64": 64, "call4000": 4000}
 SESSIONS = 2000
 ROUNDS_OF_A_START = 3
+EVERY = [str(core) for core in sorted(os.sched_getaffinity(0))]
+# The cores of the machine of the servers, and of that of the clients.
+CORES = {"own": (EVERY[0], EVERY[-1]), "shared": (",".join(EVERY),) * 2}
 
 
 def ask(client):
@@ -72,9 +78,9 @@ def relayed(pair, scenario, seconds):
 class Bench:
     """All that is measured. Cells: (scenario, contestant) -> a function that measures it once."""
 
-    def __init__(self, arguments):
+    def __init__(self, arguments, cores):
         self.seconds, self.pairs, self.cells = arguments.seconds, [], {}
-        self.build, self.only = arguments.build.resolve(), arguments.only
+        self.build, self.only, self.cores = arguments.build.resolve(), arguments.only, cores
         try:
             self.others = self.add_pair(self.build / "bridge/tarvo-bridge", "bridge")
             if arguments.before:
@@ -92,7 +98,7 @@ class Bench:
             pair.close()
 
     def add_pair(self, bridge, name):
-        pair = Pair(self.build, bridge)
+        pair = Pair(self.build, bridge, self.cores)
         self.pairs.append(pair)
         pair.serve(*THREADS)
         pair.serve(*LOOP)
@@ -147,7 +153,10 @@ def parse():
                         help="default: build/bench/bridge")
     parser.add_argument("--rounds", type=int, default=9, help="default: 9")
     parser.add_argument("--seconds", type=float, default=1, help="for each figure in a round; default: 1")
-    parser.add_argument("--minutes", type=float, default=7, help="begin no round that ends later; default: 7")
+    parser.add_argument("--minutes", type=float, default=7,
+                        help="on the same cores, begin no round that ends later; default: 7")
+    parser.add_argument("--cores", choices=CORES, action="append",
+                        help="one core of its own for each machine, or all cores for both; default: both forms")
     parser.add_argument("--before", type=pathlib.Path, metavar="PROGRAM", help="another tarvo-bridge, beside this one")
     parser.add_argument("--only", type=lambda text: text.split(","), metavar="SCENARIO,...",
                         help=f"of {', '.join(SCENARIOS)}; also leaves out what many sessions cost")
@@ -155,12 +164,26 @@ def parse():
                         help=f"how many; default: {SESSIONS}; 0: leave it out")
     parser.add_argument("--page", action="store_true",
                         help="put the tables of --output into docs/bridge.md; measures nothing")
-    return parser.parse_args()
+    arguments = parser.parse_args()
+    arguments.cores = arguments.cores or list(CORES)
+    return arguments
 
 
-def measure(arguments, document):
-    """Rounds; none begins that would end after the limit. What many sessions cost comes last."""
-    begun, done, bench = time.monotonic(), document["rounds"], None
+def busy_share(seconds=1):
+    """Of all processors, before anything is measured. Load averages still tell of what has ended."""
+    def ticks():
+        user, nice, system, idle, waiting, *others = map(int, pathlib.Path("/proc/stat").read_text().split()[1:9])
+        return idle + waiting, user + nice + system + sum(others)
+    before = ticks()
+    time.sleep(seconds)
+    idle, busy = (after - earlier for after, earlier in zip(ticks(), before))
+    return busy / max(idle + busy, 1)
+
+
+def measure(arguments, name, with_sessions):
+    """Rounds on some cores; none begins that would end after the limit. What many sessions cost comes last."""
+    found = {"cores": name, "rounds": [], "busy_before": busy_share()}
+    begun, done, bench = time.monotonic(), found["rounds"], None
     try:
         while len(done) < arguments.rounds:
             passed = time.monotonic() - begun
@@ -169,15 +192,16 @@ def measure(arguments, document):
             if len(done) % ROUNDS_OF_A_START == 0:
                 if bench:
                     bench.close()
-                bench = Bench(arguments)
+                bench = Bench(arguments, CORES[name])
             done.append(bench.measure())
-            print(f"round {len(done)} of {arguments.rounds}, {time.monotonic() - begun:.0f} s", file=sys.stderr)
-        document["load_after"] = os.getloadavg()
-        if arguments.sessions and not arguments.only:
-            document["sessions"] = bench.sessions(arguments.sessions)
+            passed = time.monotonic() - begun
+            print(f"{name} cores: round {len(done)} of {arguments.rounds}, {passed:.0f} s", file=sys.stderr)
+        if with_sessions:
+            found["sessions"] = bench.sessions(arguments.sessions)
     finally:
         if bench:
             bench.close()
+    return found
 
 
 def main():
@@ -186,8 +210,10 @@ def main():
         figures.write_page(json.loads((arguments.output / "figures.json").read_text(encoding="utf-8")),
                            ROOT / "docs/bridge.md")
         return
-    document = {"machine": machine.describe(), "rounds": [], "command": " ".join(sys.argv)}
-    measure(arguments, document)
+    document = {"machine": machine.describe(), "command": " ".join(sys.argv), "runs": []}
+    for name in arguments.cores:
+        with_sessions = arguments.sessions and not arguments.only and name == arguments.cores[-1]
+        document["runs"].append(measure(arguments, name, with_sessions))
     arguments.output.mkdir(parents=True, exist_ok=True)
     (arguments.output / "figures.json").write_text(json.dumps(document, indent=1), encoding="utf-8")
     text = figures.tables(document)

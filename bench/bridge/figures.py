@@ -12,11 +12,12 @@ NAMES = {"here": "on one machine", "bridge": "**through the bridge**", "before":
          "grpc": "gRPC over TCP", "floor": "relay over TCP, the floor", "dds": "round trip of the DDS alone"}
 METRICS = {"p50": "median, us", "rate": "a second", "cpu": "processor time of each, us"}
 RATES = ("callers64", "window64", "oneway64")
+CORES = {"own": "One core for each of the two machines", "shared": "All cores for both machines"}
 
 
-def values(document, scenario, name, metric):
+def values(run, scenario, name, metric):
     """Of all rounds; a number, or none."""
-    return [one.get(scenario, {}).get(name, {}).get(metric) for one in document["rounds"]]
+    return [one.get(scenario, {}).get(name, {}).get(metric) for one in run["rounds"]]
 
 
 def spread(found, digits=1):
@@ -33,23 +34,23 @@ def quotients(above, *below):
     return [None if None in row else row[0] / sum(row[1:]) for row in zip(above, *below)]
 
 
-def overview(document):
+def overview(run):
     rows = []
     for scenario, text in TEXTS.items():
         metrics = ("rate", "cpu") if scenario in RATES else ("p50", "cpu")
         for name, shown in NAMES.items():
-            first = spread(values(document, scenario, name, metrics[0]), 0 if metrics[0] == "rate" else 1)
+            first = spread(values(run, scenario, name, metrics[0]), 0 if metrics[0] == "rate" else 1)
             if first:
                 rows.append([text, shown, first + (" a second" if metrics[0] == "rate" else " us"),
-                             spread(values(document, scenario, name, "cpu"))])
+                             spread(values(run, scenario, name, "cpu"))])
                 text = ""
     return table(["", "", "median", "processor time of each, us"], rows)
 
 
-def goals(document):
+def goals(run):
     """What is asked for: text, quotients, limit, whether it is the least."""
     def of(scenario, name, metric="p50"):
-        return values(document, scenario, name, metric)
+        return values(run, scenario, name, metric)
     found = []
     for scenario, dds in (("call64", "call64"), ("call4000", "call4000"), ("loop64", "call64")):
         found.append((f"{TEXTS[scenario]}, by the sum of that on one machine and a round trip of the DDS",
@@ -73,9 +74,9 @@ def goals(document):
     return found
 
 
-def goal_table(document):
+def goal_table(run):
     rows = []
-    for text, found, limit, least in goals(document):
+    for text, found, limit, least in goals(run):
         found = [value for value in found if value is not None]
         if not found:
             continue
@@ -85,8 +86,8 @@ def goal_table(document):
     return table(["", "measured", "goal", "reached"], rows)
 
 
-def session_lines(document):
-    found = document.get("sessions")
+def session_lines(run):
+    found = run.get("sessions")
     if not found:
         return []
     front, rear, each = found["front"], found["rear"], found["seconds"] / found["sessions"] * 1e3
@@ -97,19 +98,23 @@ def session_lines(document):
 
 
 def about(document):
+    """What it was measured on."""
     machine = document["machine"]
-    before, after = machine["load_before"][0], document.get("load_after", [0])[0]
-    busy = before > 0.5 * machine["cores"]
-    return [f"Medians of {len(document['rounds'])} rounds [least-greatest], made from {machine['commit']} on "
-            f"{machine['processor']}, {machine['cores']} cores ({machine['virtual']}), Linux "
-            f"{machine['kernel'].split()[0]}, both machines and all their programs on these cores. Load before "
-            f"{before:.1f}, after {after:.1f}: " +
-            ("**others were at work on the machine**, so that only the quotients, of figures of the same round, say "
-             "something." if busy else "nothing else was at work."), ""]
+    busy = max(run["busy_before"] for run in document["runs"]) > 0.1
+    return [f"Medians of the rounds [least-greatest], made from {machine['commit']} on {machine['processor']}, "
+            f"{machine['cores']} cores ({machine['virtual']}), Linux {machine['kernel'].split()[0]}. " +
+            ("**Others were at work on the machine**, so that only the quotients, of figures of the same round, say "
+             "something." if busy else "Nothing else was at work."), ""]
+
+
+def part(run):
+    """The tables of what was measured on the same cores."""
+    return [f"#### {CORES[run['cores']]}", "",
+            f"{len(run['rounds'])} rounds.", "", *goal_table(run), *overview(run), *session_lines(run)]
 
 
 def tables(document):
-    return "\n".join([*about(document), *goal_table(document), *overview(document), *session_lines(document)])
+    return "\n".join([*about(document), *(line for run in document["runs"] for line in part(run))])
 
 
 def write_page(document, page):

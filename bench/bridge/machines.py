@@ -23,17 +23,17 @@ DDS_CONFIG = ('<CycloneDDS><Domain Id="any"><General><Interfaces><NetworkInterfa
 
 
 class Machine:
-    """A network namespace with a /dev/shm of its own; gone with `close`."""
+    """A network namespace with a /dev/shm of its own, whose programs stay on `cores`; gone with `close`."""
 
-    def __init__(self, name):
-        self.name, self.processes = name, []
+    def __init__(self, name, cores):
+        self.name, self.cores, self.processes = name, cores, []
         self.holder = subprocess.Popen(["unshare", "-n", "-m", "bash", "-c", PREPARE], stdin=subprocess.PIPE,
                                        stdout=subprocess.PIPE, text=True)
         if self.holder.stdout.readline() != "ready\n":
             raise RuntimeError("no network namespace can be made here: this needs root")
 
     def inside(self, command):
-        return ["nsenter", "-t", str(self.holder.pid), "-n", "-m", *map(str, command)]
+        return ["taskset", "-c", self.cores, "nsenter", "-t", str(self.holder.pid), "-n", "-m", *map(str, command)]
 
     def run(self, *command):
         return subprocess.run(self.inside(command), check=True, capture_output=True, text=True, timeout=300).stdout
@@ -72,11 +72,11 @@ def descriptors(pid):
 class Pair:
     """Two machines, `front` with the servers and `rear` with the clients, and what joins them."""
 
-    def __init__(self, build, bridge):
+    def __init__(self, build, bridge, cores):
         self.build, self.bridge = build, bridge
         self.group, self.folder = Group(), tempfile.TemporaryDirectory()
         self.clients, self.servers, self.bridges = 0, {}, []
-        self.front, self.rear = Machine("front"), Machine("rear")
+        self.front, self.rear = Machine("front", cores[0]), Machine("rear", cores[1])
         plug(self.front, self.rear)
 
     def close(self):
