@@ -1,9 +1,8 @@
 #include "storm/Usage.h"
 
-#include <unistd.h>
-
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <string>
 
 namespace storm {
@@ -14,12 +13,22 @@ long CountEntries(pid_t pid, const char *what) {
     return static_cast<long>(std::distance(begin(entries), end(entries)));
 }
 
-long ResidentKiB(pid_t pid) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/statm");
-    long size = 0;
-    long resident = 0;
-    status >> size >> resident;
-    return resident * (sysconf(_SC_PAGESIZE) / 1024);
+Resident ResidentOf(pid_t pid) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    Resident found;
+    std::string line;
+    while (std::getline(status, line)) {
+        std::istringstream words(line);
+        std::string name;
+        long kib = 0;
+        words >> name >> kib;
+        if (name == "RssAnon:" || name == "RssShmem:") {
+            found.ownKiB += kib;
+        } else if (name == "RssFile:") {
+            found.fileKiB = kib;
+        }
+    }
+    return found;
 }
 
 } // namespace storm

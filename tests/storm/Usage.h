@@ -8,8 +8,14 @@ namespace storm {
 // Entries of a folder of a process in /proc, such as "fd" and "task"; 0 for a process that has gone.
 long CountEntries(pid_t pid, const char *what);
 
-// The memory of a process that is in use; 0 for one that has gone.
-long ResidentKiB(pid_t pid);
+// The memory of a process that is in use; nothing for one that has gone.
+struct Resident {
+    long Total() const { return ownKiB + fileKiB; }
+
+    long ownKiB = 0;  // anonymous and shared memory: what a leak adds to
+    long fileKiB = 0; // pages of programs and libraries, each of them at most once: the kernel takes them back
+};
+Resident ResidentOf(pid_t pid);
 
 } // namespace storm
 

@@ -51,8 +51,8 @@ struct Holding {
         Holding held;
         held.service = service;
         held.heap = tarvo_test::SANITIZED ? 0 : static_cast<long>(mallinfo2().uordblks);
-        held.clientKiB = ResidentKiB(getpid());
-        held.serviceKiB = ResidentKiB(service);
+        held.clientKiB = ResidentOf(getpid()).Total();
+        held.serviceKiB = ResidentOf(service).Total();
         held.clientDescriptors = CountEntries(getpid(), "fd");
         held.serviceDescriptors = CountEntries(service, "fd");
         held.threads = CountEntries(getpid(), "task") + CountEntries(service, "task");

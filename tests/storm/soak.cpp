@@ -48,7 +48,8 @@ struct Options {
 
 struct Sample {
     double second = 0;
-    long rssKiB = 0;
+    long ownKiB = 0;
+    long fileKiB = 0;
     long descriptors = 0;
     long threads = 0;
 };
@@ -79,7 +80,7 @@ public:
         StartSteady();
         start = Now();
         fmt::print("{:>6} {:>9} {:>6} {:>7} {:>10} {:>9} {:>8} {:>8} {:>9} {:>8} {:>7} {:>7} {:>7}\n", "minute",
-                   "RSS KiB", "fds", "threads", "calls", "one-way", "p50 us", "p99 us", "max us", "visitors", "killed",
+                   "own KiB", "fds", "threads", "calls", "one-way", "p50 us", "p99 us", "max us", "visitors", "killed",
                    "stopped", "refused");
         const auto end = start + static_cast<int64_t>(options.minutes * 60 * SECOND);
         int64_t nextSample = start + SECOND;
@@ -190,7 +191,9 @@ private:
                 return;
             }
             const pid_t pid = one.process->Pid();
-            one.samples.push_back({second, ResidentKiB(pid), CountEntries(pid, "fd"), CountEntries(pid, "task")});
+            const Resident memory = ResidentOf(pid);
+            one.samples.push_back(
+                {second, memory.ownKiB, memory.fileKiB, CountEntries(pid, "fd"), CountEntries(pid, "task")});
         }
         const Histogram::Counts now = board->latency.Read();
         const Histogram::Counts since = now.Since(lastSecond);
@@ -214,7 +217,7 @@ private:
         last = now;
         const uint64_t sent = board->oneWay;
         fmt::print("{:>6.1f} {:>9} {:>6} {:>7} {:>10} {:>9} {:>8} {:>8} {:>9} {:>8} {:>7} {:>7} {:>7}\n",
-                   static_cast<double>(Now() - start) / (60.0 * SECOND), SumOfLast(&Sample::rssKiB),
+                   static_cast<double>(Now() - start) / (60.0 * SECOND), SumOfLast(&Sample::ownKiB),
                    SumOfLast(&Sample::descriptors), SumOfLast(&Sample::threads), row.Total(), sent - lastSent,
                    row.Percentile(0.5), row.Percentile(0.99), row.Percentile(1.0), visits, kills, stops,
                    board->refused.load());
@@ -260,7 +263,7 @@ private:
         for (const Steady &one : steady) {
             Check(one.samples.size() >= 5, one.role + " has too few samples for a verdict");
             // Memory: the allocator's own steps. Threads: one that serves a visitor may be counted or not.
-            JudgeField(one, "RSS KiB", &Sample::rssKiB, 1.03, 128);
+            JudgeField(one, "own KiB", &Sample::ownKiB, 1.03, 128);
             JudgeField(one, "descriptors", &Sample::descriptors, 1, 2);
             JudgeField(one, "threads", &Sample::threads, 1, 2);
         }
@@ -271,11 +274,11 @@ private:
             return;
         }
         std::ofstream file(options.csv);
-        file << "process,second,rss_kib,descriptors,threads\n";
+        file << "process,second,own_kib,file_kib,descriptors,threads\n";
         for (const Steady &one : steady) {
             for (const Sample &sample : one.samples) {
-                file << '"' << one.role << "\"," << sample.second << ',' << sample.rssKiB << ',' << sample.descriptors
-                     << ',' << sample.threads << '\n';
+                file << '"' << one.role << "\"," << sample.second << ',' << sample.ownKiB << ',' << sample.fileKiB
+                     << ',' << sample.descriptors << ',' << sample.threads << '\n';
             }
         }
         std::ofstream load(options.csv + ".load");
