@@ -95,6 +95,22 @@ TEST_F(BlockingTest, RemoteThatSpeaksBeforeItListensIsWaitedFor) {
     EXPECT_EQ(opening.events, (Strings{"opened 0", "request early"}));
 }
 
+// It may have written the answer before, and the kernel tells of its end at each look.
+TEST_F(BlockingTest, RemoteThatStopsReadingIsWaitedForAsleep) {
+    unsigned looks = 0;
+    const ScopedHook beforeEachLook(
+        Call::Poll,
+        [&](const CallInfo &) {
+            if (++looks == 1) {
+                peer.CloseRead();
+            }
+        },
+        Where().Always().ThisThread());
+    EXPECT_EQ(Ask(link.link, 50), -ETIMEDOUT);
+    EXPECT_GT(looks, 1U);
+    EXPECT_LT(looks, 10U);
+}
+
 // ---- A FIFO that is full when it begins ----
 
 // As many of the longest requests as a FIFO and the link's batch take, and not the one that would be refused.

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <chrono>
 #include <future>
+#include <optional>
 
 #include "PipeEnvironment.h"
 #include "PipeFixture.h"
@@ -361,6 +362,24 @@ TEST_F(PipeOpenClientTest, ReadFileThatIsGoneAgainIsWaitedForWithinTheBudget) {
     EXPECT_EQ(pipe->TimedOpen(100), -ETIMEDOUT);
     EXPECT_EQ(Clock::now() - start, milliseconds(100));
     EXPECT_EQ(vanish.Hits(), 1U);
+}
+
+// There when it is looked for, and never when it is opened. Nothing is slept: only the tries take time.
+TEST_F(PipeOpenClientTest, ReadFileThatIsGoneAtEachOpenEndsWithTheBudget) {
+    RecordedSleeps sleeps;
+    peer.CreateFiles();
+    const ScopedHook gone(
+        Call::Open,
+        [&](const CallInfo &) {
+            sleeps.clock.Advance(milliseconds(30));
+            return std::optional<Outcome>(Outcome{-1, ENOENT});
+        },
+        Where().Path(readFile).Times(100));
+    const Pipe pipe = MakeClientPipe();
+    EXPECT_EQ(pipe->TimedOpen(100), -ETIMEDOUT);
+    EXPECT_EQ(gone.Hits(), 4U);
+    EXPECT_TRUE(sleeps.Sleeps().empty());
+    EXPECT_TRUE(log.ContainsExactly(LOG_ERR, "Open pipe readFd failed, ret = -110, pipeName = " + readFile + "."));
 }
 
 TEST_F(PipeOpenClientTest, WriteEndOfDescriptorZeroCountsAsNotOpen) {
