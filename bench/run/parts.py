@@ -306,7 +306,8 @@ PARTS = [
      "A thread with `SCHED_FIFO` calls once in a millisecond, both processes lock their memory, and stress-ng keeps every "
      "core, the memory and the disk busy. \"From when it was due\" adds what the caller's own wake-up was late by. "
      "cyclictest, at a priority above the library's, shows at the same time how late this machine wakes a single thread. "
-     "A call has four such wake-ups. How slow the slowest can be is a property of the machine: measure your own.",
+     "A call has four such wake-ups: what the library adds shows in the 99th percentiles. Where the slowest of both are "
+     "alike the machine stood still, as a virtual one does, and no priority helps: measure your own.",
      urgent),
     ("Library and floor", ["ratios.svg", "calls.svg"],
      "The median over the rounds of the ratios to the lowest floor, with the least and the greatest. Below 1.00 is faster "
