@@ -8,6 +8,16 @@
 
 #ifdef TARVO_PROBES
 #include <sys/sdt.h>
+
+// The header's, with `inline`: a compiler takes each line of an assembly text for an instruction, and calls functions
+// that it would have compiled into their callers because of a trace point that is one `nop` (gcc, "Size of an asm").
+#undef _SDT_PROBE
+#define _SDT_PROBE(provider, name, n, arglist)                                                                         \
+    do {                                                                                                               \
+        __asm__ __inline__ __volatile__(                                                                               \
+            _SDT_ASM_BODY(provider, name, _SDT_ASM_ARGS, (n))::_SDT_ASM_OPERANDS_##n arglist);                         \
+        __asm__ __inline__ __volatile__(_SDT_ASM_BASE);                                                                \
+    } while (0)
 #else
 // Looks at what the arguments are called, and evaluates nothing.
 #define TARVO_NO_PROBE_ARGUMENT(argument) static_cast<void>(sizeof(argument))
