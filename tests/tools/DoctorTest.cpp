@@ -151,6 +151,15 @@ TEST_F(DoctorTest, ProcessThatSigpipeWouldEndIsNamed) {
     EXPECT_EQ(LevelOf(Examine(directory.Path()), "processes", "does not ignore SIGPIPE"), "");
 }
 
+// On the same file system, as what else is in shared memory is.
+TEST_F(DoctorTest, ProcessWithAFifoOfAnotherDirectoryIsNotItsConcern) {
+    const ScratchDirectory directory;
+    const ScratchDirectory another;
+    const std::string path = another.AddFifo("srv");
+    const HoldingProcess careless(path, [] { std::signal(SIGPIPE, SIG_DFL); });
+    EXPECT_EQ(LevelOf(Examine(directory.Path()), "processes", careless.Part()), "");
+}
+
 void HandleSigpipe() {
     std::signal(SIGPIPE, [](int) {});
 }

@@ -49,15 +49,15 @@ uint64_t WholeStacks(pid_t pid, uint64_t stackKb) {
 } // namespace
 
 void CheckMemory(const Patient &patient, Findings &findings) {
-    for (const auto &[pid, process] : patient.inventory.holders.processes) {
-        const uint64_t stackKb = StackOf(pid).value_or(0);
-        const uint64_t stacks = stackKb == 0 ? 0 : WholeStacks(pid, stackKb);
+    for (const Process &process : UsersOf(patient.inventory)) {
+        const uint64_t stackKb = StackOf(process.pid).value_or(0);
+        const uint64_t stacks = stackKb == 0 ? 0 : WholeStacks(process.pid, stackKb);
         if (stacks >= FEWEST_STACKS) {
             findings.push_back(
                 {Level::WARNING, "memory",
                  fmt::format("process {} ({}) has locked the stacks of {} threads whole: {} MB, and {} kB more "
                              "with each pipe whose callbacks run",
-                             pid, process.name, stacks, stacks * stackKb / 1024, stackKb),
+                             process.pid, process.name, stacks, stacks * stackKb / 1024, stackKb),
                  "mlockall(MCL_CURRENT | MCL_FUTURE | MCL_ONFAULT), or smaller stacks: ulimit -s 256; LimitSTACK=256K "
                  "in "
                  "a systemd unit"});

@@ -88,7 +88,7 @@ void CheckProcesses(const Patient &patient, Findings &findings) {
                                 "let only one process serve under a name, and restart the right one"});
         }
     }
-    for (const auto &[pid, process] : holders.processes) {
+    for (const Process &process : UsersOf(patient.inventory)) {
         CheckProcess(process, findings);
     }
 }

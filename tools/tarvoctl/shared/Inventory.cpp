@@ -206,6 +206,25 @@ const Server *Inventory::FindServer(const std::string &name) const {
     return found == servers.end() ? nullptr : &*found;
 }
 
+std::vector<Process> UsersOf(const Inventory &inventory) {
+    std::set<pid_t> pids;
+    for (const FifoFile &file : inventory.files.fifos) {
+        for (const Holder &holder : inventory.holders.Of(file.id)) {
+            pids.insert(holder.pid);
+        }
+    }
+    for (const NamelessFifo &fifo : inventory.holders.nameless) {
+        pids.insert(fifo.holder.pid);
+    }
+    std::vector<Process> users;
+    for (const auto &[pid, process] : inventory.holders.processes) {
+        if (pids.count(pid) != 0) {
+            users.push_back(process);
+        }
+    }
+    return users;
+}
+
 Inventory TakeInventory(const std::string &directory, bool trustNamespace) {
     Inventory inventory;
     inventory.directory = WithSlash(directory);

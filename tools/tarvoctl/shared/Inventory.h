@@ -58,6 +58,10 @@ struct Inventory {
 // `trustNamespace`: no process outside of this pid namespace uses the directory.
 Inventory TakeInventory(const std::string &directory, bool trustNamespace = false);
 
+// The processes that have a FIFO of the directory open, by number. The holders know of those elsewhere on the same file
+// system, too.
+std::vector<Process> UsersOf(const Inventory &inventory);
+
 // Lines on standard error about what could not be seen.
 void DiagnoseInventory(const Inventory &inventory);
 
