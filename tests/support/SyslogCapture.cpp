@@ -23,7 +23,8 @@ struct SyslogCapture::Store {
 
 namespace {
 
-constexpr std::size_t RECENT_LINES = 500;
+// No more: to a soak, what grows looks like a leak.
+constexpr std::size_t RECENT_LINES = 100;
 
 struct Log {
     std::mutex mutex;
