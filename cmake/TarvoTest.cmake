@@ -1,5 +1,5 @@
 # tarvo_add_test(NAME source... [LIBS target...] [TIMEOUT seconds] [PORTABLE] [SEPARATE] [ONE_THREAD]
-#                [COUNTED])
+#                [COUNTED] [EACH_BUILD])
 #
 # A GoogleTest program over the library and the test support. CTest runs each of its tests in a process of its own, so
 # that every test meets the process-wide objects of the library fresh.
@@ -13,6 +13,13 @@
 # that build.
 # COUNTED: coverage counts what it compiles in of src/, too. It is the place where parts are tested that the libraries use
 # only some of.
+# EACH_BUILD: what its sources compile to depends on the sanitizers, or on where this build is: no other build's objects
+# will do.
+
+# tarvo_test_objects(RESULT NAME source...)
+#
+# Of what a test program is linked: its sources or, with TARVO_OBJECTS_OF, what the build in that folder has made of them.
+# Then the same programs are run with differently built libraries, and compiled once.
 
 # tarvo_skip_test(NAME reason)
 #
@@ -27,8 +34,20 @@ add_custom_target(tests_portable)
 # is left of its environment.
 set(TARVO_PROFILE -fprofile-instr-generate=${PROJECT_BINARY_DIR}/profile/%4m.profraw)
 
+function(tarvo_test_objects result name)
+  set(found ${ARGN})
+  if(TARVO_OBJECTS_OF)
+    file(RELATIVE_PATH folder ${PROJECT_BINARY_DIR} ${CMAKE_CURRENT_BINARY_DIR})
+    file(GLOB_RECURSE found ${TARVO_OBJECTS_OF}/${folder}/CMakeFiles/${name}.dir/*.o)
+    if(NOT found)
+      message(FATAL_ERROR "${TARVO_OBJECTS_OF} has no objects of ${name}: build it first")
+    endif()
+  endif()
+  set(${result} ${found} PARENT_SCOPE)
+endfunction()
+
 function(tarvo_add_test name)
-  cmake_parse_arguments(arg "PORTABLE;SEPARATE;ONE_THREAD;COUNTED" "TIMEOUT" "LIBS" ${ARGN})
+  cmake_parse_arguments(arg "PORTABLE;SEPARATE;ONE_THREAD;COUNTED;EACH_BUILD" "TIMEOUT" "LIBS" ${ARGN})
   if(arg_ONE_THREAD AND TARVO_SANITIZE MATCHES "thread")
     return()
   endif()
@@ -38,7 +57,11 @@ function(tarvo_add_test name)
   if(CMAKE_CROSSCOMPILING)
     math(EXPR arg_TIMEOUT "${arg_TIMEOUT} * 3") # in an emulator
   endif()
-  add_executable(${name} ${arg_UNPARSED_ARGUMENTS})
+  set(objects ${arg_UNPARSED_ARGUMENTS})
+  if(NOT arg_EACH_BUILD AND NOT (arg_COUNTED AND TARVO_COVERAGE))
+    tarvo_test_objects(objects ${name} ${objects})
+  endif()
+  add_executable(${name} ${objects})
   target_link_libraries(${name} PRIVATE tarvo_options tarvo tarvo_test_support ${arg_LIBS} GTest::gmock_main)
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/tests)
   if(TARGET tarvo_test_precompiled AND NOT (arg_COUNTED AND TARVO_COVERAGE))
@@ -56,7 +79,7 @@ function(tarvo_add_test name)
     target_link_options(${name} PRIVATE ${TARVO_PROFILE})
   endif()
   # The library must find the functions that the program defines in front of the C library's.
-  set_target_properties(${name} PROPERTIES ENABLE_EXPORTS ON UNITY_BUILD_BATCH_SIZE 8)
+  set_target_properties(${name} PROPERTIES ENABLE_EXPORTS ON UNITY_BUILD_BATCH_SIZE 8 LINKER_LANGUAGE CXX)
   if(NOT arg_SEPARATE)
     set_target_properties(${name} PROPERTIES UNITY_BUILD ON)
   endif()

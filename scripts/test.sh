@@ -6,7 +6,8 @@ cd "$(dirname "$0")/.."
 
 usage() {
     cat <<'TEXT'
-Usage: scripts/test.sh [--part NAME] [--build-only | --tests-only] [PRESET...] [-- CTEST_ARGUMENT...]
+Usage: scripts/test.sh [--part NAME] [--build-only | --tests-only] [--objects-of PRESET] [PRESET...]
+                       [-- CTEST_ARGUMENT...]
 
 Installs what is missing, configures, builds and tests each preset (default: release): release, debug, checked, asan,
 tsan, clang, arm64. Arguments after -- go to ctest, whose output is then shown whole.
@@ -14,6 +15,8 @@ tsan, clang, arm64. Arguments after -- go to ctest, whose output is then shown w
   --part NAME   build and run one part of the tests: portable, what another processor may do otherwise
   --build-only  leave the tests for later
   --tests-only  run what --build-only has built
+  --objects-of PRESET
+                link most test programs of what that preset, which is built, has compiled: the libraries differ only
 
 Where the kernel allows it, tests get a FIFO directory of their own, and several of these runs do not meet.
 
@@ -24,6 +27,7 @@ TEXT
 groups_of() {
     case $1 in
     checked | clang) echo base clang man ;;
+    tsan) echo base bridge clang man ;;
     arm64) echo base bridge arm64 man ;;
     *) echo base bridge man ;;
     esac
@@ -55,7 +59,8 @@ configure_and_build() {
     local preset=$1 target=()
     [[ -z $part ]] || target=(--target "tests_$part")
     mkdir -p "build/$preset"
-    quietly "build/$preset/configure.log" configure "$preset" || return 1
+    quietly "build/$preset/configure.log" configure "$preset" "-DTARVO_OBJECTS_OF=${objects_of:+$PWD/build/$objects_of}" ||
+        return 1
     if [[ -t 1 ]]; then
         cmake --build --preset "$preset" "${target[@]}"
     else
@@ -88,13 +93,14 @@ print_skipped() {
 
 main() {
     local presets=() failed=0 groups build=true tests=true
-    part=''
+    part='' objects_of=''
     while [[ $# -gt 0 ]]; do
         case $1 in
         -h | --help) usage && return 0 ;;
         --part) part=${2:?name} && shift ;;
         --build-only) tests=false ;;
         --tests-only) build=false ;;
+        --objects-of) objects_of=${2:?preset} && shift ;;
         --)
             shift
             break

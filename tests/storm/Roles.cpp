@@ -20,7 +20,7 @@ namespace storm {
 namespace {
 
 // How long an open waits for a server that may have died with the packet: short, since only another attempt helps.
-constexpr int OPEN_TIMEOUT_MS = tarvo_test::Rounds(300, 3000);
+const int OPEN_TIMEOUT_MS = tarvo_test::Rounds(300, 3000);
 constexpr int CALL_TIMEOUT_MS = 30000;
 constexpr int PAUSE_MS = 2;
 // Every so many calls the server also sends a request of its own.

@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <pthread.h>
+#include <sched.h>
 
 #include <csignal>
 #include <cstdio>
@@ -34,8 +35,38 @@ private:
     sigset_t before{};
 };
 
+std::atomic_flag resolving = ATOMIC_FLAG_INIT;
+thread_local int resolvingDepth = 0;
+
+// One thread at a time resolves, and none while the process forks: the child would find the locks below dlopen taken
+// for good. A spin lock, since the functions of a mutex are among those to be resolved.
+class Resolving {
+public:
+    Resolving() { Begin(); }
+    ~Resolving() { End(); }
+    Resolving(const Resolving &) = delete;
+    Resolving &operator=(const Resolving &) = delete;
+
+    // Other handlers of forks may have to resolve what they call.
+    static void Begin() {
+        if (resolvingDepth++ == 0) {
+            while (resolving.test_and_set(std::memory_order_acquire)) {
+                sched_yield();
+            }
+        }
+    }
+    static void End() {
+        if (--resolvingDepth == 0) {
+            resolving.clear(std::memory_order_release);
+        }
+    }
+};
+
+__attribute__((constructor)) void HoldForForks() { pthread_atfork(Resolving::Begin, Resolving::End, Resolving::End); }
+
 void *Resolved(const char *name) {
     const BlockedSignals blocked;
+    const Resolving alone;
     void *found = dlsym(RTLD_NEXT, name);
     // RTLD_NEXT may yield the oldest version of a versioned symbol (realpath, pthread_cond_timedwait); a look-up in
     // the library that was found yields the one that new code is linked to.

@@ -81,7 +81,8 @@ private:
 // Longer than any of the functions takes by itself.
 void AwaitARandomMoment() {
     static std::minstd_rand random(4711);
-    const auto end = std::chrono::steady_clock::now() + std::chrono::microseconds(random() % Rounds(400, 4000));
+    const auto end = std::chrono::steady_clock::now() +
+                     std::chrono::microseconds(random() % static_cast<unsigned>(Rounds(400, 4000)));
     while (std::chrono::steady_clock::now() < end) {
     }
 }

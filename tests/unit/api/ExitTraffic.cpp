@@ -13,20 +13,10 @@
 #include "support/Eventually.h"
 #include "support/Names.h"
 #include "support/Process.h"
+#include "support/Sanitized.h"
+#include "support/ThreadSanitizer.h"
 #include "support/Watchdog.h"
 #include "tarvo.h"
-
-#if defined(__SANITIZE_THREAD__)
-#define TARVO_TSAN 1
-#elif defined(__SANITIZE_ADDRESS__)
-#define TARVO_ASAN 1
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define TARVO_TSAN 1
-#elif __has_feature(address_sanitizer)
-#define TARVO_ASAN 1
-#endif
-#endif
 
 namespace tarvo_test {
 
@@ -34,18 +24,14 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-#if defined(TARVO_TSAN)
+#ifdef TARVO_THREAD_SANITIZER
 // ThreadSanitizer waits a second at exit for late races, while the traffic keeps all processors busy.
 constexpr auto USUAL_LIMIT = std::chrono::seconds(4);
 #else
 constexpr auto USUAL_LIMIT = std::chrono::seconds(2);
 #endif
-#if defined(TARVO_TSAN) || defined(TARVO_ASAN)
 // Both processors are busy all the time; scripts/exit-runs.sh does a thousand.
-constexpr int DEFAULT_RUNS = 5;
-#else
-constexpr int DEFAULT_RUNS = 20;
-#endif
+const int DEFAULT_RUNS = SANITIZED ? 5 : 20;
 constexpr auto HANG = std::chrono::seconds(60);
 constexpr auto ALL_RUNS = std::chrono::seconds(280);
 

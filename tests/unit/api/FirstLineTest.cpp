@@ -117,12 +117,11 @@ TEST(FirstLineTest, OfAWorkerIsWritten) {
 
 // All that a thread of the library does may meet an empty heap, again and again.
 TEST(FirstLineTest, BurstsOfAnEmptyHeapEndNoThread) {
-    constexpr int PROCESSES = Rounds(10, 3);
-    constexpr int BURSTS = Rounds(100, 30);
-    for (int process = 0; process < PROCESSES; ++process) {
+    const int processes = Rounds(10, 3);
+    for (int process = 0; process < processes; ++process) {
         InFreshProcess([] {
             Peers peers(Echo);
-            for (int burst = 0; burst < BURSTS; ++burst) {
+            for (int burst = Rounds(100, 30); burst > 0; --burst) {
                 const EmptyHeap none;
                 peers.peer.TrySend(burst % 2 == 0 ? WrongHead() : RawRequest(1, "hello"));
                 WriteToRawServer(peers.served, burst % 2 == 0 ? PacketOfUnknownType()

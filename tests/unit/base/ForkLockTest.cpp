@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "support/FakeClock.h"
+#include "support/ThreadSanitizer.h"
 
 namespace {
 
@@ -52,7 +53,7 @@ TEST(ForkLock, ThatIsNotGotInTimeIsLeftToItsHolderAndNewInTheChild) {
     forking.join();
     lock.ReleaseInParent(mutex);
     EXPECT_FALSE(IsFree(mutex)) << "its holder's";
-#ifndef __SANITIZE_THREAD__ // takes the mutex that is made anew for the locked one, as it would not in a child
+#ifndef TARVO_THREAD_SANITIZER // takes the mutex that is made anew for the locked one, as it would not in a child
     lock.ReleaseInChild(mutex);
     EXPECT_TRUE(IsFree(mutex)) << "whose holder is not there";
 #endif

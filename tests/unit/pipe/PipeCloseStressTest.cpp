@@ -138,8 +138,8 @@ protected:
 };
 
 TEST_F(PipeCloseStressTest, DescriptorsAreClosedOnceAndNotUsedAfterwards) {
-    constexpr int ROUNDS = Rounds(300, 150);
-    for (int round = 0; round < ROUNDS && !HasFailure(); ++round) {
+    const int rounds = Rounds(300, 150);
+    for (int round = 0; round < rounds && !HasFailure(); ++round) {
         TarvoAttr attr = Attr(TARVO_MODE_SERVER);
         if (round % 2 == 1) {
             attr.callback = [](int, TarvoRequest *) {};
@@ -177,9 +177,9 @@ TEST_F(PipeCloseStressTest, DescriptorsAreClosedOnceAndNotUsedAfterwards) {
 }
 
 TEST_F(PipeCloseStressTest, OpenAndCloseAtOnceLeaveNothingBehind) {
-    constexpr int ROUNDS = Rounds(300, 60);
+    const int rounds = Rounds(300, 60);
     constexpr int OPENS = 20;
-    for (int round = 0; round < ROUNDS && !HasFailure(); ++round) {
+    for (int round = 0; round < rounds && !HasFailure(); ++round) {
         std::atomic<int> badCloses{0};
         const ScopedHook close(Call::Close, [&](const CallInfo &info) {
             const int result = ::close(info.fd);

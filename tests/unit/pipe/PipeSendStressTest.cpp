@@ -16,7 +16,7 @@ namespace tarvo_test {
 namespace {
 
 constexpr uint32_t THREADS = 8;
-constexpr uint32_t FRAMES = static_cast<uint32_t>(Rounds(10000, 1000));
+const uint32_t FRAMES = static_cast<uint32_t>(Rounds(10000, 1000));
 constexpr uint32_t SEQUENCE_BITS = 24;
 constexpr uint32_t SEQUENCE_MASK = (1U << SEQUENCE_BITS) - 1;
 
