@@ -10,7 +10,7 @@ STEPS=(kills loopkills loop comeback stopped reconnect twins reopen bridge soak 
 # How many minutes each may take; together four hours on two processors. What is not done then is ended, and has failed.
 declare -A LIMITS=([kills]=10 [loopkills]=3 [loop]=22 [comeback]=8 [stopped]=3 [reconnect]=9 [twins]=5 [reopen]=10
     [bridge]=10 [soak]=23 [counted]=6 [python]=6 [models]=12 [fuzz]=20 [ends]=12 [races]=15 [cancels]=4
-    [clang]=9 [asan]=12 [arm64]=14 [tidy]=10 [bench]=3 [mutants]=8 [bare]=6)
+    [clang]=9 [asan]=12 [arm64]=16 [tidy]=10 [bench]=3 [mutants]=8 [bare]=6)
 
 usage() {
     cat <<'TEXT'
@@ -47,7 +47,7 @@ Runs the long proofs, all of them (four hours at most) or the named steps:
   cancels  400 cancellations of a thread inside each function: no abort, no lock kept, no descriptor lost
   clang    all tests with clang, optimised as gcc's are
   asan     all tests under gcc's sanitizers of memory and undefined behaviour
-  arm64    all tests on arm64, of which each change runs a part
+  arm64    all tests on arm64, of which each change runs a part, and its packages
   tidy     clang-tidy on each source by itself
   bench    that the benchmarks of the other messaging systems run, too
   mutants  small faults in the sources, as many as 18 minutes are enough for, after those of the nights before
@@ -171,7 +171,10 @@ step_cancels() {
 
 step_clang() { run clang "all tests with clang" scripts/test.sh clang; }
 step_asan() { run asan "all tests under gcc's asan" scripts/test.sh asan; }
-step_arm64() { run arm64 "all tests on arm64" scripts/test.sh arm64; }
+step_arm64() {
+    run arm64 "all tests on arm64" scripts/test.sh arm64
+    run arm64 "packages of arm64" scripts/check-packages.sh arm64
+}
 step_tidy() { run tidy "clang-tidy, source by source" scripts/check-tidy.sh --separate; }
 step_bench() { run bench "all benchmarks, in short" scripts/bench.sh --smoke; }
 step_mutants() {
