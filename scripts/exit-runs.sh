@@ -76,7 +76,7 @@ main() {
         shift
     done
     [[ $# -eq 0 ]] || ways=("$@")
-    scripts/install-deps.sh base
+    scripts/install-deps.sh base clang
     scripts/fifo-directory.sh
     for preset in "${presets[@]:-asan tsan}"; do
         # shellcheck disable=SC2086 # two by default

@@ -10,7 +10,7 @@ STEPS=(kills loopkills loop comeback stopped reconnect twins reopen bridge soak 
 # How many minutes each may take; together four hours on two processors. What is not done then is ended, and has failed.
 declare -A LIMITS=([kills]=10 [loopkills]=3 [loop]=22 [comeback]=8 [stopped]=3 [reconnect]=9 [twins]=5 [reopen]=10
     [bridge]=10 [soak]=23 [counted]=6 [python]=6 [models]=12 [fuzz]=20 [ends]=12 [races]=15 [cancels]=4
-    [clang]=9 [asan]=12 [arm64]=16 [tidy]=10 [bench]=3 [mutants]=8 [bare]=6)
+    [clang]=9 [asan]=12 [arm64]=14 [tidy]=10 [bench]=3 [mutants]=8 [bare]=6)
 
 usage() {
     cat <<'TEXT'
