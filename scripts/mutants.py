@@ -35,14 +35,16 @@ TRIED = ROOT / "tests/mutants.tried"
 # The tests of each folder of src/, as CTest names them. Then all that have to do with the code; pages, packages, fuzzing
 # and the long-running proofs say nothing more.
 NEAREST = {"api": "^(unit_api|unit_environment)", "base": "^(unit_base|unit_worker|unit_pipe)", "diag": "^unit_diag",
-           "fifo": "^unit_fifo", "loop": "^(unit_loop|loop_)", "monitor": "^unit_monitor", "pipe": "^unit_pipe",
+           "fifo": "^unit_fifo", "loop": "^(unit_loop|loop_)", "monitor": "^unit_monitor",
+           "pipe": "^(unit_pipe|unit_stats[.]|unit_api_stats)",
            "server": "^unit_server", "stats": "^(unit_stats[.]|unit_api_stats|loop_stats)",
            "stats_reader": "^unit_stats_reader", "table": "^unit_table", "worker": "^unit_worker"}
 OTHERS = "(unit|system|faults|loop|foreign)_"
 # Compile programs that are to be refused, with the public headers only, or need the tools.
 NOT_CONCERNED = "^(system_.*refused|system_public|system_python|system_readme|system_demo|unit_support)"
 PROGRAMS = {"api": ["unit_api*", "unit_environment"], "base": ["unit_base*", "unit_worker", "unit_pipe*"],
-            "loop": ["unit_loop*", "loop_*"], "stats": ["unit_stats", "unit_api_stats", "loop_stats"]}
+            "loop": ["unit_loop*", "loop_*"], "pipe": ["unit_pipe*", "unit_stats", "unit_api_stats"],
+            "stats": ["unit_stats", "unit_api_stats", "loop_stats"]}
 LEAST = 15 # how nice it is to what else runs
 LIBRARIES = ["tarvo", "tarvo_loop", "tarvo_stats"]
 # The tests that compile the sources in, or are linked with them. All others find the changed library where it was.
@@ -187,15 +189,15 @@ class Attempt:
     def look(self):
         """The verdict, and the test that has noticed it, in the copy with the fault."""
         limit, log = self.options.minutes * 60, self.log
-        if not build(LIBRARIES + programs_of(REBUILT.get(self.folder, [])), log, limit, True):
+        # What a header has in it is in the tests, too.
+        tests = self.programs if self.path.suffix == ".h" else programs_of(REBUILT.get(self.folder, []))
+        if not build(LIBRARIES + tests, log, limit, True):
             return "not built", "", ""
         name, how = test(NEAREST[self.folder], self.excluded(), log, limit)
         if not (name or how or self.options.nearest_only):
             if not build(programs_of([OTHERS + "*"]), log, self.options.build_minutes * 60, True):
                 return "not built", "", ""
-            # What a header has in it is in the nearest tests, too, only now.
-            tried = [] if self.path.suffix == ".h" else [NEAREST[self.folder]]
-            name, how = test("^" + OTHERS, self.excluded(*tried), log, limit * 3)
+            name, how = test("^" + OTHERS, self.excluded(NEAREST[self.folder]), log, limit * 3)
         return "noticed" if name or how else "survived", name, how
 
     def made(self, sound):

@@ -75,6 +75,18 @@ TEST_F(FrameReaderTest, LargestFrameThatComesByteByByteIsDelivered) {
     EXPECT_THAT(arrived, ElementsAre(Arrived{7, 0, Pattern(4000)}, Arrived{9, 0, "after"}));
 }
 
+TEST_F(FrameReaderTest, RestOfAFrameThatLooksLikeAFrameIsNotTakenForOne) {
+    const std::string inner = RawRequest(8, "inner");
+    const std::string outer = RawRequest(7, "around " + inner);
+    reader.Feed(inner.data(), inner.size());
+    EXPECT_TRUE(reader.IsOneFrame());
+    Drain(reader);
+    EXPECT_THAT(Read(outer.substr(0, outer.size() - inner.size())), IsEmpty());
+    reader.Feed(inner.data(), inner.size());
+    EXPECT_FALSE(reader.IsOneFrame());
+    EXPECT_THAT(Drain(reader), ElementsAre(Arrived{7, 0, "around " + inner}));
+}
+
 TEST_F(FrameReaderTest, WrongMagicDropsItsHeadOnly) {
     EXPECT_THAT(Read(std::string(RAW_HEAD_SIZE, 'z') + RawRequest(2, "good")), ElementsAre(Arrived{2, 0, "good"}));
     EXPECT_TRUE(log.ContainsExactly(LOG_ERR, "RecvMagic, result != MAGIC_OK, remote(camera), result=2054847098."));
