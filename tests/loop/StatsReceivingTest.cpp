@@ -62,6 +62,14 @@ TEST_F(StatsReceivingTest, EachKindOfMessageIsCountedWithItsBytes) {
     ExpectRequests(3);
 }
 
+TEST_F(StatsReceivingTest, CallThatLeavesNoTimeIsCountedAsACall) {
+    peer.Send(RawRequest(1, "one") + RawRequest(2, "two") + RawRequest(3, "at once", 0));
+    ASSERT_TRUE(link.Await("request at once"));
+    EXPECT_EQ(Numbers().received.messages[TARVO_STATS_ONE_WAY], 2U);
+    EXPECT_EQ(Numbers().received.messages[TARVO_STATS_CALL], 1U);
+    ExpectRequests(3);
+}
+
 TEST_F(StatsReceivingTest, BadFramesAreCountedByReason) {
     RawFrame bad = MakeRawFrame(1, 0, "x");
     bad.magic ^= 1;
