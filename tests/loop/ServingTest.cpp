@@ -179,10 +179,14 @@ TEST_F(ServingTest, CloseRemovesTheFileAndKeepsTheLinksOfItsClients) {
 
 TEST_F(ServingTest, CloseDropsTheClientsThatAreBeingOpened) {
     Start();
-    const std::string ghost = UniqueName("ghost");
-    Write(Connect(ghost));
+    const Strings ghosts{UniqueName("ghost"), UniqueName("ghost"), UniqueName("ghost")};
+    for (const std::string &ghost : ghosts) {
+        Write(Connect(ghost));
+    }
     loop.RunWhileReadable();
-    EXPECT_TRUE(Exists(FifoPath(name, ghost)));
+    for (const std::string &ghost : ghosts) {
+        EXPECT_TRUE(Exists(FifoPath(name, ghost)));
+    }
     EXPECT_EQ(service.Close(), 0);
     loop.RunWhileReadable();
     EXPECT_TRUE(OwnFifoFiles().empty());
