@@ -146,6 +146,7 @@ TEST_F(WorkerPoolDestroyTest, TheQueuesOfNamedWorkersAreDroppedAndTheirRunningTa
     BeginDestroy();
     ASSERT_TRUE(joins.WaitFor(1));
     EXPECT_FALSE(destroyed.IsOpen());
+    EXPECT_EQ(gone, 3 * QUEUED) << "what is dropped waits for no task that runs";
     LetDestroyEnd();
     EXPECT_EQ(finished, 3);
     EXPECT_EQ(ran, 0);
