@@ -36,6 +36,13 @@ TEST_F(CountedMessagesTest, OneWayRequestsAreCountedAtBothEnds) {
     EXPECT_EQ(1U, near.requests.running.most);
 }
 
+TEST_F(CountedMessagesTest, FirstRequestHasBeenInTheQueue) {
+    const PipePair pair(Ignore);
+    SendMany(pair.far, 1);
+    ASSERT_TRUE(EventuallyOf(pair.near, [](const TarvoStatsPipe &stats) { return stats.requests.finished == 1; }));
+    EXPECT_EQ(1U, Of(pair.near).requests.queued.most);
+}
+
 TEST_F(CountedMessagesTest, OfSoManyOneWayRequestsOneIsTimed) {
     const PipePair pair(Ignore);
     constexpr int REQUESTS = 2 * static_cast<int>(Stats::ONE_WAYS_PER_TIME) + 1;
