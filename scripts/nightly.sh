@@ -50,7 +50,7 @@ Runs the long proofs, all of them (four hours at most) or the named steps:
   arm64    all tests on arm64, of which each change runs a part, and its packages
   tidy     clang-tidy on each source by itself
   bench    that the benchmarks of the other messaging systems run, too
-  mutants  small faults in the sources, as many as 18 minutes are enough for, after those of the nights before
+  mutants  small faults in the sources, as many as 6 minutes are enough for, after those of the nights before
   bare     scripts/test.sh and scripts/demo.sh on a system that has nothing yet
 
   --limit MINUTES  for each step, instead of its own
@@ -262,7 +262,7 @@ list() {
 
 main() {
     local selected=() step seconds verdict made_from step_begun step_verdict
-    kills=20000 reconnects=10000 twins=20000 reopenings=100000 soak=20 fuzz=180 ends=1000 repeats=50 seed='' mutant_hours=0.3
+    kills=20000 reconnects=10000 twins=20000 reopenings=100000 soak=20 fuzz=180 ends=1000 repeats=50 seed='' mutant_hours=0.1
     limit='' update=false resume=false
     while [[ $# -gt 0 ]]; do
         case $1 in
