@@ -167,6 +167,24 @@ TEST_P(ReceivingTest, LinkWithMuchToReadLeavesTheOthersTheirTurn) {
     EXPECT_TRUE(link.AwaitCount(much));
 }
 
+TEST_P(ReceivingTest, WhatOneLinkDoesNotUseOfADispatchIsAnothers) {
+    const std::string other = UniqueName("other");
+    RawPeer quiet(other, self);
+    Probe second(loop);
+    ASSERT_EQ(second.Open(TARVO_LINK_ARRANGED_SERVER, other, self), 0);
+    loop.RunBeside([&] { quiet.OpenBoth(); });
+    ASSERT_TRUE(second.Await("opened 0"));
+    std::string bytes;
+    for (uint32_t i = 0; i < 10; ++i) {
+        bytes += RawRequest(i, "much");
+    }
+    peer.Send(bytes);
+    quiet.Send(RawRequest(1, "little"));
+    // Whichever comes first: its half is less than the ten, and what the one of the other leaves is enough.
+    EXPECT_EQ(TarvoLoopDispatch(loop.Get(), 11), 11);
+    EXPECT_FALSE(loop.Readable());
+}
+
 TEST_P(ReceivingTest, FailingReadLosesNothing) {
     {
         const ScopedFault fault(Call::Read, EINTR, Where().ThisThread());
