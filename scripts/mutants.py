@@ -39,9 +39,10 @@ NEAREST = {"api": "^(unit_api|unit_environment)", "base": "^(unit_base|unit_work
            "pipe": "^(unit_pipe|unit_stats[.]|unit_api_stats)",
            "server": "^unit_server", "stats": "^(unit_stats[.]|unit_api_stats|loop_stats)",
            "stats_reader": "^unit_stats_reader", "table": "^unit_table", "worker": "^unit_worker"}
-OTHERS = "(unit|system|faults|loop|foreign)_"
-# Compile programs that are to be refused, with the public headers only, or need the tools.
+OTHERS = "(unit|system|faults|loop|foreign|tracing)_"
+# Compile programs that are to be refused, with the public headers only, or need more tools than the one.
 NOT_CONCERNED = "^(system_.*refused|system_public|system_python|system_readme|system_demo|unit_support)"
+TOOL = "tarvoctl"
 PROGRAMS = {"api": ["unit_api*", "unit_environment"], "base": ["unit_base*", "unit_worker", "unit_pipe*"],
             "loop": ["unit_loop*", "loop_*"], "pipe": ["unit_pipe*", "unit_stats", "unit_api_stats"],
             "stats": ["unit_stats", "unit_api_stats", "loop_stats"]}
@@ -186,6 +187,11 @@ class Attempt:
     def excluded(self, *more):
         return "|".join([NOT_CONCERNED, *more, *map(only, sorted(self.unsound))])
 
+    @staticmethod
+    def others():
+        """What the other tests run."""
+        return programs_of([OTHERS + "*", TOOL])
+
     def look(self):
         """The verdict, and the test that has noticed it, in the copy with the fault."""
         limit, log = self.options.minutes * 60, self.log
@@ -195,7 +201,7 @@ class Attempt:
             return "not built", "", ""
         name, how = test(NEAREST[self.folder], self.excluded(), log, limit)
         if not (name or how or self.options.nearest_only):
-            if not build(programs_of([OTHERS + "*"]), log, self.options.build_minutes * 60, True):
+            if not build(self.others(), log, self.options.build_minutes * 60, True):
                 return "not built", "", ""
             name, how = test("^" + OTHERS, self.excluded(NEAREST[self.folder]), log, limit * 3)
         return "noticed" if name or how else "survived", name, how
@@ -212,7 +218,7 @@ class Attempt:
                 self.path.write_text(self.original, encoding="utf-8")
             if not name or name in sound:
                 return verdict, f"{name}: {how}" if name else how
-            more = self.programs if name.split(".")[0] in self.programs else programs_of([OTHERS + "*"])
+            more = self.programs if name.split(".")[0] in self.programs else self.others()
             build(LIBRARIES + more, log, limit)
             if alone(name, log, self.options.minutes * 60):
                 sound.add(name)

@@ -120,12 +120,34 @@ class Test:
             self.expect(self.script("tarvo-drops.bt"), r"process \d+ \(.*\) cannot send on pipe \d+: errno 11",
                         r"@refused_by_errno\[\d+, \d+, 11\]: [1-9]")
 
+    def opens(self):
+        """Each open that fails says so, at whatever step."""
+        program = "".join(f"usdt:{self.folder}/{library.name}:tarvo:open {{ @opens[{index}, arg0 != 0, (int32)arg1] = count(); }}"
+                          for index, library in enumerate(self.options.libraries))
+        with subprocess.Popen(["bpftrace", "-e", program + ' BEGIN { printf("attached\\n"); }'], stdin=subprocess.DEVNULL,
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True) as tracer:
+            said = ""
+            while "attached" not in said:
+                line = tracer.stdout.readline()
+                if not line:
+                    sys.exit(f"bpftrace does not trace opens:\n{said}")
+                said += line
+            tool = self.options.tool
+            run([tool, "call", self.name, "x"])
+            run([tool, "ping", self.name, "--outstanding", "2"])
+            # At some of these limits the program runs, but has no descriptor for the monitor of its pipes.
+            for limit in range(3, 16):
+                run(["prlimit", f"--nofile={limit}", tool, "call", self.name, "x"])
+            tracer.send_signal(signal.SIGINT)
+            said += tracer.communicate(timeout=60)[0]
+        self.expect(said, r"@opens\[0, 1, -6\]: [1-9]", r"@opens\[1, 1, -6\]: [1-9]", r"@opens\[0, 0, -24\]: [1-9]")
+
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("scripts", type=pathlib.Path)
     parser.add_argument("tool")
-    parser.add_argument("libraries", nargs="+")
+    parser.add_argument("libraries", type=pathlib.Path, nargs="+")
     options = parser.parse_args()
     reason = reason_to_skip(options.libraries[0])
     if reason:
@@ -135,6 +157,7 @@ def main():
     test.latency()
     test.queues()
     test.drops()
+    test.opens()
     shutil.rmtree(test.folder)
     print("the scripts print what they promise")
 
