@@ -54,10 +54,10 @@ Runs the long proofs, all of them (four hours at most) or the named steps:
   bare     scripts/test.sh and scripts/demo.sh on a system that has nothing yet
 
   --limit MINUTES  for each step, instead of its own
-  --resume         leave out the steps that a run which was broken off has ended; the table has them, too, with their
-                   commit where it is another
+  --resume         leave out the steps that a run which was broken off has ended; the table has them, too
   --list           print the steps with their limits, and run none
-  --update         put the table of promises and figures, and the plots, into docs/
+  --update         put the table of promises and figures, and the plots, into docs/; steps that were not run stay there as
+                   they are
 
 Everything a step prints is in build/nightly/STEP.log, the table in build/nightly/table.md. Installs what is missing.
 TEXT
@@ -231,19 +231,28 @@ promise() {
 # Of all steps that were asked for and are done.
 write_table() {
     local step seconds verdict made_from
-    printf '| step | promised | figures | seconds | |\n|---|---|---|---|---|\n' >build/nightly/table.md
+    printf '| step | promised | figures | seconds | | commit |\n|---|---|---|---|---|---|\n' >build/nightly/table.md
     for step in "$@"; do
         done_before "$step" || continue
-        [[ $made_from == "$(commit)" ]] || verdict+=" (at $made_from)"
         # shellcheck disable=SC2016 # Markdown's
-        printf '| `%s` | %s | %s | %d | %s |\n' "$step" "$(promise "$step")" "$(figures "$step" | tr '|' '/')" \
-            "$seconds" "$verdict" >>build/nightly/table.md
+        printf '| `%s` | %s | %s | %d | %s | %s |\n' "$step" "$(promise "$step")" "$(figures "$step" | tr '|' '/')" \
+            "$seconds" "$verdict" "$made_from" >>build/nightly/table.md
+    done
+}
+
+# The table for the page: what was not asked for this time is as the page has it.
+whole_table() {
+    local step
+    head -n 2 build/nightly/table.md
+    for step in "${STEPS[@]}"; do
+        grep -hF -m 1 "| \`$step\` |" build/nightly/table.md docs/long-runs.md | head -n 1
     done
 }
 
 # Puts the table and the plots where readers find them.
 update_pages() {
-    awk -v file=build/nightly/table.md '
+    whole_table >build/nightly/whole.md
+    awk -v file=build/nightly/whole.md '
         /^<!-- nightly -->$/ { print; while ((getline line < file) > 0) print line; skipping = 1; next }
         /^<!-- end -->$/ { skipping = 0 }
         !skipping' docs/long-runs.md >build/nightly/page && cp build/nightly/page docs/long-runs.md
