@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -15,6 +14,7 @@
 #include "faults/ManualPages.h"
 #include "faults/OpenScenes.h"
 #include "faults/Scenes.h"
+#include "support/Mounts.h"
 #include "support/Sanitized.h"
 #include "support/SyslogCapture.h"
 #include "support/Unprivileged.h"
@@ -197,8 +197,7 @@ TEST(Exhaustion, PipesOfTwoPagesCarryWholeFrames) {
 // Gives the process a FIFO directory of its own, on a file system of that many inodes.
 bool MountOwnDirectory(unsigned inodes) {
     const std::string options = "mode=1777,nr_inodes=" + std::to_string(inodes);
-    return unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-           mount("tarvo", FifoDirectory().c_str(), "tmpfs", 0, options.c_str()) == 0;
+    return EnterMountNamespace() && mount("tarvo", FifoDirectory().c_str(), "tmpfs", 0, options.c_str()) == 0;
 }
 
 void Remount(unsigned long flags, unsigned inodes) {
@@ -207,7 +206,6 @@ void Remount(unsigned long flags, unsigned inodes) {
 }
 
 constexpr unsigned MANY_INODES = 1000;
-constexpr char NO_MOUNT[] = "needs the right to a mount namespace and a file system of its own";
 
 // Files of the test that stand in the directory before the call take inodes too.
 void FillDirectory(unsigned spare) {
@@ -239,7 +237,7 @@ TEST(Exhaustion, FullDirectoryIsReportedAndTheNextOpenWorks) {
         if (!RunAllWithout(
                 {[] { return MountOwnDirectory(INODES); }, [spare] { FillDirectory(spare); }, EmptyDirectory},
                 results)) {
-            GTEST_SKIP() << NO_MOUNT;
+            GTEST_SKIP() << NO_MOUNTS;
         }
         // A pipe takes two, and a third while its second file is published: a link takes one like a file.
         const Results expected = spare < 3 ? Results{"-ENOSPC", "works"} : Results{"works"};
@@ -252,7 +250,7 @@ TEST(Exhaustion, ReadOnlyDirectoryIsReportedAndTheNextOpenWorks) {
     if (!RunAllWithout({[] { return MountOwnDirectory(MANY_INODES); }, [] { Remount(MS_RDONLY, MANY_INODES); },
                         [] { Remount(0, MANY_INODES); }},
                        results)) {
-        GTEST_SKIP() << NO_MOUNT;
+        GTEST_SKIP() << NO_MOUNTS;
     }
     // Who only joins a pipe creates nothing; but the server that a client has found cannot make its files.
     EXPECT_EQ(results, (Results{"-EROFS", "-ETIMEDOUT", "works"}));
@@ -283,7 +281,7 @@ TEST(Exhaustion, CloseInAReadOnlyDirectoryLeavesItsFilesToTheNextOpen) {
     const bool skipped = child.ToChild().Receive() == "skip";
     EXPECT_EQ(child.Wait(), 0);
     if (skipped) {
-        GTEST_SKIP() << NO_MOUNT;
+        GTEST_SKIP() << NO_MOUNTS;
     }
 }
 

@@ -4,8 +4,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,16 +16,17 @@
 #include <utility>
 #include <vector>
 
+#include "support/Mounts.h"
 #include "tarvo_stats.h"
 
 namespace tarvo_test {
 
 // /dev/shm of this process and its children is their own from now on, with the directory of the FIFOs, and with that of
-// the statistics unless `mode` is 0. Needs root. `options` are those of the file system that holds the statistics.
+// the statistics unless `mode` is 0. Needs what EnterMountNamespace does. `options` are those of the file system that
+// holds the statistics.
 inline bool GetOwnStatsDirectory(mode_t mode = 02770, const char *options = nullptr) {
-    if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        mount("tarvo", "/dev/shm", "tmpfs", 0, "mode=1777") != 0 || mkdir("/dev/shm/velm", 0755) != 0 ||
-        mkdir("/dev/shm/velm/tarvo", 0770) != 0) {
+    if (!EnterMountNamespace() || mount("tarvo", "/dev/shm", "tmpfs", 0, "mode=1777") != 0 ||
+        mkdir("/dev/shm/velm", 0755) != 0 || mkdir("/dev/shm/velm/tarvo", 0770) != 0) {
         return false;
     }
     if (mode == 0) {
@@ -125,8 +124,8 @@ inline StatsSnapshot OwnStats() { return StatsSnapshot(StatsFileOf(getpid())); }
 // In a test: goes on in a directory of its own, or skips where that takes more rights.
 #define TARVO_STATS_OR_SKIP(...)                                                                                       \
     do {                                                                                                               \
-        if (geteuid() != 0) {                                                                                          \
-            GTEST_SKIP() << "only root can mount a directory for this test alone";                                     \
+        if (!tarvo_test::EnterMountNamespace()) {                                                                      \
+            GTEST_SKIP() << tarvo_test::NO_MOUNTS;                                                                     \
         }                                                                                                              \
         ASSERT_TRUE(tarvo_test::GetOwnStatsDirectory(__VA_ARGS__));                                                    \
     } while (false)

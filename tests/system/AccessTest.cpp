@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <string>
 
+#include "support/Mounts.h"
 #include "support/Names.h"
 #include "system/SystemTest.h"
 #include "system/Users.h"
@@ -26,7 +27,7 @@ protected:
         }
         SystemTest::SetUp();
         if (!EnterMountNamespace()) {
-            GTEST_SKIP() << "needs the right to a mount namespace, for a FIFO directory of its own";
+            GTEST_SKIP() << NO_MOUNTS;
         }
         const std::string options = "mode=2770,gid=" + std::to_string(SHARED_GROUP);
         ASSERT_EQ(mount("tarvo", FifoDirectory().c_str(), "tmpfs", 0, options.c_str()), 0);

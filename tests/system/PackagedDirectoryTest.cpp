@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "support/Mounts.h"
 #include "support/Names.h"
 #include "system/SystemTest.h"
 #include "system/Users.h"

@@ -1,12 +1,10 @@
-// Processes of several users, and a mount namespace in which a test may arrange the FIFO directory for them.
+// Processes of several users.
 #ifndef TARVO_SYSTEM_USERS_H
 #define TARVO_SYSTEM_USERS_H
 
 #include <fcntl.h>
 #include <grp.h>
 #include <gtest/gtest.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -40,11 +38,6 @@ inline bool StrangerCan(const std::function<bool()> &action) {
 }
 
 inline bool Opens(const std::string &file, int flags) { return open(file.c_str(), flags | O_NONBLOCK) >= 0; }
-
-// Mounts of this process are its own and its children's from now on.
-inline bool EnterMountNamespace() {
-    return unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
-}
 
 } // namespace tarvo_test
 

@@ -2,7 +2,6 @@
 #define TARVO_TOOLS_SCRATCH_H
 
 #include <fcntl.h>
-#include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,6 +11,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "support/Mounts.h"
 #include "support/Names.h"
 
 namespace tarvo_test {
@@ -48,8 +48,7 @@ private:
 
 // Mounts of this process are its own from now on, and there is no FIFO directory. False without the right to that.
 inline bool LoseFifoDirectory() {
-    return unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-           mount("tarvo", "/dev/shm", "tmpfs", 0, "mode=1777") == 0;
+    return EnterMountNamespace() && mount("tarvo", "/dev/shm", "tmpfs", 0, "mode=1777") == 0;
 }
 
 // An open FIFO.
