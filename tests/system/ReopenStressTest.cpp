@@ -110,6 +110,16 @@ TEST_F(ReopenStressTest, PipeInClientModeIsHeardAfterEachReopening) { OpenAfterE
 
 TEST_F(ReopenStressTest, PipeInServerModeIsHeardAfterEachReopening) { OpenAfterEachClose(TARVO_MODE_SERVER); }
 
+// But for those that tell of a slow moment, which a machine with other things to do may have.
+std::string FirstLineOf(const SyslogCapture &log) {
+    for (const LogLine &line : log.Lines()) {
+        if (line.message.find(" takes more than 50ms") == std::string::npos) {
+            return line.message;
+        }
+    }
+    return "";
+}
+
 // One end sends two requests and closes; the other is told, or closes silently. Either end may go first.
 TEST(OrdinaryCloseStressTest, WritesNoLineAtEitherEnd) {
     SyslogCapture log;
@@ -128,7 +138,7 @@ TEST(OrdinaryCloseStressTest, WritesNoLineAtEitherEnd) {
             ASSERT_EQ(TarvoClosePipe(leaving == pair.near ? pair.far : pair.near), 0);
         }
         ASSERT_TRUE(Eventually([&] { return !IsOpen(pair); }));
-        ASSERT_TRUE(log.Lines().empty()) << "round " << round << ": " << log.Lines()[0].message;
+        ASSERT_EQ(FirstLineOf(log), "") << "round " << round;
     }
 }
 
