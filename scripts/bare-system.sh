@@ -45,6 +45,8 @@ enter() {
     unshare --mount --pid --fork --propagation private -- bash -euo pipefail -c '
         root=$1
         shift
+        # As on any system, the root is a mount: without that no program in there may have mounts of its own.
+        mount --bind "$root" "$root"
         mount -t proc proc "$root/proc"
         mount -t tmpfs -o mode=755 tmpfs "$root/dev"
         for device in null zero full random urandom tty; do
@@ -73,6 +75,8 @@ main() {
     [[ $EUID -eq 0 ]] || { echo "bare-system.sh: needs root" >&2 && return 1; }
     scripts/install-deps.sh bare
     $keep || root=$(mktemp -d /var/tmp/tarvo-bare.XXXXXX)
+    # Its users other than root see it, too.
+    mkdir -p "$root" && chmod 755 "$root"
     # No mount outlives the commands, so that nothing of this machine is below it.
     $keep || trap 'rm -rf "$root" "$root.log"' EXIT
     [[ -x $root/usr/bin/env ]] || make_system
