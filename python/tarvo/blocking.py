@@ -55,11 +55,27 @@ class _Engine:
         """Runs it to its end; it is cancelled when this thread is interrupted meanwhile."""
         if threading.current_thread() is self.thread:
             raise RuntimeError("a function of tarvo.blocking would wait for itself on its own thread")
-        future = asyncio.run_coroutine_threadsafe(work(), self.loop)
+        begun: list[asyncio.Task[Any] | None] = []
+        abandoned = False
+
+        async def whole() -> _Result:
+            begun.append(asyncio.current_task())
+            if abandoned:
+                raise asyncio.CancelledError
+            return await work()
+
+        def abandon() -> None:
+            nonlocal abandoned
+            abandoned = True
+            for task in begun:
+                if task is not None:
+                    task.cancel()
+
+        # The interrupt may come at any point, also when the work has been handed over and its future is not known here.
         try:
-            return future.result()
+            return asyncio.run_coroutine_threadsafe(whole(), self.loop).result()
         except BaseException:
-            future.cancel()
+            self.loop.call_soon_threadsafe(abandon)
             raise
 
     def do(self, function: Callable[[], _Result]) -> _Result:

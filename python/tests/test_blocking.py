@@ -135,6 +135,23 @@ def test_interrupt_ends_a_call_that_waits():
     signal.signal(signal.SIGINT, before)
 
 
+def test_interrupt_ends_a_call_that_has_only_been_handed_over(monkeypatch):
+    engine = blocking._Engine.get()
+    hand_over = engine.loop.call_soon_threadsafe
+
+    def interrupted(*arguments, **named):
+        monkeypatch.undo()
+        hand_over(*arguments, **named)
+        raise KeyboardInterrupt
+
+    with blocking.serve("s", lambda request: None), blocking.connect("s") as link:
+        monkeypatch.setattr(engine.loop, "call_soon_threadsafe", interrupted)
+        with pytest.raises(KeyboardInterrupt):
+            link.call(b"?")
+        engine.do(lambda: None)  # what was handed over before has begun
+        wait_for(lambda: not link._link._calls.waiting)
+
+
 def test_coroutine_functions_are_not_for_this_face():
     async def handle(request):
         return None
