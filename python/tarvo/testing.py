@@ -19,6 +19,7 @@ import contextlib
 import ctypes
 import os
 import pathlib
+import tempfile
 from collections.abc import Callable, Iterator
 from typing import Any
 
@@ -103,14 +104,15 @@ def pytest_collection_finish(session: pytest.Session) -> None:
 
 
 @contextlib.contextmanager
-def own_directory(fallback: pathlib.Path) -> Iterator[FifoDirectory]:
-    """A FIFO directory as long as the block lasts; `fallback` is used where the kernel refuses a namespace."""
+def own_directory() -> Iterator[FifoDirectory]:
+    """A FIFO directory as long as the block lasts."""
     if not _has_namespace():
-        files.set_directory(fallback)
-        try:
-            yield FifoDirectory(str(fallback), False)
-        finally:
-            files.set_directory(None)
+        with tempfile.TemporaryDirectory(prefix="tarvo-", dir=_SHM) as fallback:
+            files.set_directory(fallback)
+            try:
+                yield FifoDirectory(fallback, False)
+            finally:
+                files.set_directory(None)
         return
     path = files.DEFAULT_DIRECTORY
     _mount("tmpfs", path, "tmpfs", 0, "mode=1777")
@@ -121,9 +123,9 @@ def own_directory(fallback: pathlib.Path) -> Iterator[FifoDirectory]:
 
 
 @pytest.fixture
-def tarvo_directory(tmp_path: pathlib.Path) -> Iterator[FifoDirectory]:
+def tarvo_directory() -> Iterator[FifoDirectory]:
     """A FIFO directory of the test's own."""
-    with own_directory(tmp_path) as directory:
+    with own_directory() as directory:
         yield directory
 
 

@@ -69,7 +69,7 @@ def open_descriptors():
 
 def fifo_descriptors():
     """Those of FIFOs."""
-    return [name for name in open_descriptors() if "/velm/tarvo/" in name]
+    return [name for name in open_descriptors() if name.startswith(files.directory())]
 
 
 @pytest.fixture
@@ -84,6 +84,12 @@ def directory(tarvo_directory):
     assert fifo_descriptors() == []
     assert len(open_descriptors()) - len(watch._spare) <= before + ENGINE_DESCRIPTORS.get(os.getpid(), 0)
     assert tarvo_directory.files() == []
+
+
+@pytest.fixture
+def own_programs(tarvo_directory):
+    """Programs that the test starts use its directory, too."""
+    tarvo_directory.require_programs()
 
 
 # Of the thread of tarvo.blocking, which stays: an epoll set and a pair of sockets.

@@ -44,6 +44,7 @@ def echo(request):
     return request.payload
 
 
+@pytest.mark.usefixtures("own_programs")
 async def test_call_passes_the_answer_on_byte_for_byte(tmp_path):
     async with tarvo.serve("s", echo):
         assert await run("call", "s", "hello") == (0, b"hello", "")
@@ -140,6 +141,7 @@ async def test_ping_tells_times_and_losses(capfdbinary):
         assert status == 4 and b'"loss_percent": 100.0' in output
 
 
+@pytest.mark.usefixtures("own_programs")
 async def test_ping_comes_back_to_a_server_that_was_gone():
     async with tarvo.serve("s", lambda request: request.link.close() if request.payload else None) as server:
         process = await asyncio.create_subprocess_exec(
@@ -154,6 +156,7 @@ async def test_ping_comes_back_to_a_server_that_was_gone():
         assert process.returncode == 0 and b"ping statistics" in output
 
 
+@pytest.mark.usefixtures("own_programs")
 async def test_serve_echoes_counts_and_prints():
     process = await asyncio.create_subprocess_exec(
         sys.executable, "-m", "tarvo", "serve", "one", "two", "--print", "--limit", "3", "--group", str(os.getgid()),
@@ -187,6 +190,7 @@ async def test_serve_ends_after_as_many_requests_as_are_asked_for(capfdbinary, d
         assert "'s': 2 requests, 10 bytes, " in errors
 
 
+@pytest.mark.usefixtures("own_programs")
 async def test_serve_tells_events_in_json_and_ends_on_a_signal():
     process = await asyncio.create_subprocess_exec(
         sys.executable, "-m", "tarvo", "serve", "s", "--count", "--json", "--print", stdout=subprocess.PIPE
@@ -208,7 +212,8 @@ async def test_serve_tells_events_in_json_and_ends_on_a_signal():
     assert await process.wait() == 0
 
 
-async def test_serve_refuses_what_cannot_be_served(capfdbinary):
+@pytest.mark.usefixtures("own_programs")
+async def test_serve_refuses_what_cannot_be_served():
     async with tarvo.serve("taken"):
         status, _, errors = await run("serve", "taken")
         assert status == 1 and "cannot serve as 'taken'" in errors

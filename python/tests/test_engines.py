@@ -19,12 +19,6 @@ every_engine = pytest.mark.parametrize("engine", ENGINES)
 
 
 @pytest.fixture
-def own_programs(tarvo_directory):
-    """Programs that the test starts use its directory, too."""
-    tarvo_directory.require_programs()
-
-
-@pytest.fixture
 def files_may_stay(tarvo_directory):
     """Of processes that are killed."""
     tarvo_directory.files_may_stay = True

@@ -361,7 +361,8 @@ async def test_folder_that_goes_and_comes_back_is_looked_at_again(tmp_path):
         files.set_directory(None)
 
 
-def test_child_of_a_fork_leaves_its_parents_files_and_links_alone(directory):
+@pytest.mark.usefixtures("own_programs")
+def test_child_of_a_fork_leaves_its_parents_files_and_links_alone():
     program = """
         import asyncio, os, tarvo
         async def main():
@@ -378,8 +379,8 @@ def test_child_of_a_fork_leaves_its_parents_files_and_links_alone(directory):
     subprocess.run([sys.executable, "-c", textwrap.dedent(program)], check=True, cwd=os.path.dirname(__file__) + "/..")
 
 
+@pytest.mark.usefixtures("own_programs")
 def test_files_go_with_a_process_that_does_not_close(directory):
-    directory.require_programs()
     program = """
         import asyncio, os, sys, tarvo, tarvo.files
         async def main():

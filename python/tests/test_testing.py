@@ -27,6 +27,7 @@ TEST_FILE = """
 """
 
 
+@pytest.mark.usefixtures("own_programs")
 def test_each_test_has_a_directory_and_servers_of_its_own(pytester):
     pytester.makepyfile(TEST_FILE)
     result = pytester.runpytest_inprocess("-p", "tarvo.testing", "-q")
