@@ -34,8 +34,8 @@ TRIED = ROOT / "tests/mutants.tried"
 
 # The tests of each folder of src/, as CTest names them. Then all that have to do with the code; pages, packages, fuzzing
 # and the long-running proofs say nothing more.
-NEAREST = {"api": "^(unit_api|unit_environment)", "base": "^(unit_base|unit_worker|unit_pipe)", "diag": "^unit_diag",
-           "fifo": "^unit_fifo", "loop": "^(unit_loop|loop_)", "monitor": "^unit_monitor",
+NEAREST = {"api": "^(unit_api|unit_environment)", "base": "^(unit_base|unit_worker|unit_pipe|unit_api_(exit|fork))",
+           "diag": "^unit_diag", "fifo": "^unit_fifo", "loop": "^(unit_loop|loop_)", "monitor": "^unit_monitor",
            "pipe": "^(unit_pipe|unit_stats[.]|unit_api_stats)",
            "server": "^unit_server", "stats": "^(unit_stats[.]|unit_api_stats|loop_stats)",
            "stats_reader": "^unit_stats_reader", "table": "^unit_table", "worker": "^unit_worker"}
@@ -43,7 +43,8 @@ OTHERS = "(unit|system|faults|loop|foreign|tracing)_"
 # Compile programs that are to be refused, with the public headers only, or need more tools than the one.
 NOT_CONCERNED = "^(system_.*refused|system_public|system_python|system_readme|system_demo|unit_support)"
 TOOL = "tarvoctl"
-PROGRAMS = {"api": ["unit_api*", "unit_environment"], "base": ["unit_base*", "unit_worker", "unit_pipe*"],
+PROGRAMS = {"api": ["unit_api*", "unit_environment"],
+            "base": ["unit_base*", "unit_worker", "unit_pipe*", "unit_api_exit", "unit_api_fork"],
             "loop": ["unit_loop*", "loop_*"], "pipe": ["unit_pipe*", "unit_stats", "unit_api_stats"],
             "stats": ["unit_stats", "unit_api_stats", "loop_stats"]}
 LEAST = 15 # how nice it is to what else runs
