@@ -84,10 +84,12 @@ run() {
     summary+=("$(printf '%-28s %-8s %5d s  %s' "$name" "$verdict" $((SECONDS - start)) "$log")")
 }
 
+# It ends with its step: the watchdog of tests is for those that take seconds.
 storm() {
     local program=$1
     shift
-    scripts/build-target.sh release "$program" && scripts/fifo-directory.sh && "build/release/tests/storm/$program" "$@"
+    scripts/build-target.sh release "$program" && scripts/fifo-directory.sh &&
+        TARVO_TEST_WATCHDOG=7200 "build/release/tests/storm/$program" "$@"
 }
 
 # What two killed ends leave behind is for the tool to find and to remove, all of it.
