@@ -409,5 +409,21 @@ TEST_F(OpeningCallTest, BlockingCallDoesNotWaitLongerThanItMayForTheOpen) {
     EXPECT_FALSE(peer.HasInput());
 }
 
+TEST_F(OpeningCallTest, FailureOfTheSystemIsToldAndTheOpenGoesOn) {
+    ASSERT_EQ(link.Open(TARVO_LINK_ARRANGED_CLIENT, remote, self), 0);
+    char room[64];
+    uint32_t size = sizeof(room);
+    {
+        const ScopedFault fault(Call::Poll, ENOMEM, Where().ThisThread());
+        EXPECT_EQ(TarvoLinkCallSync(link.link, {"x", 1}, 1000, room, &size), -ENOMEM);
+    }
+    loop.RunBeside([&] {
+        peer.CreateFiles();
+        peer.OpenWrite();
+    });
+    EXPECT_TRUE(link.Await("opened 0"));
+    EXPECT_FALSE(peer.HasInput());
+}
+
 } // namespace
 } // namespace tarvo_test

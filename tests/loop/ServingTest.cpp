@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <future>
 
 #include "loop/LoopFixture.h"
 #include "support/Faults.h"
@@ -230,6 +232,25 @@ TEST_F(ServingTest, ClientMayBeClosedInTheCallbackThatTellsOfIt) {
     EXPECT_EQ(service.names.size(), 1U);
     client.Close();
     EXPECT_EQ(OwnFifoFiles(), Strings{name});
+}
+
+TEST_F(ServingTest, ClientThatNobodyIsToldOfIsNoCallback) {
+    const TarvoServiceOptions options = ServiceProbe::Options(name);
+    TarvoService *silent = nullptr;
+    ASSERT_EQ(TarvoServiceOpen(loop.Get(), &options, &silent), 0);
+    const std::string client = UniqueName("client");
+    Write(Connect(client));
+    RawPeer peer(client, name);
+    std::future<void> opened = std::async(std::launch::async, [&] { peer.OpenBoth(); });
+    int ran = 0;
+    while (opened.wait_for(std::chrono::seconds(0)) != std::future_status::ready || loop.Readable()) {
+        if (loop.Readable(10)) {
+            ran += TarvoLoopDispatch(loop.Get(), loop.max);
+        }
+    }
+    opened.get();
+    EXPECT_EQ(ran, 0);
+    EXPECT_EQ(TarvoServiceClose(silent), 0);
 }
 
 TEST_F(ServingTest, SameClientConnectsAgainAtOnceAndIsHeard) {

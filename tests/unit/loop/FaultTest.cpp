@@ -2,6 +2,7 @@
 // the loop goes on.
 #include <fcntl.h>
 #include <sys/resource.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -10,6 +11,9 @@
 #include "LoopKit.h"
 #include "support/AllocFaults.h"
 #include "support/Faults.h"
+#include "support/RawFrame.h"
+#include "support/RawPeer.h"
+#include "support/SyslogCapture.h"
 
 namespace tarvo_test {
 namespace {
@@ -158,6 +162,28 @@ TEST_F(FaultTest, AllocationsOfALoop) {
         TarvoLoopDestroy(mine);
     }
     EXPECT_GT(nth, 2U);
+}
+
+TEST_F(FaultTest, ClientForWhichThereIsNoMemoryIsToldOfAsSuch) {
+    const std::string name = UniqueName("srv");
+    TarvoServiceOptions options{};
+    options.size = sizeof(options);
+    options.name = name.c_str();
+    options.gid = TARVO_LOOP_ANY_GROUP;
+    TarvoService *service = nullptr;
+    ASSERT_EQ(TarvoServiceOpen(loop, &options, &service), 0);
+    const SyslogCapture log;
+    unsigned nth = 1;
+    for (bool hit = true; hit; ++nth) {
+        WriteToRawServer(name, RawConnectPacket(UniqueName("cli"), getgid(), getpid()));
+        const AllocFault fault(nth);
+        Drain(loop);
+        hit = fault.Hit();
+    }
+    const std::string line = "Open link of a client of " + name + " failed ";
+    EXPECT_GT(log.CountExactly(LOG_ERR, line + "-12."), 2U);
+    EXPECT_EQ(log.Count(LOG_ERR, line), log.CountExactly(LOG_ERR, line + "-12."));
+    EXPECT_EQ(TarvoServiceClose(service), 0);
 }
 
 TEST_F(FaultTest, Mkfifo) { FailEachInTurn(Call::Mkfifo, ENOSPC, "mkfifo"); }
