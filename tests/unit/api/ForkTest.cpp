@@ -100,6 +100,17 @@ TEST_F(ForkTest, ProcessThatOnlyAskedAndItsChildrenUseTheLibraryEachByItself) {
     });
 }
 
+// What the process had for asking has been ended, for its children, too.
+TEST_F(ForkTest, ChildForkedAtExitMeetsNoTableEither) {
+    ExpectGoodExit([] {
+        std::atexit([] {
+            REQUIRE_THAT(TarvoServiceIsExist() == 0);
+            REQUIRE_THAT(ForkAndRun([] { REQUIRE_THAT(TarvoServiceIsExist() == 0); }) == 0);
+        });
+        REQUIRE_THAT(TarvoServiceIsExist() == 1);
+    });
+}
+
 TEST_F(ForkTest, ChildOfAnOwnerHarmsNeitherItNorItself) {
     ExpectGoodExit([] {
         static const std::string served = UniqueName("server");
