@@ -162,13 +162,13 @@ step_races() {
 }
 
 step_reopen() {
-    run reopen "$reopenings reopenings and closes" env "TARVO_STRESS_ROUNDS=$reopenings" scripts/test.sh release -- \
-        -R '^system_reopen' --output-on-failure --timeout 1800
+    run reopen "$reopenings reopenings and closes" env "TARVO_STRESS_ROUNDS=$reopenings" TARVO_TEST_WATCHDOG=1800 \
+        scripts/test.sh release -- -R '^system_reopen' --output-on-failure --timeout 1800
 }
 
 step_cancels() {
-    run cancels "400 cancellations of each" env TARVO_CANCELLATIONS=400 scripts/test.sh release -- -R unit_api_cancel \
-        --output-on-failure
+    run cancels "400 cancellations of each" env TARVO_CANCELLATIONS=400 TARVO_TEST_WATCHDOG=1800 \
+        scripts/test.sh release -- -R unit_api_cancel --output-on-failure --timeout 1800
 }
 
 step_clang() { run clang "all tests with clang" scripts/test.sh clang; }
