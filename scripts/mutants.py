@@ -193,6 +193,16 @@ class Attempt:
         """What the other tests run."""
         return programs_of([OTHERS + "*", TOOL])
 
+    def build_others(self):
+        """Of tests that do not compile the fault in, all is in the cache: unless the compiler is told of faults."""
+        log, limit = self.log, self.options.build_minutes * 60
+        if self.path.suffix == ".h":
+            return build(self.others(), log, limit, True)
+        self.path.write_text(self.original, encoding="utf-8")
+        built = build(self.others(), log, limit)
+        self.put()
+        return built and build(LIBRARIES + programs_of(REBUILT.get(self.folder, [])), log, limit, True)
+
     def look(self):
         """The verdict, and the test that has noticed it, in the copy with the fault."""
         limit, log = self.options.minutes * 60, self.log
@@ -202,7 +212,7 @@ class Attempt:
             return "not built", "", ""
         name, how = test(NEAREST[self.folder], self.excluded(), log, limit)
         if not (name or how or self.options.nearest_only):
-            if not build(self.others(), log, self.options.build_minutes * 60, True):
+            if not self.build_others():
                 return "not built", "", ""
             name, how = test("^" + OTHERS, self.excluded(NEAREST[self.folder]), log, limit * 3)
         return "noticed" if name or how else "survived", name, how
