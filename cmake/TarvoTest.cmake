@@ -28,6 +28,11 @@
 find_package(GTest REQUIRED)
 include(GoogleTest)
 
+# Each build links some hundred test programs. What ships is linked as everywhere.
+include(CheckLinkerFlag)
+check_linker_flag(CXX -fuse-ld=mold TARVO_HAS_MOLD)
+set(TARVO_FAST_LINK "$<$<BOOL:${TARVO_HAS_MOLD}>:-fuse-ld=mold>")
+
 add_custom_target(tests_portable)
 
 # A process adds its counts to one of four files of each library, or program, when it ends, wherever it runs and whatever
@@ -64,6 +69,7 @@ function(tarvo_add_test name)
   add_executable(${name} ${objects})
   target_link_libraries(${name} PRIVATE tarvo_options tarvo tarvo_test_support ${arg_LIBS} GTest::gmock_main)
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/tests)
+  target_link_options(${name} PRIVATE ${TARVO_FAST_LINK})
   if(TARGET tarvo_test_precompiled AND NOT (arg_COUNTED AND TARVO_COVERAGE))
     target_precompile_headers(${name} REUSE_FROM tarvo_test_precompiled)
   endif()
