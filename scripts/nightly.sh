@@ -8,9 +8,9 @@ STEPS=(kills loopkills loop comeback stopped reconnect twins reopen bridge soak 
     clang asan arm64 tidy bench mutants bare)
 
 # How many minutes each may take; together four hours on two processors. What is not done then is ended, and has failed.
-declare -A LIMITS=([kills]=10 [loopkills]=3 [loop]=22 [comeback]=8 [stopped]=3 [reconnect]=9 [twins]=5 [reopen]=10
-    [bridge]=10 [soak]=23 [counted]=6 [python]=6 [models]=12 [fuzz]=20 [ends]=12 [races]=15 [cancels]=4
-    [clang]=9 [asan]=12 [arm64]=14 [tidy]=10 [bench]=3 [mutants]=8 [bare]=6)
+declare -A LIMITS=([kills]=5 [loopkills]=2 [loop]=22 [comeback]=6 [stopped]=3 [reconnect]=9 [twins]=3 [reopen]=6
+    [bridge]=8 [soak]=23 [counted]=4 [python]=8 [models]=12 [fuzz]=22 [ends]=12 [races]=18 [cancels]=4
+    [clang]=9 [asan]=12 [arm64]=14 [tidy]=10 [bench]=3 [mutants]=8 [bare]=17)
 
 usage() {
     cat <<'TEXT'
