@@ -30,8 +30,8 @@ include(GoogleTest)
 
 # Each build links some hundred test programs. What ships is linked as everywhere.
 include(CheckLinkerFlag)
-check_linker_flag(CXX -fuse-ld=mold TARVO_HAS_MOLD)
-set(TARVO_FAST_LINK "$<$<BOOL:${TARVO_HAS_MOLD}>:-fuse-ld=mold>")
+check_linker_flag(CXX -fuse-ld=gold TARVO_HAS_GOLD)
+set(TARVO_FAST_LINK "$<$<BOOL:${TARVO_HAS_GOLD}>:-fuse-ld=gold>")
 
 add_custom_target(tests_portable)
 
