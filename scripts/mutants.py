@@ -41,7 +41,7 @@ NEAREST = {"api": "^(unit_api|unit_environment)", "base": "^(unit_base|unit_work
            "stats_reader": "^unit_stats_reader", "table": "^unit_table", "worker": "^unit_worker"}
 OTHERS = "(unit|system|faults|loop|foreign|tracing)_"
 # Compile programs that are to be refused, with the public headers only, or need more tools than the one.
-NOT_CONCERNED = "^(system_.*refused|system_public|system_python|system_readme|system_demo|unit_support)"
+NOT_CONCERNED = "^(system_.*refused|system_public|system_python|system_readme|system_demo|foreign_example|unit_support)"
 TOOL = "tarvoctl"
 PROGRAMS = {"api": ["unit_api*", "unit_environment"],
             "base": ["unit_base*", "unit_worker", "unit_pipe*", "unit_api_exit", "unit_api_fork"],
@@ -178,6 +178,9 @@ class Attempt:
         self.log = WORK / f"{fault['key']}.log"
         self.log.unlink(missing_ok=True)
         self.programs = programs_of(PROGRAMS.get(self.folder, [f"unit_{self.folder}*"]))
+        self.nearest = NEAREST[self.folder]
+        if any("TARVO_PROBE" in line for line in fault["before"]):
+            self.programs, self.nearest = programs_of([TOOL]), "^tracing_"
 
     def put(self):
         lines, at, before = self.original.split("\n"), self.fault["line"] - 1, self.fault["before"]
@@ -210,11 +213,11 @@ class Attempt:
         tests = self.programs if self.path.suffix == ".h" else programs_of(REBUILT.get(self.folder, []))
         if not build(LIBRARIES + tests, log, limit, True):
             return "not built", "", ""
-        name, how = test(NEAREST[self.folder], self.excluded(), log, limit)
+        name, how = test(self.nearest, self.excluded(), log, limit)
         if not (name or how or self.options.nearest_only):
             if not self.build_others():
                 return "not built", "", ""
-            name, how = test("^" + OTHERS, self.excluded(NEAREST[self.folder]), log, limit * 3)
+            name, how = test("^" + OTHERS, self.excluded(self.nearest), log, limit * 3)
         return "noticed" if name or how else "survived", name, how
 
     def made(self, sound):
