@@ -282,6 +282,23 @@ TEST_F(EarlyDeathTest, OrdinaryEndIsToldOnce) {
     EXPECT_EQ(link.events, Strings{"closed"});
 }
 
+TEST_F(EarlyDeathTest, RemoteThatReadsAndHasNotWrittenYetIsThere) {
+    int sent = 0;
+    while (link.Send(std::string(4000, 'x')) == 0) {
+        ++sent;
+    }
+    loop.RunBeside([&] {
+        for (int i = 0; i < sent; ++i) {
+            peer.Receive();
+        }
+    });
+    EXPECT_TRUE(link.Await("writable"));
+    peer.OpenWrite();
+    peer.Send(RawRequest(1, "at last"));
+    EXPECT_TRUE(link.Await("request at last"));
+    EXPECT_EQ(link.events, (Strings{"writable", "request at last"}));
+}
+
 class EarlyDeathOfTheJoinerTest : public LoopTest {};
 
 TEST_F(EarlyDeathOfTheJoinerTest, ReaderThatGoesBeforeItEverWroteIsNoticed) {
