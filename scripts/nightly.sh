@@ -180,7 +180,8 @@ step_arm64() {
 step_tidy() { run tidy "clang-tidy, source by source" scripts/check-tidy.sh --separate; }
 step_bench() { run bench "all benchmarks, in short" scripts/bench.sh --smoke; }
 step_mutants() {
-    run mutants "faults in the sources" scripts/mutants.py --seed "${seed:-1}" --hours "$mutant_hours" --at-least 95
+    run mutants "faults in the sources" scripts/mutants.py --seed "${seed:-1}" --faults 1000 --hours "$mutant_hours" \
+        --at-least 95
 }
 step_bare() { run bare "tests and demo on a bare system" scripts/bare-system.sh; }
 
