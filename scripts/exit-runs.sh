@@ -35,8 +35,8 @@ run_piece() {
     [[ $limit -eq 0 ]] || export TARVO_EXIT_LIMIT_MS=$limit
     mapfile -t prefix < <(without_randomisation "$preset")
     # The thread sanitizer would have each process wait a second for races of its last moment, and be the slowest part.
-    if ! env "TARVO_EXIT_RUNS=$runs" TSAN_OPTIONS="atexit_sleep_ms=0 ${TSAN_OPTIONS:-}" "${prefix[@]}" "build/$preset/tests/system/system_exit" \
-        "--gtest_filter=$filter" >"$log" 2>&1; then
+    if ! env "TARVO_EXIT_RUNS=$runs" TSAN_OPTIONS="atexit_sleep_ms=0 ${TSAN_OPTIONS:-}" "${prefix[@]}" \
+        "build/$preset/tests/system/system_exit" "--gtest_filter=$filter" >"$log" 2>&1; then
         cat "$log" >&2
         return 1
     fi
