@@ -39,13 +39,15 @@ make_system() {
     cp -L /etc/resolv.conf /etc/hosts "$root/etc/"
 }
 
-# With mounts that vanish with it: nothing of this machine's is seen there but its kernel.
+# With mounts that vanish with it: nothing of this machine's is seen there but its kernel, and its processes, without which
+# the tool would not know who holds what.
 enter() {
     # shellcheck disable=SC2016 # the inner shell's
-    unshare --mount --pid --fork --propagation private -- bash -euo pipefail -c '
+    unshare --mount --propagation private -- bash -euo pipefail -c '
         root=$1
         shift
-        # As on any system, the root is a mount: without that no program in there may have mounts of its own.
+        # As on any system, the root is a mount, and that of its mount namespace: without that no program in there may have
+        # mounts of its own, or come back from a namespace.
         mount --bind "$root" "$root"
         mount -t proc proc "$root/proc"
         mount -t tmpfs -o mode=755 tmpfs "$root/dev"
@@ -54,9 +56,18 @@ enter() {
             mount --bind "/dev/$device" "$root/dev/$device"
         done
         ln -s /proc/self/fd "$root/dev/fd"
-        mkdir "$root/dev/shm"
+        ln -s pts/ptmx "$root/dev/ptmx"
+        mkdir "$root/dev/shm" "$root/dev/pts"
         mount -t tmpfs -o mode=1777 tmpfs "$root/dev/shm"
-        exec chroot "$root" /usr/bin/env -i PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin \
+        mount -t devpts -o newinstance,ptmxmode=0666,mode=0620 devpts "$root/dev/pts"
+        mount -t sysfs sysfs "$root/sys"
+        cd "$root"
+        mkdir -p outside
+        pivot_root . outside
+        cd /
+        umount -l /outside
+        rmdir /outside
+        exec /usr/bin/env -i PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin \
             HOME=/root TERM=dumb LANG=C.UTF-8 "$@"' -- "$root" "$@"
 }
 
