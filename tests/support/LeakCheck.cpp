@@ -37,11 +37,13 @@ std::set<std::string> Files() {
     return {names.begin(), names.end()};
 }
 
-// A sanitizer's runtime starts a thread of its own with the first thread of the program: have it before counting.
+// A sanitizer's runtime starts a thread of its own with the first thread of the program: have it before counting, and
+// not that first one, which the kernel may still list for a moment when it has been joined.
 void SettleRuntime() {
     static const bool settled = [] {
-        std::thread([] {}).join();
-        return true;
+        pid_t id = 0;
+        std::thread([&id] { id = gettid(); }).join();
+        return Eventually([&id] { return access(("/proc/self/task/" + std::to_string(id)).c_str(), F_OK) != 0; });
     }();
     static_cast<void>(settled);
     if (std::getenv("TARVO_TEST_STATS") != nullptr) {
