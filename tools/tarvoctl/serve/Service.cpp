@@ -52,12 +52,13 @@ ServiceCounts Service::Counts() const { return {requests, answers, bytes, client
 
 void Service::OnConnect(int pipe, const std::string &client) {
     ++clients;
+    // Told before its requests, which wait for the name.
+    events.Connected(Name(), client);
     {
         const std::lock_guard<std::mutex> lock(mutex);
         names[pipe] = client;
     }
     named.notify_all();
-    events.Connected(Name(), client);
 }
 
 std::string Service::NameOf(int pipe) {
