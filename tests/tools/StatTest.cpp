@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <fstream>
 
+#include "support/Asleep.h"
 #include "support/Eventually.h"
 #include "tools/StatsKit.h"
 
@@ -85,11 +86,12 @@ TEST_F(StatTest, IntervalShowsWhatCameInIt) {
         for (const auto &entry : std::filesystem::directory_iterator(fds)) {
             std::error_code error;
             if (std::filesystem::read_symlink(entry, error).filename() == "4712.1") {
-                return true; // the last file is open; it is read in a moment
+                return true; // the last file is open, and read before the tool sleeps
             }
         }
         return false;
     }));
+    ASSERT_TRUE(Eventually([&stat] { return IsAsleep("/proc/" + std::to_string(stat.Pid())); }));
     slot.of.pipe.sent.messages[TARVO_STATS_CALL] += 900;
     scene.writer->Set(1, slot);
     const json report = stat.Wait().Json().at(0);
