@@ -45,6 +45,7 @@ TEST_F(DoctorTest, SoundDirectoryHasNoErrors) {
 }
 
 TEST_F(DoctorTest, TextHasALineForEachFindingAndOneForItsRemedy) {
+    TARVO_SKIP_IN_PID_NAMESPACE();
     const ScratchDirectory directory;
     directory.AddFifo("stale");
     const ToolResult result = RunTool({"doctor", "--directory", directory.Path()});
@@ -100,6 +101,7 @@ TEST_F(DoctorTest, DevelopmentDirectoryIsANote) {
 }
 
 TEST_F(DoctorTest, FilesThatDoNotBelongAreNamed) {
+    TARVO_SKIP_IN_PID_NAMESPACE();
     const ScratchDirectory directory;
     directory.AddFifo("stale");
     const std::string open = directory.AddFifo("open");
