@@ -198,7 +198,10 @@ picked() {
 figures() {
     case $1 in
     kills) picked kills 'kills' 'answers, each' 'restart to first answer: 99' 'wedged' 'other failures' ;;
-    loop | loopkills) picked "$1" 'calls' 'answered' 'timed out' 'cancelled' 'lost' 'kills' 'heap bytes more' ;;
+    # Of all groups, of which each prints its own.
+    loopkills) awk '/^(calls|answered|timed out|cancelled|lost|kills)  / { count = $NF; $NF = ""; sum[$0] += count; names[$0] }
+        END { for (name in names) printf "%s%d; ", name, sum[name] }' build/nightly/loopkills.log ;;
+    loop) picked "$1" 'calls' 'answered' 'timed out' 'cancelled' 'lost' 'kills' 'heap bytes more' ;;
     comeback) grep -aE '^[0-9]+ kills: ' build/nightly/comeback.log | paste -sd ';' ;;
     stopped) picked stopped 'sends refused' 'a refused send took, 99' 'later than that, 99' 'share of' ;;
     reconnect) grep -aE '^[0-9]+ rounds, ' build/nightly/reconnect.log | paste -sd ';' | sed 's/;/; /g' ;;
@@ -211,7 +214,9 @@ figures() {
     fuzz) awk '/ inputs, / { inputs += $3; targets++ } END { printf "%d targets, %d inputs", targets, inputs }' \
         build/nightly/fuzz.log ;;
     mutants) picked mutants 'noticed: ' ;;
-    races | reopen | cancels | clang | asan | arm64) grep -aE '^[0-9]+% tests passed' "build/nightly/$1.log" | tail -n 1 ;;
+    counted | python | races | reopen | cancels | clang | asan | arm64 | bare)
+        grep -aE '^[0-9]+% tests passed' "build/nightly/$1.log" | tail -n 1
+        ;;
     *) tail -n 1 "build/nightly/$1.log" | cut -c -80 ;;
     esac
 }
