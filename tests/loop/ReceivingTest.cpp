@@ -147,13 +147,23 @@ TEST_P(ReceivingTest, WhatMaxLeavesOverComesInTheNextRoundsWithoutNewBytes) {
     EXPECT_TRUE(link.Await("request cut"));
 }
 
-TEST_P(ReceivingTest, LinkWithMuchToReadLeavesTheOthersTheirTurn) {
+// A second link beside the first.
+class TwoLinksTest : public ReceivingTest {
+protected:
+    void SetUp() override {
+        ReceivingTest::SetUp();
+        ASSERT_EQ(second.Open(TARVO_LINK_ARRANGED_SERVER, other, self), 0);
+        loop.RunBeside([&] { quiet.OpenBoth(); });
+        ASSERT_TRUE(second.Await("opened 0"));
+    }
+
     const std::string other = UniqueName("other");
-    RawPeer quiet(other, self);
-    Probe second(loop);
-    ASSERT_EQ(second.Open(TARVO_LINK_ARRANGED_SERVER, other, self), 0);
-    loop.RunBeside([&] { quiet.OpenBoth(); });
-    ASSERT_TRUE(second.Await("opened 0"));
+    RawPeer quiet{other, self};
+    Probe second{loop};
+};
+TARVO_BOTH_MODES(TwoLinksTest);
+
+TEST_P(TwoLinksTest, LinkWithMuchToReadLeavesTheOthersTheirTurn) {
     std::string bytes;
     for (uint32_t i = 0; bytes.size() < 60000; ++i) {
         bytes += RawRequest(i, "much");
@@ -167,13 +177,7 @@ TEST_P(ReceivingTest, LinkWithMuchToReadLeavesTheOthersTheirTurn) {
     EXPECT_TRUE(link.AwaitCount(much));
 }
 
-TEST_P(ReceivingTest, WhatOneLinkDoesNotUseOfADispatchIsAnothers) {
-    const std::string other = UniqueName("other");
-    RawPeer quiet(other, self);
-    Probe second(loop);
-    ASSERT_EQ(second.Open(TARVO_LINK_ARRANGED_SERVER, other, self), 0);
-    loop.RunBeside([&] { quiet.OpenBoth(); });
-    ASSERT_TRUE(second.Await("opened 0"));
+TEST_P(TwoLinksTest, WhatOneLinkDoesNotUseOfADispatchIsAnothers) {
     std::string bytes;
     for (uint32_t i = 0; i < 10; ++i) {
         bytes += RawRequest(i, "much");
