@@ -82,14 +82,12 @@ ssize_t pread(int fd, void *buffer, size_t size, off_t offset) {
     return tarvo_test::detail::Forward<ssize_t>(info, [&] { return TARVO_NEXT(pread)(fd, buffer, size, offset); });
 }
 
-#ifndef __SANITIZE_THREAD__
 void *mmap(void *address, size_t size, int protection, int flags, int fd, off_t offset) noexcept {
     if (fd >= 0 && FailsNow(FileCall::Mmap)) {
         return MAP_FAILED;
     }
     return TARVO_NEXT(mmap)(address, size, protection, flags, fd, offset);
 }
-#endif
 
 DIR *fdopendir(int fd) { return FailsNow(FileCall::Fdopendir) ? nullptr : TARVO_NEXT(fdopendir)(fd); }
 

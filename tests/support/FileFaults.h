@@ -14,9 +14,6 @@ enum class FileCall {
 };
 
 // While it lives, the `nth` of these calls from here, 1 being the next, and each after it fails with `error`.
-//
-// ThreadSanitizer maps memory before a function of the program may run, which therefore stands in front of no mmap()
-// there: a test that needs one begins with SKIP_WITHOUT_MMAP_FAULTS().
 class FileFault {
 public:
     FileFault(FileCall call, int error, unsigned nth = 1);
@@ -29,11 +26,5 @@ private:
 };
 
 } // namespace tarvo_test
-
-#ifdef __SANITIZE_THREAD__
-#define SKIP_WITHOUT_MMAP_FAULTS() GTEST_SKIP() << "the sanitizer maps memory before this program's mmap() may run"
-#else
-#define SKIP_WITHOUT_MMAP_FAULTS() static_cast<void>(0)
-#endif
 
 #endif // TARVO_SUPPORT_FILEFAULTS_H

@@ -95,7 +95,6 @@ TEST(StatsFaults, AFileThatCannotBeLockedIsTakenAwayAgain) {
 
 TEST(StatsFaults, AFileThatCannotBeMappedIsTakenAwayAgain) {
     TARVO_STATS_OR_SKIP();
-    SKIP_WITHOUT_MMAP_FAULTS();
     const FileFault fault(FileCall::Mmap, ENOMEM);
     ExpectNoFile(ENOMEM);
 }
@@ -180,7 +179,6 @@ void ExpectRefusedGrowth(const std::vector<StatsSlot> &first, const SyslogCaptur
 
 TEST(StatsFaults, APipeForWhichNothingCanBeMappedIsNotCounted) {
     TARVO_STATS_OR_SKIP();
-    SKIP_WITHOUT_MMAP_FAULTS();
     const SyslogCapture log;
     const std::vector<StatsSlot> first = FullChunk();
     {
