@@ -175,17 +175,19 @@ void PeerLink::OnBundle(Bundle &bundle, int64_t now) {
         bundle.theirs > HIGHEST_COUNT) {
         return;
     }
-    if (theirs != 0 && bundle.mine < theirs) {
-        // Of a link that is over; or else the peer needs to know which count it has to exceed.
+    if (bundle.theirs > mine) {
+        // Somebody has spoken in this one's name. The peer hears higher counts only: this comes first, since somebody
+        // may have spoken in the peer's name, too, and each would tell the other for ever that it is not heard. Of this
+        // link only: what one peer says must not use up the counts of the others.
+        const uint32_t heard = std::max(theirs, bundle.mine);
+        mine = bundle.theirs;
+        Restart(State::GREETING, "somebody else has spoken for this bridge");
+        theirs = heard;
         Greet(now);
         return;
     }
-    if (bundle.theirs > mine) {
-        // Somebody has spoken in this one's name. The peer hears higher counts only.
-        // Of this link only: what one peer says must not use up the counts of the others.
-        mine = bundle.theirs;
-        Restart(State::GREETING, "somebody else has spoken for this bridge");
-        theirs = bundle.mine;
+    if (theirs != 0 && bundle.mine < theirs) {
+        // Of a link that is over; or else the peer needs to know which count it has to exceed.
         Greet(now);
         return;
     }

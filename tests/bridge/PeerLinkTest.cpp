@@ -376,6 +376,26 @@ TEST_F(PeerLinkTest, SomebodyWhoSpeaksForThePeerShutsItOutOnlyForAWhile) {
 
 // Whatever a network does: what arrives of one link is a beginning of what was sent through it, and when the network
 // behaves again both sides come up.
+// Each takes the other's true counts for those of a link that is over, and says so.
+TEST_F(PeerLinkTest, SomebodyWhoSpeaksForBothKeepsThemFromEachOtherNoLonger) {
+    ComeUp();
+    for (Side *const side : {&a, &b}) {
+        Bundle forged;
+        forged.from = side == &a ? B : A;
+        forged.to = side == &a ? A : B;
+        forged.mine = 1000;
+        side->link.OnBundle(forged, now);
+        side->sent.clear();
+    }
+    Pass(LEASE_MS);
+    CarryAll();
+    EXPECT_TRUE(a.link.IsUp());
+    EXPECT_TRUE(b.link.IsUp());
+    SendItem(a, 7);
+    CarryAll();
+    EXPECT_EQ(b.items, Numbers{7});
+}
+
 TEST_F(PeerLinkTest, AnyNetworkYieldsABeginningOfWhatWasSent) {
     for (unsigned seed = 0; seed < 300; ++seed) {
         std::mt19937 random(seed);
