@@ -268,7 +268,8 @@ TEST(QuietProcessTest, LoopThatRunsHasOneThreadAndSleepsUntilThereIsSomethingToD
     const std::string task = "/proc/" + std::to_string(child.Pid()) + "/task/" + std::to_string(child.Pid());
     ASSERT_TRUE(Eventually([&] { return IsAsleep(task); }));
     if (!SANITIZED) {
-        EXPECT_EQ(std::distance(std::filesystem::directory_iterator(task + "/.."), {}), 1);
+        const int emulators = EMULATED ? 1 : 0;
+        EXPECT_EQ(std::distance(std::filesystem::directory_iterator(task + "/.."), {}), 1 + emulators);
     }
     // A deadline of the calls before may wake it once: not in two seconds.
     std::vector<long> wakeUps;

@@ -135,7 +135,8 @@ private:
         fmt::print("{:<40}{:>10}\n{:<40}{:>10}\n{:<40}{:>10}\n", "kills", killed, "heap bytes more in the second half",
                    after.heap - before.heap, "descriptors more", after.clientDescriptors - before.clientDescriptors);
         fmt::print("{:<40}{:>10}\n", "threads of both", after.threads);
-        const bool single = after.threads == 2 || tarvo_test::SANITIZED;
+        const long emulators = tarvo_test::EMULATED ? 2 : 0; // a thread of its own in each process
+        const bool single = after.threads == 2 + emulators || tarvo_test::SANITIZED;
         return good && single && warm && after.Within(before);
     }
 

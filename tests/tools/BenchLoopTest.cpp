@@ -44,7 +44,9 @@ TEST_F(BenchLoopTest, BothEnginesCallTheSameServerInTurn) {
     const pid_t server = ServerOf(bench.Pid());
     EXPECT_GT(server, 0);
     bench.AwaitErr("64 bytes, loop: measuring");
-    EXPECT_EQ(ServerOf(bench.Pid()), server);
+    // On a busy machine the second may have passed by now.
+    const pid_t later = ServerOf(bench.Pid());
+    EXPECT_TRUE(later == server || later == -1) << later;
     EXPECT_EQ(bench.Wait().status, 0);
 }
 

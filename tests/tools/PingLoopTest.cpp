@@ -137,7 +137,8 @@ TEST_F(PingLoopTest, SilentServerIsAllLosses) {
 
 TEST_F(PingLoopTest, ServerThatComesBackIsCalledAgain) {
     ToolServer first(name);
-    ToolProcess ping({"ping", name, "-i", "1ms", "--outstanding", "4"});
+    // So few lines that they fit into its pipe, which nobody reads while the second server starts.
+    ToolProcess ping({"ping", name, "-i", "50ms", "--outstanding", "4"});
     ping.AwaitOut("time=");
     first.Interrupt();
     ping.AwaitOut("lost: no server");

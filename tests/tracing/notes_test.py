@@ -9,6 +9,7 @@ import sys
 
 ROW = re.compile(r"^\| `(\w+)` \| ([\w, ]+) \|", re.MULTILINE)
 NOTE = re.compile(r"Provider: tarvo\n\s+Name: (\w+)\n.*\n\s+Arguments: (.*)")
+ARGUMENT = re.compile(r"\d@")  # its size, and where it is: on some processors in several words
 
 
 def documented(page):
@@ -17,7 +18,7 @@ def documented(page):
 
 def built(library):
     notes = subprocess.run(["readelf", "--notes", library], check=True, capture_output=True, text=True).stdout
-    return [(name, len(arguments.split())) for name, arguments in NOTE.findall(notes)]
+    return [(name, len(ARGUMENT.findall(arguments))) for name, arguments in NOTE.findall(notes)]
 
 
 def main():
