@@ -13,12 +13,13 @@
 #include "support/Faults.h"
 #include "support/RawFrame.h"
 #include "support/RawPeer.h"
+#include "support/Sanitized.h"
 #include "support/SyslogCapture.h"
 
 namespace tarvo_test {
 namespace {
 
-constexpr int SHORT_MS = 60;
+const int SHORT_MS = EMULATED ? 600 : 60;
 
 // Serves a name, opens a link to it, makes a call, gets its answer, and closes everything. Whether all of it succeeded.
 class Life {
