@@ -41,10 +41,10 @@ if grep -qs '^TARVO_CYCLONEDDS_FOUND:.*=1$' $database/CMakeCache.txt &&
     exit 1
 fi
 if [[ $# -gt 0 ]]; then
-    files=("$@") options=(-p "$database")
+    files=("$@") options=(-p "$database") sources=$#
 else
     mapfile -t files < <(git ls-files -- 'src/*.c' 'src/*.cpp' 'tools/*.cpp' 'examples/*.cpp' 'bridge/*.cpp')
-    options=(-p "$database")
+    options=(-p "$database") sources=${#files[@]}
     if ! $separate; then
         list=$(scripts/tidy-units.py "$database" "$units" 64 "${files[@]}")
         mapfile -t files <<<"$list"
@@ -59,3 +59,4 @@ options+=(--extra-arg=-Wreserved-identifier --extra-arg=-Wno-reserved-macro-iden
 printf '%s\0' "${files[@]}" |
     xargs -0 -P2 -n1 clang-tidy --quiet "${options[@]}" 2> >(grep -v 'warnings\? generated' >&2) |
     scripts/tidy-units.py --locate
+echo "clang-tidy finds nothing in $sources sources"
