@@ -1,6 +1,6 @@
 // Frames through two bridges and a network in memory.
 #include <fcntl.h>
-#include <gmock/gmock.h>
+#include <gmock/gmock-more-matchers.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -1,6 +1,6 @@
 // What a loop does not do: start threads, wake up without a reason, allocate for each message, or call the kernel more
 // often than it must.
-#include <gmock/gmock.h>
+#include <gmock/gmock-more-matchers.h>
 #include <malloc.h>
 #include <poll.h>
 #include <unistd.h>

@@ -3,7 +3,6 @@
 #ifndef TARVO_SUPPORT_PRECOMPILED_H
 #define TARVO_SUPPORT_PRECOMPILED_H
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>

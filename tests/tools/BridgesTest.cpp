@@ -1,5 +1,5 @@
 // What list and doctor tell of the bridges of this machine.
-#include <gmock/gmock.h>
+#include <gmock/gmock-more-matchers.h>
 #include <unistd.h>
 
 #include <cstdlib>

@@ -1,7 +1,7 @@
 #ifndef TARVO_TOOLS_TOOLTEST_H
 #define TARVO_TOOLS_TOOLTEST_H
 
-#include <gmock/gmock.h>
+#include <gmock/gmock-more-matchers.h>
 #include <gtest/gtest.h>
 
 #include <exception>

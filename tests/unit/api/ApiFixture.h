@@ -2,7 +2,7 @@
 #ifndef TARVO_TESTS_API_APIFIXTURE_H
 #define TARVO_TESTS_API_APIFIXTURE_H
 
-#include <gmock/gmock.h>
+#include <gmock/gmock-more-matchers.h>
 #include <gtest/gtest.h>
 
 #include <string>

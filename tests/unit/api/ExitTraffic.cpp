@@ -1,6 +1,6 @@
 #include "ExitTraffic.h"
 
-#include <gmock/gmock.h>
+#include <gmock/gmock-more-matchers.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -1,6 +1,6 @@
 #include "api/tarvo_check.h"
 
-#include <gmock/gmock.h>
+#include <gmock/gmock-more-matchers.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>

@@ -1,6 +1,6 @@
 #include "diag/run_time_record.h"
 
-#include <gmock/gmock.h>
+#include <gmock/gmock-more-matchers.h>
 #include <gtest/gtest.h>
 
 #include <climits>

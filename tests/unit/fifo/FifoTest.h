@@ -2,7 +2,7 @@
 #ifndef TARVO_UNIT_FIFO_FIFOTEST_H
 #define TARVO_UNIT_FIFO_FIFOTEST_H
 
-#include <gmock/gmock.h>
+#include <gmock/gmock-more-matchers.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>

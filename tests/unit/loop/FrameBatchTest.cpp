@@ -1,7 +1,7 @@
 // From requests and responses to the bytes of one write.
 #include "loop/FrameBatch.h"
 
-#include <gmock/gmock.h>
+#include <gmock/gmock-more-matchers.h>
 
 #include <cerrno>
 #include <string>

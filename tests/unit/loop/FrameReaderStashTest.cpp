@@ -1,5 +1,5 @@
 // Giving the memory of a read away before all of its frames were taken.
-#include <gmock/gmock.h>
+#include <gmock/gmock-more-matchers.h>
 
 #include <memory>
 

@@ -1,7 +1,7 @@
 // From the bytes of a FIFO to frames: which are delivered, which are dropped, and what the log says then.
 #include "loop/FrameReader.h"
 
-#include <gmock/gmock.h>
+#include <gmock/gmock-more-matchers.h>
 
 #include <memory>
 

@@ -1,6 +1,6 @@
 // Every step of starting and stopping a server that can fail.
 #include <fcntl.h>
-#include <gmock/gmock.h>
+#include <gmock/gmock-more-matchers.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/epoll.h>

@@ -1,5 +1,5 @@
 // Starts, closes and ends of servers that meet each other.
-#include <gmock/gmock.h>
+#include <gmock/gmock-more-matchers.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 

@@ -1,7 +1,7 @@
 #include "server/TarvoClientPipe.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
+#include <gmock/gmock-more-matchers.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -1,7 +1,7 @@
 #ifndef TARVO_UNIT_STATS_READER_READERKIT_H
 #define TARVO_UNIT_STATS_READER_READERKIT_H
 
-#include <gmock/gmock.h>
+#include <gmock/gmock-more-matchers.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>

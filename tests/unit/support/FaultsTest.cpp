@@ -1,7 +1,7 @@
 #include "support/Faults.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
+#include <gmock/gmock-more-matchers.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <semaphore.h>

@@ -1,7 +1,7 @@
 #include "support/LeakCheck.h"
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
+#include <gmock/gmock-more-matchers.h>
 #include <sys/stat.h>
 #include <unistd.h>
 

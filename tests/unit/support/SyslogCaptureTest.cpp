@@ -1,6 +1,6 @@
 #include "support/SyslogCapture.h"
 
-#include <gmock/gmock.h>
+#include <gmock/gmock-more-matchers.h>
 #include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 

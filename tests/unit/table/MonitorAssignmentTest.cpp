@@ -1,6 +1,6 @@
 // Receive monitors of the table: one for each kind of pipe, made on demand, retried after a failure.
 #include <fcntl.h>
-#include <gmock/gmock.h>
+#include <gmock/gmock-more-matchers.h>
 #include <gtest/gtest.h>
 #include <sys/epoll.h>
 #include <sys/stat.h>

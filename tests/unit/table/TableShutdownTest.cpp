@@ -1,5 +1,5 @@
 // The end of the table: disabling with traffic, twice and from two threads, the destructor, and the emergency clean-up.
-#include <gmock/gmock.h>
+#include <gmock/gmock-more-matchers.h>
 #include <gtest/gtest.h>
 #include <sys/epoll.h>
 #include <unistd.h>

@@ -1,6 +1,6 @@
 // Callbacks on their way to the pool: when they come too late, and when the program's own objects, which are copied and
 // destroyed on that way, call in again.
-#include <gmock/gmock.h>
+#include <gmock/gmock-more-matchers.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 

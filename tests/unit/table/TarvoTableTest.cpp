@@ -1,7 +1,7 @@
 // Pipes in the table: handles, lookup, retry of failed opens, closing, cleaning, and what pipes report.
 #include "table/TarvoTable.h"
 
-#include <gmock/gmock.h>
+#include <gmock/gmock-more-matchers.h>
 #include <gtest/gtest.h>
 #include <sys/epoll.h>
 #include <unistd.h>

@@ -1,7 +1,7 @@
 // Submission.
 #include "worker/CallbackPool.h"
 
-#include <gmock/gmock.h>
+#include <gmock/gmock-more-matchers.h>
 #include <gtest/gtest.h>
 
 #include <atomic>

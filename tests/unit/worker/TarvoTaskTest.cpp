@@ -1,6 +1,6 @@
 #include "worker/TarvoTask.h"
 
-#include <gmock/gmock.h>
+#include <gmock/gmock-more-matchers.h>
 #include <gtest/gtest.h>
 
 #include <stdexcept>

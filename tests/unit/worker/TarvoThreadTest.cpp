@@ -1,6 +1,6 @@
 #include "worker/tarvo_thread.h"
 
-#include <gmock/gmock.h>
+#include <gmock/gmock-more-matchers.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>

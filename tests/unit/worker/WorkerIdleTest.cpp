@@ -1,5 +1,5 @@
 // The end of an idle thread, its restart, and the priority that tasks run at.
-#include <gmock/gmock.h>
+#include <gmock/gmock-more-matchers.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>

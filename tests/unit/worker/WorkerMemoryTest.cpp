@@ -1,5 +1,5 @@
 // What a hand-over allocates, and what happens when an allocation fails.
-#include <gmock/gmock.h>
+#include <gmock/gmock-more-matchers.h>
 #include <gtest/gtest.h>
 
 #include <atomic>

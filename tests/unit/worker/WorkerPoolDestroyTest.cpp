@@ -1,5 +1,5 @@
 // The end of the pool.
-#include <gmock/gmock.h>
+#include <gmock/gmock-more-matchers.h>
 #include <gtest/gtest.h>
 
 #include <atomic>

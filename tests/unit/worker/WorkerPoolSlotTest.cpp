@@ -1,5 +1,5 @@
 // The slot layer of the pool and its states, without any worker.
-#include <gmock/gmock.h>
+#include <gmock/gmock-more-matchers.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>

@@ -1,7 +1,7 @@
 // Names and the creation of workers.
 #include "worker/WorkerPool.h"
 
-#include <gmock/gmock.h>
+#include <gmock/gmock-more-matchers.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>

@@ -1,5 +1,5 @@
 // Waiting for a free worker.
-#include <gmock/gmock.h>
+#include <gmock/gmock-more-matchers.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 

@@ -1,7 +1,7 @@
 // Queueing, running and stopping.
 #include "worker/Worker.h"
 
-#include <gmock/gmock.h>
+#include <gmock/gmock-more-matchers.h>
 #include <gtest/gtest.h>
 
 #include <atomic>

@@ -1,5 +1,5 @@
 // The thread of a worker: its name, its log lines, and what happens when it cannot be had.
-#include <gmock/gmock.h>
+#include <gmock/gmock-more-matchers.h>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 
