@@ -20,6 +20,10 @@
 #
 # Of what a test program is linked: its sources or, with TARVO_OBJECTS_OF, what the build in that folder has made of them.
 # Then the same programs are run with differently built libraries, and compiled once.
+#
+# Of code that it has not compiled the thread sanitizer sees the functions of the C library only. In its build this is
+# therefore done for folders that set TARVO_TESTS_OUTSIDE: their tests meet the libraries at exported functions, and each
+# other with the locks of the C library.
 
 # tarvo_skip_test(NAME reason)
 #
@@ -39,9 +43,13 @@ add_custom_target(tests_portable)
 # is left of its environment.
 set(TARVO_PROFILE -fprofile-instr-generate=${PROJECT_BINARY_DIR}/profile/%4m.profraw)
 
+if(TARVO_OBJECTS_OF AND NOT TARVO_SANITIZE MATCHES "thread")
+  set(TARVO_TESTS_ELSEWHERE ON) # nearly all of them are compiled there
+endif()
+
 function(tarvo_test_objects result name)
   set(found ${ARGN})
-  if(TARVO_OBJECTS_OF)
+  if(TARVO_TESTS_ELSEWHERE OR (TARVO_OBJECTS_OF AND TARVO_TESTS_OUTSIDE))
     file(RELATIVE_PATH folder ${PROJECT_BINARY_DIR} ${CMAKE_CURRENT_BINARY_DIR})
     file(GLOB_RECURSE found ${TARVO_OBJECTS_OF}/${folder}/CMakeFiles/${name}.dir/*.o)
     if(NOT found)
