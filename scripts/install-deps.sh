@@ -48,7 +48,7 @@ packages_of() {
     bench) packages_of plots && echo libbenchmark-dev libcli11-dev nlohmann-json3-dev stress-ng rt-tests valgrind ;;
     peers) echo libzmq3-dev libnng-dev libsystemd-dev dbus-daemon libcapnp-dev capnproto libgrpc++-dev libprotobuf-dev \
         protobuf-compiler protobuf-compiler-grpc python3-dbus-next python3-zmq python3-grpcio ;;
-    models) echo spin ;;
+    models) echo gcc spin tcc ;;
     man) echo binutils groff-base man-db mandoc ;;
     packages) packages_of man && echo adduser dpkg-dev file lintian systemd python3-pip python3-setuptools \
         python3-wheel ;;

@@ -23,17 +23,21 @@ out=build/models
 failed=0
 memory='' minutes='' large=false update=false keep=false
 
-# search DIRECTORY MODEL OPTIMISATION DEFINITION...: leaves what the search said in DIRECTORY/pan.log. 0 when it ran.
+# Most searches take less time than an optimising compiler needs for them.
+QUICKLY='tcc'
+THOROUGHLY='gcc -O2 -DCOLLAPSE'
+
+# search DIRECTORY MODEL COMPILER DEFINITION...: leaves what the search said in DIRECTORY/pan.log. 0 when it ran.
 search() {
-    local directory=$1 model=$2 optimisation=$3
+    local directory=$1 model=$2 compiler=$3
     shift 3
     mkdir -p "$directory"
     cp "models/$model.pml" models/threads.inc "$directory"
     (
         cd "$directory" || exit
         spin -a "$@" "$model.pml" >spin.log 2>&1 || exit
-        # shellcheck disable=SC2086 # the optimisation is several words
-        gcc -w $optimisation -DSAFETY -DMEMLIM="$memory" -o pan pan.c >gcc.log 2>&1 || exit
+        # shellcheck disable=SC2086 # the compiler comes with options
+        $compiler -w -DSAFETY -DMEMLIM="$memory" -o pan pan.c >compiler.log 2>&1 || exit
         timeout "$((minutes * 60))" ./pan -m500000 -w22 >pan.log 2>&1
     )
     grep -q 'errors: [0-9]' "$directory/pan.log" 2>/dev/null
@@ -46,16 +50,16 @@ figure() { sed -n "s/$2/\\1/p" "$1" | head -n 1; }
 complain() {
     failed=1
     printf 'FAILED: %s\n' "$2" >&2
-    cat "$1"/{spin,gcc,pan}.log 2>/dev/null | grep -v '^$' | head -n 20 >&2
+    cat "$1"/{spin,compiler,pan}.log 2>/dev/null | grep -v '^$' | head -n 20 >&2
 }
 
-# verify MODEL KIND OPTIMISATION DEFINITION...
+# verify MODEL KIND COMPILER DEFINITION...
 verify() {
-    local model=$1 kind=$2 optimisation=$3 directory start seconds states verdict=ok
+    local model=$1 kind=$2 compiler=$3 directory start seconds states verdict=ok
     shift 3
     directory=$out/$model-$kind-$(tr -cd 'A-Z0-9' <<<"$*")
     start=$(date +%s.%N)
-    if ! search "$directory" "$model" "$optimisation" "$@" || ! grep -q 'errors: 0' "$directory/pan.log" ||
+    if ! search "$directory" "$model" "$compiler" "$@" || ! grep -q 'errors: 0' "$directory/pan.log" ||
         grep -q 'Search not completed' "$directory/pan.log"; then
         verdict=FAILED
         complain "$directory" "$model $*"
@@ -77,7 +81,7 @@ mutate() {
     local model=$1 name=$2 what=$3 directory said
     shift 3
     directory=$out/$model-$name
-    if search "$directory" "$model" -O0 "$@" "-D$name" && grep -q 'errors: [1-9]' "$directory/pan.log"; then
+    if search "$directory" "$model" "$QUICKLY" "$@" "-D$name" && grep -q 'errors: [1-9]' "$directory/pan.log"; then
         said=$(figure "$directory/pan.log" '^pan:1: \(.*\) (at depth [0-9]*)$')
         printf '%-15s seen   %s: %s\n' "$model" "$name" "$said"
         # shellcheck disable=SC2016 # Markdown's
@@ -97,7 +101,7 @@ check() {
     rm -f "$out/$model".{small,large,mutants}
     first=$(bounds "$model" small | head -n 1)
     while read -r -a definitions; do
-        verify "$model" small -O0 "${definitions[@]}"
+        verify "$model" small "$QUICKLY" "${definitions[@]}"
     done < <(bounds "$model" small)
     while IFS= read -r line; do
         what=${line#*: }
@@ -107,7 +111,7 @@ check() {
     done < <(sed -n 's|^// mutant ||p' "models/$model.pml")
     $large || return 0
     while read -r -a definitions; do
-        verify "$model" large '-O2 -DCOLLAPSE' "${definitions[@]}"
+        verify "$model" large "$THOROUGHLY" "${definitions[@]}"
     done < <(bounds "$model" large)
 }
 
