@@ -7,6 +7,8 @@ cd "$(dirname "$0")"
 
 fifo_directory=/dev/shm/velm/tarvo
 
+# Not after each step the index of all manual pages, which takes longer than all that is looked at here.
+rm -f /var/lib/man-db/auto-update
 dpkg --install ./*.deb >dpkg.log 2>&1 || { cat dpkg.log && exit 1; }
 getent group tarvo >/dev/null || { echo "the group tarvo is missing" && exit 1; }
 if command -v systemd-tmpfiles >/dev/null; then
