@@ -11,7 +11,7 @@ struct ExitOptions {
     bool fromAnotherThread = false; // exit is not called by the main thread, which does something else then
 };
 
-// Forks processes one after another, 20 of them (5 under a sanitizer) or as many as $TARVO_EXIT_RUNS says. Each runs
+// Forks processes one after another, 10 of them (5 under a sanitizer) or as many as $TARVO_EXIT_RUNS says. Each runs
 // `start`, which returns once traffic flows, and then exits while that goes on. Checks that each ends with code 0 (a
 // sanitizer's report ends it with another), soon, and without leaving a file of a pipe behind.
 void ExitUnderTraffic(const std::function<void()> &start, ExitOptions options = {});
