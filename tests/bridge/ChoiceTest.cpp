@@ -25,8 +25,6 @@ const Announcement REAR = Of(1, "rear", {"camera", "gps"});
 const Announcement FRONT = Of(2, "front", {"camera"});
 const Announcement OTHER = Of(3, "attic", {"radar"});
 
-} // namespace
-
 TEST(ChoiceTest, NobodyCarriesWhatNobodyExports) {
     EXPECT_EQ(ChooseExporter({"lidar", "", "lidar"}, {&REAR, &FRONT, &OTHER}, 0), 0U);
     EXPECT_EQ(ChooseExporter({"gps", "front", "gps"}, {&REAR, &FRONT}, 0), 0U);
@@ -69,3 +67,5 @@ TEST(RemoteNameTest, LongNamesStayTheOnlyOnesOfTheirKind) {
     EXPECT_EQ(RemoteName("c", std::string(200, 'm'), 77, 99).size(), 99U);
     EXPECT_EQ(RemoteName("c", std::string(200, 'm'), 77, 99).substr(96), ".77");
 }
+
+} // namespace

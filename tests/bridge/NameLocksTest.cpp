@@ -40,8 +40,6 @@ private:
     bool root = false;
 };
 
-} // namespace
-
 TEST_F(NameLocksTest, NameThatIsTakenTellsByWhom) {
     NameLocks first;
     NameLocks second;
@@ -70,4 +68,5 @@ TEST_F(NameLocksTest, NameThatAnotherUserHasIsTaken) {
               "another bridge of this machine has 'camera': it is imported by process " + std::to_string(getpid()));
 }
 
+} // namespace
 } // namespace tarvo_test

@@ -25,8 +25,6 @@ std::chrono::milliseconds Since(std::chrono::steady_clock::time_point start) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
 }
 
-} // namespace
-
 TEST_F(MachinesTest, NameIsOfferedOnlyWhileItsServerLives) {
     BridgeCamera();
     const auto client = Program(*rear);
@@ -312,4 +310,5 @@ TEST_F(MachinesTest, KillsInTrafficWedgeNothing) {
     EXPECT_EQ(last->Ask("call text timeout=20000 data=last" + Fd(Connect(*last))), "0 last");
 }
 
+} // namespace
 } // namespace tarvo_test

@@ -39,8 +39,6 @@ protected:
     const std::string path;
 };
 
-} // namespace
-
 TEST_F(BridgeOptionsTest, FileThatIsRightIsCalledRight) {
     const Outcome checked = Check("# What this machine shares\n"
                                   "machine = \"front\"\n"
@@ -143,4 +141,5 @@ TEST_F(BridgeOptionsTest, HelpTellsOfEachOption) {
     }
 }
 
+} // namespace
 } // namespace tarvo_test

@@ -51,8 +51,6 @@ INSTANTIATE_TEST_SUITE_P(Roles, PairsTest,
                                          Programs{"PythonCallsPython", PYTHON_PEER_PROGRAM, PYTHON_PEER_PROGRAM}),
                          [](const testing::TestParamInfo<Programs> &programs) { return programs.param.name; });
 
-} // namespace
-
 TEST_P(PairsTest, CallsOfEverySizeAreAnsweredBothWays) {
     Start("echo");
     for (const std::size_t size : PAYLOAD_SIZES) {
@@ -90,4 +88,5 @@ TEST_P(PairsTest, DeathOfClientOrServerReachesTheOther) {
     EXPECT_TRUE(Withdraws(*rear));
 }
 
+} // namespace
 } // namespace tarvo_test

@@ -25,8 +25,8 @@ Item Numbered(uint32_t number) {
 }
 
 // One side, and the bundles that it has sent.
-struct Side final : Network, PeerLink::Listener {
-    Side(RunId self, RunId peer) : link({self, peer}, LEASE_MS, beginnings, *this, *this) {}
+struct LinkSide final : Network, PeerLink::Listener {
+    LinkSide(RunId self, RunId peer) : link({self, peer}, LEASE_MS, beginnings, *this, *this) {}
 
     void Announce(const Announcement &) override {}
     void Connect(RunId) override { ++connects; }
@@ -64,7 +64,7 @@ struct Side final : Network, PeerLink::Listener {
 class PeerLinkTest : public testing::Test {
 protected:
     // Carries the oldest bundle of `from`, or loses it.
-    void Carry(Side &from, bool arrives = true) {
+    void Carry(LinkSide &from, bool arrives = true) {
         ASSERT_FALSE(from.sent.empty());
         Bundle bundle = from.sent.front();
         from.sent.pop_front();
@@ -89,19 +89,17 @@ protected:
         ASSERT_TRUE(a.link.IsUp());
         ASSERT_TRUE(b.link.IsUp());
     }
-    void SendItem(Side &side, uint32_t number) {
+    void SendItem(LinkSide &side, uint32_t number) {
         side.link.Send(Numbered(number));
         side.link.Flush(now);
     }
 
     int64_t now = 100;
-    Side a{A, B};
-    Side b{B, A};
+    LinkSide a{A, B};
+    LinkSide b{B, A};
 };
 
 using Numbers = std::vector<uint32_t>;
-
-} // namespace
 
 TEST_F(PeerLinkTest, ComesUpWhenBothAreHeard) {
     a.link.Begin(now);
@@ -379,7 +377,7 @@ TEST_F(PeerLinkTest, SomebodyWhoSpeaksForThePeerShutsItOutOnlyForAWhile) {
 // Each takes the other's true counts for those of a link that is over, and says so.
 TEST_F(PeerLinkTest, SomebodyWhoSpeaksForBothKeepsThemFromEachOtherNoLonger) {
     ComeUp();
-    for (Side *const side : {&a, &b}) {
+    for (LinkSide *const side : {&a, &b}) {
         Bundle forged;
         forged.from = side == &a ? B : A;
         forged.to = side == &a ? A : B;
@@ -399,16 +397,16 @@ TEST_F(PeerLinkTest, SomebodyWhoSpeaksForBothKeepsThemFromEachOtherNoLonger) {
 TEST_F(PeerLinkTest, AnyNetworkYieldsABeginningOfWhatWasSent) {
     for (unsigned seed = 0; seed < 300; ++seed) {
         std::mt19937 random(seed);
-        Side left(A, B);
-        Side right(B, A);
+        LinkSide left(A, B);
+        LinkSide right(B, A);
         std::deque<Bundle> late;
         int64_t time = 100;
         uint32_t number = 0;
         int ups = 0;
         left.link.Begin(time);
         for (int step = 0; step < 400; ++step) {
-            Side &from = random() % 2 == 0 ? left : right;
-            Side &to = &from == &left ? right : left;
+            LinkSide &from = random() % 2 == 0 ? left : right;
+            LinkSide &to = &from == &left ? right : left;
             switch (random() % 8) {
             case 0:
                 if (!from.sent.empty()) {
@@ -463,7 +461,7 @@ TEST_F(PeerLinkTest, AnyNetworkYieldsABeginningOfWhatWasSent) {
         left.link.SetBusy(true, time);
         right.link.SetBusy(true, time);
         for (int step = 0; step < 2000 && !(left.link.IsUp() && right.link.IsUp() && left.sent.empty()); ++step) {
-            Side &from = left.sent.empty() ? right : left;
+            LinkSide &from = left.sent.empty() ? right : left;
             if (from.sent.empty()) {
                 time += 50;
                 left.link.OnTime(time);
@@ -477,3 +475,5 @@ TEST_F(PeerLinkTest, AnyNetworkYieldsABeginningOfWhatWasSent) {
         ASSERT_TRUE(left.link.IsUp() && right.link.IsUp()) << "seed " << seed;
     }
 }
+
+} // namespace

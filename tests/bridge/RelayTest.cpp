@@ -91,8 +91,6 @@ void Echo(Server &server) {
     };
 }
 
-} // namespace
-
 TEST_F(RawRelayTest, FramesPassUnchangedBothWays) {
     Connect();
     const std::vector<uint32_t> ids{0, 1, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFF};
@@ -444,7 +442,10 @@ TEST_F(BridgeTest, WhatIsNotExportedCannotBeReached) {
 // Whatever the network does: every call ends exactly once, with its own answer or none.
 TEST_F(BridgeTest, EveryCallEndsOnceHoweverBadTheNetworkIs) {
     Server server(loop, real);
-    Echo(server);
+    server.links.onRequest = [](TarvoLink *link, uint32_t number, TarvoBytes payload) {
+        // Its pipe may be gone with the link between the bridges.
+        EXPECT_THAT(TarvoLinkReply(link, number, payload), testing::AnyOf(0, -EPIPE));
+    };
     bridges.Do([&] {
         bridges.cables.fate = [random = std::mt19937(7)](const Bundle &) mutable {
             switch (random() % 40) {
@@ -511,3 +512,5 @@ TEST_F(BridgeTest, EveryCallEndsOnceHoweverBadTheNetworkIs) {
     });
     EXPECT_TRUE(Eventually([this] { return SessionsOf(exporter) == 0 && SessionsOf(importer) == 0; }));
 }
+
+} // namespace

@@ -102,8 +102,6 @@ protected:
     std::unique_ptr<DrivenBridge> importer;
 };
 
-} // namespace
-
 TEST_F(RoundsTest, CallsOneAfterTheOtherPassOnTheNetworksThreads) {
     Recorder client;
     TarvoLink *const link = Connect(client);
@@ -209,3 +207,5 @@ TEST_F(RoundsTest, BridgeThatStopsInTheMiddleIsTakenToNoMore) {
     importer->Stop();
     EXPECT_FALSE(rear.HasTaker());
 }
+
+} // namespace

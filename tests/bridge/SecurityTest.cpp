@@ -47,8 +47,6 @@ protected:
     std::string folder;
 };
 
-} // namespace
-
 TEST_F(SecurityTest, MachinesOfOneAuthorityReachEachOther) {
     const auto server = Program(*front);
     ASSERT_EQ(server->AskInt("serve self=camera callback=echo"), 0);
@@ -101,4 +99,5 @@ TEST_F(SecurityTest, BridgeDoesNotStartWithoutOneOfItsFiles) {
     EXPECT_TRUE(bridge.Says("the DDS cannot join the network")) << bridge.Log();
 }
 
+} // namespace
 } // namespace tarvo_test

@@ -101,8 +101,6 @@ protected:
 
 using Texts = std::vector<std::string>;
 
-} // namespace
-
 TEST_F(SessionTest, ClientGetsItsPipeOnlyWhenTheServersIsOpen) {
     client.session.Ask("camera", "viewer_1");
     CarryAll();
@@ -312,3 +310,5 @@ TEST_F(SessionTest, ItemsOutOfTheirTimeChangeNothing) {
     EXPECT_TRUE(fresh.sent.empty());
     EXPECT_EQ(fresh.made, 0);
 }
+
+} // namespace

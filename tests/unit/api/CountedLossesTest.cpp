@@ -8,8 +8,6 @@ namespace {
 
 using namespace tarvo_test;
 
-void Ignore(int, TarvoRequest *) {}
-
 class CountedLossesTest : public ApiStatsTest {
 protected:
     static bool EventuallyBad(int fd, unsigned reason, uint64_t count = 1) {

@@ -15,8 +15,6 @@ using namespace tarvo_test;
 
 class CountedMessagesTest : public ApiStatsTest {};
 
-void Ignore(int, TarvoRequest *) {}
-
 TEST_F(CountedMessagesTest, OneWayRequestsAreCountedAtBothEnds) {
     const PipePair pair(Ignore);
     const uint64_t refused = SendMany(pair.far, 20);

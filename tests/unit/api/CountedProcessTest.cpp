@@ -12,8 +12,6 @@ namespace {
 
 using namespace tarvo_test;
 
-void Ignore(int, TarvoRequest *) {}
-
 class CountedProcessTest : public ApiStatsTest {
 protected:
     static uint64_t Opens(unsigned result) { return OwnStats().Header().opens[result]; }

@@ -23,6 +23,8 @@
 
 namespace tarvo_test {
 
+inline void Ignore(int /*fd*/, TarvoRequest * /*request*/) {}
+
 // Holds callbacks until it is opened. Lives as long as the process, since callbacks may end after the test.
 class Gate {
 public:

@@ -11,7 +11,7 @@ namespace {
 
 using namespace tarvo_test;
 
-StatsIdentity PipeNamed(std::string_view name, int64_t handle) {
+StatsIdentity PipeOf(std::string_view name, int64_t handle) {
     return {TARVO_STATS_PIPE, TARVO_STATS_THREADS, handle, name, name};
 }
 
@@ -47,7 +47,7 @@ int ComeAndGo(Channel &parent) {
     for (uint64_t i = 0;; ++i) {
         const uint64_t letter = 'a' + i % 26;
         const std::string name(TARVO_STATS_NAME_SIZE - 1, static_cast<char>(letter));
-        const StatsSlot slot(PipeNamed(name, static_cast<int64_t>(letter)));
+        const StatsSlot slot(PipeOf(name, static_cast<int64_t>(letter)));
         TarvoStatsPipe &pipe = *slot.Pipe();
         Stats::CountAlone(pipe.calls.firstBegun, letter);
         Stats::CountAlone(pipe.calls.firstAnswered, letter);
@@ -142,7 +142,7 @@ TEST(StatsOtherProcess, AThousandAndTwentyFourPipesAreReadAtOnce) {
         for (uint64_t round = 0; round < 2; ++round) {
             std::vector<StatsSlot> slots;
             for (uint64_t i = 0; i < PIPES; ++i) {
-                slots.emplace_back(PipeNamed("pipe" + std::to_string(i), static_cast<int64_t>(i)));
+                slots.emplace_back(PipeOf("pipe" + std::to_string(i), static_cast<int64_t>(i)));
                 Stats::CountAlone(slots.back().Pipe()->sent.firstBytes[0], i);
             }
             if (round == 1) {

@@ -13,14 +13,13 @@
 #include "support/Process.h"
 #include "support/StatsDirectory.h"
 #include "support/SyslogCapture.h"
+#include "unit/stats/PipeNamed.h"
 
 namespace {
 
 using namespace tarvo_test;
 
 constexpr int PLACES = TARVO_STATS_SLOTS_PER_CHUNK - 1; // of the first chunk, one of which is taken
-
-StatsIdentity PipeNamed(const char *name) { return {TARVO_STATS_PIPE, TARVO_STATS_THREADS, 1, name, "remote"}; }
 
 // That nothing is counted, which is said once with this error, or not at all when it is 0.
 void ExpectNoFile(int error) {

@@ -10,12 +10,11 @@
 #include "support/StatsDirectory.h"
 #include "support/SyslogCapture.h"
 #include "support/Unprivileged.h"
+#include "unit/stats/PipeNamed.h"
 
 namespace {
 
 using namespace tarvo_test;
-
-StatsIdentity PipeNamed(const char *name) { return {TARVO_STATS_PIPE, TARVO_STATS_THREADS, 1, name, "remote"}; }
 
 // Field 22 of /proc/self/stat.
 std::string StartTicks() {

@@ -9,12 +9,11 @@
 #include "support/Eventually.h"
 #include "support/Process.h"
 #include "support/StatsDirectory.h"
+#include "unit/stats/PipeNamed.h"
 
 namespace {
 
 using namespace tarvo_test;
-
-StatsIdentity PipeNamed(const char *name) { return {TARVO_STATS_PIPE, TARVO_STATS_THREADS, 1, name, "remote"}; }
 
 TEST(StatsFork, AChildDoesNotWriteIntoTheFileOfItsParent) {
     TARVO_STATS_OR_SKIP();

@@ -7,14 +7,11 @@
 #include "support/FileFaults.h"
 #include "support/Sanitized.h"
 #include "support/StatsDirectory.h"
+#include "unit/stats/PipeNamed.h"
 
 namespace {
 
 using namespace tarvo_test;
-
-StatsIdentity PipeNamed(std::string_view name, int64_t handle = 1) {
-    return {TARVO_STATS_PIPE, TARVO_STATS_LOOP, handle, name, "the remote"};
-}
 
 std::vector<std::string> Names() {
     std::vector<std::string> names;
@@ -32,7 +29,7 @@ TEST(StatsPlaces, APlaceSaysWhoseItIs) {
     EXPECT_EQ(static_cast<uint32_t>(TARVO_STATS_LOOP), seen.engine);
     EXPECT_EQ(77, seen.handle);
     EXPECT_STREQ("me", seen.name);
-    EXPECT_STREQ("the remote", seen.remote);
+    EXPECT_STREQ("remote", seen.remote);
     EXPECT_EQ(static_cast<uint32_t>(TARVO_STATS_OPENING), seen.state);
     EXPECT_EQ(0U, seen.openedAt);
     slot.Opened();
