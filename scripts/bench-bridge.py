@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 """Measures the bridge between two network namespaces of this machine, side by side with the same on one machine, a bare
-round trip of the DDS, gRPC over TCP, and a relay that only copies bytes over TCP. Nine minutes.
+round trip of the DDS, gRPC over TCP, and relays that only copy bytes, over TCP and over the DDS. Ten minutes.
 
 Everything is measured twice: with one core for each of the two machines, as if each had only that, and with both
 machines on all cores, where the kernel moves the threads of one to the core of the other and back.
@@ -10,7 +10,8 @@ is divided by is that of the same round. All programs are started anew for every
 settle makes a difference. Needs root, and a build with benchmarks:
 
   cmake --preset release -DTARVO_BUILD_BENCH=ON
-  cmake --build build/release -j2 --target tarvo-bridge tarvoctl bench_tarvo bench_tarvo-loop bench_grpc bench_tcp_floor
+  cmake --build build/release -j2 --target tarvo-bridge tarvoctl bench_tarvo bench_tarvo-loop bench_grpc
+  cmake --build build/release -j2 --target bench_tcp_floor bench_dds_floor
 
 and an idle machine, for figures that are worth something. figures.json and tables.md go to --output.
 """
@@ -44,7 +45,7 @@ SCENARIOS = {
     "window64": (WINDOW, LOOP, GRPC),
     "oneway64": (ONE_WAY, THREADS, GRPC),
 }
-# Scenario of the floor: bytes, calls under way, and calls of a second.
+# Scenario of the floors: bytes, calls under way, and calls of a second.
 FLOOR = {"call64": (64, 1, 12000), "call4000": (4000, 1, 8000), "window64": (64, 64, 150000)}
 DDS = {"call64": 64, "call4000": 4000}
 SESSIONS = 2000
@@ -69,9 +70,9 @@ def ask(client):
     return found
 
 
-def relayed(pair, scenario, seconds):
+def relayed(pair, relay, scenario, seconds):
     size, window, rate = FLOOR[scenario]
-    p50, rate, cpu = pair.floor_calls(size, int(rate * seconds), window)
+    p50, rate, cpu = pair.floor_calls(relay, size, int(rate * seconds), window)
     return {"p50": p50, "rate": rate, "cpu": cpu}
 
 
@@ -120,9 +121,11 @@ class Bench:
             pair.serve(*GRPC)
             self.add_clients(pair, pair.rear, "grpc", 2)
         pair.start_floor()
+        pair.start_dds_floor()
         pair.start_dds()
         for scenario in filter(self.wants, FLOOR):
-            self.cells[scenario, "floor"] = lambda one=scenario: relayed(pair, one, self.seconds)
+            for name, relay in (("floor", "tcp"), ("dds_floor", "dds")):
+                self.cells[scenario, name] = lambda one=scenario, of=relay: relayed(pair, of, one, self.seconds)
         for scenario in filter(self.wants, DDS):
             self.cells[scenario, "dds"] = lambda size=DDS[scenario]: {"p50": pair.dds_round_trip(size, 2)}
 

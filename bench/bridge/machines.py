@@ -60,6 +60,13 @@ def plug(first, second):
             machine.run("ip", "link", "set", link, "up")
 
 
+def wait_until(holds, otherwise):
+    end = time.monotonic() + 20
+    while not holds():
+        if time.monotonic() > end:
+            raise TimeoutError(otherwise)
+
+
 def private_kb(pid):
     text = pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text(encoding="utf-8")
     return sum(int(kb) for kb in re.findall(r"^Private_\w+:\s+(\d+) kB", text, re.M))
@@ -75,7 +82,8 @@ class Pair:
     def __init__(self, build, bridge, cores):
         self.build, self.bridge = build, bridge
         self.group, self.folder = Group(), tempfile.TemporaryDirectory()
-        self.clients, self.servers, self.bridges = 0, {}, []
+        self.clients, self.servers, self.bridges, self.relays = 0, {}, [], {}
+        self.floor = build / "bench/bridge/bench_tcp_floor"
         self.front, self.rear = Machine("front", cores[0]), Machine("rear", cores[1])
         plug(self.front, self.rear)
 
@@ -114,10 +122,13 @@ class Pair:
         child.answer()
         return child, file
 
-    def start_dds(self):
+    def dds_config(self):
         config = os.path.join(self.folder.name, "dds.xml")
         pathlib.Path(config).write_text(DDS_CONFIG, encoding="utf-8")
-        self.dds = ("env", f"CYCLONEDDS_URI=file://{config}", "ddsperf", "-i", "77")
+        return "env", f"CYCLONEDDS_URI=file://{config}"
+
+    def start_dds(self):
+        self.dds = (*self.dds_config(), "ddsperf", "-i", "77")
         self.front.start(*self.dds, "pong")
 
     def dds_round_trip(self, size, seconds):
@@ -126,22 +137,34 @@ class Pair:
         halves = [float(us) for us in re.findall(r" 50% ([\d.]+)us", said)]
         return 2 * sum(halves[1:]) / len(halves[1:])
 
-    def start_floor(self):
-        self.floor = self.build / "bench/bridge/bench_tcp_floor"
+    def start_echo(self, name):
+        """FIFOs of both machines, and a server at those of one: the ends of a relay."""
+        fifos = (f"/dev/shm/{name}.in", f"/dev/shm/{name}.out")
         for machine in (self.front, self.rear):
-            machine.run("mkfifo", "/dev/shm/in", "/dev/shm/out")
-        relay = [self.front.start(self.floor, "echo", "/dev/shm/in", "/dev/shm/out"),
-                 self.front.start(self.floor, "listen", FLOOR_PORT, "/dev/shm/in", "/dev/shm/out")]
-        end = time.monotonic() + 20
-        while f":{FLOOR_PORT}" not in self.front.run("ss", "-Hltn"):
-            if time.monotonic() > end:
-                raise TimeoutError("the floor does not listen")
-        relay.append(self.rear.start(self.floor, "connect", FRONT_ADDRESS, FLOOR_PORT, "/dev/shm/in", "/dev/shm/out"))
-        self.relay = [process.pid for process in relay]
+            machine.run("mkfifo", *fifos)
+        return fifos, [self.front.start(self.floor, "echo", *fifos)]
 
-    def floor_calls(self, size, count, window):
-        ticks = sum(processor_time(self.relay))
-        said = json.loads(self.rear.run(self.floor, "call", "/dev/shm/in", "/dev/shm/out", size, count, window))
+    def start_floor(self):
+        fifos, relay = self.start_echo("tcp")
+        relay.append(self.front.start(self.floor, "listen", FLOOR_PORT, *fifos))
+        wait_until(lambda: f":{FLOOR_PORT}" in self.front.run("ss", "-Hltn"), "the floor does not listen")
+        relay.append(self.rear.start(self.floor, "connect", FRONT_ADDRESS, FLOOR_PORT, *fifos))
+        self.relays["tcp"] = [process.pid for process in relay]
+
+    def start_dds_floor(self):
+        fifos, relay = self.start_echo("dds")
+        ready = [os.path.join(self.folder.name, machine.name) for machine in (self.front, self.rear)]
+        floor = self.build / "bench/bridge/bench_dds_floor"
+        relay.append(self.front.start(*self.dds_config(), floor, "answers", "questions", *reversed(fifos), ready[0]))
+        relay.append(self.rear.start(*self.dds_config(), floor, "questions", "answers", *fifos, ready[1]))
+        wait_until(lambda: all(map(os.path.exists, ready)), "the ends of the floor over the DDS do not meet")
+        self.relays["dds"] = [process.pid for process in relay]
+
+    def floor_calls(self, relay, size, count, window):
+        pids = self.relays[relay]
+        ticks = sum(processor_time(pids))
+        said = json.loads(self.rear.run(self.floor, "call", f"/dev/shm/{relay}.in", f"/dev/shm/{relay}.out", size, count,
+                                        window))
         # Without the client's own.
-        spent = (sum(processor_time(self.relay)) - ticks) / os.sysconf("SC_CLK_TCK")
+        spent = (sum(processor_time(pids)) - ticks) / os.sysconf("SC_CLK_TCK")
         return said["median_us"], said["calls_per_s"], spent / count * 1e6

@@ -6,7 +6,6 @@
 //   tcp_floor connect HOST PORT IN OUT          the client's machine: IN is read, OUT is written
 //   tcp_floor call IN OUT SIZE COUNT WINDOW     a client with so many calls under way; prints JSON
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -25,31 +24,11 @@
 #include <string>
 #include <vector>
 
+#include "floor.h"
+
+using namespace tarvo_bench;
+
 namespace {
-
-constexpr std::size_t BUFFER = 65536;
-
-int Checked(int result, const char *what) {
-    if (result < 0) {
-        throw std::runtime_error(std::string(what) + ": " + std::strerror(errno));
-    }
-    return result;
-}
-
-// Both ways without waiting for the other side: a FIFO that is held open for both never hangs up.
-int OpenFifo(const char *path) { return Checked(open(path, O_RDWR | O_CLOEXEC), path); }
-
-void WriteAll(int fd, const char *bytes, std::size_t size) {
-    while (size > 0) {
-        const int written = Checked(static_cast<int>(write(fd, bytes, size)), "write");
-        bytes += written;
-        size -= static_cast<std::size_t>(written);
-    }
-}
-
-std::size_t ReadSome(int fd, char *bytes, std::size_t size) {
-    return static_cast<std::size_t>(Checked(static_cast<int>(read(fd, bytes, size)), "read"));
-}
 
 int Echo(const char *in, const char *out) {
     const int from = OpenFifo(in);
