@@ -1,6 +1,6 @@
 // The floor under a bridge over the DDS: what two processes that only copy bytes between FIFOs and a topic make of a
-// call from one machine to the other, with the qualities of service and the threads that the bridge has. No frames, no
-// checks, no sessions, no end that is noticed.
+// call from one machine to the other. The topic is reliable and keeps all, as the bridge's; what comes is delivered on
+// the thread that receives. No frames, no checks, no sessions, no end that is noticed.
 //
 //   dds_floor SENT RECEIVED IN OUT READY        copies what is read from IN to the topic SENT, and what comes of the
 //                                               topic RECEIVED to OUT; makes the file READY once both have their other

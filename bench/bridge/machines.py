@@ -65,6 +65,7 @@ def wait_until(holds, otherwise):
     while not holds():
         if time.monotonic() > end:
             raise TimeoutError(otherwise)
+        time.sleep(0.01)
 
 
 def private_kb(pid):
