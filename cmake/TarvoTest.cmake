@@ -1,4 +1,4 @@
-# tarvo_add_test(NAME source... [LIBS target...] [TIMEOUT seconds] [PORTABLE] [SEPARATE] [ONE_THREAD]
+# tarvo_add_test(NAME source... [LIBS target...] [TIMEOUT seconds] [PORTABLE] [ONE_THREAD]
 #                [COUNTED] [EACH_BUILD])
 #
 # A GoogleTest program over the library and the test support. CTest runs each of its tests in a process of its own, so
@@ -8,7 +8,7 @@
 # each change must pass on arm64 too: the label `portable`, and the target `tests_portable`. A folder of such tests sets
 # TARVO_TESTS_PORTABLE instead.
 # Its sources are compiled several at a time, in half the time. A name that is each one's own in two of them clashes;
-# write it once. SEPARATE compiles them one by one.
+# write it once.
 # ONE_THREAD: nothing that it tests runs on a second thread, so that ThreadSanitizer has nothing to say; it is not part of
 # that build.
 # COUNTED: coverage counts what it compiles in of src/, too. It is the place where parts are tested that the libraries use
@@ -60,7 +60,7 @@ function(tarvo_test_objects result name)
 endfunction()
 
 function(tarvo_add_test name)
-  cmake_parse_arguments(arg "PORTABLE;SEPARATE;ONE_THREAD;COUNTED;EACH_BUILD" "TIMEOUT" "LIBS" ${ARGN})
+  cmake_parse_arguments(arg "PORTABLE;ONE_THREAD;COUNTED;EACH_BUILD" "TIMEOUT" "LIBS" ${ARGN})
   if(arg_ONE_THREAD AND TARVO_SANITIZE MATCHES "thread")
     return()
   endif()
@@ -93,10 +93,7 @@ function(tarvo_add_test name)
     target_link_options(${name} PRIVATE ${TARVO_PROFILE})
   endif()
   # The library must find the functions that the program defines in front of the C library's.
-  set_target_properties(${name} PROPERTIES ENABLE_EXPORTS ON UNITY_BUILD_BATCH_SIZE 8 LINKER_LANGUAGE CXX)
-  if(NOT arg_SEPARATE)
-    set_target_properties(${name} PROPERTIES UNITY_BUILD ON)
-  endif()
+  set_target_properties(${name} PROPERTIES ENABLE_EXPORTS ON UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 8 LINKER_LANGUAGE CXX)
   set(labels "")
   if(arg_PORTABLE OR TARVO_TESTS_PORTABLE)
     set(labels LABELS portable)
