@@ -23,7 +23,7 @@ out=build/models
 failed=0
 memory='' minutes='' large=false update=false keep=false
 
-# Most searches take less time than an optimising compiler needs for them.
+# Most of the small searches take less time than gcc needs to compile them, even where it optimises nothing.
 QUICKLY='tcc'
 THOROUGHLY='gcc -O2 -DCOLLAPSE'
 
