@@ -7,7 +7,7 @@ cd "$(dirname "$0")"
 
 fifo_directory=/dev/shm/velm/tarvo
 
-# Not after each step the index of all manual pages, which takes longer than all that is looked at here.
+# No new index of all manual pages after each step: nothing here looks at it, and it takes seconds each time.
 rm -f /var/lib/man-db/auto-update
 dpkg --install ./*.deb >dpkg.log 2>&1 || { cat dpkg.log && exit 1; }
 getent group tarvo >/dev/null || { echo "the group tarvo is missing" && exit 1; }

@@ -30,7 +30,7 @@ constexpr auto USUAL_LIMIT = std::chrono::seconds(4);
 #else
 constexpr auto USUAL_LIMIT = std::chrono::seconds(2);
 #endif
-// Both processors are busy all the time; scripts/exit-runs.sh does a thousand.
+// Both processors are busy all the time; $TARVO_EXIT_RUNS asks for more.
 const int DEFAULT_RUNS = SANITIZED ? 5 : 10;
 constexpr auto HANG = std::chrono::seconds(60);
 constexpr auto ALL_RUNS = std::chrono::seconds(280);
