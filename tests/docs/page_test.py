@@ -83,6 +83,9 @@ class PageTest(unittest.TestCase):
         self.accepts(serving + sh("true"))
         self.refuses(sh("echo no", "yes", "background"), "the page shows")
 
+    def test_an_interrupt_that_a_shell_has_lost_comes_again(self):
+        self.accepts(sh("trap 'trap - INT' INT; echo ready; sleep 600 || true; sleep 600", "ready", "background"))
+
     def test_each_page_has_a_shm_of_its_own(self):
         listing = sh("ls /dev/shm", "velm", "alone")
         output = self.accepts(sh("scripts/fifo-directory.sh; ls /dev/shm/velm", "tarvo") + listing)
