@@ -133,10 +133,17 @@ class Page:
         link = ["-o", source.with_suffix(""), f"-L{self.build}/src", "-ltarvo", f"-Wl,-rpath,{self.build}/src"]
         if "tarvo_loop.h" in text:
             link[2:2] = [f"-L{self.build}/src/loop", "-ltarvo-loop", f"-Wl,-rpath,{self.build}/src/loop"]
-        output = link if program else ["-c", "-o", "/dev/null"]
+        # What the page itself compiles further down is looked at for warnings only, and so is what is no program.
+        output = link if program and not self.builds_later(block) else ["-fsyntax-only"]
         standard = ["-std=c++20"] if "loop" in block.notes else []
         self.check([self.compiler, *FLAGS, *standard, *unused, f"-I{ROOT}/include", source, *output])
         return "compiled"
+
+    def builds_later(self, block):
+        """Whether a command below names the block's file."""
+        name = block.notes.get("file")
+        later = self.blocks[self.blocks.index(block) + 1:]
+        return name is not None and any(name in other.text for other in later if other.language == "sh")
 
     def check(self, command):
         """Runs a command that must succeed."""
