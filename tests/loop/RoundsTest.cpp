@@ -5,13 +5,13 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <future>
 #include <numeric>
 #include <thread>
 
 #include "loop/LoopFixture.h"
 #include "support/Faults.h"
 #include "support/Process.h"
+#include "support/Threads.h"
 
 namespace tarvo_test {
 namespace {
@@ -283,8 +283,7 @@ TEST_F(RoundsTest, AnotherThreadIsRefusedByEveryFunctionAndChangesNothing) {
     ServiceProbe service(loop);
     ASSERT_EQ(service.Open(UniqueName("service")), 0);
     const std::string free = UniqueName("free");
-    auto other =
-        std::async(std::launch::async, [&] { return CallEverything(loop.Get(), link.link, service.service, free); });
+    auto other = InBackground([&] { return CallEverything(loop.Get(), link.link, service.service, free); });
     EXPECT_EQ(other.get(), std::vector<int64_t>(FUNCTIONS, -EDEADLK));
     EXPECT_FALSE(peer.HasInput());
     ExpectAlive();

@@ -12,6 +12,7 @@
 #include "support/Faults.h"
 #include "support/Pipes.h"
 #include "support/Process.h"
+#include "support/Threads.h"
 
 namespace tarvo_test {
 namespace {
@@ -241,7 +242,7 @@ TEST_F(ServingTest, ClientThatNobodyIsToldOfIsNoCallback) {
     const std::string client = UniqueName("client");
     Write(Connect(client));
     RawPeer peer(client, name);
-    std::future<void> opened = std::async(std::launch::async, [&] { peer.OpenBoth(); });
+    std::future<void> opened = InBackground([&] { peer.OpenBoth(); });
     int ran = 0;
     while (opened.wait_for(std::chrono::seconds(0)) != std::future_status::ready || loop.Readable()) {
         if (loop.Readable(10)) {

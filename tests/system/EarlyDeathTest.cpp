@@ -14,6 +14,7 @@
 #include "support/Names.h"
 #include "support/Pipes.h"
 #include "support/RawPeer.h"
+#include "support/Threads.h"
 #include "tarvo.h"
 
 namespace tarvo_test {
@@ -71,7 +72,7 @@ TEST_F(EarlyDeathTest, AnswerWrittenBeforeTheEndIsDelivered) {
     Open();
     ASSERT_GT(fd, 0);
     remote.OpenWrite();
-    std::future<std::string> call = std::async(std::launch::async, [this] { return Ask(fd, "last one", -1); });
+    std::future<std::string> call = InBackground([this] { return Ask(fd, "last one", -1); });
     const RawFrame request = remote.Receive();
     remote.Send(RawResponse(request.id, "good-bye"));
     remote.CloseRead();

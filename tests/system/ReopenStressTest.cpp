@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <future>
 #include <string>
 
 #include "support/Eventually.h"
@@ -16,6 +15,7 @@
 #include "support/RawPeer.h"
 #include "support/Rounds.h"
 #include "support/SyslogCapture.h"
+#include "support/Threads.h"
 #include "tarvo.h"
 
 namespace tarvo_test {
@@ -69,7 +69,7 @@ protected:
             peer.CreateFiles();
             keeper = WriteEnd(peer.ReadFile());
         }
-        auto remote = std::async(std::launch::async, [this, mode, rounds] { BeTheRemote(mode, rounds); });
+        auto remote = InBackground([this, mode, rounds] { BeTheRemote(mode, rounds); });
         for (int round = 0; round < rounds; ++round) {
             TarvoAttr attr = MakeAttr(self, target, mode);
             fd = TarvoOpen(&attr);

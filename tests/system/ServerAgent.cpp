@@ -14,6 +14,7 @@
 
 #include "support/Faults.h"
 #include "support/SyslogCapture.h"
+#include "support/Threads.h"
 #include "tarvo.h"
 
 namespace tarvo_test {
@@ -149,7 +150,7 @@ private:
                 resumed.get_future().wait();
             },
             Where().PathHas(first));
-        serving = std::async(std::launch::async, [server = first] { return CreateServer(server); });
+        serving = InBackground([server = first] { return CreateServer(server); });
         held.get_future().wait();
         return "";
     }
@@ -171,11 +172,10 @@ private:
         const std::shared_future<void> gone = go.get_future().share();
         const int clients = std::stoi(third);
         for (int i = 0; i < clients; ++i) {
-            swarm.push_back(std::async(std::launch::async,
-                                       [gone, server = first, self = second + std::to_string(i), timeoutMs = number] {
-                                           gone.wait();
-                                           return ConnectAndCall(server, self, timeoutMs);
-                                       }));
+            swarm.push_back(InBackground([gone, server = first, self = second + std::to_string(i), timeoutMs = number] {
+                gone.wait();
+                return ConnectAndCall(server, self, timeoutMs);
+            }));
         }
         return "";
     }

@@ -11,6 +11,7 @@
 #include "HandleFixture.h"
 #include "support/Eventually.h"
 #include "support/Process.h"
+#include "support/Threads.h"
 
 namespace tarvo_test {
 namespace {
@@ -104,7 +105,7 @@ TEST_F(ClientTest, CallThatTheServerDiesInIsABrokenPipe) {
     servers[0].Serve();
     ASSERT_TRUE(client.WaitUntilUp(PATIENCE));
     EXPECT_EQ(client.Call("warm", PATIENCE).Text(), servers[0].Answer("warm"));
-    auto call = std::async(std::launch::async, [&] {
+    auto call = InBackground([&] {
         std::error_code error;
         (void)client.Call("silence", PATIENCE, error);
         return error;

@@ -5,10 +5,10 @@
 
 #include <algorithm>
 #include <csignal>
-#include <future>
 #include <thread>
 
 #include "HandleFixture.h"
+#include "support/Threads.h"
 #include "system/Users.h"
 
 namespace tarvo_test {
@@ -96,7 +96,7 @@ TEST_F(NamesTest, WaitForServerEndsWhenItServesOrInTime) {
     EXPECT_FALSE(tarvo::WaitForServer(remote, 30ms));
     EXPECT_GE(std::chrono::steady_clock::now() - start, 30ms);
     EXPECT_THAT(log.Messages(), testing::IsEmpty());
-    auto waiting = std::async(std::launch::async, [&] { return tarvo::WaitForServer(remote, PATIENCE); });
+    auto waiting = InBackground([&] { return tarvo::WaitForServer(remote, PATIENCE); });
     tarvo::Server::Start(tarvo::ServerOptions().As(remote).OnRequest(ReplyEcho));
     EXPECT_TRUE(waiting.get());
     EXPECT_EQ(tarvo::Pipe::Connect(remote).Call("there", PATIENCE).Text(), "there");

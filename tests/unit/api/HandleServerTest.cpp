@@ -75,7 +75,7 @@ TEST_F(HandleTest, FirstRequestWaitsForASlowOnClient) {
                                  return "ok";
                              }));
     const tarvo::Pipe pipe = Connect(self);
-    auto call = std::async(std::launch::async, [&] { return pipe.Call("first", PATIENCE); });
+    auto call = InBackground([&] { return pipe.Call("first", PATIENCE); });
     entered.get_future().wait();
     leave.set_value();
     EXPECT_EQ(call.get().Text(), "ok");

@@ -11,6 +11,7 @@
 #include "support/AllocFaults.h"
 #include "support/Eventually.h"
 #include "support/FifoWatch.h"
+#include "support/Threads.h"
 
 namespace tarvo_test {
 namespace {
@@ -87,7 +88,7 @@ TEST_F(HandleTest, TicketAnswersAfterTheCallback) {
     std::promise<tarvo::Ticket> kept;
     const CallbacksEnd end;
     OpenBoth(tarvo::Options().OnRequest([&](const tarvo::Request &request) { kept.set_value(request.Keep()); }));
-    auto call = std::async(std::launch::async, [&] { return far.Call("question", PATIENCE); });
+    auto call = InBackground([&] { return far.Call("question", PATIENCE); });
     EXPECT_FALSE(kept.get_future().get().Reply("late answer"));
     EXPECT_EQ(call.get().Text(), "late answer");
 }

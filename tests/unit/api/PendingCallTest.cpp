@@ -7,6 +7,7 @@
 #include "ApiFixture.h"
 #include "support/FakeClock.h"
 #include "support/Faults.h"
+#include "support/Threads.h"
 
 namespace tarvo_test {
 namespace {
@@ -85,10 +86,10 @@ TEST_F(PendingCallTest, ResponseThatComesAfterTheTimeOutGoesNowhere) {
 }
 
 TEST_F(PendingCallTest, EveryCallHasAnIdOfItsOwn) {
-    auto call = std::async(std::launch::async, [this] { return Ask(fd, "first"); });
+    auto call = InBackground([this] { return Ask(fd, "first"); });
     const RawFrame first = peer.Receive();
     EXPECT_EQ(first.timeout, PIPE_OPEN_TIMEOUT_MS);
-    auto other = std::async(std::launch::async, [this] { return Ask(fd, "second"); });
+    auto other = InBackground([this] { return Ask(fd, "second"); });
     const RawFrame second = peer.Receive();
     EXPECT_NE(first.id, second.id);
     peer.Send(RawResponse(second.id, "to second"));
@@ -100,13 +101,11 @@ TEST_F(PendingCallTest, EveryCallHasAnIdOfItsOwn) {
 // The id in the object is the later call's when the earlier one ends.
 TEST_F(PendingCallTest, CallsOverOneRequestObjectDoNotTakeEachOthersPlace) {
     FakeClock clock;
-    auto earlier =
-        std::async(std::launch::async, [&] { return TarvoTimedRPCSync(fd, &blocks.request, &response, HOUR_MS); });
+    auto earlier = InBackground([&] { return TarvoTimedRPCSync(fd, &blocks.request, &response, HOUR_MS); });
     ASSERT_TRUE(clock.WaitUntilWaiting(1, std::chrono::minutes(30)));
     const uint32_t earlierId = peer.Receive().id;
     TarvoResponse laterResponse{};
-    auto later = std::async(std::launch::async,
-                            [&] { return TarvoTimedRPCSync(fd, &blocks.request, &laterResponse, 2 * HOUR_MS); });
+    auto later = InBackground([&] { return TarvoTimedRPCSync(fd, &blocks.request, &laterResponse, 2 * HOUR_MS); });
     ASSERT_TRUE(clock.WaitUntilWaiting(2, std::chrono::minutes(30)));
     const uint32_t laterId = peer.Receive().id;
     EXPECT_NE(earlierId, laterId);
@@ -129,7 +128,7 @@ TEST_F(PendingCallTest, FramesTellHowLongTheirCallerWaits) {
     EXPECT_EQ(TarvoTimedRPCSync(fd, &blocks.request, &response, 10), -ETIMEDOUT);
     EXPECT_EQ(peer.Receive().timeout, 10);
 
-    auto call = std::async(std::launch::async, [this] { return TarvoRPCSync(fd, &blocks.request, &response); });
+    auto call = InBackground([this] { return TarvoRPCSync(fd, &blocks.request, &response); });
     const RawFrame frame = peer.Receive();
     EXPECT_EQ(frame.timeout, -1);
     EXPECT_EQ(frame.id, blocks.request.id) << "written into the caller's request before it is sent";
@@ -140,7 +139,7 @@ TEST_F(PendingCallTest, FramesTellHowLongTheirCallerWaits) {
 
 TEST_F(PendingCallTest, ClosedPipeEndsTheWait) {
     const FakeClock clock;
-    auto call = std::async(std::launch::async, [this] { return Ask(fd, "anyone", HOUR_MS); });
+    auto call = InBackground([this] { return Ask(fd, "anyone", HOUR_MS); });
     ASSERT_TRUE(clock.WaitUntilWaiting(1, std::chrono::minutes(30)));
     EXPECT_EQ(TarvoClosePipe(fd), 0);
     EXPECT_EQ(call.get(), "error -32");
@@ -168,7 +167,7 @@ TEST_F(PendingCallTest, ThousandAndFirstOutstandingCallIsRefused) {
     const FakeClock clock;
     std::vector<std::future<std::string>> calls;
     for (int i = 0; i < LIMIT; ++i) {
-        calls.push_back(std::async(std::launch::async, [this] { return Ask(fd, "one", HOUR_MS); }));
+        calls.push_back(InBackground([this] { return Ask(fd, "one", HOUR_MS); }));
         peer.Receive();
     }
     ASSERT_TRUE(clock.WaitUntilWaiting(LIMIT, std::chrono::minutes(30)));

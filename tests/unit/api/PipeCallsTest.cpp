@@ -236,7 +236,7 @@ TEST_F(ApiTest, FinishingStopsTheServerBeforeItClosesThePipes) {
 TEST_F(ApiTest, FinishingReleasesACallerThatWaits) {
     const FakeClock clock;
     const PipePair pair([](int, TarvoRequest *) {});
-    auto call = std::async(std::launch::async, [&] { return Ask(pair.far, "anyone", HOUR_MS); });
+    auto call = InBackground([&] { return Ask(pair.far, "anyone", HOUR_MS); });
     ASSERT_TRUE(clock.WaitUntilWaiting(1, std::chrono::minutes(30)));
     TarvoCfgFinishServer();
     EXPECT_EQ(call.get(), "error -32");

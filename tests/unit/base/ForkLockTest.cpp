@@ -3,11 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <future>
 #include <thread>
 
 #include "support/FakeClock.h"
 #include "support/ThreadSanitizer.h"
+#include "support/Threads.h"
 
 namespace {
 
@@ -26,7 +26,7 @@ void TakeForGood(Mutex &mutex) NO_THREAD_SAFETY_ANALYSIS { mutex.lock(); }
 
 // From another thread: a lock may not be tried by the one that has it.
 bool IsFree(Mutex &mutex) {
-    return std::async(std::launch::async, [&mutex] { return TryAndLeave(mutex); }).get();
+    return tarvo_test::InBackground([&mutex] { return TryAndLeave(mutex); }).get();
 }
 
 TEST(ForkLock, IsHeldAcrossTheForkAndFreeAfterwardsOnBothSides) {

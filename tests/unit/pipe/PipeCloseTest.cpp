@@ -7,6 +7,7 @@
 
 #include "PipeEnvironment.h"
 #include "PipeFixture.h"
+#include "support/Threads.h"
 
 namespace tarvo_test {
 namespace {
@@ -211,7 +212,7 @@ TEST_F(PipeCloseTest, CloseWakesEveryCallerThatWaits) {
     const Pipe pipe = OpenPipe(Attr(TARVO_MODE_SERVER));
     std::vector<std::future<int>> callers;
     for (int i = 0; i < CALLERS; ++i) {
-        callers.push_back(std::async(std::launch::async, [&] {
+        callers.push_back(InBackground([&] {
             TarvoRequest request{};
             TarvoResponse response{};
             EXPECT_EQ(pipe->RecordOutRequest(request, response, 60000), 0);

@@ -7,11 +7,11 @@
 
 #include <atomic>
 #include <chrono>
-#include <future>
 #include <optional>
 
 #include "PipeEnvironment.h"
 #include "PipeFixture.h"
+#include "support/Threads.h"
 
 namespace tarvo_test {
 namespace {
@@ -179,7 +179,7 @@ TEST_F(PipeOpenClientTest, BelowOneMillisecondWaitsWithoutLimitAndSaysSoEveryTho
 TEST_F(PipeOpenClientTest, RemoteThatComesLateIsWaitedFor) {
     const Pipe pipe = MakeClientPipe(30000);
     const CallCounter attempts(Call::Access, Where().Path(writeFile));
-    auto opening = std::async(std::launch::async, [&] { return pipe->TimedOpen(30000); });
+    auto opening = InBackground([&] { return pipe->TimedOpen(30000); });
     ASSERT_TRUE(attempts.WaitFor(5));
     peer.CreateFiles();
     EXPECT_EQ(opening.get(), 0);
@@ -206,7 +206,7 @@ TEST_F(PipeOpenClientTest, FilesOfADeadRemoteThatComesBackAreUsedThen) {
     ASSERT_EQ(mkfifo(readFile.c_str(), 0660), 0);
     const Pipe pipe = MakeClientPipe(30000);
     const CallCounter attempts(Call::Open, Where().PathHas(writeFile));
-    auto opening = std::async(std::launch::async, [&] { return pipe->TimedOpen(30000); });
+    auto opening = InBackground([&] { return pipe->TimedOpen(30000); });
     ASSERT_TRUE(attempts.WaitFor(5));
     peer.CreateFiles();
     EXPECT_EQ(opening.get(), 0);

@@ -9,6 +9,7 @@
 
 #include "PipeEnvironment.h"
 #include "PipeFixture.h"
+#include "support/Threads.h"
 
 namespace tarvo_test {
 namespace {
@@ -41,7 +42,7 @@ protected:
 
     // The background task of `pipe` on a thread; it sleeps by the clock when this returns.
     static std::future<int> StartTask(const Pipe &pipe, const FakeClock &clock) {
-        auto task = std::async(std::launch::async, [pipe] { return TarvoPipeImpl::HandleServerOpen(pipe); });
+        auto task = InBackground([pipe] { return TarvoPipeImpl::HandleServerOpen(pipe); });
         EXPECT_TRUE(clock.WaitUntilWaiting(1));
         return task;
     }

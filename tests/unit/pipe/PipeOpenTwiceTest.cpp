@@ -6,6 +6,7 @@
 
 #include "PipeEnvironment.h"
 #include "PipeFixture.h"
+#include "support/Threads.h"
 
 namespace tarvo_test {
 namespace {
@@ -17,7 +18,7 @@ protected:
     // Opens on another thread and returns once that waits for the remote's files.
     std::future<int> StartOpening(const Pipe &pipe, int timeout) const {
         const CallCounter attempts(Call::Access, Where().Path(writeFile));
-        auto opening = std::async(std::launch::async, [=] { return pipe->TimedOpen(timeout); });
+        auto opening = InBackground([=] { return pipe->TimedOpen(timeout); });
         EXPECT_TRUE(attempts.WaitFor(3));
         return opening;
     }
@@ -70,7 +71,7 @@ TEST_F(PipeOpenTwiceTest, SecondThreadTimesOutWhileTheFirstWaits) {
     FakeClock clock;
     const Pipe pipe = MakeClientPipe(0);
     auto first = StartOpening(pipe, -1);
-    auto second = std::async(std::launch::async, [&] { return pipe->TimedOpen(5000); });
+    auto second = InBackground([&] { return pipe->TimedOpen(5000); });
     ASSERT_TRUE(clock.WaitUntilWaiting(1, milliseconds(1000)));
     clock.Advance(milliseconds(5000));
     EXPECT_EQ(second.get(), -ETIMEDOUT);
@@ -94,7 +95,7 @@ TEST_F(PipeOpenTwiceTest, SecondThreadFindsThePipeThatTheFirstHasOpened) {
     FakeClock clock;
     const Pipe pipe = MakeClientPipe(0);
     auto first = StartOpening(pipe, -1);
-    auto second = std::async(std::launch::async, [&] { return pipe->TimedOpen(60000); });
+    auto second = InBackground([&] { return pipe->TimedOpen(60000); });
     ASSERT_TRUE(clock.WaitUntilWaiting(1, milliseconds(1000)));
     peer.CreateFiles();
     EXPECT_EQ(first.get(), 0);
@@ -120,7 +121,7 @@ TEST_F(PipeOpenTwiceTest, CloseEndsTheWaitForTheReader) {
     ASSERT_EQ(mkfifo(writeFile.c_str(), 0660), 0);
     const Pipe pipe = MakeClientPipe(0);
     const CallCounter attempts(Call::Open, Where().PathHas(writeFile));
-    auto opening = std::async(std::launch::async, [&] { return pipe->TimedOpen(-1); });
+    auto opening = InBackground([&] { return pipe->TimedOpen(-1); });
     ASSERT_TRUE(attempts.WaitFor(3));
     EXPECT_EQ(pipe->CloseFd(), 0);
     EXPECT_EQ(opening.get(), -1);
@@ -133,7 +134,7 @@ TEST_F(PipeOpenTwiceTest, CloseEndsTheWaitForTheReadFile) {
     peer.OpenRead();
     const Pipe pipe = MakeClientPipe(0);
     const CallCounter attempts(Call::Access, Where().Path(readFile));
-    auto opening = std::async(std::launch::async, [&] { return pipe->TimedOpen(-1); });
+    auto opening = InBackground([&] { return pipe->TimedOpen(-1); });
     ASSERT_TRUE(attempts.WaitFor(3));
     EXPECT_EQ(pipe->CloseFd(), 0);
     EXPECT_EQ(opening.get(), -ECANCELED);
@@ -177,7 +178,7 @@ TEST_F(PipeOpenTwiceTest, DescriptorIsNotClosedWhileItIsBeingRegistered) {
     std::unique_ptr<CallCounter> closes;
     observer.Do(Report::PipeOpened, [&](const ObserverCall &call) {
         closes = std::make_unique<CallCounter>(Call::Close, Where().Fd(call.readFd));
-        closing = std::async(std::launch::async, [&] { return pipe->CloseFd(); });
+        closing = InBackground([&] { return pipe->CloseFd(); });
         // The close has begun once the pipe takes no more requests.
         while (pipe->HandleRequest(nullptr, [](int, TarvoRequest *) {}) == 0) {
         }
@@ -197,8 +198,7 @@ TEST_F(PipeOpenTwiceTest, OpenDuringACloseComesAfterIt) {
     {
         // The close has closed its descriptors and is about to remove the files.
         const ScopedHook removing(
-            Call::Unlink,
-            [&](const CallInfo &) { opening = std::async(std::launch::async, [&] { return pipe->TimedOpen(-1); }); },
+            Call::Unlink, [&](const CallInfo &) { opening = InBackground([&] { return pipe->TimedOpen(-1); }); },
             Where().Path(readFile));
         pipe->DeInitPipe();
     }

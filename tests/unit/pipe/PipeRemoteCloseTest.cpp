@@ -12,6 +12,7 @@
 #include "PipeEnvironment.h"
 #include "PipeFixture.h"
 #include "support/Process.h"
+#include "support/Threads.h"
 
 namespace tarvo_test {
 namespace {
@@ -63,7 +64,7 @@ TEST_F(PipeRemoteCloseTest, WithoutCallbackThePipeIsClosedAtOnce) {
 TEST_F(PipeRemoteCloseTest, WithoutCallbackWaitingCallersAreWoken) {
     FakeClock clock;
     const Pipe pipe = OpenPipe(Attr(TARVO_MODE_SERVER));
-    auto caller = std::async(std::launch::async, [&] {
+    auto caller = InBackground([&] {
         TarvoRequest request{};
         TarvoResponse response{};
         EXPECT_EQ(pipe->RecordOutRequest(request, response, 60000), 0);
@@ -312,7 +313,7 @@ TEST_F(PipeRemoteCloseTest, OpenDuringARemoteCloseComesAfterIt) {
         // The pipe has left its monitor, and its descriptors are still open.
         observer.Do(Report::RemoteClosed, [&](const ObserverCall &) {
             const CallCounter asks(Call::ClockGettime);
-            opening = std::async(std::launch::async, [&] { return pipe->TimedOpen(30000); });
+            opening = InBackground([&] { return pipe->TimedOpen(30000); });
             ASSERT_TRUE(asks.WaitFor(1));
             EXPECT_EQ(observer.Count(Report::PipeOpened), opened);
         });
@@ -360,7 +361,7 @@ TEST_F(PipeRemoteCloseTest, CallbackObjectIsNotCopiedUnderALock) {
     attr.callback = CopiesUnderLock([&] {
         const Pipe owner = watch.lock();
         if (owner && ++copies == 1) {
-            std::async(std::launch::async, [&] {
+            InBackground([&] {
                 owner->HandleRemoteClosed(owner->Opening() + 1);
                 owner->Retire();
             }).get();

@@ -15,6 +15,7 @@
 #include "support/FakeClock.h"
 #include "support/Faults.h"
 #include "support/Rounds.h"
+#include "support/Threads.h"
 
 namespace tarvo_test {
 namespace {
@@ -44,8 +45,7 @@ protected:
 
     // The call waits on a thread of its own, and has begun to when this returns.
     std::future<int> WaitOnThread(const FakeClock &clock, int timeoutMs) {
-        std::future<int> result =
-            std::async(std::launch::async, [this, timeoutMs] { return pipe->WaitForResponse(request, timeoutMs); });
+        std::future<int> result = InBackground([this, timeoutMs] { return pipe->WaitForResponse(request, timeoutMs); });
         EXPECT_TRUE(clock.WaitUntilWaiting(1));
         return result;
     }
@@ -157,7 +157,7 @@ TEST_F(PipeRequestTest, ResponseBetweenExpiryAndRemovalIsFreedNotLeaked) {
 TEST_F(PipeRequestTest, UnlimitedWaitEndsWithTheResponse) {
     Record(-1);
     const CallCounter waits(Call::SemWait);
-    std::future<int> result = std::async(std::launch::async, [this] { return pipe->WaitForResponse(request, -1); });
+    std::future<int> result = InBackground([this] { return pipe->WaitForResponse(request, -1); });
     ASSERT_TRUE(waits.WaitFor(1));
     Answer(request.id, "at last");
     EXPECT_EQ(result.get(), 0);
@@ -168,7 +168,7 @@ TEST_F(PipeRequestTest, SignalsDoNotEndAnUnlimitedWait) {
     Record(-1);
     const ScopedFault interrupted(Call::SemWait, EINTR, Where().Times(3));
     const CallCounter waits(Call::SemWait);
-    std::future<int> result = std::async(std::launch::async, [this] { return pipe->WaitForResponse(request, -1); });
+    std::future<int> result = InBackground([this] { return pipe->WaitForResponse(request, -1); });
     ASSERT_TRUE(waits.WaitFor(4));
     Answer(request.id, "at last");
     EXPECT_EQ(result.get(), 0);
@@ -188,7 +188,7 @@ TEST_F(PipeRequestTest, CloseDuringTheWaitIsABrokenPipe) {
 TEST_F(PipeRequestTest, CloseDuringAnUnlimitedWaitIsABrokenPipe) {
     Record(-1);
     const CallCounter waits(Call::SemWait);
-    std::future<int> result = std::async(std::launch::async, [this] { return pipe->WaitForResponse(request, -1); });
+    std::future<int> result = InBackground([this] { return pipe->WaitForResponse(request, -1); });
     ASSERT_TRUE(waits.WaitFor(1));
     pipe->DeInitPipe();
     EXPECT_EQ(result.get(), -EPIPE);

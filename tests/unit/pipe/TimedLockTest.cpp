@@ -11,6 +11,7 @@
 
 #include "support/FakeClock.h"
 #include "support/Faults.h"
+#include "support/Threads.h"
 
 namespace tarvo_test {
 namespace {
@@ -59,7 +60,7 @@ bool IsFree(std::timed_mutex &mutex) {
 
 // Locks and gives back on a thread of its own; yields the result and the time that was left then.
 std::future<std::pair<int, int>> LockElsewhere(std::timed_mutex &mutex, int timeout) {
-    return std::async(std::launch::async, [&mutex, timeout] {
+    return InBackground([&mutex, timeout] {
         TimedLock lock(mutex, timeout);
         const int ret = lock.Lock();
         return std::make_pair(ret, lock.GetRemainingTime());

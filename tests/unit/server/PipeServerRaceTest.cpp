@@ -24,7 +24,7 @@ protected:
     // A start on another thread that waits for what this one is at.
     std::future<int> StartThatWaits() {
         std::promise<pid_t> begun;
-        std::future<int> result = std::async(std::launch::async, [&begun, this] {
+        std::future<int> result = InBackground([&begun, this] {
             begun.set_value(gettid());
             return Start();
         });
@@ -36,7 +36,7 @@ protected:
 TEST_F(PipeServerRaceTest, OneOfManyConcurrentInitsStartsTheServer) {
     std::vector<std::future<int>> results;
     for (int i = 0; i < 8; ++i) {
-        results.push_back(std::async(std::launch::async, [this] { return Start(); }));
+        results.push_back(InBackground([this] { return Start(); }));
     }
     int started = 0;
     for (std::future<int> &result : results) {

@@ -80,7 +80,7 @@ TEST_F(TableTest, DisablingWakesThoseWhoWaitForAnAnswer) {
     JoinedRawPeer peer(remote, self);
     const auto pipe = table->GetPipe(fd);
     const FakeClock clock;
-    auto waiting = std::async(std::launch::async, [&] { return CallThrough(*pipe); });
+    auto waiting = InBackground([&] { return CallThrough(*pipe); });
     ASSERT_TRUE(clock.WaitUntilWaiting(1, std::chrono::minutes(30)));
     table->DisableTarvoTable();
     EXPECT_EQ(waiting.get(), -EPIPE);
@@ -91,7 +91,7 @@ TEST_F(TableTest, DisablingEndsAnOpenThatWaits) {
     TarvoAttr attr = MakeAttr(self, remote, TARVO_MODE_CLIENT);
     attr.timeout = 0; // no limit
     const CallCounter lookups(Call::Access, Where().PathHas(remote));
-    auto opened = std::async(std::launch::async, [&] { return Open(attr); });
+    auto opened = InBackground([&] { return Open(attr); });
     ASSERT_TRUE(lookups.WaitFor(3));
     table->DisableTarvoTable();
     EXPECT_EQ(opened.get(), -ECANCELED);
@@ -116,7 +116,7 @@ TEST_F(TableTest, DisablingRetiresAPipeBeforeItLeavesItsMonitor) {
     // Otherwise an open that is under way registers it again, and its descriptor is closed while it is watched.
     const ScopedHook removal(Call::EpollCtl, [&](const CallInfo &info) {
         if (info.number == EPOLL_CTL_DEL) {
-            open = std::async(std::launch::async, [&pipe] { return pipe->TimedOpen(100); });
+            open = InBackground([&pipe] { return pipe->TimedOpen(100); });
             ended = open.wait_for(std::chrono::seconds(5));
         }
     });
@@ -138,7 +138,7 @@ TEST_F(TableTest, DisablingWaitsForTheCallbackThatRuns) {
     JoinedRawPeer peer(remote, self);
     peer.Send(RawRequest(1, "hello"));
     entered.get_future().get();
-    auto disabled = std::async(std::launch::async, [&] {
+    auto disabled = InBackground([&] {
         table->DisableTarvoTable();
         return left.load();
     });
@@ -150,7 +150,7 @@ TEST_F(TableTest, DisablingWaitsForTheCallbackThatRuns) {
 
 TEST_F(TableTest, DisablingTwiceAndFromTwoThreadsIsHarmless) {
     OpenNew();
-    auto other = std::async(std::launch::async, [&] { table->DisableTarvoTable(); });
+    auto other = InBackground([&] { table->DisableTarvoTable(); });
     table->DisableTarvoTable();
     EXPECT_TRUE(table->GetIsDisable());
     other.get();

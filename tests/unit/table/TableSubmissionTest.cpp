@@ -16,6 +16,7 @@
 #include "support/Asleep.h"
 #include "support/Eventually.h"
 #include "support/Faults.h"
+#include "support/Threads.h"
 #include "worker/TarvoTask.h"
 
 namespace tarvo_test {
@@ -109,7 +110,7 @@ TEST_F(SubmissionTest, BackgroundOpenThatComesTooLateIsReportedByThePool) {
 // What the program's own copy constructor waits for may be the end of the table, or a pipe that it opens itself.
 TEST_F(SubmissionTest, TableCanBeDisabledWhileACallbackIsBeingCopied) {
     Hook copied{[&] {
-        std::async(std::launch::async, [&] { table->DisableTarvoTable(); }).get();
+        InBackground([&] { table->DisableTarvoTable(); }).get();
         OpenInBackground();
     }};
     const std::function<void()> task = UserObject(&copied, nullptr);
@@ -120,7 +121,7 @@ TEST_F(SubmissionTest, TableCanBeDisabledWhileACallbackIsBeingCopied) {
 }
 
 TEST_F(SubmissionTest, TableCanBeDisabledWhileARefusedCallbackIsBeingDestroyed) {
-    Hook destroyed{[&] { std::async(std::launch::async, [&] { table->DisableTarvoTable(); }).get(); }};
+    Hook destroyed{[&] { InBackground([&] { table->DisableTarvoTable(); }).get(); }};
     const std::function<void()> task = UserObject(nullptr, &destroyed);
     destroyed.armed = true;
     EXPECT_EQ(table->OnAsyncRequestIn(task, TARVO_PRIORITY_NONE), -EINVAL);
@@ -146,7 +147,7 @@ TEST_F(SubmissionTest, CallbackThatSubmitsDuringTheEndHoldsNobodyUp) {
               0);
     occupied.get_future().get();
     const auto begin = [](std::promise<pid_t> &id, auto body) {
-        return std::async(std::launch::async, [&id, body] {
+        return InBackground([&id, body] {
             id.set_value(gettid());
             return body();
         });

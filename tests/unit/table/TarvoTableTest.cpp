@@ -17,6 +17,7 @@
 #include "support/Faults.h"
 #include "support/FifoWatch.h"
 #include "support/RawPeer.h"
+#include "support/Threads.h"
 
 namespace tarvo_test {
 namespace {
@@ -87,7 +88,7 @@ TEST_F(TableTest, OpenThatIsClosedMeanwhileIsCancelled) {
     const std::string remote = UniqueName("remote");
     const TarvoAttr attr = MakeAttr(self, remote, TARVO_MODE_CLIENT);
     const CallCounter lookups(Call::Access, Where().PathHas(remote));
-    auto opened = std::async(std::launch::async, [&] { return Open(attr); });
+    auto opened = InBackground([&] { return Open(attr); });
     ASSERT_TRUE(lookups.WaitFor(3));
     table->CloseTarvoPipe(2);
     EXPECT_EQ(opened.get(), -ECANCELED);
@@ -111,7 +112,7 @@ TEST_F(TableTest, WaitingOpenHoldsUpNobody) {
     const std::string remote = UniqueName("remote");
     const TarvoAttr attr = MakeAttr(self, remote, TARVO_MODE_CLIENT);
     const CallCounter lookups(Call::Access, Where().PathHas(remote));
-    auto opened = std::async(std::launch::async, [&] { return Open(attr); });
+    auto opened = InBackground([&] { return Open(attr); });
     ASSERT_TRUE(lookups.WaitFor(3));
     const int other = OpenNew();
     EXPECT_EQ(other, 3);
@@ -214,7 +215,7 @@ TEST_F(TableTest, LookupsShareTheLock) {
     const int fd = OpenNew();
     SharedMutex &lock = (*table).*Get(TableLock());
     const ReadLock held(lock);
-    auto found = std::async(std::launch::async, [&] { return table->GetPipe(fd) != nullptr; });
+    auto found = InBackground([&] { return table->GetPipe(fd) != nullptr; });
     EXPECT_TRUE(found.get());
 }
 
