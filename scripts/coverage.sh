@@ -38,8 +38,8 @@ counts=$build/profile merged=$build/coverage.profdata
 libraries=("$build/src/libtarvo.so")
 # What counts besides: the other library, and the programs that test parts of them, or are linked with the reader's archive.
 for counted in src/loop/libtarvo-loop.so tests/unit/base/unit_base tests/unit/base/unit_base_semaphore \
-    tests/unit/loop/unit_loop_frames tests/unit/loop/unit_loop_parts tests/unit/pipe/unit_pipe \
-    tests/unit/pipe/unit_pipe_calls tests/unit/stats/unit_stats tests/unit/stats_reader/unit_stats_reader; do
+    tests/unit/loop/unit_loop_frames tests/unit/loop/unit_loop_parts tests/unit/stats/unit_stats \
+    tests/unit/stats_reader/unit_stats_reader; do
     libraries+=(-object "$build/$counted")
 done
 failed=0
