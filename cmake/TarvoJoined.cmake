@@ -1,11 +1,11 @@
 # tarvo_join_sources(target [APART source...])
 #
-# Under sanitizers a library's sources are compiled many at a time, in a third of the time: most of it goes into what they
-# include. What ships is compiled source by source. Each source has a LOG_TAG of its own; what else has a name that is
-# each one's own in two of them stays APART.
+# Under sanitizers, and with TARVO_JOIN, a library's sources are compiled many at a time, in a third of the time: most of
+# it goes into what they include. What ships is compiled source by source. Each source has a LOG_TAG of its own; what else
+# has a name that is each one's own in two of them stays APART.
 function(tarvo_join_sources target)
   cmake_parse_arguments(arg "" "" "APART" ${ARGN})
-  if(NOT TARVO_SANITIZE)
+  if(NOT TARVO_SANITIZE AND NOT TARVO_JOIN)
     return()
   endif()
   set_target_properties(

@@ -11,7 +11,7 @@ if(PROJECT_IS_TOP_LEVEL AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
 endif()
 
 function(tarvo_precompile target)
-  if(TARVO_PRECOMPILE AND NOT TARVO_SANITIZE)
+  if(TARVO_PRECOMPILE AND NOT TARVO_SANITIZE AND NOT TARVO_JOIN)
     target_precompile_headers(
       ${target}
       PRIVATE <algorithm>

@@ -6,8 +6,8 @@ cd "$(dirname "$0")/.."
 
 usage() {
     cat <<'TEXT'
-Usage: scripts/test.sh [--part NAME] [--build-only | --tests-only] [--objects-of PRESET] [PRESET...]
-                       [-- CTEST_ARGUMENT...]
+Usage: scripts/test.sh [--part NAME] [--build-only | --tests-only] [--objects-of PRESET] [--joined]
+                       [PRESET...] [-- CTEST_ARGUMENT...]
 
 Installs what is missing, configures, builds and tests each preset (default: release): release, debug, checked, asan,
 tsan, clang, arm64. Arguments after -- go to ctest, whose output is then shown whole.
@@ -17,6 +17,7 @@ tsan, clang, arm64. Arguments after -- go to ctest, whose output is then shown w
   --tests-only  run what --build-only has built
   --objects-of PRESET
                 link most test programs of what that preset, which is built, has compiled: the libraries differ only
+  --joined      compile many sources of a library at a time, which is faster; what ships is not
 
 Where the kernel allows it, tests get a FIFO directory of their own, and several of these runs do not meet.
 
@@ -59,7 +60,8 @@ configure_and_build() {
     local preset=$1 target=()
     [[ -z $part ]] || target=(--target "tests_$part")
     mkdir -p "build/$preset"
-    quietly "build/$preset/configure.log" configure "$preset" "-DTARVO_OBJECTS_OF=${objects_of:+$PWD/build/$objects_of}" ||
+    quietly "build/$preset/configure.log" configure "$preset" "-DTARVO_OBJECTS_OF=${objects_of:+$PWD/build/$objects_of}" \
+        -DTARVO_JOIN=$joined ||
         return 1
     if [[ -t 1 ]]; then
         cmake --build --preset "$preset" "${target[@]}"
@@ -93,7 +95,7 @@ print_skipped() {
 
 main() {
     local presets=() failed=0 groups build=true tests=true
-    part='' objects_of=''
+    part='' objects_of='' joined=OFF
     while [[ $# -gt 0 ]]; do
         case $1 in
         -h | --help) usage && return 0 ;;
@@ -101,6 +103,7 @@ main() {
         --build-only) tests=false ;;
         --tests-only) build=false ;;
         --objects-of) objects_of=${2:?preset} && shift ;;
+        --joined) joined=ON ;;
         --)
             shift
             break
