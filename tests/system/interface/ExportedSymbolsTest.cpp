@@ -3,9 +3,10 @@
 #include <gtest/gtest.h>
 #include <link.h>
 
+#include <cctype>
+#include <cstddef>
 #include <fstream>
 #include <memory>
-#include <regex>
 #include <set>
 #include <string>
 
@@ -82,20 +83,30 @@ private:
     std::unique_ptr<void, Close> library{dlopen(TARVO_LIBRARY, RTLD_NOW)};
 };
 
+// The name of the function that a line declares; none where it declares something else.
+std::string FunctionIn(const std::string &line) {
+    const std::size_t end = line.find('(');
+    const std::size_t before = line.find_last_of(" *", end);
+    if (end == std::string::npos || before == std::string::npos ||
+        std::isalpha(static_cast<unsigned char>(line[0])) == 0) {
+        return "";
+    }
+    return line.substr(before + 1, end - before - 1);
+}
+
 // Names of the functions that the public header declares on one side of its `extern "C"`.
 Names Declared(bool plain) {
     std::ifstream header(TARVO_PUBLIC_HEADER);
-    const std::regex function(R"(^\w[\w ]* \*?(\w+)\(.*)");
     Names names;
     bool inPlain = false;
     for (std::string line; std::getline(header, line);) {
-        std::smatch match;
+        const std::string function = FunctionIn(line);
         if (line == "extern \"C\" {") {
             inPlain = true;
         } else if (line == "} // extern \"C\"") {
             inPlain = false;
-        } else if (inPlain == plain && std::regex_match(line, match, function)) {
-            names.insert(match[1]);
+        } else if (inPlain == plain && !function.empty()) {
+            names.insert(function);
         }
     }
     return names;
