@@ -25,6 +25,15 @@
 # therefore done for folders that set TARVO_TESTS_OUTSIDE: their tests meet the libraries at exported functions, and each
 # other with the locks of the C library.
 
+# tarvo_add_test_part(NAME source... [LIBS target...] [EACH_BUILD])
+#
+# What several test programs are linked of, besides their own sources. It is compiled as they are, and brings LIBS along.
+
+# tarvo_test_options(target...)
+#
+# How everything is compiled that tests are made of: without optimisation, which would take most of the time that a change
+# waits for its verdict, and tests nothing. The library under test is built as the preset says.
+
 # tarvo_skip_test(NAME reason)
 #
 # Stands for tests that cannot run in this build: CTest lists it as skipped, and scripts/test.sh prints the reason.
@@ -59,6 +68,38 @@ function(tarvo_test_objects result name)
   set(${result} ${found} PARENT_SCOPE)
 endfunction()
 
+function(tarvo_test_options)
+  foreach(target ${ARGN})
+    target_compile_options(${target} PRIVATE -O0)
+    if(TARVO_SANITIZE MATCHES "undefined" AND CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+      # For the same reason: it is the library whose arithmetic and casts are looked at.
+      target_compile_options(${target} PRIVATE -fno-sanitize=undefined)
+    endif()
+  endforeach()
+endfunction()
+
+function(tarvo_add_test_part name)
+  cmake_parse_arguments(arg "EACH_BUILD" "" "LIBS" ${ARGN})
+  set(objects ${arg_UNPARSED_ARGUMENTS})
+  if(NOT arg_EACH_BUILD)
+    tarvo_test_objects(objects ${name} ${objects})
+  endif()
+  if(objects STREQUAL arg_UNPARSED_ARGUMENTS)
+    add_library(${name} OBJECT ${objects})
+    target_link_libraries(${name} PUBLIC tarvo_options ${arg_LIBS} GTest::gtest)
+    target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/tests)
+    set_target_properties(${name} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 20)
+    if(TARGET tarvo_test_precompiled)
+      target_precompile_headers(${name} REUSE_FROM tarvo_test_precompiled)
+    endif()
+    tarvo_test_options(${name})
+  else()
+    add_library(${name} INTERFACE)
+    target_sources(${name} INTERFACE ${objects})
+    target_link_libraries(${name} INTERFACE ${arg_LIBS})
+  endif()
+endfunction()
+
 function(tarvo_add_test name)
   cmake_parse_arguments(arg "PORTABLE;ONE_THREAD;COUNTED;EACH_BUILD" "TIMEOUT" "LIBS" ${ARGN})
   if(arg_ONE_THREAD AND TARVO_SANITIZE MATCHES "thread")
@@ -81,13 +122,7 @@ function(tarvo_add_test name)
   if(TARGET tarvo_test_precompiled AND NOT (arg_COUNTED AND TARVO_COVERAGE))
     target_precompile_headers(${name} REUSE_FROM tarvo_test_precompiled)
   endif()
-  # Optimising the tests would take most of the time that a change waits for its verdict, and tests nothing: the
-  # library under test is built as the preset says.
-  target_compile_options(${name} PRIVATE -O0)
-  if(TARVO_SANITIZE MATCHES "undefined" AND CMAKE_CXX_COMPILER_ID MATCHES "Clang")
-    # For the same reason: it is the library whose arithmetic and casts are looked at.
-    target_compile_options(${name} PRIVATE -fno-sanitize=undefined)
-  endif()
+  tarvo_test_options(${name})
   if(arg_COUNTED AND TARVO_COVERAGE)
     target_compile_options(${name} PRIVATE ${TARVO_PROFILE} -fcoverage-mapping)
     target_link_options(${name} PRIVATE ${TARVO_PROFILE})

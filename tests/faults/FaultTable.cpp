@@ -86,7 +86,8 @@ std::string FaultTable::Markdown() const {
     return text;
 }
 
-void CompareWithKept(const std::string &name, const std::string &rows, const std::string &path) {
+void CompareWithKept(const std::string &name, const std::string &rows, const std::string &page) {
+    const std::string path = TARVO_DOCS "/" + page;
     const std::string begin = "### " + name + "\n\n";
     std::string kept = ReadAll(path);
     std::size_t from = kept.find(begin);

@@ -30,9 +30,9 @@ private:
     std::size_t cases = 0;
 };
 
-// Fails the test when the section of the file (docs/FAULTS.md, unless another is given) that `name` begins holds other
-// rows than `rows`; with TARVO_FAULTS_UPDATE=1 in the environment, writes them there instead.
-void CompareWithKept(const std::string &name, const std::string &rows, const std::string &file = TARVO_FAULTS_KEPT);
+// Fails the test when the section of the page in docs/ that `name` begins holds other rows than `rows`; with
+// TARVO_FAULTS_UPDATE=1 in the environment, writes them there instead.
+void CompareWithKept(const std::string &name, const std::string &rows, const std::string &page = "FAULTS.md");
 
 } // namespace tarvo_test
 
