@@ -1,6 +1,7 @@
 // Many clients of one server through two bridges.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <deque>
 #include <functional>
 #include <map>
@@ -11,9 +12,19 @@
 
 using namespace tarvo_test;
 
+namespace {
+
+// A process of whose loops none gives up a link that takes long to open.
+struct PatientProcess {
+    PatientProcess() { setenv("KELDOR_RUN_MODE", "1", 1); }
+};
+
+// Opens are under way for so long here that a machine which stands still for two seconds would stop some in the middle.
+class CrowdTest : private PatientProcess, public BridgeTest {};
+
 // Each call adds to the caller's sum at the server, and is answered by it: one that came twice, was lost, or got to
 // another's sum would make it wrong.
-TEST_F(BridgeTest, SixtyFourCallersFindTheirSumsRight) {
+TEST_F(CrowdTest, SixtyFourCallersFindTheirSumsRight) {
     Server server(loop, real);
     std::map<TarvoLink *, int64_t> sums;
     server.links.onRequest = [&sums](TarvoLink *link, uint32_t number, TarvoBytes payload) {
@@ -53,6 +64,7 @@ TEST_F(BridgeTest, SixtyFourCallersFindTheirSumsRight) {
             ASSERT_GT(TarvoLinkCall(caller.link, Bytes(std::to_string(summand)), PATIENCE_MS, done, &caller), 0);
         };
         caller.recorder.onOpened = [&caller](TarvoLink *link) {
+            ASSERT_EQ(caller.recorder.result, 0);
             caller.link = link;
             caller.next();
         };
@@ -61,3 +73,5 @@ TEST_F(BridgeTest, SixtyFourCallersFindTheirSumsRight) {
     EXPECT_TRUE(Wait([&] { return finished == CALLERS; }));
     EXPECT_EQ(sums.size(), static_cast<std::size_t>(CALLERS));
 }
+
+} // namespace
