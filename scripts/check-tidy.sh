@@ -9,7 +9,7 @@ Usage: scripts/check-tidy.sh [--separate] [SOURCE...]
 
 Runs clang-tidy over all sources of the libraries, the programs and the examples, joined to a few units since most of the time
 goes into what they include, or over the named sources, each by itself. In joined sources the analyzer gives up a
-function after a twentieth of the states that it follows otherwise, into the last of which most of the time would go.
+function after a fiftieth of the states that it follows otherwise, into the last of which most of the time would go.
 
   --separate  all sources, each by itself and analyzed to the end
 TEXT
@@ -49,7 +49,7 @@ else
         list=$(scripts/tidy-units.py "$database" "$units" 64 "${files[@]}")
         mapfile -t files <<<"$list"
         options=(-p "$units")
-        for word in -Xclang -analyzer-config -Xclang max-nodes=10000; do
+        for word in -Xclang -analyzer-config -Xclang max-nodes=4000; do
             options+=("--extra-arg=$word")
         done
     fi
