@@ -37,17 +37,26 @@ public:
     RawServer(const RawServer &) = delete;
     RawServer &operator=(const RawServer &) = delete;
 
-    // The pipe of the next client that announces itself, with both files made.
-    std::unique_ptr<RawPeer> Accept() {
+    // Waits for the next client that announces itself.
+    void Hear() {
         char head[20];
         EXPECT_EQ(read(fd, head, sizeof(head)), static_cast<ssize_t>(sizeof(head)));
         uint32_t size = 0;
         std::memcpy(&size, head + 16, sizeof(size));
         client.resize(size);
         EXPECT_EQ(read(fd, client.data(), size), static_cast<ssize_t>(size));
+    }
+
+    // The pipe of the last one, with both files made: it is open as soon as the client has looked.
+    std::unique_ptr<RawPeer> MakePipe() {
         auto peer = std::make_unique<RawPeer>(name, client);
         peer->CreateFiles();
         return peer;
+    }
+
+    std::unique_ptr<RawPeer> Accept() {
+        Hear();
+        return MakePipe();
     }
 
     std::string client; // the last one's name
@@ -137,10 +146,9 @@ TEST_F(RawRelayTest, ClientsFilesAppearOnlyWhenTheServersPipeIsOpen) {
     const std::string name = UniqueName("cli");
     WriteToRawServer(there, RawConnectPacket(name, getgid(), getpid()));
     {
-        // The server has made the files; its side of the pipe is open, the bridge's is not before this opens its end.
-        const auto half = server->Accept();
+        server->Hear();
         EXPECT_FALSE(FileIsThere(name + "__to__" + there));
-        half->OpenWrite();
+        const auto atItsServer = server->MakePipe();
         EXPECT_TRUE(Eventually([&] { return FileIsThere(name + "__to__" + there); }));
         RawPeer client(name, there);
         client.OpenBoth();
