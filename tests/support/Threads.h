@@ -41,16 +41,12 @@ private:
 // Runs `work` on `count` threads and returns when the last one has ended.
 inline void OnThreads(int count, const std::function<void(int)> &work) { Threads(count, work).Join(); }
 
-template <typename Result>
-std::future<Result> StartInBackground(std::function<Result()> work) {
-    return std::async(std::launch::async, std::move(work));
-}
-
 // std::async() on a thread of its own, instantiated for each type of result and not for each piece of work, which would
 // take compilers an eighth of a second each.
 template <typename Work>
 auto InBackground(Work work) {
-    return StartInBackground<std::invoke_result_t<Work>>(std::move(work));
+    std::function<std::invoke_result_t<Work>()> erased(std::move(work));
+    return std::async(std::launch::async, std::move(erased));
 }
 
 } // namespace tarvo_test
