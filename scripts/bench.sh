@@ -15,6 +15,7 @@ steps of a message. Leave the machine alone meanwhile. It prints how far it is a
                 stress
   --smoke       half a minute once it is built: every kind of scenario and every contestant works; gives no figures
   --no-peers    without the other messaging systems, which take most of the time to build
+  --no-plots    without the plots, and without the packages that draw them
   --minutes N   begin nothing after so many minutes (--quick: 37), before the single steps, which take one more; what
                 matters most comes first, and the tables say what is missing
   --output DIR  where figures.json, figures.txt, tables.md, steps.txt, inside.json and plots go (default: build/bench/FORM)
@@ -38,12 +39,13 @@ TEXT
 
 absolute() { case $1 in /*) echo "$1" ;; *) echo "$PWD/$1" ;; esac; }
 
-form=quick output='' page='' alone='' peers=ON more=() options=()
+form=quick output='' page='' alone='' peers=ON groups=(base bench plots) more=() options=()
 while [[ $# -gt 0 ]]; do
     case $1 in
     -h | --help) usage && exit 0 ;;
     --smoke | --quick | --whole) form=${1#--} ;;
     --no-peers) peers=OFF more+=("$1") ;;
+    --no-plots) groups=(base bench) more+=("$1") ;;
     --inside | --locked | --fifos | --steps) alone=${1#--} ;;
     --output | --page | --before | --minutes)
         [[ $# -ge 2 ]] || { usage >&2 && exit 2; }
@@ -69,7 +71,6 @@ if [[ $form == smoke ]]; then
     build=build/release trees=() # the library is there already
 fi
 python=/usr/bin/python3 # the distribution's, which the modules are installed for
-groups=(base bench)
 [[ $peers == OFF ]] || groups+=(peers)
 scripts/install-deps.sh "${groups[@]}"
 if [[ -n $page ]]; then

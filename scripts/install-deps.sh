@@ -44,8 +44,8 @@ packages_of() {
         cyclonedds-dev:arm64 libsystemd-dev:arm64 ;;
     tools) echo clang-format clang-tidy python3 shellcheck mypy python3-pytest python3-flake8 ;;
     tracing) echo bpftrace ;;
-    plots) echo python3-matplotlib python3-numpy ;;
-    bench) packages_of plots && echo libbenchmark-dev libcli11-dev nlohmann-json3-dev stress-ng rt-tests valgrind ;;
+    plots) echo python3-matplotlib ;;
+    bench) echo libbenchmark-dev libcli11-dev nlohmann-json3-dev python3-numpy stress-ng rt-tests valgrind ;;
     peers) echo libzmq3-dev libnng-dev libsystemd-dev dbus-daemon libcapnp-dev capnproto libgrpc++-dev libprotobuf-dev \
         protobuf-compiler protobuf-compiler-grpc python3-dbus-next python3-zmq python3-grpcio ;;
     models) echo gcc spin tcc ;;
@@ -54,7 +54,7 @@ packages_of() {
         python3-wheel ;;
     abi) echo abigail-tools ;;
     bare) echo debootstrap ;;
-    all) for group in base bridge clang arm64 tools tracing bench peers models man packages abi bare; do packages_of "$group"; done ;;
+    all) for group in base bridge clang arm64 tools tracing bench plots peers models man packages abi bare; do packages_of "$group"; done ;;
     *)
         echo "install-deps.sh: no such group: $1" >&2
         usage >&2

@@ -14,7 +14,6 @@ from datetime import datetime, timezone
 import counted
 import machine
 import page
-import plots
 import tables
 from figures import Results
 from measure import Contestant, discover, measure
@@ -50,6 +49,7 @@ def arguments():
                         "then (default: the form's, unless one of the five options above chooses)")
     parser.add_argument("--seed", type=int, default=None, help="of the order of contestants")
     parser.add_argument("--no-peers", action="store_true", help="without the other messaging systems")
+    parser.add_argument("--no-plots", action="store_true", help="draw none, and do without matplotlib")
     parser.add_argument("--no-urgent", action="store_true", help="without the calls under stress")
     return parser.parse_args()
 
@@ -274,7 +274,11 @@ def main():
         with open(os.path.join(options.output, name), "w", encoding="utf-8") as file:
             file.write(content + "\n")
     print(tables.text(document))
-    plots.draw(document, options.output)
+    if not options.no_plots:
+        # Only here: what it draws with is not installed for those who want no plots.
+        import plots  # pylint: disable=import-outside-toplevel
+
+        plots.draw(document, options.output)
     sys.exit(1 if run.results.failures else 0)
 
 
