@@ -39,7 +39,7 @@ libraries=("$build/src/libtarvo.so")
 # What counts besides: the other library, and the programs that test parts of them, or are linked with the reader's archive.
 for counted in src/loop/libtarvo-loop.so tests/unit/base/unit_base tests/unit/base/unit_base_semaphore \
     tests/unit/loop/unit_loop_frames tests/unit/loop/unit_loop_parts tests/unit/stats/unit_stats \
-    tests/unit/stats_reader/unit_stats_reader; do
+    tests/unit/stats_reader/unit_stats_reader tests/unit/stats_reader/unit_stats_reader_torn; do
     libraries+=(-object "$build/$counted")
 done
 failed=0

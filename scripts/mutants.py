@@ -46,11 +46,11 @@ TOOL = "tarvoctl"
 PROGRAMS = {"api": ["unit_api*", "unit_environment"],
             "base": ["unit_base*", "unit_worker", "unit_pipe*", "unit_api_exit", "unit_api_fork"],
             "loop": ["unit_loop*", "loop_*"], "pipe": ["unit_pipe*", "unit_stats", "unit_api_stats"],
-            "stats": ["unit_stats", "unit_api_stats", "loop_stats"]}
+            "stats": ["unit_stats", "unit_api_stats", "loop_stats*"]}
 LEAST = 15 # how nice it is to what else runs
 LIBRARIES = ["tarvo", "tarvo_loop", "tarvo_stats"]
 # The tests that compile the sources in, or are linked with them. All others find the changed library where it was.
-REBUILT = {"base": ["unit_base*"], "loop": ["unit_loop_frames", "unit_loop_parts"], "stats_reader": ["unit_stats_reader"]}
+REBUILT = {"base": ["unit_base*"], "loop": ["unit_loop_frames", "unit_loop_parts"], "stats_reader": ["unit_stats_reader*"]}
 
 
 def listed():
