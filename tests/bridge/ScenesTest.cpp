@@ -101,9 +101,8 @@ TEST_F(MachinesTest, SixtyFourCallersGetTheirOwnAnswersAndEachOnce) {
         for (unsigned thread = 0; thread < THREADS; ++thread) {
             const std::string end = clients[program]->Await("stopped tag=" + std::to_string(thread) + " ");
             const int count = std::stoi(end.substr(end.find("count=") + 6));
-            const int result = std::stoi(end.substr(end.find("result=") + 7));
             EXPECT_GT(count, 0) << end;
-            EXPECT_LT(result, 0) << "an answer of another: " << end;
+            EXPECT_TRUE(IsEndOfAPipe(end)) << "an answer of another, for example: " << end;
             answered += count;
         }
     }

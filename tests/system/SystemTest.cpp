@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <cerrno>
+
 #include "support/FifoWatch.h"
 #include "support/Names.h"
 #include "system/Payload.h"
@@ -67,6 +69,12 @@ std::string FillWords(std::size_t size, unsigned seed) {
 }
 
 std::string FillDigest(std::size_t size, unsigned seed) { return Digest(Fill(size, seed)); }
+
+bool IsEndOfAPipe(const std::string &event) {
+    const std::string result = event.substr(event.find("result=") + 7);
+    return result == "-1" || result == std::to_string(-ENOENT) || result == std::to_string(-EPIPE) ||
+           result == std::to_string(-EBADF) || result == "0";
+}
 
 int HandleIn(const std::string &event) {
     const std::size_t at = event.find("fd=");

@@ -55,6 +55,10 @@ std::string Fd(int fd);
 std::string FillWords(std::size_t size, unsigned seed);
 std::string FillDigest(std::size_t size, unsigned seed);
 
+// Whether a call ended, as its event tells, because its pipe does: closed, unknown, broken; closed between the look at
+// the descriptor and the write; or 0 without an answer for a call whose pipe was closed between its send and its wait.
+bool IsEndOfAPipe(const std::string &event);
+
 // The number after "fd=" in an event.
 int HandleIn(const std::string &event);
 // The words of a command that name the id in the event of a request.
