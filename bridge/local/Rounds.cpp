@@ -1,7 +1,5 @@
 #include "local/Rounds.h"
 
-#include <poll.h>
-
 #include <climits>
 #include <mutex>
 #include <utility>
@@ -21,11 +19,11 @@ Rounds::Rounds(TarvoLoop &theLoop, Runner &theRunner, NetworkSource &theNetwork)
 
 void Rounds::Run() {
     network.SetTaker(this);
-    pollfd sleep{loop.Fd(), POLLIN, 0};
+    Poller::Ready ready;
     while (!stopped) {
-        poll(&sleep, 1, -1);
+        loop.Wait(ready);
         const MutexLock lock(turn);
-        int ran = loop.Dispatch(INT_MAX);
+        int ran = loop.Dispatch(ready, INT_MAX);
         if (ran > ONE_FRAME) {
             ran = loop.Dispatch(INT_MAX);
         }

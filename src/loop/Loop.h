@@ -65,6 +65,9 @@ public:
 
     int Fd() const { return poller.Fd(); }
     int Dispatch(int max);
+    // Dispatch() in two steps: the first waits, and leaves the loop to another thread meanwhile.
+    void Wait(Poller::Ready &told) const { poller.Wait(told, -1); }
+    int Dispatch(const Poller::Ready &told, int max);
     int Run(int timeoutMs);
     void Stop();
     int Post(void (*function)(void *), void *context);
@@ -111,8 +114,8 @@ private:
     // Owns: that the loop is in a round. Threads, Locks, Ends: as TarvoLoop.
     class RoundScope;
 
-    int RunRound(int waitMs, int max, int &ran);
-    int Poll(int waitMs);
+    int RunRound(const Poller::Ready &told, int max, int &ran);
+    void Sleep(Poller::Ready &told, int waitMs);
     bool TakeStop();
     void ServeAll(int max, int &ran);
     void ServeQueue(int max, int &ran);

@@ -32,11 +32,17 @@ private:
 };
 
 int TarvoLoop::Dispatch(int max) {
+    Poller::Ready told;
+    poller.Wait(told, 0);
+    return Dispatch(told, max);
+}
+
+int TarvoLoop::Dispatch(const Poller::Ready &told, int max) {
     int ran = 0;
     int ret = 0;
     {
         const RoundScope scope(*this);
-        ret = RunRound(0, max, ran);
+        ret = RunRound(told, max, ran);
     }
     return Finish(ret < 0 ? ret : ran);
 }
@@ -53,7 +59,9 @@ int TarvoLoop::Run(int timeoutMs) {
             const bool last = wait == 0;
             wait = ready.Empty() ? wait : 0;
             int ran = 0;
-            ret = RunRound(wait, INT_MAX, ran);
+            Poller::Ready told;
+            Sleep(told, wait);
+            ret = RunRound(told, INT_MAX, ran);
             if (destroyed || ret < 0 || TakeStop()) {
                 more = false;
             } else if (last) {
@@ -73,8 +81,8 @@ int TarvoLoop::Finish(int result) {
     return result;
 }
 
-int TarvoLoop::RunRound(int waitMs, int max, int &ran) {
-    const int ret = Poll(waitMs);
+int TarvoLoop::RunRound(const Poller::Ready &told, int max, int &ran) {
+    const int ret = poller.Tell(told);
     if (ret < 0) {
         return ret;
     }
@@ -84,15 +92,15 @@ int TarvoLoop::RunRound(int waitMs, int max, int &ran) {
     return 0;
 }
 
-int TarvoLoop::Poll(int waitMs) {
+void TarvoLoop::Sleep(Poller::Ready &told, int waitMs) {
     if (waitMs == 0) {
-        return poller.Poll(0);
+        poller.Wait(told, 0);
+        return;
     }
     // In this order, as Stop() has it the other way round: either the stop is seen here, or the sleep there.
     sleeping.store(true);
-    const int ret = poller.Poll(stop.load() ? 0 : waitMs);
+    poller.Wait(told, stop.load() ? 0 : waitMs);
     sleeping.store(false, std::memory_order_relaxed);
-    return ret;
 }
 
 bool TarvoLoop::TakeStop() {

@@ -1,6 +1,5 @@
 #include "loop/Poller.h"
 
-#include <array>
 #include <cerrno>
 #include <cstddef>
 #include <new>
@@ -10,7 +9,6 @@
 namespace {
 
 constexpr char LOG_TAG[] = "Poller";
-constexpr std::size_t MAX_EVENTS = 64;
 constexpr unsigned GENERATION_SHIFT = 32;
 
 } // namespace
@@ -70,19 +68,20 @@ void Poller::Remove(Watch &watch) {
     watch = {};
 }
 
-int Poller::Poll(int timeoutMs) {
-    std::array<epoll_event, MAX_EVENTS> events;
-    const int count = epoll_wait(fd.Get(), events.data(), static_cast<int>(events.size()), timeoutMs);
-    if (count < 0) {
-        const int error = errno;
-        if (error == EINTR) {
-            return 0;
-        }
-        TARVO_LOG_RESTRAINED(LOG_ERR, "Epoll_wait failed, errno = %d.", error);
-        return -error;
+void Poller::Wait(Ready &ready, int timeoutMs) const {
+    ready.count = epoll_wait(fd.Get(), ready.events.data(), static_cast<int>(ready.events.size()), timeoutMs);
+    if (ready.count < 0) {
+        ready.count = errno == EINTR ? 0 : -errno;
     }
-    for (int i = 0; i < count; ++i) {
-        Tell(events[static_cast<std::size_t>(i)]);
+}
+
+int Poller::Tell(const Ready &ready) {
+    if (ready.count < 0) {
+        TARVO_LOG_RESTRAINED(LOG_ERR, "Epoll_wait failed, errno = %d.", -ready.count);
+        return ready.count;
+    }
+    for (int i = 0; i < ready.count; ++i) {
+        Tell(ready.events[static_cast<std::size_t>(i)]);
     }
     return 0;
 }

@@ -3,6 +3,7 @@
 
 #include <sys/epoll.h>
 
+#include <array>
 #include <cstdint>
 #include <vector>
 
@@ -43,8 +44,16 @@ public:
     // Before the descriptor is closed: a copy in another process would keep the registration alive.
     void Remove(Watch &watch);
 
-    // Waits at most `timeoutMs` (negative: no limit) and tells the watchers. Returns 0 or a negated errno.
-    int Poll(int timeoutMs);
+    // What a wait has found: that many events, or a negated errno.
+    struct Ready {
+        std::array<epoll_event, 64> events;
+        int count = 0;
+    };
+
+    // Waits at most `timeoutMs`; negative: no limit. Any thread, also while another one changes what is watched.
+    void Wait(Ready &ready, int timeoutMs) const;
+    // Tells the watchers. Returns 0 or a negated errno.
+    int Tell(const Ready &ready);
 
 private:
     struct Place {
