@@ -32,7 +32,7 @@ TEXT
 packages_of() {
     case $1 in
     base) echo g++ cmake ninja-build pkg-config libselinux1-dev libgtest-dev libgmock-dev libcli11-dev libfmt-dev \
-        nlohmann-json3-dev python3 python3-prometheus-client libglib2.0-dev libboost-dev libsystemd-dev systemtap-sdt-dev \
+        nlohmann-json3-dev python3 python3-prometheus-client libglib2.0-dev libasio-dev libsystemd-dev systemtap-sdt-dev \
         python3-pytest python3-pytest-asyncio python3-hypothesis python3-coverage ;;
     # What is built from its sources: types from an IDL, certificates for tests, machines as network namespaces.
     bridge) echo cyclonedds-dev cyclonedds-tools gcc iproute2 libsystemd-dev openssl util-linux ;;

@@ -1,4 +1,4 @@
-// asio_client [SERVER]: has the lines server count letters, from within an io_context of Boost.Asio.
+// asio_client [SERVER]: has the lines server count letters, from within an io_context of Asio.
 #include "asio_watch.h"
 #include "lines_client.h"
 

@@ -1,9 +1,12 @@
-// A loop of tarvo in a program that runs an io_context of Boost.Asio.
+// A loop of tarvo in a program that runs an io_context of Asio. That of Boost differs in its namespace, boost::asio,
+// and the type of errors, boost::system::error_code.
 #ifndef LOOP_ASIO_WATCH_H
 #define LOOP_ASIO_WATCH_H
 
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/posix/stream_descriptor.hpp>
+#include <asio/io_context.hpp>
+#include <asio/posix/stream_descriptor.hpp>
+
+#include <system_error>
 
 #include "tarvo_loop.hpp"
 
@@ -26,19 +29,18 @@ public:
 
 private:
     void Wait() {
-        descriptor.async_wait(boost::asio::posix::stream_descriptor::wait_read,
-                              [this](const boost::system::error_code &error) {
-                                  if (!error) {
-                                      loop.Dispatch(max);
-                                      Wait();
-                                  }
-                              });
+        descriptor.async_wait(asio::posix::stream_descriptor::wait_read, [this](const std::error_code &error) {
+            if (!error) {
+                loop.Dispatch(max);
+                Wait();
+            }
+        });
     }
 
     tarvo::Loop &loop;
     const int max;
-    boost::asio::io_context context{1};
-    boost::asio::posix::stream_descriptor descriptor;
+    asio::io_context context{1};
+    asio::posix::stream_descriptor descriptor;
 };
 
 #endif // LOOP_ASIO_WATCH_H
