@@ -8,8 +8,8 @@ STEPS=(kills loopkills loop comeback stopped reconnect twins reopen bridge soak 
     clang asan arm64 tidy bench mutants bare)
 
 # How many minutes each may take; together four hours on two processors. What is not done then is ended, and has failed.
-declare -A LIMITS=([kills]=5 [loopkills]=2 [loop]=22 [comeback]=6 [stopped]=3 [reconnect]=9 [twins]=3 [reopen]=6
-    [bridge]=8 [soak]=23 [counted]=4 [python]=8 [models]=12 [fuzz]=22 [ends]=12 [races]=18 [cancels]=4
+declare -A LIMITS=([kills]=4 [loopkills]=2 [loop]=22 [comeback]=6 [stopped]=3 [reconnect]=9 [twins]=3 [reopen]=6
+    [bridge]=8 [soak]=23 [counted]=4 [python]=8 [models]=12 [fuzz]=22 [ends]=13 [races]=18 [cancels]=4
     [clang]=9 [asan]=12 [arm64]=14 [tidy]=10 [bench]=3 [mutants]=8 [bare]=17)
 
 usage() {
@@ -42,14 +42,15 @@ Runs the long proofs, all of them (four hours at most) or the named steps:
   python   the tests of the Python package with 1000 kills of servers and of clients, 100000 calls, 2000 examples
   models   the models within large bounds, and each of their mutants
   fuzz     180 s of each fuzz target, two at a time; what it has found new is made small and kept
-  ends     1000 ends of a process with traffic, of each kind, under each sanitizer
+  ends     1000 ends of a process with traffic, of each kind, under each sanitizer; 50 of each kind among calls, opens and
+           closes that are under way
   races    the tests of threads that meet, 50 times under the thread sanitizer
   cancels  400 cancellations of a thread inside each function: no abort, no lock kept, no descriptor lost
   clang    all tests with clang, optimised as gcc's are
   asan     all tests under gcc's sanitizers of memory and undefined behaviour
   arm64    all tests on arm64, of which each change runs a part, and its packages
   tidy     clang-tidy on each source by itself
-  bench    that the benchmarks of the other messaging systems run, too
+  bench    that the benchmarks of the other messaging systems and the plots work, too
   mutants  small faults in the sources, as many as 6 minutes are enough for, after those of the nights before
   bare     scripts/test.sh and scripts/demo.sh on a system that has nothing yet
 
@@ -154,7 +155,10 @@ step_counted() {
 step_fuzz() { run fuzz "fuzzing, $fuzz s a target" scripts/fuzz.sh --seconds "$fuzz" --jobs 2 --keep; }
 step_models() { run models "models, large bounds" scripts/models.sh --large --minutes 4; }
 
-step_ends() { run ends "$ends ends of each kind" scripts/exit-runs.sh --runs "$ends"; }
+step_ends() {
+    run ends "$ends ends of each kind" scripts/exit-runs.sh --runs "$ends"
+    run ends "50 ends of each kind, in the middle" env TARVO_EXIT_RUNS=50 scripts/test.sh release -- -R "^unit_api_exit"
+}
 
 step_races() {
     run races "races, $repeats times" scripts/test.sh tsan -- -R 'Stress|Race|Concurrent|Storm|storm_kills' \
