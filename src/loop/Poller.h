@@ -31,7 +31,7 @@ struct Watch {
 
 // An epoll set whose events carry the identity of a registration: what comes of one that is over finds nobody, also
 // when its descriptor's number or its memory is somebody else's by then.
-// Owns: the epoll set. Threads: one. Locks: none. Ends: any time; the descriptors are the watchers'.
+// Owns: the epoll set. Threads: one, any for Wait(). Locks: none. Ends: any time; the descriptors are the watchers'.
 class Poller {
 public:
     // 0 or a negated errno.
