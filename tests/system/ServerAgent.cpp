@@ -48,15 +48,13 @@ struct Seen {
     std::vector<std::string> clients;
 };
 
-Seen &TheSeen() {
-    static auto *const seen = new Seen;
-    return *seen;
-}
+// Made before there are threads. Never destroyed: callbacks may run while the process exits.
+Seen &seen = *new Seen;
 
 void NoteClient(int, const char *peerName, uint32_t nameLength) {
-    const std::lock_guard<std::mutex> lock(TheSeen().mutex);
-    TheSeen().clients.emplace_back(peerName, nameLength);
-    TheSeen().changed.notify_all();
+    const std::lock_guard<std::mutex> lock(seen.mutex);
+    seen.clients.emplace_back(peerName, nameLength);
+    seen.changed.notify_all();
 }
 
 void Answer(int fd, TarvoRequest *request) {
@@ -163,9 +161,9 @@ private:
     }
 
     std::string Clients() const {
-        std::unique_lock<std::mutex> lock(TheSeen().mutex);
-        TheSeen().changed.wait(lock, [this] { return TheSeen().clients.size() >= static_cast<std::size_t>(number); });
-        return JoinLines(TheSeen().clients);
+        std::unique_lock<std::mutex> lock(seen.mutex);
+        seen.changed.wait(lock, [this] { return seen.clients.size() >= static_cast<std::size_t>(number); });
+        return JoinLines(seen.clients);
     }
 
     std::string PrepareSwarm() {
