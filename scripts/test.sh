@@ -86,13 +86,6 @@ run_tests() {
     fi
 }
 
-# Each test that did not run, and why.
-print_skipped() {
-    awk '/^[0-9]+\/[0-9]+ Testing: / { sub(/^.* Testing: /, ""); name = $0 }
-        /^[Ss]kipped: / { sub(/^[Ss]kipped: /, ""); print "Skipped " name ": " $0 }
-        /: Skipped$/ && getline { print "Skipped " name ": " $0 }' "build/$1/Testing/Temporary/LastTest.log"
-}
-
 main() {
     local presets=() failed=0 groups build=true tests=true
     part='' objects_of='' joined=OFF
@@ -120,7 +113,7 @@ main() {
         ! $build || configure_and_build "$preset"
         $tests || continue
         run_tests "$preset" "$@" || failed=$?
-        print_skipped "$preset"
+        scripts/test-log.py "build/$preset/Testing/Temporary/LastTest.log" || failed=1
         [[ $failed -eq 0 ]] || return $failed
     done
 }
