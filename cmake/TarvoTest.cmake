@@ -2,7 +2,8 @@
 #                [COUNTED] [EACH_BUILD])
 #
 # A GoogleTest program over the library and the test support. CTest runs each of its tests in a process of its own, so
-# that every test meets the process-wide objects of the library fresh.
+# that every test meets the process-wide objects of the library fresh. With TARVO_FORK_TESTS the program is one test of
+# CTest's and forks those processes (tests/support/Main.cpp).
 #
 # PORTABLE puts it among the tests of what another processor may do otherwise (layouts, atomics, real processes), which
 # each change must pass on arm64 too: the label `portable`, and the target `tests_portable`. A folder of such tests sets
@@ -120,7 +121,7 @@ function(tarvo_add_test name)
     tarvo_test_objects(objects ${name} ${objects})
   endif()
   add_executable(${name} ${objects})
-  target_link_libraries(${name} PRIVATE tarvo_options tarvo tarvo_test_support ${arg_LIBS} GTest::gmock_main)
+  target_link_libraries(${name} PRIVATE tarvo_options tarvo tarvo_test_support ${arg_LIBS} tarvo_test_main)
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/tests)
   target_link_options(${name} PRIVATE ${TARVO_FAST_LINK})
   if(TARGET tarvo_test_precompiled AND NOT (arg_COUNTED AND TARVO_COVERAGE))
@@ -137,6 +138,12 @@ function(tarvo_add_test name)
   if(arg_PORTABLE OR TARVO_TESTS_PORTABLE)
     set(labels LABELS portable)
     add_dependencies(tests_portable ${name})
+  endif()
+  if(TARVO_FORK_TESTS)
+    # Each test has a watchdog of its own (tests/support/Watchdog.h).
+    add_test(NAME ${name} COMMAND ${name} --each-forked)
+    set_tests_properties(${name} PROPERTIES TIMEOUT 1800 PROCESSORS 2 ${labels})
+    return()
   endif()
   gtest_discover_tests(${name} TEST_PREFIX ${name}. DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
                        PROPERTIES TIMEOUT ${arg_TIMEOUT} ${labels})

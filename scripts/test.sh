@@ -6,7 +6,7 @@ cd "$(dirname "$0")/.."
 
 usage() {
     cat <<'TEXT'
-Usage: scripts/test.sh [--part NAME] [--build-only | --tests-only] [--objects-of PRESET] [--joined]
+Usage: scripts/test.sh [--part NAME] [--build-only | --tests-only] [--objects-of PRESET] [--joined] [--forked]
                        [PRESET...] [-- CTEST_ARGUMENT...]
 
 Installs what is missing, configures, builds and tests each preset (default: release): release, debug, checked, asan,
@@ -18,6 +18,8 @@ tsan, clang, arm64. Arguments after -- go to ctest, whose output is then shown w
   --objects-of PRESET
                 link most test programs of what that preset, which is built, has compiled: the libraries differ only
   --joined      compile many sources of a library at a time, which is faster; what ships is not
+  --forked      start each test program once and fork a process for each of its tests, which is faster where programs
+                start slowly: under a sanitizer, in an emulator
 
 Where the kernel allows it, tests get a FIFO directory of their own, and several of these runs do not meet.
 
@@ -61,7 +63,7 @@ configure_and_build() {
     [[ -z $part ]] || target=(--target "tests_$part")
     mkdir -p "build/$preset"
     quietly "build/$preset/configure.log" configure "$preset" "-DTARVO_OBJECTS_OF=${objects_of:+$PWD/build/$objects_of}" \
-        -DTARVO_JOIN=$joined ||
+        -DTARVO_JOIN=$joined -DTARVO_FORK_TESTS=$forked ||
         return 1
     if [[ -t 1 ]]; then
         cmake --build --preset "$preset" "${target[@]}"
@@ -88,7 +90,7 @@ run_tests() {
 
 main() {
     local presets=() failed=0 groups build=true tests=true
-    part='' objects_of='' joined=OFF
+    part='' objects_of='' joined=OFF forked=OFF
     while [[ $# -gt 0 ]]; do
         case $1 in
         -h | --help) usage && return 0 ;;
@@ -97,6 +99,7 @@ main() {
         --tests-only) build=false ;;
         --objects-of) objects_of=${2:?preset} && shift ;;
         --joined) joined=ON ;;
+        --forked) forked=ON ;;
         --)
             shift
             break

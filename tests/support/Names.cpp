@@ -22,11 +22,20 @@ void MakeDirectory(const char *path) {
     }
 }
 
+std::string TagOfThisProcess() { return "t" + std::to_string(getpid()) + "_"; }
+
+std::string &Tag() {
+    static auto *const tag = new std::string(TagOfThisProcess());
+    return *tag;
+}
+
 } // namespace
 
-const std::string &NameTag() {
-    static const auto *const tag = new std::string("t" + std::to_string(getpid()) + "_");
-    return *tag;
+const std::string &NameTag() { return Tag(); }
+
+void RenewNameTag() {
+    Tag() = TagOfThisProcess();
+    RemoveOwnFifoFiles();
 }
 
 std::string UniqueName(const std::string &purpose) {

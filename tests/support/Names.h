@@ -9,6 +9,8 @@ namespace tarvo_test {
 
 // Begins every name of this process; children forked from it keep it.
 const std::string &NameTag();
+// For a forked process that is none of the test's, but runs one itself. Files of that tag are removed.
+void RenewNameTag();
 
 // A new name, such as "t4711_srv3".
 std::string UniqueName(const std::string &purpose);
