@@ -7,7 +7,7 @@ cd "$(dirname "$0")/.."
 usage() {
     cat <<'TEXT'
 Usage: scripts/test.sh [--part NAME] [--build-only | --tests-only] [--objects-of PRESET] [--joined] [--forked]
-                       [PRESET...] [-- CTEST_ARGUMENT...]
+                       [--tests-by COMPILER] [PRESET...] [-- CTEST_ARGUMENT...]
 
 Installs what is missing, configures, builds and tests each preset (default: release): release, debug, checked, asan,
 tsan, clang, arm64. Arguments after -- go to ctest, whose output is then shown whole.
@@ -18,6 +18,8 @@ tsan, clang, arm64. Arguments after -- go to ctest, whose output is then shown w
   --objects-of PRESET
                 link most test programs of what that preset, which is built, has compiled: the libraries differ only
   --joined      compile many sources of a library at a time, which is faster; what ships is not
+  --tests-by COMPILER
+                compile the tests with another compiler than the libraries; clang++ is faster
   --forked      start each test program once and fork a process for each of its tests, which is faster where programs
                 start slowly: under a sanitizer, in an emulator
 
@@ -63,7 +65,7 @@ configure_and_build() {
     [[ -z $part ]] || target=(--target "tests_$part")
     mkdir -p "build/$preset"
     quietly "build/$preset/configure.log" configure "$preset" "-DTARVO_OBJECTS_OF=${objects_of:+$PWD/build/$objects_of}" \
-        -DTARVO_JOIN=$joined -DTARVO_FORK_TESTS=$forked ||
+        -DTARVO_JOIN=$joined -DTARVO_FORK_TESTS=$forked "-DTARVO_TEST_COMPILER=$tests_by" ||
         return 1
     if [[ -t 1 ]]; then
         cmake --build --preset "$preset" "${target[@]}"
@@ -90,7 +92,7 @@ run_tests() {
 
 main() {
     local presets=() failed=0 groups build=true tests=true
-    part='' objects_of='' joined=OFF forked=OFF
+    part='' objects_of='' joined=OFF forked=OFF tests_by=''
     while [[ $# -gt 0 ]]; do
         case $1 in
         -h | --help) usage && return 0 ;;
@@ -100,6 +102,7 @@ main() {
         --objects-of) objects_of=${2:?preset} && shift ;;
         --joined) joined=ON ;;
         --forked) forked=ON ;;
+        --tests-by) tests_by=${2:?compiler} && shift ;;
         --)
             shift
             break
