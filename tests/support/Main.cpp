@@ -52,9 +52,10 @@ struct Running {
     close(output);
     RenewNameTag();
     testing::GTEST_FLAG(filter) = test;
-    const int status = RUN_ALL_TESTS();
-    ArmAlarm(TestLimit()); // the end of the process, too, is part of the test
-    std::exit(status);
+    const bool passed = RUN_ALL_TESTS() == 0;
+    const bool ran = testing::UnitTest::GetInstance()->test_to_run_count() == 1; // GoogleTest is content with none
+    ArmAlarm(TestLimit());                                                       // the end is part of the test, too
+    std::exit(passed && ran ? EXIT_SUCCESS : EXIT_FAILURE);
 }
 
 Running Start(const std::string &test, const std::vector<Running> &others) {

@@ -25,3 +25,7 @@ says 'on purpose'
 says 'Alone.MayCrash: ended by signal 6'
 says 'Alone.MayEndTheProcess: ended with 3'
 says '\[       OK \] Alone.HasNamesOfItsOwn \(.*'
+
+# GoogleTest leaves them to another process, and is content.
+! output=$(GTEST_TOTAL_SHARDS=2 GTEST_SHARD_INDEX=1 "$@" --each-forked 2>&1) || fail "tests passed that did not run"
+says 'Tests forked: 7, failed: 7'
