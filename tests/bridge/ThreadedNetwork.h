@@ -6,6 +6,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <deque>
@@ -67,6 +68,9 @@ public:
             const std::lock_guard<std::mutex> lock(mutex);
             fetched.swap(bundles);
         }
+        if (std::this_thread::get_id() == carrier.get_id()) {
+            carriesSession = std::any_of(fetched.begin(), fetched.end(), IsOfSession);
+        }
         for (tarvo_bridge::Bundle &bundle : fetched) {
             listener.OnBundle(bundle);
         }
@@ -85,8 +89,16 @@ public:
     // How often the taker has taken what there was, and left it to the loop.
     std::atomic<int> taken{0};
     std::atomic<int> left{0};
+    // How often it was brought sessions that begin or end. All of these it must leave.
+    std::atomic<int> sessions{0};
 
 private:
+    static bool IsOfSession(const tarvo_bridge::Bundle &bundle) {
+        return std::any_of(bundle.items.begin(), bundle.items.end(), [](const tarvo_bridge::Item &item) {
+            return item.kind != tarvo_bridge::ItemKind::FRAME && item.kind != tarvo_bridge::ItemKind::CREDIT;
+        });
+    }
+
     void MustNotBeTheCarrier() const { EXPECT_NE(std::this_thread::get_id(), carrier.get_id()); }
 
     void Put(const tarvo_bridge::Announcement &announcement) {
@@ -124,8 +136,13 @@ private:
     }
     void Tell() {
         const std::lock_guard<std::mutex> lock(takerMutex);
+        carriesSession = false;
         const bool all = taker != nullptr && taker->TakeBundles();
         ++(all ? taken : left);
+        if (carriesSession) {
+            ++sessions;
+            EXPECT_FALSE(all) << "a session has begun or ended on the network's thread";
+        }
         if (!all) {
             Wake();
         }
@@ -139,6 +156,7 @@ private:
     std::deque<tarvo_bridge::Bundle> bundles;
     bool untold = false;
     bool ended = false;
+    bool carriesSession = false; // what the taker has just been brought; the carrier's own
     std::mutex takerMutex;
     tarvo_bridge::BundleTaker *taker = nullptr;
     std::thread carrier;
