@@ -1,6 +1,8 @@
 #ifndef TARVO_BRIDGE_CORE_NETWORK_H
 #define TARVO_BRIDGE_CORE_NETWORK_H
 
+#include <functional>
+
 #include "core/Protocol.h"
 
 namespace tarvo_bridge {
@@ -48,8 +50,8 @@ protected:
 };
 
 // Where what a network has brought is fetched.
-// Owns: a descriptor. Threads: that of the loop; PollBundles() also that of a taker, never both at a time. Locks: its
-// own. Ends: after who fetches.
+// Owns: a descriptor. Threads: that of the loop; PollBundles() also that of a taker, never both before `told`. Locks:
+// its own. Ends: after who fetches.
 class NetworkSource {
 public:
     NetworkSource() = default;
@@ -59,8 +61,9 @@ public:
     // Readable when Poll() has something to do.
     virtual int Fd() const = 0;
     virtual void Poll(Network::Listener &listener) = 0;
-    // Some of the bundles that are there. Whether there may be more.
-    virtual bool PollBundles(Network::Listener &listener) = 0;
+    // Some of the bundles that are there. Whether there may be more. `told` is called after the last of them, before
+    // the network tidies up after them.
+    virtual bool PollBundles(Network::Listener &listener, const std::function<void()> &told) = 0;
     // Null: nobody. Returns when the one before is not being told any more.
     virtual void SetTaker(BundleTaker *taker) = 0;
 

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,8 @@ public:
     void SetListener(LocalSide::Listener &sideListener) { listener = &sideListener; }
     // After something came from the network: what it has brought goes into the pipes.
     void FlushPipes() { flusher.FlushAll(); }
+    // The same after the turn, which it ends. False: FlushPipes() must follow.
+    bool FlushPipesAfter(std::unique_lock<std::mutex> &turn) { return flusher.FlushAfter(turn); }
 
     void WatchServer(const std::string &name) override;
     int Offer(const std::string &name) override;

@@ -29,7 +29,10 @@ RelayLink::RelayLink(TarvoLoop &owner, PipeFlusher &pipeFlusher, RelayPlan &&rel
       reader(origin) {}
 
 RelayLink::~RelayLink() {
-    flusher.Remove(*this);
+    // A closed one has left it already, and may outlive it.
+    if (listener != nullptr) {
+        flusher.Remove(*this);
+    }
     WorkQueue::Remove(*this);
 }
 
@@ -207,6 +210,7 @@ void RelayLink::Read() {
 
 void RelayLink::End(int /*result*/) {
     state = State::ENDED;
+    flusher.AwaitLate();
     broken = true;
     listener->OnPipeGone();
 }
@@ -251,6 +255,7 @@ void RelayLink::Shut() {
         opening->Abandon();
     }
     blocked = false;
+    flusher.AwaitLate();
     if (!broken && writeFd.Get() >= 0) {
         FlushNow();
     }

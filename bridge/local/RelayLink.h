@@ -1,11 +1,14 @@
 #ifndef TARVO_BRIDGE_LOCAL_RELAYLINK_H
 #define TARVO_BRIDGE_LOCAL_RELAYLINK_H
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
+#include "base/Mutex.h"
 #include "base/UniqueFd.h"
 #include "core/LocalSide.h"
 #include "loop/FrameBatch.h"
@@ -30,7 +33,8 @@ struct RelayPlan {
 };
 
 // A pipe of a loop that passes frames on as they are, where TarvoLink has calls and requests of its own.
-// Owns: its ends, its files where it has made them. Threads: that of the loop. Locks: none. Ends: Close(), or the loop.
+// Owns: its ends, its files where it has made them. Threads: that of the loop; another that ends its turn with
+// PipeFlusher::FlushAfter(). Locks: the flusher's. Ends: Close(), or the loop.
 class RelayLink final : public LocalPipe, public Member, public Work, public Watcher, public ::Opening::Listener {
 public:
     RelayLink(TarvoLoop &owner, PipeFlusher &pipeFlusher, RelayPlan &&relayPlan, LocalPipe::Listener &pipeListener);
@@ -60,6 +64,7 @@ private:
 
     void Begin();
     bool FlushNow();
+    bool WriteOrWait();
     bool WriteBatch();
     void OnRoom();
     void TellEnd();
@@ -103,15 +108,27 @@ private:
 };
 
 // Gathers the pipes that something was written to, so that what comes for one of them together goes out together.
-// Owns: nothing. Threads: that of the loop. Locks: none. Ends: after the pipes.
+// Owns: nothing. Threads: whoever has the turn; see FlushAfter(). Locks: one around what is flushed after a turn. Ends:
+// after the pipes.
 class PipeFlusher {
 public:
     void Add(RelayLink &link);
     void Remove(RelayLink &link);
     void FlushAll();
+    // Ends the turn, and flushes all then: who reads from such a pipe may answer, and have others at work in the next
+    // turn, before the write returns. False: one has no room; FlushAll() tries it again. By one thread at a time.
+    bool FlushAfter(std::unique_lock<std::mutex> &turn);
+    // In a turn, before the frames or the write end of a pipe are touched: returns when none is flushed after the last
+    // turn any more.
+    void AwaitLate();
 
 private:
     std::vector<RelayLink *> links;
+    // Flushed after a turn, and those that had no room then. Of whoever has the turn while `late` is false, otherwise
+    // of whoever holds `writing`.
+    std::vector<RelayLink *> lateLinks;
+    std::atomic<bool> late{false}; // set in a turn, cleared at any time
+    Mutex writing;                 // taken in a turn; after it nobody asks for a turn who has it
 };
 
 } // namespace tarvo_bridge

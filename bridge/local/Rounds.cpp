@@ -1,6 +1,7 @@
 #include "local/Rounds.h"
 
 #include <climits>
+#include <functional>
 #include <mutex>
 #include <utility>
 
@@ -52,14 +53,22 @@ void Rounds::Hear() {
 // The loop's thread could wait for the DDS meanwhile, so this one must not wait for that. Where much comes together it
 // also goes on together, in a round of the loop.
 bool Rounds::TakeBundles() {
-    const std::unique_lock<std::mutex> lock(turn, std::try_to_lock);
+    std::unique_lock<std::mutex> lock(turn, std::try_to_lock);
     if (!lock.owns_lock() || !left.empty() || heard > 1) {
         return false;
     }
     heard = 0;
-    const bool more = network.PollBundles(*this);
-    Finish();
-    return !more && left.empty();
+    bool all = false;
+    const auto endTurn = [this, &lock, &all] {
+        if (runner.HasUnsent()) {
+            // Credit, which does not hold up the frames.
+            Finish();
+        }
+        const bool noneLeft = left.empty();
+        all = runner.SettleAfter(lock) && noneLeft;
+    };
+    const bool more = network.PollBundles(*this, std::cref(endTurn));
+    return all && !more;
 }
 
 // Sessions come and go, and links with them, on the loop's thread: the DDS must not be asked for more than to write on
@@ -68,10 +77,6 @@ void Rounds::OnBundle(Bundle &bundle) {
     heard += bundle.items.size();
     if (onLoop || (left.empty() && runner.TheBridge().IsTraffic(bundle))) {
         runner.TheBridge().OnBundle(bundle);
-        if (!onLoop) {
-            // Who waits for it goes on while the network tidies up.
-            runner.Settle();
-        }
     } else {
         left.push_back(std::move(bundle));
     }

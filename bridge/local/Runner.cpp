@@ -38,6 +38,8 @@ Runner::Runner(TarvoLoop &loop, Plan &&plan, Network &network)
 
 void Runner::Settle() { local.FlushPipes(); }
 
+bool Runner::SettleAfter(std::unique_lock<std::mutex> &turn) { return local.FlushPipesAfter(turn); }
+
 void Runner::OnUnsent() {
     unsent = true;
     if (!driven) {

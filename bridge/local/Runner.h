@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <utility>
 
 #include "core/Bridge.h"
@@ -50,9 +51,12 @@ public:
     void SetObserver(std::function<void()> toTell) { observer = std::move(toTell); }
     // After the network has told the bridge something.
     void Settle();
+    // The same after the turn, which it ends. False: Settle() must follow.
+    bool SettleAfter(std::unique_lock<std::mutex> &turn);
     // From now on SendUnsent() is called after each round, which saves one.
     void SetDriven() { driven = true; }
     void SendUnsent();
+    bool HasUnsent() const { return unsent; }
 
     void OnUnsent() override;
     void OnDueChanged() override {

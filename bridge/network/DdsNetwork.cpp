@@ -21,7 +21,10 @@ constexpr char BUNDLE_TOPIC[] = "tarvo_bridge_v1_bundles";
 // Of what a reader keeps until the loop takes it, and a writer until it is acknowledged. Sessions bound their frames by
 // themselves; this bounds what somebody else could make of it.
 constexpr int32_t MOST_SAMPLES = 4096;
-constexpr uint32_t SAMPLES_AT_ONCE = 64;
+// With each return of a loan the DDS clears as many samples as were ever asked for at once.
+constexpr uint32_t SAMPLES_AT_ONCE = 8;
+// So often, at most, in one look.
+constexpr int TAKES_AT_ONCE = 8;
 
 struct QosDeleter {
     void operator()(dds_qos_t *qos) const { dds_delete_qos(qos); }
@@ -157,7 +160,11 @@ void DdsNetwork::Poll(Listener &listener) {
     // Before the looking, so that what comes during it is told again.
     [[maybe_unused]] const ssize_t ignored = read(fd.Get(), &count, sizeof(count));
     PollRuns(listener);
-    if (PollBundles(listener)) {
+    bool more = true;
+    for (int i = 0; i < TAKES_AT_ONCE && more; ++i) {
+        more = PollBundles(listener, [] {});
+    }
+    if (more) {
         Wake();
     }
 }
@@ -182,7 +189,7 @@ void DdsNetwork::PollRuns(Listener &listener) {
 }
 
 // Whether there may be more.
-bool DdsNetwork::PollBundles(Listener &listener) {
+bool DdsNetwork::PollBundles(Listener &listener, const std::function<void()> &told) {
     std::array<void *, SAMPLES_AT_ONCE> samples{};
     std::array<dds_sample_info_t, SAMPLES_AT_ONCE> infos{};
     const dds_return_t count = dds_take(bundleReader, samples.data(), infos.data(), samples.size(), SAMPLES_AT_ONCE);
@@ -197,6 +204,7 @@ bool DdsNetwork::PollBundles(Listener &listener) {
             Say(Level::WARNING, "something on the network speaks to this bridge as no bridge does; it is not heard");
         }
     }
+    told();
     if (count > 0) {
         dds_return_loan(bundleReader, samples.data(), count);
     }

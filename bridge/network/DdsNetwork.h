@@ -4,6 +4,7 @@
 #include <dds/dds.h>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <unordered_map>
 
@@ -28,7 +29,7 @@ public:
     std::string Open(RunId run, const Settings &settings);
     int Fd() const override { return fd.Get(); }
     void Poll(Listener &listener) override;
-    bool PollBundles(Listener &listener) override;
+    bool PollBundles(Listener &listener, const std::function<void()> &told) override;
     void SetTaker(BundleTaker *bundleTaker) override;
 
     void Announce(const Announcement &announcement) override;

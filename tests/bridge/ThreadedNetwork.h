@@ -10,6 +10,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <thread>
 #include <utility>
@@ -58,11 +59,11 @@ public:
         for (const tarvo_bridge::Announcement &announcement : told) {
             listener.OnAnnounced(announcement);
         }
-        if (PollBundles(listener)) {
+        if (PollBundles(listener, [] {})) {
             Wake();
         }
     }
-    bool PollBundles(Listener &listener) override {
+    bool PollBundles(Listener &listener, const std::function<void()> &told) override {
         std::deque<tarvo_bridge::Bundle> fetched;
         {
             const std::lock_guard<std::mutex> lock(mutex);
@@ -74,6 +75,7 @@ public:
         for (tarvo_bridge::Bundle &bundle : fetched) {
             listener.OnBundle(bundle);
         }
+        told();
         return false;
     }
     void SetTaker(tarvo_bridge::BundleTaker *bundleTaker) override {

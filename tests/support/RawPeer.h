@@ -47,6 +47,7 @@ public:
     // Returns once the other side has closed its read end.
     void AwaitReaderGone();
 
+    int ReadDescriptor() const { return readFd_; }
     int WriteDescriptor() const { return writeFd_; }
     const std::string &WriteFile() const { return writeFile_; }
     const std::string &ReadFile() const { return readFile_; }
