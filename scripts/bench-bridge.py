@@ -48,6 +48,8 @@ SCENARIOS = {
 # Scenario of the floors: bytes, calls under way, and calls of a second.
 FLOOR = {"call64": (64, 1, 12000), "call4000": (4000, 1, 8000), "window64": (64, 64, 150000)}
 DDS = {"call64": 64, "call4000": 4000}
+# Over the floor over the DDS, between the clients and servers that the bridge has.
+ENDS = ("call64", "call4000", "loop64")
 SESSIONS = 2000
 ROUNDS_OF_A_START = 3
 EVERY = [str(core) for core in sorted(os.sched_getaffinity(0))]
@@ -126,6 +128,10 @@ class Bench:
         for scenario in filter(self.wants, FLOOR):
             for name, relay in (("floor", "tcp"), ("dds_floor", "dds")):
                 self.cells[scenario, name] = lambda one=scenario, of=relay: relayed(pair, of, one, self.seconds)
+        for scenario in filter(self.wants, ENDS):
+            client = pair.client_of_floor(*SCENARIOS[scenario][1], *SCENARIOS[scenario][0], "--seconds", self.seconds)
+            # What it takes of the processor is not known: the copying processes come after the client.
+            self.cells[scenario, "dds_ends"] = lambda client=client: {"p50": ask(client)["p50"]}
         for scenario in filter(self.wants, DDS):
             self.cells[scenario, "dds"] = lambda size=DDS[scenario]: {"p50": pair.dds_round_trip(size, 2)}
 

@@ -3,6 +3,8 @@ import json
 import os
 import pathlib
 import re
+import select
+import struct
 import subprocess
 import sys
 import tempfile
@@ -15,6 +17,9 @@ from processes import Child, Group, processor_time  # noqa: E402
 PREPARE = ("mount -t tmpfs -o mode=1777 tmpfs /dev/shm && install -d -m 0755 /dev/shm/velm && "
            "install -d -m 1777 /dev/shm/velm/tarvo && echo ready && exec cat")
 STATE = "/dev/shm/bridges"
+PIPES = "/dev/shm/velm/tarvo"
+# What a client writes to a server, before its name: magic, type, group, process, and how long the name is.
+CONNECT = struct.Struct("<IIIiI")
 FRONT_ADDRESS = "10.77.0.1"
 GRPC_ENDPOINT = f"{FRONT_ADDRESS}:9100"
 FLOOR_PORT = "9000"
@@ -31,6 +36,10 @@ class Machine:
                                        stdout=subprocess.PIPE, text=True)
         if self.holder.stdout.readline() != "ready\n":
             raise RuntimeError("no network namespace can be made here: this needs root")
+
+    def path(self, file):
+        """A file of its own, for those outside."""
+        return f"/proc/{self.holder.pid}/root{file}"
 
     def inside(self, command):
         return ["taskset", "-c", self.cores, "nsenter", "-t", str(self.holder.pid), "-n", "-m", *map(str, command)]
@@ -101,7 +110,7 @@ class Pair:
         server = self.group.add(Child(self.front.inside([self.program(contestant), "server", "--endpoint", endpoint])))
         self.servers[endpoint] = server.answer()["processes"]
         # Clients wait for what the server has counted.
-        self.rear.run("ln", "-s", f"/proc/{self.front.holder.pid}/root/dev/shm/{endpoint}.count", "/dev/shm")
+        self.rear.run("ln", "-s", self.front.path(f"/dev/shm/{endpoint}.count"), "/dev/shm")
 
     def start_bridges(self, *names):
         shared = ("--interface", "eth0", "--state-folder", STATE, "--machine")
@@ -113,15 +122,19 @@ class Pair:
 
     def client(self, machine, contestant, endpoint, *task):
         """One that is connected, and the file for its samples."""
-        self.clients += 1
-        file = os.path.join(self.folder.name, str(self.clients))
         helpers = self.servers[endpoint] + (self.bridges if machine is self.rear and ":" not in endpoint else [])
-        watched = [word for pid in helpers for word in ("--server", pid)]
-        child = self.group.add(Child(machine.inside([
-            self.program(contestant), "client", "--endpoint", endpoint, "--self", f"client{self.clients}", "--samples",
-            file, *watched, *task])))
+        child, file = self.begin_client(machine, contestant, endpoint, helpers, *task)
         child.answer()
         return child, file
+
+    def begin_client(self, machine, contestant, endpoint, helpers, *task):
+        """One that connects now. Its processor time counts with that of the helpers."""
+        self.clients += 1
+        file = os.path.join(self.folder.name, str(self.clients))
+        watched = [word for pid in helpers for word in ("--server", pid)]
+        return self.group.add(Child(machine.inside([
+            self.program(contestant), "client", "--endpoint", endpoint, "--self", f"client{self.clients}", "--samples",
+            file, *watched, *task]))), file
 
     def dds_config(self):
         config = os.path.join(self.folder.name, "dds.xml")
@@ -154,12 +167,41 @@ class Pair:
 
     def start_dds_floor(self):
         fifos, relay = self.start_echo("dds")
-        ready = [os.path.join(self.folder.name, machine.name) for machine in (self.front, self.rear)]
-        floor = self.build / "bench/bridge/bench_dds_floor"
-        relay.append(self.front.start(*self.dds_config(), floor, "answers", "questions", *reversed(fifos), ready[0]))
-        relay.append(self.rear.start(*self.dds_config(), floor, "questions", "answers", *fifos, ready[1]))
-        wait_until(lambda: all(map(os.path.exists, ready)), "the ends of the floor over the DDS do not meet")
+        relay += self.join_over_dds("dds", fifos[::-1], fifos)
         self.relays["dds"] = [process.pid for process in relay]
+
+    def join_over_dds(self, name, front, rear):
+        """Copies between the FIFOs of two machines: of each the one that is read, and the one that is written."""
+        ready = [os.path.join(self.folder.name, machine.name + name) for machine in (self.front, self.rear)]
+        floor, topics = self.build / "bench/bridge/bench_dds_floor", (f"{name}_answers", f"{name}_questions")
+        relay = [self.front.start(*self.dds_config(), floor, *topics, *front, ready[0]),
+                 self.rear.start(*self.dds_config(), floor, *reversed(topics), *rear, ready[1])]
+        wait_until(lambda: all(map(os.path.exists, ready)), "the ends of the floor over the DDS do not meet")
+        return relay
+
+    def client_of_floor(self, contestant, endpoint, *task):
+        """As client(), but with the floor over the DDS in the place of bridges. It copies what is in pipes, and knows
+        nothing of them, so they are made and opened here."""
+        name = f"{endpoint}_over_floor{self.clients}"
+        os.mkfifo(self.rear.path(f"{PIPES}/{name}"))
+        listening = os.open(self.rear.path(f"{PIPES}/{name}"), os.O_RDWR)
+        self.rear.run("ln", "-s", self.front.path(f"/dev/shm/{endpoint}.count"), f"/dev/shm/{name}.count")
+        child, file = self.begin_client(self.rear, contestant, name, (), *task)
+        if not select.select([listening], [], [], 20)[0]:
+            raise TimeoutError("the client of the floor over the DDS does not connect")
+        head, client = os.read(listening, CONNECT.size), os.read(listening, 4096).decode()
+        os.close(listening)
+        rear = (f"{PIPES}/{client}__to__{name}", f"{PIPES}/{name}__to__{client}")
+        for fifo in rear:
+            os.mkfifo(self.rear.path(fifo))
+        magic, kind, group, *_ = CONNECT.unpack(head)
+        with open(self.front.path(f"{PIPES}/{endpoint}"), "wb", buffering=0) as server:
+            server.write(CONNECT.pack(magic, kind, group, self.front.holder.pid, len(client)) + client.encode())
+        front = (f"{PIPES}/{endpoint}__to__{client}", f"{PIPES}/{client}__to__{endpoint}")
+        wait_until(lambda: all(os.path.exists(self.front.path(fifo)) for fifo in front), "the server makes no pipe")
+        self.join_over_dds(name, front, rear)
+        child.answer()
+        return child, file
 
     def floor_calls(self, relay, size, count, window):
         pids = self.relays[relay]
