@@ -145,7 +145,7 @@ bool RelayLink::Serve(int share, int &ran) {
         ++ran;
     }
     if (state == State::OPEN && listener != nullptr && reader.HasUnread() && !reader.Stash()) {
-        End(-ENOMEM);
+        End();
     }
     if (state == State::OPEN && listener != nullptr && !paused && (reader.HasNext() || readable || gone)) {
         loop.Queue(*this);
@@ -187,7 +187,7 @@ bool RelayLink::ServeFrame() {
         return reader.HasNext() || gone;
     }
     if (gone) {
-        End(0);
+        End();
     }
     return false;
 }
@@ -208,7 +208,7 @@ void RelayLink::Read() {
     loop.Events().Remove(readWatch);
 }
 
-void RelayLink::End(int /*result*/) {
+void RelayLink::End() {
     state = State::ENDED;
     flusher.AwaitLate();
     broken = true;

@@ -71,7 +71,7 @@ private:
     void FlushWritten();
     bool ServeFrame();
     void Read();
-    void End(int result);
+    void End();
     void Shut();
 
     TarvoLoop &loop;
