@@ -13,8 +13,8 @@ namespace tarvo_bridge {
 
 // Who works when: the loop's thread in its rounds, and while it sleeps the thread of the DDS on which bundles come, so
 // that a frame gets into its pipe without another thread being woken first. One at a time, so that bridge and loop need
-// not know of threads. Only the write into the pipe comes after the turn: it wakes who reads, on one core before it
-// returns, and whose answer the loop's thread shall find the turn free for.
+// not know of threads. Only the write into the pipe comes after the turn: on one core the reader that it wakes answers
+// before it returns, and the loop's thread, which that answer wakes, is to find the turn free.
 // Owns: what the DDS's thread has left to the loop's. Threads: those two. Locks: its own, around all that the bridge
 // and the loop do. Ends: before the network, the runner and the loop, on the loop's thread.
 class Rounds final : public BundleTaker, private Network::Listener {
