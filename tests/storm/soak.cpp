@@ -32,6 +32,7 @@ using tarvo_test::ChildProcess;
 
 constexpr int64_t SECOND = 1000000000;
 constexpr int END_LIMIT_MS = 30000;
+constexpr std::size_t FEWEST_SAMPLES = 5;
 // Below this, the allocator and the pool of workers are still warming up.
 constexpr double MINUTES_FOR_GROWTH = 5;
 // From little load to much and back, at most.
@@ -87,16 +88,17 @@ public:
         int64_t nextRow = start + options.rowSeconds * SECOND;
         last = board->latency.Read();
         lastSecond = last;
-        while (Now() < end && good) {
+        // Longer when there are too few samples by then: under load the scheduler can hold this process up for seconds.
+        while ((Now() < end || whole.size() < FEWEST_SAMPLES) && good) {
             ComeAndGo();
             if (Now() >= nextSample) {
                 SetLoad();
                 TakeSamples();
-                nextSample += SECOND;
+                nextSample = After(nextSample, SECOND);
             }
             if (Now() >= nextRow) {
                 PrintRow();
-                nextRow += options.rowSeconds * SECOND;
+                nextRow = After(nextRow, options.rowSeconds * SECOND);
             }
             poll(nullptr, 0, 20);
         }
@@ -110,6 +112,9 @@ public:
     }
 
 private:
+    // When the next one is due. What this process was held up for is not made up for.
+    static int64_t After(int64_t due, int64_t period) { return (due + period > Now() ? due : Now()) + period; }
+
     void StartSteady() {
         SoakBoard *shared = &*board;
         const std::string normal = tag + "normal";
@@ -228,6 +233,9 @@ private:
 
     void Finish() {
         board->board.Set(Command::Finish);
+        // Nobody waits for the answer of one that is stopped.
+        victim.reset();
+        mortal.reset();
         for (auto one = steady.rbegin(); one != steady.rend(); ++one) {
             Check(one->process->EndsWithin(END_LIMIT_MS), one->role + " does not end");
             const int code = one->process->Wait();
@@ -261,7 +269,7 @@ private:
             fmt::print("shorter than {} minutes: no verdict on growth\n", MINUTES_FOR_GROWTH);
         }
         for (const Steady &one : steady) {
-            Check(one.samples.size() >= 5, one.role + " has too few samples for a verdict");
+            Check(one.samples.size() >= FEWEST_SAMPLES, one.role + " has too few samples for a verdict");
             // Memory: the allocator's own steps. Threads: one that serves a visitor may be counted or not.
             JudgeField(one, "own KiB", &Sample::ownKiB, 1.03, 128);
             JudgeField(one, "descriptors", &Sample::descriptors, 1, 2);
