@@ -30,6 +30,8 @@
 namespace tarvo_bridge {
 namespace {
 
+constexpr unsigned DDS_END_LIMIT_S = 2;
+
 Level LevelOf(const std::string &name) {
     if (name == "error") {
         return Level::ERROR;
@@ -105,7 +107,19 @@ private:
     Task task;
 };
 
+volatile std::sig_atomic_t exitStatus = EXIT_OK;
+
+// To end, the DDS sends its threads a packet at its own address, and waits for them for ever where the network has
+// gone. All else of the bridge has ended by then, so that the process may.
+int EndSoon(int status) {
+    exitStatus = status;
+    signal(SIGALRM, [](int) { _exit(exitStatus); });
+    alarm(DDS_END_LIMIT_S);
+    return status;
+}
+
 int Serve(Options &options) {
+    DdsNetwork network; // ends last
     const UniqueFd signals = BlockedSignals();
     RaiseDescriptorLimit();
     NameLocks locks;
@@ -121,11 +135,10 @@ int Serve(Options &options) {
         Say(Level::ERROR, "the bridge cannot start: {}", std::strerror(-ret));
         return EXIT_FAILED;
     }
-    DdsNetwork network;
     const std::string fault = network.Open(run, options.network);
     if (!fault.empty()) {
         Say(Level::ERROR, "{}", fault);
-        return EXIT_FAILED;
+        return EndSoon(EXIT_FAILED);
     }
     Runner runner(loop, std::move(options.plan), network);
     StateFile state(loop, options.stateFolder, machine, runner.TheBridge());
@@ -134,7 +147,7 @@ int Serve(Options &options) {
     Task ending(loop, [&rounds] { rounds.Stop(); });
     if (rounds.Init() != 0 || ending.WhenReadable(signals.Get()) != 0) {
         Say(Level::ERROR, "the bridge cannot start: {}", std::strerror(ENOMEM));
-        return EXIT_FAILED;
+        return EndSoon(EXIT_FAILED);
     }
     runner.Begin();
     const Watchdog watchdog(loop);
@@ -144,7 +157,7 @@ int Serve(Options &options) {
     rounds.Run();
     runner.SetObserver(nullptr);
     sd_notify(0, "STOPPING=1");
-    return EXIT_OK;
+    return EndSoon(EXIT_OK);
 }
 
 } // namespace

@@ -78,6 +78,19 @@ TEST_F(MachinesTest, BridgeThatEndsInOrderLeavesNothing) {
     EXPECT_EQ(exporter->Quit(), 0);
 }
 
+TEST_F(MachinesTest, BridgeEndsInOrderWithoutANetworkToo) {
+    const auto server = Program(*front);
+    ASSERT_EQ(server->AskInt("serve self=camera callback=echo"), 0);
+    BridgeCamera();
+    ASSERT_TRUE(Offers(*rear));
+    front->Unplug();
+    rear->Run("ip addr flush dev eth0");
+    EXPECT_EQ(exporter->Quit(), 0);
+    EXPECT_EQ(importer->Quit(), 0);
+    EXPECT_FALSE(rear->Has("camera"));
+    EXPECT_EQ(rear->Run(std::string("ls ") + MACHINE_STATE + "/bridge-* 2>&1 | grep -v cannot || true"), "");
+}
+
 TEST_F(MachinesTest, DeathOfTheOtherMachinesBridgeIsNoticedWithinThreeSeconds) {
     const auto server = Program(*front);
     ASSERT_EQ(server->AskInt("serve self=camera callback=report"), 0);
