@@ -63,7 +63,8 @@ void PeerLink::OnLost() {
 void PeerLink::Restart(State next, const char *why) {
     const bool wasUp = state == State::UP;
     state = next;
-    mine = std::max(mine + 1, ++beginnings);
+    // From below again after the highest: whoever has heard that forgets it when nothing else comes.
+    mine = std::max(mine < HIGHEST_COUNT ? mine + 1 : 1, ++beginnings);
     theirs = 0;
     sent = 0;
     received = 0;
@@ -131,6 +132,10 @@ void PeerLink::TakeBack() {
 }
 
 void PeerLink::Greet(int64_t now) {
+    if (state == State::GREETING && now >= lastHeard + lease) {
+        // What was heard may not have been the peer, which would not follow.
+        theirs = 0;
+    }
     Bundle greeting;
     greeting.from = ends.self;
     greeting.to = ends.peer;
@@ -176,6 +181,9 @@ void PeerLink::OnBundle(Bundle &bundle, int64_t now) {
         return;
     }
     if (bundle.theirs > mine) {
+        if (bundle.theirs == HIGHEST_COUNT) {
+            return; // nothing exceeds it; the peer will forget it
+        }
         // Somebody has spoken in this one's name. The peer hears higher counts only: this comes first, since somebody
         // may have spoken in the peer's name, too, and each would tell the other for ever that it is not heard. Of this
         // link only: what one peer says must not use up the counts of the others.
@@ -186,13 +194,13 @@ void PeerLink::OnBundle(Bundle &bundle, int64_t now) {
         Greet(now);
         return;
     }
-    if (theirs != 0 && bundle.mine < theirs) {
+    if (theirs != 0 && bundle.mine < theirs && now < lastHeard + lease) {
         // Of a link that is over; or else the peer needs to know which count it has to exceed.
         Greet(now);
         return;
     }
     lastHeard = now;
-    if (state == State::UP && bundle.mine > theirs) {
+    if (state == State::UP && bundle.mine != theirs) {
         // The peer has begun anew. As long as nothing has been sent its new count is all that matters: two sides that
         // both began anew at each other's news would never come to an end.
         Restart(State::GREETING, "its bridge has lost this one and begins anew");

@@ -372,8 +372,6 @@ TEST_F(PeerLinkTest, SomebodyWhoSpeaksForThePeerShutsItOutOnlyForAWhile) {
     EXPECT_EQ(b.items, Numbers({2}));
 }
 
-// Whatever a network does: what arrives of one link is a beginning of what was sent through it, and when the network
-// behaves again both sides come up.
 // Each takes the other's true counts for those of a link that is over, and says so.
 TEST_F(PeerLinkTest, SomebodyWhoSpeaksForBothKeepsThemFromEachOtherNoLonger) {
     ComeUp();
@@ -394,6 +392,36 @@ TEST_F(PeerLinkTest, SomebodyWhoSpeaksForBothKeepsThemFromEachOtherNoLonger) {
     EXPECT_EQ(b.items, Numbers{7});
 }
 
+// No count of the peer's own can exceed these.
+TEST_F(PeerLinkTest, HighestCountsInThePeersNameShutItOutOnlyForAWhile) {
+    for (const uint32_t count : {0x7FFFFFFEU, 0x7FFFFFFFU}) {
+        for (const bool inPeersCount : {false, true}) {
+            ComeUp();
+            Bundle forged;
+            forged.from = A;
+            forged.to = B;
+            forged.mine = inPeersCount ? count : 1;
+            forged.theirs = inPeersCount ? 0 : count;
+            b.link.OnBundle(forged, now);
+            CarryAll();
+            for (int greeting = 0; greeting < 3; ++greeting) {
+                Pass(LEASE_MS);
+                CarryAll();
+            }
+            a.items.clear();
+            b.items.clear();
+            SendItem(a, 1);
+            SendItem(b, 2);
+            CarryAll();
+            EXPECT_TRUE(a.link.IsUp() && b.link.IsUp()) << count << (inPeersCount ? " of it" : " of this one");
+            EXPECT_EQ(b.items, Numbers{1});
+            EXPECT_EQ(a.items, Numbers{2});
+        }
+    }
+}
+
+// Whatever a network does: what arrives of one link is a beginning of what was sent through it, and when the network
+// behaves again both sides come up.
 TEST_F(PeerLinkTest, AnyNetworkYieldsABeginningOfWhatWasSent) {
     for (unsigned seed = 0; seed < 300; ++seed) {
         std::mt19937 random(seed);
