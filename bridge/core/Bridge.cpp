@@ -151,6 +151,15 @@ void Bridge::Choose(Import &import, const std::vector<const Announcement *> &can
     SetOffered(import);
 }
 
+void Bridge::CheckOffered(Import &import) {
+    if (import.offered && !local.IsOffered(import.rule.local)) {
+        Say(Level::WARNING, "the server file of '{}' was removed or replaced", import.rule.local);
+        local.Withdraw(import.rule.local);
+        import.offered = false;
+    }
+    SetOffered(import);
+}
+
 void Bridge::SetOffered(Import &import) {
     Peer *const peer = peers.Find(import.carrier);
     const bool wanted = peer != nullptr && peer->Link().IsUp();
@@ -190,9 +199,9 @@ int64_t Bridge::Due() const {
     for (const auto &peer : peers) {
         due = std::min({due, peer->Link().Due(), peer->TwinDue()});
     }
-    const bool again =
-        std::any_of(imports.begin(), imports.end(), [](const Import &import) { return import.refused != 0; });
-    return again ? std::min(due, retryDue) : due;
+    const bool again = std::any_of(imports.begin(), imports.end(),
+                                   [](const Import &import) { return import.offered || import.refused != 0; });
+    return again ? std::min(due, offersDue) : due;
 }
 
 void Bridge::OnTime() {
@@ -202,10 +211,10 @@ void Bridge::OnTime() {
         peer->FreeOver();
     }
     TellOfTwins(now);
-    if (now >= retryDue) {
-        retryDue = now + RETRY_OFFER_MS;
+    if (now >= offersDue) {
+        offersDue = now + CHECK_OFFERS_MS;
         for (Import &import : imports) {
-            SetOffered(import);
+            CheckOffered(import);
         }
     }
     listener.OnDueChanged();

@@ -100,8 +100,8 @@ private:
         int refused = 0;
     };
 
-    // How often it is tried to offer a name that another server has.
-    static constexpr int64_t RETRY_OFFER_MS = 1000;
+    // How often it is looked whether a name is still offered, and tried to offer one that another server has.
+    static constexpr int64_t CHECK_OFFERS_MS = 1000;
 
     Announcement Own() const;
     void Announce();
@@ -112,6 +112,7 @@ private:
     void TellOfTwins(int64_t now);
     void Choose();
     void Choose(Import &import, const std::vector<const Announcement *> &candidates);
+    void CheckOffered(Import &import);
     void SetOffered(Import &import);
 
     Plan plan;
@@ -119,7 +120,7 @@ private:
     LocalSide &local;
     Listener &listener;
     uint32_t pipes = 0;
-    int64_t retryDue = 0;
+    int64_t offersDue = 0;
     std::map<std::string, bool> servers; // the exports, and whether each lives
     std::vector<Import> imports;
     Roster peers;

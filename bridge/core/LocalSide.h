@@ -86,6 +86,8 @@ public:
     virtual void WatchServer(const std::string &name) = 0;
     // Makes the server file of a name. 0 or a negated errno.
     virtual int Offer(const std::string &name) = 0;
+    // Whether the server file of a name that is offered is still that one.
+    virtual bool IsOffered(const std::string &name) const = 0;
     virtual void Withdraw(const std::string &name) = 0;
     // The pipe of a client of `service` that waits for it; null when it cannot be made.
     virtual LocalPipe *Accept(const std::string &service, const LocalClient &client, LocalPipe::Listener &listener) = 0;

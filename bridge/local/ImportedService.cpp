@@ -9,6 +9,7 @@
 #include "api/tarvo_check.h"
 #include "core/Report.h"
 #include "fifo/velm_check.h"
+#include "loop/Files.h"
 
 namespace tarvo_bridge {
 
@@ -28,6 +29,8 @@ int ImportedService::Open() {
     }
     return ret;
 }
+
+bool ImportedService::HasFile() const { return StandsUnder(file.ReadFd(), EnvManager::FifoPrefix() + name); }
 
 void ImportedService::Close() {
     closed = true;

@@ -23,6 +23,8 @@ public:
 
     // 0, or a negated errno: -EADDRINUSE when a living server has the name.
     int Open();
+    // Whether clients find it: anybody may remove the file, and a server of the same name replaces it.
+    bool HasFile() const;
     void Close();
 
     bool Serve(int share, int &ran) override;

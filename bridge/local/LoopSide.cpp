@@ -31,6 +31,11 @@ int LoopSide::Offer(const std::string &name) {
     return ret;
 }
 
+bool LoopSide::IsOffered(const std::string &name) const {
+    const auto found = services.find(name);
+    return found != services.end() && found->second->HasFile();
+}
+
 void LoopSide::Withdraw(const std::string &name) {
     const auto found = services.find(name);
     if (found != services.end()) {

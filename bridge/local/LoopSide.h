@@ -32,6 +32,7 @@ public:
 
     void WatchServer(const std::string &name) override;
     int Offer(const std::string &name) override;
+    bool IsOffered(const std::string &name) const override;
     void Withdraw(const std::string &name) override;
     LocalPipe *Accept(const std::string &service, const LocalClient &client, LocalPipe::Listener &pipe) override;
     LocalPipe *Connect(const std::string &service, const std::string &self, LocalPipe::Listener &pipe) override;

@@ -63,6 +63,7 @@ struct CoreMachine final : tarvo_bridge::LocalSide {
         offered.insert(name);
         return 0;
     }
+    bool IsOffered(const std::string &name) const override { return offered.count(name) > 0; }
     void Withdraw(const std::string &name) override { offered.erase(name); }
     tarvo_bridge::LocalPipe *Accept(const std::string &, const tarvo_bridge::LocalClient &,
                                     tarvo_bridge::LocalPipe::Listener &listener) override {

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <deque>
 #include <memory>
@@ -422,6 +423,33 @@ TEST_F(BridgeTest, NameThatALivingServerHasIsLeftToIt) {
     EXPECT_FALSE(bridges.Look(importer).imports.front().offered);
     TarvoServiceClose(mine.service);
     EXPECT_TRUE(Eventually([this] { return bridges.Look(importer).imports.front().offered; }));
+}
+
+TEST_F(BridgeTest, NameWhoseFileWasRemovedIsOfferedAgain) {
+    Server server(loop, real);
+    StartBoth();
+    ASSERT_TRUE(IsOffered());
+    const std::string file = FifoDirectory() + there;
+    ASSERT_EQ(unlink(file.c_str()), 0);
+    ASSERT_TRUE(Eventually([&] { return access(file.c_str(), F_OK) == 0; }));
+    Recorder client;
+    OpenLink(loop, client, there, TARVO_LINK_TO_SERVER, PATIENCE_MS, UniqueName("cli"));
+    ASSERT_TRUE(Wait([&] { return client.opened; }));
+    EXPECT_EQ(client.result, 0);
+}
+
+TEST_F(BridgeTest, NameThatAServerHasTakenOverIsOfferedAgainWhenThatHasEnded) {
+    Server server(loop, real);
+    StartBoth();
+    ASSERT_TRUE(IsOffered());
+    {
+        const std::string other = UniqueName("other");
+        const RawServer usurper(other);
+        ASSERT_EQ(rename((FifoDirectory() + other).c_str(), (FifoDirectory() + there).c_str()), 0);
+        EXPECT_TRUE(Eventually([this] { return bridges.Look(importer).imports.front().refused == -EADDRINUSE; }));
+        EXPECT_FALSE(bridges.Look(importer).imports.front().offered);
+    }
+    EXPECT_TRUE(IsOffered());
 }
 
 TEST_F(BridgeTest, WhatIsNotExportedCannotBeReached) {
