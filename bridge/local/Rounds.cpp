@@ -18,21 +18,21 @@ Rounds::Rounds(TarvoLoop &theLoop, Runner &theRunner, NetworkSource &theNetwork)
     runner.SetDriven();
 }
 
-void Rounds::Run() {
+bool Rounds::Run() {
     network.SetTaker(this);
     Poller::Ready ready;
-    while (!stopped) {
+    int ran = 0;
+    while (!stopped && ran >= 0) {
         loop.Wait(ready);
         const MutexLock lock(turn);
-        int ran = loop.Dispatch(ready, INT_MAX);
+        ran = loop.Dispatch(ready, INT_MAX);
         if (ran > ONE_FRAME) {
             ran = loop.Dispatch(INT_MAX);
         }
         Finish();
-        // The loop has said why it cannot go on.
-        stopped = stopped || ran < 0;
     }
     network.SetTaker(nullptr);
+    return ran >= 0;
 }
 
 void Rounds::Finish() {

@@ -25,8 +25,8 @@ public:
 
     // Once, before Run(). 0 or a negated errno.
     int Init() { return hearing.WhenReadable(network.Fd()); }
-    // Until Stop(), which is called on the loop.
-    void Run();
+    // Until Stop(), which is called on the loop. False: it cannot go on, and has said why.
+    bool Run();
     void Stop() { stopped = true; }
 
     bool TakeBundles() override;

@@ -154,10 +154,10 @@ int Serve(Options &options) {
     state.Changed();
     sd_notify(0, "READY=1");
     Say(Level::NOTICE, "machine '{}', run {:016x}: at work", machine, run);
-    rounds.Run();
+    const bool stopped = rounds.Run();
     runner.SetObserver(nullptr);
     sd_notify(0, "STOPPING=1");
-    return EndSoon(EXIT_OK);
+    return EndSoon(stopped ? EXIT_OK : EXIT_FAILED);
 }
 
 } // namespace
