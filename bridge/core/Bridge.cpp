@@ -44,6 +44,7 @@ void Bridge::Begin() {
     for (const std::string &name : plan.exports) {
         local.WatchServer(name);
     }
+    listener.OnDueChanged();
 }
 
 Announcement Bridge::Own() const {
@@ -62,7 +63,7 @@ Announcement Bridge::Own() const {
     return announcement;
 }
 
-void Bridge::Announce() { network.Announce(Own()); }
+void Bridge::Announce() { announced = network.Announce(Own()); }
 
 void Bridge::OnBundle(Bundle &bundle) {
     Peer *const peer = peers.Find(bundle.from);
@@ -199,9 +200,10 @@ int64_t Bridge::Due() const {
     for (const auto &peer : peers) {
         due = std::min({due, peer->Link().Due(), peer->TwinDue()});
     }
-    const bool again = std::any_of(imports.begin(), imports.end(),
-                                   [](const Import &import) { return import.offered || import.refused != 0; });
-    return again ? std::min(due, offersDue) : due;
+    const bool look = !announced || std::any_of(imports.begin(), imports.end(), [](const Import &import) {
+        return import.offered || import.refused != 0;
+    });
+    return look ? std::min(due, lookDue) : due;
 }
 
 void Bridge::OnTime() {
@@ -211,8 +213,11 @@ void Bridge::OnTime() {
         peer->FreeOver();
     }
     TellOfTwins(now);
-    if (now >= offersDue) {
-        offersDue = now + CHECK_OFFERS_MS;
+    if (now >= lookDue) {
+        lookDue = now + LOOK_INTERVAL_MS;
+        if (!announced) {
+            Announce();
+        }
         for (Import &import : imports) {
             CheckOffered(import);
         }

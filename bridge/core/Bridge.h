@@ -100,8 +100,9 @@ private:
         int refused = 0;
     };
 
-    // How often it is looked whether a name is still offered, and tried to offer one that another server has.
-    static constexpr int64_t CHECK_OFFERS_MS = 1000;
+    // How often it is looked whether a name is still offered, and tried again to offer one that another server has and
+    // to announce what the network did not take.
+    static constexpr int64_t LOOK_INTERVAL_MS = 1000;
 
     Announcement Own() const;
     void Announce();
@@ -120,7 +121,8 @@ private:
     LocalSide &local;
     Listener &listener;
     uint32_t pipes = 0;
-    int64_t offersDue = 0;
+    int64_t lookDue = 0;
+    bool announced = false;
     std::map<std::string, bool> servers; // the exports, and whether each lives
     std::vector<Import> imports;
     Roster peers;

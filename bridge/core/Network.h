@@ -29,8 +29,8 @@ public:
     Network(const Network &) = delete;
     Network &operator=(const Network &) = delete;
 
-    // Takes the place of what was announced before.
-    virtual void Announce(const Announcement &announcement) = 0;
+    // Takes the place of what was announced before. False: try again.
+    virtual bool Announce(const Announcement &announcement) = 0;
     // From now on bundles go to this run. May be called again.
     virtual void Connect(RunId run) = 0;
     virtual void Disconnect(RunId run) = 0;

@@ -41,17 +41,17 @@ std::string Failed(const char *what, dds_return_t result) {
 
 std::string PartitionOf(RunId run) { return fmt::format("run-{:016x}", run); }
 
-// Announcements: the last of each run, for whoever comes later too.
+// Announcements: the last of each run, for whoever comes later too. No write waits, here or below.
 Qos RunQos() {
     Qos qos(dds_create_qos());
-    dds_qset_reliability(qos.get(), DDS_RELIABILITY_RELIABLE, DDS_SECS(1));
+    dds_qset_reliability(qos.get(), DDS_RELIABILITY_RELIABLE, 0);
     dds_qset_durability(qos.get(), DDS_DURABILITY_TRANSIENT_LOCAL);
     dds_qset_history(qos.get(), DDS_HISTORY_KEEP_LAST, 1);
     dds_qset_ignorelocal(qos.get(), DDS_IGNORELOCAL_PARTICIPANT);
     return qos;
 }
 
-// Bundles: all of them, in order, for who is there. A write that finds no room waits for nobody.
+// Bundles: all of them, in order, for who is there.
 Qos BundleQos() {
     Qos qos(dds_create_qos());
     dds_qset_reliability(qos.get(), DDS_RELIABILITY_RELIABLE, 0);
@@ -211,7 +211,7 @@ bool DdsNetwork::PollBundles(Listener &listener, const std::function<void()> &to
     return count == static_cast<dds_return_t>(SAMPLES_AT_ONCE);
 }
 
-void DdsNetwork::Announce(const Announcement &announcement) {
+bool DdsNetwork::Announce(const Announcement &announcement) {
     tarvo_bridge_v1_Announcement told{};
     told.run = announcement.run;
     told.version = announcement.version;
@@ -232,9 +232,12 @@ void DdsNetwork::Announce(const Announcement &announcement) {
     fill(announcement.services, services, told.services);
     fill(announcement.names, names, told.names);
     const dds_return_t ret = dds_write(runWriter, &told);
-    if (ret < 0) {
-        Say(Level::ERROR, "the network does not take what this bridge offers: {}", dds_strretcode(ret));
+    if (ret < 0 && ret != refusal) {
+        Say(Level::ERROR, "the network does not take what this bridge offers: {}; it is tried again",
+            dds_strretcode(ret));
     }
+    refusal = ret;
+    return ret == 0;
 }
 
 void DdsNetwork::Connect(RunId run) {

@@ -32,7 +32,7 @@ public:
     bool PollBundles(Listener &listener, const std::function<void()> &told) override;
     void SetTaker(BundleTaker *bundleTaker) override;
 
-    void Announce(const Announcement &announcement) override;
+    bool Announce(const Announcement &announcement) override;
     void Connect(RunId run) override;
     void Disconnect(RunId run) override;
     bool Send(const Bundle &bundle) override;
@@ -57,6 +57,7 @@ private:
     dds_entity_t runTopic = 0;
     dds_entity_t runReader = 0;
     dds_entity_t runWriter = 0;
+    dds_return_t refusal = 0; // of the last announcement
     dds_entity_t bundleTopic = 0;
     dds_entity_t bundleReader = 0;
     std::unordered_map<RunId, Outlet> outlets;

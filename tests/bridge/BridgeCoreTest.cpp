@@ -69,6 +69,18 @@ TEST_F(CoreTest, SessionsOfOneMachineAreBoundedOnBothSidesAndItIsSaidOnce) {
     EXPECT_EQ(exporter->machine.pipes.size(), 3U);
 }
 
+TEST_F(CoreTest, WhatTheNetworkDidNotTakeIsAnnouncedAgain) {
+    exporter = &Start(1, "front", {"camera"}, {});
+    importer = &Start(2, "rear", {}, {{"camera", "", "camera"}});
+    cables.room = [] { return false; };
+    exporter->bridge.OnServer("camera", true);
+    Pass(5000);
+    EXPECT_EQ(importer->machine.offered.count("camera"), 0U);
+    cables.room = [] { return true; };
+    Pass(1000);
+    EXPECT_EQ(importer->machine.offered.count("camera"), 1U);
+}
+
 TEST_F(CoreTest, NetworkThatTakesNothingStopsClientsBeforeMemoryIsFull) {
     window = 4096;
     StartBoth();

@@ -60,7 +60,7 @@ public:
 
     void SetListener(Listener *networkListener) { listener = networkListener; }
 
-    void Announce(const tarvo_bridge::Announcement &announcement) override;
+    bool Announce(const tarvo_bridge::Announcement &announcement) override;
     void Connect(RunId peer) override { connected[peer] = true; }
     void Disconnect(RunId peer) override { connected.erase(peer); }
     bool Send(const tarvo_bridge::Bundle &bundle) override;
@@ -86,7 +86,10 @@ inline void Cables::Tell(RunId from, RunId to) {
     });
 }
 
-inline void FakeNetwork::Announce(const tarvo_bridge::Announcement &announcement) {
+inline bool FakeNetwork::Announce(const tarvo_bridge::Announcement &announcement) {
+    if (!cables.room()) {
+        return false;
+    }
     const bool first = last.run == 0;
     last = announcement;
     for (const auto &node : cables.nodes) {
@@ -99,6 +102,7 @@ inline void FakeNetwork::Announce(const tarvo_bridge::Announcement &announcement
         }
     }
     cables.news();
+    return true;
 }
 
 inline bool FakeNetwork::Send(const tarvo_bridge::Bundle &bundle) {

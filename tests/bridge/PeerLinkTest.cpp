@@ -28,7 +28,7 @@ Item Numbered(uint32_t number) {
 struct LinkSide final : Network, PeerLink::Listener {
     LinkSide(RunId self, RunId peer) : link({self, peer}, LEASE_MS, beginnings, *this, *this) {}
 
-    void Announce(const Announcement &) override {}
+    bool Announce(const Announcement &) override { return true; }
     void Connect(RunId) override { ++connects; }
     void Disconnect(RunId) override { ++disconnects; }
     bool Send(const Bundle &bundle) override {

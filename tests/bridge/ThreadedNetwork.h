@@ -39,7 +39,10 @@ public:
         other.peer = &one;
     }
 
-    void Announce(const tarvo_bridge::Announcement &announcement) override { peer->Put(announcement); }
+    bool Announce(const tarvo_bridge::Announcement &announcement) override {
+        peer->Put(announcement);
+        return true;
+    }
     void Connect(tarvo_bridge::RunId /*run*/) override { MustNotBeTheCarrier(); }
     void Disconnect(tarvo_bridge::RunId /*run*/) override { MustNotBeTheCarrier(); }
     bool Send(const tarvo_bridge::Bundle &bundle) override {
