@@ -14,7 +14,6 @@
 namespace storm {
 namespace {
 
-constexpr int OPEN_TIMEOUT_MS = 1000;
 constexpr int LONG_TIMEOUT_MS = 60000;
 constexpr unsigned OUTSTANDING = 256;
 constexpr std::size_t SAMPLES = 1000;
@@ -50,7 +49,7 @@ bool LoopClient::Connect() {
     options.target = name.c_str();
     options.self = name.c_str();
     options.gid = TARVO_LOOP_ANY_GROUP;
-    options.timeoutMs = OPEN_TIMEOUT_MS;
+    options.timeoutMs = LONG_TIMEOUT_MS;
     options.context = this;
     options.callbacks = &callbacks;
     link = nullptr;
@@ -60,7 +59,7 @@ bool LoopClient::Connect() {
         return false;
     }
     while (opened == 1) {
-        Dispatch(OPEN_TIMEOUT_MS);
+        Dispatch(LONG_TIMEOUT_MS);
     }
     return opened == 0;
 }

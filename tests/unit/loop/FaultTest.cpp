@@ -24,7 +24,9 @@ const int SHORT_MS = EMULATED ? 600 : 60;
 // Serves a name, opens a link to it, makes a call, gets its answer, and closes everything. Whether all of it succeeded.
 class Life {
 public:
-    explicit Life(TarvoLoop *ownLoop) : loop(ownLoop), name(UniqueName("srv")), self(UniqueName("cli")) {}
+    // `limitMs` for each step: what a fault has cut off may wait for it in vain.
+    explicit Life(TarvoLoop *ownLoop, int limitMs = PATIENCE_MS)
+        : loop(ownLoop), limit(limitMs), name(UniqueName("srv")), self(UniqueName("cli")) {}
 
     bool Live() {
         const bool whole = Serve() && Connect() && Talk();
@@ -39,7 +41,7 @@ public:
 private:
     bool Step(const std::function<bool()> &condition) {
         for (int i = 0; !condition() && i < 200; ++i) {
-            if (IsReadable(loop, 2 * SHORT_MS)) {
+            if (IsReadable(loop, 2 * limit)) {
                 TarvoLoopDispatch(loop, INT_MAX);
             } else {
                 return false;
@@ -74,13 +76,13 @@ private:
         options.target = name.c_str();
         options.self = self.c_str();
         options.gid = TARVO_LOOP_ANY_GROUP;
-        options.timeoutMs = SHORT_MS;
+        options.timeoutMs = limit;
         options.context = this;
         options.callbacks = &callbacks;
         return TarvoLinkOpen(loop, &options, &link) == 0 && Step([this] { return result <= 0; }) && result == 0;
     }
     bool Talk() {
-        const int64_t call = TarvoLinkCall(link, Bytes("hello"), SHORT_MS, Done, this);
+        const int64_t call = TarvoLinkCall(link, Bytes("hello"), limit, Done, this);
         calls += call > 0 ? 1 : 0;
         return call > 0 && Step([this] { return calls == 0; }) && answered;
     }
@@ -91,6 +93,7 @@ private:
     }
 
     TarvoLoop *const loop;
+    const int limit;
     const std::string name;
     const std::string self;
     TarvoService *service = nullptr;
@@ -125,7 +128,7 @@ protected:
             {
                 const ScopedLeakCheck leaks;
                 const ScopedFault fault(call, error, Where().Nth(nth).ThisThread());
-                Life life(loop);
+                Life life(loop, SHORT_MS);
                 life.Live();
                 hits = fault.Hits();
             }
@@ -140,7 +143,7 @@ TEST_F(FaultTest, Allocations) {
     for (bool hit = true; hit && nth < 1000; ++nth) {
         {
             const ScopedLeakCheck leaks;
-            Life life(loop);
+            Life life(loop, SHORT_MS);
             const AllocFault fault(nth);
             life.Live();
             hit = fault.Hit();
@@ -205,7 +208,7 @@ TEST_F(FaultTest, Descriptors) {
         ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &old), 0);
         const rlimit tight{static_cast<rlim_t>(last + more), old.rlim_max};
         {
-            Life life(loop);
+            Life life(loop, SHORT_MS);
             ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
             life.Live();
             TarvoLoop *mine = nullptr;

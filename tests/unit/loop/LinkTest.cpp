@@ -10,7 +10,7 @@ const std::string BIG(TARVO_LOOP_MAX_PAYLOAD, 'b');
 
 TEST_F(LinkTest, RequestsArriveInOrderAndAreAnsweredByNumber) {
     EXPECT_EQ(TarvoLinkSend(link, Bytes("one")), 0);
-    EXPECT_GT(TarvoLinkCall(link, Bytes("two"), 1000, Recorder::Done, &client), 0);
+    EXPECT_GT(TarvoLinkCall(link, Bytes("two"), PATIENCE_MS, Recorder::Done, &client), 0);
     ASSERT_TRUE(Wait([this] { return server.links.requests.size() == 2; }));
     EXPECT_EQ(server.links.requests[0].payload, "one");
     const Recorder::Request &second = server.links.requests[1];
@@ -23,7 +23,7 @@ TEST_F(LinkTest, RequestsArriveInOrderAndAreAnsweredByNumber) {
 }
 
 TEST_F(LinkTest, BothSidesMayCall) {
-    EXPECT_GT(TarvoLinkCall(remote, Bytes("ask"), 1000, Recorder::Done, &server.links), 0);
+    EXPECT_GT(TarvoLinkCall(remote, Bytes("ask"), PATIENCE_MS, Recorder::Done, &server.links), 0);
     client.onRequest = [](TarvoLink *on, uint32_t number, TarvoBytes) { TarvoLinkReply(on, number, Bytes("told")); };
     ASSERT_TRUE(Wait([this] { return server.links.done == 1; }));
     EXPECT_EQ(server.links.events.back(), "done 0 told");
@@ -61,7 +61,7 @@ TEST_F(LinkTest, AnAnswerThatIsThereWhenTheTimeIsUpCounts) {
 }
 
 TEST_F(LinkTest, ACancelledCallEndsOnceInALaterDispatch) {
-    const int64_t call = TarvoLinkCall(link, Bytes("x"), 1000, Recorder::Done, &client);
+    const int64_t call = TarvoLinkCall(link, Bytes("x"), PATIENCE_MS, Recorder::Done, &client);
     EXPECT_EQ(TarvoLinkCancel(link, call), 0);
     EXPECT_EQ(TarvoLinkCancel(link, call), -ENOENT);
     EXPECT_EQ(TarvoLinkCancel(link, 0), -ENOENT);
@@ -90,7 +90,7 @@ TEST_F(LinkTest, ACancelInsideACallbackIsToldInTheNextDispatch) {
 
 TEST_F(LinkTest, ACloseEndsTheCallsInTheNextDispatchAndTellsTheRemote) {
     TarvoLinkCall(link, Bytes("x"), -1, Recorder::Done, &client);
-    TarvoLinkCall(link, Bytes("y"), 1000, Recorder::Done, &client);
+    TarvoLinkCall(link, Bytes("y"), PATIENCE_MS, Recorder::Done, &client);
     EXPECT_EQ(TarvoLinkClose(link), 0);
     EXPECT_EQ(client.done, 0);
     ASSERT_TRUE(Wait([this] { return client.done == 2 && server.links.closed == 1; }));

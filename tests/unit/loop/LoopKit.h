@@ -17,7 +17,7 @@
 
 namespace tarvo_test {
 
-constexpr int PATIENCE_MS = 20000;
+constexpr int PATIENCE_MS = 60000;
 
 inline TarvoBytes Bytes(const std::string &text) { return {text.data(), static_cast<uint32_t>(text.size())}; }
 inline std::string Text(TarvoBytes bytes) { return bytes.size > 0 ? std::string(bytes.data, bytes.size) : ""; }
