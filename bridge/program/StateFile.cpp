@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <system_error>
@@ -19,6 +20,8 @@ namespace tarvo_bridge {
 namespace {
 
 constexpr int64_t LEAST_INTERVAL_MS = 300;
+// After it could not be written.
+constexpr int64_t RETRY_MS = 1000;
 
 std::string TextOf(const Picture &picture, const std::string &machine) {
     nlohmann::json exports = nlohmann::json::array();
@@ -60,6 +63,29 @@ void RemoveThoseOfTheDead(const std::string &folder) {
     }
 }
 
+// 0 or an errno; what was there stays then.
+int Replace(const std::string &path, const std::string &text) {
+    const std::string fresh = path + ".new";
+    // Never through what somebody else has put there.
+    unlink(fresh.c_str());
+    const UniqueFd file(open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
+    if (file.Get() < 0) {
+        return errno;
+    }
+    const ssize_t size = write(file.Get(), text.data(), text.size());
+    int error = size < 0 ? errno : 0;
+    if (error == 0 && size != static_cast<ssize_t>(text.size())) {
+        error = ENOSPC; // which only the next write would tell
+    }
+    if (error == 0 && std::rename(fresh.c_str(), path.c_str()) != 0) {
+        error = errno;
+    }
+    if (error != 0) {
+        unlink(fresh.c_str());
+    }
+    return error;
+}
+
 } // namespace
 
 StateFile::StateFile(TarvoLoop &loop, const std::string &folder, std::string machineName, const Bridge &shownBridge)
@@ -83,14 +109,17 @@ void StateFile::Write() {
     if (text == written) {
         return;
     }
-    const std::string fresh = path + ".new";
-    // Never through what somebody else has put there.
-    unlink(fresh.c_str());
-    const UniqueFd file(open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644));
-    if (file.Get() < 0 || write(file.Get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
-        std::rename(fresh.c_str(), path.c_str()) != 0) {
-        Say(Level::WARNING, "'{}' cannot be written", path);
+    const int error = Replace(path, text);
+    if (error != 0) {
+        if (!failing) {
+            Say(Level::WARNING, "'{}' cannot be written: {}; it is tried again", path, std::strerror(error));
+        }
+        failing = true;
+        due = true;
+        writing.At(Now() / MICROSECONDS_PER_MILLISECOND + RETRY_MS);
+        return;
     }
+    failing = false;
     written = std::move(text);
 }
 

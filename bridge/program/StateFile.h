@@ -28,6 +28,7 @@ private:
     const Bridge &bridge;
     std::string written;
     bool due = false;
+    bool failing = false;
     Task writing;
 };
 
