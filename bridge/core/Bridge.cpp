@@ -238,7 +238,8 @@ Picture Bridge::Look() const {
     }
     for (const auto &peer : peers) {
         if (peer->IsHere()) {
-            picture.peers.push_back({peer->Told().machine, peer->Told().run, peer->Link().IsUp(), peer->Sessions()});
+            picture.peers.push_back({peer->Told().machine, peer->Told().run, peer->Link().IsWanted(),
+                                     peer->Link().IsUp(), peer->Sessions()});
         }
     }
     return picture;

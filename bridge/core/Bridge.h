@@ -35,6 +35,7 @@ struct Picture {
     struct PeerState {
         std::string machine;
         RunId run;
+        bool wanted; // one of the two imports from the other
         bool up;
         std::size_t sessions;
     };

@@ -43,6 +43,8 @@ public:
     PeerLink &operator=(const PeerLink &) = delete;
 
     bool IsUp() const { return state == State::UP; }
+    // Whether one of the two sides wants it: it is up, or is to be.
+    bool IsWanted() const { return state != State::IDLE; }
 
     // Greets until it is up. Times are monotonic milliseconds.
     void Begin(int64_t now);

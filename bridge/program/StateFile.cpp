@@ -41,6 +41,7 @@ std::string TextOf(const Picture &picture, const std::string &machine) {
     for (const Picture::PeerState &entry : picture.peers) {
         peers.push_back({{"machine", entry.machine},
                          {"run", fmt::format("{:016x}", entry.run)},
+                         {"wanted", entry.wanted},
                          {"up", entry.up},
                          {"sessions", entry.sessions}});
     }

@@ -3,6 +3,7 @@
 #include <malloc.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "bridge/CoreKit.h"
@@ -48,6 +49,28 @@ TEST_F(CoreTest, WhatWasAcceptedFromAMachineThatIsForgottenIsDelivered) {
     slow.MakeRoom(10);
     EXPECT_EQ(slow.written, std::vector<std::string>({"accepted"}));
     EXPECT_TRUE(slow.closed);
+}
+
+TEST_F(CoreTest, LinkIsWantedByWhoImportsAndByWhoIsImportedFrom) {
+    StartBoth();
+    CoreNode &stranger = Start(3, "attic", {"gps"}, {});
+    const auto linkTo = [](const CoreNode &node, const std::string &machine) {
+        for (const auto &peer : node.bridge.Look().peers) {
+            if (peer.machine == machine) {
+                return std::make_pair(peer.wanted, peer.up);
+            }
+        }
+        return std::make_pair(false, true);
+    };
+    EXPECT_EQ(linkTo(*exporter, "rear"), std::make_pair(true, true));
+    EXPECT_EQ(linkTo(*importer, "front"), std::make_pair(true, true));
+    EXPECT_EQ(linkTo(*importer, "attic"), std::make_pair(false, false));
+    EXPECT_EQ(linkTo(stranger, "rear"), std::make_pair(false, false));
+    exporter->bridge.OnRunLost(2);
+    importer->bridge.OnRunLost(1);
+    importer->bridge.OnAnnounced(Told(9, "mute", {"camera"}));
+    Settle();
+    EXPECT_EQ(linkTo(*importer, "mute"), std::make_pair(true, false)) << "it never answers";
 }
 
 TEST_F(CoreTest, SessionsOfOneMachineAreBoundedOnBothSidesAndItIsSaidOnce) {

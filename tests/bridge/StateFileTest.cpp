@@ -76,6 +76,18 @@ TEST_F(StateFileTest, IsWrittenAsSoonAsThereIsItsFolder) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
+TEST_F(StateFileTest, TellsWhichLinksAreWanted) {
+    MakeFolder();
+    importer = &Start(2, "rear", {}, {{"gps", "", "gps"}});
+    StateFile state(loop, folder, "rear", importer->bridge);
+    state.Changed();
+    EXPECT_TRUE(Wait([this] { return Text().find("\"wanted\": false") != std::string::npos; })) << Text();
+    importer->bridge.OnAnnounced(Told(9, "attic", {"gps"}));
+    state.Changed();
+    EXPECT_TRUE(Wait([this] { return Text().find("\"wanted\": true") != std::string::npos; })) << Text();
+    testing::internal::GetCapturedStderr();
+}
+
 TEST_F(StateFileTest, StaysAsItWasWhileThereIsNoRoomForMore) {
     MakeFolder();
     StateFile state(loop, folder, "front", exporter->bridge);

@@ -24,12 +24,18 @@ protected:
             return json{{"name", local},         {"service", "camera"}, {"machine", machine},
                         {"carried_by", carrier}, {"offered", offered},  {"refused", refused}};
         };
+        const auto peer = [](const char *machine, bool wanted, bool up, int sessions) {
+            return json{{"machine", machine}, {"wanted", wanted}, {"up", up}, {"sessions", sessions}};
+        };
         const json text{{"version", 1},
                         {"pid", pid},
                         {"exports", {{{"name", "radar"}, {"lives", true}}, {{"name", "gps"}, {"lives", false}}}},
                         {"imports",
                          {import("camera", "", "front", true, 0), import("second", "rear", "", false, 0),
-                          import("taken", "", "front", false, -98)}}};
+                          import("taken", "", "front", false, -98), import("deaf", "", "attic", false, 0)}},
+                        {"peers",
+                         {peer("front", true, true, 3), peer("attic", true, false, 0), peer("roof", false, false, 0),
+                          json{{"machine", "old"}, {"up", false}, {"sessions", 0}}}}};
         std::ofstream(state.Path() + "bridge-1.json") << text;
     }
 
@@ -47,8 +53,22 @@ TEST_F(BridgesTest, ListShowsWhatIsBridged) {
     EXPECT_THAT(result.out, testing::ContainsRegex("camera +import +offered +camera +front +" + bridge));
     EXPECT_THAT(result.out, testing::ContainsRegex("second +import +missing +camera@rear +- +" + bridge));
     const json all = RunTool({"list", "--json", "--directory", directory.Path()}).Json().at(0);
-    EXPECT_EQ(all["bridged"].size(), 5U);
+    EXPECT_EQ(all["bridged"].size(), 6U);
     EXPECT_EQ(all["bridged"][2]["carried_by"], "front");
+}
+
+TEST_F(BridgesTest, ListShowsTheLinksToOtherMachines) {
+    Write(getpid());
+    const std::string bridge = std::to_string(getpid());
+    const ToolResult result = RunTool({"list", "--directory", directory.Path()});
+    EXPECT_THAT(result.out, testing::ContainsRegex("front +up +3 +" + bridge));
+    EXPECT_THAT(result.out, testing::ContainsRegex("attic +down +0 +" + bridge));
+    EXPECT_THAT(result.out, testing::ContainsRegex("roof +idle +0 +" + bridge));
+    EXPECT_THAT(result.out, testing::ContainsRegex("old +idle +0 +" + bridge)) << "it may be that nobody wants it";
+    const json links = RunTool({"list", "--json", "--directory", directory.Path()}).Json().at(0)["bridge_links"];
+    ASSERT_EQ(links.size(), 4U);
+    EXPECT_EQ(links[0], json({{"machine", "front"}, {"state", "up"}, {"sessions", 3}, {"bridge", getpid()}}));
+    EXPECT_EQ(links[1]["state"], "down");
 }
 
 TEST_F(BridgesTest, DoctorTellsWhatIsMissing) {
@@ -60,6 +80,10 @@ TEST_F(BridgesTest, DoctorTellsWhatIsMissing) {
     EXPECT_THAT(result.out, testing::ContainsRegex("warning +bridge +'second' .* no machine carries 'camera@rear'"));
     EXPECT_THAT(result.out,
                 testing::ContainsRegex("warning +bridge +'camera' of machine front cannot be offered here: Address"));
+    EXPECT_THAT(result.out, testing::ContainsRegex("warning +bridge +'deaf' .* link to machine attic, .* is down"));
+    EXPECT_THAT(result.out, testing::ContainsRegex("ok +bridge +the link .* to machine front is up, with 3 sessions"));
+    EXPECT_THAT(result.out, testing::ContainsRegex("warning +bridge +the link .* to machine attic is down"));
+    EXPECT_THAT(result.out, Not(testing::ContainsRegex("to machine (roof|old)"))) << "nobody wants those";
 }
 
 TEST_F(BridgesTest, BridgeThatWasKilledAndGarbageAreNotShown) {

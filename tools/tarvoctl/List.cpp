@@ -23,15 +23,13 @@ int RunList(const ListOptions &options) {
         DiagnoseInventory(inventory);
         return EXIT_FAILED;
     }
-    const std::vector<BridgedName> bridged = FindBridgedNames();
+    const Bridges bridges = FindBridges();
     if (options.json) {
         nlohmann::json all = InventoryJson(inventory);
-        if (!bridged.empty()) {
-            all["bridged"] = BridgedJson(bridged);
-        }
+        AddBridges(bridges, all);
         PutJson(all);
     } else {
-        Put(InventoryText(inventory) + BridgedText(bridged));
+        Put(InventoryText(inventory) + BridgesText(bridges));
     }
     DiagnoseInventory(inventory);
     return EXIT_DONE;

@@ -7,28 +7,61 @@
 #include "shared/Bridges.h"
 
 namespace tarvoctl {
+namespace {
+
+constexpr char CHECK[] = "bridge";
+
+void CheckName(const BridgedName &name, Findings &findings) {
+    if (name.works) {
+        const std::string way = name.exported ? "exported" : "offered, carried by machine " + name.carrier;
+        findings.push_back({Level::OK, CHECK, fmt::format("'{}' is {}", name.name, way), ""});
+    } else if (name.exported) {
+        findings.push_back(
+            {Level::NOTE, CHECK,
+             fmt::format("'{}' is to be exported by process {}, but has no server", name.name, name.bridge),
+             "start its server"});
+    } else if (name.refused != 0) {
+        findings.push_back({Level::WARNING, CHECK,
+                            fmt::format("'{}' of machine {} cannot be offered here: {}", name.remote, name.carrier,
+                                        std::strerror(-name.refused)),
+                            fmt::format("stop the server '{}', or import under another name", name.name)});
+    } else if (!name.carrier.empty()) {
+        findings.push_back({Level::WARNING, CHECK,
+                            fmt::format("'{}' is imported by process {}, but its link to machine {}, which carries "
+                                        "'{}', is down",
+                                        name.name, name.bridge, name.carrier, name.remote),
+                            "see what is found of that link"});
+    } else {
+        findings.push_back({Level::WARNING, CHECK,
+                            fmt::format("'{}' is imported by process {}, but no machine carries '{}'", name.name,
+                                        name.bridge, name.remote),
+                            "see whether the other machine's bridge runs and its server lives: docs/bridge.md"});
+    }
+}
+
+void CheckLink(const BridgeLink &link, Findings &findings) {
+    if (link.up) {
+        findings.push_back({Level::OK, CHECK,
+                            fmt::format("the link of process {} to machine {} is up, with {} sessions", link.bridge,
+                                        link.machine, link.sessions),
+                            ""});
+    } else if (link.wanted) {
+        findings.push_back({Level::WARNING, CHECK,
+                            fmt::format("the link of process {} to machine {} is down: no client gets through",
+                                        link.bridge, link.machine),
+                            "it comes up when both bridges hear each other: see the log of each, and docs/bridge.md"});
+    }
+}
+
+} // namespace
 
 void CheckBridges(Findings &findings) {
-    for (const BridgedName &name : FindBridgedNames()) {
-        if (name.works) {
-            const std::string way = name.exported ? "exported" : "offered, carried by machine " + name.carrier;
-            findings.push_back({Level::OK, "bridge", fmt::format("'{}' is {}", name.name, way), ""});
-        } else if (name.exported) {
-            findings.push_back(
-                {Level::NOTE, "bridge",
-                 fmt::format("'{}' is to be exported by process {}, but has no server", name.name, name.bridge),
-                 "start its server"});
-        } else if (name.refused != 0) {
-            findings.push_back({Level::WARNING, "bridge",
-                                fmt::format("'{}' of machine {} cannot be offered here: {}", name.remote, name.carrier,
-                                            std::strerror(-name.refused)),
-                                fmt::format("stop the server '{}', or import under another name", name.name)});
-        } else {
-            findings.push_back({Level::WARNING, "bridge",
-                                fmt::format("'{}' is imported by process {}, but no machine carries '{}'", name.name,
-                                            name.bridge, name.remote),
-                                "see whether the other machine's bridge runs and its server lives: docs/bridge.md"});
-        }
+    const Bridges bridges = FindBridges();
+    for (const BridgedName &name : bridges.names) {
+        CheckName(name, findings);
+    }
+    for (const BridgeLink &link : bridges.links) {
+        CheckLink(link, findings);
     }
 }
 

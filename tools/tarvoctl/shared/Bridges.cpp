@@ -20,11 +20,7 @@ bool IsStateFile(const std::string &name) {
            name.compare(name.size() - end.size(), end.size(), end) == 0;
 }
 
-void AddNames(const nlohmann::json &state, std::vector<BridgedName> &names) {
-    const pid_t bridge = state.value("pid", 0);
-    if (bridge <= 0 || !std::filesystem::exists("/proc/" + std::to_string(bridge))) {
-        return; // it was killed
-    }
+void AddNames(const nlohmann::json &state, pid_t bridge, std::vector<BridgedName> &names) {
     for (const nlohmann::json &entry : state.at("exports")) {
         names.push_back({bridge, true, entry.at("name"), "", "", entry.at("lives"), 0});
     }
@@ -39,42 +35,58 @@ void AddNames(const nlohmann::json &state, std::vector<BridgedName> &names) {
     }
 }
 
-} // namespace
-
-std::vector<BridgedName> FindBridgedNames() {
-    const char *const given = std::getenv("TARVO_BRIDGE_STATE");
-    std::vector<BridgedName> names;
-    std::error_code missing;
-    for (const auto &entry : std::filesystem::directory_iterator(given != nullptr ? given : FOLDER, missing)) {
-        if (!IsStateFile(entry.path().filename())) {
-            continue;
-        }
-        std::ifstream file(entry.path());
-        try {
-            AddNames(nlohmann::json::parse(file), names);
-        } catch (const nlohmann::json::exception &) {
-            Diagnose("{} is no state of a bridge", entry.path().string());
-        }
+void AddLinks(const nlohmann::json &state, pid_t bridge, std::vector<BridgeLink> &links) {
+    for (const nlohmann::json &entry : state.value("peers", nlohmann::json::array())) {
+        const bool up = entry.at("up");
+        // Earlier bridges do not tell whether it is wanted.
+        links.push_back({bridge, entry.at("machine"), entry.value("wanted", up), up, entry.at("sessions")});
     }
-    return names;
 }
 
-std::string BridgedText(const std::vector<BridgedName> &names) {
+void AddState(const nlohmann::json &state, Bridges &bridges) {
+    const pid_t bridge = state.value("pid", 0);
+    if (bridge <= 0 || !std::filesystem::exists("/proc/" + std::to_string(bridge))) {
+        return; // it was killed
+    }
+    AddNames(state, bridge, bridges.names);
+    AddLinks(state, bridge, bridges.links);
+}
+
+Table::Cell StateOf(const BridgedName &name) {
+    if (name.works) {
+        return {name.exported ? "exported" : "offered", Colour::GREEN};
+    }
+    return {name.exported ? "no server" : "missing", Colour::YELLOW};
+}
+
+const char *StateOf(const BridgeLink &link) { return link.up ? "up" : link.wanted ? "down" : "idle"; }
+
+Colour ColourOf(const BridgeLink &link) {
+    return link.up ? Colour::GREEN : link.wanted ? Colour::YELLOW : Colour::NONE;
+}
+
+std::string NamesText(const std::vector<BridgedName> &names) {
     Table table({"BRIDGED", "WAY", "STATE", "REMOTE", "CARRIED BY", "BRIDGE"});
     for (const BridgedName &name : names) {
-        const std::string state =
-            name.works ? (name.exported ? "exported" : "offered") : (name.exported ? "no server" : "missing");
-        table.Add({name.name,
-                   name.exported ? "export" : "import",
-                   {state, name.works ? Colour::GREEN : Colour::YELLOW},
-                   name.remote.empty() ? "-" : name.remote,
-                   name.carrier.empty() ? "-" : name.carrier,
+        table.Add({name.name, name.exported ? "export" : "import", StateOf(name),
+                   name.remote.empty() ? "-" : name.remote, name.carrier.empty() ? "-" : name.carrier,
                    std::to_string(name.bridge)});
     }
     return table.Empty() ? "" : "\n" + table.Text();
 }
 
-nlohmann::json BridgedJson(const std::vector<BridgedName> &names) {
+std::string LinksText(const std::vector<BridgeLink> &links) {
+    Table table({"LINK TO", "STATE", "SESSIONS", "BRIDGE"});
+    for (const BridgeLink &link : links) {
+        table.Add({link.machine,
+                   {StateOf(link), ColourOf(link)},
+                   std::to_string(link.sessions),
+                   std::to_string(link.bridge)});
+    }
+    return table.Empty() ? "" : "\n" + table.Text();
+}
+
+nlohmann::json NamesJson(const std::vector<BridgedName> &names) {
     nlohmann::json list = nlohmann::json::array();
     for (const BridgedName &name : names) {
         list.push_back({{"name", name.name},
@@ -86,6 +98,48 @@ nlohmann::json BridgedJson(const std::vector<BridgedName> &names) {
                         {"bridge", name.bridge}});
     }
     return list;
+}
+
+nlohmann::json LinksJson(const std::vector<BridgeLink> &links) {
+    nlohmann::json list = nlohmann::json::array();
+    for (const BridgeLink &link : links) {
+        list.push_back({{"machine", link.machine},
+                        {"state", StateOf(link)},
+                        {"sessions", link.sessions},
+                        {"bridge", link.bridge}});
+    }
+    return list;
+}
+
+} // namespace
+
+Bridges FindBridges() {
+    const char *const given = std::getenv("TARVO_BRIDGE_STATE");
+    Bridges bridges;
+    std::error_code missing;
+    for (const auto &entry : std::filesystem::directory_iterator(given != nullptr ? given : FOLDER, missing)) {
+        if (!IsStateFile(entry.path().filename())) {
+            continue;
+        }
+        std::ifstream file(entry.path());
+        try {
+            AddState(nlohmann::json::parse(file), bridges);
+        } catch (const nlohmann::json::exception &) {
+            Diagnose("{} is no state of a bridge", entry.path().string());
+        }
+    }
+    return bridges;
+}
+
+std::string BridgesText(const Bridges &bridges) { return NamesText(bridges.names) + LinksText(bridges.links); }
+
+void AddBridges(const Bridges &bridges, nlohmann::json &list) {
+    if (!bridges.names.empty()) {
+        list["bridged"] = NamesJson(bridges.names);
+    }
+    if (!bridges.links.empty()) {
+        list["bridge_links"] = LinksJson(bridges.links);
+    }
 }
 
 } // namespace tarvoctl

@@ -21,12 +21,27 @@ struct BridgedName {
     int refused = 0;     // the negated errno for which an import could not be offered
 };
 
-// Those of the bridges that run. $TARVO_BRIDGE_STATE: the folder of their files, in place of /run/tarvo-bridge.
-std::vector<BridgedName> FindBridgedNames();
+// What joins a bridge with that of another machine.
+struct BridgeLink {
+    pid_t bridge = 0;
+    std::string machine;
+    bool wanted = false; // one of the two imports from the other
+    bool up = false;
+    std::size_t sessions = 0; // clients of either side that go through it
+};
+
+struct Bridges {
+    std::vector<BridgedName> names;
+    std::vector<BridgeLink> links;
+};
+
+// Of the bridges that run. $TARVO_BRIDGE_STATE: the folder of their files, in place of /run/tarvo-bridge.
+Bridges FindBridges();
 
 // Empty where there are none.
-std::string BridgedText(const std::vector<BridgedName> &names);
-nlohmann::json BridgedJson(const std::vector<BridgedName> &names);
+std::string BridgesText(const Bridges &bridges);
+// Adds them to a list, where there are any.
+void AddBridges(const Bridges &bridges, nlohmann::json &list);
 
 } // namespace tarvoctl
 
