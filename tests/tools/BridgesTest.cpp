@@ -1,11 +1,15 @@
 // What list and doctor tell of the bridges of this machine.
+#include <fcntl.h>
 #include <gmock/gmock-more-matchers.h>
+#include <sched.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
 #include <string>
 
+#include "base/UniqueFd.h"
 #include "tools/ToolTest.h"
 
 namespace tarvo_test {
@@ -13,7 +17,7 @@ namespace {
 
 using nlohmann::json;
 
-// A folder with the state of a bridge that runs as long as the test.
+// A folder with the state of a bridge, and the lock of one of its names.
 class BridgesTest : public ToolTest {
 protected:
     BridgesTest() { setenv("TARVO_BRIDGE_STATE", state.Path().c_str(), 1); }
@@ -39,12 +43,20 @@ protected:
         std::ofstream(state.Path() + "bridge-1.json") << text;
     }
 
+    // As a bridge has it for as long as it lives.
+    UniqueFd Lock() const {
+        UniqueFd file(open((state.Path() + "gps.name").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+        EXPECT_EQ(flock(file.Get(), LOCK_EX | LOCK_NB), 0);
+        return file;
+    }
+
     const ScratchDirectory state;
     const ScratchDirectory directory;
 };
 
 TEST_F(BridgesTest, ListShowsWhatIsBridged) {
     Write(getpid());
+    const UniqueFd lock = Lock();
     const std::string bridge = std::to_string(getpid());
     const ToolResult result = RunTool({"list", "--directory", directory.Path()});
     EXPECT_EQ(result.status, 0);
@@ -59,6 +71,7 @@ TEST_F(BridgesTest, ListShowsWhatIsBridged) {
 
 TEST_F(BridgesTest, ListShowsTheLinksToOtherMachines) {
     Write(getpid());
+    const UniqueFd lock = Lock();
     const std::string bridge = std::to_string(getpid());
     const ToolResult result = RunTool({"list", "--directory", directory.Path()});
     EXPECT_THAT(result.out, testing::ContainsRegex("front +up +3 +" + bridge));
@@ -73,6 +86,7 @@ TEST_F(BridgesTest, ListShowsTheLinksToOtherMachines) {
 
 TEST_F(BridgesTest, DoctorTellsWhatIsMissing) {
     Write(getpid());
+    const UniqueFd lock = Lock();
     const ToolResult result = RunTool({"doctor", "--directory", directory.Path()});
     EXPECT_THAT(result.out, testing::ContainsRegex("ok +bridge +'radar' is exported"));
     EXPECT_THAT(result.out, testing::ContainsRegex("note +bridge +'gps' is to be exported .* has no server"));
@@ -92,8 +106,48 @@ TEST_F(BridgesTest, BridgeThatWasKilledAndGarbageAreNotShown) {
     const ToolResult result = RunTool({"list", "--directory", directory.Path()});
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.out.find("BRIDGED"), std::string::npos);
+    EXPECT_EQ(result.out.find("LINK TO"), std::string::npos);
     EXPECT_THAT(result.err, HasSubstr("bridge-2.json is no state of a bridge"));
-    EXPECT_FALSE(RunTool({"list", "--json", "--directory", directory.Path()}).Json().at(0).contains("bridged"));
+    const json all = RunTool({"list", "--json", "--directory", directory.Path()}).Json().at(0);
+    EXPECT_FALSE(all.contains("bridged"));
+    EXPECT_FALSE(all.contains("bridge_links"));
+}
+
+// Its number may be that of another process, its name another bridge's.
+TEST_F(BridgesTest, DoctorTellsOfABridgeThatWasKilled) {
+    const UniqueFd lock = Lock();
+    Write(getppid());
+    const std::string process = "the bridge of process " + std::to_string(getppid()) + " is dead, ";
+    const ToolResult result = RunTool({"doctor", "--directory", directory.Path()});
+    EXPECT_THAT(result.out, HasSubstr(process + (IsInPidNamespace() ? "or outside" : "its file is left behind")));
+    EXPECT_THAT(result.out, testing::ContainsRegex(IsInPidNamespace() ? "note +bridge" : "warning +bridge"));
+    EXPECT_THAT(result.out, HasSubstr("rm " + state.Path() + "bridge-1.json"));
+    EXPECT_EQ(result.out.find("'radar'"), std::string::npos) << result.out;
+}
+
+TEST_F(BridgesTest, BridgeInAContainerLivesUnderTheNumberThatItHasThere) {
+    Write(1);
+    ChildProcess container([this](Channel &test) {
+        if (unshare(CLONE_NEWPID) != 0) {
+            return SKIPPED;
+        }
+        ChildProcess bridge([&](Channel & /*container*/) {
+            const UniqueFd lock = Lock();
+            test.Signal();
+            return test.Await() ? 0 : 1;
+        });
+        return bridge.Wait();
+    });
+    if (container.Await()) {
+        EXPECT_THAT(RunTool({"list", "--directory", directory.Path()}).out, HasSubstr("radar"));
+        EXPECT_EQ(RunTool({"doctor", "--directory", directory.Path()}).out.find("is dead"), std::string::npos);
+        container.Signal();
+    }
+    const int status = container.Wait();
+    if (status == SKIPPED) {
+        GTEST_SKIP() << "no right to make a pid namespace";
+    }
+    EXPECT_EQ(status, 0);
 }
 
 } // namespace

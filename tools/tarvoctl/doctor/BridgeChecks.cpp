@@ -53,6 +53,20 @@ void CheckLink(const BridgeLink &link, Findings &findings) {
     }
 }
 
+void CheckDead(const DeadBridge &dead, Findings &findings) {
+    if (dead.sure) {
+        findings.push_back({Level::WARNING, CHECK,
+                            fmt::format("the bridge of process {} is dead, its file is left behind", dead.bridge),
+                            fmt::format("start it again if it is needed; rm {}", dead.file)});
+    } else {
+        findings.push_back({Level::NOTE, CHECK,
+                            fmt::format("the bridge of process {} is dead, or outside of this pid namespace; its file "
+                                        "is there",
+                                        dead.bridge),
+                            fmt::format("where it is dead: start it again if it is needed; rm {}", dead.file)});
+    }
+}
+
 } // namespace
 
 void CheckBridges(Findings &findings) {
@@ -62,6 +76,9 @@ void CheckBridges(Findings &findings) {
     }
     for (const BridgeLink &link : bridges.links) {
         CheckLink(link, findings);
+    }
+    for (const DeadBridge &dead : bridges.dead) {
+        CheckDead(dead, findings);
     }
 }
 

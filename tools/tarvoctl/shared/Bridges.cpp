@@ -1,12 +1,15 @@
 #include "shared/Bridges.h"
 
 #include <fmt/format.h>
+#include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
 
+#include "shared/Holders.h"
 #include "shared/Output.h"
 
 namespace tarvoctl {
@@ -43,13 +46,29 @@ void AddLinks(const nlohmann::json &state, pid_t bridge, std::vector<BridgeLink>
     }
 }
 
-void AddState(const nlohmann::json &state, Bridges &bridges) {
-    const pid_t bridge = state.value("pid", 0);
-    if (bridge <= 0 || !std::filesystem::exists("/proc/" + std::to_string(bridge))) {
-        return; // it was killed
+// Whether the bridge has the lock of one of its names. The process of its number may be another by now.
+bool Lives(const std::filesystem::path &folder, pid_t bridge, const std::vector<BridgedName> &names) {
+    const Locks locks = FindLocks();
+    return std::any_of(names.begin(), names.end(), [&](const BridgedName &name) {
+        struct stat file {};
+        // Some file systems have another device there than here.
+        return stat((folder / (name.name + ".name")).c_str(), &file) == 0 &&
+               std::any_of(locks.begin(), locks.end(), [&](const auto &lock) {
+                   return lock.first.inode == file.st_ino && OwnPidOf(lock.second) == bridge;
+               });
+    });
+}
+
+void AddState(const std::filesystem::path &path, const nlohmann::json &state, Bridges &bridges) {
+    const pid_t bridge = state.at("pid");
+    std::vector<BridgedName> names;
+    AddNames(state, bridge, names);
+    if (Lives(path.parent_path(), bridge, names)) {
+        bridges.names.insert(bridges.names.end(), names.begin(), names.end());
+        AddLinks(state, bridge, bridges.links);
+    } else if (std::filesystem::exists(path)) { // one that has ended meanwhile has removed it before
+        bridges.dead.push_back({bridge, path, !IsInPidNamespace()});
     }
-    AddNames(state, bridge, bridges.names);
-    AddLinks(state, bridge, bridges.links);
 }
 
 Table::Cell StateOf(const BridgedName &name) {
@@ -123,7 +142,7 @@ Bridges FindBridges() {
         }
         std::ifstream file(entry.path());
         try {
-            AddState(nlohmann::json::parse(file), bridges);
+            AddState(entry.path(), nlohmann::json::parse(file), bridges);
         } catch (const nlohmann::json::exception &) {
             Diagnose("{} is no state of a bridge", entry.path().string());
         }

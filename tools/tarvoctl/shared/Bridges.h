@@ -30,12 +30,21 @@ struct BridgeLink {
     std::size_t sessions = 0; // clients of either side that go through it
 };
 
+// One whose file has outlived it.
+struct DeadBridge {
+    pid_t bridge = 0;
+    std::string file;
+    bool sure = true; // it is not in a pid namespace that this process does not see
+};
+
+// Names and links are those of the bridges that live.
 struct Bridges {
     std::vector<BridgedName> names;
     std::vector<BridgeLink> links;
+    std::vector<DeadBridge> dead;
 };
 
-// Of the bridges that run. $TARVO_BRIDGE_STATE: the folder of their files, in place of /run/tarvo-bridge.
+// $TARVO_BRIDGE_STATE: the folder of their files, in place of /run/tarvo-bridge.
 Bridges FindBridges();
 
 // Empty where there are none.

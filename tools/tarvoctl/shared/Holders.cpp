@@ -183,21 +183,6 @@ void Scanner::AddNameless(const Holder &holder, const FileId &id, const std::str
     holders.nameless.push_back({target.substr(directory.size(), end - directory.size()), id, holder});
 }
 
-// Lines such as "3: FLOCK  ADVISORY  WRITE 4711 00:1b:9007 0 EOF"; a waiting process has "->" as its second word.
-void ReadLocks(Holders &holders) {
-    std::ifstream locks("/proc/locks");
-    for (std::string line; std::getline(locks, line);) {
-        int pid = 0;
-        unsigned major = 0;
-        unsigned minor = 0;
-        unsigned long inode = 0;
-        // NOLINTNEXTLINE(cert-err34-c): a line of another shape yields fewer fields
-        if (std::sscanf(line.c_str(), "%*d: FLOCK %*s %*s %d %x:%x:%lu", &pid, &major, &minor, &inode) == 4) {
-            holders.locked[{makedev(major, minor), inode}] = pid;
-        }
-    }
-}
-
 } // namespace
 
 std::optional<Process> DescribeProcess(pid_t pid) {
@@ -221,6 +206,35 @@ std::optional<Process> DescribeProcess(pid_t pid) {
     return process;
 }
 
+bool IsInPidNamespace() {
+    struct stat state {};
+    return stat("/proc/self/ns/pid", &state) == 0 && state.st_ino != FIRST_PID_NAMESPACE;
+}
+
+pid_t OwnPidOf(pid_t pid) {
+    // One number for each namespace that it is in, the innermost last.
+    const std::string all = StatusField(ReadSmallFile("/proc/" + std::to_string(pid) + "/status"), "NSpid");
+    const std::size_t last = all.find_last_of(" \t");
+    return all.empty() ? pid : static_cast<pid_t>(std::strtol(all.c_str() + (last + 1), nullptr, 10));
+}
+
+// Lines such as "3: FLOCK  ADVISORY  WRITE 4711 00:1b:9007 0 EOF"; a waiting process has "->" as its second word.
+Locks FindLocks() {
+    Locks found;
+    std::ifstream locks("/proc/locks");
+    for (std::string line; std::getline(locks, line);) {
+        int pid = 0;
+        unsigned major = 0;
+        unsigned minor = 0;
+        unsigned long inode = 0;
+        // NOLINTNEXTLINE(cert-err34-c): a line of another shape yields fewer fields
+        if (std::sscanf(line.c_str(), "%*d: FLOCK %*s %*s %d %x:%x:%lu", &pid, &major, &minor, &inode) == 4) {
+            found[{makedev(major, minor), inode}] = pid;
+        }
+    }
+    return found;
+}
+
 std::vector<Holder> Holders::Of(const FileId &id) const {
     const auto found = fifos.find(id);
     return found == fifos.end() ? std::vector<Holder>() : found->second;
@@ -233,9 +247,8 @@ bool Holders::IsStopped(pid_t pid) const {
 
 Holders FindHolders(const std::string &directory) {
     Holders holders;
-    struct stat state {};
-    holders.ownNamespace = stat("/proc/self/ns/pid", &state) == 0 && state.st_ino != FIRST_PID_NAMESPACE;
-    ReadLocks(holders);
+    holders.ownNamespace = IsInPidNamespace();
+    holders.locked = FindLocks();
     Scanner scanner(directory, holders);
     const Directory processes(opendir("/proc"));
     while (const dirent *entry = processes == nullptr ? nullptr : readdir(processes.get())) {

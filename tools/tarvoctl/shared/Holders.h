@@ -26,6 +26,15 @@ struct Process {
 // Empty when there is no such process (any more).
 std::optional<Process> DescribeProcess(pid_t pid);
 
+// Whether there may be processes that this one does not see.
+bool IsInPidNamespace();
+// The process id that the process knows itself by: in a container another than here.
+pid_t OwnPidOf(pid_t pid);
+
+// Files under flock(2), and by whom, as far as this process sees that.
+using Locks = std::map<FileId, pid_t>;
+Locks FindLocks();
+
 // One process that has a FIFO open.
 struct Holder {
     pid_t pid = 0;
@@ -46,7 +55,7 @@ struct Holders {
     // The processes that hold any of them.
     std::map<pid_t, Process> processes;
     // FIFOs under flock(2), as a server holds its own, and by whom.
-    std::map<FileId, pid_t> locked;
+    Locks locked;
     // Processes whose descriptors this user may not see.
     std::size_t hidden = 0;
     // Processes outside of this process's pid namespace cannot be seen at all.
