@@ -5,8 +5,11 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
+#include <map>
 #include <string>
 
 #include "base/UniqueFd.h"
@@ -23,7 +26,7 @@ protected:
     BridgesTest() { setenv("TARVO_BRIDGE_STATE", state.Path().c_str(), 1); }
     ~BridgesTest() override { unsetenv("TARVO_BRIDGE_STATE"); }
 
-    void Write(pid_t pid) const {
+    void Write(pid_t pid, int taken = -EADDRINUSE) const {
         const auto import = [](const char *local, const char *machine, const char *carrier, bool offered, int refused) {
             return json{{"name", local},         {"service", "camera"}, {"machine", machine},
                         {"carried_by", carrier}, {"offered", offered},  {"refused", refused}};
@@ -36,7 +39,7 @@ protected:
                         {"exports", {{{"name", "radar"}, {"lives", true}}, {{"name", "gps"}, {"lives", false}}}},
                         {"imports",
                          {import("camera", "", "front", true, 0), import("second", "rear", "", false, 0),
-                          import("taken", "", "front", false, -98), import("deaf", "", "attic", false, 0)}},
+                          import("taken", "", "front", false, taken), import("deaf", "", "attic", false, 0)}},
                         {"peers",
                          {peer("front", true, true, 3), peer("attic", true, false, 0), peer("roof", false, false, 0),
                           json{{"machine", "old"}, {"up", false}, {"sessions", 0}}}}};
@@ -67,6 +70,47 @@ TEST_F(BridgesTest, ListShowsWhatIsBridged) {
     const json all = RunTool({"list", "--json", "--directory", directory.Path()}).Json().at(0);
     EXPECT_EQ(all["bridged"].size(), 6U);
     EXPECT_EQ(all["bridged"][2]["carried_by"], "front");
+    EXPECT_TRUE(all["bridged"][2]["why"].is_null());
+}
+
+TEST_F(BridgesTest, ListShowsWhyAnImportIsRefused) {
+    Write(getpid(), -ENOSPC);
+    const UniqueFd lock = Lock();
+    EXPECT_THAT(RunTool({"list", "--directory", directory.Path()}).out,
+                testing::ContainsRegex("taken +import +refused: No space left on device +camera +front"));
+    const json taken = RunTool({"list", "--json", "--directory", directory.Path()}).Json().at(0)["bridged"][4];
+    EXPECT_EQ(taken["refused"], -ENOSPC);
+    EXPECT_EQ(taken["why"], "No space left on device");
+}
+
+TEST_F(BridgesTest, DoctorHasTheRemedyForWhatRefusesAnImport) {
+    const UniqueFd lock = Lock();
+    const auto remedyOf = [this](int error) {
+        Write(getpid(), -error);
+        const json all = RunTool({"doctor", "--json", "--directory", directory.Path()}).Json().at(0);
+        for (const json &finding : all["findings"]) {
+            if (finding["finding"].get<std::string>().find("cannot be offered here") != std::string::npos) {
+                EXPECT_THAT(finding["finding"].get<std::string>(), HasSubstr(std::strerror(error)));
+                return finding["remedy"].get<std::string>();
+            }
+        }
+        return std::string();
+    };
+    EXPECT_EQ(remedyOf(EADDRINUSE), "stop the server 'taken', or import under another name");
+    const std::map<int, std::string> remedies = {{ENOSPC, "tarvoctl clean"},
+                                                 {EDQUOT, "tarvoctl clean"},
+                                                 {EACCES, "group of the FIFO directory"},
+                                                 {EPERM, "as 'taken'"},
+                                                 {EROFS, "writable"},
+                                                 {ENOENT, "tarvoctl init"},
+                                                 {ENOTDIR, "tarvoctl init"},
+                                                 {EMFILE, "LimitNOFILE"},
+                                                 {ENFILE, "fs.file-max"},
+                                                 {ENOMEM, "memory"},
+                                                 {EIO, "see the log of process " + std::to_string(getpid())}};
+    for (const auto &[error, remedy] : remedies) {
+        EXPECT_THAT(remedyOf(error), AllOf(HasSubstr(remedy), Not(HasSubstr("stop the server"))));
+    }
 }
 
 TEST_F(BridgesTest, ListShowsTheLinksToOtherMachines) {

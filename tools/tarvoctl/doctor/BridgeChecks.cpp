@@ -1,6 +1,7 @@
 // What the bridges of this machine miss.
 #include <fmt/format.h>
 
+#include <cerrno>
 #include <cstring>
 
 #include "doctor/Checks.h"
@@ -10,6 +11,35 @@ namespace tarvoctl {
 namespace {
 
 constexpr char CHECK[] = "bridge";
+
+// Where its server file cannot be made.
+std::string RemedyOf(const BridgedName &name) {
+    switch (-name.refused) {
+    case EADDRINUSE:
+        return fmt::format("stop the server '{}', or import under another name", name.name);
+    case ENOSPC:
+    case EDQUOT:
+        return "make room in the FIFO directory: tarvoctl clean; remove what else lies there; mount it larger";
+    case EACCES:
+    case EPERM:
+        return fmt::format("let the user of process {} make FIFOs: put it into the group of the FIFO directory; or "
+                           "remove what another user has left there as '{}'",
+                           name.bridge, name.name);
+    case EROFS:
+        return "mount the FIFO directory writable";
+    case ENOENT:
+    case ENOTDIR:
+        return "as root: tarvoctl init";
+    case EMFILE:
+        return "let the bridge have more descriptors: ulimit -n; LimitNOFILE in its unit";
+    case ENFILE:
+        return "let the machine have more files open: sysctl fs.file-max";
+    case ENOMEM:
+        return "let the machine, or the bridge's control group, have more memory";
+    default:
+        return fmt::format("see the log of process {}, and the system log", name.bridge);
+    }
+}
 
 void CheckName(const BridgedName &name, Findings &findings) {
     if (name.works) {
@@ -24,7 +54,7 @@ void CheckName(const BridgedName &name, Findings &findings) {
         findings.push_back({Level::WARNING, CHECK,
                             fmt::format("'{}' of machine {} cannot be offered here: {}", name.remote, name.carrier,
                                         std::strerror(-name.refused)),
-                            fmt::format("stop the server '{}', or import under another name", name.name)});
+                            RemedyOf(name)});
     } else if (!name.carrier.empty()) {
         findings.push_back({Level::WARNING, CHECK,
                             fmt::format("'{}' is imported by process {}, but its link to machine {}, which carries "

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
@@ -75,6 +76,9 @@ Table::Cell StateOf(const BridgedName &name) {
     if (name.works) {
         return {name.exported ? "exported" : "offered", Colour::GREEN};
     }
+    if (name.refused != 0) {
+        return {fmt::format("refused: {}", std::strerror(-name.refused)), Colour::YELLOW};
+    }
     return {name.exported ? "no server" : "missing", Colour::YELLOW};
 }
 
@@ -114,6 +118,7 @@ nlohmann::json NamesJson(const std::vector<BridgedName> &names) {
                         {"remote", name.remote},
                         {"carried_by", name.carrier},
                         {"refused", name.refused},
+                        {"why", name.refused == 0 ? nlohmann::json() : nlohmann::json(std::strerror(-name.refused))},
                         {"bridge", name.bridge}});
     }
     return list;
