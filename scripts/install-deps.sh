@@ -35,13 +35,13 @@ packages_of() {
         nlohmann-json3-dev python3 python3-prometheus-client libglib2.0-dev libasio-dev libsystemd-dev systemtap-sdt-dev \
         python3-pytest python3-pytest-asyncio python3-hypothesis python3-coverage ;;
     # What is built from its sources: types from an IDL, certificates for tests, machines as network namespaces.
-    bridge) echo cyclonedds-dev cyclonedds-tools gcc iproute2 libsystemd-dev openssl util-linux ;;
+    bridge) echo cyclonedds-dev cyclonedds-tools gcc iproute2 libsystemd-dev libtomlplusplus-dev openssl util-linux ;;
     clang) echo clang libclang-rt-14-dev llvm ;;
     # Only the cross compiler comes as a package of this machine's architecture. Headers and libraries come from the
     # foreign one, with the loader and the C++ runtime that the tests need under emulation.
     arm64) echo g++-aarch64-linux-gnu qemu-user-static libc6:arm64 libstdc++6:arm64 libselinux1-dev:arm64 \
         libgtest-dev:arm64 libgmock-dev:arm64 libfmt-dev:arm64 systemtap-sdt-dev:arm64 gcc-aarch64-linux-gnu \
-        cyclonedds-dev:arm64 libsystemd-dev:arm64 ;;
+        cyclonedds-dev:arm64 libsystemd-dev:arm64 libtomlplusplus-dev:arm64 ;;
     tools) echo clang-format clang-tidy python3 shellcheck mypy python3-pytest python3-flake8 ;;
     tracing) echo bpftrace ;;
     plots) echo python3-matplotlib ;;

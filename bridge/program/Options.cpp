@@ -2,13 +2,16 @@
 
 #include <fmt/format.h>
 #include <net/if.h>
+#include <toml++/toml.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <memory>
 #include <set>
+#include <string_view>
 
 #include "api/tarvo_check.h"
 #include "core/Report.h"
@@ -20,13 +23,16 @@ constexpr char AS[] = " as ";
 
 constexpr char FOOTER[] =
     "RULE is SERVICE, SERVICE@MACHINE, or either with ' as NAME' behind it.\n\n"
-    "A file for --config holds the same options without the dashes, a line each, as in\n"
+    "A file for --config is TOML and holds the same options without the dashes, as in\n"
     "  export = [\"radar\", \"gps\"]\n"
     "  import = [\"camera@rear as camera2\"]\n"
     "  interface = \"eth0\"\n"
-    "An option that it does not know is an error. The command line goes before the file.\n\n"
+    "What is unknown or does not fit is an error. The command line goes before the file.\n\n"
     "Exit status: 0 ended by a signal, or --check found nothing wrong; 1 the bridge cannot work here; 2 the options\n"
     "or the file are wrong.";
+
+// What a file gives as numbers; all else is strings.
+constexpr std::array<std::string_view, 4> NUMBERS{"domain", "lease", "sessions", "window"};
 
 std::string MachineName() {
     std::array<char, 65> name{};
@@ -55,6 +61,76 @@ bool JoinNames(std::vector<std::string> &words) {
     }
     return true;
 }
+
+bool IsNumber(const std::string &name) { return std::find(NUMBERS.begin(), NUMBERS.end(), name) != NUMBERS.end(); }
+
+bool IsList(const CLI::Option &option) { return option.get_multi_option_policy() == CLI::MultiOptionPolicy::TakeAll; }
+
+// What is wrong where a key of the file is no option, or has a value of another type.
+std::string Misfit(const std::string &name, const CLI::Option *option) {
+    if (option == nullptr) {
+        return fmt::format("'{}' is no option of a file", name);
+    }
+    if (IsNumber(name)) {
+        return fmt::format("'{}' takes a whole number", name);
+    }
+    return IsList(*option) ? fmt::format("'{}' takes a string or an array of strings", name)
+                           : fmt::format("'{}' takes a string", name);
+}
+
+// Reads the file for CLI11, which would take much for TOML that is none, and any type for any other.
+class TomlFile : public CLI::Config {
+public:
+    explicit TomlFile(const CLI::App &declared) : app(declared) {}
+
+    std::string to_config(const CLI::App *, bool, bool, std::string) const override { return ""; }
+
+    std::vector<CLI::ConfigItem> from_config(std::istream &file) const override {
+        std::vector<CLI::ConfigItem> found;
+        try {
+            for (const auto &[key, value] : toml::parse(file)) {
+                CLI::ConfigItem item{{}, std::string(key.str()), InputsOf(key, value)};
+                if (!item.inputs.empty()) { // else it is as if it were not there
+                    found.push_back(std::move(item));
+                }
+            }
+        } catch (const toml::parse_error &error) {
+            throw At(error.source(), error.description());
+        }
+        return found;
+    }
+
+private:
+    std::vector<std::string> InputsOf(const toml::key &key, const toml::node &value) const {
+        const std::string name(key.str());
+        const CLI::Option *const option = app.get_option_no_throw("--" + name);
+        if (option == nullptr || !option->get_configurable()) {
+            throw At(key.source(), Misfit(name, nullptr));
+        }
+        std::vector<std::string> inputs;
+        const auto add = [&](const toml::node &one) {
+            const toml::value<int64_t> *const number = IsNumber(name) ? one.as_integer() : nullptr;
+            const toml::value<std::string> *const text = IsNumber(name) ? nullptr : one.as_string();
+            if (number == nullptr && (text == nullptr || text->get().find('\0') != std::string::npos)) {
+                throw At(one.source(), Misfit(name, option));
+            }
+            inputs.push_back(number != nullptr ? std::to_string(number->get()) : text->get());
+        };
+        if (IsList(*option) && value.is_array()) {
+            std::for_each(value.as_array()->begin(), value.as_array()->end(), add);
+        } else {
+            add(value);
+        }
+        return inputs;
+    }
+
+    CLI::ConfigError At(const toml::source_region &place, std::string_view fault) const {
+        return CLI::ConfigError(
+            fmt::format("{}:{}: {}", app.get_config_ptr()->as<std::string>(), place.begin.line, fault));
+    }
+
+    const CLI::App &app;
+};
 
 bool IsLocalName(const std::string &name) {
     const auto isUnfit = [](unsigned char letter) { return letter == '/' || letter < 0x20 || letter == 0x7f; };
@@ -152,7 +228,7 @@ void CheckPlaces(const Options &options, std::vector<std::string> &faults) {
 void Declare(CLI::App &app, Options &options, std::vector<std::string> &imports) {
     app.set_version_flag("--version", std::string("tarvo-bridge ") + TARVO_VERSION);
     app.set_config("--config", "", "Read options from FILE too")->type_name("FILE");
-    app.allow_config_extras(CLI::config_extras_mode::error);
+    app.config_formatter(std::make_shared<TomlFile>(app));
     app.add_option("--export", options.plan.exports, "A server of this machine that others may reach")
         ->type_name("NAME")
         ->take_all()

@@ -50,6 +50,16 @@ TEST_F(BridgeOptionsTest, FileThatIsRightIsCalledRight) {
     EXPECT_EQ(checked.said, "exports 2, imports 2, machine 'front': all right\n");
 }
 
+TEST_F(BridgeOptionsTest, WhatTomlAllowsIsRight) {
+    for (const char *const text :
+         {"export = []\nimport = \"radar\"\n", "export = 'radar'", "export = [\n  \"radar\", # ahead\n  'gps',\n]\n",
+          "\"export\" = \"\"\"radar\"\"\"\r\nlease = 3_000\r\n", "export = \"[radar, gps]\"\ntag = \"[\\u0061]\"\n",
+          "export = [\"radar\"]\npeer = [\"10.0.0.7\", \"fd00::7\", \"rear\", \"3.rear-2.example\"]\n"}) {
+        const Outcome checked = Check(text);
+        EXPECT_EQ(checked.status, 0) << text << checked.said;
+    }
+}
+
 TEST_F(BridgeOptionsTest, CommandLineGoesBeforeTheFile) {
     const Outcome checked = Check("machine = \"front\"\nexport = \"radar\"\n", {"--machine", "rear"});
     EXPECT_EQ(checked.said, "exports 1, imports 0, machine 'rear': all right\n");
@@ -61,9 +71,34 @@ TEST_F(BridgeOptionsTest, WhatAFileMayNotSayIsAnError) {
         const char *complaint;
     };
     const std::vector<Wrong> wrongs{
-        {"exprot = \"radar\"\n", "exprot"},
+        {"exprot = \"radar\"\n", ".conf:1: 'exprot' is no option of a file"},
+        {"export = \"radar\"\ncheck = true\n", ".conf:2: 'check' is no option of a file"},
+        {"import = \"radar\"\nas = \"gps\"\n", ".conf:2: 'as' is no option of a file"},
+        {"--export = \"radar\"\n", ".conf:1: '--export' is no option of a file"},
+        {"export = \"radar\"\n[bridge]\ntag = \"a\"\n", ".conf:2: 'bridge' is no option of a file"},
+        {"export = \"radar\n", ".conf:1: "},
+        {"export = [\"radar\"\n", ".conf:1: "},
+        {"export = [\"radar\", \"gps\"]]\n", ".conf:1: "},
+        {"export = \"radar\" \"gps\"\n", ".conf:1: "},
+        {"export = radar gps\n", ".conf:1: "},
+        {"export = [radar, gps]\n", ".conf:1: "},
+        {"export = \"radar\"\nexport = \"gps\"\n", ".conf:2: "},
+        {"--export=\"radar\" gps\n", ".conf:1: "},
+        {"export = \"radar\"\ntag =\n", ".conf:2: "},
+        {"export = \"radar\"\ntag = \"\xff\"\n", ".conf:2: "},
+        {"export = \"radar\"\nlease = \"3000\"\n", ".conf:2: 'lease' takes a whole number"},
+        {"export = \"radar\"\ndomain = 1.0\n", ".conf:2: 'domain' takes a whole number"},
+        {"export = \"radar\"\nwindow = [64]\n", ".conf:2: 'window' takes a whole number"},
+        {"export = \"radar\"\nsessions = true\n", ".conf:2: 'sessions' takes a whole number"},
+        {"export = \"radar\"\ntag = 7\n", ".conf:2: 'tag' takes a string"},
+        {"export = \"radar\"\ntag = \"a\\u0000b\"\n", ".conf:2: 'tag' takes a string"},
+        {"export = \"radar\"\nmachine = [\"front\"]\n", ".conf:2: 'machine' takes a string"},
+        {"export = [\n  \"radar\",\n  1]\n", ".conf:3: 'export' takes a string or an array of strings"},
+        {"export = [[\"radar\"]]\n", "'export' takes a string or an array of strings"},
+        {"[export]\nname = \"radar\"\n", "'export' takes a string or an array of strings"},
+        {"export.name = \"radar\"\n", "'export' takes a string or an array of strings"},
         {"export = \"radar\"\nlease = 10\n", "lease"},
-        {"export = \"radar\"\nlease = soon\n", "lease"},
+        {"export = \"radar\"\nlease = soon\n", ".conf:2: "},
         {"export = \"radar\"\nwindow = 0\n", "window"},
         {"export = [\"radar\", \"radar\"]\n", "'radar' is exported twice"},
         {"export = \"radar\"\nimport = \"radar\"\n", "a bridge does not export what it imports"},
