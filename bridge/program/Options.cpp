@@ -1,5 +1,6 @@
 #include "program/Options.h"
 
+#include <arpa/inet.h>
 #include <fmt/format.h>
 #include <net/if.h>
 #include <toml++/toml.h>
@@ -206,11 +207,31 @@ void CheckNames(const Options &options, std::vector<std::string> &faults) {
     CheckCounts(options.plan, faults);
 }
 
+bool IsHostName(const std::string &name) {
+    constexpr char DIGITS[] = "0123456789.";
+    constexpr char LETTERS[] = "0123456789.-abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
+    const std::string dotted = "." + name + ".";
+    const auto has = [&dotted](const char *part) { return dotted.find(part) != std::string::npos; };
+    return name.size() <= 253 && !has("..") && !has(".-") && !has("-.") &&
+           name.find_first_not_of(LETTERS) == std::string::npos && name.find_first_not_of(DIGITS) != std::string::npos;
+}
+
+void CheckPeer(const std::string &peer, std::vector<std::string> &faults) {
+    in6_addr address{};
+    if (inet_pton(AF_INET, peer.c_str(), &address) != 1 && inet_pton(AF_INET6, peer.c_str(), &address) != 1 &&
+        !IsHostName(peer)) {
+        faults.push_back(fmt::format("'{}' is no peer: an IPv4 or IPv6 address or the name of a host", peer));
+    }
+}
+
 void CheckPlaces(const Options &options, std::vector<std::string> &faults) {
     for (const std::string &name : options.network.interfaces) {
         if (if_nametoindex(name.c_str()) == 0) {
             faults.push_back(fmt::format("there is no network interface '{}'", name));
         }
+    }
+    for (const std::string &peer : options.network.peers) {
+        CheckPeer(peer, faults);
     }
     if (!options.network.securityFolder.empty()) {
         for (const SecurityFile &file : SecurityFiles()) {

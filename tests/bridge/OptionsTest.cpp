@@ -97,6 +97,7 @@ TEST_F(BridgeOptionsTest, WhatAFileMayNotSayIsAnError) {
         {"export = [[\"radar\"]]\n", "'export' takes a string or an array of strings"},
         {"[export]\nname = \"radar\"\n", "'export' takes a string or an array of strings"},
         {"export.name = \"radar\"\n", "'export' takes a string or an array of strings"},
+        {"import = \"radar\"\npeer = \"not an address\"\n", "'not an address' is no peer"},
         {"export = \"radar\"\nlease = 10\n", "lease"},
         {"export = \"radar\"\nlease = soon\n", ".conf:2: "},
         {"export = \"radar\"\nwindow = 0\n", "window"},
@@ -124,6 +125,23 @@ TEST_F(BridgeOptionsTest, WhatAFileMayNotSayIsAnError) {
         const Outcome checked = Check(wrong.text);
         EXPECT_EQ(checked.status, 2) << wrong.text;
         EXPECT_NE(checked.said.find(wrong.complaint), std::string::npos) << wrong.text << checked.said;
+    }
+}
+
+TEST_F(BridgeOptionsTest, PeerIsAnAddressOrAHost) {
+    for (const char *const right :
+         {"10.0.0.7", "fd00::7", "::ffff:10.0.0.7", "rear", "rear-2.example", "3rear", "7.a"}) {
+        const Outcome checked = RunBridge({"--check", "--import", "radar", "--peer", right});
+        EXPECT_EQ(checked.status, 0) << right << checked.said;
+    }
+    const std::string tooLong(254, 'a');
+    for (const char *const wrong : {"", "not an address", "256.1.1.1", "10.0.0", "10", "10.0.0.7:7410", "fd00::7::1",
+                                    "-rear", "rear-", "a..b", "a.-b", "rear_2", "rear/2", ".", tooLong.c_str()}) {
+        const Outcome checked = RunBridge({"--check", "--import", "radar", "--peer", wrong});
+        EXPECT_EQ(checked.status, 2) << wrong;
+        EXPECT_NE(checked.said.find("'" + std::string(wrong) + "' is no peer: an IPv4 or IPv6 address or the name"),
+                  std::string::npos)
+            << checked.said;
     }
 }
 
