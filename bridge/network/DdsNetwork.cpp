@@ -96,14 +96,19 @@ DdsNetwork::~DdsNetwork() {
     }
 }
 
+std::string DdsNetwork::Configure(const Settings &settings) {
+    domain = dds_create_domain(settings.domain, DdsConfiguration(settings, PluginFolder()).c_str());
+    return domain < 0 ? Failed("the DDS refuses its configuration", domain) : "";
+}
+
 std::string DdsNetwork::Open(RunId run, const Settings &settings) {
     fd = UniqueFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
     if (fd.Get() < 0) {
         return fmt::format("eventfd: {}", std::strerror(errno));
     }
-    domain = dds_create_domain(settings.domain, DdsConfiguration(settings, PluginFolder()).c_str());
-    if (domain < 0) {
-        return Failed("the DDS refuses its configuration", domain);
+    std::string fault = Configure(settings);
+    if (!fault.empty()) {
+        return fault;
     }
     participant = dds_create_participant(settings.domain, nullptr, nullptr);
     if (participant < 0) {

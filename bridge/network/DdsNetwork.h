@@ -25,7 +25,9 @@ public:
     DdsNetwork() = default;
     ~DdsNetwork() override;
 
-    // Once, before anything else. Empty, or what went wrong.
+    // Only has the DDS take its configuration. Empty, or what went wrong.
+    std::string Configure(const Settings &settings);
+    // Configures it, too. Once, before anything else. Empty, or what went wrong.
     std::string Open(RunId run, const Settings &settings);
     int Fd() const override { return fd.Get(); }
     void Poll(Listener &listener) override;

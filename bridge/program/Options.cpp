@@ -10,9 +10,11 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <set>
 #include <string_view>
+#include <system_error>
 
 #include "api/tarvo_check.h"
 #include "core/Report.h"
@@ -224,6 +226,11 @@ void CheckPeer(const std::string &peer, std::vector<std::string> &faults) {
     }
 }
 
+bool IsReadable(const std::string &path) {
+    std::error_code ignored;
+    return access(path.c_str(), R_OK) == 0 && !std::filesystem::is_directory(path, ignored);
+}
+
 void CheckPlaces(const Options &options, std::vector<std::string> &faults) {
     for (const std::string &name : options.network.interfaces) {
         if (if_nametoindex(name.c_str()) == 0) {
@@ -236,12 +243,12 @@ void CheckPlaces(const Options &options, std::vector<std::string> &faults) {
     if (!options.network.securityFolder.empty()) {
         for (const SecurityFile &file : SecurityFiles()) {
             const std::string path = options.network.securityFolder + "/" + file.name;
-            if (access(path.c_str(), R_OK) != 0) {
+            if (!IsReadable(path)) {
                 faults.push_back(fmt::format("'{}' cannot be read: {}", path, file.purpose));
             }
         }
     }
-    if (!options.network.ddsConfig.empty() && access(options.network.ddsConfig.c_str(), R_OK) != 0) {
+    if (!options.network.ddsConfig.empty() && !IsReadable(options.network.ddsConfig)) {
         faults.push_back(fmt::format("'{}' cannot be read", options.network.ddsConfig));
     }
 }

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <climits>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
@@ -112,10 +113,24 @@ volatile std::sig_atomic_t exitStatus = EXIT_OK;
 // To end, the DDS sends its threads a packet at its own address, and waits for them for ever where the network has
 // gone. All else of the bridge has ended by then, so that the process may.
 int EndSoon(int status) {
+    std::fflush(nullptr);
     exitStatus = status;
     signal(SIGALRM, [](int) { _exit(exitStatus); });
     alarm(DDS_END_LIMIT_S);
     return status;
+}
+
+int Check(const Options &options) {
+    // Nobody but the DDS knows what a file for it may say.
+    DdsNetwork network;
+    const std::string fault = options.network.ddsConfig.empty() ? "" : network.Configure(options.network);
+    if (!fault.empty()) {
+        Say(Level::ERROR, "{}", fault);
+        return EndSoon(EXIT_USAGE);
+    }
+    fmt::print("exports {}, imports {}, machine '{}': all right\n", options.plan.exports.size(),
+               options.plan.imports.size(), options.plan.machine);
+    return EndSoon(EXIT_OK);
 }
 
 int Serve(Options &options) {
@@ -175,10 +190,5 @@ int main(int argc, char **argv) {
         break;
     }
     SetTold(LevelOf(options.log));
-    if (options.check) {
-        fmt::print("exports {}, imports {}, machine '{}': all right\n", options.plan.exports.size(),
-                   options.plan.imports.size(), options.plan.machine);
-        return EXIT_OK;
-    }
-    return Serve(options);
+    return options.check ? Check(options) : Serve(options);
 }

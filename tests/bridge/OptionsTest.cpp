@@ -145,6 +145,24 @@ TEST_F(BridgeOptionsTest, PeerIsAnAddressOrAHost) {
     }
 }
 
+TEST_F(BridgeOptionsTest, CheckHasTheDdsReadItsFile) {
+    const auto check = [this](const std::string &text) {
+        std::ofstream(path) << text;
+        return RunBridge({"--check", "--export", "radar", "--dds-config", path});
+    };
+    const std::string begin = "<CycloneDDS><Domain Id=\"any\"><Tracing><Verbosity>none</Verbosity></Tracing>";
+    const Outcome right = check(begin + "</Domain></CycloneDDS>\n");
+    EXPECT_EQ(right.status, 0) << right.said;
+    for (const std::string &wrong : {begin, begin + "<Nonsense/></Domain></CycloneDDS>\n"}) {
+        const Outcome checked = check(wrong);
+        EXPECT_EQ(checked.status, 2) << wrong;
+        EXPECT_NE(checked.said.find("the DDS refuses its configuration"), std::string::npos) << checked.said;
+    }
+    const Outcome folder = RunBridge({"--check", "--export", "radar", "--dds-config", "/tmp"});
+    EXPECT_EQ(folder.status, 2);
+    EXPECT_NE(folder.said.find("'/tmp' cannot be read"), std::string::npos) << folder.said;
+}
+
 // What the others could not be told of.
 TEST_F(BridgeOptionsTest, MoreNamesThanAnAnnouncementHoldsAreAnError) {
     const auto list = [](const std::string &option, int count) {
