@@ -265,6 +265,8 @@ void Declare(CLI::App &app, Options &options, std::vector<std::string> &imports)
         ->type_name("RULE")
         ->take_all()
         ->allow_extra_args(false);
+    // For the help only: see JoinNames().
+    app.add_option("--as", "The name that the --import before it gets here")->type_name("NAME")->configurable(false);
     app.add_option("--machine", options.plan.machine, "What others call this machine")
         ->type_name("NAME")
         ->capture_default_str();

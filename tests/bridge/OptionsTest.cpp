@@ -205,9 +205,9 @@ TEST_F(BridgeOptionsTest, FileThatIsMissingIsAnError) {
 TEST_F(BridgeOptionsTest, HelpTellsOfEachOption) {
     const Outcome help = RunBridge({"--help"});
     EXPECT_EQ(help.status, 0);
-    for (const char *const option :
-         {"--export", "--import", "--config", "--machine", "--interface", "--peer", "--domain", "--tag", "--lease",
-          "--window", "--sessions", "--security", "--dds-config", "--state-folder", "--log", "--check"}) {
+    for (const char *const option : {"--export NAME", "--import RULE", "--as NAME", "--config FILE", "--machine",
+                                     "--interface", "--peer", "--domain", "--tag", "--lease", "--window", "--sessions",
+                                     "--security", "--dds-config", "--state-folder", "--log", "--check"}) {
         EXPECT_NE(help.said.find(option), std::string::npos) << option;
     }
 }
