@@ -4,7 +4,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/lib.sh
 
-targets=(frames slices packets names contexts loadfile sequence engines loop_packets loop_sequence stats bridge)
+targets=(frames slices packets names contexts loadfile sequence engines loop_packets loop_sequence stats bridge samples)
 
 usage() {
     cat <<TEXT
@@ -27,6 +27,7 @@ Builds the fuzz targets in the checked preset and runs each for N seconds (defau
             calls of the functions of the loop, outside of callbacks and inside them
   stats     the reader of statistics files, whose content it changes and cuts
   bridge    two bridges between machines, and what a stranger tells them
+  samples   what a bridge takes of what strangers write to its topics
 
 Inputs that reach new code gather in build/fuzz/corpus/TARGET, from where the next run goes on; --keep adds a minimal
 set of them to tests/fuzz/corpus/TARGET. An input that breaks a promise goes to tests/fuzz/corpus/TARGET/found-HASH, and
@@ -117,7 +118,7 @@ main() {
         shift
     done
     [[ ${#wanted[@]} -gt 0 ]] || wanted=("${targets[@]}")
-    scripts/install-deps.sh base clang
+    scripts/install-deps.sh base bridge clang
     scripts/fifo-directory.sh
     echo "Building the fuzz targets"
     build
