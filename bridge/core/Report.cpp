@@ -21,4 +21,12 @@ void SayLine(Level level, std::string_view line) {
     std::fwrite(text.data(), 1, text.size(), stderr);
 }
 
+bool Seldom::MayTell(int64_t nowUs) {
+    if (lastUs && nowUs - *lastUs < INTERVAL_US) {
+        return false;
+    }
+    lastUs = nowUs;
+    return true;
+}
+
 } // namespace tarvo_bridge

@@ -4,6 +4,8 @@
 
 #include <fmt/format.h>
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -23,6 +25,19 @@ void Say(Level level, fmt::format_string<Arguments...> format, Arguments &&...ar
         SayLine(level, fmt::format(format, std::forward<Arguments>(arguments)...));
     }
 }
+
+// Keeps short what a stranger could have a bridge say without end.
+// Owns: nothing. Threads: one at a time. Locks: none. Ends: any time.
+class Seldom {
+public:
+    static constexpr int64_t INTERVAL_US = 10000000;
+
+    // Whether it may be told now: the first time, and then once in an interval at most.
+    bool MayTell(int64_t nowUs);
+
+private:
+    std::optional<int64_t> lastUs;
+};
 
 } // namespace tarvo_bridge
 

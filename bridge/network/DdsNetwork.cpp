@@ -11,7 +11,7 @@
 #include <cstring>
 #include <memory>
 
-#include "core/Report.h"
+#include "loop/Moments.h"
 
 namespace tarvo_bridge {
 namespace {
@@ -205,7 +205,7 @@ bool DdsNetwork::PollBundles(Listener &listener, const std::function<void()> &to
         Bundle bundle;
         if (TakeBundle(*static_cast<const tarvo_bridge_v1_Bundle *>(samples[i]), bundle)) {
             listener.OnBundle(bundle);
-        } else {
+        } else if (strangers.MayTell(Now())) {
             Say(Level::WARNING, "something on the network speaks to this bridge as no bridge does; it is not heard");
         }
     }

@@ -11,6 +11,7 @@
 #include "base/Mutex.h"
 #include "base/UniqueFd.h"
 #include "core/Network.h"
+#include "core/Report.h"
 #include "network/BundleSample.h"
 #include "network/Settings.h"
 
@@ -64,6 +65,7 @@ private:
     dds_entity_t bundleReader = 0;
     std::unordered_map<RunId, Outlet> outlets;
     BundleSample sample;
+    Seldom strangers; // for one thread at a time, as PollBundles()
 };
 
 } // namespace tarvo_bridge

@@ -245,4 +245,15 @@ TEST_F(CoreTest, FloodOfBridgesIsToldOnceAndTakesNoMoreMemory) {
     EXPECT_EQ(exporter->bridge.Look().peers.size(), 2U);
 }
 
+TEST(SeldomTest, LineIsToldAtOnceAndThenOnceInAnInterval) {
+    constexpr int64_t START = 5;
+    Seldom seldom;
+    EXPECT_TRUE(seldom.MayTell(START));
+    EXPECT_FALSE(seldom.MayTell(START));
+    EXPECT_FALSE(seldom.MayTell(START + Seldom::INTERVAL_US - 1));
+    EXPECT_TRUE(seldom.MayTell(START + Seldom::INTERVAL_US));
+    EXPECT_FALSE(seldom.MayTell(START + Seldom::INTERVAL_US + 1));
+    EXPECT_TRUE(seldom.MayTell(START + 5 * Seldom::INTERVAL_US));
+}
+
 } // namespace tarvo_test
