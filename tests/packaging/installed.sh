@@ -73,12 +73,28 @@ if command -v tarvoctl >/dev/null; then
 else
     sed -i "s:^ExecStart=.*:ExecStart=$PWD/consumer-pc:" tarvo-example.service
 fi
+if dpkg --status tarvo-bridge >/dev/null 2>&1; then
+    getent passwd tarvo-bridge >/dev/null || { echo "the user tarvo-bridge is missing" && exit 1; }
+    getent group tarvo-bridge >/dev/null || { echo "the group tarvo-bridge is missing" && exit 1; }
+    # As it comes it names neither an export nor an import, and nothing else is wrong with it.
+    check=(tarvo-bridge --check --config /etc/tarvo/bridge.conf)
+    ! "${check[@]}" 2>bridge.log || { echo "the bridge has something to do before anybody said what" && exit 1; }
+    [[ $(<bridge.log) == *"there is nothing to do: neither an export nor an import is given" && $(wc -l <bridge.log) == 1 ]] ||
+        { cat bridge.log && exit 1; }
+    runuser -u tarvo-bridge -- "${check[@]}" --export camera >bridge.log 2>&1 || { cat bridge.log && exit 1; }
+    echo "the bridge takes its configuration: $(<bridge.log)"
+fi
+
 if command -v systemd-analyze >/dev/null; then
-    systemd-analyze verify ./tarvo-example.service
-    # From 0 (locked in) to 100 (may do anything); an ordinary service has 96.
-    systemd-analyze security --offline=yes --threshold=20 ./tarvo-example.service >security.log ||
-        { cat security.log && exit 1; }
-    echo "systemd accepts the example of a unit: $(tail -n 1 security.log | sed 's/^[^O]*//')"
+    units=(./tarvo-example.service)
+    ! dpkg --status tarvo-bridge >/dev/null 2>&1 || units+=(/usr/lib/systemd/system/tarvo-bridge.service)
+    for unit in "${units[@]}"; do
+        # Without the option what it warns of is no failure.
+        systemd-analyze verify --recursive-errors=no "$unit"
+        # From 0 (locked in) to 100 (may do anything); an ordinary service has 96.
+        systemd-analyze security --offline=yes --threshold=20 "$unit" >security.log || { cat security.log && exit 1; }
+        echo "systemd accepts ${unit##*/}: $(tail -n 1 security.log | sed 's/^[^O]*//')"
+    done
 fi
 
 # What was asked for twice changes nothing, and what is removed takes nothing from processes that still run.
