@@ -64,6 +64,14 @@ expect_file() {
     grep -qE "$2" <<<"$(dpkg-deb --contents "$1")" || fail "${1##*/} holds nothing like $2"
 }
 
+# Whoever does not use the bridge gets nothing of its DDS.
+expect_no_dds() {
+    local relations
+    [[ ${1##*/} != tarvo-bridge_* ]] || return 0
+    relations=$(dpkg-deb --field "$1" Pre-Depends Depends Recommends Suggests)
+    [[ $relations != *ddsc* && $relations != *cyclonedds* ]] || fail "${1##*/} wants the DDS: $relations"
+}
+
 check_library() {
     local deb=$1 libdir=$2 major=${3%%.*}
     expect_field "$deb" Multi-Arch same
@@ -260,6 +268,7 @@ check() {
     for deb in "$packages"/*.deb; do
         [[ $deb == *_all.deb ]] || expect_field "$deb" Architecture "$arch"
         expect_field "$deb" Version "$version"
+        expect_no_dds "$deb"
     done
     check_library "$packages/libtarvo${version%%.*}_${version}_$arch.deb" "$libdir" "$version"
     check_loop "$packages/libtarvo-loop${version%%.*}_${version}_$arch.deb" "$libdir" "$version"
