@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <memory>
 #include <optional>
 #include <string>
@@ -40,6 +41,12 @@ protected:
                                      "--state-folder", MACHINE_STATE,  "--lease",     "1500"};
         all.insert(all.end(), arguments.begin(), arguments.end());
         return std::make_unique<BridgeProcess>(&machine, all);
+    }
+    // A file with settings of the DDS on a machine, as its bridge finds it.
+    static std::string DdsConfig(const Machine &machine, const std::string &settings) {
+        std::ofstream(machine.SharedMemory() + "/dds.xml")
+            << "<CycloneDDS><Domain Id=\"any\">" << settings << "</Domain></CycloneDDS>";
+        return "/dev/shm/dds.xml";
     }
     // "camera" of the one machine on the other.
     void BridgeCamera() {
