@@ -15,6 +15,7 @@
 #include <cstring>
 #include <filesystem>
 #include <stdexcept>
+#include <utility>
 
 #include "support/Eventually.h"
 
@@ -92,16 +93,26 @@ std::string Holder::Run(const std::string &command) const {
     return output;
 }
 
-Cable::Cable() : holder(CLONE_NEWNET, [] { return true; }) {
+Cable::Cable(std::string addresses, bool hasMulticast)
+    : network(std::move(addresses)), multicast(hasMulticast), holder(CLONE_NEWNET, [] { return true; }) {
     holder.Run("ip link add br0 type bridge mcast_snooping 0 && ip link set br0 up");
 }
 
 Machine::Machine(Cable &cable, const std::string &machineName)
     : name(machineName), holder(CLONE_NEWNET | CLONE_NEWNS, PrepareMachine) {
+    Run("ip link set lo up");
+    address = Join(cable, "eth0");
+}
+
+std::string Machine::Join(Cable &cable, const std::string &interface) const {
     const std::string number = std::to_string(++cable.machines);
-    cable.holder.Run("ip link add p" + number + " type veth peer name eth0 netns " + std::to_string(holder.Pid()) +
-                     " && ip link set p" + number + " master br0 up");
-    Run("ip addr add 10.77.0." + number + "/24 dev eth0 && ip link set lo up && ip link set eth0 up");
+    const std::string port = "p" + number;
+    cable.holder.Run("ip link add " + port + " type veth peer name " + interface + " netns " +
+                     std::to_string(holder.Pid()) + " && ip link set " + port + " master br0 up" +
+                     (cable.multicast ? "" : " && ip link set " + port + " type bridge_slave mcast_flood off"));
+    std::string joined = cable.network + "." + number;
+    Run("ip addr add " + joined + "/24 dev " + interface + " && ip link set " + interface + " up");
+    return joined;
 }
 
 std::function<bool()> Machine::Enter() const {

@@ -43,9 +43,14 @@ class Cable;
 
 class Machine {
 public:
+    // Has the cable on eth0.
     Machine(Cable &cable, const std::string &machineName);
 
     const std::string &Name() const { return name; }
+    // Puts another cable on another interface. Returns the address there.
+    std::string Join(Cable &cable, const std::string &interface) const;
+    // Its address on the first.
+    const std::string &Address() const { return address; }
     // Puts the calling process on this machine: between fork and exec.
     std::function<bool()> Enter() const;
     bool Has(const std::string &fifo) const;
@@ -65,15 +70,19 @@ public:
 private:
     const std::string name;
     Holder holder;
+    std::string address;
 };
 
 // The switch that machines are plugged into.
 class Cable {
 public:
-    Cable();
+    // Its machines have addresses that begin with these three numbers. One without multicast lets through the rest.
+    explicit Cable(std::string addresses = "10.77.0", bool hasMulticast = true);
 
 private:
     friend class Machine;
+    const std::string network;
+    const bool multicast;
     Holder holder;
     int machines = 0;
 };

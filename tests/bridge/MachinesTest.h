@@ -36,8 +36,9 @@ protected:
         }
     }
 
-    static std::unique_ptr<BridgeProcess> Bridge(const Machine &machine, const std::vector<std::string> &arguments) {
-        std::vector<std::string> all{"--machine",      machine.Name(), "--interface", "eth0",
+    static std::unique_ptr<BridgeProcess> Bridge(const Machine &machine, const std::vector<std::string> &arguments,
+                                                 const std::string &interface = "eth0") {
+        std::vector<std::string> all{"--machine",      machine.Name(), "--interface", interface,
                                      "--state-folder", MACHINE_STATE,  "--lease",     "1500"};
         all.insert(all.end(), arguments.begin(), arguments.end());
         return std::make_unique<BridgeProcess>(&machine, all);
