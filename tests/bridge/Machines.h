@@ -81,10 +81,26 @@ public:
 
 private:
     friend class Machine;
+    friend class Tap;
     const std::string network;
     const bool multicast;
     Holder holder;
     int machines = 0;
+};
+
+// Hears all that a cable carries.
+class Tap {
+public:
+    explicit Tap(const Cable &cable);
+    ~Tap();
+    Tap(const Tap &) = delete;
+    Tap &operator=(const Tap &) = delete;
+
+    // All packets since the last time, one behind the other.
+    std::string Heard() const;
+
+private:
+    int socketFd = -1;
 };
 
 // A bridge on a machine.
