@@ -192,6 +192,45 @@ TEST_F(CoreTest, TwoMachinesOfOneNameAreToldOnceByWhoeverSeesThem) {
     EXPECT_TRUE(importer->bridge.Look().imports.front().offered);
 }
 
+TEST_F(CoreTest, BridgeOfAnotherVersionIsToldOfAndLeftAlone) {
+    StartBoth();
+    OpenClient("viewer");
+    testing::internal::CaptureStderr();
+    Announcement older = Told(9, "a", {"camera"});
+    older.version = PROTOCOL_VERSION - 1;
+    Announcement newer = Told(10, "attic", {"camera"});
+    newer.version = PROTOCOL_VERSION + 1;
+    for (const Announcement &other : {older, newer}) {
+        importer->bridge.OnAnnounced(other);
+        Bundle greeting;
+        greeting.from = other.run;
+        greeting.to = 2;
+        greeting.mine = 1;
+        cables.Inject(greeting);
+    }
+    cables.fate = [](const Bundle &bundle) {
+        EXPECT_LT(bundle.to, 9U) << "something is sent to it";
+        return Fate::ARRIVES;
+    };
+    Pass(10 * LEASE_MS);
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(Count(said, "the bridge of machine 'a' speaks version 0, this one 1; it is left alone"), 1U) << said;
+    EXPECT_EQ(Count(said, "the bridge of machine 'attic' speaks version 2, this one 1; it is left alone"), 1U) << said;
+    EXPECT_EQ(Count(said, "\n"), 2U) << said;
+    EXPECT_EQ(importer->bridge.Look().peers.size(), 1U);
+    EXPECT_EQ(importer->bridge.Look().imports.front().carriedBy, "front");
+    // Nor does its end take anything.
+    importer->bridge.OnRunLost(9);
+    importer->bridge.OnRunLost(10);
+    Send(importer->machine.pipes.back(), "still");
+    Settle();
+    EXPECT_EQ(exporter->machine.pipes.back().written, std::vector<std::string>({"still"}));
+    // When nobody else carries the name it is not offered.
+    exporter->bridge.OnServer("camera", false);
+    Settle();
+    EXPECT_EQ(importer->machine.offered.count("camera"), 0U);
+}
+
 TEST_F(CoreTest, RestartedBridgeIsNoSecondMachine) {
     importer = &Start(2, "rear", {}, {{"camera", "", "camera"}});
     Start(0x11, "front", {"camera"}, {}).bridge.OnServer("camera", true);
