@@ -297,6 +297,26 @@ std::string Start(const Command &command) {
     return "0";
 }
 
+// Calls until one fails, over and over; prints how many were answered rightly, and the failure.
+void CallAgain(const Command &command, int count) {
+    Begin(command, [command, count](const std::string &result) {
+        const std::string tag = command.Text("tag");
+        if (result != "0 " + Digest(command.Payload())) {
+            PrintEvent("stopped tag=" + tag + " count=" + std::to_string(count) + " result=" + result);
+            return;
+        }
+        if (count == 0) {
+            PrintEvent("calling tag=" + tag);
+        }
+        CallAgain(command, count + 1);
+    });
+}
+
+std::string CallOn(const Command &command) {
+    CallAgain(command, 0);
+    return "0";
+}
+
 std::string Close(const Command &command) {
     const auto found = links.find(command.Number("fd"));
     if (found != links.end()) {
@@ -308,8 +328,8 @@ std::string Close(const Command &command) {
 
 std::string Obey(const Command &command) {
     static const auto *const words = new std::map<std::string, std::string (*)(const Command &)>{
-        {"open", Open},       {"client", Client}, {"serve", Serve}, {"send", Send},   {"fillup", FillUp},
-        {"respond", Respond}, {"call", CallOut},  {"start", Start}, {"close", Close},
+        {"open", Open},       {"client", Client}, {"serve", Serve}, {"send", Send},     {"fillup", FillUp},
+        {"respond", Respond}, {"call", CallOut},  {"start", Start}, {"callon", CallOn}, {"close", Close},
     };
     const auto word = words->find(command.Word());
     return word == words->end() ? "usage" : word->second(command);
