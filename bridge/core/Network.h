@@ -31,8 +31,8 @@ public:
 
     // Takes the place of what was announced before. False: try again.
     virtual bool Announce(const Announcement &announcement) = 0;
-    // From now on bundles go to this run. May be called again.
-    virtual void Connect(RunId run) = 0;
+    // From now on bundles go to this run. May be called again. False: try again.
+    virtual bool Connect(RunId run) = 0;
     virtual void Disconnect(RunId run) = 0;
     // False: there is no room now, try again. What is taken may still be lost.
     virtual bool Send(const Bundle &bundle) = 0;

@@ -29,10 +29,8 @@ PeerLink::~PeerLink() {
 }
 
 void PeerLink::Connect() {
-    if (!connected) {
-        network.Connect(ends.peer);
-        connected = true;
-    }
+    // What refuses is asked again with the next greeting.
+    connected = connected || network.Connect(ends.peer);
 }
 
 void PeerLink::Begin(int64_t now) {

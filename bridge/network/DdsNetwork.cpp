@@ -245,17 +245,22 @@ bool DdsNetwork::Announce(const Announcement &announcement) {
     return ret == 0;
 }
 
-void DdsNetwork::Connect(RunId run) {
+bool DdsNetwork::Connect(RunId run) {
     if (outlets.find(run) != outlets.end()) {
-        return;
+        return true;
     }
     Outlet outlet{};
     outlet.publisher = dds_create_publisher(participant, PartitionQos(run).get(), nullptr);
     outlet.writer = dds_create_writer(outlet.publisher, bundleTopic, BundleQos().get(), nullptr);
     if (outlet.writer < 0) {
-        Say(Level::ERROR, "the DDS refuses a link: {}", dds_strretcode(outlet.writer));
+        if (refusedLinks.MayTell(Now())) {
+            Say(Level::ERROR, "the DDS refuses a link: {}; it is tried again", dds_strretcode(outlet.writer));
+        }
+        dds_delete(outlet.publisher);
+        return false;
     }
     outlets.emplace(run, outlet);
+    return true;
 }
 
 void DdsNetwork::Disconnect(RunId run) {

@@ -36,7 +36,7 @@ public:
     void SetTaker(BundleTaker *bundleTaker) override;
 
     bool Announce(const Announcement &announcement) override;
-    void Connect(RunId run) override;
+    bool Connect(RunId run) override;
     void Disconnect(RunId run) override;
     bool Send(const Bundle &bundle) override;
 
@@ -66,6 +66,7 @@ private:
     std::unordered_map<RunId, Outlet> outlets;
     BundleSample sample;
     Seldom strangers; // for one thread at a time, as PollBundles()
+    Seldom refusedLinks;
 };
 
 } // namespace tarvo_bridge

@@ -104,6 +104,18 @@ TEST_F(CoreTest, WhatTheNetworkDidNotTakeIsAnnouncedAgain) {
     EXPECT_EQ(importer->machine.offered.count("camera"), 1U);
 }
 
+TEST_F(CoreTest, LinkThatTheNetworkRefusedIsTriedAgain) {
+    exporter = &Start(1, "front", {"camera"}, {});
+    cables.takesLinks = false;
+    importer = &Start(2, "rear", {}, {{"camera", "", "camera"}});
+    exporter->bridge.OnServer("camera", true);
+    Settle();
+    EXPECT_EQ(importer->machine.offered.count("camera"), 0U);
+    cables.takesLinks = true;
+    Pass(1000);
+    EXPECT_EQ(importer->machine.offered.count("camera"), 1U);
+}
+
 TEST_F(CoreTest, NetworkThatTakesNothingStopsClientsBeforeMemoryIsFull) {
     window = 4096;
     StartBoth();

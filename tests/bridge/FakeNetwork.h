@@ -38,6 +38,7 @@ public:
     std::function<Fate(const Bundle &)> fate = [](const Bundle &) { return Fate::ARRIVES; };
     // Whether Send() finds room.
     std::function<bool()> room = [] { return true; };
+    bool takesLinks = true;
     // Told when something waits.
     std::function<void()> news = [] {};
 
@@ -61,7 +62,12 @@ public:
     void SetListener(Listener *networkListener) { listener = networkListener; }
 
     bool Announce(const tarvo_bridge::Announcement &announcement) override;
-    void Connect(RunId peer) override { connected[peer] = true; }
+    bool Connect(RunId peer) override {
+        if (cables.takesLinks) {
+            connected[peer] = true;
+        }
+        return cables.takesLinks;
+    }
     void Disconnect(RunId peer) override { connected.erase(peer); }
     bool Send(const tarvo_bridge::Bundle &bundle) override;
 

@@ -29,7 +29,7 @@ struct LinkSide final : Network, PeerLink::Listener {
     LinkSide(RunId self, RunId peer) : link({self, peer}, LEASE_MS, beginnings, *this, *this) {}
 
     bool Announce(const Announcement &) override { return true; }
-    void Connect(RunId) override { ++connects; }
+    bool Connect(RunId) override { return ++connects > 0; }
     void Disconnect(RunId) override { ++disconnects; }
     bool Send(const Bundle &bundle) override {
         if (!hasRoom) {

@@ -43,7 +43,10 @@ public:
         peer->Put(announcement);
         return true;
     }
-    void Connect(tarvo_bridge::RunId /*run*/) override { MustNotBeTheCarrier(); }
+    bool Connect(tarvo_bridge::RunId /*run*/) override {
+        MustNotBeTheCarrier();
+        return true;
+    }
     void Disconnect(tarvo_bridge::RunId /*run*/) override { MustNotBeTheCarrier(); }
     bool Send(const tarvo_bridge::Bundle &bundle) override {
         peer->Put(bundle);
