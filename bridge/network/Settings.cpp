@@ -28,15 +28,17 @@ std::string Escaped(const std::string &text) {
     return escaped;
 }
 
-std::string InterfacesOf(const Settings &settings) {
-    if (settings.interfaces.empty()) {
-        return "";
-    }
+std::string GeneralOf(const Settings &settings) {
     std::string all;
     for (const std::string &name : settings.interfaces) {
         all += fmt::format("<NetworkInterface name=\"{}\"/>", Escaped(name));
     }
-    return "<General><Interfaces>" + all + "</Interfaces></General>";
+    std::string general = all.empty() ? "" : "<Interfaces>" + all + "</Interfaces>";
+    if (!settings.peers.empty()) {
+        // What is for several goes to each by itself: some may be where multicast does not get.
+        general += "<AllowMulticast>spdp</AllowMulticast>";
+    }
+    return general.empty() ? "" : "<General>" + general + "</General>";
 }
 
 std::string PeersOf(const Settings &settings) {
@@ -91,7 +93,7 @@ std::string DdsConfiguration(const Settings &settings, const std::string &plugin
                     Escaped(settings.tag), PeersOf(settings), settings.leaseMs, settings.leaseMs / 3);
     // What a link that ends has not been acknowledged for is for nobody, and the bridge's one thread would wait for it.
     const char *const internal = "<Internal><WriterLingerDuration>0 s</WriterLingerDuration></Internal>";
-    std::string configuration = "<Domain Id=\"any\">" + InterfacesOf(settings) + discovery + internal +
+    std::string configuration = "<Domain Id=\"any\">" + GeneralOf(settings) + discovery + internal +
                                 SecurityOf(settings, pluginFolder) + "</Domain>";
     if (!settings.ddsConfig.empty()) {
         configuration += ",file://" + settings.ddsConfig;

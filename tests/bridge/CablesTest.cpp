@@ -45,7 +45,7 @@ TEST_F(CablesTest, BridgeSpeaksOnTheInterfaceThatItIsToldOnly) {
     ExpectAnswer(*rear);
 }
 
-// On a cable that carries none, with bridges that are told to use none. The one that nobody asks for is there before
+// On a cable that carries none. The one that nobody asks for is there before
 // those that are found.
 TEST_F(CablesTest, PeersFindEachOtherWithoutMulticast) {
     Cable second("10.78.0", false);
@@ -53,17 +53,12 @@ TEST_F(CablesTest, PeersFindEachOtherWithoutMulticast) {
     const Machine cellar(second, "cellar");
     const Machine shed(second, "shed");
     const Machine yard(second, "yard");
-    const auto bridge = [](const Machine &machine, std::vector<std::string> arguments) {
-        const std::string config = DdsConfig(machine, "<General><AllowMulticast>false</AllowMulticast></General>");
-        arguments.insert(arguments.end(), {"--dds-config", config});
-        return Bridge(machine, arguments);
-    };
     const auto server = Program(attic);
     ASSERT_EQ(server->AskInt("serve self=camera callback=echo"), 0);
-    const auto unasked = bridge(yard, {"--import", "camera"});
-    const auto atCellar = bridge(cellar, {"--import", "camera", "--peer", attic.Address()});
-    const auto atShed = bridge(shed, {"--import", "camera", "--peer", attic.Address()});
-    const auto atAttic = bridge(attic, {"--export", "camera", "--peer", cellar.Address(), "--peer", shed.Address()});
+    const auto unasked = Bridge(yard, {"--import", "camera"});
+    const auto atCellar = Bridge(cellar, {"--import", "camera", "--peer", attic.Address()});
+    const auto atShed = Bridge(shed, {"--import", "camera", "--peer", attic.Address()});
+    const auto atAttic = Bridge(attic, {"--export", "camera", "--peer", cellar.Address(), "--peer", shed.Address()});
     ExpectAnswer(cellar);
     ExpectAnswer(shed);
     EXPECT_FALSE(yard.Serves("camera"));
