@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -126,6 +127,7 @@ private:
     bool announced = false;
     std::map<std::string, bool> servers; // the exports, and whether each lives
     std::vector<Import> imports;
+    std::set<RunId> otherVersions; // of the protocol: bridges that are left alone
     Roster peers;
 };
 

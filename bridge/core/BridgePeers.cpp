@@ -11,8 +11,11 @@ void Bridge::OnAnnounced(const Announcement &announcement) {
         return;
     }
     if (announcement.version != PROTOCOL_VERSION) {
-        Say(Level::WARNING, "the bridge of machine '{}' speaks version {}, this one {}; it is left alone",
-            announcement.machine, announcement.version, PROTOCOL_VERSION);
+        // Each of them once, as many as could be peers.
+        if (otherVersions.size() < Roster::MOST_PEERS && otherVersions.insert(announcement.run).second) {
+            Say(Level::WARNING, "the bridge of machine '{}' speaks version {}, this one {}; it is left alone",
+                announcement.machine, announcement.version, PROTOCOL_VERSION);
+        }
         return;
     }
     Peer *const peer = peers.Meet(announcement);
@@ -42,6 +45,7 @@ void Bridge::Welcome(Peer &peer) {
 }
 
 void Bridge::OnRunLost(RunId run) {
+    otherVersions.erase(run);
     Peer *const peer = peers.Find(run);
     if (peer == nullptr || peer->IsLost()) {
         return;

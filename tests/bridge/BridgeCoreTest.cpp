@@ -212,7 +212,7 @@ TEST_F(CoreTest, BridgeOfAnotherVersionIsToldOfAndLeftAlone) {
     older.version = PROTOCOL_VERSION - 1;
     Announcement newer = Told(10, "attic", {"camera"});
     newer.version = PROTOCOL_VERSION + 1;
-    for (const Announcement &other : {older, newer}) {
+    for (const Announcement &other : {older, newer, older, newer}) {
         importer->bridge.OnAnnounced(other);
         Bundle greeting;
         greeting.from = other.run;
