@@ -163,6 +163,7 @@ TEST_F(MachinesTest, NetworkThatComesBackIsUsedAgain) {
     };
     std::vector<Silence> silences{{&*rear, 1}, {&*rear, 3}, {&*front, 3}};
     if (StressRounds(0) > 0) {
+        silences.push_back({&*rear, 5});
         silences.push_back({&*rear, 30});
     }
     for (const auto &[machine, seconds] : silences) {
