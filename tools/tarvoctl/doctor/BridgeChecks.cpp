@@ -10,7 +10,7 @@
 namespace tarvoctl {
 namespace {
 
-constexpr char CHECK[] = "bridge";
+constexpr char BRIDGE[] = "bridge";
 
 // Where its server file cannot be made.
 std::string RemedyOf(const BridgedName &name) {
@@ -44,25 +44,25 @@ std::string RemedyOf(const BridgedName &name) {
 void CheckName(const BridgedName &name, Findings &findings) {
     if (name.works) {
         const std::string way = name.exported ? "exported" : "offered, carried by machine " + name.carrier;
-        findings.push_back({Level::OK, CHECK, fmt::format("'{}' is {}", name.name, way), ""});
+        findings.push_back({Level::OK, BRIDGE, fmt::format("'{}' is {}", name.name, way), ""});
     } else if (name.exported) {
         findings.push_back(
-            {Level::NOTE, CHECK,
+            {Level::NOTE, BRIDGE,
              fmt::format("'{}' is to be exported by process {}, but has no server", name.name, name.bridge),
              "start its server"});
     } else if (name.refused != 0) {
-        findings.push_back({Level::WARNING, CHECK,
+        findings.push_back({Level::WARNING, BRIDGE,
                             fmt::format("'{}' of machine {} cannot be offered here: {}", name.remote, name.carrier,
                                         std::strerror(-name.refused)),
                             RemedyOf(name)});
     } else if (!name.carrier.empty()) {
-        findings.push_back({Level::WARNING, CHECK,
+        findings.push_back({Level::WARNING, BRIDGE,
                             fmt::format("'{}' is imported by process {}, but its link to machine {}, which carries "
                                         "'{}', is down",
                                         name.name, name.bridge, name.carrier, name.remote),
                             "see what is found of that link"});
     } else {
-        findings.push_back({Level::WARNING, CHECK,
+        findings.push_back({Level::WARNING, BRIDGE,
                             fmt::format("'{}' is imported by process {}, but no machine carries '{}'", name.name,
                                         name.bridge, name.remote),
                             "see whether the other machine's bridge runs and its server lives: docs/bridge.md"});
@@ -71,12 +71,12 @@ void CheckName(const BridgedName &name, Findings &findings) {
 
 void CheckLink(const BridgeLink &link, Findings &findings) {
     if (link.up) {
-        findings.push_back({Level::OK, CHECK,
+        findings.push_back({Level::OK, BRIDGE,
                             fmt::format("the link of process {} to machine {} is up, with {} sessions", link.bridge,
                                         link.machine, link.sessions),
                             ""});
     } else if (link.wanted) {
-        findings.push_back({Level::WARNING, CHECK,
+        findings.push_back({Level::WARNING, BRIDGE,
                             fmt::format("the link of process {} to machine {} is down: no client gets through",
                                         link.bridge, link.machine),
                             "it comes up when both bridges hear each other: see the log of each, and docs/bridge.md"});
@@ -85,11 +85,11 @@ void CheckLink(const BridgeLink &link, Findings &findings) {
 
 void CheckDead(const DeadBridge &dead, Findings &findings) {
     if (dead.sure) {
-        findings.push_back({Level::WARNING, CHECK,
+        findings.push_back({Level::WARNING, BRIDGE,
                             fmt::format("the bridge of process {} is dead, its file is left behind", dead.bridge),
                             fmt::format("start it again if it is needed; rm {}", dead.file)});
     } else {
-        findings.push_back({Level::NOTE, CHECK,
+        findings.push_back({Level::NOTE, BRIDGE,
                             fmt::format("the bridge of process {} is dead, or outside of this pid namespace; its file "
                                         "is there",
                                         dead.bridge),
