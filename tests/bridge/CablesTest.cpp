@@ -45,8 +45,7 @@ TEST_F(CablesTest, BridgeSpeaksOnTheInterfaceThatItIsToldOnly) {
     ExpectAnswer(*rear);
 }
 
-// On a cable that carries none. The one that nobody asks for is there before
-// those that are found.
+// On a cable that carries none. The one that nobody asks for is there before those that are found.
 TEST_F(CablesTest, PeersFindEachOtherWithoutMulticast) {
     Cable second("10.78.0", false);
     const Machine attic(second, "attic");
