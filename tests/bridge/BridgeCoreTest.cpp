@@ -83,7 +83,7 @@ TEST_F(CoreTest, SessionsOfOneMachineAreBoundedOnBothSidesAndItIsSaidOnce) {
     EXPECT_EQ(importer->bridge.Look().peers.front().sessions, 2U);
     EXPECT_EQ(exporter->machine.pipes.size(), 2U);
     const std::string said = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(Count(said, "2 pipes of this machine go to machine 'front'; one more is refused"), 1U) << said;
+    EXPECT_EQ(CountOf(said, "2 pipes of this machine go to machine 'front'; one more is refused"), 1U) << said;
     // One that ends makes room for the next.
     exporter->machine.pipes.front().listener->OnPipeFailed(-1);
     Settle();
@@ -173,7 +173,7 @@ TEST_F(CoreTest, OtherMachinesSessionsAreBoundedAndItIsSaidOnce) {
     EXPECT_EQ(exporter->machine.pipes.size(), 2U);
     EXPECT_EQ(importer->bridge.Look().peers.front().sessions, 2U) << "the others were told";
     const std::string said = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(Count(said, "machine 'rear' has 2 pipes through this bridge; one more is refused"), 1U) << said;
+    EXPECT_EQ(CountOf(said, "machine 'rear' has 2 pipes through this bridge; one more is refused"), 1U) << said;
 }
 
 TEST_F(CoreTest, TwoMachinesOfOneNameAreToldOnceByWhoeverSeesThem) {
@@ -193,9 +193,9 @@ TEST_F(CoreTest, TwoMachinesOfOneNameAreToldOnceByWhoeverSeesThem) {
     }
     Pass(10 * LEASE_MS);
     const std::string said = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(Count(said, "runs 0000000000000011 and 0000000000000022; only the second is used"), 1U) << said;
-    EXPECT_EQ(Count(said, "calls its machine 'front' too and has names of this one: run 0000000000000022"), 1U);
-    EXPECT_EQ(Count(said, "calls its machine 'front' too and has names of this one: run 0000000000000011"), 1U);
+    EXPECT_EQ(CountOf(said, "runs 0000000000000011 and 0000000000000022; only the second is used"), 1U) << said;
+    EXPECT_EQ(CountOf(said, "calls its machine 'front' too and has names of this one: run 0000000000000022"), 1U);
+    EXPECT_EQ(CountOf(said, "calls its machine 'front' too and has names of this one: run 0000000000000011"), 1U);
     // When the later one goes, the other is used.
     cables.Unplug(0x22);
     cables.Bury(0x22);
@@ -226,9 +226,10 @@ TEST_F(CoreTest, BridgeOfAnotherVersionIsToldOfAndLeftAlone) {
     };
     Pass(10 * LEASE_MS);
     const std::string said = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(Count(said, "the bridge of machine 'a' speaks version 0, this one 1; it is left alone"), 1U) << said;
-    EXPECT_EQ(Count(said, "the bridge of machine 'attic' speaks version 2, this one 1; it is left alone"), 1U) << said;
-    EXPECT_EQ(Count(said, "\n"), 2U) << said;
+    EXPECT_EQ(CountOf(said, "the bridge of machine 'a' speaks version 0, this one 1; it is left alone"), 1U) << said;
+    EXPECT_EQ(CountOf(said, "the bridge of machine 'attic' speaks version 2, this one 1; it is left alone"), 1U)
+        << said;
+    EXPECT_EQ(CountOf(said, "\n"), 2U) << said;
     EXPECT_EQ(importer->bridge.Look().peers.size(), 1U);
     EXPECT_EQ(importer->bridge.Look().imports.front().carriedBy, "front");
     // Nor does its end take anything.
@@ -256,7 +257,7 @@ TEST_F(CoreTest, RestartedBridgeIsNoSecondMachine) {
     cables.Bury(0x11);
     Pass(10 * LEASE_MS);
     const std::string said = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(Count(said, "call"), 0U) << said;
+    EXPECT_EQ(CountOf(said, "call"), 0U) << said;
     EXPECT_TRUE(importer->bridge.Look().imports.front().offered);
 }
 
@@ -277,7 +278,7 @@ TEST_F(CoreTest, FloodOfBridgesIsToldOnceAndTakesNoMoreMemory) {
     EXPECT_LE(mallinfo2().uordblks, before + 1000000);
     EXPECT_EQ(present, 256U);
     const std::string said = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(Count(said, "there are 256 other bridges on the network"), 1U) << said.substr(0, 2000);
+    EXPECT_EQ(CountOf(said, "there are 256 other bridges on the network"), 1U) << said.substr(0, 2000);
     Send(importer->machine.pipes.back(), "still");
     Settle();
     EXPECT_EQ(exporter->machine.pipes.back().written, std::vector<std::string>({"still"}));

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "bridge/CoreParts.h"
+#include "support/CountOf.h"
 
 namespace tarvo_test {
 
@@ -49,13 +50,6 @@ protected:
         Settle();
     }
     static void Send(CorePipe &pipe, const std::string &text) { pipe.listener->OnPipeFrame({1, 0, -1, text}); }
-    static std::size_t Count(const std::string &text, const std::string &part) {
-        std::size_t count = 0;
-        for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
-            ++count;
-        }
-        return count;
-    }
     // What somebody tells all of itself who has no bridge here.
     static tarvo_bridge::Announcement Told(RunId run, const std::string &machine,
                                            const std::vector<std::string> &services) {

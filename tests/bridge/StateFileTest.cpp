@@ -47,7 +47,7 @@ protected:
     }
     // How often it is said.
     static std::size_t Complaints(const std::string &why) {
-        return Count(testing::internal::GetCapturedStderr(), "' cannot be written: " + why + "; it is tried again\n");
+        return CountOf(testing::internal::GetCapturedStderr(), "' cannot be written: " + why + "; it is tried again\n");
     }
     std::size_t Files() const {
         return static_cast<std::size_t>(std::distance(std::filesystem::directory_iterator(folder), {}));

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "bridge/MachinesTest.h"
+#include "support/CountOf.h"
 #include "support/Eventually.h"
 #include "support/Rounds.h"
 #include "system/SystemTest.h"
@@ -20,13 +21,6 @@ protected:
     static std::string RunOf(const BridgeProcess &bridge) {
         const std::string log = bridge.Log();
         return log.substr(log.find(", run ") + 6, 16);
-    }
-    static int Count(const std::string &text, const std::string &part) {
-        int count = 0;
-        for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) {
-            ++count;
-        }
-        return count;
     }
 };
 
@@ -70,12 +64,12 @@ TEST_F(StrangerTest, GarbageOnTheNetworkDisturbsNoCallAndFillsNoLog) {
     for (const auto *const bridge : {&exporter, &importer}) {
         const std::string log = (*bridge)->Log();
         const std::string other = bridge == &exporter ? "'rear'" : "'front'";
-        EXPECT_EQ(Count(log, "link to machine " + other + " is up"), 1);
-        EXPECT_EQ(Count(log, "link to machine " + other + " is down"), 0);
-        EXPECT_EQ(Count(log, "the bridge of machine " + other + " is gone"), 0) << log;
-        EXPECT_EQ(Count(log, "\x1b") + Count(log, "../"), 0) << log;
-        EXPECT_GT(Count(log, "the bridge of machine 'n"), 0) << "it is heard where it speaks as one does";
-        EXPECT_LE(Count(log, UNHEARD), 1 + seconds / 10);
+        EXPECT_EQ(CountOf(log, "link to machine " + other + " is up"), 1U);
+        EXPECT_EQ(CountOf(log, "link to machine " + other + " is down"), 0U);
+        EXPECT_EQ(CountOf(log, "the bridge of machine " + other + " is gone"), 0U) << log;
+        EXPECT_EQ(CountOf(log, "\x1b") + CountOf(log, "../"), 0U) << log;
+        EXPECT_GT(CountOf(log, "the bridge of machine 'n"), 0U) << "it is heard where it speaks as one does";
+        EXPECT_LE(CountOf(log, UNHEARD), 1 + static_cast<std::size_t>(seconds) / 10);
     }
     EXPECT_EQ(importer->Quit(), 0) << importer->Log();
     EXPECT_EQ(exporter->Quit(), 0) << exporter->Log();

@@ -15,18 +15,12 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "support/CountOf.h"
+
 namespace tarvo_test {
 namespace {
 
 constexpr int LIMIT_MS = 60000;
-
-std::size_t CountOf(const std::string &text, const std::string &part) {
-    std::size_t count = 0;
-    for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) {
-        ++count;
-    }
-    return count;
-}
 
 // Appends what is there to `text`, and closes the descriptor at its end.
 void ReadInto(int &fd, std::string &text) {
